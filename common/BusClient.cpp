@@ -1,0 +1,59 @@
+#include "common/BusClient.h"
+
+#include "common/LogLine.h"
+
+namespace Common {
+
+namespace {
+
+std::unique_ptr<sdbus::IConnection> connect(Bus bus) {
+    return bus == Bus::Session ? sdbus::createSessionBusConnection() : sdbus::createSystemBusConnection();
+}
+
+// Everything that leaves a handler would cross the bus library's C frames.
+void guarded(const std::string& signal, const std::function<void(sdbus::Signal&)>& handler,
+             sdbus::Signal& message) noexcept {
+    try {
+        handler(message);
+    } catch (const std::exception& error) {
+        logFailure(LogLevel::Error, "couldn't handle signal: " + signal, error);
+    } catch (...) {
+        logError() << "couldn't handle signal: " << signal;
+    }
+}
+
+} // namespace
+
+BusClient::BusClient(BusEndpoint endpoint)
+    : endpoint_(std::move(endpoint))
+    , connection_(connect(endpoint_.bus))
+    , proxy_(sdbus::createProxy(*connection_, endpoint_.service, endpoint_.objectPath)) {}
+
+BusClient::~BusClient() {
+    if (loop_.joinable()) {
+        connection_->leaveEventLoop();
+        loop_.join();
+    }
+    proxy_->unregister();
+}
+
+void BusClient::start(std::vector<BusSubscription> subscriptions) {
+    for (auto& subscription : subscriptions) {
+        proxy_->registerSignalHandler(endpoint_.interface, subscription.signal,
+                                      [subscription](sdbus::Signal& message) {
+                                          guarded(subscription.signal, subscription.handler, message);
+                                      });
+    }
+    proxy_->finishRegistration();
+    loop_ = std::thread([this] { runLoop(); });
+}
+
+void BusClient::runLoop() noexcept {
+    try {
+        connection_->enterEventLoop();
+    } catch (const std::exception& error) {
+        logError() << "lost the connection to " << endpoint_.service << ": " << error;
+    }
+}
+
+} // namespace Common

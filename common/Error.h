@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace Common {
+
+/// What went wrong, as clients see it in an operation's error code. The numbers are part of the bus
+/// interface; 12 is unassigned and stays so.
+enum class ErrorCode : std::uint32_t {
+    None = 0,
+    Filesystem = 1,
+    Internal = 2,
+    FileNotFound = 3,
+    BadPackage = 4,
+    BadPackageID = 5,
+    BadPackageArchitecture = 6,
+    BadPackageSignature = 7,
+    DowngradeAttempt = 8,
+    UpgradeAlreadyPrepared = 9,
+    PackageNotExist = 10,
+    CorruptedInstalledPackage = 11,
+    UnauthorizedAccess = 13,
+    SystemPackageInstallationAttempt = 14,
+    PackagesWithoutSourceNotAllowed = 15,
+    SourceRejectedByAdministrator = 16,
+    UserNotAuthorizedToManageTrustedSources = 17,
+};
+
+/// The one exception type of the program: a code and a text for the log. Bus errors are made from it, and it
+/// from them, only at the edges.
+class Error : public std::runtime_error {
+public:
+    Error(ErrorCode code, const std::string& message)
+        : std::runtime_error(message)
+        , code_(code) {}
+
+    [[nodiscard]] ErrorCode code() const noexcept { return code_; }
+
+private:
+    ErrorCode code_;
+};
+
+/// The code that a package manager error name stands for. Any thread.
+/// @param name  whole D-Bus error name, compared exactly
+/// @return None for an empty name, Internal for a name that is not in the table
+[[nodiscard]] ErrorCode errorCodeOf(std::string_view name) noexcept;
+
+/// The package manager error name for a code, the inverse of errorCodeOf(). Any thread.
+/// @return the name; Internal's for a code without a row
+[[nodiscard]] std::string errorNameOf(ErrorCode code);
+
+} // namespace Common

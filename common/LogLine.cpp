@@ -1,0 +1,74 @@
+#include "common/LogLine.h"
+
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+
+namespace Common {
+
+namespace {
+
+std::string_view prefixOf(LogLevel level) {
+    switch (level) {
+    case LogLevel::Info:
+        return "INFO: ";
+    case LogLevel::Warning:
+        return "WARN: ";
+    case LogLevel::Error:
+        return "ERROR: ";
+    }
+    return "";
+}
+
+void appendEscaped(std::string& line, std::string_view text) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte < 0x20 || byte == 0x7f) {
+            line += {'\\', 'x', digits[byte >> 4U], digits[byte & 0xfU]};
+        } else {
+            line += character;
+        }
+    }
+}
+
+} // namespace
+
+LogLine::~LogLine() {
+    if (endWithNewline_) {
+        line_ += '\n';
+    }
+    // The stream is unbuffered: one write() of it is one write(2).
+    std::cerr.write(line_.data(), static_cast<std::streamsize>(line_.size()));
+}
+
+LogLine& LogLine::operator<<(std::string_view text) {
+    if (prefixPending_) {
+        line_ += prefixOf(level_);
+        prefixPending_ = false;
+    }
+    appendEscaped(line_, text);
+    return *this;
+}
+
+LogLine& LogLine::operator<<(const std::exception& error) {
+    const char* text = error.what();
+    if (text == nullptr) {
+        std::cerr.setstate(std::ios::badbit);
+        return *this;
+    }
+    return *this << std::string_view(text);
+}
+
+void logFailure(LogLevel level, std::string_view words, const std::exception& error) {
+    LogLine(level) << words;
+    LogLine(level) << error;
+}
+
+std::string quoted(const std::filesystem::path& path) {
+    std::ostringstream text;
+    text << std::quoted(path.native());
+    return text.str();
+}
+
+} // namespace Common

@@ -1,0 +1,64 @@
+#include "common/rpm/Reader.h"
+
+#include "common/Error.h"
+#include "common/UniqueFd.h"
+#include "common/rpm/Transaction.h"
+
+#include <rpm/header.h>
+#include <rpm/rpmtd.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace Common::Rpm {
+
+namespace {
+
+std::shared_ptr<std::remove_pointer_t<FD_t>> openPackageFile(const std::string& path) {
+    // The descriptor is checked, not the path, and O_NONBLOCK keeps a FIFO from waiting for its writer.
+    const UniqueFd descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (!descriptor || path.find('\0') != std::string::npos || fstat(descriptor.get(), &status) != 0 ||
+        !S_ISREG(status.st_mode)) {
+        throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
+    }
+    std::shared_ptr<std::remove_pointer_t<FD_t>> file(fdDup(descriptor.get()), Fclose);
+    if (!file) {
+        throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
+    }
+    return file;
+}
+
+void freeTagData(rpmtd container) {
+    rpmtdFreeData(container);
+    rpmtdFree(container);
+}
+
+} // namespace
+
+Reader::Reader(const std::string& path) {
+    file_ = openPackageFile(path);
+    const Transaction transaction; // loads the configuration that the read needs
+    Header header = nullptr;
+    const auto result = rpmReadPackageFile(transaction.get(), file_.get(), path.c_str(), &header);
+    header_ = {header, headerFree};
+    if (result != RPMRC_OK || !header_) {
+        throw Error(ErrorCode::BadPackage, "couldn't read rpm package");
+    }
+}
+
+Reader::Reader(Header header)
+    : header_(header, headerFree) {}
+
+std::string Reader::getStringTag(rpmTag tag) const {
+    const std::shared_ptr<std::remove_pointer_t<rpmtd>> container(rpmtdNew(), freeTagData);
+    if (headerGet(header_.get(), tag, container.get(), HEADERGET_EXT) != 0) {
+        if (const char* text = rpmtdGetString(container.get())) {
+            return text;
+        }
+    }
+    throw Error(ErrorCode::BadPackage,
+                "couldn't retrieve rpm tag from package (type=" + std::to_string(tag) + ")");
+}
+
+} // namespace Common::Rpm

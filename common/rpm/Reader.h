@@ -1,0 +1,39 @@
+#pragma once
+
+#include <rpm/rpmio.h>
+#include <rpm/rpmlib.h>
+
+#include <memory>
+#include <string>
+#include <type_traits>
+
+namespace Common::Rpm {
+
+/// An open package file and its checked header. Copies share both; the file stays open as long as a copy
+/// lives. Used by one thread at a time.
+class Reader {
+public:
+    /// Opens a package file and reads its header, checked by librpm's configured policy. Never blocks on
+    /// something that is no regular file.
+    /// Throws Error: FileNotFound for what cannot be opened or is no regular file, BadPackage for a file
+    /// that librpm does not accept as a package.
+    explicit Reader(const std::string& path);
+
+    /// Wraps a header that was read elsewhere, taking over the caller's reference. There is no file then.
+    explicit Reader(Header header);
+
+    /// The first string of a tag, byte for byte as the header stores it.
+    /// Throws Error, code BadPackage, when the header has no such tag or its value is no string.
+    [[nodiscard]] std::string getStringTag(rpmTag tag) const;
+
+    /// The header; valid as long as a copy of this reader lives.
+    [[nodiscard]] Header header() const { return header_.get(); }
+    /// The file, positioned behind the header as reading left it; null for a reader made from a header.
+    [[nodiscard]] FD_t file() const { return file_.get(); }
+
+private:
+    std::shared_ptr<std::remove_pointer_t<FD_t>> file_;
+    std::shared_ptr<std::remove_pointer_t<Header>> header_;
+};
+
+} // namespace Common::Rpm

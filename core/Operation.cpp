@@ -1,0 +1,32 @@
+#include "core/Operation.h"
+
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+namespace Core {
+
+Operation::Operation()
+    : id_(to_string(boost::uuids::random_generator_mt19937()())) {}
+
+bool Operation::isCompleted() const {
+    return status_ == OperationStatus::Finished || status_ == OperationStatus::Failed;
+}
+
+Common::OperationRecord Operation::record() const {
+    return {id_, packageId_, static_cast<std::int32_t>(type_), static_cast<std::int32_t>(status_),
+            static_cast<std::int32_t>(errorCode_)};
+}
+
+void Operation::setStatusChanged(StatusHook hook) {
+    if (!hook) {
+        throw std::bad_function_call();
+    }
+    statusChanged_ = std::move(hook);
+}
+
+void Operation::setStatus(OperationStatus status) {
+    status_ = status;
+    statusChanged_(*this);
+}
+
+} // namespace Core

@@ -1,0 +1,69 @@
+#pragma once
+
+#include "common/CallerIdentity.h"
+#include "common/Error.h"
+#include "common/WireTypes.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace Core {
+
+/// What the worker is to do. The numbers are part of the bus interface.
+enum class OperationType : std::int32_t { Install = 0, Upgrade = 1, Remove = 2 };
+
+/// Where an operation stands. The numbers are part of the bus interface, gaps included.
+enum class OperationStatus : std::int32_t {
+    Queued = 0,
+    InProgress = 10,
+    AwaitingUpgrade = 90,
+    Finished = 100,
+    Failed = 101,
+};
+
+/// One install, upgrade or removal that an application asked for. A plain value: a copy carries the status
+/// hook and notifies as the original does. Used by one thread at a time.
+class Operation {
+public:
+    using StatusHook = std::function<void(const Operation&)>;
+
+    /// Draws a fresh identifier: a random UUID (RFC 4122, version 4) as 36 characters.
+    Operation();
+
+    [[nodiscard]] const std::string& id() const { return id_; }
+    [[nodiscard]] const OperationType& type() const { return type_; }
+    [[nodiscard]] const OperationStatus& status() const { return status_; }
+    [[nodiscard]] const std::uint32_t& errorCode() const { return errorCode_; }
+    [[nodiscard]] const Common::CallerIdentity& initiator() const { return initiator_; }
+    [[nodiscard]] const std::string& packageId() const { return packageId_; }
+    [[nodiscard]] const std::string& packagePath() const { return packagePath_; }
+    /// Whether the status is final: Finished or Failed.
+    [[nodiscard]] bool isCompleted() const;
+    /// The operation as it travels on the bus.
+    [[nodiscard]] Common::OperationRecord record() const;
+
+    void setType(OperationType type) { type_ = type; }
+    void setErrorCode(std::uint32_t code) { errorCode_ = code; }
+    void setInitiator(const Common::CallerIdentity& initiator) { initiator_ = initiator; }
+    /// @param hook  must not be empty: throws std::bad_function_call
+    void setStatusChanged(StatusHook hook);
+    void setPackageId(std::string packageId) { packageId_ = std::move(packageId); }
+    void setPackagePath(std::string path) { packagePath_ = std::move(path); }
+
+    /// Stores the status, then calls the hook with this operation, also when the status is the same as
+    /// before.
+    void setStatus(OperationStatus status);
+
+private:
+    std::string id_;
+    OperationType type_ = OperationType::Install;
+    OperationStatus status_ = OperationStatus::Queued;
+    std::uint32_t errorCode_ = 0;
+    Common::CallerIdentity initiator_;
+    StatusHook statusChanged_ = [](const Operation&) {};
+    std::string packageId_;
+    std::string packagePath_;
+};
+
+} // namespace Core
