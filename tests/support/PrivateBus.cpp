@@ -1,0 +1,38 @@
+#include "tests/support/PrivateBus.h"
+
+#include "tests/support/WaitUntil.h"
+
+#include <cstdlib>
+#include <stdexcept>
+
+namespace Test {
+
+namespace {
+
+std::string configuration(const std::filesystem::path& directory, const std::string& limits) {
+    return "<busconfig><type>session</type><listen>unix:path=" + (directory / "bus").string() +
+           "</listen><auth>EXTERNAL</auth><policy context='default'><allow send_destination='*' "
+           "eavesdrop='true'/>"
+           "<allow eavesdrop='true'/><allow own='*'/></policy>" +
+           limits + "</busconfig>";
+}
+
+} // namespace
+
+PrivateBus::PrivateBus(const std::string& limits)
+    : address_("unix:path=" + (scratch_.path() / "bus").string()) {
+    const auto file = scratch_.path() / "bus.conf";
+    writeFile(file, configuration(scratch_.path(), limits));
+    daemon_ = std::make_unique<Process>(std::vector<std::string>{"dbus-daemon", "--nofork", "--print-address",
+                                                                 "--config-file=" + file.string()});
+    if (!waitUntil([this] { return daemon_->output().find('\n') != std::string::npos; })) {
+        throw std::runtime_error("the bus does not start: " + daemon_->output());
+    }
+}
+
+PrivateBuses::PrivateBuses() {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", system.address().c_str(), 1);
+    setenv("DBUS_SESSION_BUS_ADDRESS", session.address().c_str(), 1);
+}
+
+} // namespace Test

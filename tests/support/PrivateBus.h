@@ -1,0 +1,36 @@
+#pragma once
+
+#include "tests/support/Process.h"
+#include "tests/support/ScratchDirectory.h"
+
+#include <memory>
+#include <string>
+
+namespace Test {
+
+/// A dbus-daemon of the test's own, without any service of the host.
+class PrivateBus {
+public:
+    /// @param limits  further configuration elements, for example "<limit name='...'>1</limit>"
+    explicit PrivateBus(const std::string& limits = {});
+
+    [[nodiscard]] const std::string& address() const { return address_; }
+    /// Kills the bus.
+    void stop() { daemon_.reset(); }
+
+private:
+    ScratchDirectory scratch_;
+    std::string address_;
+    std::unique_ptr<Process> daemon_;
+};
+
+/// A system and a session bus, found by this process and its children.
+class PrivateBuses {
+public:
+    PrivateBuses();
+
+    PrivateBus system;
+    PrivateBus session;
+};
+
+} // namespace Test

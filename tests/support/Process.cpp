@@ -1,0 +1,107 @@
+#include "tests/support/Process.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+namespace Test {
+
+namespace {
+
+Common::UniqueFd fileOf(const std::string& content) {
+    Common::UniqueFd file(memfd_create("standard-stream", MFD_CLOEXEC));
+    if (write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+        throw std::runtime_error("couldn't write a standard stream");
+    }
+    lseek(file.get(), 0, SEEK_SET);
+    return file;
+}
+
+} // namespace
+
+Process::Process(const std::vector<std::string>& arguments, const Options& options)
+    : output_(memfd_create("output", MFD_CLOEXEC)) {
+    const auto input = fileOf(options.input);
+    std::vector<std::string> variables;
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        const std::string text = *variable;
+        if (!options.environment.contains(text.substr(0, text.find('=')))) {
+            variables.push_back(text);
+        }
+    }
+    for (const auto& [name, value] : options.environment) {
+        variables.push_back(name + "=" + value);
+    }
+    std::vector<char*> environment;
+    for (auto& variable : variables) {
+        environment.push_back(variable.data());
+    }
+    environment.push_back(nullptr);
+    auto words = arguments;
+    std::vector<char*> argv;
+    for (auto& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+
+    pid_ = fork();
+    if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        dup2(input.get(), STDIN_FILENO);
+        dup2(output_.get(), STDOUT_FILENO);
+        dup2(output_.get(), STDERR_FILENO);
+        if (options.directory.empty() || chdir(options.directory.c_str()) == 0) {
+            execvpe(argv[0], argv.data(), environment.data());
+        }
+        _exit(127);
+    }
+}
+
+Process::~Process() {
+    if (isRunning()) {
+        kill(pid_, SIGKILL);
+        wait();
+    }
+}
+
+void Process::signal(int number) const { kill(pid_, number); }
+
+int Process::wait(std::chrono::milliseconds limit) {
+    if (status_ >= 0) {
+        return status_;
+    }
+    const Common::UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
+    pollfd descriptor{process.get(), POLLIN, 0};
+    if (poll(&descriptor, 1, static_cast<int>(limit.count())) <= 0) {
+        return -1;
+    }
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status_;
+}
+
+bool Process::isRunning() { return wait(std::chrono::milliseconds(0)) < 0; }
+
+std::string Process::output() const {
+    struct stat status {};
+    fstat(output_.get(), &status);
+    std::string text(static_cast<std::size_t>(status.st_size), '\0');
+    const auto count = pread(output_.get(), text.data(), text.size(), 0);
+    text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+    return text;
+}
+
+ProcessResult run(const std::vector<std::string>& arguments, const Process::Options& options) {
+    Process process(arguments, options);
+    const int status = process.wait(std::chrono::minutes(1));
+    return {status, process.output()};
+}
+
+} // namespace Test

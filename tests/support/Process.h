@@ -1,0 +1,54 @@
+#pragma once
+
+#include "common/UniqueFd.h"
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace Test {
+
+/// A child process whose standard output and error are caught together in a file. Killed when the object
+/// ends.
+class Process {
+public:
+    struct Options {
+        std::map<std::string, std::string> environment; ///< added to this process's own
+        std::filesystem::path directory;                ///< to run in; empty: this process's
+        std::string input;                              ///< its standard input
+    };
+
+    explicit Process(const std::vector<std::string>& arguments)
+        : Process(arguments, Options{}) {}
+    Process(const std::vector<std::string>& arguments, const Options& options);
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    [[nodiscard]] pid_t pid() const { return pid_; }
+    void signal(int number) const;
+    /// Waits for the end.
+    /// @return the exit status, or 128 and the signal's number; -1 when the limit has passed
+    int wait(std::chrono::milliseconds limit = std::chrono::seconds(30));
+    [[nodiscard]] bool isRunning();
+    /// What it has written so far.
+    [[nodiscard]] std::string output() const;
+
+private:
+    Common::UniqueFd output_;
+    pid_t pid_ = -1;
+    int status_ = -1;
+};
+
+struct ProcessResult {
+    int status;
+    std::string output;
+};
+
+/// Runs a program to its end, at most a minute.
+ProcessResult run(const std::vector<std::string>& arguments, const Process::Options& options = {});
+
+} // namespace Test

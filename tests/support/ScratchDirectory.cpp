@@ -1,0 +1,58 @@
+#include "tests/support/ScratchDirectory.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+namespace Test {
+
+namespace fs = std::filesystem;
+
+ScratchDirectory::ScratchDirectory() {
+    auto pattern = (fs::temp_directory_path() / "vendara-test-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("couldn't create scratch directory " + pattern);
+    }
+    path_ = pattern;
+}
+
+ScratchDirectory::~ScratchDirectory() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+}
+
+void writeFile(const fs::path& file, const std::string& content) {
+    fs::create_directories(file.parent_path());
+    std::ofstream(file, std::ios::binary) << content;
+}
+
+std::string readFile(const fs::path& file) {
+    std::ostringstream content;
+    content << std::ifstream(file, std::ios::binary).rdbuf();
+    return content.str();
+}
+
+std::string digestOfTree(const fs::path& directory) {
+    std::set<std::string> lines;
+    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+        std::ostringstream line;
+        const auto status = entry.symlink_status();
+        line << entry.path().native() << ' ' << static_cast<int>(status.type()) << ' ' << std::oct
+             << static_cast<unsigned>(status.permissions()) << ' ';
+        if (fs::is_symlink(status)) {
+            line << fs::read_symlink(entry.path()).native();
+        } else if (fs::is_regular_file(status)) {
+            line << std::hash<std::string>()(readFile(entry.path()));
+        }
+        lines.insert(line.str());
+    }
+    std::string digest;
+    for (const auto& line : lines) {
+        digest += line + '\n';
+    }
+    return digest;
+}
+
+} // namespace Test
