@@ -5,7 +5,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-namespace Test {
+namespace Testbed {
 
 LogCapture::LogCapture()
     : file_(memfd_create("log", MFD_CLOEXEC))
@@ -33,4 +33,4 @@ std::vector<std::string> LogCapture::lines() const {
     return lines;
 }
 
-} // namespace Test
+} // namespace Testbed

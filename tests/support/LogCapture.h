@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace Test {
+namespace Testbed {
 
 /// Catches what this process writes to its standard error stream, as long as it lives.
 class LogCapture {
@@ -24,4 +24,4 @@ private:
     Common::UniqueFd previous_;
 };
 
-} // namespace Test
+} // namespace Testbed

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-namespace Test {
+namespace Testbed {
 
 namespace {
 
@@ -35,4 +35,4 @@ PrivateBuses::PrivateBuses() {
     setenv("DBUS_SESSION_BUS_ADDRESS", session.address().c_str(), 1);
 }
 
-} // namespace Test
+} // namespace Testbed

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-namespace Test {
+namespace Testbed {
 
 /// A dbus-daemon of the test's own, without any service of the host.
 class PrivateBus {
@@ -33,4 +33,4 @@ public:
     PrivateBus session;
 };
 
-} // namespace Test
+} // namespace Testbed

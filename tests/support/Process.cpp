@@ -10,7 +10,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
-namespace Test {
+namespace Testbed {
 
 namespace {
 
@@ -104,4 +104,4 @@ ProcessResult run(const std::vector<std::string>& arguments, const Process::Opti
     return {status, process.output()};
 }
 
-} // namespace Test
+} // namespace Testbed

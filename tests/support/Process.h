@@ -9,7 +9,7 @@
 #include <sys/types.h>
 #include <vector>
 
-namespace Test {
+namespace Testbed {
 
 /// A child process whose standard output and error are caught together in a file. Killed when the object
 /// ends.
@@ -51,4 +51,4 @@ struct ProcessResult {
 /// Runs a program to its end, at most a minute.
 ProcessResult run(const std::vector<std::string>& arguments, const Process::Options& options = {});
 
-} // namespace Test
+} // namespace Testbed

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace Test {
+namespace Testbed {
 
 namespace fs = std::filesystem;
 
@@ -59,4 +59,4 @@ std::filesystem::path buildPackage(const fs::path& directory, const PackageSpec&
     return directory / (nevra + ".rpm");
 }
 
-} // namespace Test
+} // namespace Testbed

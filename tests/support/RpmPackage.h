@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace Test {
+namespace Testbed {
 
 struct PackageFile {
     std::string path; ///< absolute
@@ -31,4 +31,4 @@ struct PackageSpec {
 [[nodiscard]] std::filesystem::path buildPackage(const std::filesystem::path& directory,
                                                  const PackageSpec& spec);
 
-} // namespace Test
+} // namespace Testbed

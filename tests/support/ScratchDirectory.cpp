@@ -6,7 +6,7 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace Test {
+namespace Testbed {
 
 namespace fs = std::filesystem;
 
@@ -55,4 +55,4 @@ std::string digestOfTree(const fs::path& directory) {
     return digest;
 }
 
-} // namespace Test
+} // namespace Testbed

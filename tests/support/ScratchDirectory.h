@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <string>
 
-namespace Test {
+namespace Testbed {
 
 /// A new empty directory, removed with all that is in it.
 class ScratchDirectory {
@@ -28,4 +28,4 @@ void writeFile(const std::filesystem::path& file, const std::string& content);
 /// means that nothing was touched.
 [[nodiscard]] std::string digestOfTree(const std::filesystem::path& directory);
 
-} // namespace Test
+} // namespace Testbed

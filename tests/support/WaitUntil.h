@@ -4,7 +4,7 @@
 #include <functional>
 #include <thread>
 
-namespace Test {
+namespace Testbed {
 
 /// Waits until the predicate holds, for things that send no event of their own.
 /// @return whether it came to hold within the limit
@@ -20,4 +20,4 @@ inline bool waitUntil(const std::function<bool()>& predicate,
     return true;
 }
 
-} // namespace Test
+} // namespace Testbed
