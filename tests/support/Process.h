@@ -16,9 +16,9 @@ namespace Testbed {
 class Process {
 public:
     struct Options {
-        std::map<std::string, std::string> environment; ///< added to this process's own
-        std::filesystem::path directory;                ///< to run in; empty: this process's
-        std::string input;                              ///< its standard input
+        std::map<std::string, std::string> environment = {}; ///< added to this process's own
+        std::filesystem::path directory = {};                ///< to run in; empty: this process's
+        std::string input = {};                              ///< its standard input
     };
 
     explicit Process(const std::vector<std::string>& arguments)

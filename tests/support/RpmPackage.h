@@ -8,9 +8,9 @@ namespace Testbed {
 
 struct PackageFile {
     std::string path; ///< absolute
-    std::string content;
+    std::string content = {};
     std::string mode = "0644";
-    std::string directive; ///< for example "%config"
+    std::string directive = {}; ///< for example "%config"
 };
 
 struct PackageSpec {
@@ -18,11 +18,11 @@ struct PackageSpec {
     std::string version = "1.0";
     std::string release = "1";
     std::string architecture = "noarch";
-    std::vector<PackageFile> files;
+    std::vector<PackageFile> files = {};
     std::string payload = "w3.gzdio"; ///< rpm's %_binary_payload
-    std::string installScript;        ///< further commands of %install
-    std::string fileList;             ///< further lines of %files
-    std::string preamble;             ///< further tags
+    std::string installScript = {};   ///< further commands of %install
+    std::string fileList = {};        ///< further lines of %files
+    std::string preamble = {};        ///< further tags
 };
 
 /// Makes a real package with rpmbuild.

@@ -1,0 +1,135 @@
+#include "common/Error.h"
+#include "common/rpm/Reader.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Process.h"
+#include "tests/support/RpmPackage.h"
+#include "tests/support/ScratchDirectory.h"
+
+#include <gmock/gmock.h>
+#include <rpm/rpmtag.h>
+
+#include <fstream>
+#include <random>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+namespace {
+
+using Common::Rpm::Reader;
+namespace fs = std::filesystem;
+
+class PackageReader : public testing::Test {
+protected:
+    PackageReader() { setenv("HOME", scratch_.path().c_str(), 1); } // librpm makes its key database there
+
+    [[nodiscard]] fs::path in(const std::string& name) const { return scratch_.path() / name; }
+
+    static void expectRefusal(const fs::path& path, Common::ErrorCode code, const std::string& message) {
+        try {
+            const Reader reader(path.string());
+            ADD_FAILURE() << path << " was read";
+        } catch (const Common::Error& error) {
+            EXPECT_EQ(error.code(), code) << path;
+            EXPECT_EQ(error.what(), message) << path;
+        }
+    }
+    static void expectNotOpened(const fs::path& path) {
+        expectRefusal(path, Common::ErrorCode::FileNotFound, "couldn't open rpm package");
+    }
+    static void expectNotRead(const fs::path& path) {
+        expectRefusal(path, Common::ErrorCode::BadPackage, "couldn't read rpm package");
+    }
+
+private:
+    Testbed::ScratchDirectory scratch_;
+};
+
+TEST_F(PackageReader, ReadsTheNameWhateverThePayloadsCompressor) {
+    for (const auto* payload : {"w3.gzdio", "w2.xzdio", "w3.zstdio"}) {
+        const auto file = Testbed::buildPackage(
+            in(payload), {.name = std::string("com.example.") + payload, .files = {{"/usr/bin/tool", "x"}}});
+        EXPECT_EQ(Reader(file.string()).getStringTag(RPMTAG_NAME), std::string("com.example.") + payload);
+    }
+}
+
+TEST_F(PackageReader, OutlivesTheOneItWasCopiedFromAndNamesTheTagItMisses) {
+    const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", "x"}}});
+    auto first = std::make_unique<Reader>(file.string());
+    const Reader copy(*first);
+    first.reset();
+    EXPECT_EQ(copy.getStringTag(RPMTAG_VERSION), "1.0");
+    EXPECT_NE(copy.file(), nullptr);
+    EXPECT_THAT([&] { return copy.getStringTag(RPMTAG_URL); },
+                testing::ThrowsMessage<Common::Error>("couldn't retrieve rpm tag from package (type=1020)"));
+    EXPECT_THAT([&] { return copy.getStringTag(RPMTAG_SIZE); },
+                testing::ThrowsMessage<Common::Error>("couldn't retrieve rpm tag from package (type=1009)"));
+    const Reader wrapped(headerLink(copy.header()));
+    EXPECT_EQ(wrapped.getStringTag(RPMTAG_NAME), "com.example.app");
+}
+
+TEST_F(PackageReader, RefusesAtOnceWhatIsNoRegularFile) {
+    fs::create_directory(in("directory"));
+    ASSERT_EQ(mkfifo(in("fifo").c_str(), 0600), 0);
+    const Common::UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un address{AF_UNIX, {}};
+    in("socket").string().copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    fs::create_symlink(in("fifo"), in("link"));
+    for (const auto* name : {"directory", "fifo", "socket", "link", "missing"}) {
+        expectNotOpened(in(name));
+    }
+    expectNotOpened("/dev/zero");
+    expectNotOpened("");
+    expectNotOpened(std::string(5000, 'x'));
+    Testbed::writeFile(in("file"), "x");
+    expectNotOpened(in("file").string() + std::string("\0.rpm", 5));
+    if (geteuid() != 0) {
+        fs::permissions(in("file"), fs::perms::none);
+        expectNotOpened(in("file"));
+    }
+}
+
+TEST_F(PackageReader, RefusesAFileThatIsNoWholePackage) {
+    const Testbed::LogCapture librpmsOwnLines;
+    const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", std::string(5000, 'x')}}});
+    const auto package = Testbed::readFile(file);
+    for (const std::size_t length : {0, 1, 95, 96, 200, 1000}) {
+        Testbed::writeFile(in("short"), package.substr(0, length));
+        expectNotRead(in("short"));
+    }
+    std::mt19937 random(1); // NOLINT: the same bytes in every run
+    std::string noise(4096, '\0');
+    std::generate(noise.begin(), noise.end(), [&] { return static_cast<char>(random()); });
+    Testbed::writeFile(in("noise.rpm"), noise);
+    expectNotRead(in("noise.rpm"));
+    Testbed::writeFile(in("sparse.rpm"), "");
+    fs::resize_file(in("sparse.rpm"), 4ULL << 30U);
+    expectNotRead(in("sparse.rpm"));
+    for (std::size_t offset = 96; offset < 1500; offset += 31) {
+        auto damaged = package;
+        damaged[offset] = static_cast<char>(damaged[offset] ^ 0x55);
+        Testbed::writeFile(in("damaged"), damaged);
+        try {
+            EXPECT_FALSE(Reader(in("damaged").string()).getStringTag(RPMTAG_NAME).empty());
+        } catch (const Common::Error&) {
+        }
+    }
+}
+
+TEST_F(PackageReader, LeavesNoDescriptorOpen) {
+    const Testbed::LogCapture librpmsOwnLines;
+    const auto descriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    };
+    const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", "x"}}});
+    Testbed::writeFile(in("text.rpm"), "no package");
+    static_cast<void>(Reader(file.string()));
+    const auto before = descriptors();
+    static_cast<void>(Reader(file.string()));
+    expectNotRead(in("text.rpm"));
+    expectNotOpened(in("."));
+    EXPECT_EQ(descriptors(), before);
+}
+
+} // namespace

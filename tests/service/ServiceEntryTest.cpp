@@ -1,0 +1,106 @@
+#include "tests/support/PrivateBus.h"
+#include "tests/support/WaitUntil.h"
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <regex>
+#include <sstream>
+
+namespace {
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+const std::string twoLines = "ERROR: couldn't register service: norvane.Vendara\nERROR: [^\n]+\n";
+
+class TheService : public testing::Test {
+protected:
+    static bool isOnTheBus() {
+        return Testbed::run({"busctl", "--user", "status", "norvane.Vendara"}).status == 0;
+    }
+
+    Testbed::PrivateBuses buses_;
+};
+
+// The members of an interface, as gdbus or a hand-written file tell them: one line each.
+std::multiset<std::string> membersOf(const std::string& xml) {
+    std::multiset<std::string> members;
+    std::string member;
+    const auto interface = xml.substr(xml.find("<interface name=\"norvane.Vendara\">"));
+    std::istringstream stream(interface.substr(0, interface.find("</interface>")));
+    for (std::string line; std::getline(stream, line);) {
+        std::smatch match;
+        if (std::regex_search(line, match, std::regex("<(method|signal|property) name=\"(\\w+)\""))) {
+            member = match.str(1) + " " + match.str(2);
+            members.insert(member);
+        } else if (line.find("<arg") != std::string::npos) {
+            for (const auto* attribute : {"name", "type", "direction"}) {
+                if (std::regex_search(line, match, std::regex(std::string(attribute) + "=\"([^\"]+)\""))) {
+                    member += " " + match.str(1);
+                }
+            }
+            members.insert(member);
+        }
+    }
+    return members;
+}
+
+TEST_F(TheService, ShowsExactlyTheInterfaceOfItsDescription) {
+    Testbed::Process daemon({VENDARA_DAEMON});
+    ASSERT_TRUE(Testbed::waitUntil(isOnTheBus)) << daemon.output();
+    auto shown = Testbed::run({"gdbus", "introspect", "--session", "--dest", "norvane.Vendara",
+                               "--object-path", "/norvane/Vendara", "--xml"});
+    const auto members = membersOf(shown.output);
+    EXPECT_EQ(members, membersOf(Testbed::readFile(VENDARA_INTERFACE_XML))) << shown.output;
+    EXPECT_EQ(members.size(), 9 + 11);
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.wait(), 0);
+    EXPECT_EQ(daemon.output(), "");
+}
+
+TEST_F(TheService, IsThereOnlyOnce) {
+    const Testbed::Process first({VENDARA_DAEMON});
+    ASSERT_TRUE(Testbed::waitUntil(isOnTheBus)) << first.output();
+    const auto second = Testbed::run({VENDARA_DAEMON});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_THAT(second.output, MatchesRegex(twoLines));
+    EXPECT_TRUE(isOnTheBus());
+}
+
+TEST_F(TheService, DoesNotStartWithoutItsBuses) {
+    for (const auto* variable : {"DBUS_SESSION_BUS_ADDRESS"}) {
+        const auto result = Testbed::run(
+            {VENDARA_DAEMON},
+            {.environment = {{variable, "unix:path=/nonexistent/bus"}}, .directory = {}, .input = {}});
+        EXPECT_EQ(result.status, 1) << variable;
+        EXPECT_THAT(result.output, MatchesRegex(twoLines)) << variable;
+    }
+}
+
+TEST_F(TheService, EndsWithTheSessionBus) {
+    Testbed::Process daemon({VENDARA_DAEMON});
+    ASSERT_TRUE(Testbed::waitUntil(isOnTheBus)) << daemon.output();
+    buses_.session.stop();
+    EXPECT_EQ(daemon.wait(), 1);
+    std::string lines;
+    std::istringstream stream(daemon.output());
+    for (std::string line; std::getline(stream, line);) {
+        lines +=
+            line.starts_with("ERROR: lost the connection to norvane.RuntimeManager: ") ? "" : line + "\n";
+    }
+    EXPECT_THAT(lines, MatchesRegex(twoLines));
+}
+
+TEST_F(TheService, SurvivesTheSystemBus) {
+    Testbed::Process daemon({VENDARA_DAEMON});
+    ASSERT_TRUE(Testbed::waitUntil(isOnTheBus)) << daemon.output();
+    buses_.system.stop();
+    const auto answer = Testbed::run({"busctl", "--user", "call", "norvane.Vendara", "/norvane/Vendara",
+                                      "norvane.Vendara", "Remove", "s", "com.example.app"});
+    EXPECT_NE(answer.status, 0);
+    EXPECT_THAT(answer.output, HasSubstr("Call failed: "));
+    EXPECT_TRUE(isOnTheBus());
+}
+
+} // namespace

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace Testbed {
+
+/// A service of the test's own: a connection, an object on it and the thread that runs the loop. It outlives
+/// its bus quietly.
+class BusPeer {
+public:
+    BusPeer(std::unique_ptr<sdbus::IConnection> connection, const std::string& objectPath)
+        : connection_(std::move(connection))
+        , object_(sdbus::createObject(*connection_, objectPath)) {}
+    ~BusPeer() {
+        if (loop_.joinable()) {
+            connection_->leaveEventLoop();
+            loop_.join();
+        }
+        object_->unregister();
+    }
+    BusPeer(const BusPeer&) = delete;
+    BusPeer& operator=(const BusPeer&) = delete;
+
+    /// To register methods and signals on, before start().
+    [[nodiscard]] sdbus::IObject& object() { return *object_; }
+    [[nodiscard]] sdbus::IConnection& connection() { return *connection_; }
+
+    void start() {
+        object_->finishRegistration();
+        loop_ = std::thread([this] {
+            try {
+                connection_->enterEventLoop();
+            } catch (const sdbus::Error&) {
+            }
+        });
+    }
+
+    /// Sends a signal of the object, to everybody.
+    template<typename... Arguments>
+    void send(const std::string& interface, const std::string& name, const Arguments&... arguments) {
+        auto signal = object_->createSignal(interface, name);
+        static_cast<void>((signal << ... << arguments));
+        signal.send();
+    }
+
+private:
+    std::unique_ptr<sdbus::IConnection> connection_;
+    std::unique_ptr<sdbus::IObject> object_;
+    std::thread loop_;
+};
+
+} // namespace Testbed
