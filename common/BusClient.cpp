@@ -37,8 +37,8 @@ BusClient::~BusClient() {
     proxy_->unregister();
 }
 
-void BusClient::start(std::vector<BusSubscription> subscriptions) {
-    for (auto& subscription : subscriptions) {
+void BusClient::start(const std::vector<BusSubscription>& subscriptions) {
+    for (const auto& subscription : subscriptions) {
         proxy_->registerSignalHandler(endpoint_.interface, subscription.signal,
                                       [subscription](sdbus::Signal& message) {
                                           guarded(subscription.signal, subscription.handler, message);

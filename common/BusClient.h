@@ -48,7 +48,7 @@ public:
     /// Subscribes and starts the loop; to be called once, before the first call(). A handler's exception is
     /// logged and goes no further. Throws sdbus::Error when the bus refuses a subscription; the loop is then
     /// not running, and nothing but destruction is allowed.
-    void start(std::vector<BusSubscription> subscriptions = {});
+    void start(const std::vector<BusSubscription>& subscriptions = {});
 
     /// Calls a method of the interface and waits for the reply.
     /// @param timeout  how long to wait; zero means the bus library's default (25 s)

@@ -55,6 +55,7 @@ TEST_F(ABusClient, CallsFromSeveralThreadsAtOnce) {
     BusClient client(peer);
     client.start();
     std::vector<std::thread> callers;
+    callers.reserve(4);
     std::atomic<int> right = 0;
     for (int index = 0; index < 4; ++index) {
         callers.emplace_back([&, word = std::to_string(index)] {

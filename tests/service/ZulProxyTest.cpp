@@ -35,7 +35,7 @@ protected:
             answer(call, id);
         });
         object.registerMethod(Peer::interface, Peer::getPackageList, "", "aa{ss}",
-                              [this](sdbus::MethodCall call) {
+                              [this](const sdbus::MethodCall& call) {
                                   auto reply = call.createReply();
                                   reply << list_;
                                   reply.send();

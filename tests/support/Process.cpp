@@ -23,32 +23,40 @@ Common::UniqueFd fileOf(const std::string& content) {
     return file;
 }
 
+std::vector<std::string> environmentWith(const std::map<std::string, std::string>& additions) {
+    std::vector<std::string> variables;
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        const std::string text = *variable;
+        if (!additions.contains(text.substr(0, text.find('=')))) {
+            variables.push_back(text);
+        }
+    }
+    for (const auto& [name, value] : additions) {
+        variables.push_back(name);
+        variables.back().append("=").append(value);
+    }
+    return variables;
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& words) {
+    std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
+    for (auto& word : words) {
+        pointers.push_back(word.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
 } // namespace
 
 Process::Process(const std::vector<std::string>& arguments, const Options& options)
     : output_(memfd_create("output", MFD_CLOEXEC)) {
     const auto input = fileOf(options.input);
-    std::vector<std::string> variables;
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        const std::string text = *variable;
-        if (!options.environment.contains(text.substr(0, text.find('=')))) {
-            variables.push_back(text);
-        }
-    }
-    for (const auto& [name, value] : options.environment) {
-        variables.push_back(name + "=" + value);
-    }
-    std::vector<char*> environment;
-    for (auto& variable : variables) {
-        environment.push_back(variable.data());
-    }
-    environment.push_back(nullptr);
+    auto variables = environmentWith(options.environment);
     auto words = arguments;
-    std::vector<char*> argv;
-    for (auto& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
+    const auto environment = pointersTo(variables);
+    const auto argv = pointersTo(words);
 
     pid_ = fork();
     if (pid_ == 0) {
