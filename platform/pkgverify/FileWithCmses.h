@@ -1,0 +1,46 @@
+#pragma once
+
+#include "platform/signcms/PackageSignatures.h"
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace PackageSignatures {
+
+class OpenPackage;
+
+/// A package file and the CMS signatures that it carries; libpkgverify.so.1. The file stays open as long as a
+/// copy lives, so what is verified is the file that was read whatever happens to its path. Copies share the
+/// file; any thread may use them.
+class FileWithCmses {
+public:
+    /// Opens a package file and reads its signatures, without verifying them.
+    /// @param path  the file; "/proc/self/fd/N" opens what the caller already holds open, at a position of
+    /// its
+    ///              own. Never blocks, also not on a FIFO.
+    /// @return nothing when the file cannot be opened, is no regular file, does not begin as an rpm package
+    ///         does, or carries signatures that are not in the one form that the format allows; a value with
+    ///         an empty list for a package that ends without signatures
+    [[nodiscard]] static std::optional<FileWithCmses> fromPath(const std::filesystem::path& path);
+
+    /// Whether all signatures hold, now: each is made with its certificate's key over this file's very bytes,
+    /// and its certificate chains to the authority, is valid at this moment and is meant for signing packages
+    /// in a role that no other signature of the file has. Reads the whole file, in pieces.
+    /// An empty list has nothing that does not hold and gives true: who wants a signature asks for one.
+    /// @param caPath  PEM file of the authority's certificate, and of intermediate ones if there are any
+    /// @return false also when the authority or the file cannot be read
+    [[nodiscard]] bool verifyCmses(const std::filesystem::path& caPath) const;
+
+    /// The signatures in the file's order, the developer's before the client's.
+    [[nodiscard]] const std::vector<Cms>& cmses() const { return cmses_; }
+
+private:
+    FileWithCmses(std::shared_ptr<const OpenPackage> file, std::vector<Cms> cmses);
+
+    std::shared_ptr<const OpenPackage> file_;
+    std::vector<Cms> cmses_;
+};
+
+} // namespace PackageSignatures
