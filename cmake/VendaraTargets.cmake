@@ -34,3 +34,27 @@ function(vendara_executable name)
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE vendara-options ${arg_DEPENDS})
 endfunction()
+
+# vendara_platform_library(NAME name VERSION major SOURCES file... [PRIVATE target...]) makes the target vendara-NAME for
+# a library of the device, lib<name>.so.<major>, whose interface header lies in platform/NAME/. It is the reference
+# implementation built from SOURCES, or with VENDARA_PLATFORM=device the installed library.
+function(vendara_platform_library)
+    cmake_parse_arguments(arg "" "NAME;VERSION" "SOURCES;PRIVATE" ${ARGN})
+    set(target vendara-${arg_NAME})
+    if(VENDARA_PLATFORM STREQUAL "device")
+        string(TOUPPER VENDARA_${arg_NAME}_LIBRARY found)
+        find_library(${found} NAMES lib${arg_NAME}.so.${arg_VERSION} REQUIRED)
+        add_library(${target} INTERFACE)
+        target_link_libraries(${target} INTERFACE ${${found}})
+        target_include_directories(${target} INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+    elseif(VENDARA_PLATFORM STREQUAL "reference")
+        add_library(${target} SHARED ${arg_SOURCES})
+        set_target_properties(${target} PROPERTIES
+            OUTPUT_NAME ${arg_NAME} VERSION ${arg_VERSION} SOVERSION ${arg_VERSION})
+        target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+        target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:vendara-options> ${arg_PRIVATE})
+        install(TARGETS ${target} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_SKIP)
+    else()
+        message(FATAL_ERROR "VENDARA_PLATFORM is \"${VENDARA_PLATFORM}\": it has to be reference or device")
+    endif()
+endfunction()

@@ -1,0 +1,12 @@
+#include "platform/eventlog/eventlog.h"
+
+// The place of the call would be this file for every event.
+#define SD_JOURNAL_SUPPRESS_LOCATION
+#include <systemd/sd-journal.h>
+
+#include <syslog.h>
+
+void log_event(std::uint8_t kind, std::uint32_t value, const char* message) noexcept {
+    sd_journal_send("MESSAGE=%s", message != nullptr ? message : "", "PRIORITY=%d", LOG_NOTICE,
+                    "EVENT_KIND=%u", unsigned{kind}, "EVENT_VALUE=%u", unsigned{value}, nullptr);
+}
