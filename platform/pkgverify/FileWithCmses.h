@@ -33,14 +33,17 @@ public:
     /// @return false also when the authority or the file cannot be read
     [[nodiscard]] bool verifyCmses(const std::filesystem::path& caPath) const;
 
+    /// Returns where verifyCmses() gives true. Throws std::runtime_error, which says why, where it gives
+    /// false.
+    void requireVerified(const std::filesystem::path& caPath) const;
+
     /// The signatures in the file's order, the developer's before the client's.
-    [[nodiscard]] const std::vector<Cms>& cmses() const { return cmses_; }
+    [[nodiscard]] const std::vector<Cms>& cmses() const;
 
 private:
-    FileWithCmses(std::shared_ptr<const OpenPackage> file, std::vector<Cms> cmses);
+    explicit FileWithCmses(std::shared_ptr<const OpenPackage> file);
 
     std::shared_ptr<const OpenPackage> file_;
-    std::vector<Cms> cmses_;
 };
 
 } // namespace PackageSignatures

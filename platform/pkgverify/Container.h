@@ -1,0 +1,67 @@
+#pragma once
+
+#include "platform/signcms/SignedContent.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// The form in which a package file carries CMS signatures.
+///
+/// | bytes | content |
+/// |---|---|
+/// | length | the rpm package, as it was before it was signed |
+/// | 4 | 50 2A 4D 18 |
+/// | 4 | how many bytes follow, in little-endian order |
+/// | sizes | one or two CMS in DER, the developer's before the client's |
+/// | 32 | trailer |
+///
+/// The eight bytes behind the package make the rest a skippable frame of the Zstandard format (RFC
+/// 8878, 3.1.2): a reader of a zstd payload, which looks beyond the payload's end, skips it. The other
+/// compressions of rpm payloads say themselves where they end.
+///
+/// The trailer, its numbers in network byte order:
+///
+/// | offset | bytes | field |
+/// |---|---|---|
+/// | 0 | 8 | length of the package |
+/// | 8 | 4 | number of CMS, 1 or 2 |
+/// | 12 | 4 | size of the first CMS |
+/// | 16 | 4 | size of the second CMS, 0 when there is none |
+/// | 20 | 4 | version, 1 |
+/// | 24 | 8 | magic "VNDSIGNT" |
+///
+/// The sizes have to add up to the file's very size: nothing lies in between or behind.
+namespace PackageSignatures::Container {
+
+constexpr std::size_t maximumCmses = 2;
+constexpr std::size_t trailerSize = 32;
+constexpr std::size_t frameHeaderSize = 8;
+
+/// Where a signed file's parts lie.
+struct Layout {
+    std::uint64_t packageLength = 0;     ///< bytes
+    std::vector<std::uint32_t> cmsSizes; ///< bytes each
+};
+
+/// Reads the layout of an open file without touching its position. Any thread, as all of these functions.
+/// @param size  the file's size in bytes
+/// @return nothing for a package that ends without signatures
+/// Throws std::runtime_error for a file that does not begin as an rpm package does, or whose trailer or frame
+/// header does not describe it.
+[[nodiscard]] std::optional<Layout> readLayout(int descriptor, std::uint64_t size);
+
+/// What follows a package of so many bytes to make it one that carries the CMSes.
+/// Throws std::runtime_error for a number or size of CMSes that readLayout() would not take.
+[[nodiscard]] std::string encodedTail(std::uint64_t packageLength, const std::vector<std::string>& cmses);
+
+/// The CMSes of a layout, in their order. Throws std::runtime_error when the file ends early.
+[[nodiscard]] std::vector<std::string> readCmses(int descriptor, const Layout& layout);
+
+/// Hashes the file's first bytes, in pieces. Throws std::runtime_error when it has fewer.
+[[nodiscard]] PackageDigest digestOf(int descriptor, std::uint64_t length);
+
+} // namespace PackageSignatures::Container

@@ -1,0 +1,42 @@
+#include "platform/pkgverify/OpenPackage.h"
+
+#include "platform/signcms/SignedBlob.h"
+
+#include <stdexcept>
+#include <utility>
+
+namespace PackageSignatures {
+
+OpenPackage::OpenPackage(const std::filesystem::path& path)
+    : file_(Common::openRegularFile(path))
+    , layout_(Container::readLayout(descriptor(), file_.size)) {
+    if (layout_) {
+        for (auto& der : Container::readCmses(descriptor(), *layout_)) {
+            cmses_.push_back(readCms(std::move(der)));
+        }
+    }
+}
+
+void OpenPackage::requireVerified(const std::filesystem::path& caPath) const {
+    if (cmses_.empty()) {
+        return;
+    }
+    // The developer's comes first, so that two files with the same signatures are the same.
+    if (cmses_.size() == 2 && (cmses_[0].certificate().role() != Role::Developer ||
+                               cmses_[1].certificate().role() != Role::Client)) {
+        throw std::runtime_error("the signatures are not a developer's and a client's, in this order");
+    }
+    const Authority authority(caPath);
+    for (const auto& cms : cmses_) {
+        authority.verify(cms);
+    }
+    // Last, because it takes longest: nobody gets gigabytes hashed without a signature that holds.
+    const auto digest = Container::digestOf(descriptor(), packageLength());
+    for (const auto& cms : cmses_) {
+        if (cms.data().content.package != digest) {
+            throw std::runtime_error("a signature was made for other bytes than the package's");
+        }
+    }
+}
+
+} // namespace PackageSignatures

@@ -1,0 +1,104 @@
+#include "platform/signcms/SignedBlob.h"
+
+#include <utility>
+
+namespace PackageSignatures {
+
+using OpenSsl::require;
+
+namespace {
+
+// No signed attributes: the signature is over the content itself, whose magic keeps it apart from anything
+// else signed with the same key. RFC 5652, 5.3 asks for the type id-data then.
+constexpr unsigned int signingFlags = CMS_BINARY | CMS_NOATTR | CMS_PARTIAL;
+
+/// A CMS with its one signer and his certificate, still without content and signature.
+/// @param key  the certificate's; the public half is enough
+OpenSsl::Cms unsignedCms(X509& certificate, EVP_PKEY& key) {
+    OpenSsl::Cms cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, signingFlags));
+    require(cms != nullptr &&
+                CMS_add1_signer(cms.get(), &certificate, &key, EVP_sha256(), signingFlags) != nullptr,
+            "couldn't make a CMS for the certificate");
+    return cms;
+}
+
+CMS_SignerInfo& onlySignerOf(CMS_ContentInfo& cms) {
+    STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(&cms);
+    require(signers != nullptr && sk_CMS_SignerInfo_num(signers) == 1,
+            "CMS does not have exactly one signer");
+    return *sk_CMS_SignerInfo_value(signers, 0);
+}
+
+/// The one encoding of what a CMS holds.
+std::string canonicalDer(CMS_ContentInfo& read, X509& certificate, const ASN1_OCTET_STRING& content) {
+    auto cms = unsignedCms(certificate, *X509_get0_pubkey(&certificate));
+    ASN1_OCTET_STRING** place = CMS_get0_content(cms.get());
+    OpenSsl::OctetString copy(ASN1_OCTET_STRING_dup(&content));
+    require(place != nullptr && copy != nullptr, "out of memory");
+    ASN1_OCTET_STRING_free(*place);
+    *place = copy.release();
+    require(ASN1_STRING_copy(CMS_SignerInfo_get0_signature(&onlySignerOf(*cms)),
+                             CMS_SignerInfo_get0_signature(&onlySignerOf(read))) == 1,
+            "out of memory");
+    return OpenSsl::derOf<const CMS_ContentInfo>(cms.get(), i2d_CMS_ContentInfo);
+}
+
+OpenSsl::Cms decoded(std::string_view der) {
+    require(der.size() <= maximumBlobSize, "CMS is too large");
+    const unsigned char* position = OpenSsl::octets(der);
+    OpenSsl::Cms cms(d2i_CMS_ContentInfo(nullptr, &position, static_cast<long>(der.size())));
+    require(cms != nullptr && OBJ_obj2nid(CMS_get0_type(cms.get())) == NID_pkcs7_signed,
+            "CMS is no signed data");
+    return cms;
+}
+
+OpenSsl::Certificate onlyCertificateOf(CMS_ContentInfo& cms) {
+    const OpenSsl::CertificateStack certificates(CMS_get1_certs(&cms));
+    require(certificates != nullptr && sk_X509_num(certificates.get()) == 1,
+            "CMS does not have exactly one certificate");
+    return OpenSsl::Certificate(sk_X509_shift(certificates.get()));
+}
+
+} // namespace
+
+Cms readCms(std::string der) {
+    const OpenSsl::ErrorMark mark;
+    const auto cms = decoded(der);
+    const auto certificate = onlyCertificateOf(*cms);
+    checkIsStrongRsa(*certificate);
+    ASN1_OCTET_STRING** content = CMS_get0_content(cms.get());
+    require(content != nullptr && *content != nullptr, "CMS has no content");
+    // Whatever could be said in two ways, or is not covered by the signature, is so compared at once.
+    require(canonicalDer(*cms, *certificate, **content) == der, "CMS is not in its one allowed encoding");
+    const std::string_view bytes(reinterpret_cast<const char*>(ASN1_STRING_get0_data(*content)),
+                                 static_cast<std::size_t>(ASN1_STRING_length(*content)));
+    return Cms(std::make_shared<const CmsData>(
+        CmsData{certificateOf(*certificate), SignedContent::parse(bytes), std::move(der)}));
+}
+
+std::string makeCms(X509& certificate, EVP_PKEY& key, const SignedContent& content) {
+    const OpenSsl::ErrorMark mark;
+    checkMaySign(certificate);
+    require(X509_check_private_key(&certificate, &key) == 1, "the key does not belong to the certificate");
+    const auto bytes = content.encoded();
+    const auto source = OpenSsl::reading(bytes);
+    const auto cms = unsignedCms(certificate, key);
+    require(CMS_final(cms.get(), source.get(), nullptr, signingFlags) == 1, "couldn't sign");
+    auto der = OpenSsl::derOf<const CMS_ContentInfo>(cms.get(), i2d_CMS_ContentInfo);
+    require(der.size() <= maximumBlobSize, "CMS is too large");
+    return der;
+}
+
+void Authority::verify(const Cms& cms) const {
+    const OpenSsl::ErrorMark mark;
+    const auto parsed = decoded(cms.data().der);
+    const auto certificate = onlyCertificateOf(*parsed);
+    checkMaySign(*certificate);
+    checkChain(*certificate);
+    // The chain has been seen to; what is left is the signature.
+    require(CMS_verify(parsed.get(), nullptr, nullptr, nullptr, nullptr,
+                       CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) == 1,
+            "signature does not belong to the content");
+}
+
+} // namespace PackageSignatures
