@@ -1,0 +1,155 @@
+#include "tools/vendara-sign/FileSigner.h"
+
+#include "platform/signcms/Bytes.h"
+
+#include <rpm/rpmcrypto.h>
+#include <rpm/rpmfiles.h>
+
+#include <array>
+#include <cstdlib>
+#include <set>
+#include <sys/stat.h>
+
+namespace Signing {
+
+namespace OpenSsl = PackageSignatures::OpenSsl;
+using OpenSsl::require;
+
+namespace {
+
+/// A digest algorithm as its three users number or name it.
+struct Algorithm {
+    int rpm;
+    char kernel; ///< enum hash_algo of linux/hash_info.h
+    const EVP_MD* (*openSsl)();
+};
+
+constexpr Algorithm algorithms[] = {
+    {RPM_HASH_SHA256, 4, EVP_sha256}, {RPM_HASH_SHA384, 5, EVP_sha384}, {RPM_HASH_SHA512, 6, EVP_sha512}};
+
+struct FileDigest {
+    const Algorithm* algorithm;
+    std::string bytes;
+};
+
+template<auto release>
+using Releaser = OpenSsl::Releaser<release>;
+using Files = std::unique_ptr<std::remove_pointer_t<rpmfiles>, Releaser<rpmfilesFree>>;
+using Name = std::unique_ptr<char, Releaser<std::free>>;
+
+std::string nameOf(rpmfiles files, int index) {
+    const Name name(rpmfilesFN(files, index));
+    return name ? name.get() : "";
+}
+
+FileDigest digestOf(rpmfiles files, int index) {
+    int number = 0;
+    std::size_t size = 0;
+    const auto* bytes = rpmfilesFDigest(files, index, &number, &size);
+    for (const auto& algorithm : algorithms) {
+        if (bytes != nullptr && algorithm.rpm == number) {
+            return {&algorithm, std::string(reinterpret_cast<const char*>(bytes), size)};
+        }
+    }
+    throw std::runtime_error("file " + nameOf(files, index) + " has no SHA-2 digest in the package");
+}
+
+/// A signature with PKCS #1 v1.5 padding (RFC 8017, 8.2) over a digest.
+std::string rawSignature(EVP_PKEY* key, const FileDigest& digest) {
+    const OpenSsl::KeyContext context(EVP_PKEY_CTX_new(key, nullptr));
+    std::string signature(static_cast<std::size_t>(EVP_PKEY_get_size(key)), '\0');
+    auto size = signature.size();
+    require(context && EVP_PKEY_sign_init(context.get()) == 1 &&
+                EVP_PKEY_CTX_set_signature_md(context.get(), digest.algorithm->openSsl()) == 1 &&
+                EVP_PKEY_sign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &size,
+                              OpenSsl::octets(digest.bytes), digest.bytes.size()) == 1,
+            "couldn't sign a file's digest");
+    signature.resize(size);
+    return signature;
+}
+
+/// The last four bytes of the SHA-1 of the public key, by which the kernel finds it in its keyring.
+std::string kernelKeyId(const X509& certificate) {
+    std::array<unsigned char, 20> digest{};
+    require(X509_pubkey_digest(&certificate, EVP_sha1(), digest.data(), nullptr) == 1,
+            "couldn't compute a key identifier");
+    return {digest.end() - 4, digest.end()};
+}
+
+std::string withSize(std::string header, const std::string& signature) {
+    PackageSignatures::appendNumber(header, static_cast<std::uint16_t>(signature.size()));
+    return header + signature;
+}
+
+class Signer {
+public:
+    explicit Signer(const Identity& identity)
+        : key_(identity.key.get())
+        , keyId_(kernelKeyId(*identity.certificate)) {}
+
+    // struct signature_v2_hdr of the kernel's security/integrity: type 3 (a digital signature), version 2.
+    [[nodiscard]] std::string integrity(const FileDigest& digest) const {
+        return withSize(std::string("\x03\x02") + digest.algorithm->kernel + keyId_,
+                        rawSignature(key_, digest));
+    }
+
+    // Over a digest that an integrity signature is never made for, so that none can stand in for the other.
+    [[nodiscard]] std::string trustlet(const FileDigest& digest) const {
+        const auto header = std::string("VNDT\x01") + digest.algorithm->kernel + keyId_;
+        const auto text = header + digest.bytes;
+        std::string outer(EVP_MAX_MD_SIZE, '\0');
+        unsigned int size = 0;
+        require(EVP_Digest(text.data(), text.size(), reinterpret_cast<unsigned char*>(outer.data()), &size,
+                           EVP_sha256(), nullptr) == 1,
+                "couldn't compute a digest");
+        return withSize(header, rawSignature(key_, {&algorithms[0], outer.substr(0, size)}));
+    }
+
+private:
+    EVP_PKEY* key_;
+    std::string keyId_;
+};
+
+bool isAtOrBelow(const std::string& name, const std::string& path) {
+    return name.starts_with(path) &&
+           (name.size() == path.size() || path.ends_with('/') || name[path.size()] == '/');
+}
+
+} // namespace
+
+std::vector<PackageSignatures::FileSignatures> signFiles(const Common::Rpm::Reader& package,
+                                                         const Identity& developer,
+                                                         const std::vector<std::string>& trustlets) {
+    const OpenSsl::ErrorMark mark;
+    const Files files(rpmfilesNew(nullptr, package.header(), RPMTAG_BASENAMES, 0));
+    if (!files) {
+        throw std::runtime_error("couldn't read the package's file list");
+    }
+    const Signer signer(developer);
+    std::set<std::string> unused(trustlets.begin(), trustlets.end());
+    std::vector<PackageSignatures::FileSignatures> signatures;
+    const auto count = static_cast<int>(rpmfilesFC(files.get()));
+    for (int i = 0; i < count; ++i) {
+        const bool isInPayload = (rpmfilesFFlags(files.get(), i) & RPMFILE_GHOST) == 0;
+        if (!isInPayload || !S_ISREG(rpmfilesFMode(files.get(), i))) {
+            continue;
+        }
+        const auto digest = digestOf(files.get(), i);
+        auto& file = signatures.emplace_back();
+        file.index = static_cast<std::uint32_t>(i);
+        file.integrity = signer.integrity(digest);
+        const auto name = nameOf(files.get(), i);
+        for (const auto& path : trustlets) {
+            if (isAtOrBelow(name, path)) {
+                file.trustlet = signer.trustlet(digest);
+                unused.erase(path);
+            }
+        }
+    }
+    if (!unused.empty()) {
+        throw std::runtime_error("the package has no file at or below " + *unused.begin());
+    }
+    return signatures;
+}
+
+} // namespace Signing

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "common/rpm/Reader.h"
+#include "platform/signcms/SignedContent.h"
+#include "tools/vendara-sign/Identity.h"
+
+#include <string>
+#include <vector>
+
+namespace Signing {
+
+/// Signs every regular file of a package that its payload carries, over the digest in the package's header.
+/// The layouts of both signatures are described in docs/package-signatures.md.
+/// @param trustlets  absolute paths; the file that is there, or all files below, get a trustlet signature
+/// @return by rising index in the package's file list
+/// Throws std::runtime_error for file digests that are not SHA-2, and for a trustlet path without a file.
+[[nodiscard]] std::vector<PackageSignatures::FileSignatures>
+signFiles(const Common::Rpm::Reader& package, const Identity& developer,
+          const std::vector<std::string>& trustlets);
+
+} // namespace Signing

@@ -1,0 +1,48 @@
+#include "tools/vendara-sign/Identity.h"
+
+#include "common/RegularFile.h"
+#include "platform/signcms/SignedBlob.h"
+
+#include <openssl/pem.h>
+
+namespace Signing {
+
+namespace OpenSsl = PackageSignatures::OpenSsl;
+
+namespace {
+
+constexpr std::size_t maximumPemSize = 1024 * 1024;
+
+// Instead of OpenSSL's own, which would ask at the terminal.
+int noPassphrase(char*, int, int, void*) { return -1; }
+
+} // namespace
+
+Identity loadIdentity(const std::filesystem::path& key, const std::filesystem::path& certificate) {
+    const OpenSsl::ErrorMark mark;
+    Identity identity;
+    const auto keyText = Common::readRegularFile(key, maximumPemSize);
+    identity.key.reset(
+        PEM_read_bio_PrivateKey(OpenSsl::reading(keyText).get(), nullptr, noPassphrase, nullptr));
+    if (!identity.key) {
+        throw std::runtime_error(key.string() + ": no PEM file of an unencrypted private key");
+    }
+    const auto certificateText = Common::readRegularFile(certificate, maximumPemSize);
+    identity.certificate.reset(
+        PEM_read_bio_X509(OpenSsl::reading(certificateText).get(), nullptr, nullptr, nullptr));
+    if (!identity.certificate) {
+        throw std::runtime_error(certificate.string() + ": no PEM file of a certificate");
+    }
+    if (X509_check_private_key(identity.certificate.get(), identity.key.get()) != 1) {
+        throw std::runtime_error(key.string() + ": does not belong to the certificate " +
+                                 certificate.string());
+    }
+    try {
+        PackageSignatures::checkMaySign(*identity.certificate);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(certificate.string() + ": " + error.what());
+    }
+    return identity;
+}
+
+} // namespace Signing

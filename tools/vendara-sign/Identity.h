@@ -1,0 +1,21 @@
+#pragma once
+
+#include "platform/signcms/OpenSsl.h"
+
+#include <filesystem>
+
+namespace Signing {
+
+/// Somebody who signs: a private key and the certificate that belongs to it.
+struct Identity {
+    PackageSignatures::OpenSsl::Key key;
+    PackageSignatures::OpenSsl::Certificate certificate;
+};
+
+/// Reads an identity from PEM files; the key must not be encrypted.
+/// Throws std::runtime_error, whose text names the path, also for a key that does not belong to the
+/// certificate and for a certificate that may not sign packages.
+[[nodiscard]] Identity loadIdentity(const std::filesystem::path& key,
+                                    const std::filesystem::path& certificate);
+
+} // namespace Signing

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "tools/vendara-sign/Identity.h"
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Signing {
+
+struct SignRequest {
+    std::filesystem::path package;
+    std::filesystem::path output;         ///< may be the package itself
+    std::optional<Identity> developer;    ///< signs the package and its files
+    std::optional<Identity> client;       ///< signs the package
+    std::vector<std::string> trustlets{}; ///< see signFiles()
+};
+
+/// Writes the package with the signatures that it has and those that are asked for. The output is replaced as
+/// a whole, and only when all went well. Throws std::exception, whose text names the path, for a package that
+/// librpm does not accept, that has a signature of the same role already or a damaged one, and for an
+/// identity of another role.
+void signPackage(const SignRequest& request);
+
+} // namespace Signing
