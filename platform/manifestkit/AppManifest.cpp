@@ -1,6 +1,6 @@
 #include "platform/manifestkit/AppManifest.h"
 
-#include "common/RegularFile.h"
+#include "platform/RegularFile.h"
 #include "platform/manifestkit/Utf8.h"
 
 #include <algorithm>
@@ -192,7 +192,7 @@ ManifestEntry ManifestEntry::fromBytes(std::string_view bytes) {
 
 ManifestEntry ManifestEntry::fromFile(const std::filesystem::path& path) {
     try {
-        return fromBytes(Common::readRegularFile(path, maximumSize));
+        return fromBytes(Platform::readWholeFile(path, maximumSize));
     } catch (const std::exception& error) {
         throw std::runtime_error("couldn't read manifest " + path.string() + ": " + error.what());
     }

@@ -1,6 +1,6 @@
 #include "platform/pkgverify/Container.h"
 
-#include "common/RegularFile.h"
+#include "platform/RegularFile.h"
 #include "platform/signcms/Bytes.h"
 #include "platform/signcms/SignedBlob.h"
 
@@ -20,7 +20,7 @@ constexpr std::size_t pieceSize = 1024 * 1024;
 
 std::string bytesAt(int descriptor, std::uint64_t offset, std::size_t size) {
     std::string bytes(size, '\0');
-    if (Common::readAt(descriptor, bytes.data(), size, offset) != size) {
+    if (Platform::readAt(descriptor, bytes.data(), size, offset) != size) {
         throw std::runtime_error("package ends too early");
     }
     return bytes;
@@ -138,7 +138,7 @@ PackageDigest digestOf(int descriptor, std::uint64_t length) {
     std::string piece(static_cast<std::size_t>(std::min<std::uint64_t>(length, pieceSize)), '\0');
     for (std::uint64_t offset = 0; offset < length;) {
         const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(length - offset, piece.size()));
-        if (Common::readAt(descriptor, piece.data(), size, offset) != size) {
+        if (Platform::readAt(descriptor, piece.data(), size, offset) != size) {
             throw std::runtime_error("package ends too early");
         }
         OpenSsl::require(EVP_DigestUpdate(context.get(), piece.data(), size) == 1,

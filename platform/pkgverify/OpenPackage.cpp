@@ -8,8 +8,8 @@
 namespace PackageSignatures {
 
 OpenPackage::OpenPackage(const std::filesystem::path& path)
-    : file_(Common::openRegularFile(path))
-    , layout_(Container::readLayout(descriptor(), file_.size)) {
+    : file_(path)
+    , layout_(Container::readLayout(descriptor(), file_.size())) {
     if (layout_) {
         for (auto& der : Container::readCmses(descriptor(), *layout_)) {
             cmses_.push_back(readCms(std::move(der)));

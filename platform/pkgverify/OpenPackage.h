@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/RegularFile.h"
+#include "platform/RegularFile.h"
 #include "platform/pkgverify/Container.h"
 #include "platform/signcms/PackageSignatures.h"
 
@@ -18,10 +18,10 @@ public:
     /// Throws std::runtime_error where FileWithCmses::fromPath() gives nothing.
     explicit OpenPackage(const std::filesystem::path& path);
 
-    [[nodiscard]] int descriptor() const { return file_.descriptor.get(); }
+    [[nodiscard]] int descriptor() const { return file_.descriptor(); }
     /// Bytes of the package itself, without its signatures.
     [[nodiscard]] std::uint64_t packageLength() const {
-        return layout_ ? layout_->packageLength : file_.size;
+        return layout_ ? layout_->packageLength : file_.size();
     }
     [[nodiscard]] const std::vector<Cms>& cmses() const { return cmses_; }
 
@@ -29,7 +29,7 @@ public:
     void requireVerified(const std::filesystem::path& caPath) const;
 
 private:
-    Common::RegularFile file_;
+    Platform::RegularFile file_;
     std::optional<Container::Layout> layout_;
     std::vector<Cms> cmses_;
 };

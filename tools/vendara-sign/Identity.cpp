@@ -1,6 +1,6 @@
 #include "tools/vendara-sign/Identity.h"
 
-#include "common/RegularFile.h"
+#include "platform/RegularFile.h"
 #include "platform/signcms/SignedBlob.h"
 
 #include <openssl/pem.h>
@@ -21,13 +21,13 @@ int noPassphrase(char*, int, int, void*) { return -1; }
 Identity loadIdentity(const std::filesystem::path& key, const std::filesystem::path& certificate) {
     const OpenSsl::ErrorMark mark;
     Identity identity;
-    const auto keyText = Common::readRegularFile(key, maximumPemSize);
+    const auto keyText = Platform::readWholeFile(key, maximumPemSize);
     identity.key.reset(
         PEM_read_bio_PrivateKey(OpenSsl::reading(keyText).get(), nullptr, noPassphrase, nullptr));
     if (!identity.key) {
         throw std::runtime_error(key.string() + ": no PEM file of an unencrypted private key");
     }
-    const auto certificateText = Common::readRegularFile(certificate, maximumPemSize);
+    const auto certificateText = Platform::readWholeFile(certificate, maximumPemSize);
     identity.certificate.reset(
         PEM_read_bio_X509(OpenSsl::reading(certificateText).get(), nullptr, nullptr, nullptr));
     if (!identity.certificate) {

@@ -52,7 +52,7 @@ void copyBytes(int source, std::uint64_t length, AtomicFile& output) {
     std::string piece(1024 * 1024, '\0');
     for (std::uint64_t offset = 0; offset < length;) {
         const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), length - offset));
-        const auto count = Common::readAt(source, piece.data(), wanted, offset);
+        const auto count = Platform::readAt(source, piece.data(), wanted, offset);
         if (count == 0) {
             throw std::runtime_error("ends too early");
         }
