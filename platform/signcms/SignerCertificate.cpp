@@ -96,7 +96,7 @@ void checkMaySign(X509& certificate) {
     require((flags & EXFLAG_INVALID) == 0, "certificate has an invalid extension");
     require((flags & EXFLAG_KUSAGE) != 0 && (X509_get_key_usage(&certificate) & KU_DIGITAL_SIGNATURE) != 0,
             "certificate's key usage does not include digital signatures");
-    require(X509_check_ca(&certificate) == 0, "certificate is an authority's");
+    require((flags & EXFLAG_CA) == 0, "certificate is an authority's");
     require(roleOf(certificate).has_value(),
             "certificate's extended key usage does not name one role of a package's signer");
 }

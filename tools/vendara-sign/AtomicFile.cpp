@@ -21,7 +21,7 @@ void require(bool condition, const std::filesystem::path& path) {
 } // namespace
 
 AtomicFile::AtomicFile(const std::filesystem::path& path, mode_t mode)
-    : path_(std::filesystem::weakly_canonical(path)) {
+    : path_(std::filesystem::weakly_canonical(std::filesystem::absolute(path))) {
     auto name = (path_.parent_path() / ("." + path_.filename().string() + ".XXXXXX")).string();
     descriptor_ = Common::UniqueFd(mkostemp(name.data(), O_CLOEXEC));
     require(static_cast<bool>(descriptor_), path);

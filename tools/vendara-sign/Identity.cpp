@@ -45,4 +45,19 @@ Identity loadIdentity(const std::filesystem::path& key, const std::filesystem::p
     return identity;
 }
 
+std::string keyPem(const Identity& identity) {
+    const OpenSsl::Bio text(BIO_new(BIO_s_mem()));
+    OpenSsl::require(text && PEM_write_bio_PrivateKey(text.get(), identity.key.get(), nullptr, nullptr, 0,
+                                                      nullptr, nullptr) == 1,
+                     "couldn't write a key");
+    return OpenSsl::contentOf(text.get());
+}
+
+std::string certificatePem(const Identity& identity) {
+    const OpenSsl::Bio text(BIO_new(BIO_s_mem()));
+    OpenSsl::require(text && PEM_write_bio_X509(text.get(), identity.certificate.get()) == 1,
+                     "couldn't write a certificate");
+    return OpenSsl::contentOf(text.get());
+}
+
 } // namespace Signing

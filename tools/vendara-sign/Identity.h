@@ -3,6 +3,7 @@
 #include "platform/signcms/OpenSsl.h"
 
 #include <filesystem>
+#include <string>
 
 namespace Signing {
 
@@ -17,5 +18,9 @@ struct Identity {
 /// certificate and for a certificate that may not sign packages.
 [[nodiscard]] Identity loadIdentity(const std::filesystem::path& key,
                                     const std::filesystem::path& certificate);
+
+/// In PEM. Both throw std::runtime_error when OpenSSL fails.
+[[nodiscard]] std::string keyPem(const Identity& identity);
+[[nodiscard]] std::string certificatePem(const Identity& identity);
 
 } // namespace Signing

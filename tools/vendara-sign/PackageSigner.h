@@ -12,8 +12,8 @@ namespace Signing {
 struct SignRequest {
     std::filesystem::path package;
     std::filesystem::path output;         ///< may be the package itself
-    std::optional<Identity> developer;    ///< signs the package and its files
-    std::optional<Identity> client;       ///< signs the package
+    std::optional<Identity> developer{};  ///< signs the package and its files
+    std::optional<Identity> client{};     ///< signs the package
     std::vector<std::string> trustlets{}; ///< see signFiles()
 };
 

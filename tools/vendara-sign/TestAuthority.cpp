@@ -3,7 +3,6 @@
 #include "platform/signcms/SignedBlob.h"
 #include "tools/vendara-sign/AtomicFile.h"
 
-#include <openssl/pem.h>
 #include <openssl/rand.h>
 
 #include <cerrno>
@@ -68,21 +67,6 @@ Identity makeIdentity(const CertificateRequest& request, const Identity* issuer)
     return made;
 }
 
-std::string pemOfKey(const Identity& identity) {
-    const OpenSsl::Bio text(BIO_new(BIO_s_mem()));
-    require(text && PEM_write_bio_PrivateKey(text.get(), identity.key.get(), nullptr, nullptr, 0, nullptr,
-                                             nullptr) == 1,
-            "couldn't write a key");
-    return OpenSsl::contentOf(text.get());
-}
-
-std::string pemOfCertificate(const Identity& identity) {
-    const OpenSsl::Bio text(BIO_new(BIO_s_mem()));
-    require(text && PEM_write_bio_X509(text.get(), identity.certificate.get()) == 1,
-            "couldn't write a certificate");
-    return OpenSsl::contentOf(text.get());
-}
-
 void writeNewFile(const std::filesystem::path& path, std::string_view content) {
     const bool isSecret = path.extension() == ".key";
     const Common::UniqueFd file(
@@ -102,7 +86,6 @@ Validity Validity::usual() {
 
 TestAuthority::TestAuthority(const std::string& commonName)
     : identity_(makeIdentity({.commonName = commonName,
-                              .extendedKeyUsage = "",
                               .keyUsage = "critical,keyCertSign,cRLSign",
                               .basicConstraints = "critical,CA:TRUE"},
                              nullptr)) {}
@@ -118,8 +101,8 @@ void makeTestAuthority(const std::filesystem::path& directory, const Validity& v
     const TestAuthority authority;
     std::map<std::string, std::string> files;
     const auto add = [&files](const std::string& name, const Identity& identity) {
-        files[name + ".key"] = pemOfKey(identity);
-        files[name + ".pem"] = pemOfCertificate(identity);
+        files[name + ".key"] = keyPem(identity);
+        files[name + ".pem"] = certificatePem(identity);
     };
     const auto issue = [&](const char* commonName, const std::string& usage) {
         return authority.issue({.commonName = commonName, .extendedKeyUsage = usage, .validity = validity});

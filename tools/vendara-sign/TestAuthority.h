@@ -18,8 +18,8 @@ struct Validity {
 
 /// What a certificate is to say. Extension values as x509v3_config(5) writes them; an empty one is left out.
 struct CertificateRequest {
-    std::string commonName;
-    std::string extendedKeyUsage;
+    std::string commonName = "Test";
+    std::string extendedKeyUsage{};
     std::string keyUsage = "critical,digitalSignature";
     std::string basicConstraints = "critical,CA:FALSE";
     Validity validity = Validity::usual();

@@ -1,0 +1,202 @@
+#include "common/UniqueFd.h"
+#include "tests/support/Process.h"
+
+#include <gtest/gtest.h>
+// GoogleTest first: the fixture derives from it.
+#include "tests/platform/SignedPackages.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+using namespace Testbed;
+
+TEST_F(SignedPackages, GiveTheirSignersAndTheirFilesSignatures) {
+    const Signing::SignRequest request{.package = packageFile,
+                                       .output = file,
+                                       .developer = issue(developerUsage),
+                                       .trustlets = {"/usr/lib/ta"}};
+    Signing::signPackage(request);
+    const auto key = OpenSsl::Key(X509_get_pubkey(request.developer->certificate.get()));
+    const Signing::SignRequest second{.package = file, .output = file, .client = issue(clientUsage)};
+    Signing::signPackage(second);
+
+    const Common::UniqueFd held(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    const auto signedFile = FileWithCmses::fromPath("/proc/self/fd/" + std::to_string(held.get()));
+    ASSERT_TRUE(signedFile && signedFile->verifyCmses(authorityFile));
+    const auto developerCms = developerCmsFromVector(signedFile->cmses());
+    const auto clientCms = clientCmsFromVector(signedFile->cmses());
+    ASSERT_TRUE(developerCms && clientCms);
+    EXPECT_EQ(developerCms->certificate().subject(), "CN=Somebody\\, Ltd. \xC3\xA9");
+    EXPECT_EQ(developerCms->certificate().keyId(), certificateOf(*request.developer->certificate).keyId());
+    EXPECT_NE(developerCms->certificate().keyId(), certificateOf(*developer.certificate).keyId());
+    EXPECT_EQ(clientCms->certificate().keyId(), certificateOf(*second.client->certificate).keyId());
+
+    // Files by their index: tool, key.ta and data, in the order of their paths.
+    const auto signature = developerCms->fileSignature(0);
+    ASSERT_EQ(signature.size(), 9U + 256);
+    EXPECT_EQ(signature.substr(0, 3), std::string("\x03\x02\x04"));
+    std::array<unsigned char, 32> digest{};
+    EVP_Digest("tool", 4, digest.data(), nullptr, EVP_sha256(), nullptr);
+    const OpenSsl::KeyContext verification(EVP_PKEY_CTX_new(key.get(), nullptr));
+    EVP_PKEY_verify_init(verification.get());
+    EVP_PKEY_CTX_set_signature_md(verification.get(), EVP_sha256());
+    EXPECT_EQ(EVP_PKEY_verify(verification.get(), OpenSsl::octets(signature) + 9, 256, digest.data(),
+                              digest.size()),
+              1);
+    EXPECT_EQ(developerCms->trustletSignature(0), "");
+    EXPECT_TRUE(developerCms->trustletSignature(1).starts_with("VNDT"));
+    EXPECT_EQ(developerCms->fileSignature(3), "");
+    EXPECT_EQ(clientCms->fileSignature(0), "");
+}
+
+TEST_F(SignedPackages, AreRefusedWithAnyByteChanged) {
+    auto bytes = package + Container::encodedTail(package.size(), {cmsOver(content(package), developer),
+                                                                   cmsOver(content(package), client)});
+    ASSERT_TRUE(accepts(bytes));
+    for (std::size_t i = 0; i < bytes.size(); i += i < package.size() ? 53 : i + 100 < bytes.size() ? 7 : 1) {
+        for (const char bit : {'\x01', '\x80'}) {
+            bytes[i] = static_cast<char>(bytes[i] ^ bit);
+            EXPECT_FALSE(accepts(bytes)) << "byte " << i << " of " << bytes.size();
+            bytes[i] = static_cast<char>(bytes[i] ^ bit);
+        }
+    }
+    for (const std::size_t place : {std::size_t{0}, package.size(), package.size() + 8, bytes.size()}) {
+        EXPECT_FALSE(accepts(std::string(bytes).insert(place, 1, '\0'))) << "a byte more at " << place;
+        EXPECT_FALSE(accepts(std::string(bytes).erase(std::min(place, bytes.size() - 1), 1)))
+            << "a byte less at " << place;
+    }
+}
+
+TEST_F(SignedPackages, AreRefusedWithACertificateThatDoesNotHold) {
+    const auto now = std::time(nullptr);
+    const auto developerIf = [this](const Signing::CertificateRequest& request) {
+        return openedWith({cmsOver(content(package), authority.issue(request))})->verifyCmses(authorityFile);
+    };
+    const std::string both = std::string(developerUsage) + "," + clientUsage;
+    EXPECT_TRUE(developerIf({.extendedKeyUsage = developerUsage}));
+    EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .validity = {now - 200, now - 100}}));
+    EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .validity = {now + 100, now + 200}}));
+    EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .keyUsage = ""}));
+    EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .keyUsage = "keyEncipherment"}));
+    EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .basicConstraints = "CA:TRUE"}));
+    EXPECT_FALSE(developerIf({.extendedKeyUsage = ""}));
+    EXPECT_FALSE(developerIf({.extendedKeyUsage = "codeSigning"}));
+    EXPECT_FALSE(developerIf({.extendedKeyUsage = both}));
+
+    // An authority and a developer of the same names.
+    const Signing::TestAuthority other;
+    const auto stranger = other.issue({.extendedKeyUsage = developerUsage});
+    const auto signedFile = openedWith({cmsOver(content(package), stranger)});
+    EXPECT_FALSE(signedFile->verifyCmses(authorityFile));
+    EXPECT_FALSE(openedWith({cmsOver(content(package), developer), cmsOver(content(package), stranger)})
+                     ->verifyCmses(authorityFile));
+    for (const auto* noAuthority : {"", "no certificates", "-----BEGIN CERTIFICATE-----\nAAAA\n"}) {
+        writeFile(scratch.path() / "other.pem", noAuthority);
+        EXPECT_FALSE(signedFile->verifyCmses(scratch.path() / "other.pem"));
+    }
+    EXPECT_FALSE(signedFile->verifyCmses(scratch.path() / "missing.pem"));
+    writeFile(scratch.path() / "other.pem", Signing::certificatePem(other.identity()));
+    EXPECT_TRUE(signedFile->verifyCmses(scratch.path() / "other.pem"));
+}
+
+TEST_F(SignedPackages, AreRefusedWithTheSignaturesOfAnother) {
+    const auto other =
+        readFile(buildPackage(scratch.path() / "other", {.files = {{"/usr/bin/tool", "another tool"}}}));
+    EXPECT_FALSE(openedWith({cmsOver(content(other), developer)})->verifyCmses(authorityFile));
+    EXPECT_FALSE(openedWith({cmsOver(content(package), developer), cmsOver(content(other), client)})
+                     ->verifyCmses(authorityFile));
+}
+
+TEST_F(SignedPackages, HaveOneSignatureOfEachRoleAtMostTheDevelopersFirst) {
+    const auto byDeveloper = cmsOver(content(package), developer);
+    const auto byClient = cmsOver(content(package), client);
+    EXPECT_TRUE(openedWith({byDeveloper, byClient})->verifyCmses(authorityFile));
+    EXPECT_FALSE(openedWith({byClient, byDeveloper})->verifyCmses(authorityFile));
+    const auto twice = openedWith({byDeveloper, cmsOver(content(package), issue(developerUsage))});
+    EXPECT_FALSE(twice->verifyCmses(authorityFile));
+    EXPECT_FALSE(developerCmsFromVector(twice->cmses()));
+
+    const auto clientOnly = openedWith({byClient});
+    EXPECT_TRUE(clientOnly->verifyCmses(authorityFile));
+    EXPECT_FALSE(developerCmsFromVector(clientOnly->cmses()));
+    EXPECT_TRUE(clientCmsFromVector(clientOnly->cmses()));
+    const auto developerOnly = openedWith({byDeveloper});
+    EXPECT_FALSE(clientCmsFromVector(developerOnly->cmses()));
+}
+
+TEST_F(SignedPackages, TakeNoOtherFormOfASignature) {
+    const auto good = content(package);
+    const auto count = [&good](const char* bytes) { return good.substr(0, 56) + std::string(bytes, 4); };
+    const std::string entry("\0\0\0\x01\0\x01\0\0x", 9);
+    EXPECT_TRUE(openedWith({cmsOver(count("\0\0\0\x01") + entry, developer)}));
+    for (const auto& bytes :
+         {std::string("x"), good.substr(0, 59), good + "x", count("\xFF\xFF\xFF\xFF"), count("\0\0\0\x01"),
+          count("\0\0\0\x02") + entry + entry, count("\0\0\0\x01") + std::string("\0\0\0\x01\0\0\0\0", 8),
+          count("\0\0\0\x01") + std::string("\0\0\0\x01\x08\x01\0\0", 8) + std::string(0x801, 'x')}) {
+        EXPECT_FALSE(openedWith({cmsOver(bytes, developer)})) << testing::PrintToString(bytes);
+    }
+    EXPECT_FALSE(openedWith({cmsOver(good, developer, 0)})) << "with signed attributes";
+    EXPECT_FALSE(openedWith({cmsOver(good, developer, CMS_NOATTR | CMS_DETACHED)})) << "without content";
+    EXPECT_FALSE(openedWith({cmsOver(good, developer, CMS_NOATTR | CMS_NOCERTS)})) << "without certificate";
+    EXPECT_FALSE(openedWith({cmsOver(good, developer, CMS_NOATTR | CMS_USE_KEYID)}))
+        << "signer by key identifier";
+    EXPECT_FALSE(openedWith({cmsOver(good, developer) + std::string(1, '\0')})) << "a byte behind";
+    EXPECT_FALSE(openedWith({std::string(2000, '\x30')})) << "no CMS";
+}
+
+TEST_F(SignedPackages, HaveATrailerThatDescribesThem) {
+    const auto bytes =
+        package + Container::encodedTail(package.size(), {cmsOver(content(package), developer)});
+    const auto trailer = bytes.size() - Container::trailerSize;
+    const std::pair<std::size_t, std::string> fields[] = {
+        {0, std::string(8, '\xFF')}, {0, std::string(8, '\0')},
+        {8, std::string(4, '\0')},   {8, std::string("\0\0\0\x02", 4)},
+        {8, std::string(4, '\xFF')}, {12, std::string(4, '\xFF')},
+        {12, std::string(4, '\0')},  {12, std::string("\x03\xFF\xFF\xFF")},
+        {16, std::string(4, '\xFF')}};
+    for (const auto& [offset, value] : fields) {
+        EXPECT_FALSE(opened(std::string(bytes).replace(trailer + offset, value.size(), value))) << offset;
+    }
+    EXPECT_FALSE(opened(bytes.substr(trailer))) << "a trailer alone";
+    EXPECT_FALSE(opened("")) << "nothing at all";
+    EXPECT_FALSE(opened("no package" + bytes.substr(10)));
+    EXPECT_FALSE(FileWithCmses::fromPath(scratch.path()));
+    EXPECT_FALSE(FileWithCmses::fromPath(scratch.path() / "missing"));
+    ASSERT_EQ(mkfifo((scratch.path() / "fifo").c_str(), 0600), 0);
+    EXPECT_FALSE(FileWithCmses::fromPath(scratch.path() / "fifo"));
+    const auto unsignedFile = opened(package);
+    ASSERT_TRUE(unsignedFile);
+    EXPECT_TRUE(unsignedFile->cmses().empty());
+    EXPECT_TRUE(unsignedFile->verifyCmses(authorityFile));
+}
+
+TEST_F(SignedPackages, AreVerifiedAsTheFileThatWasOpened) {
+    const auto bytes =
+        package + Container::encodedTail(package.size(), {cmsOver(content(package), developer)});
+    const auto signedFile = opened(bytes);
+    std::filesystem::rename(file, scratch.path() / "moved");
+    writeFile(file, "something else");
+    EXPECT_TRUE(signedFile->verifyCmses(authorityFile));
+    writeFile(scratch.path() / "moved", std::string(bytes).replace(500, 1, "?"));
+    EXPECT_FALSE(signedFile->verifyCmses(authorityFile));
+    std::filesystem::resize_file(scratch.path() / "moved", 400);
+    EXPECT_FALSE(signedFile->verifyCmses(authorityFile));
+}
+
+TEST_F(SignedPackages, AreStillReadByRpmsTools) {
+    for (const auto* payload : {"w9.gzdio", "w6.xzdio", "w3.zstdio", "w9.bzdio"}) {
+        const auto plain =
+            buildPackage(scratch.path() / payload,
+                         {.files = {{"/usr/bin/tool", std::string(100'000, 'x')}}, .payload = payload});
+        Signing::signPackage({.package = plain, .output = file, .developer = issue(developerUsage)});
+        EXPECT_EQ(run({"rpm", "-qp", file}).output, "com.example.app-1.0-1.noarch\n");
+        const auto unpacked = run({"rpm2cpio", file});
+        EXPECT_EQ(unpacked.status, 0) << payload;
+        EXPECT_EQ(unpacked.output, run({"rpm2cpio", plain}).output) << payload;
+    }
+}
+
+} // namespace

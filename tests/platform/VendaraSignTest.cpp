@@ -1,0 +1,150 @@
+#include "tests/support/Process.h"
+#include "tests/support/RpmPackage.h"
+#include "tests/support/ScratchDirectory.h"
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using namespace Testbed;
+using testing::HasSubstr;
+
+/// The program, with an authority of its own in "ca" and a package.
+class VendaraSign : public testing::Test {
+protected:
+    [[nodiscard]] ProcessResult sign(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), VENDARA_SIGN);
+        return run(arguments, {.directory = scratch.path()});
+    }
+
+    [[nodiscard]] static std::vector<std::string> by(const std::string& role, const std::string& name,
+                                                     const std::string& package) {
+        return {"--" + role + "-key", "ca/" + name + ".key", "--" + role + "-cert", "ca/" + name + ".pem",
+                package};
+    }
+
+    void SetUp() override {
+        ASSERT_EQ(sign({"--make-test-ca", "ca"}).status, 0);
+        std::filesystem::rename(
+            buildPackage(scratch.path() / "build", {.files = {{"/usr/bin/tool", "tool"}}}), file);
+    }
+
+    const ScratchDirectory scratch;
+    const std::filesystem::path file = scratch.path() / "a.rpm";
+};
+
+TEST_F(VendaraSign, SignsAsDeveloperAndLaterAsClient) {
+    const auto plain = readFile(file);
+    std::filesystem::create_symlink("a.rpm", scratch.path() / "link.rpm");
+    std::filesystem::permissions(file, std::filesystem::perms{0640});
+    ASSERT_EQ(sign(by("developer", "developer", "link.rpm")).status, 0);
+    const auto once = readFile(file);
+    EXPECT_TRUE(once.starts_with(plain));
+    EXPECT_TRUE(std::filesystem::is_symlink(scratch.path() / "link.rpm"));
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms{0640});
+    EXPECT_EQ(sign({"--verify", "--authority", "ca/ca.pem", "a.rpm"}).status, 0);
+
+    ASSERT_EQ(sign(by("client", "client", "a.rpm")).status, 0);
+    const auto shown = sign({"--verify", "--authority", "ca/ca.pem", "a.rpm"});
+    EXPECT_EQ(shown.status, 0);
+    EXPECT_THAT(shown.output, HasSubstr("developer\n  subject: CN=Test developer\n"));
+    EXPECT_THAT(shown.output, HasSubstr("client\n  subject: CN=Test client\n"));
+    EXPECT_EQ(sign({"--show", "a.rpm"}).output,
+              "package: " + std::to_string(plain.size()) + " bytes\n" + shown.output);
+
+    // The same keys and package give the same file.
+    writeFile(scratch.path() / "b.rpm", plain);
+    auto both = by("developer", "developer", "b.rpm");
+    const auto client = by("client", "client", "--output=c.rpm");
+    both.insert(both.end(), client.begin(), client.end());
+    ASSERT_EQ(sign(both).status, 0);
+    EXPECT_EQ(readFile(scratch.path() / "b.rpm"), plain);
+    EXPECT_EQ(readFile(scratch.path() / "c.rpm"), readFile(file));
+}
+
+TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
+    ASSERT_EQ(sign(by("developer", "developer", "a.rpm")).status, 0);
+    auto damaged = readFile(file);
+    damaged[damaged.size() / 2] ^= 1;
+    const auto plain =
+        readFile(buildPackage(scratch.path() / "build", {.name = "b", .files = {{"/b", "b"}}}));
+    writeFile(scratch.path() / "damaged.rpm", damaged);
+    writeFile(scratch.path() / "b.rpm", plain);
+    writeFile(scratch.path() / "text.rpm", "text");
+    auto noTrustlet = by("developer", "developer", "b.rpm");
+    noTrustlet.insert(noTrustlet.end(), {"--trustlet", "/usr/lib/ta"});
+    auto wrongKey = by("developer", "developer", "b.rpm");
+    wrongKey[1] = "ca/client.key";
+    auto noKey = by("developer", "developer", "b.rpm");
+    noKey[1] = "ca/missing.key";
+    const std::pair<std::vector<std::string>, const char*> cases[] = {
+        {by("developer", "developer", "a.rpm"), "a.rpm: the package has a developer's signature already"},
+        {by("developer", "developer", "missing.rpm"), "missing.rpm: No such file"},
+        {by("developer", "developer", "text.rpm"), "text.rpm: file is no rpm package"},
+        {by("developer", "client", "b.rpm"), "b.rpm: the certificate given for the developer is not one"},
+        {by("client", "ca", "b.rpm"), "ca/ca.pem: certificate"},
+        {by("client", "client", "damaged.rpm"), "damaged.rpm"},
+        {noTrustlet, "no file at or below /usr/lib/ta"},
+        {wrongKey, "ca/client.key: does not belong to the certificate ca/developer.pem"},
+        {noKey, "ca/missing.key: No such file"},
+        {{"--make-test-ca", "ca"}, "ca/ca.key: File exists"},
+        {{"--verify", "--authority", "ca/ca.pem", "b.rpm"}, "b.rpm: not signed by a developer"},
+        {{"--verify", "--authority", "ca/client.pem", "a.rpm"}, "issuer certificate"},
+        {{"--verify", "--authority", "ca/none.pem", "a.rpm"}, "ca/none.pem: No such file"}};
+    const auto before = digestOfTree(scratch.path());
+    for (const auto& [arguments, text] : cases) {
+        const auto result = sign(arguments);
+        EXPECT_EQ(result.status, 1) << text;
+        EXPECT_THAT(result.output, testing::AllOf(testing::StartsWith("vendara-sign: "), HasSubstr(text)));
+    }
+    EXPECT_EQ(digestOfTree(scratch.path()), before);
+}
+
+TEST_F(VendaraSign, MakesAuthoritiesWhoseKeysOnlyTheOwnerReads) {
+    ASSERT_EQ(sign(by("developer", "system-developer", "a.rpm")).status, 0);
+    EXPECT_THAT(sign({"--show", "a.rpm"}).output,
+                HasSubstr("key: " + readFile(scratch.path() / "ca/system-developer-keyid")));
+    for (const auto* name : {"ca", "developer", "client", "system-developer"}) {
+        EXPECT_EQ(std::filesystem::status(scratch.path() / "ca" / (std::string(name) + ".key")).permissions(),
+                  std::filesystem::perms{0600});
+    }
+    const auto plain = buildPackage(scratch.path() / "build", {.name = "b", .files = {{"/b", "b"}}});
+    const auto verifyWith = [&](const std::vector<std::string>& dates) {
+        std::filesystem::remove_all(scratch.path() / "ca");
+        auto arguments = dates;
+        arguments.insert(arguments.end(), {"--make-test-ca", "ca"});
+        EXPECT_EQ(sign(arguments).status, 0);
+        auto signing = by("developer", "developer", plain);
+        signing.emplace_back("--output=b.rpm");
+        EXPECT_EQ(sign(signing).status, 0);
+        return sign({"--verify", "--authority", "ca/ca.pem", "b.rpm"});
+    };
+    EXPECT_THAT(verifyWith({"--not-before", "2001-01-01", "--not-after", "2002-01-01"}).output,
+                HasSubstr("certificate has expired"));
+    EXPECT_THAT(verifyWith({"--not-before", "2090-01-01", "--not-after", "2091-01-01"}).output,
+                HasSubstr("certificate is not yet valid"));
+    EXPECT_EQ(verifyWith({"--not-before", "2001-01-01"}).status, 0);
+}
+
+TEST_F(VendaraSign, TellsWrongUsageFromFailure) {
+    const std::vector<std::string> wrong[] = {{},
+                                              {"a.rpm"},
+                                              {"--no-such-option"},
+                                              {"--show"},
+                                              {"--verify", "a.rpm"},
+                                              {"--show", "--verify", "--authority", "ca/ca.pem", "a.rpm"},
+                                              {"--developer-key", "ca/developer.key", "a.rpm"},
+                                              {"--make-test-ca", "new", "a.rpm"},
+                                              {"--make-test-ca", "new", "--not-after", "tomorrow"},
+                                              {"--show", "a.rpm", "--output", "b.rpm"},
+                                              {"--show", "a.rpm", "more.rpm"}};
+    for (const auto& arguments : wrong) {
+        EXPECT_EQ(sign(arguments).status, 2) << testing::PrintToString(arguments);
+    }
+    EXPECT_FALSE(std::filesystem::exists(scratch.path() / "new"));
+    const auto help = sign({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_THAT(help.output, HasSubstr("--make-test-ca DIRECTORY"));
+}
+
+} // namespace
