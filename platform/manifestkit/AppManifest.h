@@ -56,7 +56,7 @@ public:
     [[nodiscard]] std::optional<std::string> value(std::string_view group, std::string_view key) const;
 
     /// Bytes that a manifest may have at most.
-    static constexpr std::size_t maximumSize = 1024 * 1024;
+    static constexpr std::size_t maximumSize = std::size_t{1024} * 1024;
 
 private:
     using Keys = std::map<std::string, std::string, std::less<>>;

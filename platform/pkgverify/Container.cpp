@@ -16,7 +16,7 @@ constexpr std::size_t rpmLeadSize = 96;
 constexpr std::string_view frameMagic = "\x50\x2A\x4D\x18";
 constexpr std::string_view trailerMagic = "VNDSIGNT";
 constexpr std::uint32_t version = 1;
-constexpr std::size_t pieceSize = 1024 * 1024;
+constexpr std::size_t pieceSize = std::size_t{1024} * 1024;
 
 std::string bytesAt(int descriptor, std::uint64_t offset, std::size_t size) {
     std::string bytes(size, '\0');

@@ -10,7 +10,7 @@
 namespace PackageSignatures {
 
 /// Bytes that one CMS may have at most.
-constexpr std::size_t maximumBlobSize = 64 * 1024 * 1024;
+constexpr std::size_t maximumBlobSize = std::size_t{64} * 1024 * 1024;
 
 /// Object identifiers of the roles' extended key usages (RFC 5280, 4.2.1.12), below an arc made from a UUID
 /// (ITU-T X.667), which nobody else uses.

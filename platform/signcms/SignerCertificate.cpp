@@ -11,7 +11,7 @@ using OpenSsl::require;
 
 namespace {
 
-constexpr std::size_t maximumAuthorityFileSize = 1024 * 1024;
+constexpr std::size_t maximumAuthorityFileSize = std::size_t{1024} * 1024;
 constexpr int securityLevel = 2; // 112 bits: no SHA-1, no RSA key below 2048 bits
 
 std::string sha256Hex(std::string_view bytes) {

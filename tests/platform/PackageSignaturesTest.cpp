@@ -128,14 +128,15 @@ TEST_F(SignedPackages, HaveOneSignatureOfEachRoleAtMostTheDevelopersFirst) {
 }
 
 TEST_F(SignedPackages, TakeNoOtherFormOfASignature) {
+    using namespace std::string_literals;
     const auto good = content(package);
-    const auto count = [&good](const char* bytes) { return good.substr(0, 56) + std::string(bytes, 4); };
-    const std::string entry("\0\0\0\x01\0\x01\0\0x", 9);
-    EXPECT_TRUE(openedWith({cmsOver(count("\0\0\0\x01") + entry, developer)}));
+    const auto withFiles = [&good](const std::string& entries) { return good.substr(0, 56) + entries; };
+    EXPECT_TRUE(openedWith({cmsOver(withFiles("\0\0\0\x01\0\0\0\x01\0\x01\0\0x"s), developer)}));
     for (const auto& bytes :
-         {std::string("x"), good.substr(0, 59), good + "x", count("\xFF\xFF\xFF\xFF"), count("\0\0\0\x01"),
-          count("\0\0\0\x02") + entry + entry, count("\0\0\0\x01") + std::string("\0\0\0\x01\0\0\0\0", 8),
-          count("\0\0\0\x01") + std::string("\0\0\0\x01\x08\x01\0\0", 8) + std::string(0x801, 'x')}) {
+         {"x"s, good.substr(0, 59), good + "x", withFiles("\xFF\xFF\xFF\xFF"s), withFiles("\0\0\0\x01"s),
+          withFiles("\0\0\0\x02\0\0\0\x01\0\x01\0\0x\0\0\0\x01\0\x01\0\0x"s),
+          withFiles("\0\0\0\x01\0\0\0\x01\0\0\0\0"s),
+          withFiles("\0\0\0\x01\0\0\0\x01\x08\x01\0\0"s + std::string(0x801, 'x'))}) {
         EXPECT_FALSE(openedWith({cmsOver(bytes, developer)})) << testing::PrintToString(bytes);
     }
     EXPECT_FALSE(openedWith({cmsOver(good, developer, 0)})) << "with signed attributes";

@@ -11,7 +11,7 @@ namespace OpenSsl = PackageSignatures::OpenSsl;
 
 namespace {
 
-constexpr std::size_t maximumPemSize = 1024 * 1024;
+constexpr std::size_t maximumPemSize = std::size_t{1024} * 1024;
 
 // Instead of OpenSSL's own, which would ask at the terminal.
 int noPassphrase(char*, int, int, void*) { return -1; }

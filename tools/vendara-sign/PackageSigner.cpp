@@ -49,7 +49,7 @@ void addCms(CmsesByRole& cmses, Role role, const Identity& identity,
 }
 
 void copyBytes(int source, std::uint64_t length, AtomicFile& output) {
-    std::string piece(1024 * 1024, '\0');
+    std::string piece(std::size_t{1024} * 1024, '\0');
     for (std::uint64_t offset = 0; offset < length;) {
         const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), length - offset));
         const auto count = Platform::readAt(source, piece.data(), wanted, offset);

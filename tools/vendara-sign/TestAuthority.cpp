@@ -17,7 +17,7 @@ using OpenSsl::require;
 
 namespace {
 
-constexpr std::time_t day = 24 * 60 * 60;
+constexpr std::time_t day = std::time_t{24} * 60 * 60;
 constexpr unsigned int keyBits = 2048;
 
 using Extension = OpenSsl::Owned<X509_EXTENSION, X509_EXTENSION_free>;
