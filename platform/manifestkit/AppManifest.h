@@ -8,7 +8,7 @@
 
 /// The platform's manifest library, libmanifestkit.so.1.
 ///
-/// An application's manifest is a desktop entry file (Desktop Entry Specification 1.5 of freedesktop.org)
+/// An application's manifest is a desktop entry file as freedesktop.org defines the format, version 1.5,
 /// with one group of this platform's own, which says to whom the application's shared data belongs:
 ///
 ///     [Desktop Entry]
