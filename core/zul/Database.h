@@ -1,20 +1,46 @@
 #pragma once
 
 #include "common/Names.h"
+#include "core/zul/Package.h"
+#include "core/zul/Record.h"
 
 #include <filesystem>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Core::ZUL {
 
-/// The on-disk database of installed packages: a root directory with a directory per package, and a temporary
-/// directory for unpacking.
+/// The on-disk database of installed packages.
+///
+///     root/ID/VERSION/     the unpacked payload, its record "quenra.pkg" and its mapping list "symlink.list"
+///     root/ID/current      link to the installed VERSION directory
+///     root/ID/next         link to the VERSION directory of a prepared upgrade
+///
+/// Files of an installed package appear in the system directories as mappings (see Mappings). The temporary
+/// directory, on the same file system as the root, is where callers unpack; recovery empties it.
+///
+/// One process owns a database and one thread at a time uses it. Failures are Common::Error; every operation
+/// that takes an identifier or a package throws, before it touches anything, BadPackageID for an identifier
+/// and BadPackage for a version, organisation or application name that is not one ordinary path component. An
+/// identifier may begin with one "/", which does not count. Looking at a package that turns out to be damaged
+/// removes it.
+///
+/// A process killed at any moment leaves a database that recoverDatabase(), one packages() and a
+/// refreshMappings() of every package bring back to whole packages with their mappings. What an operation
+/// reported as done survives the loss of power.
 class Database {
 public:
     /// Takes the directories from the configuration file, read afresh; never fails because of it. What is
     /// absent, or a file that cannot be read or parsed, gives the defaults "/opt/app" and "/opt/zul/tmp".
     /// @param configuration  INI file, section "database", keys "root_directory" and "temp_directory"
     explicit Database(const std::filesystem::path& configuration = Common::Names::Files::zulConfiguration);
+
+    /// Takes the directories as given, for images and tests.
+    /// @param systemRoot  the directory that stands for "/" in every mapping's path. Mapping lists and
+    ///                    messages name mappings as the running system will see them, without it. The links'
+    ///                    targets are paths below `root` as it is given here.
+    Database(std::filesystem::path root, std::filesystem::path temp, std::filesystem::path systemRoot = "/");
 
     [[nodiscard]] const std::filesystem::path& rootDirectory() const { return rootDirectory_; }
     [[nodiscard]] const std::filesystem::path& tempDirectory() const { return tempDirectory_; }
@@ -25,9 +51,83 @@ public:
     /// searched or a name that is too long.
     [[nodiscard]] bool hasPreparedNextVersion(const std::string& packageId) const;
 
+    /// The directory of an installed package. Throws PackageNotExist; CorruptedInstalledPackage, after
+    /// removing the package, when its "current" leads nowhere.
+    [[nodiscard]] std::filesystem::path packageDirectory(const std::string& packageId);
+
+    /// Where this version of the package lies or would lie. Looks at no file.
+    [[nodiscard]] std::filesystem::path versionedDirectory(const Package& package) const;
+
+    /// The record of the prepared upgrade or, without one, of the installed version. A prepared upgrade whose
+    /// record cannot be read is given up. Throws CorruptedInstalledPackage, after removing the package, when
+    /// the installed version's record cannot be read.
+    [[nodiscard]] PackageData readPackageData(const std::filesystem::path& packageDirectory);
+
+    /// packageDirectory() and readPackageData() in one.
+    [[nodiscard]] PackageData packageData(const std::string& packageId);
+
+    /// The directories in the root, in directory order; none when there is no root. Whatever else is found
+    /// there is deleted. Throws Filesystem when the root cannot be read.
+    [[nodiscard]] std::vector<std::filesystem::path> packageDirectories();
+
+    /// Every package with its data, in directory order; damaged ones are removed and left out.
+    [[nodiscard]] std::vector<std::pair<std::filesystem::path, PackageData>> packages();
+
+    /// Removes the mappings and the directory of a damaged package. Failures are logged.
+    void cleanupCorruptedPackage(const std::filesystem::path& packageDirectory) noexcept;
+
+    /// Installs a package that has no directory yet. Takes the extracted directory over: it is renamed into
+    /// the database. A failure after that leaves no trace of the package, also not of a version that was
+    /// installed before, so callers take prepareUpgrade() for what is installed.
+    /// Throws Internal when there is no such directory, else Filesystem.
+    /// @param entries  further entries of the record; reading it back wants "certificate.id" and
+    ///                 "certificate.subgroup" among them
+    void install(const Package& package, const PackageData& entries, const std::filesystem::path& extracted);
+
+    /// Puts a higher version beside the installed one, which stays in service. Replaces an upgrade prepared
+    /// before. Throws as checkUpgrade() and install().
+    void prepareUpgrade(const Package& package, const PackageData& entries,
+                        const std::filesystem::path& extracted);
+
+    /// Checks that the package is higher than the prepared or else the installed version. Throws
+    /// PackageNotExist, CorruptedInstalledPackage, DowngradeAttempt, UpgradeAlreadyPrepared.
+    void checkUpgrade(const Package& package);
+
+    /// Puts the prepared upgrade into service and deletes all other versions. When the new version's mappings
+    /// cannot be made the package is left damaged, and gone with the next look at it. Throws Internal when no
+    /// upgrade is prepared, else Filesystem or what packageDirectory() throws.
+    void completeUpgrade(const Package& package);
+
+    /// Removes a package with its mappings and any prepared upgrade. Throws Filesystem or what
+    /// packageDirectory() throws.
+    void remove(const std::string& packageId);
+
+    /// Brings the database in order after a restart: empties the temporary directory, completes prepared
+    /// upgrades, deletes versions that are not installed and packages that cannot be read. Leaves mappings
+    /// alone: refreshMappings() of each package is the next step. One package's trouble is logged, not
+    /// thrown.
+    void recoverDatabase();
+
+    /// Brings the system directories in line with the installed version: missing mappings are made, those of
+    /// the package's own that it no longer has are removed, what belongs to others is left.
+    /// Throws what packageDirectory() and readRecord() throw, and Filesystem when some mapping cannot be
+    /// made; the others are made all the same.
+    void refreshMappings(const std::string& packageId);
+
+    /// Renames an extracted directory to the package's version directory. Throws Internal when it does not
+    /// exist, Filesystem when it cannot be renamed, as onto a version directory that holds something.
+    std::filesystem::path moveToVersionedDirectory(const Package& package,
+                                                   const std::filesystem::path& extracted);
+
 private:
+    std::filesystem::path directoryOf(const std::string& packageId) const;
+    void stage(const Package& package, const PackageData& entries, const std::filesystem::path& extracted);
+    void requireHigher(const Package& package, const std::filesystem::path& packageDirectory);
+    void recoverPackage(const std::filesystem::path& packageDirectory);
+
     std::filesystem::path rootDirectory_;
     std::filesystem::path tempDirectory_;
+    std::filesystem::path systemRoot_ = "/";
 };
 
 } // namespace Core::ZUL

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "core/zul/Package.h"
+
+#include <filesystem>
+#include <map>
+#include <string>
+
+namespace Core::ZUL {
+
+/// What a package record holds: dotted key ("section.key") to value, in byte order of the keys.
+using PackageData = std::map<std::string, std::string>;
+
+/// Name of the record in a version directory: an INI file as Boost.PropertyTree reads and writes it.
+inline const std::string recordName = "quenra.pkg";
+
+/// Writes a version directory's record: the package's identifier, version and, when it has both, its
+/// organisation and application names, then the further entries. An earlier record, also one that is a link
+/// or came with the payload, is replaced in one step and never written through.
+/// Throws Error, code Filesystem, "couldn't create quenra.pkg file " and the path: when the file cannot be
+/// written, and when an entry would not read back as it was given, for example one with a line break. Any
+/// thread.
+/// @param entries  dotted keys with exactly one full stop; values lose blanks at both ends when read
+void writeRecord(const Package& package, const PackageData& entries, const std::filesystem::path& directory);
+
+/// Reads a record and checks that it has "general.id", "general.version", "certificate.subgroup" and
+/// "certificate.id". Throws Error, code CorruptedInstalledPackage, when it is absent, is no regular file of
+/// at most 1 MiB, is no INI file or lacks one of these keys. Any thread.
+[[nodiscard]] PackageData readRecord(const std::filesystem::path& file);
+
+/// The reading of a record's text, as readRecord() does it; the file's name goes into messages.
+[[nodiscard]] PackageData parseRecord(const std::string& text, const std::filesystem::path& file);
+
+} // namespace Core::ZUL
