@@ -1,10 +1,13 @@
 #pragma once
 
 #include "common/Names.h"
+#include "core/zul/Mappings.h"
 #include "core/zul/Package.h"
+#include "core/zul/PackageDirectory.h"
 #include "core/zul/Record.h"
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -120,14 +123,19 @@ public:
                                                    const std::filesystem::path& extracted);
 
 private:
-    std::filesystem::path directoryOf(const std::string& packageId) const;
-    void stage(const Package& package, const PackageData& entries, const std::filesystem::path& extracted);
-    void requireHigher(const Package& package, const std::filesystem::path& packageDirectory);
-    void recoverPackage(const std::filesystem::path& packageDirectory);
+    [[nodiscard]] PackageDirectory directoryOf(const std::string& packageId) const;
+    [[nodiscard]] std::optional<PackageData> readPrepared(const PackageDirectory& directory);
+    [[nodiscard]] PackageData readInstalled(const PackageDirectory& directory);
+    void stage(const Package& package, const PackageData& entries,
+               const std::filesystem::path& extracted) const;
+    void requireHigher(const Package& package, const PackageDirectory& directory);
+    void removeMappingsOf(const PackageDirectory& directory, const std::string& packageId) const;
+    void removeTempDirectory() const;
+    void recoverPackage(const PackageDirectory& directory);
 
     std::filesystem::path rootDirectory_;
     std::filesystem::path tempDirectory_;
-    std::filesystem::path systemRoot_ = "/";
+    Mappings mappings_{"/"};
 };
 
 } // namespace Core::ZUL

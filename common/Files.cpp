@@ -1,0 +1,159 @@
+#include "common/Files.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <system_error>
+
+namespace Common {
+
+namespace {
+
+bool meansAbsence(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
+}
+
+UniqueFd openDirectory(const std::filesystem::path& directory) {
+    UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd) {
+        throw filesystemError("couldn't open directory " + directory.native());
+    }
+    return fd;
+}
+
+} // namespace
+
+Error filesystemError(const std::string& words) {
+    return {ErrorCode::Filesystem, words + ": " + std::generic_category().message(errno)};
+}
+
+bool isOrdinaryName(std::string_view name) noexcept {
+    const auto isForbidden = [](char character) {
+        const auto byte = static_cast<unsigned char>(character);
+        return byte == '/' || byte < 0x20 || byte == 0x7f;
+    };
+    return !name.empty() && name.size() <= NAME_MAX && name != "." && name != ".." &&
+           std::none_of(name.begin(), name.end(), isForbidden);
+}
+
+bool leadsSomewhere(const std::filesystem::path& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0) {
+        return true;
+    }
+    if (!meansAbsence(errno)) {
+        throw filesystemError("couldn't look at " + path.native());
+    }
+    return false;
+}
+
+std::optional<std::filesystem::path> linkTarget(const std::filesystem::path& path) {
+    std::error_code error;
+    auto target = std::filesystem::read_symlink(path, error);
+    return error ? std::nullopt : std::optional(std::move(target));
+}
+
+UniqueFd openWithin(int directory, const std::filesystem::path& path, int flags, Outside outside) noexcept {
+    open_how how{};
+    how.flags = static_cast<unsigned>(flags) | O_CLOEXEC;
+    how.resolve = RESOLVE_NO_MAGICLINKS | (outside == Outside::Refuse ? RESOLVE_BENEATH : RESOLVE_IN_ROOT);
+    return UniqueFd(static_cast<int>(syscall(SYS_openat2, directory, path.c_str(), &how, sizeof how)));
+}
+
+std::optional<std::string> readRegularFile(const std::filesystem::path& file, std::size_t limit) {
+    // Without O_NONBLOCK a FIFO would hold us until somebody writes to it.
+    const UniqueFd fd(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!fd && meansAbsence(errno)) {
+        return std::nullopt;
+    }
+    if (!fd || fstat(fd.get(), &status) != 0) {
+        throw filesystemError("couldn't open " + file.native());
+    }
+    if (!S_ISREG(status.st_mode) || static_cast<std::size_t>(status.st_size) > limit) {
+        throw Error(ErrorCode::FileNotFound,
+                    "no regular file of at most " + std::to_string(limit) + " bytes: " + file.native());
+    }
+    std::string text(static_cast<std::size_t>(status.st_size), '\0');
+    std::size_t filled = 0;
+    while (filled < text.size()) {
+        const auto count = read(fd.get(), text.data() + filled, text.size() - filled);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            throw filesystemError("couldn't read " + file.native());
+        }
+        if (count == 0) {
+            break;
+        }
+        filled += static_cast<std::size_t>(count);
+    }
+    text.resize(filled);
+    return text;
+}
+
+void flushDirectory(const std::filesystem::path& directory) {
+    if (fsync(openDirectory(directory).get()) != 0) {
+        throw filesystemError("couldn't flush directory " + directory.native());
+    }
+}
+
+void flushFileSystem(const std::filesystem::path& directory) {
+    if (syncfs(openDirectory(directory).get()) != 0) {
+        throw filesystemError("couldn't flush the file system of " + directory.native());
+    }
+}
+
+void replaceLink(const std::filesystem::path& link, const std::filesystem::path& target) {
+    const auto pending = link.parent_path() / ("." + link.filename().native() + ".new");
+    removeTree(pending);
+    if (symlink(target.c_str(), pending.c_str()) != 0) {
+        throw filesystemError("couldn't create link " + pending.native());
+    }
+    rmdir(link.c_str());
+    if (rename(pending.c_str(), link.c_str()) != 0) {
+        const auto failure = filesystemError("couldn't replace link " + link.native());
+        unlink(pending.c_str());
+        throw failure;
+    }
+}
+
+NewFile::NewFile(const std::filesystem::path& directory, const std::string& name)
+    : final_(directory / name)
+    , pending_(directory / ("." + name + ".new")) {
+    removeTree(pending_);
+    file_ = UniqueFd(open(pending_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!file_) {
+        throw filesystemError("couldn't create " + pending_.native());
+    }
+}
+
+NewFile::~NewFile() {
+    if (file_) {
+        unlink(pending_.c_str());
+    }
+}
+
+void NewFile::write(std::string_view content) {
+    while (!content.empty()) {
+        const auto count = ::write(file_.get(), content.data(), content.size());
+        if (count < 0 && errno != EINTR) {
+            throw filesystemError("couldn't write " + pending_.native());
+        }
+        content.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+}
+
+void NewFile::commit() {
+    if (rename(pending_.c_str(), final_.c_str()) != 0) {
+        throw filesystemError("couldn't replace " + final_.native());
+    }
+    file_ = UniqueFd();
+}
+
+} // namespace Common

@@ -1,0 +1,81 @@
+#pragma once
+
+#include "common/Error.h"
+#include "common/UniqueFd.h"
+
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Common {
+
+// File operations for trees whose content nobody vouches for. All may be called by any thread, and all throw
+// Error, code Filesystem, unless told otherwise.
+
+/// A Filesystem error: the words, ": " and the text of the current errno.
+[[nodiscard]] Error filesystemError(const std::string& words);
+
+/// Whether a text is one ordinary path component: 1 to 255 bytes, neither "." nor "..", without "/" and
+/// control characters.
+[[nodiscard]] bool isOrdinaryName(std::string_view name) noexcept;
+
+/// Whether a path leads to something, links followed. A link that leads nowhere or in a circle does not;
+/// what cannot be told, as with an input or output error, throws.
+[[nodiscard]] bool leadsSomewhere(const std::filesystem::path& path);
+
+/// The target of a symbolic link as it is stored; nothing for anything else.
+[[nodiscard]] std::optional<std::filesystem::path> linkTarget(const std::filesystem::path& path);
+
+/// What openWithin() does with links that lead out of the directory.
+enum class Outside {
+    Refuse,   ///< fails with EXDEV, also for any absolute link
+    IsInside, ///< the directory stands for "/": absolute links and ".." start over at it, as after chroot(2)
+};
+
+/// Opens a path below a directory by openat2(2), which needs Linux 5.6.
+/// @param flags  of open(2); close-on-exec is added
+/// @return nothing with errno set when it cannot be opened
+[[nodiscard]] UniqueFd openWithin(int directory, const std::filesystem::path& path, int flags,
+                                  Outside outside) noexcept;
+
+/// Reads a regular file; never blocks on anything else.
+/// @param limit  the largest size in bytes that is accepted
+/// @return nothing when there is no such file or a link leads nowhere
+/// Throws FileNotFound as well, for what is no regular file or too large.
+[[nodiscard]] std::optional<std::string> readRegularFile(const std::filesystem::path& file,
+                                                         std::size_t limit);
+
+/// Deletes a file, a link or a directory with all that is in it, however deep. Links are deleted, never
+/// followed. What does not exist is no failure; the first failure ends it.
+void removeTree(const std::filesystem::path& path);
+
+/// Waits until a directory's own entries are on disk.
+void flushDirectory(const std::filesystem::path& directory);
+
+/// Waits until all that was written to the file system that holds a directory is on disk.
+void flushFileSystem(const std::filesystem::path& directory);
+
+/// Makes or replaces a symbolic link in one step. An empty directory in its place is replaced as well.
+void replaceLink(const std::filesystem::path& link, const std::filesystem::path& target);
+
+/// A file that appears under its name whole or not at all, in place of whatever file or link had the name.
+/// Until then it lies beside it under another name.
+class NewFile {
+public:
+    NewFile(const std::filesystem::path& directory, const std::string& name);
+    ~NewFile();
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    void write(std::string_view content);
+    void commit();
+
+private:
+    std::filesystem::path final_;
+    std::filesystem::path pending_;
+    UniqueFd file_;
+};
+
+} // namespace Common

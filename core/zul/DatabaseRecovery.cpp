@@ -1,0 +1,113 @@
+#include "common/Files.h"
+#include "common/LogLine.h"
+#include "common/Names.h"
+#include "core/zul/Database.h"
+#include "core/zul/Events.h"
+#include "core/zul/PackageNames.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+namespace Core::ZUL {
+
+namespace fs = std::filesystem;
+using Common::Error;
+using Common::ErrorCode;
+using Common::quoted;
+
+namespace {
+
+/// Whether the second path is the first or lies below it.
+bool holds(const fs::path& outer, const fs::path& inner) {
+    const auto above = fs::weakly_canonical(outer);
+    const auto below = fs::weakly_canonical(inner);
+    return std::mismatch(above.begin(), above.end(), below.begin(), below.end()).first == above.end();
+}
+
+std::vector<fs::path> entriesOf(const fs::path& directory) {
+    std::vector<fs::path> entries;
+    for (const auto& entry : fs::directory_iterator(directory)) {
+        entries.push_back(entry.path());
+    }
+    return entries;
+}
+
+std::optional<std::string> valueOf(const PackageData& data, const std::string& key) {
+    const auto found = data.find(key);
+    return found == data.end() ? std::nullopt : std::optional(found->second);
+}
+
+} // namespace
+
+void Database::removeTempDirectory() const {
+    try {
+        if (!tempDirectory_.empty() && holds(tempDirectory_, rootDirectory_)) {
+            throw Error(ErrorCode::Internal, "the database root directory lies in it");
+        }
+        Common::removeTree(tempDirectory_);
+    } catch (const std::exception& error) {
+        Common::logWarning() << "couldn't cleanup database temporary directory" << error;
+    }
+}
+
+void Database::recoverPackage(const PackageDirectory& directory) {
+    // A prepared upgrade that cannot be read is given up: it must not take the installed version's place.
+    if (directory.hasNextLink() && !readPrepared(directory) && directory.hasNextLink()) {
+        directory.giveUpNext("couldn't cleanup corrupted package version: ",
+                             "couldn't cleanup corrupted next symlink: ");
+    }
+    if (directory.hasNextLink()) {
+        if (rename(directory.next().c_str(), directory.current().c_str()) == 0) {
+            const auto name = directory.path().filename().native();
+            Common::logInfo() << "package " << name << " successfully upgraded";
+            recordEvent(Event::PackageUpgraded, ErrorCode::None,
+                        "package " + name + " upgraded to " +
+                            directory.versionNameBehind(directory.current()));
+            Common::flushDirectory(directory.path());
+        } else {
+            Common::logWarning() << "couldn't rename next symlink to the current: "
+                                 << std::generic_category().message(errno);
+        }
+    }
+    if (Common::linkTarget(directory.current())) {
+        // What another version had in the system directories is known from its list alone.
+        directory.sweep("couldn't remove outdated package versioned directory: ",
+                        [&](const fs::path& entry) { Mappings::keepListOf(entry, directory.current()); });
+    }
+}
+
+void Database::recoverDatabase() {
+    removeTempDirectory();
+    if (!Common::leadsSomewhere(rootDirectory_)) {
+        Common::logWarning() << "database root directory doesn't exist";
+        return;
+    }
+    for (const auto& entry : entriesOf(rootDirectory_)) {
+        try {
+            recoverPackage(PackageDirectory(entry));
+        } catch (const std::exception& error) {
+            Common::logWarning() << "couldn't recover package directory " << quoted(entry) << ": " << error;
+        }
+    }
+    for (const auto& entry : entriesOf(rootDirectory_)) {
+        try {
+            static_cast<void>(readInstalled(PackageDirectory(entry)));
+        } catch (const std::exception& error) {
+            Common::logWarning() << error;
+        }
+    }
+}
+
+void Database::refreshMappings(const std::string& packageId) {
+    const PackageDirectory directory(packageDirectory(packageId));
+    const auto data = readRecord(directory.current() / recordName);
+    const Package package(directoryName(packageId), data.at(Common::Names::PackageKeys::version),
+                          valueOf(data, Common::Names::PackageKeys::orgName),
+                          valueOf(data, Common::Names::PackageKeys::appName));
+    requireOrdinaryNames(package);
+    mappings_.refreshMappings(package, directory.current());
+    mappings_.flush();
+}
+
+} // namespace Core::ZUL

@@ -1,0 +1,68 @@
+#include "core/zul/MappingList.h"
+
+#include "common/Files.h"
+
+#include <algorithm>
+#include <sstream>
+#include <unordered_set>
+
+namespace Core::ZUL {
+
+namespace {
+
+using Common::Error;
+using Common::ErrorCode;
+
+constexpr std::size_t sizeLimit = 256UL * 1024UL * 1024UL;
+
+std::optional<std::string> readText(const std::filesystem::path& versionDirectory) {
+    try {
+        return Common::readRegularFile(versionDirectory / mappingListName, sizeLimit);
+    } catch (const Error&) {
+        return std::nullopt;
+    }
+}
+
+} // namespace
+
+MappingList readMappingList(const std::filesystem::path& versionDirectory) {
+    const auto text = readText(versionDirectory);
+    if (!text) {
+        throw Error(ErrorCode::Filesystem, "couldn't find package symlink list");
+    }
+    MappingList list;
+    std::istringstream lines(*text);
+    for (std::string line; std::getline(lines, line);) {
+        list.push_back(line);
+    }
+    return list;
+}
+
+void writeMappingList(const std::filesystem::path& versionDirectory, const MappingList& list) {
+    std::string text;
+    for (const auto& target : list) {
+        text += target + "\n";
+    }
+    const auto path = versionDirectory / mappingListName;
+    if (!std::filesystem::is_symlink(path) && readText(versionDirectory) == text) {
+        return;
+    }
+    const char* failure = "couldn't open file to create mapping list";
+    try {
+        Common::NewFile file(versionDirectory, mappingListName);
+        failure = "couldn't write lines to mapping list";
+        file.write(text);
+        file.commit();
+    } catch (const Error&) {
+        throw Error(ErrorCode::Filesystem, failure);
+    }
+}
+
+MappingList mergedMappingList(MappingList first, const MappingList& second) {
+    const std::unordered_set<std::string> known(first.begin(), first.end());
+    std::copy_if(second.begin(), second.end(), std::back_inserter(first),
+                 [&known](const auto& target) { return !known.contains(target); });
+    return first;
+}
+
+} // namespace Core::ZUL

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace Core::ZUL {
+
+/// The targets of a version's mappings, absolute and as the running system sees them, in the order of
+/// creation.
+using MappingList = std::vector<std::string>;
+
+/// Name of the list in a version directory: a text file, each line a target and a line feed.
+inline const std::string mappingListName = "symlink.list";
+
+/// Reads a version's list. Throws Error, code Filesystem, "couldn't find package symlink list", when there is
+/// none that can be read. Any thread.
+[[nodiscard]] MappingList readMappingList(const std::filesystem::path& versionDirectory);
+
+/// Replaces a version's list in one step; one that stands already is left. Throws Error, code Filesystem. Any
+/// thread.
+void writeMappingList(const std::filesystem::path& versionDirectory, const MappingList& list);
+
+/// The first list, and behind it what only the second has.
+[[nodiscard]] MappingList mergedMappingList(MappingList first, const MappingList& second);
+
+} // namespace Core::ZUL

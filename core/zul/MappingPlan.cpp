@@ -1,0 +1,79 @@
+#include "core/zul/MappingPlan.h"
+
+#include "common/Files.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+
+namespace Core::ZUL {
+
+namespace {
+
+using Common::Error;
+using Common::ErrorCode;
+
+bool hasDirectory(int version, const std::string& source) {
+    if (Common::openWithin(version, source, O_PATH | O_DIRECTORY, Common::Outside::Refuse)) {
+        return true;
+    }
+    if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
+        throw Common::filesystemError("couldn't use directory " + source + " of the package");
+    }
+    return false;
+}
+
+bool hasOrdinaryNames(const std::filesystem::path& relative) {
+    return std::all_of(relative.begin(), relative.end(),
+                       [](const auto& name) { return Common::isOrdinaryName(name.native()); });
+}
+
+void planRule(const MappingRule& rule, const std::filesystem::path& versionDirectory,
+              std::vector<MappingPlan::Entry>& entries) {
+    const auto source = versionDirectory / rule.source;
+    const auto target = std::filesystem::path(rule.target).lexically_normal();
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(source)) {
+        std::error_code dangling;
+        if (entry.is_directory(dangling)) {
+            continue;
+        }
+        // Below its source the path goes on as it stands: what is inside is what was walked.
+        const std::filesystem::path relative = entry.path().native().substr(source.native().size() + 1);
+        if (!hasOrdinaryNames(relative)) {
+            throw Error(ErrorCode::BadPackage, "file name can't be mapped: " + entry.path().native());
+        }
+        entries.push_back({rule.source / relative, target / relative});
+    }
+}
+
+} // namespace
+
+MappingList MappingPlan::targets() const {
+    MappingList list;
+    list.reserve(entries.size());
+    for (const auto& entry : entries) {
+        list.push_back(entry.target.native());
+    }
+    return list;
+}
+
+MappingPlan planMappings(const Package& package, const std::filesystem::path& versionDirectory) {
+    const Common::UniqueFd version(open(versionDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!version) {
+        throw Common::filesystemError("couldn't open version directory " + versionDirectory.native());
+    }
+    MappingPlan plan;
+    try {
+        for (const auto& rule : mappingRules(package)) {
+            if (hasDirectory(version.get(), rule.source)) {
+                planRule(rule, versionDirectory, plan.entries);
+                plan.kind = std::max(plan.kind, rule.kind);
+            }
+        }
+    } catch (const std::filesystem::filesystem_error& error) {
+        throw Error(ErrorCode::Filesystem, error.what());
+    }
+    return plan;
+}
+
+} // namespace Core::ZUL

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "core/zul/MappingList.h"
+#include "core/zul/MappingRules.h"
+#include "core/zul/Package.h"
+
+#include <filesystem>
+#include <vector>
+
+namespace Core::ZUL {
+
+/// Which files of a version appear where, and how all of them do.
+struct MappingPlan {
+    struct Entry {
+        std::filesystem::path file;   ///< relative to the version directory
+        std::filesystem::path target; ///< absolute, as the running system sees it
+    };
+
+    MappingKind kind = MappingKind::Link;
+    std::vector<Entry> entries;
+
+    /// The mapping list of the plan.
+    [[nodiscard]] MappingList targets() const;
+};
+
+/// Works out the mappings of a version from the rules and what lies in its directory: every entry below a
+/// rule's source that is no directory, in the order of the rules and then of the directories. One rule of
+/// kind copy that applies makes all of them copies.
+/// Throws Error: BadPackage for a file name with a control character, which no mapping list can hold;
+/// Filesystem for a source directory that is a link out of the version, and for what cannot be read.
+[[nodiscard]] MappingPlan planMappings(const Package& package, const std::filesystem::path& versionDirectory);
+
+} // namespace Core::ZUL

@@ -1,0 +1,102 @@
+#include "core/zul/Mappings.h"
+
+#include "common/Files.h"
+#include "common/LogLine.h"
+#include "core/zul/Mapping.h"
+#include "core/zul/MappingList.h"
+#include "core/zul/MappingPlan.h"
+
+namespace Core::ZUL {
+
+namespace {
+
+using Common::Error;
+using Common::ErrorCode;
+using Common::quoted;
+
+void replaceWithMapping(const Mapping& mapping, const MappedFile& file, MappingKind kind) {
+    if (mapping.exists()) {
+        if (!mapping.isMapping()) {
+            throw Error(ErrorCode::Filesystem,
+                        "attempt to override system file with package mapping: " + mapping.target().native());
+        }
+        try {
+            mapping.remove();
+        } catch (const Error&) {
+            throw Error(ErrorCode::Filesystem,
+                        "couldn't clean up existing mapping: " + mapping.target().native());
+        }
+    }
+    mapping.createMapping(file, kind);
+}
+
+void removeCreated(const std::vector<Mapping>& created) {
+    Common::logInfo() << "cleaning up created mappings";
+    for (const auto& mapping : created) {
+        try {
+            mapping.remove();
+        } catch (const Error& error) {
+            Common::logWarning() << "couldn't clean up created mapping: " << quoted(mapping.target())
+                                 << error;
+        }
+    }
+}
+
+/// Removes one listed mapping if it is the package's own.
+void removeListed(SystemTree& tree, const std::string& target,
+                  const std::filesystem::path& packageDirectory) {
+    try {
+        const Mapping mapping(tree, target);
+        mapping.removePending();
+        if (mapping.isMapping() && mapping.standsForFileIn(packageDirectory)) {
+            mapping.remove();
+            return;
+        }
+        Common::logWarning() << "skip removing the generated package symlink, since it was most likely "
+                                "overwritten via rpm: "
+                             << quoted(target);
+    } catch (const Error& error) {
+        Common::logWarning() << "couldn't remove the generated package mapping: " << quoted(target) << error;
+    }
+}
+
+} // namespace
+
+void Mappings::writeList(const Package& package, const std::filesystem::path& versionDirectory) {
+    writeMappingList(versionDirectory, planMappings(package, versionDirectory).targets());
+}
+
+void Mappings::createMappings(const Package& package, const std::filesystem::path& versionDirectory) const {
+    const auto plan = planMappings(package, versionDirectory);
+    writeMappingList(versionDirectory, plan.targets());
+    SystemTree tree(systemRoot_);
+    std::vector<Mapping> created;
+    created.reserve(plan.entries.size());
+    for (const auto& entry : plan.entries) {
+        const MappedFile file{versionDirectory, entry.file};
+        Mapping mapping(tree, entry.target);
+        try {
+            replaceWithMapping(mapping, file, plan.kind);
+        } catch (const Error& error) {
+            Common::logError() << "couldn't create mapping " << quoted(file.path()) << " -> "
+                               << quoted(mapping.target()) << error;
+            removeCreated(created);
+            // Nothing is there any more that the list could speak of.
+            Common::removeTree(versionDirectory / mappingListName);
+            throw Error(ErrorCode::Filesystem, "couldn't create mappings");
+        }
+        created.push_back(std::move(mapping));
+    }
+}
+
+void Mappings::removeMappings(const std::filesystem::path& versionDirectory) const {
+    const auto list = readMappingList(versionDirectory);
+    SystemTree tree(systemRoot_);
+    for (const auto& target : list) {
+        removeListed(tree, target, versionDirectory.parent_path());
+    }
+}
+
+void Mappings::flush() const { Common::flushFileSystem(systemRoot_); }
+
+} // namespace Core::ZUL

@@ -1,0 +1,94 @@
+#include "core/zul/PackageDirectory.h"
+
+#include "common/Files.h"
+#include "common/LogLine.h"
+
+#include <unistd.h>
+#include <vector>
+
+namespace Core::ZUL {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Calls the action; a failure is a warning.
+template<typename Action>
+void tryTo(const std::string& words, Action action) {
+    try {
+        action();
+    } catch (const std::exception& error) {
+        Common::logWarning() << words << error;
+    }
+}
+
+bool isRealDirectory(const fs::path& path) {
+    std::error_code error;
+    return fs::is_directory(fs::symlink_status(path, error));
+}
+
+} // namespace
+
+bool PackageDirectory::hasNextLink() const { return Common::linkTarget(next()).has_value(); }
+
+std::string PackageDirectory::versionNameBehind(const fs::path& link) const {
+    return Common::linkTarget(link).value_or(fs::path()).filename();
+}
+
+fs::path PackageDirectory::versionBehind(const fs::path& link) const {
+    const auto target = Common::linkTarget(link);
+    if (!target) {
+        return {};
+    }
+    auto version = (path_ / *target).lexically_normal();
+    if (!version.has_filename()) {
+        version = version.parent_path();
+    }
+    const auto name = version.filename();
+    const bool isChild =
+        version.parent_path() == path_.lexically_normal() && Common::isOrdinaryName(name.native());
+    return isChild && name != "current" && name != "next" ? path_ / name : fs::path();
+}
+
+void PackageDirectory::giveUpNext(const std::string& versionWords, const std::string& linkWords) const {
+    const auto version = versionBehind(next());
+    // The link first: were it to outlive its version, recovery would put nothing into service.
+    tryTo(linkWords, [this] { Common::removeTree(next()); });
+    if (!version.empty() && version != versionBehind(current())) {
+        tryTo(versionWords, [&version] { Common::removeTree(version); });
+    }
+}
+
+void PackageDirectory::sweep(const std::string& words,
+                             const std::function<void(const fs::path&)>& beforeRemoval) const {
+    if (!isRealDirectory(path_)) {
+        return;
+    }
+    const auto kept = versionBehind(current());
+    std::vector<fs::path> entries;
+    for (const auto& entry : fs::directory_iterator(path_)) {
+        std::error_code error;
+        // The installed version may have been linked by another name of the root.
+        const bool isInstalled = isRealDirectory(entry) && fs::equivalent(entry, current(), error);
+        if (entry.path() != current() && entry.path() != kept && !isInstalled) {
+            entries.push_back(entry.path());
+        }
+    }
+    for (const auto& entry : entries) {
+        if (beforeRemoval) {
+            beforeRemoval(entry);
+        }
+        tryTo(words + Common::quoted(entry), [&entry] { Common::removeTree(entry); });
+    }
+}
+
+void PackageDirectory::remove() const {
+    if (isRealDirectory(path_)) {
+        unlink(next().c_str());
+        unlink(current().c_str());
+        Common::flushDirectory(path_);
+    }
+    Common::removeTree(path_);
+}
+
+} // namespace Core::ZUL

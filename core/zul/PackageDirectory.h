@@ -1,0 +1,47 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+namespace Core::ZUL {
+
+/// One package's directory: the versions in it and the links that say which is installed ("current") and
+/// which is prepared ("next"). A plain value. Failures are Error, code Filesystem.
+class PackageDirectory {
+public:
+    explicit PackageDirectory(std::filesystem::path path)
+        : path_(std::move(path)) {}
+
+    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+    [[nodiscard]] std::filesystem::path current() const { return path_ / "current"; }
+    [[nodiscard]] std::filesystem::path next() const { return path_ / "next"; }
+    [[nodiscard]] bool hasNextLink() const;
+
+    /// The last part of the target of one of the links, which names the version.
+    [[nodiscard]] std::string versionNameBehind(const std::filesystem::path& link) const;
+
+    /// Deletes the link "next" and then the version it leads to. That is kept when it is the installed one,
+    /// and when it is no direct child of this directory: then it is none of ours.
+    /// @param versionWords, linkWords  begin the warning about a failure of either
+    void giveUpNext(const std::string& versionWords, const std::string& linkWords) const;
+
+    /// Deletes every entry but "current" and the version it leads to. Nothing is deleted in a directory that
+    /// is reached through a link.
+    /// @param words          begin the warning about an entry that could not be deleted; the quoted path
+    /// follows
+    /// @param beforeRemoval  called with each entry that will be deleted
+    void sweep(const std::string& words,
+               const std::function<void(const std::filesystem::path&)>& beforeRemoval = {}) const;
+
+    /// Deletes the directory with all versions. The links go first: from then on the package is gone, however
+    /// much of it is left when the process dies.
+    void remove() const;
+
+private:
+    [[nodiscard]] std::filesystem::path versionBehind(const std::filesystem::path& link) const;
+
+    std::filesystem::path path_;
+};
+
+} // namespace Core::ZUL

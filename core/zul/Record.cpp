@@ -1,0 +1,117 @@
+#include "core/zul/Record.h"
+
+#include "common/Files.h"
+#include "common/LogLine.h"
+#include "common/Names.h"
+
+#include <boost/algorithm/string/trim.hpp>
+#include <boost/property_tree/ini_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+
+#include <sstream>
+
+namespace Core::ZUL {
+
+namespace {
+
+namespace pt = boost::property_tree;
+namespace Keys = Common::Names::PackageKeys;
+using Common::Error;
+using Common::ErrorCode;
+
+constexpr std::size_t sizeLimit = 1024UL * 1024UL;
+
+PackageData parse(const std::string& text) {
+    std::istringstream stream(text);
+    pt::ptree tree;
+    pt::read_ini(stream, tree);
+    PackageData data;
+    for (const auto& [section, keys] : tree) {
+        for (const auto& [key, value] : keys) {
+            data.emplace(section + "." + key, value.data());
+        }
+    }
+    return data;
+}
+
+std::string format(const PackageData& data) {
+    pt::ptree tree;
+    for (const auto& [key, value] : data) {
+        tree.put(pt::ptree::path_type(key, '.'), value);
+    }
+    std::ostringstream stream;
+    pt::write_ini(stream, tree);
+    return stream.str();
+}
+
+/// The writer takes any text, also one that the reader would take for further lines.
+void requireReadable(const std::string& text, PackageData expected) {
+    for (auto& [key, value] : expected) {
+        boost::algorithm::trim(value);
+    }
+    if (parse(text) != expected || text.size() > sizeLimit) {
+        throw Error(ErrorCode::Filesystem, "an entry would not read back as it was given");
+    }
+}
+
+} // namespace
+
+void writeRecord(const Package& package, const PackageData& entries, const std::filesystem::path& directory) {
+    PackageData data{{Keys::id, package.id()}, {Keys::version, package.version()}};
+    if (package.orgName() && package.appName()) {
+        data.emplace(Keys::orgName, *package.orgName());
+        data.emplace(Keys::appName, *package.appName());
+    }
+    for (const auto& [key, value] : entries) {
+        data.insert_or_assign(key, value);
+    }
+    try {
+        const auto text = format(data);
+        requireReadable(text, data);
+        Common::NewFile file(directory, recordName);
+        file.write(text);
+        file.commit();
+    } catch (const std::exception& error) {
+        const auto path = directory / recordName;
+        Common::logError() << "couldn't write package record: " << error;
+        throw Error(ErrorCode::Filesystem, "couldn't create quenra.pkg file " + path.native());
+    }
+}
+
+PackageData parseRecord(const std::string& text, const std::filesystem::path& file) {
+    PackageData data;
+    try {
+        data = parse(text);
+    } catch (const pt::ini_parser_error& error) {
+        const pt::ini_parser_error located(error.message(), file.native(), error.line());
+        throw Error(ErrorCode::CorruptedInstalledPackage,
+                    std::string("couldn't parse quenra.pkg file: ") + located.what());
+    }
+    for (const auto& key : {Keys::id, Keys::version, Keys::certificateSubgroup, Keys::certificateId}) {
+        if (!data.contains(key)) {
+            throw Error(ErrorCode::CorruptedInstalledPackage,
+                        "package doesn't contains required key: " + key);
+        }
+    }
+    return data;
+}
+
+PackageData readRecord(const std::filesystem::path& file) {
+    std::optional<std::string> text;
+    try {
+        text = Common::readRegularFile(file, sizeLimit);
+    } catch (const Error& error) {
+        // A file that could not be read this time says nothing about the package.
+        if (error.code() != ErrorCode::FileNotFound) {
+            throw;
+        }
+        throw Error(ErrorCode::CorruptedInstalledPackage,
+                    std::string("couldn't parse quenra.pkg file: ") + error.what());
+    }
+    if (!text) {
+        throw Error(ErrorCode::CorruptedInstalledPackage, "quenra.pkg doesn't exist: " + file.native());
+    }
+    return parseRecord(*text, file);
+}
+
+} // namespace Core::ZUL

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "common/UniqueFd.h"
+
+#include <filesystem>
+
+namespace Core::ZUL {
+
+/// The system directories, below the directory that stands for "/". Links in them are followed as the
+/// running system would follow them, and lead nowhere else. Made for one operation and used by one thread.
+class SystemTree {
+public:
+    /// Throws Error, code Filesystem, when the root cannot be opened.
+    explicit SystemTree(const std::filesystem::path& root);
+
+    /// A descriptor of a directory, for the *at calls; good until the next call.
+    /// @param directory  absolute path, as the running system sees it
+    /// @return -1 with errno set when there is no such directory
+    int open(const std::filesystem::path& directory);
+
+    /// The same, making what is missing.
+    int make(const std::filesystem::path& directory);
+
+private:
+    Common::UniqueFd root_;
+    std::filesystem::path lastPath_;
+    Common::UniqueFd last_;
+};
+
+} // namespace Core::ZUL
