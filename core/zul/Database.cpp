@@ -157,14 +157,30 @@ std::vector<std::pair<fs::path, PackageData>> Database::packages() {
     return result;
 }
 
+void Database::removeMappingsOfDamaged(const PackageDirectory& directory) const {
+    std::vector<fs::path> versions;
+    if (!directory.isSound(directory.current())) {
+        // Whichever version was installed, its list is still in its directory.
+        versions = directory.versions();
+    }
+    if (Common::leadsSomewhere(directory.current())) {
+        Common::logInfo() << "cleaning up corrupted package mapping: " << quoted(directory.current());
+        versions.push_back(directory.current());
+    }
+    for (const auto& version : versions) {
+        try {
+            mappings_.removeMappings(version);
+        } catch (const Error& error) {
+            Common::logWarning() << "couldn't clean up corrupted package mapping: " << error;
+        }
+    }
+    mappings_.flush();
+}
+
 void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcept {
     const PackageDirectory directory(packageDirectory);
     try {
-        if (Common::leadsSomewhere(directory.current())) {
-            Common::logInfo() << "cleaning up corrupted package mapping: " << quoted(directory.current());
-            mappings_.removeMappings(directory.current());
-            mappings_.flush();
-        }
+        removeMappingsOfDamaged(directory);
     } catch (const std::exception& error) {
         Common::logWarning() << "couldn't clean up corrupted package mapping: " << error;
     }

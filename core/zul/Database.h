@@ -130,6 +130,7 @@ private:
                const std::filesystem::path& extracted) const;
     void requireHigher(const Package& package, const PackageDirectory& directory);
     void removeMappingsOf(const PackageDirectory& directory, const std::string& packageId) const;
+    void removeMappingsOfDamaged(const PackageDirectory& directory) const;
     void removeTempDirectory() const;
     void recoverPackage(const PackageDirectory& directory);
 

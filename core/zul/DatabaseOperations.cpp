@@ -124,7 +124,7 @@ void Database::removeMappingsOf(const PackageDirectory& directory, const std::st
 void Database::completeUpgrade(const Package& package) {
     requireOrdinaryNames(package);
     const PackageDirectory directory(packageDirectory(package.id()));
-    if (!directory.hasNextLink() || !Common::leadsSomewhere(directory.next())) {
+    if (!directory.isSound(directory.next())) {
         try {
             Common::removeTree(directory.next());
         } catch (const Error& failure) {

@@ -53,7 +53,8 @@ void Database::removeTempDirectory() const {
 
 void Database::recoverPackage(const PackageDirectory& directory) {
     // A prepared upgrade that cannot be read is given up: it must not take the installed version's place.
-    if (directory.hasNextLink() && !readPrepared(directory) && directory.hasNextLink()) {
+    const bool isUsable = directory.isSound(directory.next()) && readPrepared(directory);
+    if (!isUsable && directory.hasNextLink()) {
         directory.giveUpNext("couldn't cleanup corrupted package version: ",
                              "couldn't cleanup corrupted next symlink: ");
     }
@@ -101,6 +102,10 @@ void Database::recoverDatabase() {
 
 void Database::refreshMappings(const std::string& packageId) {
     const PackageDirectory directory(packageDirectory(packageId));
+    if (!directory.isSound(directory.current())) {
+        throw Error(ErrorCode::CorruptedInstalledPackage,
+                    "couldn't find current directory of " + packageId + " package");
+    }
     const auto data = readRecord(directory.current() / recordName);
     const Package package(directoryName(packageId), data.at(Common::Names::PackageKeys::version),
                           valueOf(data, Common::Names::PackageKeys::orgName),

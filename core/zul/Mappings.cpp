@@ -54,9 +54,9 @@ void removeListed(SystemTree& tree, const std::string& target,
         }
         Common::logWarning() << "skip removing the generated package symlink, since it was most likely "
                                 "overwritten via rpm: "
-                             << quoted(target);
+                             << Common::quoted(target);
     } catch (const Error& error) {
-        Common::logWarning() << "couldn't remove the generated package mapping: " << quoted(target) << error;
+        Common::logWarning() << "couldn't remove the generated package mapping: " << Common::quoted(target) << error;
     }
 }
 

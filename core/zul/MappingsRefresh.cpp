@@ -36,7 +36,7 @@ MappingList removeStale(SystemTree& tree, const MappingList& listed,
                 mapping.remove();
             }
         } catch (const Error& error) {
-            Common::logWarning() << "couldn't remove the generated package mapping: " << quoted(target)
+            Common::logWarning() << "couldn't remove the generated package mapping: " << Common::quoted(target)
                                  << error;
             left.push_back(target);
         }

@@ -2,9 +2,9 @@
 
 #include "common/Files.h"
 #include "common/LogLine.h"
+#include "core/zul/MappingList.h"
 
 #include <unistd.h>
-#include <vector>
 
 namespace Core::ZUL {
 
@@ -45,9 +45,31 @@ fs::path PackageDirectory::versionBehind(const fs::path& link) const {
         version = version.parent_path();
     }
     const auto name = version.filename();
-    const bool isChild =
-        version.parent_path() == path_.lexically_normal() && Common::isOrdinaryName(name.native());
-    return isChild && name != "current" && name != "next" ? path_ / name : fs::path();
+    if (!Common::isOrdinaryName(name.native()) || name == "current" || name == "next") {
+        return {};
+    }
+    // The link may have been made when the root went by another name.
+    std::error_code error;
+    const bool isChild = version.parent_path() == path_.lexically_normal() ||
+                         (isRealDirectory(path_ / name) && fs::equivalent(path_ / name, version, error));
+    return isChild ? path_ / name : fs::path();
+}
+
+bool PackageDirectory::isSound(const fs::path& link) const {
+    const auto version = versionBehind(link);
+    return !version.empty() && isRealDirectory(version);
+}
+
+std::vector<fs::path> PackageDirectory::versions() const {
+    std::vector<fs::path> versions;
+    if (isRealDirectory(path_)) {
+        for (const auto& entry : fs::directory_iterator(path_)) {
+            if (isRealDirectory(entry) && Common::leadsSomewhere(entry.path() / mappingListName)) {
+                versions.push_back(entry.path());
+            }
+        }
+    }
+    return versions;
 }
 
 void PackageDirectory::giveUpNext(const std::string& versionWords, const std::string& linkWords) const {
@@ -67,10 +89,7 @@ void PackageDirectory::sweep(const std::string& words,
     const auto kept = versionBehind(current());
     std::vector<fs::path> entries;
     for (const auto& entry : fs::directory_iterator(path_)) {
-        std::error_code error;
-        // The installed version may have been linked by another name of the root.
-        const bool isInstalled = isRealDirectory(entry) && fs::equivalent(entry, current(), error);
-        if (entry.path() != current() && entry.path() != kept && !isInstalled) {
+        if (entry.path() != current() && entry.path() != kept) {
             entries.push_back(entry.path());
         }
     }

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace Core::ZUL {
 
@@ -18,8 +19,18 @@ public:
     [[nodiscard]] std::filesystem::path next() const { return path_ / "next"; }
     [[nodiscard]] bool hasNextLink() const;
 
+    /// The version directory that one of the links leads to, which need not exist; an empty path for what is no link
+    /// and for a link to anything but a direct child of this directory.
+    [[nodiscard]] std::filesystem::path versionBehind(const std::filesystem::path& link) const;
+
+    /// Whether one of the links leads to a version of this package that exists.
+    [[nodiscard]] bool isSound(const std::filesystem::path& link) const;
+
     /// The last part of the target of one of the links, which names the version.
     [[nodiscard]] std::string versionNameBehind(const std::filesystem::path& link) const;
+
+    /// The version directories that have a mapping list; none in a directory that is reached through a link.
+    [[nodiscard]] std::vector<std::filesystem::path> versions() const;
 
     /// Deletes the link "next" and then the version it leads to. That is kept when it is the installed one,
     /// and when it is no direct child of this directory: then it is none of ours.
@@ -39,8 +50,6 @@ public:
     void remove() const;
 
 private:
-    [[nodiscard]] std::filesystem::path versionBehind(const std::filesystem::path& link) const;
-
     std::filesystem::path path_;
 };
 

@@ -1,0 +1,128 @@
+#pragma once
+
+#include "common/Error.h"
+#include "core/zul/Database.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/ScratchDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sys/xattr.h>
+
+namespace Testbed {
+
+using Common::Error;
+using Common::ErrorCode;
+using Core::ZUL::Database;
+using Core::ZUL::Package;
+using Core::ZUL::PackageData;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+namespace fs = std::filesystem;
+
+using Files = std::map<std::string, std::string>;
+
+/// Checks that an action fails with exactly this error.
+#define EXPECT_ERROR(action, expectedCode, expectedMessage)                                                  \
+    try {                                                                                                    \
+        static_cast<void>(action);                                                                           \
+        ADD_FAILURE() << "no error";                                                                         \
+    } catch (const Error& error) {                                                                           \
+        EXPECT_EQ(error.code(), ErrorCode::expectedCode);                                                    \
+        EXPECT_EQ(std::string(error.what()), expectedMessage);                                               \
+    }
+
+inline std::string extendedAttribute(const fs::path& file, const char* name) {
+    std::string value(4096, '\0');
+    const auto size = lgetxattr(file.c_str(), name, value.data(), value.size());
+    value.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+    return value;
+}
+
+/// A database on a real file system, with a system root of its own.
+struct DatabaseOnDisk {
+    explicit DatabaseOnDisk(const fs::path& directory)
+        : root(directory / "app")
+        , temp(directory / "tmp")
+        , system(directory / "system")
+        , database(root, temp, system) {
+        fs::create_directories(root);
+        fs::create_directories(system);
+    }
+
+    /// Makes a directory as unpacking leaves it.
+    fs::path extract(const Files& files, const std::string& name = "unpacked") const {
+        fs::create_directories(temp / name);
+        for (const auto& [path, content] : files) {
+            writeFile(temp / name / path, content);
+        }
+        return temp / name;
+    }
+
+    void install(const Package& package, const Files& files = {{"bin/tool", "#!"}}) {
+        database.install(package, entries, extract(files));
+    }
+
+    void prepare(const Package& package, const Files& files = {{"bin/tool", "#!"}}) {
+        database.prepareUpgrade(package, entries, extract(files));
+    }
+
+    /// Everything in the system root but directories: path to the package file that it stands for, or "" for
+    /// what is no mapping.
+    [[nodiscard]] Files mappings() const {
+        Files found;
+        for (const auto& entry : fs::recursive_directory_iterator(system)) {
+            const auto path = "/" + entry.path().lexically_relative(system).native();
+            if (entry.is_symlink()) {
+                found[path] = fs::read_symlink(entry.path()).native();
+            } else if (!entry.is_directory()) {
+                found[path] = extendedAttribute(entry.path(), "user.zul.mapping.target");
+            }
+        }
+        return found;
+    }
+
+    [[nodiscard]] std::vector<std::string> entriesIn(const fs::path& directory) const {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(directory)) {
+            names.push_back(entry.path().filename());
+        }
+        return names;
+    }
+
+    [[nodiscard]] std::string installedVersion(const std::string& id) const {
+        return fs::read_symlink(root / id / "current").filename();
+    }
+
+    const PackageData entries{{"certificate.id", "0a1b"}, {"certificate.subgroup", "apps"}};
+    fs::path root;
+    fs::path temp;
+    fs::path system;
+    Database database;
+};
+
+class DatabaseTest : public testing::Test, protected DatabaseOnDisk {
+protected:
+    DatabaseTest()
+        : DatabaseTest(std::make_unique<ScratchDirectory>()) {}
+
+    [[nodiscard]] fs::path dir(const std::string& id = "com.example.app") const { return root / id; }
+    [[nodiscard]] std::string path(const std::string& below) const { return (dir() / below).native(); }
+
+    const Package app{"com.example.app", "1.0-1"};
+    const Package newer{"com.example.app", "2.0-1"};
+
+private:
+    explicit DatabaseTest(std::unique_ptr<ScratchDirectory> scratch)
+        : DatabaseOnDisk(scratch->path())
+        , scratch_(std::move(scratch)) {}
+
+    std::unique_ptr<ScratchDirectory> scratch_;
+};
+
+} // namespace Testbed

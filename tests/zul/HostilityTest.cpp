@@ -1,0 +1,173 @@
+#include "common/Files.h"
+#include "tests/zul/DatabaseTest.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace Testbed {
+
+/// What hostile names, links and lists point at lies around the database; its digest has to stay.
+class Hostility : public DatabaseTest {
+protected:
+    Hostility() {
+        for (const auto* name : {"victim", "app/bystander/1-1", "system/victim"}) {
+            writeFile(outside() / name / "file", "precious");
+        }
+        fs::remove_all(root / "bystander");
+        install(Package("bystander", "1-1"), {{"bin/bystander", "x"}});
+        fs::create_symlink("/somewhere", system / "usr/bin/foreign");
+    }
+
+    [[nodiscard]] fs::path outside() const { return root.parent_path(); }
+};
+
+TEST_F(Hostility, OfNamesIsRefusedBeforeAnythingIsTouched) {
+    const auto unpacked = extract({{"bin/tool", "x"}});
+    const auto before = digestOfTree(outside());
+    for (const std::string id : {"", "/", ".", "..", "/..", "//x", "a/b", "../victim", "a\nb", "a\x7f"}) {
+        const Package hostile(id, "1-1");
+        const auto message = "package identifier can't be a directory's name: " + id;
+        EXPECT_ERROR(database.packageDirectory(id), BadPackageID, message);
+        EXPECT_ERROR(database.packageData(id), BadPackageID, message);
+        EXPECT_ERROR(database.remove(id), BadPackageID, message);
+        EXPECT_ERROR(database.refreshMappings(id), BadPackageID, message);
+        EXPECT_ERROR(database.install(hostile, entries, unpacked), BadPackageID, message);
+        EXPECT_ERROR(database.prepareUpgrade(hostile, entries, unpacked), BadPackageID, message);
+        EXPECT_ERROR(database.completeUpgrade(hostile), BadPackageID, message);
+        EXPECT_ERROR(database.moveToVersionedDirectory(hostile, unpacked), BadPackageID, message);
+    }
+    for (const std::string version : {"", ".", "..", "1/2", "../../victim", "current", "next", "1\t2"}) {
+        const Package hostile("bystander", version);
+        const auto message = "couldn't parse package version: " + version;
+        EXPECT_ERROR(database.install(hostile, entries, unpacked), BadPackage, message);
+        EXPECT_ERROR(database.prepareUpgrade(hostile, entries, unpacked), BadPackage, message);
+        EXPECT_ERROR(database.versionedDirectory(hostile), BadPackage, message);
+    }
+    for (const std::string name : {"", "..", "../../../etc", "a\nb"}) {
+        EXPECT_ERROR(database.install(Package("x", "1-1", name, "App"), entries, unpacked), BadPackage,
+                     "application name can't be a directory's name: " + name);
+        EXPECT_ERROR(database.install(Package("x", "1-1", "Org", name), entries, unpacked), BadPackage,
+                     "application name can't be a directory's name: " + name);
+    }
+    EXPECT_EQ(digestOfTree(outside()), before);
+}
+
+TEST_F(Hostility, OfLinksNeverLeadsDeletionOut) {
+    const auto before = digestOfTree(outside());
+    const auto victims = {
+        outside() / "victim",     root / "bystander",           root / "bystander/1-1", root,
+        fs::path("../../victim"), fs::path("../bystander/1-1"), fs::path(".."),         fs::path("."),
+        fs::path("../x")};
+    for (const auto& victim : victims) {
+        for (const std::string operation : {"read", "complete", "check", "recover", "damaged", "remove"}) {
+            install(app, {{"bin/tool", "x"}});
+            fs::create_directory_symlink(outside() / "victim", dir() / "1.0-1/bin/deep");
+            fs::create_symlink(victim, dir() / "next");
+            try {
+                if (operation == "read") {
+                    static_cast<void>(database.packages());
+                } else if (operation == "complete") {
+                    database.completeUpgrade(newer);
+                } else if (operation == "check") {
+                    database.checkUpgrade(newer);
+                } else if (operation == "recover") {
+                    database.recoverDatabase();
+                } else if (operation == "damaged") {
+                    fs::remove(dir() / "current");
+                    fs::rename(dir() / "next", dir() / "current");
+                    static_cast<void>(database.packages());
+                }
+                database.remove(app.id());
+            } catch (const Error&) {
+                // Refusing is as good; the next look takes what is left away.
+            }
+            database.cleanupCorruptedPackage(dir());
+            database.recoverDatabase();
+            fs::create_directories(temp);
+            EXPECT_EQ(digestOfTree(outside()), before) << victim << ' ' << operation;
+        }
+    }
+}
+
+TEST_F(Hostility, OfLinkedPackageDirectoriesEndsAtTheLink) {
+    fs::create_directories(outside() / "victim/1-1");
+    fs::create_symlink(outside() / "victim/1-1", outside() / "victim/current");
+    const auto before = digestOfTree(outside());
+    for (const bool isRecovery : {true, false}) {
+        fs::create_directory_symlink(outside() / "victim", root / "linked");
+        if (isRecovery) {
+            database.recoverDatabase();
+            fs::create_directories(temp);
+        } else {
+            database.remove("linked");
+        }
+        EXPECT_EQ(digestOfTree(outside()), before);
+    }
+    fs::create_directory_symlink(outside() / "victim", temp / "unpacked");
+    EXPECT_ERROR(database.install(app, entries, temp / "unpacked"), Internal,
+                 "extracted package directory doesn't exist: " + (temp / "unpacked").native());
+    fs::remove(temp / "unpacked");
+    EXPECT_EQ(digestOfTree(outside()), before);
+}
+
+TEST_F(Hostility, OfListsRemovesNothingThatIsNotThePackages) {
+    const auto before = digestOfTree(outside());
+    install(app, {});
+    writeFile(dir() / "current/symlink.list",
+              "/usr/bin/bystander\n/usr/bin/foreign\n/victim/file\n/../victim/file\n"
+              "relative\n\n/\n/usr/bin/..\n/usr/bin/.\n" +
+                  (outside() / "victim/file").native() + "\n" + std::string(5000, 'x') + "/y");
+    database.remove(app.id());
+    EXPECT_EQ(digestOfTree(outside()), before);
+}
+
+TEST_F(Hostility, OfPayloadsCannotBringRecordsListsOrWaysOut) {
+    auto unpacked =
+        extract({{"bin/tool", "x"}, {"symlink.list", "/usr/bin/foreign\n"}, {"quenra.pkg", "damaged"}});
+    database.install(app, entries, unpacked);
+    EXPECT_EQ(readFile(dir() / "current/symlink.list"), "/usr/bin/tool\n");
+    database.remove(app.id());
+    const auto before = digestOfTree(outside());
+
+    unpacked = extract({{"data/x", "x"}});
+    fs::create_directory_symlink(outside() / "victim", unpacked / "bin");
+    fs::create_symlink(outside() / "victim/file", unpacked / "symlink.list");
+    EXPECT_THROW(database.install(app, entries, unpacked), Error);
+    fs::remove_all(unpacked);
+
+    EXPECT_ERROR(install(app, {{"bin/a\n", "x"}}), BadPackage,
+                 "file name can't be mapped: " + (temp / "unpacked/bin/a\n").native());
+    fs::remove_all(temp / "unpacked");
+
+    // A copy follows no link out of the package and waits for no FIFO.
+    for (const bool isFifo : {false, true}) {
+        unpacked = extract({{"connman/plugin/vpn.so", "x"}});
+        if (isFifo) {
+            ASSERT_EQ(mkfifo((unpacked / "connman/plugin/fifo").c_str(), 0600), 0);
+        } else {
+            fs::create_symlink(outside() / "victim/file", unpacked / "connman/plugin/link");
+        }
+        EXPECT_ERROR(database.install(app, entries, unpacked), Filesystem, "couldn't create mappings");
+    }
+    fs::remove(system / "usr/lib/connman/plugins-vpn");
+    fs::remove(system / "usr/lib/connman");
+    fs::remove(system / "usr/lib");
+    EXPECT_EQ(digestOfTree(outside()), before);
+}
+
+TEST_F(Hostility, OfDepthDoesNotStopRemoval) {
+    const auto top = temp / "deep";
+    fs::create_directories(top);
+    int directory = open(top.c_str(), O_PATH);
+    for (int depth = 0; depth < 3000; ++depth) {
+        ASSERT_EQ(mkdirat(directory, "d", 0700), 0);
+        const int below = openat(directory, "d", O_PATH);
+        close(directory);
+        directory = below;
+    }
+    close(directory);
+    Common::removeTree(top);
+    EXPECT_FALSE(fs::exists(top));
+}
+
+} // namespace Testbed

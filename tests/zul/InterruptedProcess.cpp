@@ -1,0 +1,134 @@
+#include "tests/zul/InterruptedProcess.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <exception>
+#include <fcntl.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace Testbed {
+
+namespace {
+
+constexpr std::array flushingCalls{SYS_fsync, SYS_fdatasync, SYS_syncfs, SYS_sync};
+
+constexpr std::array changingCalls{
+#ifdef SYS_unlink
+    SYS_creat,     SYS_mkdir,     SYS_rmdir,       SYS_unlink,       SYS_rename,
+    SYS_symlink,   SYS_link,      SYS_mknod,       SYS_chmod,        SYS_chown,
+    SYS_lchown,    SYS_utimes,    SYS_futimesat,
+#endif
+    SYS_mkdirat,   SYS_unlinkat,  SYS_renameat2,   SYS_symlinkat,    SYS_linkat,
+    SYS_mknodat,   SYS_fchmod,    SYS_fchmodat,    SYS_fchown,       SYS_fchownat,
+    SYS_utimensat, SYS_truncate,  SYS_ftruncate,   SYS_fallocate,    SYS_setxattr,
+    SYS_lsetxattr, SYS_fsetxattr, SYS_removexattr, SYS_lremovexattr, SYS_fremovexattr,
+    SYS_pwrite64,  SYS_writev,    SYS_pwritev,     SYS_sendfile,     SYS_copy_file_range,
+#ifdef SYS_renameat
+    SYS_renameat,
+#endif
+};
+
+constexpr sock_filter load(std::size_t offset) {
+    return BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<unsigned>(offset));
+}
+constexpr sock_filter jump(int test, long value, unsigned char ifTrue, unsigned char ifFalse) {
+    return BPF_JUMP(static_cast<unsigned short>(BPF_JMP | test | BPF_K), static_cast<unsigned>(value), ifTrue,
+                    ifFalse);
+}
+constexpr sock_filter answer(unsigned action) { return BPF_STMT(BPF_RET | BPF_K, action); }
+
+std::vector<sock_filter> filter(unsigned onChange) {
+    std::vector<sock_filter> program{load(offsetof(seccomp_data, nr))};
+    for (const auto call : flushingCalls) {
+        program.insert(program.end(), {jump(BPF_JEQ, call, 0, 1), answer(SECCOMP_RET_ERRNO)});
+    }
+    for (const auto call : changingCalls) {
+        program.insert(program.end(), {jump(BPF_JEQ, call, 0, 1), answer(onChange)});
+    }
+    // Opening changes something when it may create or cut; writing does when it is not to the log.
+    const auto argument = [](std::size_t number) {
+        return offsetof(seccomp_data, args) + number * sizeof(__u64);
+    };
+    program.insert(program.end(),
+                   {jump(BPF_JEQ, SYS_openat, 0, 4), load(argument(2)),
+                    jump(BPF_JSET, O_CREAT | O_TRUNC, 0, 1), answer(onChange), answer(SECCOMP_RET_ALLOW),
+                    jump(BPF_JEQ, SYS_write, 0, 3), load(argument(0)), jump(BPF_JGT, STDERR_FILENO, 0, 1),
+                    answer(onChange), answer(SECCOMP_RET_ALLOW)});
+    return program;
+}
+
+[[noreturn]] void runChild(unsigned onChange, const std::function<void()>& action) {
+    // The end of a test's child must be quick and quiet.
+    dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+    auto program = filter(onChange);
+    const sock_fprog description{static_cast<unsigned short>(program.size()), program.data()};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &description, 0, 0) != 0) {
+        _exit(3);
+    }
+    try {
+        action();
+    } catch (const std::exception&) {
+        _exit(1);
+    }
+    _exit(0);
+}
+
+End endOf(int status) {
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) {
+        return End::Killed;
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) > 1) {
+        throw std::runtime_error("child ended with wait status " + std::to_string(status));
+    }
+    return WEXITSTATUS(status) == 0 ? End::Finished : End::Failed;
+}
+
+} // namespace
+
+End runInChild(const std::function<void()>& action) {
+    const pid_t child = fork();
+    if (child == 0) {
+        runChild(SECCOMP_RET_ALLOW, action);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return endOf(status);
+}
+
+End runInterrupted(unsigned callsBefore, const std::function<void()>& action) {
+    const pid_t child = fork();
+    if (child == 0) {
+        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        raise(SIGSTOP);
+        runChild(SECCOMP_RET_TRACE, action);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESECCOMP | PTRACE_O_EXITKILL) != 0) {
+        throw std::runtime_error("couldn't trace a child process");
+    }
+    for (unsigned calls = 0; WIFSTOPPED(status);) {
+        const bool isChange = status >> 8 == (SIGTRAP | (PTRACE_EVENT_SECCOMP << 8));
+        if (isChange && calls++ == callsBefore) {
+            kill(child, SIGKILL);
+        } else {
+            ptrace(PTRACE_CONT, child, nullptr, nullptr);
+        }
+        waitpid(child, &status, 0);
+    }
+    return endOf(status);
+}
+
+} // namespace Testbed

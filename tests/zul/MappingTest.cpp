@@ -1,0 +1,123 @@
+#include "core/zul/Mappings.h"
+#include "tests/zul/DatabaseTest.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Testbed {
+
+class AMapping : public DatabaseTest {
+protected:
+    Core::ZUL::Mappings of{system};
+};
+
+TEST_F(AMapping, IsALinkThroughCurrentAndALineOfTheList) {
+    install(app, {{"bin/tool", "x"}, {"elsewhere/file", "x"}});
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
+    EXPECT_EQ(readFile(dir() / "1.0-1/symlink.list"), "/usr/bin/tool\n");
+}
+
+TEST_F(AMapping, FollowsTheRulesWithItsRelativePath) {
+    const auto unpacked = extract({{"data/a/b.txt", "x"},
+                                   {"common/c", "x"},
+                                   {"manifest/m.desktop", "x"},
+                                   {"icons/hicolor/86x86/apps/i.png", "x"},
+                                   {"libexec/d", "x"},
+                                   {"icons/other", "x"}});
+    fs::create_directories(unpacked / "data/empty");
+    fs::create_directory_symlink("a", unpacked / "data/linked");
+    fs::create_symlink("nowhere", unpacked / "data/dangling");
+    database.install(Package("com.example.app", "1.0-1", "Org", "App"), entries, unpacked);
+    EXPECT_THAT(mappings(),
+                ElementsAre(Pair("/usr/libexec/com.example.app/d", path("current/libexec/d")),
+                            Pair("/usr/share/applications/m.desktop", path("current/manifest/m.desktop")),
+                            Pair("/usr/share/com.example.app/a/b.txt", path("current/data/a/b.txt")),
+                            Pair("/usr/share/com.example.app/dangling", path("current/data/dangling")),
+                            Pair("/usr/share/common/Org/App/c", path("current/common/c")),
+                            Pair("/usr/share/icons/hicolor/86x86/apps/i.png",
+                                 path("current/icons/hicolor/86x86/apps/i.png"))));
+}
+
+TEST_F(AMapping, OfAPackageWithADirectoryToCopyIsACopyWithEverythingTheFileHas) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root may give files away and set security attributes";
+    }
+    const auto unpacked = extract({{"bin/tool", "#!"}, {"connman/plugin/vpn.so", std::string(600000, 'v')}});
+    const auto tool = unpacked / "bin/tool";
+    ASSERT_EQ(lsetxattr(tool.c_str(), "security.ima", "signature", 9, 0), 0);
+    ASSERT_EQ(lsetxattr(tool.c_str(), "user.TA.shdr", "\0\1", 2, 0), 0);
+    ASSERT_EQ(chown(tool.c_str(), 12, 34), 0);
+    ASSERT_EQ(chmod(tool.c_str(), 04755), 0);
+    fs::last_write_time(tool, fs::file_time_type(std::chrono::seconds(1)));
+    database.install(app, entries, unpacked);
+
+    const auto copy = system / "usr/bin/tool";
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool")),
+                                        Pair("/usr/lib/connman/plugins-vpn/vpn.so",
+                                             path("current/connman/plugin/vpn.so"))));
+    struct stat status {};
+    ASSERT_EQ(lstat(copy.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISREG(status.st_mode));
+    EXPECT_EQ(status.st_mode & 07777U, 04755U);
+    EXPECT_EQ(status.st_uid, 12U);
+    EXPECT_EQ(status.st_gid, 34U);
+    EXPECT_EQ(fs::last_write_time(copy), fs::file_time_type(std::chrono::seconds(1)));
+    EXPECT_EQ(extendedAttribute(copy, "security.ima"), "signature");
+    EXPECT_EQ(extendedAttribute(copy, "user.TA.shdr"), std::string("\0\1", 2));
+    EXPECT_EQ(readFile(system / "usr/lib/connman/plugins-vpn/vpn.so"), std::string(600000, 'v'));
+
+    database.remove(app.id());
+    EXPECT_THAT(mappings(), IsEmpty());
+}
+
+TEST_F(AMapping, ReplacesAnotherPackagesButRollsBackAtASystemFile) {
+    install(Package("other", "1-1"), {{"bin/tool", "other"}});
+    install(app, {{"bin/tool", "x"}});
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
+    // What became another package's is not removed with the one that had it before.
+    database.remove("other");
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
+
+    writeFile(system / "usr/share/third/real", "system");
+    EXPECT_ERROR(install(Package("third", "1-1"), {{"bin/first", "x"}, {"data/real", "x"}}), Filesystem,
+                 "couldn't create mappings");
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool")),
+                                        Pair("/usr/share/third/real", "")));
+}
+
+TEST_F(AMapping, IsSkippedByRemovalOnceARealFileHasItsPlace) {
+    install(app, {{"bin/a", "x"}, {"bin/b", "x"}});
+    fs::remove(system / "usr/bin/a");
+    writeFile(system / "usr/bin/a", "from a system package");
+    const LogCapture log;
+    database.remove(app.id());
+    EXPECT_THAT(log.lines(),
+                ElementsAre("WARN: skip removing the generated package symlink, since it was most likely "
+                            "overwritten via rpm: \"/usr/bin/a\""));
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/a", "")));
+}
+
+TEST_F(AMapping, ThatCannotBeMadeIsAnErrorWithItsCause) {
+    writeFile(system / "usr/bin", "in the way");
+    const LogCapture log;
+    const auto version = extract({{"bin/tool", "x"}});
+    EXPECT_ERROR(of.createMappings(app, version), Filesystem, "couldn't create mappings");
+    EXPECT_THAT(log.text(), HasSubstr("couldn't create symlink " + (version / "bin/tool").native() +
+                                      " -> /usr/bin/tool\n"));
+    EXPECT_ERROR(of.removeMappings(version), Filesystem, "couldn't find package symlink list");
+    fs::create_directory(version / "symlink.list");
+    fs::create_directory(version / "symlink.list/x");
+    EXPECT_ERROR(of.createMappings(app, version), Filesystem, "couldn't write lines to mapping list");
+}
+
+TEST_F(AMapping, StaysBelowTheSystemRootWhoseLinksAreItsOwn) {
+    fs::create_directories(system / "real/share");
+    fs::create_directories(system / "usr");
+    fs::create_directory_symlink("/real/share", system / "usr/share");
+    install(app, {{"data/file", "x"}});
+    EXPECT_TRUE(fs::is_symlink(system / "real/share/com.example.app/file"));
+    database.remove(app.id());
+    EXPECT_THAT(entriesIn(system / "real/share/com.example.app"), IsEmpty());
+}
+
+} // namespace Testbed

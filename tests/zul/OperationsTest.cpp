@@ -1,0 +1,160 @@
+#include "tests/zul/DatabaseTest.h"
+
+namespace Testbed {
+
+using ADatabase = DatabaseTest;
+
+TEST_F(ADatabase, InstallsUpgradesInTwoStepsAndRemoves) {
+    install(app, {{"bin/tool", "1"}, {"bin/old", "1"}});
+    EXPECT_EQ(fs::read_symlink(dir() / "current"), dir() / "1.0-1");
+    EXPECT_THAT(entriesIn(temp), IsEmpty());
+
+    prepare(newer, {{"bin/tool", "2"}, {"data/new", "2"}});
+    EXPECT_EQ(fs::read_symlink(dir() / "next"), dir() / "2.0-1");
+    EXPECT_EQ(readFile(system / "usr/bin/tool"), "1");
+    writeFile(dir() / "stray", "x");
+
+    database.completeUpgrade(newer);
+    EXPECT_EQ(readFile(system / "usr/bin/tool"), "2");
+    EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "2.0-1"));
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool")),
+                                        Pair("/usr/share/com.example.app/new", path("current/data/new"))));
+
+    prepare(Package(app.id(), "3.0-1"));
+    database.remove("/com.example.app");
+    EXPECT_THAT(entriesIn(root), IsEmpty());
+    EXPECT_THAT(mappings(), IsEmpty());
+}
+
+TEST_F(ADatabase, WritesTheRecordWithTheCallersEntries) {
+    database.install(Package("com.example.app", "1.0-1", "Org", "App"), entries, extract({}));
+    EXPECT_THAT(database.packageData("com.example.app"),
+                ElementsAre(Pair("certificate.id", "0a1b"), Pair("certificate.subgroup", "apps"),
+                            Pair("general.appname", "App"), Pair("general.id", "com.example.app"),
+                            Pair("general.orgname", "Org"), Pair("general.version", "1.0-1")));
+}
+
+TEST_F(ADatabase, LeavesNothingOfAnInstallationThatFails) {
+    writeFile(system / "usr/bin/tool", "system");
+    const LogCapture log;
+    EXPECT_ERROR(install(app, {{"bin/tool", "x"}}), Filesystem, "couldn't create mappings");
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre("ERROR: couldn't create mapping \"" + path("current/bin/tool") +
+                        "\" -> \"/usr/bin/tool\"attempt to override system file with package mapping: "
+                        "/usr/bin/tool",
+                    "INFO: cleaning up created mappings",
+                    "INFO: cleaning up corrupted package mapping: \"" + path("current") + "\"",
+                    "WARN: couldn't clean up corrupted package mapping: couldn't find package symlink list",
+                    "INFO: cleaning up corrupted package directory: \"" + dir().native() + "\""));
+    EXPECT_THAT(entriesIn(root), IsEmpty());
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", "")));
+}
+
+TEST_F(ADatabase, RefusesToMoveWhatIsNotThereOrWhereSomethingIs) {
+    const auto absent = temp / "absent";
+    EXPECT_ERROR(database.moveToVersionedDirectory(app, absent), Internal,
+                 "extracted package directory doesn't exist: " + absent.native());
+    install(app);
+    EXPECT_ERROR(install(app), Filesystem, "couldn't create versioned directory: " + path("1.0-1"));
+    EXPECT_EQ(database.packageData("com.example.app").at("general.version"), "1.0-1");
+    // Another version gets as far as the link, and then nothing is left of either.
+    EXPECT_ERROR(install(newer), Filesystem, "couldn't create current directory: " + path("current"));
+    EXPECT_THAT(entriesIn(root), IsEmpty());
+    EXPECT_THAT(mappings(), IsEmpty());
+}
+
+TEST_F(ADatabase, PreparesOnlyHigherVersions) {
+    EXPECT_ERROR(database.checkUpgrade(app), PackageNotExist,
+                 "couldn't find package directory: com.example.app");
+    install(newer);
+    EXPECT_ERROR(prepare(app), DowngradeAttempt, "attempt to downgrade package from 2.0-1 to 1.0-1 version");
+    EXPECT_ERROR(prepare(newer), DowngradeAttempt,
+                 "attempt to downgrade package from 2.0-1 to 2.0-1 version");
+    const Package tenth(app.id(), "2.10-1");
+    prepare(tenth);
+    EXPECT_ERROR(prepare(tenth), UpgradeAlreadyPrepared,
+                 "package upgrade to version 2.10-1 already prepared");
+    EXPECT_ERROR(prepare(Package(app.id(), "2.9-1")), DowngradeAttempt,
+                 "attempt to downgrade package from 2.10-1 to 2.9-1 version");
+    prepare(Package(app.id(), "1:1.0-1"));
+    EXPECT_EQ(fs::read_symlink(dir() / "next").filename(), "1:1.0-1");
+    EXPECT_TRUE(fs::exists(dir() / "2.10-1"));
+    EXPECT_EQ(installedVersion(app.id()), "2.0-1");
+}
+
+TEST_F(ADatabase, ReplacesWhateverStandsInThePlaceOfALink) {
+    install(app);
+    fs::create_symlink(dir() / "gone", dir() / "next");
+    EXPECT_ERROR(database.completeUpgrade(newer), Internal,
+                 "attempt to complete non-existent update for com.example.app package");
+    fs::create_directory(dir() / "next");
+    prepare(newer);
+    EXPECT_EQ(fs::read_symlink(dir() / "next"), dir() / "2.0-1");
+    fs::remove(dir() / "next");
+    writeFile(dir() / "next/file", "x");
+    EXPECT_ERROR(prepare(Package(app.id(), "3.0-1")), Filesystem,
+                 "couldn't create next directory: " + path("next"));
+    EXPECT_EQ(installedVersion(app.id()), "1.0-1");
+}
+
+TEST_F(ADatabase, GivesUpAnUpgradeWhoseVersionCannotBeParsed) {
+    install(app);
+    fs::create_directory(dir() / "2.0-1");
+    fs::create_symlink(path("2.0-1/"), dir() / "next");
+    const LogCapture log;
+    database.checkUpgrade(Package(app.id(), "1.5-1"));
+    EXPECT_THAT(log.lines(), ElementsAre("WARN: corrupted package upgrade found: \"" + path("next") + "\"",
+                                         "INFO: cleaning up corrupted package upgrade"));
+    EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "1.0-1"));
+
+    for (const bool isPrepared : {false, true}) {
+        fs::create_directories(dir());
+        fs::remove(dir() / "current");
+        fs::create_symlink(path("1.0-1/"), dir() / "current");
+        fs::create_directories(dir() / "1.0-1");
+        if (isPrepared) {
+            fs::create_symlink(path("1.0-1/"), dir() / "next");
+        }
+        EXPECT_ERROR(database.checkUpgrade(newer), CorruptedInstalledPackage,
+                     "couldn't parse actual package version: ");
+        EXPECT_THAT(entriesIn(root), IsEmpty());
+    }
+}
+
+TEST_F(ADatabase, CompletesOnlyWhatIsPrepared) {
+    const std::string message = "attempt to complete non-existent update for com.example.app package";
+    install(app);
+    const auto before = digestOfTree(dir());
+    EXPECT_ERROR(database.completeUpgrade(newer), Internal, message);
+    writeFile(dir() / "next/file", "x");
+    EXPECT_ERROR(database.completeUpgrade(newer), Internal, message);
+    EXPECT_EQ(digestOfTree(dir()), before);
+}
+
+TEST_F(ADatabase, LosesAPackageWhoseUpgradeCannotBeMapped) {
+    install(app);
+    prepare(newer, {{"bin/other", "x"}});
+    writeFile(system / "usr/bin/other", "system");
+    EXPECT_ERROR(database.completeUpgrade(newer), Filesystem, "couldn't create mappings");
+    EXPECT_FALSE(fs::is_symlink(dir() / "current"));
+    EXPECT_ERROR(database.packageData(app.id()), CorruptedInstalledPackage,
+                 "couldn't find current directory of com.example.app package");
+    EXPECT_THAT(entriesIn(root), IsEmpty());
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/other", "")));
+}
+
+TEST_F(ADatabase, RemovesAPackageWhoseMappingListIsLost) {
+    install(app);
+    fs::remove(dir() / "1.0-1/symlink.list");
+    const LogCapture log;
+    database.remove(app.id());
+    EXPECT_THAT(log.lines(),
+                ElementsAre("WARN: couldn't remove package symlinks: com.example.appcouldn't find "
+                            "package symlink list"));
+    EXPECT_THAT(entriesIn(root), IsEmpty());
+    EXPECT_ERROR(database.remove(app.id()), PackageNotExist,
+                 "couldn't find package directory: com.example.app");
+}
+
+} // namespace Testbed
