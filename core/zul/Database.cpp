@@ -157,32 +157,35 @@ std::vector<std::pair<fs::path, PackageData>> Database::packages() {
     return result;
 }
 
-void Database::removeMappingsOfDamaged(const PackageDirectory& directory) const {
+void Database::removeMappingsOf(const PackageDirectory& directory, const std::string& words) const {
     std::vector<fs::path> versions;
     if (!directory.isSound(directory.current())) {
         // Whichever version was installed, its list is still in its directory.
         versions = directory.versions();
     }
     if (Common::leadsSomewhere(directory.current())) {
-        Common::logInfo() << "cleaning up corrupted package mapping: " << quoted(directory.current());
         versions.push_back(directory.current());
     }
     for (const auto& version : versions) {
         try {
             mappings_.removeMappings(version);
         } catch (const Error& error) {
-            Common::logWarning() << "couldn't clean up corrupted package mapping: " << error;
+            Common::logWarning() << words << error;
         }
     }
-    mappings_.flush();
 }
 
 void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcept {
     const PackageDirectory directory(packageDirectory);
+    const std::string words = "couldn't clean up corrupted package mapping: ";
     try {
-        removeMappingsOfDamaged(directory);
+        if (Common::leadsSomewhere(directory.current())) {
+            Common::logInfo() << "cleaning up corrupted package mapping: " << quoted(directory.current());
+        }
+        removeMappingsOf(directory, words);
+        mappings_.flush();
     } catch (const std::exception& error) {
-        Common::logWarning() << "couldn't clean up corrupted package mapping: " << error;
+        Common::logWarning() << words << error;
     }
     Common::logInfo() << "cleaning up corrupted package directory: " << quoted(directory.path());
     recordEvent(Event::CorruptedPackageRemoved, ErrorCode::CorruptedInstalledPackage,

@@ -129,8 +129,7 @@ private:
     void stage(const Package& package, const PackageData& entries,
                const std::filesystem::path& extracted) const;
     void requireHigher(const Package& package, const PackageDirectory& directory);
-    void removeMappingsOf(const PackageDirectory& directory, const std::string& packageId) const;
-    void removeMappingsOfDamaged(const PackageDirectory& directory) const;
+    void removeMappingsOf(const PackageDirectory& directory, const std::string& words) const;
     void removeTempDirectory() const;
     void recoverPackage(const PackageDirectory& directory);
 

@@ -113,14 +113,6 @@ void Database::prepareUpgrade(const Package& package, const PackageData& entries
     Common::flushDirectory(directory.path());
 }
 
-void Database::removeMappingsOf(const PackageDirectory& directory, const std::string& packageId) const {
-    try {
-        mappings_.removeMappings(directory.current());
-    } catch (const Error& error) {
-        Common::logWarning() << "couldn't remove package symlinks: " << packageId << error;
-    }
-}
-
 void Database::completeUpgrade(const Package& package) {
     requireOrdinaryNames(package);
     const PackageDirectory directory(packageDirectory(package.id()));
@@ -133,7 +125,7 @@ void Database::completeUpgrade(const Package& package) {
         throw Error(ErrorCode::Internal,
                     "attempt to complete non-existent update for " + package.id() + " package");
     }
-    removeMappingsOf(directory, package.id());
+    removeMappingsOf(directory, "couldn't remove package symlinks: " + package.id());
     if (rename(directory.next().c_str(), directory.current().c_str()) != 0) {
         throw Error(ErrorCode::Filesystem,
                     "couldn't rename next directory to current for " + package.id() + " package");
@@ -161,7 +153,7 @@ void Database::completeUpgrade(const Package& package) {
 
 void Database::remove(const std::string& packageId) {
     const PackageDirectory directory(packageDirectory(packageId));
-    removeMappingsOf(directory, packageId);
+    removeMappingsOf(directory, "couldn't remove package symlinks: " + packageId);
     try {
         // Mappings that came back with the power would have no list any more.
         mappings_.flush();

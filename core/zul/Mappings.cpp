@@ -56,7 +56,8 @@ void removeListed(SystemTree& tree, const std::string& target,
                                 "overwritten via rpm: "
                              << Common::quoted(target);
     } catch (const Error& error) {
-        Common::logWarning() << "couldn't remove the generated package mapping: " << Common::quoted(target) << error;
+        Common::logWarning() << "couldn't remove the generated package mapping: " << Common::quoted(target)
+                             << error;
     }
 }
 

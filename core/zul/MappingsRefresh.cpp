@@ -36,8 +36,8 @@ MappingList removeStale(SystemTree& tree, const MappingList& listed,
                 mapping.remove();
             }
         } catch (const Error& error) {
-            Common::logWarning() << "couldn't remove the generated package mapping: " << Common::quoted(target)
-                                 << error;
+            Common::logWarning() << "couldn't remove the generated package mapping: "
+                                 << Common::quoted(target) << error;
             left.push_back(target);
         }
     }

@@ -19,8 +19,8 @@ public:
     [[nodiscard]] std::filesystem::path next() const { return path_ / "next"; }
     [[nodiscard]] bool hasNextLink() const;
 
-    /// The version directory that one of the links leads to, which need not exist; an empty path for what is no link
-    /// and for a link to anything but a direct child of this directory.
+    /// The version directory that one of the links leads to, which need not exist; an empty path for what is
+    /// no link and for a link to anything but a direct child of this directory.
     [[nodiscard]] std::filesystem::path versionBehind(const std::filesystem::path& link) const;
 
     /// Whether one of the links leads to a version of this package that exists.
