@@ -14,8 +14,6 @@ std::string Version::text() const {
     return text == nullptr ? "" : text.get();
 }
 
-std::weak_ordering operator<=>(const Version& first, const Version& second) {
-    return rpmverCmp(first.version_.get(), second.version_.get()) <=> 0;
-}
+int Version::compare(const Version& other) const { return rpmverCmp(version_.get(), other.version_.get()); }
 
 } // namespace Common::Rpm

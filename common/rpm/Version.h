@@ -2,7 +2,6 @@
 
 #include <rpm/rpmver.h>
 
-#include <compare>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,7 +19,9 @@ public:
     /// The version as librpm writes it: [epoch ":"] version ["-" release].
     [[nodiscard]] std::string text() const;
 
-    friend std::weak_ordering operator<=>(const Version& first, const Version& second);
+    /// @return less than, equal to or greater than 0 as this version is lower than, the same as or higher
+    /// than the other
+    [[nodiscard]] int compare(const Version& other) const;
 
 private:
     explicit Version(rpmver version)

@@ -120,7 +120,7 @@ public:
     /// Renames an extracted directory to the package's version directory. Throws Internal when it does not
     /// exist, Filesystem when it cannot be renamed, as onto a version directory that holds something.
     std::filesystem::path moveToVersionedDirectory(const Package& package,
-                                                   const std::filesystem::path& extracted);
+                                                   const std::filesystem::path& extracted) const;
 
 private:
     [[nodiscard]] PackageDirectory directoryOf(const std::string& packageId) const;

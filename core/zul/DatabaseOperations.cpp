@@ -28,8 +28,8 @@ void Database::stage(const Package& package, const PackageData& entries, const f
     Common::flushFileSystem(extracted);
 }
 
-fs::path Database::moveToVersionedDirectory(const Package& package, const fs::path& extracted) {
-    const auto version = versionedDirectory(package);
+fs::path Database::moveToVersionedDirectory(const Package& package, const fs::path& extracted) const {
+    auto version = versionedDirectory(package);
     if (!Common::leadsSomewhere(extracted)) {
         throw Error(ErrorCode::Internal, "extracted package directory doesn't exist: " + extracted.native());
     }
@@ -87,7 +87,7 @@ void Database::requireHigher(const Package& package, const PackageDirectory& dir
         throw Error(ErrorCode::CorruptedInstalledPackage,
                     "couldn't parse actual package version: " + existingName);
     }
-    const auto order = *offered <=> *existing;
+    const int order = offered->compare(*existing);
     if (order > 0) {
         return;
     }

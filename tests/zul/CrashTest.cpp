@@ -2,14 +2,13 @@
 #include "tests/zul/InterruptedProcess.h"
 
 #include <iostream>
-#include <set>
 
 namespace Testbed {
 
 namespace {
 
 const std::string id = "com.example.app";
-const std::string neighbour = "org.example.neighbour";
+const Files neighbour{{"bin/neighbour", "7"}};
 
 /// The files of a version, besides record and list; in copy mode one of them makes all mappings copies.
 Files filesOf(const std::string& version, bool isCopying) {
@@ -21,9 +20,9 @@ Files filesOf(const std::string& version, bool isCopying) {
     return files;
 }
 
-Files mappingsOf(const fs::path& directory, const std::string& package, const Files& files) {
+Files mappingsOf(const fs::path& directory, const Files& files) {
     const Files rules{{"bin/", "/usr/bin/"},
-                      {"data/", "/usr/share/" + package + "/"},
+                      {"data/", "/usr/share/" + directory.filename().native() + "/"},
                       {"connman/plugin/", "/usr/lib/connman/plugins-vpn/"}};
     Files result;
     for (const auto& [file, content] : files) {
@@ -46,135 +45,115 @@ Files contentOf(const fs::path& directory) {
     return files;
 }
 
+/// A directory in the place of a mapping, so that an installation fails after others have been made.
+fs::path obstacleIn(const DatabaseOnDisk& disk) { return disk.system / "usr/share" / id / "sub/file"; }
+
+void install(DatabaseOnDisk& disk, const Package& package) {
+    disk.database.install(package, disk.entries, disk.temp / "next");
+}
+void prepareUpgrade(DatabaseOnDisk& disk, const Package& package) {
+    disk.database.prepareUpgrade(package, disk.entries, disk.temp / "next");
+}
+void completeUpgrade(DatabaseOnDisk& disk, const Package& package) { disk.database.completeUpgrade(package); }
+void removeIt(DatabaseOnDisk& disk, const Package& /*package*/) { disk.database.remove(id); }
+void recover(DatabaseOnDisk& disk, const Package& /*package*/) { disk.database.recoverDatabase(); }
+void refuseInstall(DatabaseOnDisk& disk, const Package& package) {
+    fs::create_directories(obstacleIn(disk));
+    try {
+        install(disk, package);
+    } catch (const Error&) {
+        return;
+    }
+    throw std::logic_error("installed");
+}
+
+/// What a service does when it starts.
+void restart(DatabaseOnDisk& disk, const Package& /*package*/) {
+    if (fs::is_directory(fs::symlink_status(obstacleIn(disk)))) {
+        fs::remove(obstacleIn(disk));
+    }
+    disk.database.recoverDatabase();
+    for (const auto& [directory, data] : disk.database.packages()) {
+        disk.database.refreshMappings(directory.filename());
+    }
+}
+
 struct Operation {
     std::string name;
-    std::vector<std::string> before; ///< installed, then prepared versions
-    std::string unpacked;            ///< version that lies ready in the temporary directory
-    std::set<std::string> after;     ///< versions that recovery may find, "" for none
-    std::function<void(DatabaseOnDisk&, const Package&)> run;
+    std::string before;   ///< installed version, then prepared versions, a character each
+    std::string unpacked; ///< version that lies ready in the temporary directory
+    std::string after;    ///< versions that recovery may find, "-" for none
+    void (*run)(DatabaseOnDisk&, const Package&);
 };
 
 void PrintTo(const Operation& operation, std::ostream* stream) { *stream << operation.name; }
 
-void installUnpacked(DatabaseOnDisk& disk, const Package& package) {
-    disk.database.install(package, disk.entries, disk.temp / "next");
-}
-void prepareUnpacked(DatabaseOnDisk& disk, const Package& package) {
-    disk.database.prepareUpgrade(package, disk.entries, disk.temp / "next");
-}
-
-/// A directory in the place of a mapping, so that the installation fails after others have been made.
-fs::path obstacleIn(const DatabaseOnDisk& disk) { return disk.system / "usr/share" / id / "sub/file"; }
-
 const std::vector<Operation> operations{
-    {"Install", {}, "1", {"", "1"}, installUnpacked},
-    {"PrepareUpgrade", {"1"}, "2", {"1", "2"}, prepareUnpacked},
-    {"PrepareHigherUpgrade", {"1", "2"}, "3", {"2", "3"}, prepareUnpacked},
-    {"CompleteUpgrade",
-     {"1", "2"},
-     "",
-     {"2"},
-     [](auto& disk, const auto&) { disk.database.completeUpgrade(Package(id, "2")); }},
-    {"Remove", {"1"}, "", {"", "1"}, [](auto& disk, const auto&) { disk.database.remove(id); }},
-    {"RemoveWithPreparedUpgrade",
-     {"1", "2"},
-     "",
-     {"", "1", "2"},
-     [](auto& disk, const auto&) { disk.database.remove(id); }},
-    {"RefuseInstall", {}, "1", {"", "1"},
-     [](auto& disk, const auto& package) {
-         fs::create_directories(obstacleIn(disk));
-         EXPECT_THROW(installUnpacked(disk, package), Error);
-     }},
-    {"Recover", {"1", "2"}, "3", {"2"}, [](auto& disk, const auto&) { disk.database.recoverDatabase(); }},
-    {"Refresh",
-     {"1", "2"},
-     "",
-     {"2"},
-     [](auto& disk, const auto&) {
-         disk.database.recoverDatabase();
-         disk.database.refreshMappings(id);
-     }},
+    {"Install", "", "1", "-1", install},
+    {"InstallThatFails", "", "1", "-1", refuseInstall},
+    {"PrepareUpgrade", "1", "2", "12", prepareUpgrade},
+    {"PrepareHigherUpgrade", "12", "3", "23", prepareUpgrade},
+    {"CompleteUpgrade", "12", "", "2", completeUpgrade},
+    {"Remove", "1", "", "-1", removeIt},
+    {"RemoveWithPreparedUpgrade", "12", "", "-12", removeIt},
+    {"RecoverDatabase", "12", "3", "2", recover},
+    {"RefreshMappings", "12", "", "2", restart},
 };
+
+void makeStateBefore(DatabaseOnDisk& disk, const Operation& operation, bool isCopying) {
+    disk.install(Package("neighbour", "7"), neighbour);
+    for (const char version : operation.before) {
+        const Package package(id, {version});
+        const auto files = filesOf({version}, isCopying);
+        version == '1' ? disk.install(package, files) : disk.prepare(package, files);
+    }
+    if (!operation.unpacked.empty()) {
+        disk.extract(filesOf(operation.unpacked, isCopying), "next");
+    }
+}
+
+void check(const DatabaseOnDisk& disk, const Operation& operation, bool isCopying) {
+    auto expected = mappingsOf(disk.root / "neighbour", neighbour);
+    std::string found = "-";
+    if (fs::exists(fs::symlink_status(disk.root / id))) {
+        found = disk.installedVersion(id);
+        EXPECT_THAT(disk.entriesIn(disk.root / id), UnorderedElementsAre("current", found));
+        auto files = contentOf(disk.root / id / found);
+        EXPECT_EQ(files.erase("quenra.pkg") + files.erase("symlink.list"), 2U);
+        EXPECT_EQ(files, filesOf(found, isCopying));
+        expected.merge(mappingsOf(disk.root / id, files));
+    }
+    EXPECT_THAT(operation.after, HasSubstr(found));
+    EXPECT_EQ(disk.entriesIn(disk.root).size(), found == "-" ? 1U : 2U);
+    EXPECT_FALSE(fs::exists(disk.temp));
+    EXPECT_EQ(disk.mappings(), expected);
+    for (const auto& [target, file] : expected) {
+        EXPECT_EQ(readFile(disk.system / target.substr(1)), readFile(file));
+    }
+}
 
 } // namespace
 
-class AKilledProcess : public testing::TestWithParam<std::tuple<Operation, bool>> {
-protected:
-    void SetUp() override { std::tie(operation_, isCopying_) = GetParam(); }
-
-    /// The state before the operation, in a new directory.
-    void prepare(DatabaseOnDisk& disk) const {
-        disk.install(Package(neighbour, "7"), {{"bin/neighbour", "7"}});
-        for (std::size_t index = 0; index < operation_.before.size(); ++index) {
-            const auto& version = operation_.before[index];
-            const auto files = filesOf(version, isCopying_);
-            index == 0 ? disk.install(Package(id, version), files)
-                       : disk.prepare(Package(id, version), files);
-        }
-        if (!operation_.unpacked.empty()) {
-            disk.extract(filesOf(operation_.unpacked, isCopying_), "next");
-        }
-    }
-
-    /// What a service does when it starts.
-    static void restart(DatabaseOnDisk& disk) {
-        if (!fs::is_symlink(obstacleIn(disk)) && fs::is_directory(obstacleIn(disk))) {
-            fs::remove(obstacleIn(disk));
-        }
-        disk.database.recoverDatabase();
-        for (const auto& [directory, data] : disk.database.packages()) {
-            disk.database.refreshMappings(directory.filename());
-        }
-    }
-
-    void check(const DatabaseOnDisk& disk) const {
-        auto expected = mappingsOf(disk.root / neighbour, neighbour, {{"bin/neighbour", "7"}});
-        std::vector<std::string> packages{neighbour};
-        if (fs::exists(fs::symlink_status(disk.root / id))) {
-            packages.push_back(id);
-            const auto version = disk.installedVersion(id);
-            EXPECT_THAT(operation_.after, testing::Contains(version));
-            EXPECT_THAT(disk.entriesIn(disk.root / id), UnorderedElementsAre("current", version));
-            auto files = contentOf(disk.root / id / version);
-            EXPECT_EQ(files.erase("quenra.pkg") + files.erase("symlink.list"), 2U);
-            EXPECT_EQ(files, filesOf(version, isCopying_));
-            expected.merge(mappingsOf(disk.root / id, id, files));
-        } else {
-            EXPECT_THAT(operation_.after, testing::Contains(""));
-        }
-        EXPECT_THAT(disk.entriesIn(disk.root), testing::UnorderedElementsAreArray(packages));
-        EXPECT_FALSE(fs::exists(disk.temp));
-        EXPECT_EQ(disk.mappings(), expected);
-        for (const auto& [target, file] : disk.mappings()) {
-            EXPECT_EQ(readFile(disk.system / target.substr(1)), readFile(file));
-        }
-    }
-
-    Operation operation_;
-    bool isCopying_ = false;
-};
+class AKilledProcess : public testing::TestWithParam<std::tuple<Operation, bool>> {};
 
 TEST_P(AKilledProcess, LeavesNothingHalfDone) {
+    const auto& [operation, isCopying] = GetParam();
+    const Package package(id, operation.unpacked.empty() ? "2" : operation.unpacked);
     unsigned point = 0;
-    for (auto end = End::Killed; end == End::Killed; ++point) {
-        const ScratchDirectory scratch;
-        DatabaseOnDisk disk(scratch.path());
-        ASSERT_EQ(runInChild([&] { prepare(disk); }), End::Finished);
-        end = runInterrupted(point, [&] { operation_.run(disk, Package(id, operation_.unpacked)); });
+    for (auto end = End::Killed; end == End::Killed && !HasFailure(); ++point) {
+        SCOPED_TRACE("killed before change " + std::to_string(point));
+        DatabaseOnDisk disk;
+        ASSERT_EQ(runInChild([&] { makeStateBefore(disk, operation, isCopying); }), End::Finished);
+        end = runInterrupted(point, [&] { operation.run(disk, package); });
         ASSERT_NE(end, End::Failed);
-        ASSERT_EQ(runInChild([&] { restart(disk); }), End::Finished) << "killed before change " << point;
-        check(disk);
-        if (HasFailure()) {
-            FAIL() << "killed before change " << point;
-        }
+        ASSERT_EQ(runInChild([&] { restart(disk, package); }), End::Finished);
+        check(disk, operation, isCopying);
     }
     EXPECT_GT(point, 5U);
-    std::cout << operation_.name << (isCopying_ ? " with copies" : " with links") << ": killed at "
-              << point - 1 << " points\n";
+    std::cout << "killed at " << point - 1 << " points\n";
 }
 
-INSTANTIATE_TEST_SUITE_P(At, AKilledProcess, testing::Combine(testing::ValuesIn(operations), testing::Bool()),
+INSTANTIATE_TEST_SUITE_P(In, AKilledProcess, testing::Combine(testing::ValuesIn(operations), testing::Bool()),
                          [](const auto& parameter) {
                              return std::get<0>(parameter.param).name +
                                     (std::get<1>(parameter.param) ? "WithCopies" : "WithLinks");

@@ -27,14 +27,14 @@ namespace fs = std::filesystem;
 
 using Files = std::map<std::string, std::string>;
 
-/// Checks that an action fails with exactly this error.
-#define EXPECT_ERROR(action, expectedCode, expectedMessage)                                                  \
+/// Checks that an action fails with this error.
+#define EXPECT_ERROR(action, expectedCode, message)                                                          \
     try {                                                                                                    \
         static_cast<void>(action);                                                                           \
         ADD_FAILURE() << "no error";                                                                         \
     } catch (const Error& error) {                                                                           \
         EXPECT_EQ(error.code(), ErrorCode::expectedCode);                                                    \
-        EXPECT_EQ(std::string(error.what()), expectedMessage);                                               \
+        EXPECT_THAT(std::string(error.what()), message);                                                     \
     }
 
 inline std::string extendedAttribute(const fs::path& file, const char* name) {
@@ -46,11 +46,7 @@ inline std::string extendedAttribute(const fs::path& file, const char* name) {
 
 /// A database on a real file system, with a system root of its own.
 struct DatabaseOnDisk {
-    explicit DatabaseOnDisk(const fs::path& directory)
-        : root(directory / "app")
-        , temp(directory / "tmp")
-        , system(directory / "system")
-        , database(root, temp, system) {
+    DatabaseOnDisk() {
         fs::create_directories(root);
         fs::create_directories(system);
     }
@@ -100,29 +96,20 @@ struct DatabaseOnDisk {
     }
 
     const PackageData entries{{"certificate.id", "0a1b"}, {"certificate.subgroup", "apps"}};
-    fs::path root;
-    fs::path temp;
-    fs::path system;
-    Database database;
+    const ScratchDirectory scratch;
+    const fs::path root = scratch.path() / "app";
+    const fs::path temp = scratch.path() / "tmp";
+    const fs::path system = scratch.path() / "system";
+    Database database{root, temp, system};
 };
 
 class DatabaseTest : public testing::Test, protected DatabaseOnDisk {
 protected:
-    DatabaseTest()
-        : DatabaseTest(std::make_unique<ScratchDirectory>()) {}
-
-    [[nodiscard]] fs::path dir(const std::string& id = "com.example.app") const { return root / id; }
+    [[nodiscard]] fs::path dir() const { return root / app.id(); }
     [[nodiscard]] std::string path(const std::string& below) const { return (dir() / below).native(); }
 
     const Package app{"com.example.app", "1.0-1"};
     const Package newer{"com.example.app", "2.0-1"};
-
-private:
-    explicit DatabaseTest(std::unique_ptr<ScratchDirectory> scratch)
-        : DatabaseOnDisk(scratch->path())
-        , scratch_(std::move(scratch)) {}
-
-    std::unique_ptr<ScratchDirectory> scratch_;
 };
 
 } // namespace Testbed

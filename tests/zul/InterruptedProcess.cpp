@@ -1,12 +1,10 @@
 #include "tests/zul/InterruptedProcess.h"
 
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <exception>
 #include <fcntl.h>
-#include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <stdexcept>
@@ -25,19 +23,16 @@ constexpr std::array flushingCalls{SYS_fsync, SYS_fdatasync, SYS_syncfs, SYS_syn
 
 constexpr std::array changingCalls{
 #ifdef SYS_unlink
-    SYS_creat,     SYS_mkdir,     SYS_rmdir,       SYS_unlink,       SYS_rename,
-    SYS_symlink,   SYS_link,      SYS_mknod,       SYS_chmod,        SYS_chown,
-    SYS_lchown,    SYS_utimes,    SYS_futimesat,
+    SYS_mkdir,     SYS_rmdir,     SYS_unlink,    SYS_rename,         SYS_symlink,   SYS_link,
+    SYS_chmod,     SYS_chown,     SYS_lchown,
 #endif
-    SYS_mkdirat,   SYS_unlinkat,  SYS_renameat2,   SYS_symlinkat,    SYS_linkat,
-    SYS_mknodat,   SYS_fchmod,    SYS_fchmodat,    SYS_fchown,       SYS_fchownat,
-    SYS_utimensat, SYS_truncate,  SYS_ftruncate,   SYS_fallocate,    SYS_setxattr,
-    SYS_lsetxattr, SYS_fsetxattr, SYS_removexattr, SYS_lremovexattr, SYS_fremovexattr,
-    SYS_pwrite64,  SYS_writev,    SYS_pwritev,     SYS_sendfile,     SYS_copy_file_range,
 #ifdef SYS_renameat
     SYS_renameat,
 #endif
-};
+    SYS_mkdirat,   SYS_unlinkat,  SYS_renameat2, SYS_symlinkat,      SYS_linkat,    SYS_mknodat,
+    SYS_fchmod,    SYS_fchmodat,  SYS_fchown,    SYS_fchownat,       SYS_utimensat, SYS_truncate,
+    SYS_ftruncate, SYS_fallocate, SYS_setxattr,  SYS_lsetxattr,      SYS_fsetxattr, SYS_fremovexattr,
+    SYS_pwrite64,  SYS_writev,    SYS_sendfile,  SYS_copy_file_range};
 
 constexpr sock_filter load(std::size_t offset) {
     return BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<unsigned>(offset));

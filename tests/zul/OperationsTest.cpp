@@ -26,14 +26,6 @@ TEST_F(ADatabase, InstallsUpgradesInTwoStepsAndRemoves) {
     EXPECT_THAT(mappings(), IsEmpty());
 }
 
-TEST_F(ADatabase, WritesTheRecordWithTheCallersEntries) {
-    database.install(Package("com.example.app", "1.0-1", "Org", "App"), entries, extract({}));
-    EXPECT_THAT(database.packageData("com.example.app"),
-                ElementsAre(Pair("certificate.id", "0a1b"), Pair("certificate.subgroup", "apps"),
-                            Pair("general.appname", "App"), Pair("general.id", "com.example.app"),
-                            Pair("general.orgname", "Org"), Pair("general.version", "1.0-1")));
-}
-
 TEST_F(ADatabase, LeavesNothingOfAnInstallationThatFails) {
     writeFile(system / "usr/bin/tool", "system");
     const LogCapture log;
@@ -83,11 +75,17 @@ TEST_F(ADatabase, PreparesOnlyHigherVersions) {
     EXPECT_EQ(installedVersion(app.id()), "2.0-1");
 }
 
-TEST_F(ADatabase, ReplacesWhateverStandsInThePlaceOfALink) {
+TEST_F(ADatabase, CompletesOnlyWhatIsPreparedAndPreparesInThePlaceOfRubbish) {
+    const std::string message = "attempt to complete non-existent update for com.example.app package";
     install(app);
+    const auto before = digestOfTree(dir());
+    EXPECT_ERROR(database.completeUpgrade(newer), Internal, message);
+    writeFile(dir() / "next/file", "x");
+    EXPECT_ERROR(database.completeUpgrade(newer), Internal, message);
     fs::create_symlink(dir() / "gone", dir() / "next");
-    EXPECT_ERROR(database.completeUpgrade(newer), Internal,
-                 "attempt to complete non-existent update for com.example.app package");
+    EXPECT_ERROR(database.completeUpgrade(newer), Internal, message);
+    EXPECT_EQ(digestOfTree(dir()), before);
+
     fs::create_directory(dir() / "next");
     prepare(newer);
     EXPECT_EQ(fs::read_symlink(dir() / "next"), dir() / "2.0-1");
@@ -120,16 +118,6 @@ TEST_F(ADatabase, GivesUpAnUpgradeWhoseVersionCannotBeParsed) {
                      "couldn't parse actual package version: ");
         EXPECT_THAT(entriesIn(root), IsEmpty());
     }
-}
-
-TEST_F(ADatabase, CompletesOnlyWhatIsPrepared) {
-    const std::string message = "attempt to complete non-existent update for com.example.app package";
-    install(app);
-    const auto before = digestOfTree(dir());
-    EXPECT_ERROR(database.completeUpgrade(newer), Internal, message);
-    writeFile(dir() / "next/file", "x");
-    EXPECT_ERROR(database.completeUpgrade(newer), Internal, message);
-    EXPECT_EQ(digestOfTree(dir()), before);
 }
 
 TEST_F(ADatabase, LosesAPackageWhoseUpgradeCannotBeMapped) {
