@@ -1,6 +1,6 @@
 // Compares the package database with the system's own tools on the same data, in one run:
 // listing with `rpm -qa`, installation with `cp -a`, removal with `rm -rf`.
-// Usage: zul-benchmark [DIRECTORY]   a directory on the file system to be measured, by default /var/tmp
+// Usage: bench-database [DIRECTORY]   a directory on the file system to be measured, by default /var/tmp
 
 #include "core/zul/Database.h"
 
@@ -162,7 +162,7 @@ int main(int count, char** arguments) {
     if (count == 3 && std::string(arguments[1]) == "--list") {
         return list(arguments[2]);
     }
-    auto scratch = std::string(count > 1 ? arguments[1] : "/var/tmp") + "/zul-benchmark-XXXXXX";
+    auto scratch = std::string(count > 1 ? arguments[1] : "/var/tmp") + "/bench-database-XXXXXX";
     if (mkdtemp(scratch.data()) == nullptr) {
         std::perror(scratch.c_str());
         return 1;
