@@ -28,7 +28,9 @@ PackageData parse(const std::string& text) {
     PackageData data;
     for (const auto& [section, keys] : tree) {
         for (const auto& [key, value] : keys) {
-            data.emplace(section + "." + key, value.data());
+            auto dotted = section;
+            dotted.append(".").append(key);
+            data.emplace(std::move(dotted), value.data());
         }
     }
     return data;
@@ -45,9 +47,10 @@ std::string format(const PackageData& data) {
 }
 
 /// The writer takes any text, also one that the reader would take for further lines.
-void requireReadable(const std::string& text, PackageData expected) {
-    for (auto& [key, value] : expected) {
-        boost::algorithm::trim(value);
+void requireReadable(const std::string& text, const PackageData& given) {
+    PackageData expected;
+    for (const auto& [key, value] : given) {
+        expected.emplace(key, boost::algorithm::trim_copy(value));
     }
     if (parse(text) != expected || text.size() > sizeLimit) {
         throw Error(ErrorCode::Filesystem, "an entry would not read back as it was given");
