@@ -137,7 +137,8 @@ void check(const DatabaseOnDisk& disk, const Operation& operation, bool isCopyin
 class AKilledProcess : public testing::TestWithParam<std::tuple<Operation, bool>> {};
 
 TEST_P(AKilledProcess, LeavesNothingHalfDone) {
-    const auto& [operation, isCopying] = GetParam();
+    const auto& operation = std::get<0>(GetParam());
+    const bool isCopying = std::get<1>(GetParam());
     const Package package(id, operation.unpacked.empty() ? "2" : operation.unpacked);
     unsigned point = 0;
     for (auto end = End::Killed; end == End::Killed && !HasFailure(); ++point) {
