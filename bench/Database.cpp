@@ -83,7 +83,7 @@ void makeRpmDatabase(const fs::path& directory) {
              << name << "\n";
     }
     spec.close();
-    const auto at = directory.native();
+    const auto& at = directory.native();
     shell("rpmbuild -bb --quiet -D '_topdir " + at + "' " + at + "/all.spec 2>&1");
     shell("find " + at + "/RPMS -name '*.rpm' | xargs rpm --dbpath " + at +
           "/db --justdb --nodeps --nosignature -i");
@@ -126,23 +126,31 @@ void benchmarkOperations(const fs::path& scratch, const std::string& source) {
     Database database(scratch / "app", scratch / "tmp", scratch / "system");
     fs::create_directories(scratch / "system");
     const Package package("org.example.large", "1.0-1");
+    const auto copyTree = "cp -a " + tree + " " + copy;
+    const auto flushCopy = "sync -f " + copy;
+    const auto unpack = "cp -a " + tree + " " + unpacked;
+    const auto flushUnpacked = "sync -f " + unpacked;
+    const auto removeCopy = "rm -rf " + copy;
     Table installing;
     Table removing;
     for (int round = 0; round < rounds; ++round) {
         fs::create_directories(scratch / "tmp");
-        shell("cp -a " + tree + " " + unpacked + " && sync -f " + unpacked);
+        shell(unpack);
+        shell(flushUnpacked);
         installing.add("install, files already on disk",
                        milliseconds([&] { database.install(package, entries, unpacked); }));
         removing.add("remove", milliseconds([&] { database.remove(package.id()); }));
-        shell("cp -a " + tree + " " + unpacked);
+        shell(unpack);
         installing.add("install, files just unpacked",
                        milliseconds([&] { database.install(package, entries, unpacked); }));
         database.remove(package.id());
-        installing.add("cp -a", milliseconds([&] { shell("cp -a " + tree + " " + copy); }));
-        shell("rm -rf " + copy);
-        installing.add("cp -a; sync -f",
-                       milliseconds([&] { shell("cp -a " + tree + " " + copy + " && sync -f " + copy); }));
-        removing.add("rm -rf", milliseconds([&] { shell("rm -rf " + copy); }));
+        installing.add("cp -a", milliseconds([&] { shell(copyTree); }));
+        shell(removeCopy);
+        installing.add("cp -a; sync -f", milliseconds([&] {
+                           shell(copyTree);
+                           shell(flushCopy);
+                       }));
+        removing.add("rm -rf", milliseconds([&] { shell(removeCopy); }));
     }
     const auto title = source == "data" ? ", each of them mapped" : ", none of them mapped";
     installing.print(std::string("Installing 10,000 files") + title, "cp -a");

@@ -71,7 +71,8 @@ void Database::recoverPackage(const PackageDirectory& directory) {
                                  << std::generic_category().message(errno);
         }
     }
-    if (Common::linkTarget(directory.current())) {
+    // Of a package whose "current" leads elsewhere the lists of its versions are still needed.
+    if (directory.isSound(directory.current())) {
         // What another version had in the system directories is known from its list alone.
         directory.sweep("couldn't remove outdated package versioned directory: ",
                         [&](const fs::path& entry) { Mappings::keepListOf(entry, directory.current()); });

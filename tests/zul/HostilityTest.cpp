@@ -59,7 +59,8 @@ TEST_F(Hostility, OfLinksNeverLeadsDeletionOut) {
         fs::path("../../victim"), fs::path("../bystander/1-1"), fs::path(".."),         fs::path("."),
         fs::path("../x")};
     for (const auto& victim : victims) {
-        for (const std::string operation : {"read", "complete", "check", "recover", "damaged", "remove"}) {
+        for (const std::string operation :
+             {"read", "complete", "check", "recover", "damaged", "swept", "remove"}) {
             install(app, {{"bin/tool", "x"}});
             fs::create_directory_symlink(outside() / "victim", dir() / "1.0-1/bin/deep");
             fs::create_symlink(victim, dir() / "next");
@@ -72,10 +73,11 @@ TEST_F(Hostility, OfLinksNeverLeadsDeletionOut) {
                     database.checkUpgrade(newer);
                 } else if (operation == "recover") {
                     database.recoverDatabase();
-                } else if (operation == "damaged") {
+                } else if (operation == "damaged" || operation == "swept") {
                     fs::remove(dir() / "current");
                     fs::rename(dir() / "next", dir() / "current");
-                    static_cast<void>(database.packages());
+                    operation == "swept" ? database.recoverDatabase()
+                                         : static_cast<void>(database.packages());
                 }
                 database.remove(app.id());
             } catch (const Error&) {
