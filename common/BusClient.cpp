@@ -1,6 +1,6 @@
 #include "common/BusClient.h"
 
-#include "common/LogLine.h"
+#include "common/Guard.h"
 
 namespace Common {
 
@@ -8,18 +8,6 @@ namespace {
 
 std::unique_ptr<sdbus::IConnection> connect(Bus bus) {
     return bus == Bus::Session ? sdbus::createSessionBusConnection() : sdbus::createSystemBusConnection();
-}
-
-// Everything that leaves a handler would cross the bus library's C frames.
-void guarded(const std::string& signal, const std::function<void(sdbus::Signal&)>& handler,
-             sdbus::Signal& message) noexcept {
-    try {
-        handler(message);
-    } catch (const std::exception& error) {
-        logFailure(LogLevel::Error, "couldn't handle signal: " + signal, error);
-    } catch (...) {
-        logError() << "couldn't handle signal: " << signal;
-    }
 }
 
 } // namespace
@@ -41,7 +29,8 @@ void BusClient::start(const std::vector<BusSubscription>& subscriptions) {
     for (const auto& subscription : subscriptions) {
         proxy_->registerSignalHandler(endpoint_.interface, subscription.signal,
                                       [subscription](sdbus::Signal& message) {
-                                          guarded(subscription.signal, subscription.handler, message);
+                                          guarded("couldn't handle signal: " + subscription.signal,
+                                                  [&] { subscription.handler(message); });
                                       });
     }
     proxy_->finishRegistration();

@@ -25,8 +25,8 @@ void Operation::setStatusChanged(StatusHook hook) {
 }
 
 void Operation::setStatus(OperationStatus status) {
-    status_ = status;
-    statusChanged_(*this);
+    changeStatus(status);
+    announceStatus();
 }
 
 } // namespace Core

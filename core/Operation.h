@@ -54,6 +54,10 @@ public:
     /// Stores the status, then calls the hook with this operation, also when the status is the same as
     /// before.
     void setStatus(OperationStatus status);
+    /// The first half of setStatus(): stores the status and calls nobody, so a lock may be held.
+    void changeStatus(OperationStatus status) { status_ = status; }
+    /// The second half: calls the hook. Never under a lock.
+    void announceStatus() const { statusChanged_(*this); }
 
 private:
     std::string id_;

@@ -1,6 +1,6 @@
 #include "daemon/MainLoop.h"
 
-#include "common/LogLine.h"
+#include "common/Guard.h"
 
 #include <sdbus-c++/Error.h>
 
@@ -32,11 +32,7 @@ Common::UniqueFd checked(int fd, const char* what) {
 }
 
 void runGuarded(const MainLoop::Task& task) noexcept {
-    try {
-        task();
-    } catch (const std::exception& error) {
-        Common::logFailure(Common::LogLevel::Error, "couldn't run a task of the main loop", error);
-    }
+    Common::guarded("couldn't run a task of the main loop", task);
 }
 
 } // namespace
@@ -50,18 +46,12 @@ MainLoop::MainLoop(sdbus::IConnection& connection)
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
+// Messages and tasks take turns, so that neither a flood of the one nor of the other holds up the rest.
 void MainLoop::run() {
-    for (;;) {
-        while (connection_.processPendingRequest()) {
-        }
-        runTasks();
-        {
-            const std::lock_guard guard(lock_);
-            if (stopping_) {
-                return;
-            }
-        }
-        waitForEvents(-1);
+    while (!isStopping()) {
+        const bool handled = connection_.processPendingRequest();
+        const bool ran = runTask();
+        waitForEvents(handled || ran ? 0 : -1);
     }
 }
 
@@ -89,7 +79,8 @@ void MainLoop::drain() noexcept {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
     try {
         do {
-            runTasks();
+            while (runTask()) {
+            }
             if (!hasOutput()) {
                 return;
             }
@@ -113,25 +104,33 @@ void MainLoop::waitForEvents(int timeout) {
     if (poll(descriptors.data(), descriptors.size(), timeout) < 0 && errno != EINTR) {
         throw sdbus::createError(errno, "couldn't wait for the bus");
     }
-    eventfd_t count = 0;
-    eventfd_read(wakeUp_.get(), &count);
+    if (descriptors[1].revents != 0) {
+        eventfd_t count = 0;
+        eventfd_read(wakeUp_.get(), &count);
+    }
     signalfd_siginfo received{};
-    if (read(signals_.get(), &received, sizeof received) == sizeof received) {
+    if (descriptors[2].revents != 0 && read(signals_.get(), &received, sizeof received) > 0) {
         stop();
         const auto set = terminationSignals();
         pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     }
 }
 
-// Runs posted tasks as long as the bus takes what they send: its queue is finite, ours holds the rest.
-void MainLoop::runTasks() {
-    while (!hasOutput()) {
-        const auto task = takeTask();
-        if (!task) {
-            return;
-        }
+// Runs a posted task, if the bus takes what it may send: the bus library's queue is finite, ours holds the rest.
+bool MainLoop::runTask() {
+    if (hasOutput()) {
+        return false;
+    }
+    const auto task = takeTask();
+    if (task) {
         runGuarded(task);
     }
+    return static_cast<bool>(task);
+}
+
+bool MainLoop::isStopping() {
+    const std::lock_guard guard(lock_);
+    return stopping_;
 }
 
 bool MainLoop::hasOutput() const {

@@ -43,7 +43,8 @@ public:
 
 private:
     void waitForEvents(int timeout);
-    void runTasks();
+    bool runTask();
+    [[nodiscard]] bool isStopping();
     [[nodiscard]] bool hasOutput() const;
     [[nodiscard]] Task takeTask();
 
