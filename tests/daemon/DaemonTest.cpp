@@ -1,0 +1,66 @@
+#include "tests/daemon/DaemonTest.h"
+
+#include <unistd.h>
+
+namespace Testbed {
+
+namespace {
+
+// A mount namespace; a user who is not root needs a user namespace around it.
+std::vector<std::string> inNamespace(const std::string& command) {
+    std::vector<std::string> arguments{"unshare", "--mount"};
+    if (geteuid() != 0) {
+        arguments.insert(arguments.end(), {"--user", "--map-current-user", "--keep-caps"});
+    }
+    arguments.insert(arguments.end(), {"sh", "-c", command});
+    return arguments;
+}
+
+} // namespace
+
+void DaemonTest::SetUp() {
+    std::filesystem::create_directories(etc);
+    const auto probe = run(inNamespace("mount --bind " + etc.string() + " /etc"));
+    if (probe.status != 0) {
+        GTEST_SKIP() << "no right to make a mount namespace: " << probe.output;
+    }
+    writeFile(etc / "rpm/platform", "riscv64-vendor-linux\n");
+    writeFile(etc / "os-release", "NAME=Test\nVERSION_ID=4.2\n");
+    writeFile(etc / "zul/zul.conf",
+              "[database]\nroot_directory=" + (scratch.path() / "apps").string() + "\n");
+    std::filesystem::create_directories(scratch.path() / "apps");
+}
+
+void DaemonTest::startDaemon() {
+    const auto command = "mount --bind " + etc.string() + " /etc && exec " VENDARA_DAEMON;
+    daemon.emplace(inNamespace(command), Process::Options{{{"HOME", scratch.path()}}, {}, {}});
+    auto bus = sdbus::createProxy(sdbus::createSessionBusConnection(), "org.freedesktop.DBus", "/");
+    ASSERT_TRUE(waitUntil([&] {
+        bool owned = false;
+        bus->callMethod("NameHasOwner")
+            .onInterface("org.freedesktop.DBus")
+            .withArguments("norvane.Vendara")
+            .storeResultsTo(owned);
+        return owned;
+    })) << daemon->output();
+}
+
+bool DaemonTest::logged(const std::string& text) {
+    return waitUntil([&] { return ("\n" + daemon->output()).find("\n" + text + "\n") != std::string::npos; });
+}
+
+std::string DaemonTest::packageFile(const std::string& name) {
+    PackageSpec spec;
+    spec.name = name;
+    return buildPackage(scratch.path() / "packages", spec);
+}
+
+void DaemonTest::setInstalled(const std::vector<std::string>& ids) {
+    std::vector<Common::PackageProperties> packages;
+    for (const auto& id : ids) {
+        packages.push_back(PackageManager::package(id));
+    }
+    zul.setPackages(packages);
+}
+
+} // namespace Testbed

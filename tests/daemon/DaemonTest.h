@@ -1,0 +1,38 @@
+#pragma once
+
+#include "tests/daemon/Peers.h"
+#include "tests/support/PrivateBus.h"
+#include "tests/support/Process.h"
+#include "tests/support/RpmPackage.h"
+#include "tests/support/ScratchDirectory.h"
+#include "tests/support/WaitUntil.h"
+
+#include <gmock/gmock.h>
+
+#include <optional>
+
+namespace Testbed {
+
+/// The real daemon between scripted peers on two private buses, with an /etc of its own.
+class DaemonTest : public testing::Test {
+protected:
+    void SetUp() override;
+
+    void startDaemon();
+    /// @return whether the log has a line with the text within the limit of waitUntil()
+    bool logged(const std::string& text);
+    /// A real package of this name.
+    std::string packageFile(const std::string& name = "com.example.app");
+    /// Has the package manager list packages of these names.
+    void setInstalled(const std::vector<std::string>& ids);
+
+    ScratchDirectory scratch;
+    std::filesystem::path etc = scratch.path() / "etc";
+    PrivateBuses buses;
+    PackageManager zul;
+    RuntimeManager runtime;
+    Identification identification;
+    std::optional<Process> daemon;
+};
+
+} // namespace Testbed

@@ -1,0 +1,190 @@
+#pragma once
+
+#include "common/WireTypes.h"
+#include "daemon/MainLoop.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Testbed {
+
+/// A connection to a private bus and the thread that runs it. Ends quietly when the bus dies.
+class Peer {
+public:
+    explicit Peer(bool onSystemBus, const std::string& name = {});
+    ~Peer() { leave(); }
+
+    [[nodiscard]] sdbus::IConnection& connection() { return *connection_; }
+    /// Runs the task on the peer's thread: that is where it sends.
+    void post(Daemon::MainLoop::Task task) { loop_->post(std::move(task)); }
+    /// Ends the thread, before the objects and proxies on the connection are destroyed.
+    void leave();
+
+private:
+    std::unique_ptr<sdbus::IConnection> connection_;
+    std::unique_ptr<Daemon::MainLoop> loop_;
+    std::thread thread_;
+};
+
+/// A service that is called, records the calls and answers: at once, or when the test says so.
+class ScriptedPeer {
+public:
+    ScriptedPeer(bool onSystemBus, const std::string& name)
+        : peer_(onSystemBus, name) {}
+
+    /// Calls of the method wait for answer() from now on, or not any more.
+    void hold(const std::string& method, bool held = true);
+    /// Calls of the method are refused from now on; an empty error name ends that.
+    void refuse(const std::string& method, const std::string& errorName);
+    /// Answers the oldest call that waits: with an error, if it has a name. False when none waits.
+    bool answer(const std::string& method, const std::string& errorName = {});
+    [[nodiscard]] bool waitForCalls(const std::string& method, std::size_t count) const;
+    /// The arguments of the calls so far, in their order.
+    [[nodiscard]] std::vector<std::string> calls(const std::string& method) const;
+
+    template<typename Argument>
+    void emit(const std::string& signal, const Argument& argument) {
+        peer_.post([this, signal, argument] {
+            auto message = object_->createSignal(interface_, signal);
+            message << argument;
+            message.send();
+        });
+    }
+
+protected:
+    using Reply = std::function<void(const std::string& errorName)>;
+
+    void exportObject(const std::string& path, const std::string& interface);
+    /// A handler's call, to be answered with a value made at the time of the answer.
+    template<typename... Results, typename Value>
+    void called(const std::string& method, const std::string& argument, sdbus::Result<Results...>&& result,
+                Value value) {
+        auto shared = std::make_shared<sdbus::Result<Results...>>(std::move(result));
+        handle(method, argument, [this, shared, value](const std::string& errorName) {
+            peer_.post([shared, value, errorName] {
+                if (errorName.empty()) {
+                    value(*shared);
+                } else {
+                    shared->returnError(sdbus::Error(errorName, "Refused By The Test"));
+                }
+            });
+        });
+    }
+    void called(const std::string& method, const std::string& argument, sdbus::Result<>&& result) {
+        called(method, argument, std::move(result), [](auto& reply) { reply.returnResults(); });
+    }
+
+    Peer peer_;
+    std::string interface_;
+    std::unique_ptr<sdbus::IObject> object_;
+
+private:
+    struct Method {
+        std::vector<std::string> calls;
+        std::vector<Reply> held;
+        bool holds = false;
+        std::string refusal;
+    };
+    void handle(const std::string& method, const std::string& argument, Reply reply);
+
+    mutable std::mutex lock_;
+    std::map<std::string, Method> methods_;
+};
+
+/// The package manager.
+class PackageManager : public ScriptedPeer {
+public:
+    PackageManager();
+    ~PackageManager() { peer_.leave(); }
+    void setPackages(std::vector<Common::PackageProperties> packages);
+    static Common::PackageProperties package(const std::string& id, const std::string& version = "1.0-1");
+
+private:
+    std::mutex packagesLock_;
+    std::vector<Common::PackageProperties> packages_;
+};
+
+/// The runtime manager; its signals are those of the control object. "InvokeIntent" is recorded as intent, "
+/// ", handler.
+class RuntimeManager : public ScriptedPeer {
+public:
+    RuntimeManager();
+    ~RuntimeManager() { peer_.leave(); }
+
+private:
+    std::unique_ptr<sdbus::IObject> intents_;
+};
+
+/// The identification service: everybody is an application named after the bus name, unless told otherwise.
+class Identification : public ScriptedPeer {
+public:
+    Identification();
+    ~Identification() { peer_.leave(); }
+    /// @param application  empty: nobody has this bus name any more
+    void set(const std::string& busName, const std::string& application);
+
+private:
+    std::mutex applicationsLock_;
+    std::map<std::string, std::string> applications_;
+};
+
+/// A client of the service, with everything that it was sent.
+class Client {
+public:
+    using Operation = Common::OperationRecord;
+    using Properties = std::map<std::string, sdbus::Variant>;
+
+    Client();
+    ~Client() { peer_.leave(); }
+    [[nodiscard]] std::string busName() { return peer_.connection().getUniqueName(); }
+
+    /// A request and its reply; an error reply is thrown.
+    template<typename Reply, typename... Arguments>
+    Reply call(const std::string& method, const Arguments&... arguments) {
+        Reply reply;
+        proxy_->callMethod(method)
+            .onInterface("norvane.Vendara")
+            .withArguments(arguments...)
+            .storeResultsTo(reply);
+        return reply;
+    }
+    Operation install(const std::string& path) { return call<Operation>("Install", path); }
+    Operation remove(const std::string& id) { return call<Operation>("Remove", id); }
+    std::vector<Operation> operations(const std::string& key = "Operations");
+    /// The text of the service's error reply, empty when there was none.
+    template<typename... Arguments>
+    std::string errorOf(const std::string& method, const Arguments&... arguments) {
+        try {
+            proxy_->callMethod(method).onInterface("norvane.Vendara").withArguments(arguments...);
+            return {};
+        } catch (const sdbus::Error& error) {
+            return error.getName() == "norvane.Vendara.Error" ? error.getMessage() : error.what();
+        }
+    }
+
+    /// All that was received of operations, in its order, and the statuses of one of them.
+    [[nodiscard]] std::vector<Operation> received() const;
+    [[nodiscard]] std::vector<int> statusesOf(const Operation& operation) const;
+    bool waitForStatus(const Operation& operation, int status) const;
+    /// The package signals received: member, " ", package id.
+    [[nodiscard]] std::vector<std::string> packageSignals() const;
+    /// Makes the client deaf until the returned function is called.
+    std::function<void()> fallAsleep();
+
+private:
+    Peer peer_{false};
+    mutable std::mutex lock_;
+    std::vector<Operation> received_;
+    std::vector<std::string> packageSignals_;
+    std::unique_ptr<sdbus::IProxy> proxy_;
+};
+
+} // namespace Testbed
