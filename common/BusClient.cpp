@@ -2,6 +2,8 @@
 
 #include "common/Guard.h"
 
+#include <future>
+
 namespace Common {
 
 namespace {
@@ -34,7 +36,20 @@ void BusClient::start(const std::vector<BusSubscription>& subscriptions) {
                                       });
     }
     proxy_->finishRegistration();
+    startLoop();
+}
+
+// A call made before the loop runs would keep the connection to itself until its reply, and every other call
+// out. So this returns when the loop has delivered something: the bus's answer to a question sent beforehand.
+void BusClient::startLoop() {
+    const auto running = std::make_shared<std::promise<void>>();
+    const auto bus = sdbus::createProxy(*connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+    bus->callMethodAsync("GetId")
+        .onInterface("org.freedesktop.DBus")
+        .uponReplyInvoke(
+            [running](const sdbus::Error* /*error*/, const std::string& /*id*/) { running->set_value(); });
     loop_ = std::thread([this] { runLoop(); });
+    running->get_future().wait_for(std::chrono::seconds(25));
 }
 
 void BusClient::runLoop() noexcept {

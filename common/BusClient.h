@@ -62,6 +62,7 @@ public:
     }
 
 private:
+    void startLoop();
     void runLoop() noexcept;
 
     BusEndpoint endpoint_;

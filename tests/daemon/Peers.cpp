@@ -14,16 +14,22 @@ using sdbus::Result;
 } // namespace
 
 Peer::Peer(bool onSystemBus, const std::string& name)
-    : connection_(onSystemBus ? sdbus::createSystemBusConnection() : sdbus::createSessionBusConnection()) {
+    : name_(name)
+    , connection_(onSystemBus ? sdbus::createSystemBusConnection() : sdbus::createSessionBusConnection()) {
     if (!name.empty()) {
         connection_->requestName(name);
     }
     std::promise<void> ready;
     thread_ = std::thread([this, &ready] {
-        loop_ = std::make_unique<Daemon::MainLoop>(*connection_);
-        ready.set_value();
         try {
-            loop_->run();
+            if (isClient()) {
+                ready.set_value();
+                connection_->enterEventLoop();
+            } else {
+                loop_ = std::make_unique<Daemon::MainLoop>(*connection_);
+                ready.set_value();
+                loop_->run();
+            }
         } catch (const sdbus::Error&) {
             // The test has killed the bus.
         }
@@ -33,7 +39,7 @@ Peer::Peer(bool onSystemBus, const std::string& name)
 
 void Peer::leave() {
     if (thread_.joinable()) {
-        loop_->stop();
+        isClient() ? connection_->leaveEventLoop() : loop_->stop();
         thread_.join();
     }
 }
@@ -214,12 +220,6 @@ bool Client::waitForStatus(const Operation& operation, int status) const {
 std::vector<std::string> Client::packageSignals() const {
     const std::lock_guard guard(lock_);
     return packageSignals_;
-}
-
-std::function<void()> Client::fallAsleep() {
-    auto awake = std::make_shared<std::promise<void>>();
-    peer_.post([awake] { awake->get_future().wait(); });
-    return [awake] { awake->set_value(); };
 }
 
 } // namespace Testbed

@@ -19,6 +19,7 @@ namespace Testbed {
 /// A connection to a private bus and the thread that runs it. Ends quietly when the bus dies.
 class Peer {
 public:
+    /// @param name  well-known name of a service; empty for a client, which makes calls and posts nothing
     explicit Peer(bool onSystemBus, const std::string& name = {});
     ~Peer() { leave(); }
 
@@ -29,6 +30,10 @@ public:
     void leave();
 
 private:
+    // The bus library delivers replies to other threads only where it runs the loop itself.
+    [[nodiscard]] bool isClient() const { return name_.empty(); }
+
+    std::string name_;
     std::unique_ptr<sdbus::IConnection> connection_;
     std::unique_ptr<Daemon::MainLoop> loop_;
     std::thread thread_;
@@ -176,8 +181,8 @@ public:
     bool waitForStatus(const Operation& operation, int status) const;
     /// The package signals received: member, " ", package id.
     [[nodiscard]] std::vector<std::string> packageSignals() const;
-    /// Makes the client deaf until the returned function is called.
-    std::function<void()> fallAsleep();
+    /// The client takes no signal as long as the lock is held.
+    [[nodiscard]] std::unique_lock<std::mutex> fallAsleep() { return std::unique_lock(lock_); }
 
 private:
     Peer peer_{false};
