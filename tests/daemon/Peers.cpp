@@ -2,8 +2,6 @@
 
 #include "tests/support/WaitUntil.h"
 
-#include <future>
-
 namespace Testbed {
 
 namespace {
@@ -12,42 +10,6 @@ using Dictionary = std::map<std::string, sdbus::Variant>;
 using sdbus::Result;
 
 } // namespace
-
-Peer::Peer(bool onSystemBus, const std::string& name)
-    : name_(name)
-    , connection_(onSystemBus ? sdbus::createSystemBusConnection() : sdbus::createSessionBusConnection()) {
-    if (!name.empty()) {
-        connection_->requestName(name);
-    }
-    std::promise<void> ready;
-    thread_ = std::thread([this, &ready] {
-        try {
-            if (isClient()) {
-                ready.set_value();
-                connection_->enterEventLoop();
-            } else {
-                loop_ = std::make_unique<Daemon::MainLoop>(*connection_);
-                ready.set_value();
-                loop_->run();
-            }
-        } catch (const sdbus::Error&) {
-            // The test has killed the bus.
-        }
-    });
-    ready.get_future().wait();
-}
-
-void Peer::leave() {
-    if (thread_.joinable()) {
-        isClient() ? connection_->leaveEventLoop() : loop_->stop();
-        thread_.join();
-    }
-}
-
-void ScriptedPeer::exportObject(const std::string& path, const std::string& interface) {
-    interface_ = interface;
-    object_ = sdbus::createObject(peer_.connection(), path);
-}
 
 void ScriptedPeer::hold(const std::string& method, bool held) {
     const std::lock_guard guard(lock_);
@@ -60,13 +22,17 @@ void ScriptedPeer::refuse(const std::string& method, const std::string& errorNam
 }
 
 bool ScriptedPeer::answer(const std::string& method, const std::string& errorName) {
-    const std::lock_guard guard(lock_);
-    auto& held = methods_[method].held;
-    if (held.empty()) {
-        return false;
+    Reply reply;
+    {
+        const std::lock_guard guard(lock_);
+        auto& held = methods_[method].held;
+        if (held.empty()) {
+            return false;
+        }
+        reply = std::move(held.front());
+        held.erase(held.begin());
     }
-    held.front()(errorName);
-    held.erase(held.begin());
+    reply(errorName);
     return true;
 }
 
@@ -92,31 +58,36 @@ void ScriptedPeer::handle(const std::string& method, const std::string& argument
 }
 
 PackageManager::PackageManager()
-    : ScriptedPeer(true, "norvane.ZUL") {
-    exportObject("/norvane/ZUL", "norvane.ZUL");
-    object_->registerMethod("Install")
+    : ScriptedPeer(sdbus::createSystemBusConnection("norvane.ZUL"), "/norvane/ZUL", "norvane.ZUL") {
+    peer_.object()
+        .registerMethod("Install")
         .onInterface(interface_)
         .implementedAs([this](Result<>&& result, const std::string& path, const Dictionary& /*options*/) {
             called("Install", path, std::move(result));
         });
-    object_->registerMethod("Remove")
+    peer_.object()
+        .registerMethod("Remove")
         .onInterface(interface_)
         .implementedAs(
             [this](Result<>&& result, const std::string& id) { called("Remove", id, std::move(result)); });
-    object_->registerMethod("GetPackageList")
+    peer_.object()
+        .registerMethod("GetPackageList")
         .onInterface(interface_)
         .implementedAs([this](Result<std::vector<Common::PackageProperties>>&& result) {
-            called("GetPackageList", {}, std::move(result), [this](auto& reply) {
-                const std::lock_guard guard(packagesLock_);
-                reply.returnResults(packages_);
-            });
+            called("GetPackageList", {}, std::move(result),
+                   [this](auto& reply) { reply.returnResults(packages()); });
         });
-    object_->finishRegistration();
+    peer_.start();
 }
 
 void PackageManager::setPackages(std::vector<Common::PackageProperties> packages) {
     const std::lock_guard guard(packagesLock_);
     packages_ = std::move(packages);
+}
+
+std::vector<Common::PackageProperties> PackageManager::packages() const {
+    const std::lock_guard guard(packagesLock_);
+    return packages_;
 }
 
 Common::PackageProperties PackageManager::package(const std::string& id, const std::string& version) {
@@ -127,14 +98,14 @@ Common::PackageProperties PackageManager::package(const std::string& id, const s
 }
 
 RuntimeManager::RuntimeManager()
-    : ScriptedPeer(false, "norvane.RuntimeManager")
+    : ScriptedPeer(sdbus::createSessionBusConnection("norvane.RuntimeManager"),
+                   "/norvane/RuntimeManager/Control1", "norvane.RuntimeManager.Control1")
     , intents_(sdbus::createObject(peer_.connection(), "/norvane/RuntimeManager/Intents1")) {
-    exportObject("/norvane/RuntimeManager/Control1", "norvane.RuntimeManager.Control1");
-    object_->registerMethod("Terminate")
+    peer_.object()
+        .registerMethod("Terminate")
         .onInterface(interface_)
         .implementedAs(
             [this](Result<>&& result, const std::string& id) { called("Terminate", id, std::move(result)); });
-    object_->finishRegistration();
     intents_->registerMethod("InvokeIntent")
         .onInterface("norvane.RuntimeManager.Intents1")
         .implementedAs([this](Result<>&& result, const std::string& intent, const Dictionary& hints,
@@ -144,30 +115,36 @@ RuntimeManager::RuntimeManager()
             called("InvokeIntent", intent + " " + handler, std::move(result));
         });
     intents_->finishRegistration();
+    peer_.start();
 }
 
 Identification::Identification()
-    : ScriptedPeer(false, "norvane.am") {
-    exportObject("/norvane/am", "norvane.am.Identify");
-    object_->registerMethod("IdentifyByBusName")
+    : ScriptedPeer(sdbus::createSessionBusConnection("norvane.am"), "/norvane/am", "norvane.am.Identify") {
+    peer_.object()
+        .registerMethod("IdentifyByBusName")
         .onInterface(interface_)
         .implementedAs([this](Result<std::string, std::string>&& result, const std::string& busName) {
             called("IdentifyByBusName", busName, std::move(result), [this, busName](auto& reply) {
-                const std::lock_guard guard(applicationsLock_);
-                const auto entry = applications_.find(busName);
-                if (entry != applications_.end() && entry->second.empty()) {
+                const auto application = applicationOf(busName);
+                if (application.empty()) {
                     reply.returnError(sdbus::Error("norvane.am.Error", "nobody has this name"));
                 } else {
-                    reply.returnResults(entry == applications_.end() ? busName : entry->second, "user");
+                    reply.returnResults(application, "user");
                 }
             });
         });
-    object_->finishRegistration();
+    peer_.start();
 }
 
 void Identification::set(const std::string& busName, const std::string& application) {
     const std::lock_guard guard(applicationsLock_);
     applications_[busName] = application;
+}
+
+std::string Identification::applicationOf(const std::string& busName) const {
+    const std::lock_guard guard(applicationsLock_);
+    const auto entry = applications_.find(busName);
+    return entry == applications_.end() ? busName : entry->second;
 }
 
 Client::Client()
@@ -188,6 +165,7 @@ Client::Client()
     subscribe("PackageUpgraded", [note](const Package& package) { note("upgraded " + package.get<0>()); });
     subscribe("PackageRemoved", [note](const std::string& id) { note("removed " + id); });
     proxy_->finishRegistration();
+    peer_.start();
 }
 
 std::vector<Client::Operation> Client::operations(const std::string& key) {

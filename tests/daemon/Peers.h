@@ -1,7 +1,7 @@
 #pragma once
 
 #include "common/WireTypes.h"
-#include "daemon/MainLoop.h"
+#include "tests/support/BusPeer.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -9,41 +9,18 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace Testbed {
 
-/// A connection to a private bus and the thread that runs it. Ends quietly when the bus dies.
-class Peer {
-public:
-    /// @param name  well-known name of a service; empty for a client, which makes calls and posts nothing
-    explicit Peer(bool onSystemBus, const std::string& name = {});
-    ~Peer() { leave(); }
-
-    [[nodiscard]] sdbus::IConnection& connection() { return *connection_; }
-    /// Runs the task on the peer's thread: that is where it sends.
-    void post(Daemon::MainLoop::Task task) { loop_->post(std::move(task)); }
-    /// Ends the thread, before the objects and proxies on the connection are destroyed.
-    void leave();
-
-private:
-    // The bus library delivers replies to other threads only where it runs the loop itself.
-    [[nodiscard]] bool isClient() const { return name_.empty(); }
-
-    std::string name_;
-    std::unique_ptr<sdbus::IConnection> connection_;
-    std::unique_ptr<Daemon::MainLoop> loop_;
-    std::thread thread_;
-};
-
 /// A service that is called, records the calls and answers: at once, or when the test says so.
 class ScriptedPeer {
 public:
-    ScriptedPeer(bool onSystemBus, const std::string& name)
-        : peer_(onSystemBus, name) {}
+    ScriptedPeer(std::unique_ptr<sdbus::IConnection> connection, const std::string& path,
+                 std::string interface)
+        : peer_(std::move(connection), path)
+        , interface_(std::move(interface)) {}
 
     /// Calls of the method wait for answer() from now on, or not any more.
     void hold(const std::string& method, bool held = true);
@@ -57,39 +34,31 @@ public:
 
     template<typename Argument>
     void emit(const std::string& signal, const Argument& argument) {
-        peer_.post([this, signal, argument] {
-            auto message = object_->createSignal(interface_, signal);
-            message << argument;
-            message.send();
-        });
+        peer_.send(interface_, signal, argument);
     }
 
 protected:
     using Reply = std::function<void(const std::string& errorName)>;
 
-    void exportObject(const std::string& path, const std::string& interface);
     /// A handler's call, to be answered with a value made at the time of the answer.
     template<typename... Results, typename Value>
     void called(const std::string& method, const std::string& argument, sdbus::Result<Results...>&& result,
                 Value value) {
         auto shared = std::make_shared<sdbus::Result<Results...>>(std::move(result));
-        handle(method, argument, [this, shared, value](const std::string& errorName) {
-            peer_.post([shared, value, errorName] {
-                if (errorName.empty()) {
-                    value(*shared);
-                } else {
-                    shared->returnError(sdbus::Error(errorName, "Refused By The Test"));
-                }
-            });
+        handle(method, argument, [shared, value](const std::string& errorName) {
+            if (errorName.empty()) {
+                value(*shared);
+            } else {
+                shared->returnError(sdbus::Error(errorName, "Refused By The Test"));
+            }
         });
     }
     void called(const std::string& method, const std::string& argument, sdbus::Result<>&& result) {
         called(method, argument, std::move(result), [](auto& reply) { reply.returnResults(); });
     }
 
-    Peer peer_;
+    BusPeer peer_;
     std::string interface_;
-    std::unique_ptr<sdbus::IObject> object_;
 
 private:
     struct Method {
@@ -108,12 +77,14 @@ private:
 class PackageManager : public ScriptedPeer {
 public:
     PackageManager();
-    ~PackageManager() { peer_.leave(); }
+    ~PackageManager() { peer_.stop(); }
     void setPackages(std::vector<Common::PackageProperties> packages);
     static Common::PackageProperties package(const std::string& id, const std::string& version = "1.0-1");
 
 private:
-    std::mutex packagesLock_;
+    [[nodiscard]] std::vector<Common::PackageProperties> packages() const;
+
+    mutable std::mutex packagesLock_;
     std::vector<Common::PackageProperties> packages_;
 };
 
@@ -122,7 +93,7 @@ private:
 class RuntimeManager : public ScriptedPeer {
 public:
     RuntimeManager();
-    ~RuntimeManager() { peer_.leave(); }
+    ~RuntimeManager() { peer_.stop(); }
 
 private:
     std::unique_ptr<sdbus::IObject> intents_;
@@ -132,12 +103,14 @@ private:
 class Identification : public ScriptedPeer {
 public:
     Identification();
-    ~Identification() { peer_.leave(); }
+    ~Identification() { peer_.stop(); }
     /// @param application  empty: nobody has this bus name any more
     void set(const std::string& busName, const std::string& application);
 
 private:
-    std::mutex applicationsLock_;
+    [[nodiscard]] std::string applicationOf(const std::string& busName) const;
+
+    mutable std::mutex applicationsLock_;
     std::map<std::string, std::string> applications_;
 };
 
@@ -148,7 +121,7 @@ public:
     using Properties = std::map<std::string, sdbus::Variant>;
 
     Client();
-    ~Client() { peer_.leave(); }
+    ~Client() { peer_.stop(); }
     [[nodiscard]] std::string busName() { return peer_.connection().getUniqueName(); }
 
     /// A request and its reply; an error reply is thrown.
@@ -185,7 +158,7 @@ public:
     [[nodiscard]] std::unique_lock<std::mutex> fallAsleep() { return std::unique_lock(lock_); }
 
 private:
-    Peer peer_{false};
+    BusPeer peer_{sdbus::createSessionBusConnection(), "/client"};
     mutable std::mutex lock_;
     std::vector<Operation> received_;
     std::vector<std::string> packageSignals_;

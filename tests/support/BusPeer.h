@@ -16,10 +16,7 @@ public:
         : connection_(std::move(connection))
         , object_(sdbus::createObject(*connection_, objectPath)) {}
     ~BusPeer() {
-        if (loop_.joinable()) {
-            connection_->leaveEventLoop();
-            loop_.join();
-        }
+        stop();
         object_->unregister();
     }
     BusPeer(const BusPeer&) = delete;
@@ -37,6 +34,14 @@ public:
             } catch (const sdbus::Error&) {
             }
         });
+    }
+
+    /// Returns when no handler runs any more.
+    void stop() {
+        if (loop_.joinable()) {
+            connection_->leaveEventLoop();
+            loop_.join();
+        }
     }
 
     /// Sends a signal of the object, to everybody.
