@@ -34,14 +34,15 @@ void DaemonTest::SetUp() {
 void DaemonTest::startDaemon() {
     const auto command = "mount --bind " + etc.string() + " /etc && exec " VENDARA_DAEMON;
     daemon.emplace(inNamespace(command), Process::Options{{{"HOME", scratch.path()}}, {}, {}});
-    auto bus = sdbus::createProxy(sdbus::createSessionBusConnection(), "org.freedesktop.DBus", "/");
+    auto service =
+        sdbus::createProxy(sdbus::createSessionBusConnection(), "norvane.Vendara", "/norvane/Vendara");
     ASSERT_TRUE(waitUntil([&] {
-        bool owned = false;
-        bus->callMethod("NameHasOwner")
-            .onInterface("org.freedesktop.DBus")
-            .withArguments("norvane.Vendara")
-            .storeResultsTo(owned);
-        return owned;
+        try {
+            service->callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
+            return true;
+        } catch (const sdbus::Error&) {
+            return false;
+        }
     })) << daemon->output();
 }
 
