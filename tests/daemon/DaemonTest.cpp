@@ -29,6 +29,7 @@ void DaemonTest::SetUp() {
     writeFile(etc / "zul/zul.conf",
               "[database]\nroot_directory=" + (scratch.path() / "apps").string() + "\n");
     std::filesystem::create_directories(scratch.path() / "apps");
+    startDaemon();
 }
 
 void DaemonTest::startDaemon() {

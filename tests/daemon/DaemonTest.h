@@ -16,9 +16,9 @@ namespace Testbed {
 /// The real daemon between scripted peers on two private buses, with an /etc of its own.
 class DaemonTest : public testing::Test {
 protected:
+    /// Returns when the daemon answers.
     void SetUp() override;
 
-    void startDaemon();
     /// @return whether the log has a line with the text within the limit of waitUntil()
     bool logged(const std::string& text);
     /// A real package of this name.
@@ -33,6 +33,9 @@ protected:
     RuntimeManager runtime;
     Identification identification;
     std::optional<Process> daemon;
+
+private:
+    void startDaemon();
 };
 
 } // namespace Testbed

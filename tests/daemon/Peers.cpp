@@ -2,6 +2,8 @@
 
 #include "tests/support/WaitUntil.h"
 
+#include <algorithm>
+
 namespace Testbed {
 
 namespace {
@@ -46,12 +48,18 @@ std::vector<std::string> ScriptedPeer::calls(const std::string& method) const {
     return entry == methods_.end() ? std::vector<std::string>() : entry->second.calls;
 }
 
+std::size_t ScriptedPeer::mostHeld() const {
+    const std::lock_guard guard(lock_);
+    return mostHeld_;
+}
+
 void ScriptedPeer::handle(const std::string& method, const std::string& argument, Reply reply) {
     const std::lock_guard guard(lock_);
     auto& script = methods_[method];
     script.calls.push_back(argument);
     if (script.holds) {
         script.held.push_back(std::move(reply));
+        mostHeld_ = std::max(mostHeld_, script.held.size());
     } else {
         reply(script.refusal);
     }

@@ -32,6 +32,9 @@ public:
     /// The arguments of the calls so far, in their order.
     [[nodiscard]] std::vector<std::string> calls(const std::string& method) const;
 
+    /// How many calls of one method waited at the same time, at most.
+    [[nodiscard]] std::size_t mostHeld() const;
+
     template<typename Argument>
     void emit(const std::string& signal, const Argument& argument) {
         peer_.send(interface_, signal, argument);
@@ -71,6 +74,7 @@ private:
 
     mutable std::mutex lock_;
     std::map<std::string, Method> methods_;
+    std::size_t mostHeld_ = 0;
 };
 
 /// The package manager.

@@ -11,10 +11,7 @@ class ARequest : public DaemonTest {
 protected:
     void SetUp() override {
         DaemonTest::SetUp();
-        if (!IsSkipped()) {
-            startDaemon();
-            client.emplace();
-        }
+        client.emplace();
     }
     std::optional<Client> client;
 };

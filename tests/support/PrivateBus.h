@@ -15,6 +15,8 @@ public:
     explicit PrivateBus(const std::string& limits = {});
 
     [[nodiscard]] const std::string& address() const { return address_; }
+    /// For example SIGSTOP: a bus that takes nothing.
+    void signal(int number) const { daemon_->signal(number); }
     /// Kills the bus.
     void stop() { daemon_.reset(); }
 

@@ -1,0 +1,173 @@
+#include "tests/daemon/DaemonTest.h"
+
+#include <csignal>
+#include <future>
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::IsEmpty;
+
+namespace Testbed {
+
+namespace {
+
+class TheDaemon : public DaemonTest {
+protected:
+    // The daemon's main thread no longer waits for messages but for another thread's end.
+    bool isEnding() {
+        const std::filesystem::path process = "/proc/" + std::to_string(daemon->pid());
+        return waitUntil([&] { return readFile(process / "wchan").find("futex") != std::string::npos; });
+    }
+
+    Client client;
+    Client other;
+};
+
+TEST_F(TheDaemon, AnswersWhileAnOperationRuns) {
+    zul.hold("Install");
+    const auto first = client.install(packageFile());
+    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    const auto second = other.install(packageFile());
+    EXPECT_THAT(other.operations(), ElementsAre(second));
+    EXPECT_EQ(client.operations().at(0).get<3>(), 10);
+    EXPECT_EQ(other.errorOf("Start", "a") + other.errorOf("Restart", "a"), "");
+    EXPECT_THAT(other.statusesOf(second), ElementsAre(0));
+    zul.answer("Install");
+    EXPECT_TRUE(client.waitForStatus(first, 100));
+    ASSERT_TRUE(zul.waitForCalls("Install", 2));
+    EXPECT_EQ(zul.mostHeld(), 1) << "one at a time";
+    zul.answer("Install");
+    EXPECT_TRUE(other.waitForStatus(second, 100));
+}
+
+TEST_F(TheDaemon, FinishesAnUpgradeThatIsReportedBeforeTheCallReturns) {
+    setInstalled({"com.example.app"});
+    zul.hold("Install");
+    const auto file = packageFile();
+    const auto early = [&](std::size_t count, const std::string& errorName) {
+        auto operation = client.install(file);
+        EXPECT_TRUE(zul.waitForCalls("Install", count));
+        zul.emit("PackageUpgraded", PackageManager::package("com.example.app"));
+        EXPECT_TRUE(waitUntil([&] { return client.packageSignals().size() == count; }));
+        zul.answer("Install", errorName);
+        EXPECT_TRUE(client.waitForStatus(operation, errorName.empty() ? 100 : 101));
+        return client.statusesOf(operation);
+    };
+    EXPECT_THAT(early(1, {}), ElementsAre(0, 10, 90, 100));
+    EXPECT_THAT(early(2, "norvane.ZUL.Error.Filesystem"), ElementsAre(0, 10, 101));
+    zul.hold("Install", false);
+    const auto third = client.install(file);
+    const auto fourth = other.install(file);
+    EXPECT_TRUE(client.waitForStatus(third, 90) && other.waitForStatus(fourth, 90))
+        << "the signals are spent";
+    zul.emit("PackageUpgraded", PackageManager::package("com.example.app"));
+    EXPECT_TRUE(client.waitForStatus(third, 100) && other.waitForStatus(fourth, 100)) << "one finishes all";
+}
+
+TEST_F(TheDaemon, RelaysASignalDuringAPropertyRead) {
+    zul.hold("GetPackageList");
+    auto read = std::async(std::launch::async, [&] { return client.operations(); });
+    ASSERT_TRUE(zul.waitForCalls("GetPackageList", 1));
+    zul.emit("PackageInstalled", PackageManager::package("a"));
+    zul.answer("GetPackageList");
+    EXPECT_THAT(read.get(), IsEmpty());
+    EXPECT_TRUE(waitUntil([&] { return !client.packageSignals().empty(); }));
+}
+
+TEST_F(TheDaemon, WorksOnWhenOtherServicesHang) {
+    zul.hold("Install");
+    const auto file = packageFile();
+    const auto first = client.install(file);
+    const auto second = client.install(file);
+    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    std::filesystem::create_directories(scratch.path() / "apps/a/next");
+    runtime.hold("InvokeIntent");
+    EXPECT_EQ(client.errorOf("Restart", "a"), "");
+    zul.emit("PackageUpgraded", PackageManager::package("a"));
+    ASSERT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
+    zul.emit("PackageRemoved", std::string("a"));
+    EXPECT_TRUE(waitUntil([&] { return client.packageSignals().size() == 2; }));
+
+    identification.hold("IdentifyByBusName");
+    zul.answer("Install");
+    EXPECT_TRUE(zul.waitForCalls("Install", 2));
+    zul.answer("Install");
+    identification.hold("IdentifyByBusName", false);
+    EXPECT_TRUE(waitUntil([&] { return identification.answer("IdentifyByBusName"); }));
+    EXPECT_TRUE(client.waitForStatus(second, 100));
+    EXPECT_THAT(client.statusesOf(first), ElementsAre(0, 10, 100));
+    EXPECT_THAT(client.statusesOf(second), ElementsAre(0, 10, 100));
+    runtime.answer("InvokeIntent");
+}
+
+TEST_F(TheDaemon, DeliversAStormOfSignalsThroughABusThatStalls) {
+    std::vector<std::string> expected;
+    const auto manager =
+        sdbus::createProxy(sdbus::createSystemBusConnection(), "norvane.ZUL", "/norvane/ZUL");
+    buses.session.signal(SIGSTOP);
+    for (int count = 0; count < 10000; ++count) {
+        expected.push_back("removed " + std::to_string(count));
+        zul.emit("PackageRemoved", std::to_string(count));
+        if (count % 500 == 499) {
+            // What the peer's library has kept back goes out when something wakes the peer.
+            std::vector<Common::PackageProperties> packages;
+            manager->callMethod("GetPackageList").onInterface("norvane.ZUL").storeResultsTo(packages);
+        }
+    }
+    buses.session.signal(SIGCONT);
+    EXPECT_TRUE(waitUntil([&] { return client.packageSignals().size() == expected.size(); },
+                          std::chrono::seconds(60)));
+    EXPECT_EQ(client.packageSignals(), expected);
+}
+
+TEST_F(TheDaemon, EndsInOrderWhenItIsTold) {
+    zul.hold("Install");
+    const auto file = packageFile();
+    const auto running = client.install(file);
+    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    const std::vector queued{client.install(file), client.install(file), client.install(file)};
+    EXPECT_TRUE(client.waitForStatus(running, 10));
+    daemon->signal(SIGTERM);
+    ASSERT_TRUE(isEnding());
+    zul.answer("Install");
+    EXPECT_EQ(daemon->wait(), 0) << daemon->output();
+    EXPECT_TRUE(client.waitForStatus(queued.back(), 101));
+    auto received = client.received();
+    received.erase(received.begin(), received.end() - 4);
+    EXPECT_EQ(received.at(0), Client::Operation(running.get<0>(), running.get<1>(), 0, 100, 0));
+    for (std::size_t index = 0; index < 3; ++index) {
+        EXPECT_EQ(received.at(index + 1),
+                  Client::Operation(queued[index].get<0>(), running.get<1>(), 0, 101, 2));
+    }
+}
+
+TEST_F(TheDaemon, EndsWithTheSessionBusAfterTheRunningOperation) {
+    zul.hold("Install");
+    const auto file = packageFile();
+    client.install(file);
+    client.install(file);
+    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    buses.session.stop();
+    ASSERT_TRUE(isEnding());
+    zul.answer("Install");
+    EXPECT_EQ(daemon->wait(), 1);
+    EXPECT_EQ(zul.calls("Install").size(), 1);
+    EXPECT_THAT(
+        daemon->output(),
+        testing::ContainsRegex("\nERROR: couldn't register service: norvane.Vendara\nERROR: [^\n]*\n$"));
+}
+
+TEST_F(TheDaemon, GoesOnWithoutTheSystemBus) {
+    zul.hold("Install");
+    const auto running = client.install(packageFile());
+    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    buses.system.stop();
+    EXPECT_TRUE(client.waitForStatus(running, 101));
+    EXPECT_EQ(client.received().back().get<4>(), 2);
+    EXPECT_EQ(client.errorOf("GetAllProperties"), "Failed to retrieve list of installed packages");
+    EXPECT_EQ(client.errorOf("Start", "a"), "");
+}
+
+} // namespace
+
+} // namespace Testbed
