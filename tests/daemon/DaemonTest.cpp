@@ -1,5 +1,6 @@
 #include "tests/daemon/DaemonTest.h"
 
+#include <csignal>
 #include <unistd.h>
 
 namespace Testbed {
@@ -30,6 +31,16 @@ void DaemonTest::SetUp() {
               "[database]\nroot_directory=" + (scratch.path() / "apps").string() + "\n");
     std::filesystem::create_directories(scratch.path() / "apps");
     startDaemon();
+}
+
+void DaemonTest::TearDown() {
+    if (daemon && daemon->isRunning()) {
+        daemon->signal(SIGTERM);
+        for (auto* peer : std::initializer_list<ScriptedPeer*>{&zul, &runtime, &identification}) {
+            peer->letGo();
+        }
+        EXPECT_EQ(daemon->wait(), 0) << daemon->output();
+    }
 }
 
 void DaemonTest::startDaemon() {

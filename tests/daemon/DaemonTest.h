@@ -18,6 +18,8 @@ class DaemonTest : public testing::Test {
 protected:
     /// Returns when the daemon answers.
     void SetUp() override;
+    /// Ends the daemon in order, unless the test has; a sanitizer that found something makes it fail.
+    void TearDown() override;
 
     /// @return whether the log has a line with the text within the limit of waitUntil()
     bool logged(const std::string& text);

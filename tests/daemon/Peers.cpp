@@ -3,6 +3,7 @@
 #include "tests/support/WaitUntil.h"
 
 #include <algorithm>
+#include <future>
 
 namespace Testbed {
 
@@ -36,6 +37,18 @@ bool ScriptedPeer::answer(const std::string& method, const std::string& errorNam
     }
     reply(errorName);
     return true;
+}
+
+void ScriptedPeer::letGo() {
+    for (const auto* method : {"Install", "Remove", "GetPackageList", "InvokeIntent", "IdentifyByBusName"}) {
+        hold(method, false);
+        try {
+            while (answer(method)) {
+            }
+        } catch (const sdbus::Error&) {
+            // The test has killed the bus.
+        }
+    }
 }
 
 bool ScriptedPeer::waitForCalls(const std::string& method, std::size_t count) const {
@@ -173,7 +186,13 @@ Client::Client()
     subscribe("PackageUpgraded", [note](const Package& package) { note("upgraded " + package.get<0>()); });
     subscribe("PackageRemoved", [note](const std::string& id) { note("removed " + id); });
     proxy_->finishRegistration();
+    // A call made before the loop runs would have its reply overtake signals, so the loop delivers one first.
+    auto running = std::make_shared<std::promise<void>>();
+    proxy_->callMethodAsync("Ping")
+        .onInterface("org.freedesktop.DBus.Peer")
+        .uponReplyInvoke([running](const sdbus::Error* /*error*/) { running->set_value(); });
     peer_.start();
+    running->get_future().wait();
 }
 
 std::vector<Client::Operation> Client::operations(const std::string& key) {

@@ -28,6 +28,8 @@ public:
     void refuse(const std::string& method, const std::string& errorName);
     /// Answers the oldest call that waits: with an error, if it has a name. False when none waits.
     bool answer(const std::string& method, const std::string& errorName = {});
+    /// Answers all that wait, and whatever comes from now on.
+    void letGo();
     [[nodiscard]] bool waitForCalls(const std::string& method, std::size_t count) const;
     /// The arguments of the calls so far, in their order.
     [[nodiscard]] std::vector<std::string> calls(const std::string& method) const;
