@@ -204,6 +204,11 @@ std::vector<Client::Operation> Client::received() const {
     return received_;
 }
 
+void Client::forget() {
+    const std::lock_guard guard(lock_);
+    received_.clear();
+}
+
 std::vector<int> Client::statusesOf(const Operation& operation) const {
     std::vector<int> statuses;
     const std::lock_guard guard(lock_);

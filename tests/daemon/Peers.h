@@ -156,6 +156,7 @@ public:
 
     /// All that was received of operations, in its order, and the statuses of one of them.
     [[nodiscard]] std::vector<Operation> received() const;
+    void forget();
     [[nodiscard]] std::vector<int> statusesOf(const Operation& operation) const;
     bool waitForStatus(const Operation& operation, int status) const;
     /// The package signals received: member, " ", package id.
