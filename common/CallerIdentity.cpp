@@ -30,7 +30,7 @@ CallerIdentity identifyByBusName(std::string busName, bool onSessionBus) {
         std::string second;
         reply >> first >> second;
         return {onSessionBus, std::move(busName), std::move(first), std::move(second)};
-    } catch (const sdbus::Error&) {
+    } catch (const std::exception&) {
         throw Error(ErrorCode::Internal, "couldn't identify the sender: " + busName);
     }
 }

@@ -87,8 +87,7 @@ void Controller::work() {
 // Makes the head of the queue the current operation; nothing when the worker is to end.
 std::optional<Operation> Controller::takeNext() {
     std::unique_lock guard(stateLock_);
-    workerWakeUp_.wait(guard,
-                       [this] { return stopping_ || (!queue_.empty() && queue_.front().announced); });
+    workerWakeUp_.wait(guard, [this] { return stopping_ || (!queue_.empty() && queue_.front().announced); });
     if (stopping_) {
         return {};
     }

@@ -57,8 +57,8 @@ void LaunchControl::restartApplication(const std::string& packageId) {
     }
 }
 
-// Puts the package into one of the lists. The database is read without the lock; an upgrade reported meanwhile
-// may be the very one that was seen prepared, so the database is then read again.
+// Puts the package into one of the lists. The database is read without the lock; an upgrade reported
+// meanwhile may be the very one that was seen prepared, so the database is then read again.
 void LaunchControl::remember(const std::string& packageId) {
     for (;;) {
         std::unique_lock guard(lock_);

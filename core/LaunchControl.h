@@ -13,10 +13,10 @@ namespace Core {
 
 /// Starts and restarts applications through the runtime manager service.
 ///
-/// A restart ends the application now; the start follows when the runtime manager reports the end or, where an
-/// upgrade of the package is prepared, when the package manager reports the upgrade. Those reports arrive on
-/// threads that must not wait, so the starts that they cause are made by a thread of this class. Nobody calls
-/// the runtime manager while holding the lock of the restart lists.
+/// A restart ends the application now; the start follows when the runtime manager reports the end or, where
+/// an upgrade of the package is prepared, when the package manager reports the upgrade. Those reports arrive
+/// on threads that must not wait, so the starts that they cause are made by a thread of this class. Nobody
+/// calls the runtime manager while holding the lock of the restart lists.
 class LaunchControl {
 public:
     /// Subscribes to "Terminated".

@@ -116,7 +116,8 @@ void MainLoop::waitForEvents(int timeout) {
     }
 }
 
-// Runs a posted task, if the bus takes what it may send: the bus library's queue is finite, ours holds the rest.
+// Runs a posted task, if the bus takes what it may send: the bus library's queue is finite, ours holds the
+// rest.
 bool MainLoop::runTask() {
     if (hasOutput()) {
         return false;

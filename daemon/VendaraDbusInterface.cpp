@@ -63,8 +63,11 @@ Common::PackageRecord packageFromProperties(const Common::PackageProperties& pro
         }
         return entry->second;
     };
-    return {valueOf(Keys::id), valueOf(Keys::version), valueOf(Keys::certificateSubgroup),
-            valueOf(Keys::certificateId), {}};
+    return {valueOf(Keys::id),
+            valueOf(Keys::version),
+            valueOf(Keys::certificateSubgroup),
+            valueOf(Keys::certificateId),
+            {}};
 }
 
 std::vector<Common::OperationRecord> recordsOf(const std::vector<Core::Operation>& operations) {
@@ -103,7 +106,7 @@ Common::OperationRecord VendaraDbusInterface::Install(const std::string& package
         try {
             findInstalledPackage(operation.packageId());
             operation.setType(Core::OperationType::Upgrade);
-        } catch (const sdbus::Error&) {
+        } catch (const std::exception&) {
             // Not installed, or nobody can tell: the package manager decides.
             operation.setType(Core::OperationType::Install);
         }
@@ -150,8 +153,7 @@ Common::CallerIdentity VendaraDbusInterface::determineInitiator() {
     return answered("Couldn't determinate operation initiator", [&] {
         const auto* message = getObject().getCurrentlyProcessedMessage();
         if (message == nullptr) {
-            throw Common::Error(Common::ErrorCode::Internal,
-                                "couldn't retrieve currently processed message");
+            throw Common::Error(Common::ErrorCode::Internal, "couldn't retrieve currently processed message");
         }
         return Common::identifyByBusName(message->getSender(), true);
     });
@@ -188,9 +190,8 @@ void VendaraDbusInterface::findInstalledPackage(const std::string& id) {
 Common::OperationRecord VendaraDbusInterface::enqueue(Core::Operation operation) {
     // By reference: hooks are still called while the controller is being destroyed and controller_ is empty.
     auto& controller = *controller_;
-    operation.setStatusChanged([this, &controller](const Core::Operation& changed) {
-        notifyOperationStatus(controller, changed);
-    });
+    operation.setStatusChanged(
+        [this, &controller](const Core::Operation& changed) { notifyOperationStatus(controller, changed); });
     auto record = operation.record();
     controller.enqueue(std::move(operation));
     return record;

@@ -1,5 +1,6 @@
 #include "tests/daemon/DaemonTest.h"
 
+#include <algorithm>
 #include <csignal>
 #include <unistd.h>
 
@@ -69,10 +70,9 @@ std::string DaemonTest::packageFile(const std::string& name) {
 }
 
 void DaemonTest::setInstalled(const std::vector<std::string>& ids) {
-    std::vector<Common::PackageProperties> packages;
-    for (const auto& id : ids) {
-        packages.push_back(PackageManager::package(id));
-    }
+    std::vector<Common::PackageProperties> packages(ids.size());
+    std::transform(ids.begin(), ids.end(), packages.begin(),
+                   [](const std::string& id) { return PackageManager::package(id); });
     zul.setPackages(packages);
 }
 

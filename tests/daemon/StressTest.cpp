@@ -13,7 +13,7 @@ constexpr int requestsPerClient = 40;
 class UnderStress : public DaemonTest {
 protected:
     // One client's work. What it is told must fit what it reads meanwhile.
-    void request(int number, const std::string& file) {
+    void request(std::size_t number, const std::string& file) {
         Client client;
         const auto path = scratch.path() / ("client-" + std::to_string(number) + "-");
         std::vector<Operation> asked;
@@ -101,9 +101,9 @@ TEST_F(UnderStress, TheDaemonKeepsItsPromises) {
     std::vector<std::thread> background;
     background.emplace_back([&] { manage(); });
     background.emplace_back([&] { comeAndGo(file); });
-    std::vector<std::thread> clients;
-    for (int number = 0; number < 3; ++number) {
-        clients.emplace_back([&, number] { request(number, file); });
+    std::vector<std::thread> clients(3);
+    for (std::size_t number = 0; number < clients.size(); ++number) {
+        clients[number] = std::thread([&, number] { request(number, file); });
     }
     for (auto* threads : {&clients, &background}) {
         for (auto& thread : *threads) {
