@@ -73,6 +73,10 @@ TEST_F(AController, ListsQueuedRunningAndAwaitingOperationsInThisOrder) {
 TEST_F(AController, MayBeUsedByHooksWhichMayThrow) {
     std::promise<void> ended;
     controller->enqueue(operation(OperationType::Remove, [&](const Operation& changed) {
+        if (changed.status() == OperationStatus::Queued) {
+            const auto begun = [&] { return !zul.calls("Remove").empty(); };
+            EXPECT_FALSE(waitUntil(begun, std::chrono::milliseconds(200))) << "before Queued was announced";
+        }
         const auto operations = listed();
         EXPECT_EQ(operations.size(), changed.isCompleted() ? 0 : 1);
         controller->addCompletedOperation(changed);

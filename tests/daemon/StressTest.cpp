@@ -26,8 +26,7 @@ protected:
                 std::filesystem::create_hard_link(file, paths.back());
                 asked.push_back(client.install(paths.back()));
             }
-            EXPECT_THAT(client.statusesOf(asked.back()), testing::Contains(0))
-                << "announced before the reply";
+            ASSERT_THAT(client.statusesOf(asked.back()), testing::Contains(0)) << "before the reply";
             EXPECT_EQ(client.errorOf("Restart", "com.example.app"), "");
             checkRead(client, asked);
         }
