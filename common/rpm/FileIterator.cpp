@@ -1,0 +1,157 @@
+#include "common/rpm/FileIterator.h"
+
+#include "common/Error.h"
+#include "common/LogLine.h"
+#include "common/UniqueFd.h"
+
+#include <rpm/header.h>
+
+#include <array>
+#include <cstdlib>
+#include <fcntl.h>
+#include <string_view>
+#include <unistd.h>
+
+namespace Common::Rpm {
+
+namespace {
+
+// What extraction never looks at stays out of the list.
+constexpr rpmfiFlags unusedTags = RPMFI_NOFILECLASS | RPMFI_NOFILEDEPS | RPMFI_NOFILELANGS |
+                                  RPMFI_NOFILEUSER | RPMFI_NOFILEGROUP | RPMFI_NOFILECAPS |
+                                  RPMFI_NOFILESTATES | RPMFI_NOFILEVERIFYFLAGS | RPMFI_NOFILESIGNATURES |
+                                  RPMFI_NOVERITYSIGNATURES;
+
+struct Compressor {
+    std::string_view name;
+    const char* mode;
+};
+
+constexpr std::array compressors{
+    Compressor{"gzip", "r.gzdio"}, Compressor{"bzip2", "r.bzdio"}, Compressor{"xz", "r.xzdio"},
+    Compressor{"lzma", "r.lzdio"}, Compressor{"zstd", "r.zstdio"},
+};
+
+[[noreturn]] void throwNotOpened() {
+    throw Error(ErrorCode::BadPackage, "couldn't open rpm package for extraction");
+}
+
+const char* payloadMode(Header header) {
+    const char* format = headerGetString(header, RPMTAG_PAYLOADFORMAT);
+    if (format != nullptr && std::string_view(format) != "cpio") {
+        throwNotOpened();
+    }
+    const char* name = headerGetString(header, RPMTAG_PAYLOADCOMPRESSOR);
+    for (const auto& compressor : compressors) {
+        if (compressor.name == (name != nullptr ? name : "gzip")) {
+            return compressor.mode;
+        }
+    }
+    throwNotOpened();
+}
+
+// A second open file: its position is its own, whereas that of a duplicated descriptor is shared.
+UniqueFd openAtPayload(const Reader& reader) {
+    const int original = reader.file() != nullptr ? Fileno(reader.file()) : -1;
+    const off_t offset = lseek(original, 0, SEEK_CUR);
+    UniqueFd file(open(("/proc/self/fd/" + std::to_string(original)).c_str(), O_RDONLY | O_CLOEXEC));
+    if (offset < 0 || !file || lseek(file.get(), offset, SEEK_SET) != offset) {
+        throwNotOpened();
+    }
+    return file;
+}
+
+} // namespace
+
+FileIterator::FileIterator(const Reader& reader)
+    : files_(rpmfilesNew(nullptr, reader.header(), RPMTAG_BASENAMES, unusedTags), rpmfilesFree)
+    , payload_(nullptr, Fclose)
+    , iterator_(nullptr, rpmfiFree) {
+    const char* mode = payloadMode(reader.header());
+    const auto file = openAtPayload(reader);
+    payload_.reset(fdDup(file.get()));
+    if (!files_ || !payload_ || Fdopen(payload_.get(), mode) == nullptr) {
+        throwNotOpened();
+    }
+    iterator_.reset(
+        rpmfiNewArchiveReader(payload_.get(), files_.get(), RPMFI_ITER_READ_ARCHIVE_CONTENT_FIRST));
+    if (!iterator_) {
+        throwNotOpened();
+    }
+    seen_.resize(rpmfilesFC(files_.get()));
+}
+
+bool FileIterator::next() {
+    const int result = rpmfiNext(iterator_.get());
+    if (result == RPMERR_ITER_END) {
+        checkComplete();
+        return false;
+    }
+    if (result < 0) {
+        const std::unique_ptr<char, void (*)(void*)> reason(rpmfileStrerror(result), std::free);
+        throw Error(ErrorCode::BadPackage, std::string("couldn't read payload of rpm package: ") +
+                                               (reason ? reason.get() : "damaged"));
+    }
+    markSeen(index());
+    return true;
+}
+
+void FileIterator::markSeen(int index) {
+    const auto place = static_cast<std::size_t>(index);
+    if (place >= seen_.size() || seen_[place]) {
+        throw Error(ErrorCode::BadPackage,
+                    "the payload of the rpm package has an entry twice: " + Common::quoted(path()));
+    }
+    seen_[place] = true;
+}
+
+void FileIterator::checkComplete() const {
+    for (std::size_t place = 0; place < seen_.size(); ++place) {
+        const int index = static_cast<int>(place);
+        if (!seen_[place] && (rpmfilesFFlags(files_.get(), index) & RPMFILE_GHOST) == 0) {
+            const std::unique_ptr<char, void (*)(void*)> name(rpmfilesFN(files_.get(), index), std::free);
+            throw Error(ErrorCode::BadPackage, "the payload of the rpm package lacks an entry: " +
+                                                   Common::quoted(name ? name.get() : ""));
+        }
+    }
+}
+
+std::string FileIterator::path() const {
+    const char* name = rpmfiFN(iterator_.get());
+    return name != nullptr ? name : "";
+}
+
+std::string FileIterator::linkTarget() const {
+    const char* target = rpmfiFLink(iterator_.get());
+    return target != nullptr ? target : "";
+}
+
+std::span<const int> FileIterator::hardLinks() const {
+    const int* indexes = nullptr;
+    const auto count = rpmfiFLinks(iterator_.get(), &indexes);
+    return indexes != nullptr ? std::span(indexes, count) : std::span<const int>();
+}
+
+FileDigest FileIterator::digest() const {
+    int algorithm = 0;
+    std::size_t length = 0;
+    const unsigned char* value = rpmfiFDigest(iterator_.get(), &algorithm, &length);
+    return value != nullptr ? FileDigest{algorithm, {value, value + length}} : FileDigest{};
+}
+
+std::size_t FileIterator::read(std::span<char> buffer) {
+    std::size_t total = 0;
+    while (total < buffer.size()) {
+        const auto count = rpmfiArchiveRead(iterator_.get(), buffer.data() + total, buffer.size() - total);
+        if (count < 0) {
+            throw Error(ErrorCode::BadPackage, "couldn't read content from rpm package");
+        }
+        if (count == 0) {
+            break;
+        }
+        total += static_cast<std::size_t>(count);
+    }
+    return total;
+}
+
+} // namespace Common::Rpm

@@ -1,0 +1,68 @@
+#pragma once
+
+#include "common/rpm/ContentDigest.h"
+#include "common/rpm/Reader.h"
+
+#include <rpm/rpmfi.h>
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <sys/types.h>
+#include <type_traits>
+#include <vector>
+
+namespace Common::Rpm {
+
+/// Steps through the payload of a package file in archive order; of each set of hard links the member that
+/// carries the content comes first. Reads through a descriptor of its own, so iterators over one reader do
+/// not disturb each other. Made, used and destroyed on one thread.
+class FileIterator {
+public:
+    /// Opens the payload. Throws Error, code BadPackage, "couldn't open rpm package for extraction", for a
+    /// file list that librpm does not take and for an unknown payload format or compressor.
+    explicit FileIterator(const Reader& reader);
+
+    /// Moves to the next entry, skipping what is left of the present one.
+    /// @return false at the end of the archive
+    /// Throws Error, code BadPackage, when the archive is damaged or cut off, when it has an entry twice, and
+    /// at its end when it lacks one that the header lists.
+    bool next();
+
+    // The present entry, valid after next() returned true. Texts are as the header stores them.
+
+    [[nodiscard]] int index() const { return rpmfiFX(iterator_.get()); }
+    [[nodiscard]] std::string path() const;
+    [[nodiscard]] mode_t mode() const { return rpmfiFMode(iterator_.get()); }
+    [[nodiscard]] rpmfileAttrs flags() const { return rpmfiFFlags(iterator_.get()); }
+    /// Size in bytes as the header has it; the archive may disagree.
+    [[nodiscard]] std::uint64_t size() const { return rpmfiFSize(iterator_.get()); }
+    [[nodiscard]] std::string linkTarget() const;
+    /// Whether the archive carries content for this entry: not so for the further members of a hard-link set.
+    [[nodiscard]] bool hasContent() const { return rpmfiArchiveHasContent(iterator_.get()) != 0; }
+    /// File indexes of the entry's hard-link set, sorted; empty for a file with one name.
+    [[nodiscard]] std::span<const int> hardLinks() const;
+    [[nodiscard]] FileDigest digest() const;
+
+    /// Reads content of the present entry until the buffer is full or the content ends.
+    /// @return number of bytes read; less than asked for means the end
+    /// Throws Error, code BadPackage, when the archive cannot be read.
+    std::size_t read(std::span<char> buffer);
+
+    /// Index in the file list of a path, or -1.
+    [[nodiscard]] int find(const std::string& path) const {
+        return rpmfilesFindFN(files_.get(), path.c_str());
+    }
+
+private:
+    void markSeen(int index);
+    void checkComplete() const;
+
+    std::unique_ptr<std::remove_pointer_t<rpmfiles>, rpmfiles (*)(rpmfiles)> files_;
+    std::unique_ptr<std::remove_pointer_t<FD_t>, int (*)(FD_t)> payload_;
+    std::unique_ptr<std::remove_pointer_t<rpmfi>, rpmfi (*)(rpmfi)> iterator_;
+    std::vector<bool> seen_;
+};
+
+} // namespace Common::Rpm
