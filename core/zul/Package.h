@@ -1,12 +1,30 @@
 #pragma once
 
+#include "common/Names.h"
+#include "core/zul/AttributeWriter.h"
+#include "platform/signcms/PackageSignatures.h"
+
+#include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 
 namespace Core::ZUL {
 
-/// One version of a package. A plain value.
+class PackageFile;
+
+/// The source key identifier of a package that no client signed.
+inline const std::string noSource = ".no.source.apps";
+
+/// Files that say whom to trust.
+struct Authorities {
+    std::filesystem::path certificates = Common::Names::Files::packageAuthority;             ///< PEM
+    std::filesystem::path systemDeveloperKeyId = Common::Names::Files::systemDeveloperKeyId; ///< one line
+};
+
+/// One version of a package: a value, with or without a package file behind it. Copies share the file, which
+/// stays open as long as one of them lives. Used by one thread at a time.
 class Package {
 public:
     Package(std::string id, std::string version, std::optional<std::string> orgName = {},
@@ -16,6 +34,35 @@ public:
         , orgName_(std::move(orgName))
         , appName_(std::move(appName)) {}
 
+    /// Reads and validates a package file: header, manifest, signatures. Unpacks nothing to disk, and nothing
+    /// at all beyond the manifest.
+    ///
+    /// A payload without "/usr/share/applications/ID.desktop", or an unreadable file of the system
+    /// developer's key, is a warning in the log. Everything else is refused, checked in this order:
+    /// - what Common::Rpm::Reader refuses, and missing tags: FileNotFound, BadPackage
+    /// - an identifier (BadPackageID) or a version (BadPackage) that is not one ordinary path component
+    /// - a manifest that is damaged, too large or no regular file, or whose names are not ordinary path
+    ///   components: BadPackage
+    /// - signatures that cannot be read: BadPackage; that do not hold, are absent or are none of a developer:
+    ///   BadPackageSignature
+    /// - a file that is written to meanwhile: BadPackage
+    [[nodiscard]] static Package fromFile(const std::filesystem::path& file,
+                                          const Authorities& authorities = {});
+
+    /// Unpacks the package's whole payload below a directory, system paths translated back by the mapping
+    /// rules (see PackagePath), with permissions and, on files that are to be signed, the attributes
+    /// "security.ima", "user.TA.shdr" and "security.appid". Nothing outside the directory is touched. On
+    /// failure it keeps what was written so far; removing it is the caller's business.
+    ///
+    /// Throws Common::Error: FileNotFound and BadPackage for a file that cannot be read, and BadPackage for
+    /// one that is not, unchanged, the file that fromFile() validated; BadPackage for a payload that is
+    /// damaged, not what its header says or that reaches for places outside; BadPackageSignature for a file
+    /// to be signed in a package that has no developer's signature; Filesystem.
+    /// @param destination  made with missing parents if it does not exist
+    /// @param attributes   how attributes are attached; for tests and for systems that cannot hold them
+    void extract(const std::filesystem::path& file, const std::filesystem::path& destination,
+                 const AttributeWriter& attributes = attachAttribute) const;
+
     /// The rpm name; also the name of the package's directory in the database.
     [[nodiscard]] const std::string& id() const { return id_; }
     /// version "-" release, as the package carries them.
@@ -23,11 +70,30 @@ public:
     [[nodiscard]] const std::optional<std::string>& orgName() const { return orgName_; }
     [[nodiscard]] const std::optional<std::string>& appName() const { return appName_; }
 
+    // What only a package read from a file has.
+
+    [[nodiscard]] const std::string& architecture() const { return architecture_; }
+    [[nodiscard]] const std::optional<PackageSignatures::Cms>& developerCms() const { return developerCms_; }
+    /// Key identifier and subject of the client's certificate; without one noSource and nothing.
+    [[nodiscard]] const std::string& sourceKeyId() const { return sourceKeyId_; }
+    [[nodiscard]] const std::string& sourceSubject() const { return sourceSubject_; }
+    /// Whether the developer is the platform's own.
+    [[nodiscard]] bool isSystemDeveloper() const { return isSystemDeveloper_; }
+
 private:
+    void readManifest();
+    void readSignatures(const Authorities& authorities);
+
     std::string id_;
     std::string version_;
     std::optional<std::string> orgName_;
     std::optional<std::string> appName_;
+    std::string architecture_;
+    std::optional<PackageSignatures::Cms> developerCms_;
+    std::string sourceKeyId_ = noSource;
+    std::string sourceSubject_;
+    bool isSystemDeveloper_ = false;
+    std::shared_ptr<const PackageFile> file_;
 };
 
 } // namespace Core::ZUL
