@@ -20,16 +20,21 @@ namespace Common::Rpm {
 
 namespace {
 
-constexpr std::size_t pieceSize = std::size_t{256} * 1024;
+constexpr std::size_t bytesPerBatch = std::size_t{256} * 1024;
 constexpr std::size_t piecesPerBatch = 256;
 
-/// A stretch of the payload: the beginning of an entry, some of its content, or both.
+/// The beginning of an entry, some of its content, or both.
 struct Piece {
     std::optional<PayloadEntry> entry;
-    std::unique_ptr<char[]> bytes;
-    std::size_t size = 0;
+    std::span<const char> bytes; ///< in the batch
 };
-using Batch = std::vector<Piece>;
+
+/// A stretch of the payload.
+struct Batch {
+    std::unique_ptr<char[]> bytes;
+    std::size_t used = 0;
+    std::vector<Piece> pieces;
+};
 
 /// Turns the payload into batches of pieces. Lives on the thread that reads ahead.
 class Producer {
@@ -39,16 +44,19 @@ public:
         , signConfigFiles_(signConfigFiles) {}
 
     bool fill(Batch& batch) {
-        std::size_t bytes = 0;
-        while (bytes < pieceSize && batch.size() < piecesPerBatch) {
+        if (!batch.bytes) {
+            batch.bytes = std::make_unique_for_overwrite<char[]>(bytesPerBatch);
+        }
+        batch.used = 0;
+        batch.pieces.clear();
+        while (batch.used < bytesPerBatch && batch.pieces.size() < piecesPerBatch) {
             Piece piece;
             if (remaining_ == 0 && !begin(piece)) {
                 return false;
             }
-            readContent(piece);
-            bytes += piece.size;
-            if (piece.entry || piece.size > 0) {
-                batch.push_back(std::move(piece));
+            readContent(piece, batch);
+            if (piece.entry || !piece.bytes.empty()) {
+                batch.pieces.push_back(std::move(piece));
             }
         }
         return true;
@@ -69,16 +77,19 @@ private:
         return true;
     }
 
-    void readContent(Piece& piece) {
+    void readContent(Piece& piece, Batch& batch) {
         if (remaining_ == 0) {
             return;
         }
-        piece.size = static_cast<std::size_t>(std::min<std::uint64_t>(remaining_, pieceSize));
-        piece.bytes = std::make_unique_for_overwrite<char[]>(piece.size);
-        if (files_.read({piece.bytes.get(), piece.size}) != piece.size) {
+        const auto size =
+            static_cast<std::size_t>(std::min<std::uint64_t>(remaining_, bytesPerBatch - batch.used));
+        const std::span<char> bytes(batch.bytes.get() + batch.used, size);
+        if (files_.read(bytes) != size) {
             throwUnreadable();
         }
-        remaining_ -= piece.size;
+        piece.bytes = bytes;
+        batch.used += size;
+        remaining_ -= size;
         checkNothingFollows();
     }
 
@@ -163,7 +174,7 @@ public:
         remaining_ = piece().entry->size;
         digest_.reset();
         entry_ = std::move(*piece().entry);
-        unread_ = piece().size > 0;
+        unread_ = !piece().bytes.empty();
         checked_ = false;
         return &entry_;
     }
@@ -181,24 +192,24 @@ public:
         if (!std::exchange(unread_, false) && !advance()) {
             throw Error(ErrorCode::BadPackage, "couldn't read content from rpm package");
         }
-        const std::span<const char> bytes(piece().bytes.get(), piece().size);
+        const auto bytes = piece().bytes;
         remaining_ -= bytes.size();
         digest_->update(bytes);
         return bytes;
     }
 
 private:
-    [[nodiscard]] Piece& piece() { return batch_[place_]; }
+    [[nodiscard]] Piece& piece() { return batch_.pieces[place_]; }
 
     bool advance() {
-        if (++place_ < batch_.size()) {
+        if (++place_ < batch_.pieces.size()) {
             return true;
         }
         do {
             if (!source_.next(batch_)) {
                 return false;
             }
-        } while (batch_.empty());
+        } while (batch_.pieces.empty());
         place_ = 0;
         return true;
     }

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace Common::Rpm {
 
@@ -16,7 +17,8 @@ namespace Common::Rpm {
 template<typename Batch>
 class ReadAhead {
 public:
-    /// Adds to an empty batch; false when nothing follows. What it adds before it throws is handed on first.
+    /// Fills a batch anew, one that is empty or has been used up; false when nothing follows. What it has in
+    /// the batch when it throws is handed on first.
     using Producer = std::function<bool(Batch&)>;
 
     explicit ReadAhead(std::function<Producer()> makeProducer)
@@ -33,7 +35,8 @@ public:
     ReadAhead(const ReadAhead&) = delete;
     ReadAhead& operator=(const ReadAhead&) = delete;
 
-    /// Waits for the next batch. Rethrows what the producer threw once all before it has been taken.
+    /// Waits for the next batch and takes back the one before. Rethrows what the producer threw once all
+    /// before it has been taken.
     /// @return false at the end
     bool next(Batch& batch) {
         std::unique_lock lock(mutex_);
@@ -44,7 +47,7 @@ public:
             }
             return false;
         }
-        batch = std::move(ready_.front());
+        spare_.push_back(std::exchange(batch, std::move(ready_.front())));
         ready_.pop_front();
         lock.unlock();
         changed_.notify_all();
@@ -60,7 +63,7 @@ private:
         try {
             const auto produce = makeProducer();
             while (produce(batch) && hand(batch)) {
-                batch = Batch();
+                batch = takeSpare();
             }
         } catch (...) {
             failure = std::current_exception();
@@ -86,9 +89,20 @@ private:
         return true;
     }
 
+    Batch takeSpare() {
+        const std::lock_guard lock(mutex_);
+        if (spare_.empty()) {
+            return {};
+        }
+        auto batch = std::move(spare_.back());
+        spare_.pop_back();
+        return batch;
+    }
+
     std::mutex mutex_; ///< guards all members up to the thread
     std::condition_variable changed_;
     std::deque<Batch> ready_;
+    std::vector<Batch> spare_; ///< used up, for the sake of their memory
     std::exception_ptr failure_;
     bool ended_ = false;
     bool stopped_ = false;
