@@ -72,7 +72,6 @@ private:
             logWarning() << "unexpected entry type in rpm package";
         } else if (piece.entry->kind == EntryKind::RegularFile) {
             remaining_ = piece.entry->size;
-            checkNothingFollows();
         }
         return true;
     }
@@ -85,25 +84,11 @@ private:
             static_cast<std::size_t>(std::min<std::uint64_t>(remaining_, bytesPerBatch - batch.used));
         const std::span<char> bytes(batch.bytes.get() + batch.used, size);
         if (files_.read(bytes) != size) {
-            throwUnreadable();
+            throw Error(ErrorCode::BadPackage, "couldn't read content from rpm package");
         }
         piece.bytes = bytes;
         batch.used += size;
         remaining_ -= size;
-        checkNothingFollows();
-    }
-
-    // The header promised a size; an archive with more for this entry is no more to be trusted than one with
-    // less.
-    void checkNothingFollows() {
-        char extra = 0;
-        if (remaining_ == 0 && files_.read({&extra, 1}) != 0) {
-            throwUnreadable();
-        }
-    }
-
-    [[noreturn]] static void throwUnreadable() {
-        throw Error(ErrorCode::BadPackage, "couldn't read content from rpm package");
     }
 
     std::optional<PayloadEntry> describe() {

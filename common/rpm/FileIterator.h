@@ -36,7 +36,7 @@ public:
     [[nodiscard]] std::string path() const;
     [[nodiscard]] mode_t mode() const { return rpmfiFMode(iterator_.get()); }
     [[nodiscard]] rpmfileAttrs flags() const { return rpmfiFFlags(iterator_.get()); }
-    /// Size in bytes as the header has it; the archive may disagree.
+    /// Size in bytes as the header has it; librpm goes by this one and not by the archive's.
     [[nodiscard]] std::uint64_t size() const { return rpmfiFSize(iterator_.get()); }
     [[nodiscard]] std::string linkTarget() const;
     /// Whether the archive carries content for this entry: not so for the further members of a hard-link set.

@@ -166,13 +166,13 @@ void DestinationTree::makeHardLink(const fs::path& path, const fs::path& existin
 
 void DestinationTree::finish() {
     // Inner directories first: a closed outer one would lock them out.
-    for (auto entry = waiting_.rbegin(); entry != waiting_.rend(); ++entry) {
-        const auto place = placeOf(fs::path(entry->first).relative_path());
-        if (fchmod(enterItself(place), entry->second) != 0) {
-            fail("cannot set permissions", place.key);
+    while (!waiting_.empty()) {
+        const auto [key, permissions] = *waiting_.rbegin();
+        if (fchmod(enterItself(placeOf(fs::path(key).relative_path())), permissions) != 0) {
+            fail("cannot set permissions", key);
         }
+        waiting_.erase(key);
     }
-    waiting_.clear();
 }
 
 void DestinationTree::requireNew(const Place& place) const {

@@ -45,7 +45,7 @@ path PackagePath::linkTarget(const std::string& link, const std::string& target)
     if (target.front() != '/' && target.front() != '.') {
         // A link on the way could make "name/.." another place than the text says, so what is written has no
         // ".." but at its beginning, where it counts from the link's own directory.
-        const auto kept = mentionsParent(target) ? path(target).lexically_normal() : path(target);
+        auto kept = mentionsParent(target) ? path(target).lexically_normal() : path(target);
         if (climbsAboveRoot(directory / kept)) {
             throw refuse();
         }

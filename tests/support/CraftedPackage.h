@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace Testbed {
+
+struct CraftedEntry {
+    std::string directory = {}; ///< as the header stores it, "/usr/bin/"
+    std::string name = {};
+    std::uint32_t mode = S_IFREG | 0644U;
+    std::string content = {}; ///< or the target of a symbolic link
+    std::uint32_t inode = 0;  ///< equal ones make a set of hard links; 0 for a number of its own
+    std::optional<std::uint32_t> promisedSize = {}; ///< what the header says instead of the truth
+    std::string promisedDigest = {};                ///< likewise, in hexadecimal
+    bool isArchived = true;                         ///< whether the payload has it
+    std::string archived = {};                      ///< content in the payload instead of `content`
+    std::uint32_t flags = 0;                        ///< for example RPMFILE_CONFIG
+};
+
+/// Writes a package file that rpmbuild would refuse to make: entries as given, in this order, in an
+/// uncompressed payload behind a header whose own digests are right. Of a set of hard links the last member
+/// carries content.
+void craftPackage(const std::filesystem::path& file, const std::vector<CraftedEntry>& entries,
+                  const std::string& name = "com.example.app", const std::string& version = "1");
+
+} // namespace Testbed

@@ -1,0 +1,120 @@
+#include "tests/zul/SignedPackage.h"
+
+namespace Testbed {
+
+class APackage : public SignedPackage {};
+
+TEST_F(APackage, TellsWhoItIsWhoMadeItAndWhereItComesFrom) {
+    const auto file = signedPackage({.files = {{"/usr/bin/tool", "x", "0755"}, {manifestPath, manifest}}});
+    const auto package = Package::fromFile(file, authorities);
+    EXPECT_EQ(package.id(), "com.example.app");
+    EXPECT_EQ(package.version(), "1.0-1");
+    EXPECT_EQ(package.architecture(), "noarch");
+    EXPECT_EQ(package.orgName(), "org.example");
+    EXPECT_EQ(package.appName(), "tool");
+    EXPECT_EQ(package.sourceKeyId(), ".no.source.apps");
+    EXPECT_EQ(package.sourceSubject(), "");
+    EXPECT_FALSE(package.isSystemDeveloper());
+
+    sign(file, "client", "client");
+    const auto fromClient = Package::fromFile(file, authorities);
+    EXPECT_NE(fromClient.sourceKeyId(), ".no.source.apps");
+    EXPECT_THAT(fromClient.sourceSubject(), HasSubstr("Test client"));
+    EXPECT_EQ(fromClient.developerCms()->certificate().keyId(),
+              package.developerCms()->certificate().keyId());
+}
+
+TEST_F(APackage, WithoutManifestOrSystemDeveloperKeyIsAcceptedWithAWarning) {
+    const auto file = buildPackage(scratch.path(), {.files = {{"/usr/bin/tool", "x", "0755"}}});
+    sign(file, "developer", "system-developer");
+    const LogCapture log;
+    const auto package = Package::fromFile(file, authorities);
+    EXPECT_TRUE(package.isSystemDeveloper());
+    EXPECT_FALSE(package.orgName() || package.appName());
+    EXPECT_EQ(log.text(), "WARN: the package does not contain a manifest: " + manifestPath + "\n");
+    writeFile(authorities.systemDeveloperKeyId, "other\n" + readFile(authorities.systemDeveloperKeyId));
+    EXPECT_FALSE(Package::fromFile(file, authorities).isSystemDeveloper());
+    fs::remove(authorities.systemDeveloperKeyId);
+    EXPECT_FALSE(Package::fromFile(file, authorities).isSystemDeveloper());
+    EXPECT_EQ(log.lines().back(), "WARN: couldn't retrieve system developer key id");
+}
+
+// Each package has all the faults that are looked for later.
+TEST_F(APackage, IsRefusedForTheFirstOfItsFaults) {
+    const auto file = scratch.path() / "package.rpm";
+    EXPECT_EQ(refusalOf(file), std::pair(ErrorCode::FileNotFound, std::string("couldn't open rpm package")));
+    writeFile(file, "text");
+    EXPECT_EQ(refusalOf(file), std::pair(ErrorCode::BadPackage, std::string("couldn't read rpm package")));
+    const CraftedEntry badManifest{"/usr/share/applications/", "com.example.app.desktop", S_IFREG | 0644U,
+                                   "Name"};
+    craftPackage(file, {badManifest}, "..", "1/2");
+    EXPECT_EQ(refusalOf(file).first, ErrorCode::BadPackageID);
+    craftPackage(file, {badManifest}, "com.example.app", "1/2");
+    EXPECT_THAT(refusalOf(file), testing::Pair(ErrorCode::BadPackage, HasSubstr("version: 1/2")));
+    craftPackage(file, {badManifest});
+    EXPECT_THAT(refusalOf(file), testing::Pair(ErrorCode::BadPackage, HasSubstr("manifest: ")));
+
+    const std::vector<CraftedEntry> good{{"/usr/bin/", "tool"}};
+    craftPackage(file, good);
+    EXPECT_EQ(refusalOf(file),
+              std::pair(ErrorCode::BadPackageSignature, std::string("couldn't retrieve cmses from package")));
+    sign(file, "client", "client");
+    const auto byClient = readFile(file);
+    writeFile(file, byClient.substr(0, byClient.size() - 1));
+    EXPECT_EQ(refusalOf(file).first, ErrorCode::BadPackageSignature); // no trailer is no signature
+    fs::copy_file(keys / "developer.pem", keys / "ca.pem", fs::copy_options::overwrite_existing);
+    writeFile(file, byClient);
+    const std::pair wrongKey(ErrorCode::BadPackageSignature,
+                             std::string("package is signed with a non-legal key"));
+    EXPECT_EQ(refusalOf(file), wrongKey);
+}
+
+TEST_F(APackage, NeedsADeveloper) {
+    const auto file = scratch.path() / "package.rpm";
+    craftPackage(file, {{"/usr/bin/", "tool"}});
+    sign(file, "client", "client");
+    EXPECT_EQ(refusalOf(file), std::pair(ErrorCode::BadPackageSignature,
+                                         std::string("package doesn't have developer signature")));
+    const auto bytes = readFile(file);
+    for (std::size_t place = 96; place < bytes.size(); place += bytes.size() / 50) {
+        auto changed = bytes;
+        changed[place] = static_cast<char>(changed[place] ^ 1);
+        writeFile(file, changed);
+        EXPECT_NE(refusalOf(file).second, "package doesn't have developer signature") << place;
+    }
+}
+
+TEST_F(APackage, HasAManifestThatCanBeTrustedOnlySoFar) {
+    const auto file = scratch.path() / "package.rpm";
+    const auto refusalWith = [&](CraftedEntry entry) {
+        entry.directory = "/usr/share/applications/";
+        entry.name = "com.example.app.desktop";
+        craftPackage(file, {entry});
+        return refusalOf(file);
+    };
+    auto evil = manifest;
+    evil.replace(evil.find("org.example"), 11, "../../../..");
+    EXPECT_THAT(refusalWith({.content = evil}),
+                testing::Pair(ErrorCode::BadPackage, HasSubstr("../../../..")));
+    EXPECT_THAT(refusalWith({.mode = S_IFLNK | 0777U, .content = "/etc/passwd"}).second,
+                HasSubstr("no regular file"));
+    EXPECT_THAT(refusalWith({.content = std::string(1024 * 1024 + 1, '#')}).second, HasSubstr("too large"));
+    EXPECT_THAT(refusalWith({.promisedSize = 0xffffffffU}).second, HasSubstr("too large"));
+    EXPECT_THAT(refusalWith({.content = manifest, .archived = evil}).second, HasSubstr("couldn't read"));
+}
+
+TEST_F(APackage, IsUnpackedNoFurtherThanItsManifest) {
+    const auto file = scratch.path() / "package.rpm";
+    craftPackage(file, {{"/usr/bin/", "first"},
+                        {"/usr/share/applications/", "other.desktop", S_IFREG | 0644U, manifest, 7},
+                        {"/usr/share/applications/", "com.example.app.desktop", S_IFREG | 0644U, manifest, 7},
+                        {"/usr/share/x/", "damaged", S_IFREG | 0644U, "right", 0, {}, "", true, "wrong"},
+                        {"/usr/share/x/", "missing", S_IFREG | 0644U, "", 0, {}, "", false}});
+    sign(file, "developer", "developer");
+    const auto package = Package::fromFile(file, authorities);
+    EXPECT_EQ(package.appName(), "tool");
+    EXPECT_THAT(failureOf([&] { package.extract(file, destination); }),
+                testing::Pair(ErrorCode::BadPackage, HasSubstr("/usr/share/x/damaged")));
+}
+
+} // namespace Testbed

@@ -1,0 +1,65 @@
+#pragma once
+
+#include "common/Error.h"
+#include "core/zul/Package.h"
+#include "tests/support/CraftedPackage.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Process.h"
+#include "tests/support/RpmPackage.h"
+#include "tests/support/ScratchDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Testbed {
+
+namespace fs = std::filesystem;
+using Common::ErrorCode;
+using Core::ZUL::Package;
+using testing::HasSubstr;
+
+/// A throw-away authority with a developer, a client and a system developer.
+class SignedPackage : public testing::Test {
+protected:
+    SignedPackage() {
+        setenv("HOME", scratch.path().c_str(), 1);
+        EXPECT_EQ(run({VENDARA_SIGN, "--make-test-ca", keys.string()}).status, 0);
+    }
+
+    void sign(const fs::path& package, const std::string& as, const std::string& who) const {
+        const auto result = run({VENDARA_SIGN, "--" + as + "-key", keys / (who + ".key"), "--" + as + "-cert",
+                                 keys / (who + ".pem"), package});
+        ASSERT_EQ(result.status, 0) << result.output;
+    }
+
+    fs::path signedPackage(const PackageSpec& spec) const {
+        auto package = buildPackage(scratch.path(), spec);
+        sign(package, "developer", "developer");
+        return package;
+    }
+
+    /// Reads a package that should be refused.
+    std::pair<ErrorCode, std::string> refusalOf(const fs::path& package) const {
+        return failureOf([&] { static_cast<void>(Package::fromFile(package, authorities)); });
+    }
+
+    template<typename Action>
+    static std::pair<ErrorCode, std::string> failureOf(const Action& action) {
+        try {
+            action();
+        } catch (const Common::Error& error) {
+            return {error.code(), error.what()};
+        }
+        return {ErrorCode::None, ""};
+    }
+
+    const ScratchDirectory scratch;
+    const fs::path keys = scratch.path() / "keys";
+    const fs::path destination = scratch.path() / "destination";
+    const Core::ZUL::Authorities authorities{keys / "ca.pem", keys / "system-developer-keyid"};
+    const std::string manifestPath = "/usr/share/applications/com.example.app.desktop";
+    const std::string manifest = "[Desktop Entry]\nType=Application\nName=Tool\nExec=tool\n"
+                                 "[X-Application]\nOrganizationName=org.example\nApplicationName=tool\n";
+};
+
+} // namespace Testbed
