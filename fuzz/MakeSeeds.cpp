@@ -1,5 +1,6 @@
 #include "platform/pkgverify/Container.h"
 #include "platform/signcms/SignedBlob.h"
+#include "tests/support/RpmPackage.h"
 #include "tools/vendara-sign/TestAuthority.h"
 
 #include <exception>
@@ -42,6 +43,20 @@ void makeSeeds(const std::filesystem::path& directory) {
           package + Container::encodedTail(package.size(), {developer, client}));
 }
 
+void makePackageSeeds(const std::filesystem::path& directory) {
+    for (const std::string payload : {"w9.gzdio", "w1.xzdio", "w3.zstdio", "w1.bzdio"}) {
+        Testbed::PackageSpec spec;
+        spec.release = payload.substr(3);
+        spec.payload = payload;
+        spec.files = {{"/usr/share/applications/com.example.app.desktop",
+                       "[Desktop Entry]\nType=Application\nName=Tool\nExec=tool\n", "0644", "%config"},
+                      {"/etc/example", "text", "0600", "%config"}};
+        spec.installScript = "cd %{buildroot}/etc; ln -s example link; ln example hard";
+        spec.fileList = "%config /etc/link\n%config /etc/hard";
+        static_cast<void>(Testbed::buildPackage(directory / "fuzz-package-file", spec));
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -51,6 +66,7 @@ int main(int argc, char** argv) {
     }
     try {
         makeSeeds(argv[1]);
+        makePackageSeeds(argv[1]);
     } catch (const std::exception& error) {
         std::cerr << "vendara-make-fuzz-seeds: " << error.what() << "\n";
         return 1;
