@@ -7,9 +7,11 @@
 #include <rpm/header.h>
 
 #include <array>
+#include <climits>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Common::Rpm {
@@ -73,12 +75,22 @@ FileIterator::FileIterator(const Reader& reader)
     if (!files_ || !payload_ || Fdopen(payload_.get(), mode) == nullptr) {
         throwNotOpened();
     }
+    requireShortLinks();
     iterator_.reset(
         rpmfiNewArchiveReader(payload_.get(), files_.get(), RPMFI_ITER_READ_ARCHIVE_CONTENT_FIRST));
     if (!iterator_) {
         throwNotOpened();
     }
     seen_.resize(rpmfilesFC(files_.get()));
+}
+
+// librpm reads a link's target into memory that it allocates by the size in the header.
+void FileIterator::requireShortLinks() const {
+    for (int index = 0; index < static_cast<int>(rpmfilesFC(files_.get())); ++index) {
+        if (S_ISLNK(rpmfilesFMode(files_.get(), index)) && rpmfilesFSize(files_.get(), index) >= PATH_MAX) {
+            throw Error(ErrorCode::BadPackage, "the rpm package has a symbolic link that is too long");
+        }
+    }
 }
 
 bool FileIterator::next() {

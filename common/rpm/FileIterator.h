@@ -21,7 +21,8 @@ namespace Common::Rpm {
 class FileIterator {
 public:
     /// Opens the payload. Throws Error, code BadPackage, "couldn't open rpm package for extraction", for a
-    /// file list that librpm does not take and for an unknown payload format or compressor.
+    /// file list that librpm does not take and for an unknown payload format or compressor; BadPackage as
+    /// well for a symbolic link of PATH_MAX bytes or more.
     explicit FileIterator(const Reader& reader);
 
     /// Moves to the next entry, skipping what is left of the present one.
@@ -56,6 +57,7 @@ public:
     }
 
 private:
+    void requireShortLinks() const;
     void markSeen(int index);
     void checkComplete() const;
 
