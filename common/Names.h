@@ -6,13 +6,37 @@
 /// reads: looked up here, never retyped.
 namespace Common::Names {
 
+/// The message bus itself.
+namespace MessageBus {
+inline const std::string service = "org.freedesktop.DBus";
+inline const std::string objectPath = "/org/freedesktop/DBus";
+inline const std::string interface = "org.freedesktop.DBus";
+inline const std::string getNameOwner = "GetNameOwner";
+inline const std::string startServiceByName = "StartServiceByName";
+inline const std::string nameOwnerChanged = "NameOwnerChanged";
+} // namespace MessageBus
+
 /// The service's own interface on the session bus.
 namespace Vendara {
 inline const std::string service = "norvane.Vendara";
 inline const std::string objectPath = "/norvane/Vendara";
 inline const std::string interface = "norvane.Vendara";
 inline const std::string error = "norvane.Vendara.Error";
+inline const std::string install = "Install";
+inline const std::string remove = "Remove";
+inline const std::string getAllProperties = "GetAllProperties";
+inline const std::string start = "Start";
+inline const std::string restart = "Restart";
 inline const std::string operationStatusChanged = "OperationStatusChanged";
+inline const std::string packageInstalled = "PackageInstalled";
+inline const std::string packageUpgraded = "PackageUpgraded";
+inline const std::string packageRemoved = "PackageRemoved";
+// Keys of the map that GetAllProperties gives.
+inline const std::string architecture = "Architecture";
+inline const std::string quenraVersion = "QuenraVersion";
+inline const std::string operations = "Operations";
+inline const std::string completedOperations = "CompletedOperations";
+inline const std::string packages = "Packages";
 } // namespace Vendara
 
 /// The package manager service on the system bus.

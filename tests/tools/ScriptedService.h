@@ -1,0 +1,106 @@
+#pragma once
+
+#include "common/Names.h"
+#include "common/WireTypes.h"
+#include "tests/support/BusPeer.h"
+
+#include <atomic>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Testbed {
+
+namespace Own = Common::Names::Vendara;
+
+/// What the service does with one package: the statuses that it announces by signal, all before it replies,
+/// and what it says of the operation when it is asked for its properties.
+struct Script {
+    std::vector<int> statuses{0};
+    int errorCode = 0;
+    bool completed = false; ///< told once as completed, without a signal
+    bool known = false;     ///< told as an operation that goes on
+    std::string refusal{};  ///< the call fails with this text
+};
+
+/// The service's interface on the session bus, with operations that go as scripted. Reads of what it received
+/// are for after the client's call has returned.
+class ScriptedService {
+public:
+    /// @param scripts  by package identifier; for an installation by the file's name
+    explicit ScriptedService(std::map<std::string, Script> scripts)
+        : scripts_(std::move(scripts)) {
+        for (const auto& method : {Own::install, Own::remove}) {
+            peer_.object()
+                .registerMethod(method)
+                .onInterface(Own::interface)
+                .implementedAs([this](const std::string& argument) { return begin(argument); });
+        }
+        for (const auto& method : {Own::start, Own::restart}) {
+            peer_.object()
+                .registerMethod(method)
+                .onInterface(Own::interface)
+                .implementedAs([this](const std::string& argument) { begin(argument); });
+        }
+        peer_.object()
+            .registerMethod(Own::getAllProperties)
+            .onInterface(Own::interface)
+            .implementedAs([this] { return properties(); });
+        peer_.start();
+    }
+
+    BusPeer& peer() { return peer_; }
+    std::vector<std::string> requests; ///< paths and identifiers as they came over the bus
+    std::string client;                ///< the connection that made the last one
+    std::atomic<int> propertyReads = 0;
+
+    static Common::OperationRecord operation(const std::string& package, int status, int error) {
+        return Common::OperationRecord{"id of " + package, package, 0, status, status == 101 ? error : 0};
+    }
+    static Common::PackageRecord package(const std::string& id) {
+        return Common::PackageRecord{id, "1.0-1", "apps", "cert", {{"size", sdbus::Variant(7U)}}};
+    }
+
+private:
+    Common::OperationRecord begin(const std::string& argument) {
+        const auto name = std::filesystem::path(argument).filename().string();
+        requests.push_back(argument);
+        client = peer_.object().getCurrentlyProcessedMessage()->getSender();
+        const auto& script = scripts_.at(name);
+        if (!script.refusal.empty()) {
+            throw sdbus::Error(Own::error, script.refusal);
+        }
+        for (const int status : script.statuses) {
+            auto signal = peer_.object().createSignal(Own::interface, Own::operationStatusChanged);
+            signal << operation(name, status, script.errorCode);
+            signal.setDestination(client);
+            signal.send();
+        }
+        return operation(name, 0, 0);
+    }
+
+    std::map<std::string, sdbus::Variant> properties() {
+        ++propertyReads;
+        std::vector<Common::OperationRecord> going;
+        std::vector<Common::OperationRecord> completed;
+        for (auto& [package, script] : scripts_) {
+            if (std::exchange(script.completed, false)) {
+                completed.push_back(operation(package, script.errorCode == 0 ? 100 : 101, script.errorCode));
+            } else if (script.known) {
+                going.push_back(operation(package, 10, 0));
+            }
+        }
+        return {{Own::architecture, sdbus::Variant("aarch64")},
+                {Own::quenraVersion, sdbus::Variant("4.2")},
+                {Own::operations, sdbus::Variant(going)},
+                {Own::completedOperations, sdbus::Variant(completed)},
+                {Own::packages, sdbus::Variant(std::vector{package("com.example.one")})}};
+    }
+
+    std::map<std::string, Script> scripts_;
+    BusPeer peer_{sdbus::createSessionBusConnection(Own::service), Own::objectPath};
+};
+
+} // namespace Testbed

@@ -1,0 +1,171 @@
+#include "tests/support/PrivateBus.h"
+#include "tests/support/Process.h"
+#include "tests/support/ScratchDirectory.h"
+#include "tests/support/WaitUntil.h"
+#include "tests/tools/ScriptedService.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <csignal>
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using namespace Testbed;
+using Json = nlohmann::json;
+
+class Vendaractl : public testing::Test {
+protected:
+    [[nodiscard]] std::unique_ptr<Process> begin(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), VENDARACTL);
+        Process::Options options;
+        options.directory = scratch.path();
+        return std::make_unique<Process>(arguments, options);
+    }
+    [[nodiscard]] ProcessResult ctl(const std::vector<std::string>& arguments) const {
+        const auto process = begin(arguments);
+        const int status = process->wait();
+        return {status, process->output()};
+    }
+
+    PrivateBuses buses;
+    ScratchDirectory scratch;
+};
+
+Json lastLine(const std::string& output) {
+    const auto text = output.substr(0, output.size() - 1);
+    return Json::parse(text.substr(text.rfind('\n') + 1));
+}
+
+TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndTellsCodesInWords) {
+    for (const char* name : {"good.rpm", "unsigned.rpm", "text.rpm"}) {
+        writeFile(scratch.path() / name, "package");
+    }
+    ScriptedService service({{"good.rpm", {{0, 10, 90, 100}}},
+                             {"unsigned.rpm", {{0, 10, 101}, 7}},
+                             {"text.rpm", {.refusal = "Failed to retrieve id from the rpm package"}}});
+    const auto result = ctl({"install", "good.rpm", "./unsigned.rpm", "text.rpm"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "install good.rpm: queued\ninstall good.rpm: in progress\n"
+                             "install good.rpm: awaiting upgrade\ninstall good.rpm: finished\n"
+                             "install unsigned.rpm: queued\ninstall unsigned.rpm: in progress\n"
+                             "install unsigned.rpm: failed: the package's signature is missing, wrong or not "
+                             "trusted (error 7)\nvendaractl: " +
+                                 (scratch.path() / "text.rpm").string() +
+                                 ": Failed to retrieve id from the rpm package\n");
+    for (const auto& request : service.requests) {
+        EXPECT_TRUE(std::filesystem::path(request).is_absolute()) << request;
+    }
+    EXPECT_EQ(ctl({"remove", "good.rpm"}).status, 0);
+}
+
+TEST_F(Vendaractl, AsksForTheEndWhoseSignalItMissed) {
+    ScriptedService service(
+        {{"ended", {{0}, 0, true}}, {"damaged", {{0, 10}, 11, true}}, {"forgotten", {{0, 10}}}});
+    const auto result = ctl({"remove", "ended", "damaged", "forgotten"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("ended: finished\n"), HasSubstr("damaged: failed: the installed package is "),
+                      HasSubstr("vendaractl: forgotten: the service does not know the operation")));
+    EXPECT_EQ(service.propertyReads, 2);
+}
+
+TEST_F(Vendaractl, EndsWithThreeWhenTheServiceIsNotThereOrLeaves) {
+    EXPECT_EQ(ctl({"list"}).status, 3);
+    EXPECT_EQ(ctl({"install", "absent.rpm"}).status, 2);
+    std::unique_ptr<ScriptedService> service;
+    const auto beginRemoval = [&] {
+        service = std::make_unique<ScriptedService>(std::map<std::string, Script>{{"app", {.known = true}}});
+        auto client = begin({"remove", "app"});
+        EXPECT_TRUE(waitUntil([&] { return client->output().find("queued") != std::string::npos; }));
+        return client;
+    };
+    const auto client = beginRemoval();
+    service.reset();
+    EXPECT_EQ(client->wait(), 3);
+    EXPECT_THAT(client->output(), HasSubstr("the service left the bus"));
+    const auto other = beginRemoval();
+    buses.session.stop();
+    EXPECT_EQ(other->wait(), 3);
+    EXPECT_EQ(ctl({"--json", "info"}).status, 3);
+    EXPECT_TRUE(lastLine(ctl({"--json", "info"}).output).contains("error"));
+}
+
+TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {
+    ScriptedService service({{"app", {.known = true}}});
+    EXPECT_EQ(ctl({"remove", "--no-wait", "app"}).output, "install app: queued\n");
+    const auto client = begin({"remove", "app"});
+    ASSERT_TRUE(waitUntil([&] { return service.propertyReads == 1; }));
+    BusPeer forger(sdbus::createSessionBusConnection(), Own::objectPath);
+    auto signal = forger.object().createSignal(Own::interface, Own::operationStatusChanged);
+    signal << ScriptedService::operation("app", 100, 0);
+    signal.setDestination(service.client);
+    signal.send();
+    // It asks again, having heard nothing that counts.
+    ASSERT_TRUE(waitUntil([&] { return service.propertyReads == 2; }));
+    client->signal(SIGINT);
+    EXPECT_EQ(client->wait(), 128 + SIGINT);
+    EXPECT_THAT(client->output(),
+                AllOf(HasSubstr("the service carries the operations on"), Not(HasSubstr("finished"))));
+}
+
+TEST_F(Vendaractl, PrintsJsonForEveryCommand) {
+    writeFile(scratch.path() / "app.rpm", "package");
+    ScriptedService service({{"app.rpm", {{0, 101}, 9}}, {"app", {{}, 3, true}}, {"no", {.refusal = "No"}}});
+    const auto list = lastLine(ctl({"list", "--json"}).output);
+    EXPECT_EQ(list["packages"][0],
+              Json::parse(R"({"id": "com.example.one", "version": "1.0-1", "certificateSubgroup": "apps",
+                              "certificateId": "cert", "extra": {"size": 7}})"));
+    EXPECT_EQ(list["completedOperations"][0]["errorCode"], 3);
+    EXPECT_EQ(lastLine(ctl({"--json", "info"}).output)["architecture"], "aarch64");
+    EXPECT_EQ(lastLine(ctl({"--json", "operations"}).output)["operations"], Json::array());
+    EXPECT_EQ(
+        lastLine(ctl({"install", "--json", "app.rpm"}).output)["operation"],
+        Json::parse(R"({"id": "id of app.rpm", "package": "app.rpm", "type": "install", "status": "failed",
+                              "errorCode": 9, "error": "an upgrade to this version is already prepared"})"));
+    EXPECT_EQ(lastLine(ctl({"start", "--json", "app"}).output)["started"], "app");
+    const auto refused = ctl({"restart", "--json", "no"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(lastLine(refused.output), Json::parse(R"({"error": {"message": "No", "subject": "no"}})"));
+}
+
+TEST_F(Vendaractl, MonitorsPackagesWithoutLettingThemSteerTheTerminal) {
+    auto service = std::make_unique<ScriptedService>(std::map<std::string, Script>{});
+    const auto words = begin({"monitor"});
+    const auto json = begin({"monitor", "--json"});
+    const auto package = ScriptedService::package("evil\x1b[2J\u202e");
+    // The subscriptions are in place when an announcement has come through.
+    ASSERT_TRUE(waitUntil([&] {
+        service->peer().send(Own::interface, Own::packageInstalled, package);
+        return !words->output().empty() && !json->output().empty();
+    }));
+    EXPECT_THAT(words->output(),
+                AllOf(HasSubstr("installed evil\\x1b[2J\\u{202e} 1.0-1\n"), Not(HasSubstr("\x1b"))));
+    service->peer().send(Own::interface, Own::packageRemoved, std::string("gone"));
+    service.reset();
+    EXPECT_TRUE(waitUntil([&] {
+        return words->output().find("removed gone\nthe service left the bus\n") != std::string::npos &&
+               json->output().find("ServiceLeft") != std::string::npos;
+    }));
+    EXPECT_EQ(lastLine(json->output())["event"], "ServiceLeft");
+    words->signal(SIGTERM);
+    EXPECT_EQ(words->wait(), 128 + SIGTERM);
+}
+
+TEST_F(Vendaractl, RewritesALinePerOperationOnATerminal) {
+    ScriptedService service({{"app", {{0, 10}, 0, true}}});
+    Process::Options options;
+    options.environment = {{"TERM", "xterm"}};
+    const auto result = run({"script", "-qec", VENDARACTL " remove app", "/dev/null"}, options);
+    EXPECT_EQ(result.status, 0);
+    // The indicator has moved, in place, and nothing is left of it at the end.
+    EXPECT_THAT(result.output, AllOf(HasSubstr("\x1b[1A\x1b[J/ install app: in progress"),
+                                     HasSubstr("\x1b[1A\x1b[J- install app: in progress")));
+    EXPECT_THAT(result.output, testing::EndsWith("\x1b[1A\x1b[J  install app: finished\r\n"));
+}
+
+} // namespace

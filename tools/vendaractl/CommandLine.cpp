@@ -1,0 +1,113 @@
+#include "tools/vendaractl/CommandLine.h"
+
+#include "tools/vendaractl/Text.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+#include <unistd.h>
+
+namespace Vendaractl {
+
+namespace {
+
+// What is wrong with an argument, or nothing. The bus carries strings of UTF-8 only.
+std::string problemOfText(const std::string& text) {
+    if (text.empty()) {
+        return "an argument is empty";
+    }
+    return isUtf8(text) ? "" : printable(text) + ": is no UTF-8, which the bus does not carry";
+}
+
+// The service runs as the same user: what this program cannot read, it cannot either.
+std::string problemOfFile(const std::string& path) {
+    auto problem = problemOfText(path);
+    if (!problem.empty()) {
+        return problem;
+    }
+    std::error_code error;
+    const auto status = std::filesystem::status(path, error);
+    if (error) {
+        return printable(path) + ": " + error.message();
+    }
+    if (!std::filesystem::is_regular_file(status)) {
+        return printable(path) + ": is no regular file";
+    }
+    if (access(path.c_str(), R_OK) != 0) {
+        return printable(path) + ": " + std::generic_category().message(errno);
+    }
+    return problemOfText(std::filesystem::absolute(path));
+}
+
+class Parser {
+public:
+    Parser() {
+        app_.set_version_flag("--version", "vendaractl " VENDARA_VERSION);
+        app_.add_flag("--json", json_, "Show results as JSON, one text a line");
+        app_.require_subcommand(1);
+        app_.fallthrough();
+        auto* const install = add(Command::Install, "install", "Install or upgrade packages from files");
+        arguments(install, "FILE", "Package files", problemOfFile);
+        auto* const remove = add(Command::Remove, "remove", "Remove installed packages");
+        arguments(remove, "ID", "Package identifiers", problemOfText);
+        for (auto* const command : {install, remove}) {
+            command->add_flag("--no-wait", noWait_, "Return as soon as the operations are queued");
+        }
+        add(Command::List, "list", "List the installed packages");
+        add(Command::Operations, "operations", "List the operations that this program asked for");
+        add(Command::Info, "info", "Tell the platform's architecture and version");
+        for (const auto& [command, name, help] :
+             {std::tuple{Command::Start, "start", "Start an application"},
+              std::tuple{Command::Restart, "restart", "End an application and start it again"}}) {
+            arguments(add(command, name, help), "ID", "Package identifier", problemOfText)->expected(1);
+        }
+        add(Command::Monitor, "monitor", "Show installations, upgrades and removals until interrupted");
+    }
+
+    std::optional<Request> parse(int argc, const char* const* argv, ExitStatus& status) {
+        try {
+            app_.parse(argc, argv);
+        } catch (const CLI::ParseError& error) {
+            status = app_.exit(error) == 0 ? Success : BadUsage;
+            return std::nullopt;
+        }
+        request_.format = json_ ? Format::Json : Format::Words;
+        request_.wait = !noWait_;
+        if (request_.command == Command::Install) {
+            for (auto& path : request_.arguments) {
+                path = std::filesystem::absolute(path);
+            }
+        }
+        return request_;
+    }
+
+private:
+    CLI::App* add(Command command, const std::string& name, const std::string& help) {
+        auto* const subcommand = app_.add_subcommand(name, help);
+        subcommand->callback([this, command] { request_.command = command; });
+        return subcommand;
+    }
+
+    CLI::Option* arguments(CLI::App* command, const std::string& name, const std::string& help,
+                           std::string (*problem)(const std::string&)) {
+        auto* const option = command->add_option(name, request_.arguments, help)->required();
+        option->option_text(" ");
+        return option->check([problem](const std::string& value) { return problem(value); });
+    }
+
+    CLI::App app_{"Installs, upgrades, removes and starts applications through the norvane.Vendara service.",
+                  "vendaractl"};
+    Request request_{};
+    bool json_ = false;
+    bool noWait_ = false;
+};
+
+} // namespace
+
+std::optional<Request> parseCommandLine(int argc, const char* const* argv, ExitStatus& status) {
+    return Parser().parse(argc, argv, status);
+}
+
+} // namespace Vendaractl

@@ -1,0 +1,173 @@
+#include "tools/vendaractl/Text.h"
+
+#include <cwchar>
+#include <iomanip>
+#include <sstream>
+
+namespace Vendaractl {
+
+namespace {
+
+struct Character {
+    char32_t code;
+    std::size_t length;
+    bool valid;
+};
+
+// Decodes the character at the front of a text that is not empty. Overlong forms, surrogates and numbers past
+// the last plane are no characters.
+Character decode(std::string_view text) {
+    const auto byte = [text](std::size_t index) { return static_cast<unsigned char>(text[index]); };
+    const unsigned char first = byte(0);
+    if (first < 0x80) {
+        return {first, 1, true};
+    }
+    const std::size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+    if (first < 0xc2 || first > 0xf4 || text.size() < length) {
+        return {first, 1, false};
+    }
+    char32_t code = first & (0xffU >> (length + 1));
+    for (std::size_t index = 1; index < length; ++index) {
+        if ((byte(index) & 0xc0U) != 0x80) {
+            return {first, 1, false};
+        }
+        code = (code << 6U) | (byte(index) & 0x3fU);
+    }
+    const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
+    if (overlong || (code >= 0xd800 && code <= 0xdfff) || code > 0x10ffff) {
+        return {first, 1, false};
+    }
+    return {code, length, true};
+}
+
+bool steersTerminal(char32_t code) {
+    return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x61c || code == 0x200e ||
+           code == 0x200f || (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069) ||
+           code == 0xfeff;
+}
+
+std::string escaped(const Character& character) {
+    std::ostringstream out;
+    out << std::hex << std::setfill('0');
+    if (!character.valid || character.code < 0x80) {
+        out << "\\x" << std::setw(2) << static_cast<unsigned>(character.code);
+    } else {
+        out << "\\u{" << static_cast<unsigned>(character.code) << '}';
+    }
+    return out.str();
+}
+
+} // namespace
+
+std::string printable(std::string_view text) {
+    std::string result;
+    while (!text.empty()) {
+        const auto character = decode(text);
+        if (!character.valid || steersTerminal(character.code)) {
+            result += escaped(character);
+        } else {
+            result += text.substr(0, character.length);
+        }
+        text.remove_prefix(character.length);
+    }
+    return result;
+}
+
+std::string fitted(std::string_view text, std::size_t columns) {
+    std::size_t length = 0;
+    std::size_t used = 0;
+    while (length < text.size()) {
+        const auto character = decode(text.substr(length));
+        // What the C library does not know is counted as wide: too short a line does no harm.
+        const int width = wcwidth(static_cast<wchar_t>(character.code));
+        used += width < 0 ? 2 : static_cast<std::size_t>(width);
+        if (used > columns) {
+            break;
+        }
+        length += character.length;
+    }
+    return std::string(text.substr(0, length));
+}
+
+bool isUtf8(std::string_view text) {
+    while (!text.empty()) {
+        const auto character = decode(text);
+        if (!character.valid) {
+            return false;
+        }
+        text.remove_prefix(character.length);
+    }
+    return true;
+}
+
+std::string describe(Common::ErrorCode code) {
+    using Common::ErrorCode;
+    // No default: the compiler misses a code that has no words.
+    switch (code) {
+    case ErrorCode::None:
+        return "no error";
+    case ErrorCode::Filesystem:
+        return "a file could not be written or removed; the disk may be full";
+    case ErrorCode::Internal:
+        return "an internal failure of the service or the package manager";
+    case ErrorCode::FileNotFound:
+        return "the package manager does not find the file";
+    case ErrorCode::BadPackage:
+        return "the file is damaged or no package";
+    case ErrorCode::BadPackageID:
+        return "the package's identifier is not acceptable";
+    case ErrorCode::BadPackageArchitecture:
+        return "the package is made for another architecture";
+    case ErrorCode::BadPackageSignature:
+        return "the package's signature is missing, wrong or not trusted";
+    case ErrorCode::DowngradeAttempt:
+        return "a newer version is installed";
+    case ErrorCode::UpgradeAlreadyPrepared:
+        return "an upgrade to this version is already prepared";
+    case ErrorCode::PackageNotExist:
+        return "the package is not installed";
+    case ErrorCode::CorruptedInstalledPackage:
+        return "the installed package is damaged";
+    case ErrorCode::UnauthorizedAccess:
+        return "the package manager does not permit it";
+    case ErrorCode::SystemPackageInstallationAttempt:
+        return "the package belongs to the operating system";
+    case ErrorCode::PackagesWithoutSourceNotAllowed:
+        return "packages that come from no source are not allowed";
+    case ErrorCode::SourceRejectedByAdministrator:
+        return "the administrator rejected the package's source";
+    case ErrorCode::UserNotAuthorizedToManageTrustedSources:
+        return "the user may not manage trusted sources";
+    }
+    return "an unknown error";
+}
+
+std::string nameOf(Core::OperationType type) {
+    switch (type) {
+    case Core::OperationType::Install:
+        return "install";
+    case Core::OperationType::Upgrade:
+        return "upgrade";
+    case Core::OperationType::Remove:
+        return "remove";
+    }
+    return "type " + std::to_string(static_cast<std::int32_t>(type));
+}
+
+std::string nameOf(Core::OperationStatus status) {
+    switch (status) {
+    case Core::OperationStatus::Queued:
+        return "queued";
+    case Core::OperationStatus::InProgress:
+        return "in progress";
+    case Core::OperationStatus::AwaitingUpgrade:
+        return "awaiting upgrade";
+    case Core::OperationStatus::Finished:
+        return "finished";
+    case Core::OperationStatus::Failed:
+        return "failed";
+    }
+    return "status " + std::to_string(static_cast<std::int32_t>(status));
+}
+
+} // namespace Vendaractl
