@@ -12,6 +12,8 @@ inline const std::string service = "org.freedesktop.DBus";
 inline const std::string objectPath = "/org/freedesktop/DBus";
 inline const std::string interface = "org.freedesktop.DBus";
 inline const std::string getNameOwner = "GetNameOwner";
+inline const std::string nameHasOwner = "NameHasOwner";
+inline const std::string getConnectionCredentials = "GetConnectionCredentials";
 inline const std::string startServiceByName = "StartServiceByName";
 inline const std::string nameOwnerChanged = "NameOwnerChanged";
 } // namespace MessageBus
@@ -63,6 +65,8 @@ inline const std::string intentsInterface = "norvane.RuntimeManager.Intents1";
 inline const std::string terminate = "Terminate";
 inline const std::string terminated = "Terminated";
 inline const std::string invokeIntent = "InvokeIntent";
+inline const std::string startIntent = "Start";
+inline const std::string preferredHandler = "preferredHandler";
 } // namespace RuntimeManager
 
 /// The application identification service on the session bus.

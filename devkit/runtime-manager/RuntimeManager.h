@@ -1,0 +1,55 @@
+#pragma once
+
+#include "daemon/MainLoop.h"
+#include "devkit/support/Watcher.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <sys/types.h>
+
+namespace Devkit {
+
+/// Starts and ends applications, each a process in a session of its own, at most one per identifier. An
+/// application is what the desktop entry of its identifier starts. Main thread only.
+class RuntimeManager {
+public:
+    struct Settings {
+        std::filesystem::path systemRoot;     ///< where desktop entries and programs are looked up
+        std::chrono::milliseconds patience{}; ///< from SIGTERM to SIGKILL
+    };
+
+    /// Puts the two objects on the bus. Throws sdbus::Error, std::system_error.
+    RuntimeManager(sdbus::IConnection& connection, Daemon::MainLoop& loop, Settings settings);
+    /// Kills the applications that still run.
+    ~RuntimeManager();
+    RuntimeManager(const RuntimeManager&) = delete;
+    RuntimeManager& operator=(const RuntimeManager&) = delete;
+
+private:
+    struct Application {
+        pid_t process;
+        std::uint64_t serial; ///< tells it from a later one of the same identifier
+        bool ending = false;  ///< whether its end was asked for
+    };
+
+    void invokeIntent(const std::string& intent, const std::map<std::string, sdbus::Variant>& hints);
+    void start(const std::string& id);
+    void terminate(const std::string& id);
+    void killIfStillRunning(const std::string& id, std::uint64_t serial);
+    void applicationEnded(const std::string& id);
+    [[nodiscard]] std::vector<std::string> commandFor(const std::string& id) const;
+
+    Daemon::MainLoop& loop_;
+    Settings settings_;
+    std::map<std::string, Application> applications_;
+    std::uint64_t lastSerial_ = 0;
+    std::unique_ptr<sdbus::IObject> control_;
+    std::unique_ptr<sdbus::IObject> intents_;
+    Watcher watcher_;
+};
+
+} // namespace Devkit

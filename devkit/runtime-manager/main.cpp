@@ -1,0 +1,25 @@
+#include "common/Names.h"
+#include "devkit/runtime-manager/RuntimeManager.h"
+#include "devkit/support/Service.h"
+
+#include <CLI/CLI.hpp>
+
+int main(int argc, char** argv) {
+    CLI::App options("Runtime manager for development: starts and ends applications on the session bus.");
+    std::string systemRoot = "/";
+    options.add_option("--system-root", systemRoot, "Where desktop entries and programs are looked up")
+        ->capture_default_str()
+        ->check(CLI::ExistingDirectory);
+    int patience = 3000;
+    options.add_option("--patience", patience, "Milliseconds between SIGTERM and SIGKILL")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 600000));
+    CLI11_PARSE(options, argc, argv);
+    return Devkit::serve(
+        [] { return sdbus::createSessionBusConnection(); }, Common::Names::RuntimeManager::service,
+        [&](sdbus::IConnection& connection, Daemon::MainLoop& loop) {
+            return std::make_unique<Devkit::RuntimeManager>(
+                connection, loop,
+                Devkit::RuntimeManager::Settings{systemRoot, std::chrono::milliseconds(patience)});
+        });
+}

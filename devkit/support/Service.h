@@ -1,0 +1,56 @@
+#pragma once
+
+#include "common/LogLine.h"
+#include "daemon/MainLoop.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <cstdlib>
+#include <string>
+
+namespace Devkit {
+
+/// Carries a service on a bus until SIGTERM, SIGINT or the loss of the bus.
+/// @param connect  opens the connection, for example sdbus::createSessionBusConnection
+/// @param name  well-known name
+/// @param make  makes the service, given the connection and its loop, and returns it as a unique_ptr. A
+/// member
+///              finish() of it is called when the loop has ended, while replies can still be sent.
+/// @return the program's exit status: 1, with two lines in the log, when the bus refuses or is lost
+template<typename Connect, typename Make>
+int serve(Connect connect, const std::string& name, Make make) {
+    try {
+        const auto connection = connect();
+        Daemon::MainLoop loop(*connection);
+        // Requests that come before the object is there wait for the loop.
+        connection->requestName(name);
+        const auto service = make(*connection, loop);
+        loop.run();
+        if constexpr (requires { service->finish(); }) {
+            service->finish();
+        }
+        loop.drain();
+        return EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+        Common::logFailure(Common::LogLevel::Error, "couldn't serve " + name, error);
+        return EXIT_FAILURE;
+    }
+}
+
+/// Runs the body of a method handler. What it throws is logged and leaves as an sdbus::Error, the only kind
+/// of exception that may cross the bus library.
+/// @param errorName  for an exception that has no bus error name of its own
+template<typename Body>
+auto withBusErrors(const std::string& errorName, Body body) {
+    try {
+        return body();
+    } catch (const sdbus::Error& error) {
+        Common::logWarning() << error.getMessage();
+        throw;
+    } catch (const std::exception& error) {
+        Common::logWarning() << error;
+        throw sdbus::Error(errorName, error.what());
+    }
+}
+
+} // namespace Devkit
