@@ -1,0 +1,173 @@
+#include "devkit/zul-service/ZulService.h"
+
+#include "common/BusText.h"
+#include "common/Error.h"
+#include "common/Guard.h"
+#include "common/LogLine.h"
+#include "common/Names.h"
+
+#include <future>
+#include <optional>
+#include <system_error>
+
+namespace Devkit {
+
+namespace Names = Common::Names::Zul;
+using Common::ErrorCode;
+
+namespace {
+
+sdbus::Error busError(ErrorCode code, const std::exception& error) {
+    Common::logWarning() << error;
+    const std::string text = error.what();
+    // A reply with another text could not be sent.
+    return {Common::errorNameOf(code),
+            Common::isBusText(text) ? text : "The failure's text is no valid UTF-8"};
+}
+
+// Does the work; returns what kept it from being done.
+std::optional<sdbus::Error> failureOf(const std::function<void()>& work) {
+    try {
+        work();
+        return {};
+    } catch (const Common::Error& error) {
+        return busError(error.code(), error);
+    } catch (const std::system_error& error) {
+        return busError(ErrorCode::Filesystem, error);
+    } catch (const std::exception& error) {
+        return busError(ErrorCode::Internal, error);
+    }
+}
+
+} // namespace
+
+ZulService::ZulService(sdbus::IConnection& connection, Daemon::MainLoop& loop, PackageManager manager)
+    : loop_(loop)
+    , packages_(manager.list())
+    , object_(sdbus::createObject(connection, Names::objectPath))
+    , manager_(std::move(manager))
+    , worker_([](Work& work) { work(); }) {
+    registerInterface();
+}
+
+ZulService::~ZulService() { object_->unregister(); }
+
+void ZulService::finish() {
+    object_->unregister();
+    std::promise<void> done;
+    worker_.add([&done] { done.set_value(); });
+    done.get_future().wait();
+}
+
+void ZulService::registerInterface() {
+    object_->registerMethod(Names::install)
+        .onInterface(Names::interface)
+        .withInputParamNames("path", "options")
+        .implementedAs([this](Reply&& reply, const std::string& path,
+                              const std::map<std::string, sdbus::Variant>& options) {
+            for (const auto& [option, value] : options) {
+                Common::logWarning() << "no such install option: " << option;
+            }
+            answerWhenDone(std::move(reply), [this, path] { return install(path); });
+        });
+    object_->registerMethod(Names::remove)
+        .onInterface(Names::interface)
+        .withInputParamNames("id")
+        .implementedAs([this](Reply&& reply, const std::string& id) {
+            answerWhenDone(std::move(reply), [this, id]() -> Work {
+                manager_.remove(id);
+                return [this, id] { tellRemoved(id); };
+            });
+        });
+    object_->registerMethod(Names::getPackageList)
+        .onInterface(Names::interface)
+        .withOutputParamNames("packages")
+        .implementedAs([this] { return packages_; });
+    for (const auto& signal : {Names::packageInstalled, Names::packageUpgraded}) {
+        object_->registerSignal(signal)
+            .onInterface(Names::interface)
+            .withParameters<Core::ZUL::PackageData>("package");
+    }
+    object_->registerSignal(Names::packageRemoved)
+        .onInterface(Names::interface)
+        .withParameters<std::string>("id");
+    object_->finishRegistration();
+}
+
+ZulService::Work ZulService::install(const std::string& path) {
+    const auto id = manager_.install(path);
+    if (manager_.isUpgradePrepared(id)) {
+        return [this, id] { completeWhenUnused(id); };
+    }
+    return [this, id] { tellPackage(Names::packageInstalled, manager_.describe(id)); };
+}
+
+// The reply precedes the signals about what was done, and the list that is told by then includes it.
+void ZulService::answerWhenDone(Reply reply, Request request) {
+    worker_.add([this, reply = std::make_shared<Reply>(std::move(reply)), request = std::move(request)] {
+        Work after = [] {};
+        const auto failure = failureOf([&] { after = request(); });
+        tellList();
+        loop_.post([reply, failure] {
+            if (failure) {
+                reply->returnError(*failure);
+            } else {
+                reply->returnResults();
+            }
+        });
+        after();
+    });
+}
+
+// Comes back each time a process that was in the way has ended. Another one may have been started meanwhile.
+void ZulService::completeWhenUnused(const std::string& id) {
+    if (!manager_.isUpgradePrepared(id)) {
+        return;
+    }
+    const auto user = manager_.findUser(id);
+    if (!user) {
+        completeNow(id);
+        return;
+    }
+    const auto again = [this, id] { worker_.add([this, id] { completeWhenUnused(id); }); };
+    try {
+        watcher_.whenReadable(processDescriptor(*user), again);
+    } catch (const std::system_error& error) {
+        if (error.code() != std::errc::no_such_process) {
+            throw;
+        }
+        again();
+    }
+    Common::logInfo() << "the upgrade of " << id << " waits for process " << std::to_string(*user);
+}
+
+void ZulService::completeNow(const std::string& id) {
+    const auto failure = failureOf([this, id] {
+        manager_.completeUpgrade(id);
+        tellList();
+        tellPackage(Names::packageUpgraded, manager_.describe(id));
+    });
+    if (failure) {
+        Common::logError() << "couldn't complete the upgrade of " << id;
+        tellList();
+    }
+}
+
+void ZulService::tellList() {
+    Common::guarded("couldn't list the packages",
+                    [this] { loop_.post([this, list = manager_.list()] { packages_ = list; }); });
+}
+
+void ZulService::tellPackage(const std::string& signal, const Core::ZUL::PackageData& package) {
+    loop_.post([this, signal, package] {
+        object_->emitSignal(signal).onInterface(Names::interface).withArguments(package);
+    });
+}
+
+void ZulService::tellRemoved(const std::string& id) {
+    loop_.post([this, id] {
+        object_->emitSignal(Names::packageRemoved).onInterface(Names::interface).withArguments(id);
+    });
+}
+
+} // namespace Devkit

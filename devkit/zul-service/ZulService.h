@@ -1,0 +1,57 @@
+#pragma once
+
+#include "core/TaskQueue.h"
+#include "daemon/MainLoop.h"
+#include "devkit/support/Watcher.h"
+#include "devkit/zul-service/PackageManager.h"
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace Devkit {
+
+/// The package manager on the bus. The main thread takes the requests, keeps the list of packages and sends
+/// all replies and signals; one worker thread does the work on the database, in the order of the requests. So
+/// the list is told at once also during an installation, as it was before it.
+///
+/// Who waits for whom: the main thread waits for nobody but in finish(), after the loop has ended; the worker
+/// waits for nobody; the watcher's thread for nobody.
+class ZulService {
+public:
+    ZulService(sdbus::IConnection& connection, Daemon::MainLoop& loop, PackageManager manager);
+    ~ZulService();
+    ZulService(const ZulService&) = delete;
+    ZulService& operator=(const ZulService&) = delete;
+
+    /// Takes no further requests and returns when those that were taken are done. Main thread only.
+    void finish();
+
+private:
+    using Reply = sdbus::Result<>;
+    using Work = std::function<void()>;
+    using Request = std::function<Work()>; ///< returns what is to be done after the reply
+
+    void registerInterface();
+    Work install(const std::string& path);
+    void answerWhenDone(Reply reply, Request request);
+    void completeWhenUnused(const std::string& id);
+    void completeNow(const std::string& id);
+    void tellList();
+    void tellPackage(const std::string& signal, const Core::ZUL::PackageData& package);
+    void tellRemoved(const std::string& id);
+
+    Daemon::MainLoop& loop_;
+    PackageManager::PackageList packages_; // main thread's
+    std::unique_ptr<sdbus::IObject> object_;
+    PackageManager manager_; // worker's
+    Core::TaskQueue<Work> worker_;
+    // Last: its thread hands work to the worker.
+    Watcher watcher_;
+};
+
+} // namespace Devkit

@@ -1,0 +1,69 @@
+#include "common/Names.h"
+#include "common/PlatformFacts.h"
+#include "devkit/support/Service.h"
+#include "devkit/zul-service/PackageManager.h"
+#include "devkit/zul-service/ZulService.h"
+
+#include <CLI/CLI.hpp>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace {
+
+struct Options {
+    std::string configuration = Common::Names::Files::zulConfiguration;
+    std::string systemRoot = "/";
+    std::string keys = std::filesystem::path(Common::Names::Files::packageAuthority).parent_path();
+    std::string architecture;
+    bool withoutSecurityAttributes = false;
+};
+
+int attachOrdinaryAttribute(int file, const std::string& name, const std::string& value) {
+    return name.starts_with("security.") ? 0 : Core::ZUL::attachAttribute(file, name, value);
+}
+
+Devkit::PackageManager makeManager(const Options& options) {
+    const Core::ZUL::Database configured(options.configuration);
+    const std::filesystem::path keys = options.keys;
+    const std::filesystem::path authority = Common::Names::Files::packageAuthority;
+    const std::filesystem::path developer = Common::Names::Files::systemDeveloperKeyId;
+    Devkit::PackageManager::Settings settings{{keys / authority.filename(), keys / developer.filename()},
+                                              Core::ZUL::attachAttribute,
+                                              options.architecture};
+    if (settings.architecture.empty()) {
+        settings.architecture = Common::getPlatformArchitecture();
+    }
+    if (options.withoutSecurityAttributes) {
+        Common::logWarning() << "files are installed without their security attributes";
+        settings.attributes = attachOrdinaryAttribute;
+    }
+    return {Core::ZUL::Database(configured.rootDirectory(), configured.tempDirectory(), options.systemRoot),
+            std::move(settings)};
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App parser(
+        "Package manager for development: installs, upgrades and removes signed packages for the clients "
+        "on the system bus.");
+    Options options;
+    parser.add_option("--configuration", options.configuration, "Names the database's directories")
+        ->capture_default_str();
+    parser.add_option("--system-root", options.systemRoot, "Where packages' files appear")
+        ->capture_default_str()
+        ->check(CLI::ExistingDirectory);
+    parser.add_option("--keys", options.keys, "Directory of the authority's certificate")
+        ->capture_default_str();
+    parser.add_option("--architecture", options.architecture, "What packages are built for [the platform's]");
+    parser.add_flag("--without-security-attributes", options.withoutSecurityAttributes,
+                    "Leave out what only root may attach to files");
+    CLI11_PARSE(parser, argc, argv);
+    return Devkit::serve([] { return sdbus::createSystemBusConnection(); }, Common::Names::Zul::service,
+                         [&](sdbus::IConnection& connection, Daemon::MainLoop& loop) {
+                             return std::make_unique<Devkit::ZulService>(connection, loop,
+                                                                         makeManager(options));
+                         });
+}
