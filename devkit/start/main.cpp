@@ -1,0 +1,158 @@
+#include "common/LogLine.h"
+#include "devkit/start/Platform.h"
+#include "devkit/start/Supervisor.h"
+#include "devkit/support/Spawn.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdlib>
+#include <iostream>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+namespace {
+
+using Devkit::Event;
+
+struct Options {
+    std::string logs;
+    std::string keys;
+    bool shell = false;
+    bool withoutNamespace = false;
+    std::vector<std::string> command;
+};
+
+// The path goes into bus addresses, mount options and configuration files.
+void requirePlainPath(const std::string& path) {
+    constexpr std::size_t longest = 80; // with what follows it, a socket's path has 108 bytes
+    const auto* ordinary = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/_-.";
+    if (path.size() > longest || path.find_first_not_of(ordinary) != std::string::npos) {
+        throw std::runtime_error(
+            "the temporary directory's path has to be short and of letters, digits, \"/\", \"_\", "
+            "\"-\" and \".\": " +
+            Common::quoted(path));
+    }
+}
+
+std::filesystem::path makeScratchDirectory() {
+    auto path = (std::filesystem::temp_directory_path() / "vendara-devkit-XXXXXX").native();
+    requirePlainPath(path);
+    if (mkdtemp(path.data()) == nullptr) {
+        throw std::system_error(errno, std::generic_category(), "couldn't create " + path);
+    }
+    return path;
+}
+
+// Packages may have made directories that not even their owner may write.
+void removeTree(const std::filesystem::path& directory) noexcept {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    const auto options = fs::directory_options::skip_permission_denied;
+    fs::permissions(directory, fs::perms::owner_all, fs::perm_options::add, error);
+    for (fs::recursive_directory_iterator entry(directory, options, error), end; !error && entry != end;
+         entry.increment(error)) {
+        if (entry->symlink_status(error).type() == fs::file_type::directory) {
+            fs::permissions(entry->path(), fs::perms::owner_all, fs::perm_options::add, error);
+        }
+    }
+    fs::remove_all(directory, error);
+    if (error) {
+        Common::logError() << "couldn't remove " << Common::quoted(directory) << ": " << error.message();
+    }
+}
+
+int runPlatform(Devkit::Platform& platform, const Options& options) {
+    platform.start();
+    if (options.shell) {
+        const char* shell = std::getenv("SHELL");
+        std::cout << "The platform runs. Leave this shell to end it.\n" << std::flush;
+        // An interactive shell ignores SIGTERM.
+        return platform.run({shell != nullptr ? shell : "/bin/sh"}, SIGHUP);
+    }
+    if (!options.command.empty()) {
+        return platform.run(options.command, SIGTERM);
+    }
+    for (const auto& variable : platform.environment()) {
+        const auto equals = variable.find('=');
+        std::cout << "export " << variable.substr(0, equals) << "='" << variable.substr(equals + 1) << "'\n";
+    }
+    std::cout << "# The platform runs until Ctrl-C.\n" << std::flush;
+    platform.waitForTrouble();
+}
+
+// The process that all programs of the platform belong to.
+int keep(const std::filesystem::path& scratch, const Options& options) {
+    int status = EXIT_FAILURE;
+    try {
+        Devkit::Supervisor supervisor;
+        const auto logs = options.logs.empty() ? scratch / "logs" : std::filesystem::absolute(options.logs);
+        const auto keys = options.keys.empty() ? scratch / "keys" : std::filesystem::absolute(options.keys);
+        Devkit::Platform platform({scratch, logs, keys, !options.withoutNamespace}, supervisor);
+        status = runPlatform(platform, options);
+    } catch (const Devkit::Interruption& interruption) {
+        status = 128 + interruption.signal;
+    } catch (const std::exception& error) {
+        std::cerr << "vendara-devkit: " << error.what() << std::endl;
+    }
+    removeTree(scratch);
+    return status;
+}
+
+// Waits for the keeper's end. Signals go on to it: it tears the platform down.
+int waitForKeeper(Devkit::Supervisor& supervisor) {
+    int signal = 0;
+    for (;;) {
+        const auto event = supervisor.wait();
+        if (event.kind == Event::Kind::Ended) {
+            if (event.status == 128 + SIGKILL) {
+                std::cerr << "vendara-devkit: the platform's keeper was killed\n";
+            }
+            return signal != 0 ? 128 + signal : event.status;
+        }
+        signal = event.status;
+        supervisor.stop("keeper");
+    }
+}
+
+// Two processes look after the platform, so that one of them is there to clean up when the other is killed.
+int guard(const Options& options) {
+    const auto scratch = makeScratchDirectory();
+    int status = EXIT_FAILURE;
+    {
+        Devkit::Supervisor supervisor;
+        const pid_t own = getpid();
+        const pid_t keeper = Devkit::checked(fork(), "couldn't create a process");
+        if (keeper == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            _exit(getppid() == own ? keep(scratch, options) : EXIT_FAILURE);
+        }
+        supervisor.adopt("keeper", keeper);
+        status = waitForKeeper(supervisor);
+    }
+    removeTree(scratch);
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App parser(
+        "Runs the whole platform in a directory of its own: two buses, a package manager, a runtime "
+        "manager, an identification service and vendara-daemon.\n"
+        "Without a command it prints the variables that clients need and runs until Ctrl-C.");
+    Options options;
+    parser.add_flag("--shell", options.shell, "Run an interactive shell in it");
+    parser.add_option("--logs", options.logs, "Directory for the programs' logs; they stay there");
+    parser.add_option("--keys", options.keys,
+                      "Directory of the keys that sign packages; made by vendara-sign if missing");
+    parser.add_flag("--without-namespace", options.withoutNamespace,
+                    "Let the daemon read the host's /etc/zul/zul.conf; it then knows no prepared upgrades");
+    parser.add_option("command", options.command, "Command to run in it, after \"--\"")->excludes("--shell");
+    CLI11_PARSE(parser, argc, argv);
+    try {
+        return guard(options);
+    } catch (const std::exception& error) {
+        std::cerr << "vendara-devkit: " << error.what() << '\n';
+        return EXIT_FAILURE;
+    }
+}
