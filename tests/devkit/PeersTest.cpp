@@ -1,0 +1,177 @@
+#include "common/BusClient.h"
+#include "common/Error.h"
+#include "common/Names.h"
+#include "tests/support/PrivateBus.h"
+#include "tests/support/RpmPackage.h"
+#include "tests/support/WaitUntil.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <unistd.h>
+
+using namespace Testbed;
+using namespace Common::Names;
+using Common::ErrorCode;
+namespace fs = std::filesystem;
+
+namespace {
+
+using Packages = std::vector<std::map<std::string, std::string>>;
+using Map = std::map<std::string, sdbus::Variant>;
+constexpr std::chrono::seconds limit(30);
+
+template<typename... Arguments>
+std::string errorOf(Common::BusClient& client, const std::string& method, const Arguments&... arguments) {
+    try {
+        client.call(method, limit, arguments...);
+        return {};
+    } catch (const sdbus::Error& error) {
+        return error.getName();
+    }
+}
+
+class Peers : public testing::Test {
+protected:
+    void start(const std::vector<std::string>& arguments, const char* bus, const std::string& name) {
+        service_ =
+            std::make_unique<Process>(arguments, Process::Options{.environment = {{"HOME", directory_}}});
+        ASSERT_EQ(run({"gdbus", "wait", bus, "--timeout", "20", name}).status, 0) << service_->output();
+    }
+
+    ScratchDirectory scratch_;
+    fs::path directory_ = scratch_.path();
+    PrivateBuses buses_;
+    std::unique_ptr<Process> service_;
+};
+
+class ThePackageManager : public Peers {
+protected:
+    void start(std::vector<std::string> command = {}) {
+        ASSERT_EQ(run({SIGN, "--make-test-ca", directory_ / "keys"}).status, 0);
+        const auto root = "root_directory=" + (directory_ / "db/app").native() + "\n";
+        const auto temp = "temp_directory=" + (directory_ / "db/tmp").native() + "\n";
+        writeFile(directory_ / "zul.conf", "[database]\n" + root + temp);
+        fs::create_directories(directory_ / "db/app");
+        fs::create_directories(directory_ / "root");
+        const std::string program = PROGRAMS "zul-service";
+        command.insert(command.end(), {program, "--configuration", directory_ / "zul.conf", "--system-root",
+                                       directory_ / "root", "--keys", directory_ / "keys"});
+        if (geteuid() != 0) {
+            command.emplace_back("--without-security-attributes");
+        }
+        Peers::start(command, "--system", Zul::service);
+        client_.start({{Zul::packageUpgraded, [this](sdbus::Signal&) { upgraded_ = true; }}});
+    }
+
+    fs::path package(PackageSpec spec, const std::string& signer = "developer", std::size_t size = 10) {
+        spec.files = {{"/usr/bin/app", "#!/bin/sh\nread line\n", "0755"}, {"/opt/x", std::string(size, 'x')}};
+        auto file = buildPackage(directory_, spec);
+        const auto key = (directory_ / "keys" / signer).native();
+        const auto keyOption = "--" + signer + "-key";
+        const auto certificateOption = "--" + signer + "-cert";
+        EXPECT_EQ(run({SIGN, keyOption, key + ".key", certificateOption, key + ".pem", file}).status, 0);
+        return file;
+    }
+
+    std::string install(const fs::path& file) { return errorOf(client_, Zul::install, file.native(), Map()); }
+    fs::path current() { return fs::read_symlink(directory_ / "db/app/com.example.app/current").filename(); }
+
+    std::atomic<bool> upgraded_ = false;
+    Common::BusClient client_{{Common::Bus::System, Zul::service, Zul::objectPath, Zul::interface}};
+};
+
+} // namespace
+
+TEST_F(ThePackageManager, RefusesByTheNameOfTheReasonAndKeepsEverything) {
+    start();
+    ASSERT_EQ(install(package({.version = "2.0"})), "") << service_->output();
+    const auto before = digestOfTree(directory_ / "db");
+    writeFile(directory_ / "text.rpm", "no package");
+    const std::vector<std::pair<fs::path, ErrorCode>> refusals{
+        {package({.version = "3.0", .architecture = "m68k"}), ErrorCode::BadPackageArchitecture},
+        {package({.version = "1.0"}), ErrorCode::DowngradeAttempt},
+        {package({.version = "3.0"}, "client"), ErrorCode::BadPackageSignature},
+        {directory_ / "text.rpm", ErrorCode::BadPackage},
+        {"text.rpm", ErrorCode::FileNotFound}};
+    for (const auto& [file, code] : refusals) {
+        EXPECT_EQ(install(file), Common::errorNameOf(code)) << file << service_->output();
+    }
+    EXPECT_EQ(errorOf(client_, Zul::remove, std::string("none")),
+              Common::errorNameOf(ErrorCode::PackageNotExist));
+    EXPECT_EQ(digestOfTree(directory_ / "db"), before);
+}
+
+TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionEnds) {
+    start();
+    ASSERT_EQ(install(package({.version = "1.0"})), "");
+    // The kernel executes the shell; only the open script tells whose process it is.
+    Process application({"sh", "-c", "mkfifo fifo; exec \"$0\" <>fifo", directory_ / "root/usr/bin/app"},
+                        {.directory = directory_});
+    const auto commandLine = "/proc/" + std::to_string(application.pid()) + "/cmdline";
+    ASSERT_TRUE(waitUntil([&] { return readFile(commandLine).starts_with("/bin/sh"); }));
+    const auto second = package({.version = "2.0"});
+    ASSERT_EQ(install(second), "");
+    EXPECT_EQ(install(second), Common::errorNameOf(ErrorCode::UpgradeAlreadyPrepared));
+    EXPECT_FALSE(upgraded_);
+    EXPECT_EQ(current(), "1.0-1");
+    application.signal(SIGKILL);
+    EXPECT_TRUE(waitUntil([this] { return upgraded_.load(); })) << service_->output();
+    EXPECT_EQ(current(), "2.0-1");
+}
+
+TEST_F(ThePackageManager, ListsPackagesWhileItInstallsAndReportsAFullDisk) {
+    if (run({"unshare", "-m", "true"}).status != 0) {
+        GTEST_SKIP() << "mount namespaces are root's here";
+    }
+    const std::string onSmallDisk = "mount -t tmpfs -o size=4m none \"$0\" && exec \"$@\"";
+    start({"unshare", "-m", "sh", "-c", onSmallDisk, directory_ / "db"});
+    const auto proxy = sdbus::createProxy(sdbus::createSystemBusConnection(), Zul::service, Zul::objectPath);
+    std::atomic<bool> answered = false;
+    std::string error;
+    proxy->callMethodAsync(Zul::install)
+        .onInterface(Zul::interface)
+        .withArguments(package({.version = "1.0"}, "developer", 20'000'000).native(), Map())
+        .uponReplyInvoke([&](const sdbus::Error* failure) {
+            error = failure != nullptr ? failure->getName() : "";
+            answered = true;
+        });
+    Packages packages;
+    proxy->callMethod(Zul::getPackageList).onInterface(Zul::interface).storeResultsTo(packages);
+    EXPECT_FALSE(answered);
+    ASSERT_TRUE(waitUntil([&] { return answered.load(); }));
+    EXPECT_EQ(error, Common::errorNameOf(ErrorCode::Filesystem)) << service_->output();
+}
+
+TEST_F(Peers, TellTheEndOfAnApplicationThatDoesNotEndPolitely) {
+    writeFile(directory_ / "usr/bin/app",
+              "#!/bin/sh\ntrap : TERM\nprintf '<%s>' \"$@\"\nread line <>fifo\nread line <>fifo\n");
+    fs::permissions(directory_ / "usr/bin/app", fs::perms::owner_all);
+    writeFile(directory_ / "usr/share/applications/app.desktop",
+              "[Desktop Entry]\nType=Application\nName=My App\nExec=app \"a \\\\$b\" %F %c 100%%\n");
+    ASSERT_EQ(run({"mkfifo", directory_ / "fifo"}).status, 0);
+    const std::string program = PROGRAMS "runtime-manager";
+    start({"env", "-C", directory_, program, "--system-root", directory_, "--patience", "100"}, "--session",
+          RuntimeManager::service);
+    std::atomic<int> ends = 0;
+    Common::BusClient control({Common::Bus::Session, RuntimeManager::service, RuntimeManager::controlPath,
+                               RuntimeManager::controlInterface});
+    control.start({{RuntimeManager::terminated, [&](sdbus::Signal&) { ++ends; }}});
+    Common::BusClient intents({Common::Bus::Session, RuntimeManager::service, RuntimeManager::intentsPath,
+                               RuntimeManager::intentsInterface});
+    intents.start();
+    const Map hints{{RuntimeManager::preferredHandler, sdbus::Variant(std::string("app"))}};
+    const std::string arguments = "<a $b><My App><100%>";
+    for (const int round : {1, 2}) {
+        intents.call(RuntimeManager::invokeIntent, limit, RuntimeManager::startIntent, hints, Map());
+        EXPECT_TRUE(waitUntil([&] {
+            const auto output = service_->output();
+            return output.find(arguments) != output.npos &&
+                   (round == 1 || output.rfind(arguments) != output.find(arguments));
+        })) << service_->output();
+        control.call(RuntimeManager::terminate, limit, std::string("app"));
+        EXPECT_TRUE(waitUntil([&] { return ends == round; })) << service_->output();
+    }
+    EXPECT_NE(errorOf(control, RuntimeManager::terminate, std::string("app")), "");
+    EXPECT_THAT(service_->output(), testing::HasSubstr("ended by signal 9"));
+}

@@ -1,0 +1,94 @@
+#include "tests/support/Process.h"
+#include "tests/support/ScratchDirectory.h"
+#include "tests/support/WaitUntil.h"
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <fstream>
+
+using namespace Testbed;
+using testing::HasSubstr;
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string program = PROGRAMS "vendara-devkit";
+
+/// How many processes have the directory in their command line or environment.
+std::size_t countProcessesOf(const std::string& directory) {
+    std::size_t count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        std::string text;
+        for (const auto* file : {"cmdline", "environ"}) {
+            std::ifstream stream(entry.path() / file);
+            text.append(std::istreambuf_iterator<char>(stream), {});
+        }
+        count += text.find(directory + "/") != std::string::npos ? 1 : 0;
+    }
+    return count;
+}
+
+pid_t childOf(pid_t parent, const std::string& name) {
+    const auto process = "/proc/" + std::to_string(parent);
+    std::ifstream stream(process + "/task/" + std::to_string(parent) + "/children");
+    for (pid_t child = 0; stream >> child;) {
+        if (readFile("/proc/" + std::to_string(child) + "/comm") == name + "\n") {
+            return child;
+        }
+    }
+    return -1;
+}
+
+/// Ends a platform, whose command has left a process behind that nobody waits for, and looks for remains.
+void expectNothingLeftAfter(const std::function<void(pid_t platform, pid_t keeper)>& end, int status) {
+    static const ScratchDirectory keys;
+    const ScratchDirectory scratch;
+    const std::string script =
+        "(setsid sleep 1000 &); touch $VENDARA_DEVKIT_DIRECTORY/ready; exec sleep 1000";
+    Process platform({program, "--keys", keys.path() / "keys", "--", "sh", "-c", script},
+                     {.environment = {{"TMPDIR", scratch.path()}}});
+    std::string directory;
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            for (const auto& entry : fs::directory_iterator(scratch.path())) {
+                directory = entry.path();
+            }
+            return !directory.empty() && fs::exists(directory + "/ready");
+        },
+        std::chrono::minutes(1)))
+        << platform.output();
+    ASSERT_GE(countProcessesOf(directory), 8U);
+    end(platform.pid(), childOf(platform.pid(), "vendara-devkit"));
+    EXPECT_EQ(platform.wait(), status) << platform.output();
+    EXPECT_TRUE(waitUntil([&] { return countProcessesOf(directory) == 0 && fs::is_empty(scratch.path()); }));
+}
+
+} // namespace
+
+TEST(TheTour, HoldsFromInstallationToRemoval) {
+    const auto result = run({program, "--", PROGRAMS "vendara-tour"});
+    EXPECT_EQ(result.status, 0) << result.output;
+    EXPECT_THAT(result.output, HasSubstr("All steps held"));
+}
+
+TEST(APlatform, LeavesNothingBehindWhoeverEndsIt) {
+    expectNothingLeftAfter([](pid_t platform, pid_t) { kill(platform, SIGINT); }, 128 + SIGINT);
+    expectNothingLeftAfter([](pid_t platform, pid_t) { kill(platform, SIGKILL); }, 128 + SIGKILL);
+    expectNothingLeftAfter([](pid_t, pid_t keeper) { kill(keeper, SIGKILL); }, 128 + SIGKILL);
+    expectNothingLeftAfter([](pid_t, pid_t keeper) { kill(childOf(keeper, "zul-service"), SIGKILL); }, 1);
+    expectNothingLeftAfter([](pid_t, pid_t keeper) { kill(childOf(keeper, "sleep"), SIGTERM); },
+                           128 + SIGTERM);
+}
+
+TEST(APlatform, TellsThatTheDiskIsFull) {
+    const ScratchDirectory scratch;
+    const std::string script = R"sh(mount -t tmpfs -o size=32k none "$1" || exit 77
+        TMPDIR=$1 "$2" -- true; status=$?; [ -z "$(ls -A "$1")" ] && exit $status)sh";
+    const auto result = run({"unshare", "-rm", "sh", "-c", script, "sh", scratch.path(), program});
+    if (result.status == 77) {
+        GTEST_SKIP() << "a tmpfs may not be mounted here: " << result.output;
+    }
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.output, HasSubstr("no space is left"));
+}
