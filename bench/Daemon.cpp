@@ -4,10 +4,10 @@
 //
 // bench-daemon [INSTALLATIONS]: 10,000 unless told otherwise.
 
-#include "tests/daemon/Peers.h"
-#include "tests/support/PrivateBus.h"
-#include "tests/support/RpmPackage.h"
-#include "tests/support/WaitUntil.h"
+#include "testbed/PrivateBus.h"
+#include "testbed/RpmPackage.h"
+#include "testbed/ScriptedPeers.h"
+#include "testbed/WaitUntil.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -4,9 +4,9 @@
 
 #include "common/UniqueFd.h"
 #include "core/zul/Package.h"
-#include "tests/support/Process.h"
-#include "tests/support/RpmPackage.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/Process.h"
+#include "testbed/RpmPackage.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 #include "platform/pkgverify/Container.h"
 #include "platform/signcms/SignedBlob.h"
-#include "tests/support/RpmPackage.h"
+#include "testbed/RpmPackage.h"
 #include "tools/vendara-sign/TestAuthority.h"
 
 #include <exception>

@@ -1,5 +1,5 @@
 #include "fuzz/ExtractionSandbox.h"
-#include "tests/support/CraftedPackage.h"
+#include "testbed/CraftedPackage.h"
 
 #include <rpm/rpmfiles.h>
 

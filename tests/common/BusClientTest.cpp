@@ -1,9 +1,9 @@
 #include "common/BusClient.h"
 
-#include "tests/support/BusPeer.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/PrivateBus.h"
-#include "tests/support/WaitUntil.h"
+#include "testbed/BusPeer.h"
+#include "testbed/LogCapture.h"
+#include "testbed/PrivateBus.h"
+#include "testbed/WaitUntil.h"
 
 #include <gmock/gmock.h>
 

@@ -2,9 +2,9 @@
 
 #include "common/Error.h"
 #include "common/Names.h"
-#include "tests/support/BusPeer.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/PrivateBus.h"
+#include "testbed/BusPeer.h"
+#include "testbed/LogCapture.h"
+#include "testbed/PrivateBus.h"
 
 #include <gmock/gmock.h>
 

@@ -1,6 +1,6 @@
 #include "common/LogLine.h"
 
-#include "tests/support/LogCapture.h"
+#include "testbed/LogCapture.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,9 @@
 #include "common/Error.h"
 #include "common/rpm/Reader.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/Process.h"
-#include "tests/support/RpmPackage.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/LogCapture.h"
+#include "testbed/Process.h"
+#include "testbed/RpmPackage.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <gmock/gmock.h>
 #include <rpm/rpmtag.h>

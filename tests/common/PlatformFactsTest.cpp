@@ -1,7 +1,7 @@
 #include "common/PlatformFacts.h"
 
 #include "common/Error.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <gmock/gmock.h>
 

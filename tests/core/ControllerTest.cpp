@@ -1,9 +1,9 @@
 #include "core/Controller.h"
 
-#include "tests/daemon/Peers.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/PrivateBus.h"
-#include "tests/support/WaitUntil.h"
+#include "testbed/LogCapture.h"
+#include "testbed/PrivateBus.h"
+#include "testbed/ScriptedPeers.h"
+#include "testbed/WaitUntil.h"
 
 #include <gmock/gmock.h>
 

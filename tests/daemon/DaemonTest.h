@@ -1,11 +1,11 @@
 #pragma once
 
-#include "tests/daemon/Peers.h"
-#include "tests/support/PrivateBus.h"
-#include "tests/support/Process.h"
-#include "tests/support/RpmPackage.h"
-#include "tests/support/ScratchDirectory.h"
-#include "tests/support/WaitUntil.h"
+#include "testbed/PrivateBus.h"
+#include "testbed/Process.h"
+#include "testbed/RpmPackage.h"
+#include "testbed/ScratchDirectory.h"
+#include "testbed/ScriptedPeers.h"
+#include "testbed/WaitUntil.h"
 
 #include <gmock/gmock.h>
 

@@ -1,9 +1,9 @@
 #include "common/BusClient.h"
 #include "common/Error.h"
 #include "common/Names.h"
-#include "tests/support/PrivateBus.h"
-#include "tests/support/RpmPackage.h"
-#include "tests/support/WaitUntil.h"
+#include "testbed/PrivateBus.h"
+#include "testbed/RpmPackage.h"
+#include "testbed/WaitUntil.h"
 
 #include <gmock/gmock.h>
 

@@ -1,6 +1,6 @@
-#include "tests/support/Process.h"
-#include "tests/support/ScratchDirectory.h"
-#include "tests/support/WaitUntil.h"
+#include "testbed/Process.h"
+#include "testbed/ScratchDirectory.h"
+#include "testbed/WaitUntil.h"
 
 #include <gmock/gmock.h>
 

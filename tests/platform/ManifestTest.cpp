@@ -1,5 +1,5 @@
 #include "platform/manifestkit/AppManifest.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <gmock/gmock.h>
 

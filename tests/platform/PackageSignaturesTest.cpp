@@ -1,5 +1,5 @@
 #include "common/UniqueFd.h"
-#include "tests/support/Process.h"
+#include "testbed/Process.h"
 
 #include <gtest/gtest.h>
 // GoogleTest first: the fixture derives from it.

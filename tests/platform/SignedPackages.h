@@ -3,8 +3,8 @@
 #include "platform/pkgverify/Container.h"
 #include "platform/pkgverify/FileWithCmses.h"
 #include "platform/signcms/SignedBlob.h"
-#include "tests/support/RpmPackage.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/RpmPackage.h"
+#include "testbed/ScratchDirectory.h"
 #include "tools/vendara-sign/PackageSigner.h"
 #include "tools/vendara-sign/TestAuthority.h"
 

@@ -1,6 +1,6 @@
-#include "tests/support/Process.h"
-#include "tests/support/RpmPackage.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/Process.h"
+#include "testbed/RpmPackage.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <gmock/gmock.h>
 

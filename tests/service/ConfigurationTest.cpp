@@ -1,6 +1,6 @@
 #include "core/zul/Database.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/LogCapture.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <gmock/gmock.h>
 

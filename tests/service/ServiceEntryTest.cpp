@@ -1,5 +1,5 @@
-#include "tests/support/PrivateBus.h"
-#include "tests/support/WaitUntil.h"
+#include "testbed/PrivateBus.h"
+#include "testbed/WaitUntil.h"
 
 #include <gmock/gmock.h>
 

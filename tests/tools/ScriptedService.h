@@ -2,7 +2,7 @@
 
 #include "common/Names.h"
 #include "common/WireTypes.h"
-#include "tests/support/BusPeer.h"
+#include "testbed/BusPeer.h"
 
 #include <atomic>
 #include <filesystem>

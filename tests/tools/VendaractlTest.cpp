@@ -1,7 +1,7 @@
-#include "tests/support/PrivateBus.h"
-#include "tests/support/Process.h"
-#include "tests/support/ScratchDirectory.h"
-#include "tests/support/WaitUntil.h"
+#include "testbed/PrivateBus.h"
+#include "testbed/Process.h"
+#include "testbed/ScratchDirectory.h"
+#include "testbed/WaitUntil.h"
 #include "tests/tools/ScriptedService.h"
 
 #include <gmock/gmock.h>

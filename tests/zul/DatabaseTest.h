@@ -2,8 +2,8 @@
 
 #include "common/Error.h"
 #include "core/zul/Database.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/LogCapture.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -2,11 +2,11 @@
 
 #include "common/Error.h"
 #include "core/zul/Package.h"
-#include "tests/support/CraftedPackage.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/Process.h"
-#include "tests/support/RpmPackage.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/CraftedPackage.h"
+#include "testbed/LogCapture.h"
+#include "testbed/Process.h"
+#include "testbed/RpmPackage.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tests/support/Process.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/Process.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <memory>
 #include <string>

@@ -1,6 +1,6 @@
-#include "tests/support/PrivateBus.h"
+#include "testbed/PrivateBus.h"
 
-#include "tests/support/WaitUntil.h"
+#include "testbed/WaitUntil.h"
 
 #include <cstdlib>
 #include <stdexcept>

@@ -1,6 +1,6 @@
-#include "tests/daemon/Peers.h"
+#include "testbed/ScriptedPeers.h"
 
-#include "tests/support/WaitUntil.h"
+#include "testbed/WaitUntil.h"
 
 #include <algorithm>
 #include <future>

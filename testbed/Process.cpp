@@ -1,4 +1,4 @@
-#include "tests/support/Process.h"
+#include "testbed/Process.h"
 
 #include <csignal>
 #include <fcntl.h>

@@ -1,7 +1,7 @@
-#include "tests/support/CraftedPackage.h"
+#include "testbed/CraftedPackage.h"
 
 #include "common/rpm/Configuration.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <rpm/header.h>
 #include <rpm/rpmfiles.h>

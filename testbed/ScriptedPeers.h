@@ -1,7 +1,7 @@
 #pragma once
 
 #include "common/WireTypes.h"
-#include "tests/support/BusPeer.h"
+#include "testbed/BusPeer.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 

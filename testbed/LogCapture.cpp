@@ -1,4 +1,4 @@
-#include "tests/support/LogCapture.h"
+#include "testbed/LogCapture.h"
 
 #include <fcntl.h>
 #include <sstream>

@@ -1,7 +1,7 @@
-#include "tests/support/RpmPackage.h"
+#include "testbed/RpmPackage.h"
 
-#include "tests/support/Process.h"
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/Process.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <sstream>
 #include <stdexcept>

@@ -1,4 +1,4 @@
-#include "tests/support/ScratchDirectory.h"
+#include "testbed/ScratchDirectory.h"
 
 #include <cstdlib>
 #include <fstream>
