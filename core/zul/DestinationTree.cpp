@@ -140,6 +140,7 @@ Common::UniqueFd DestinationTree::makeFile(const fs::path& path) {
 
 void DestinationTree::makeSymbolicLink(const fs::path& path, const fs::path& target) {
     const auto place = placeOf(path);
+    requireInside(place, target);
     const int directory = enter(place.parents);
     requireNew(place);
     if (symlinkat(target.c_str(), directory, place.name.c_str()) != 0) {
@@ -178,6 +179,19 @@ void DestinationTree::finish() {
 void DestinationTree::requireNew(const Place& place) const {
     if (place.name.empty() || made_.contains(place.key)) {
         refuse("the rpm package has two entries for one place: ", place.key);
+    }
+}
+
+void DestinationTree::requireInside(const Place& link, const fs::path& target) const {
+    std::size_t climbed = 0;
+    bool climbs = true;
+    for (const auto& component : target) {
+        const bool isParent = component == "..";
+        climbed += isParent ? 1 : 0;
+        if (target.is_absolute() || climbed > link.parents.size() || (isParent && !climbs)) {
+            refuse("the rpm package has a link that leads out of it: ", link.key);
+        }
+        climbs = isParent;
     }
 }
 

@@ -32,7 +32,10 @@ public:
     /// open file for writing rpm content: " and the file, when only the file itself cannot be made.
     [[nodiscard]] Common::UniqueFd makeFile(const std::filesystem::path& path);
 
-    /// Makes a symbolic link, whose target is not looked at, with missing parents.
+    /// Makes a symbolic link with missing parents.
+    /// @param target  relative, with ".." only at its beginning, and not leading out of the directory;
+    /// BadPackage
+    ///                for any other
     void makeSymbolicLink(const std::filesystem::path& path, const std::filesystem::path& target);
 
     /// Makes a further name for a file that makeFile() made, with missing parents.
@@ -67,6 +70,7 @@ private:
     int enterItself(const Place& place);
     void descend(const std::string& name);
     void requireNew(const Place& place) const;
+    void requireInside(const Place& link, const std::filesystem::path& target) const;
     [[nodiscard]] std::string openPath() const;
     [[noreturn]] void fail(const char* words, const std::string& path) const;
     [[noreturn]] void refuse(const char* words, const std::string& path) const;

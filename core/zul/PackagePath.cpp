@@ -20,6 +20,12 @@ bool climbsAboveRoot(const path& systemPath) {
     return !below.empty() && *below.begin() == "..";
 }
 
+/// The same place, named in the one form that has no ".", no empty component and no "/" at its end.
+path inOneForm(const path& place) {
+    const auto normal = place.lexically_normal();
+    return normal.has_filename() ? normal : normal.parent_path();
+}
+
 } // namespace
 
 path PackagePath::toPackagePath(const std::string& systemPath) const {
@@ -41,7 +47,10 @@ path PackagePath::linkTarget(const std::string& link, const std::string& target)
                              "the rpm package has a link that leads out of it: " + Common::quoted(link) +
                                  " -> " + Common::quoted(target));
     };
-    const auto directory = toPackagePath(link).parent_path();
+    if (target.empty()) {
+        throw refuse();
+    }
+    const auto directory = inOneForm(toPackagePath(link)).parent_path();
     if (target.front() != '/' && target.front() != '.') {
         // A link on the way could make "name/.." another place than the text says, so what is written has no
         // ".." but at its beginning, where it counts from the link's own directory.
@@ -51,14 +60,11 @@ path PackagePath::linkTarget(const std::string& link, const std::string& target)
         }
         return kept;
     }
-    const auto resolved = target.front() == '/' ? path(target) : path(link).parent_path() / target;
+    const auto resolved = target.front() == '/' ? path(target) : inOneForm(link).parent_path() / target;
     if (climbsAboveRoot(resolved)) {
         throw refuse();
     }
-    auto place = resolved.lexically_normal();
-    if (!place.has_filename()) {
-        place = place.parent_path(); // "/usr/bin/" and "/usr/bin/." are the directory that "/usr/bin" is
-    }
+    const auto place = inOneForm(resolved);
     return ("/" / toPackagePath(place.native())).lexically_relative("/" / directory);
 }
 

@@ -28,8 +28,8 @@ public:
     /// them, must not decide what a package holds. Any other target is kept.
     ///
     /// @param link    system path of the link
-    /// @param target  what the payload says, not empty
-    /// Throws Error, code BadPackage, for a target outside the package's tree.
+    /// @param target  what the payload says
+    /// Throws Error, code BadPackage, for a target outside the package's tree and for an empty one.
     [[nodiscard]] std::filesystem::path linkTarget(const std::string& link, const std::string& target) const;
 
 private:

@@ -1,3 +1,4 @@
+#include "core/zul/DestinationTree.h"
 #include "core/zul/PackagePath.h"
 #include "tests/zul/SignedPackage.h"
 
@@ -113,7 +114,9 @@ TEST(APackagePath, LeadsBackThroughTheRules) {
     for (const auto& [target, written] : targets) {
         EXPECT_EQ(paths.linkTarget(link, target), written) << target;
     }
-    for (const char* target : {"../../../../../etc", "/usr/../../etc", "a/../../../../out", "/.."}) {
+    EXPECT_EQ(paths.linkTarget(link + "/.", "/etc"), "../../etc");
+    EXPECT_EQ(paths.linkTarget(link + "//", "./near"), "near");
+    for (const char* target : {"../../../../../etc", "/usr/../../etc", "a/../../../../out", "/..", ""}) {
         EXPECT_THROW(static_cast<void>(paths.linkTarget(link, target)), Common::Error) << target;
     }
 }
@@ -221,6 +224,16 @@ TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
         fs::remove_all(outside / "into");
         EXPECT_EQ(std::distance(fs::directory_iterator(outside), {}), 1);
         EXPECT_EQ(readFile(outside / "victim"), "whole");
+    }
+}
+
+TEST_F(AnExtraction, MakesNoLinkThatLeadsOut) {
+    Core::ZUL::DestinationTree tree(destination);
+    tree.makeSymbolicLink("a/./b/.", "../x");
+    EXPECT_EQ(fs::read_symlink(destination / "a/b"), "../x");
+    for (const char* target : {"../..", "../../x", "x/../../..", "/etc"}) {
+        EXPECT_EQ(failureOf([&] { tree.makeSymbolicLink("a/c/.", target); }).first, ErrorCode::BadPackage)
+            << target;
     }
 }
 
