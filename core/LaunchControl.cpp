@@ -39,10 +39,10 @@ LaunchControl::LaunchControl(std::unique_ptr<Common::BusClient> intents,
 }
 
 void LaunchControl::startApplication(const std::string& packageId) {
-    const std::map<std::string, sdbus::Variant> hints{{"preferredHandler", sdbus::Variant(packageId)}};
+    const std::map<std::string, sdbus::Variant> hints{{Peer::preferredHandler, sdbus::Variant(packageId)}};
     const std::map<std::string, sdbus::Variant> parameters;
     try {
-        intents_->call(Peer::invokeIntent, {}, std::string("Start"), hints, parameters);
+        intents_->call(Peer::invokeIntent, {}, Peer::startIntent, hints, parameters);
     } catch (const sdbus::Error& error) {
         fail(error, "Failed to start application");
     }
