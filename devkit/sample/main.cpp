@@ -29,7 +29,7 @@ int main() {
         const auto connection = sdbus::createSessionBusConnection();
         const auto object = sdbus::createObject(*connection, "/org/example/sample");
         object->registerMethod("Version").onInterface(name).withOutputParamNames("version").implementedAs(
-            [&] { return version; });
+            [&] { return std::string(version); });
         object->finishRegistration();
         connection->requestName(name);
         std::cout << "the sample application runs in version " << version << std::endl;

@@ -17,7 +17,7 @@ namespace Names = Common::Names::Identification;
 namespace {
 
 // Runs a program that has nothing to say when all is well.
-void runQuietly(const std::vector<std::string>& arguments, const std::vector<std::string>& environment = {}) {
+void runQuietly(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
     Program program(arguments, environment);
     std::string output;
     while (const auto line = program.readLine(std::chrono::seconds(30))) {
@@ -48,18 +48,21 @@ std::filesystem::path SampleApplication::package(const std::string& version) con
     const auto program = findProgram("vendara-sample");
     const auto folder = program.parent_path() / "sample";
     const auto packages = directory_ / "packages";
+    // librpm keeps a database in the home directory.
+    const std::vector<std::string> home{"HOME=" + (directory_ / "home").native()};
     runQuietly({"rpmbuild", "-bb", definition("_topdir", directory_ / "rpmbuild"),
                 definition("_rpmdir", packages),
                 definition("_rpmfilename", "%%{name}-%%{version}-%%{release}.%%{arch}.rpm"),
                 definition("sample_version", version), definition("sample_program", program),
                 definition("sample_folder", folder), folder / "sample.spec"},
-               {"HOME=" + (directory_ / "home").native()});
+               home);
     const auto prefix = id + "-" + version + "-";
     for (const auto& entry : std::filesystem::directory_iterator(packages)) {
         if (entry.path().filename().native().starts_with(prefix)) {
             runQuietly({"vendara-sign", "--developer-key", keys_ / "developer.key", "--developer-cert",
                         keys_ / "developer.pem", "--client-key", keys_ / "client.key", "--client-cert",
-                        keys_ / "client.pem", entry.path()});
+                        keys_ / "client.pem", entry.path()},
+                       home);
             return entry.path();
         }
     }
