@@ -22,7 +22,8 @@ void require(bool condition, const std::filesystem::path& path) {
 
 AtomicFile::AtomicFile(const std::filesystem::path& path, mode_t mode)
     : path_(std::filesystem::weakly_canonical(std::filesystem::absolute(path))) {
-    auto name = (path_.parent_path() / ("." + path_.filename().string() + ".XXXXXX")).string();
+    auto name =
+        (path_.parent_path() / std::string(".").append(path_.filename().string()).append(".XXXXXX")).string();
     descriptor_ = Common::UniqueFd(mkostemp(name.data(), O_CLOEXEC));
     require(static_cast<bool>(descriptor_), path);
     temporary_ = name;
