@@ -35,7 +35,12 @@ void BusClient::start(const std::vector<BusSubscription>& subscriptions) {
                                                   [&] { subscription.handler(message); });
                                       });
     }
-    proxy_->finishRegistration();
+    try {
+        proxy_->finishRegistration();
+    } catch (...) {
+        proxy_->unregister(); // or the bus would go on collecting signals that nobody reads
+        throw;
+    }
     startLoop();
 }
 

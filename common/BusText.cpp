@@ -43,7 +43,9 @@ bool isBusText(std::string_view text) noexcept {
             character = (character << 6U) | (byte & 0x3fU);
         }
         const bool surrogate = character >= 0xd800 && character < 0xe000;
-        if (character < smallest || surrogate || character > 0x10ffff) {
+        const bool noncharacter =
+            (character >= 0xfdd0 && character < 0xfdf0) || (character & 0xfffeU) == 0xfffe;
+        if (character < smallest || surrogate || noncharacter || character > 0x10ffff) {
             return false;
         }
     }

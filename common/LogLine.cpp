@@ -38,8 +38,13 @@ LogLine::~LogLine() {
     if (endWithNewline_) {
         line_ += '\n';
     }
+    const bool usable = std::cerr.good();
     // The stream is unbuffered: one write() of it is one write(2).
     std::cerr.write(line_.data(), static_cast<std::streamsize>(line_.size()));
+    if (usable) {
+        std::cerr
+            .clear(); // a line that could not be written, on a full disk say, is no reason to drop the next
+    }
 }
 
 LogLine& LogLine::operator<<(std::string_view text) {

@@ -58,23 +58,19 @@ void LaunchControl::restartApplication(const std::string& packageId) {
 }
 
 // Puts the package into one of the lists. The database is read without the lock; an upgrade reported
-// meanwhile may be the very one that was seen prepared, so the database is then read again.
+// meanwhile may be the very one that was seen prepared, so the database is then asked a second time.
 void LaunchControl::remember(const std::string& packageId) {
-    for (;;) {
-        std::unique_lock guard(lock_);
-        const auto upgradesBefore = upgrades_;
-        guard.unlock();
-        const bool prepared = ZUL::Database().hasPreparedNextVersion(packageId);
-        guard.lock();
-        if (!prepared) {
-            afterTermination_.push_back(packageId);
-            return;
-        }
-        if (upgrades_ == upgradesBefore) {
-            afterUpgrade_.push_back(packageId);
-            return;
-        }
+    const auto upgrades = [this] {
+        const std::lock_guard guard(lock_);
+        return upgrades_;
+    };
+    const auto before = upgrades();
+    bool prepared = ZUL::Database().hasPreparedNextVersion(packageId);
+    if (prepared && upgrades() != before) {
+        prepared = ZUL::Database().hasPreparedNextVersion(packageId);
     }
+    const std::lock_guard guard(lock_);
+    (prepared ? afterUpgrade_ : afterTermination_).push_back(packageId);
 }
 
 void LaunchControl::terminated(sdbus::Signal& signal) {

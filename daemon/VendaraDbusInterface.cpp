@@ -7,6 +7,7 @@
 #include "common/rpm/Reader.h"
 
 #include <algorithm>
+#include <climits>
 
 namespace Daemon {
 
@@ -47,9 +48,14 @@ std::string checked(std::string text, const char* what) {
     return text;
 }
 
+// The identifier names a directory; a longer one would only burden every message that carries it.
 std::string packageIdOf(const std::string& packagePath) {
     return answered("Failed to retrieve id from the rpm package", [&] {
-        return checked(Common::Rpm::Reader(packagePath).getStringTag(RPMTAG_NAME), "the package's name");
+        auto name = checked(Common::Rpm::Reader(packagePath).getStringTag(RPMTAG_NAME), "the package's name");
+        if (name.size() > NAME_MAX) {
+            throw Common::Error(Common::ErrorCode::BadPackage, "the package's name is too long");
+        }
+        return name;
     });
 }
 
@@ -83,6 +89,7 @@ std::vector<Common::OperationRecord> recordsOf(const std::vector<Core::Operation
 VendaraDbusInterface::VendaraDbusInterface(sdbus::IConnection& connection, MainLoop& loop,
                                            std::string objectPath)
     : AdaptorInterfaces(connection, std::move(objectPath))
+    , connection_(connection)
     , loop_(loop) {
     auto control = runtimeManager(RuntimeManager::controlPath, RuntimeManager::controlInterface);
     auto intents = runtimeManager(RuntimeManager::intentsPath, RuntimeManager::intentsInterface);
@@ -93,6 +100,7 @@ VendaraDbusInterface::VendaraDbusInterface(sdbus::IConnection& connection, MainL
 
 VendaraDbusInterface::~VendaraDbusInterface() {
     unregisterAdaptor();
+    ending_ = true;
     controller_.reset();
     loop_.drain();
 }
@@ -235,17 +243,45 @@ void VendaraDbusInterface::broadcast(const std::string& signal, const std::strin
     });
 }
 
-// The status hook of every operation; runs on the main thread or on the controller's announcer.
+// The status hook of every operation; runs on the main thread or on the controller's announcer. At the end
+// nobody is asked, so that an identification service that hangs cannot hold it up: a unique name is never
+// given twice.
 void VendaraDbusInterface::notifyOperationStatus(Core::Controller& controller,
                                                  const Core::Operation& operation) {
-    if (Common::isSameApplicationStillOnBus(operation.initiator())) {
-        loop_.post([this, operation] { sendOperationStatus(operation); });
+    if (ending_ || Common::isSameApplicationStillOnBus(operation.initiator())) {
+        loop_.post([this, &controller, operation] {
+            // The main thread may have been busy for long: an end must not be told to a name that is gone by
+            // now.
+            if (!ending_ && operation.isCompleted() && !isOnBus(operation.initiator().busName())) {
+                keepUntold(controller, operation);
+            } else {
+                sendOperationStatus(operation);
+            }
+        });
         return;
     }
+    keepUntold(controller, operation);
+}
+
+void VendaraDbusInterface::keepUntold(Core::Controller& controller, const Core::Operation& operation) {
     Common::logWarning() << "couldn't send " << Own::operationStatusChanged << " signal";
     Common::logWarning() << "operation initiator is not dbus available";
     if (operation.isCompleted()) {
         controller.addCompletedOperation(operation);
+    }
+}
+
+bool VendaraDbusInterface::isOnBus(const std::string& busName) {
+    try {
+        bool owned = false;
+        sdbus::createProxy(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus")
+            ->callMethod("NameHasOwner")
+            .onInterface("org.freedesktop.DBus")
+            .withArguments(busName)
+            .storeResultsTo(owned);
+        return owned;
+    } catch (const sdbus::Error&) {
+        return false;
     }
 }
 

@@ -7,6 +7,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <atomic>
 #include <optional>
 #include <string>
 #include <vector>
@@ -47,9 +48,13 @@ private:
     void broadcast(const std::string& signal, const std::string& event, const Argument& argument);
 
     void notifyOperationStatus(Core::Controller& controller, const Core::Operation& operation);
+    void keepUntold(Core::Controller& controller, const Core::Operation& operation);
+    [[nodiscard]] bool isOnBus(const std::string& busName);
     void sendOperationStatus(const Core::Operation& operation);
 
+    sdbus::IConnection& connection_;
     MainLoop& loop_;
+    std::atomic<bool> ending_ = false;
     std::optional<Core::Controller> controller_;
 };
 

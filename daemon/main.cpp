@@ -3,10 +3,12 @@
 #include "daemon/MainLoop.h"
 #include "daemon/VendaraDbusInterface.h"
 
+#include <csignal>
 #include <cstdlib>
 
 int main() {
     namespace Own = Common::Names::Vendara;
+    std::signal(SIGPIPE, SIG_IGN); // whoever reads the log may go away
     try {
         const auto connection = sdbus::createSessionBusConnection(Own::service);
         Daemon::MainLoop loop(*connection);

@@ -152,7 +152,8 @@ TEST_F(TheDaemon, EndsWithTheSessionBusAfterTheRunningOperation) {
     buses.session.stop();
     ASSERT_TRUE(isEnding());
     zul.answer("Install");
-    EXPECT_EQ(daemon->wait(), 1);
+    expectedStatus = 1;
+    EXPECT_EQ(daemon->wait(), expectedStatus);
     EXPECT_EQ(zul.calls("Install").size(), 1);
     EXPECT_THAT(
         daemon->output(),

@@ -35,13 +35,16 @@ void DaemonTest::SetUp() {
 }
 
 void DaemonTest::TearDown() {
-    if (daemon && daemon->isRunning()) {
+    if (!daemon) {
+        return;
+    }
+    if (daemon->isRunning()) {
         daemon->signal(SIGTERM);
         for (auto* peer : std::initializer_list<ScriptedPeer*>{&zul, &runtime, &identification}) {
             peer->letGo();
         }
-        EXPECT_EQ(daemon->wait(), 0) << daemon->output();
     }
+    EXPECT_EQ(daemon->wait(), expectedStatus) << daemon->output();
 }
 
 void DaemonTest::startDaemon() {

@@ -35,6 +35,7 @@ protected:
     RuntimeManager runtime;
     Identification identification;
     std::optional<Process> daemon;
+    int expectedStatus = 0; ///< of the daemon, however it ends
 
 private:
     void startDaemon();

@@ -72,7 +72,7 @@ TEST_F(TheService, IsThereOnlyOnce) {
 }
 
 TEST_F(TheService, DoesNotStartWithoutItsBuses) {
-    for (const auto* variable : {"DBUS_SESSION_BUS_ADDRESS"}) {
+    for (const auto* variable : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"}) {
         const auto result = Testbed::run(
             {VENDARA_DAEMON},
             {.environment = {{variable, "unix:path=/nonexistent/bus"}}, .directory = {}, .input = {}});
@@ -81,18 +81,22 @@ TEST_F(TheService, DoesNotStartWithoutItsBuses) {
     }
 }
 
-TEST_F(TheService, EndsWithTheSessionBus) {
-    Testbed::Process daemon({VENDARA_DAEMON});
-    ASSERT_TRUE(Testbed::waitUntil(isOnTheBus)) << daemon.output();
-    buses_.session.stop();
-    EXPECT_EQ(daemon.wait(), 1);
-    std::string lines;
-    std::istringstream stream(daemon.output());
-    for (std::string line; std::getline(stream, line);) {
-        lines +=
-            line.starts_with("ERROR: lost the connection to norvane.RuntimeManager: ") ? "" : line + "\n";
+TEST_F(TheService, EndsWithTheSessionBusEveryTime) {
+    for (int round = 0; round < 10; ++round) {
+        Testbed::PrivateBus session;
+        setenv("DBUS_SESSION_BUS_ADDRESS", session.address().c_str(), 1);
+        Testbed::Process daemon({VENDARA_DAEMON});
+        ASSERT_TRUE(Testbed::waitUntil(isOnTheBus)) << daemon.output();
+        session.stop();
+        EXPECT_EQ(daemon.wait(), 1);
+        std::string lines;
+        std::istringstream stream(daemon.output());
+        for (std::string line; std::getline(stream, line);) {
+            lines +=
+                line.starts_with("ERROR: lost the connection to norvane.RuntimeManager: ") ? "" : line + "\n";
+        }
+        EXPECT_THAT(lines, MatchesRegex(twoLines));
     }
-    EXPECT_THAT(lines, MatchesRegex(twoLines));
 }
 
 TEST_F(TheService, SurvivesTheSystemBus) {
@@ -102,7 +106,7 @@ TEST_F(TheService, SurvivesTheSystemBus) {
     const auto answer = Testbed::run({"busctl", "--user", "call", "norvane.Vendara", "/norvane/Vendara",
                                       "norvane.Vendara", "Remove", "s", "com.example.app"});
     EXPECT_NE(answer.status, 0);
-    EXPECT_THAT(answer.output, HasSubstr("Call failed: "));
+    EXPECT_THAT(answer.output, HasSubstr("Failed to retrieve list of installed packages"));
     EXPECT_TRUE(isOnTheBus());
 }
 
