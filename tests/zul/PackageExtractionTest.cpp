@@ -183,6 +183,7 @@ TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
         {{{"/x/", "l", link, "/.."}, {"/x/l/", "victim", reg, "evil"}}, "a link that leads out"},
         {{{"/", "l", link, "../victim"}}, "a link that leads out of it: \"/l\""},
         {{{"/", "l", link, "a/../../victim"}}, "a link that leads out"},
+        {{{"/", "l", link, ""}}, "a link that leads out of it: \"/l\" -> \"\""},
         {{{data, "up", link, "/usr/"}, {data + "up/", "f", reg, "evil"}},
          "below a symbolic link: \"/data/up\""},
         {{{data, "up", link, "/"}, {data, "out", link, "up/../../victim"}}, ""},
