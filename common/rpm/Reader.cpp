@@ -1,7 +1,6 @@
 #include "common/rpm/Reader.h"
 
 #include "common/Error.h"
-#include "common/UniqueFd.h"
 #include "common/rpm/Transaction.h"
 
 #include <rpm/header.h>
@@ -14,21 +13,6 @@ namespace Common::Rpm {
 
 namespace {
 
-std::shared_ptr<std::remove_pointer_t<FD_t>> openPackageFile(const std::string& path) {
-    // The descriptor is checked, not the path, and O_NONBLOCK keeps a FIFO from waiting for its writer.
-    const UniqueFd descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    struct stat status {};
-    if (!descriptor || path.find('\0') != std::string::npos || fstat(descriptor.get(), &status) != 0 ||
-        !S_ISREG(status.st_mode)) {
-        throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
-    }
-    std::shared_ptr<std::remove_pointer_t<FD_t>> file(fdDup(descriptor.get()), Fclose);
-    if (!file) {
-        throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
-    }
-    return file;
-}
-
 void freeTagData(rpmtd container) {
     rpmtdFreeData(container);
     rpmtdFree(container);
@@ -36,8 +20,25 @@ void freeTagData(rpmtd container) {
 
 } // namespace
 
-Reader::Reader(const std::string& path) {
-    file_ = openPackageFile(path);
+UniqueFd openPackageFile(const std::string& path) {
+    // The descriptor is checked, not the path, and O_NONBLOCK keeps a FIFO from waiting for its writer.
+    UniqueFd descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (!descriptor || path.find('\0') != std::string::npos || fstat(descriptor.get(), &status) != 0 ||
+        !S_ISREG(status.st_mode)) {
+        throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
+    }
+    return descriptor;
+}
+
+Reader::Reader(const std::string& path)
+    : Reader(openPackageFile(path), path) {}
+
+Reader::Reader(const UniqueFd& file, const std::string& path)
+    : file_(fdDup(file.get()), Fclose) {
+    if (!file_) {
+        throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
+    }
     const Transaction transaction; // loads the configuration that the read needs
     Header header = nullptr;
     const auto result = rpmReadPackageFile(transaction.get(), file_.get(), path.c_str(), &header);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/UniqueFd.h"
+
 #include <rpm/rpmio.h>
 #include <rpm/rpmlib.h>
 
@@ -8,6 +10,10 @@
 #include <type_traits>
 
 namespace Common::Rpm {
+
+/// Opens a package file for reading. Never blocks on something that is no regular file. Any thread.
+/// Throws Error, code FileNotFound, for what cannot be opened or is no regular file.
+[[nodiscard]] UniqueFd openPackageFile(const std::string& path);
 
 /// An open package file and its checked header. Copies share both; the file stays open as long as a copy
 /// lives. Used by one thread at a time.
@@ -18,6 +24,11 @@ public:
     /// Throws Error: FileNotFound for what cannot be opened or is no regular file, BadPackage for a file
     /// that librpm does not accept as a package.
     explicit Reader(const std::string& path);
+
+    /// Reads the header of a file from openPackageFile(). The reader's descriptor is a duplicate: locks,
+    /// leases and the position belong to both. The path is for librpm's messages. Throws Error, code
+    /// BadPackage.
+    Reader(const UniqueFd& file, const std::string& path);
 
     /// Wraps a header that was read elsewhere, taking over the caller's reference. There is no file then.
     explicit Reader(Header header);

@@ -140,6 +140,7 @@ void Package::extract(const std::filesystem::path& file, const std::filesystem::
         Common::Rpm::ExtractFileIterator(source->reader()).forEach([&](const auto& entry, auto& content) {
             extraction.extract(entry, content);
         });
+        source->requireUnchanged();
         extraction.finish();
     } catch (const std::filesystem::filesystem_error& error) {
         Common::logError() << error;

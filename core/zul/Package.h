@@ -24,7 +24,8 @@ struct Authorities {
 };
 
 /// One version of a package: a value, with or without a package file behind it. Copies share the file, which
-/// stays open as long as one of them lives. Used by one thread at a time.
+/// stays open, and keeps writers waiting (see PackageFile), as long as one of them lives. Used by one thread
+/// at a time.
 class Package {
 public:
     Package(std::string id, std::string version, std::optional<std::string> orgName = {},
@@ -39,13 +40,14 @@ public:
     ///
     /// A payload without "/usr/share/applications/ID.desktop", or an unreadable file of the system
     /// developer's key, is a warning in the log. Everything else is refused, checked in this order:
-    /// - what Common::Rpm::Reader refuses, and missing tags: FileNotFound, BadPackage
+    /// - what Common::Rpm::Reader refuses, and missing tags: FileNotFound, BadPackage;
+    ///   BadPackage as well for a file that somebody has open for writing
     /// - an identifier (BadPackageID) or a version (BadPackage) that is not one ordinary path component
     /// - a manifest that is damaged, too large or no regular file, or whose names are not ordinary path
     ///   components: BadPackage
     /// - signatures that cannot be read: BadPackage; that do not hold, are absent or are none of a developer:
     ///   BadPackageSignature
-    /// - a file that is written to meanwhile: BadPackage
+    /// - a file that is written to, or opened for it, meanwhile: BadPackage
     [[nodiscard]] static Package fromFile(const std::filesystem::path& file,
                                           const Authorities& authorities = {});
 
@@ -55,9 +57,10 @@ public:
     /// failure it keeps what was written so far; removing it is the caller's business.
     ///
     /// Throws Common::Error: FileNotFound and BadPackage for a file that cannot be read, and BadPackage for
-    /// one that is not, unchanged, the file that fromFile() validated; BadPackage for a payload that is
-    /// damaged, not what its header says or that reaches for places outside; BadPackageSignature for a file
-    /// to be signed in a package that has no developer's signature; Filesystem.
+    /// one that is not, unchanged and unopened for writing to the end, the file that fromFile() validated;
+    /// BadPackage for a payload that is damaged, not what its header says or that reaches for places outside;
+    /// BadPackageSignature for a file to be signed in a package that has no developer's signature;
+    /// Filesystem.
     /// @param destination  made with missing parents if it does not exist
     /// @param attributes   how attributes are attached; for tests and for systems that cannot hold them
     void extract(const std::filesystem::path& file, const std::filesystem::path& destination,

@@ -3,6 +3,9 @@
 #include "common/Error.h"
 #include "common/LogLine.h"
 
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
 #include <string>
 #include <tuple>
 
@@ -21,6 +24,29 @@ struct stat statusOf(const std::filesystem::path& path) {
     return status;
 }
 
+struct stat statusOf(const Common::UniqueFd& file) {
+    struct stat status {};
+    if (fstat(file.get(), &status) != 0) {
+        throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
+    }
+    return status;
+}
+
+/// @return false where leases cannot be had
+bool takeLease(const Common::UniqueFd& file, const std::filesystem::path& path) {
+    // The signal is chosen first: the one that the kernel sends otherwise, SIGIO, ends the process.
+    if (fcntl(file.get(), F_SETSIG, SIGURG) != 0) {
+        return false;
+    }
+    if (fcntl(file.get(), F_SETLEASE, F_RDLCK) == 0) {
+        return true;
+    }
+    if (errno == EAGAIN) {
+        throw Error(ErrorCode::BadPackage, "package file is open for writing: " + Common::quoted(path));
+    }
+    return false;
+}
+
 auto identity(const struct stat& status) {
     return std::tuple(status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec,
                       status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
@@ -28,11 +54,15 @@ auto identity(const struct stat& status) {
 
 } // namespace
 
-// The status is taken before anything is read, so that a header from before a change cannot pass for the
-// file's.
 PackageFile::PackageFile(const std::filesystem::path& path)
-    : opened_(statusOf(path))
-    , reader_(path.native()) {
+    : PackageFile(Common::Rpm::openPackageFile(path.native()), path) {}
+
+// Lease and status are taken before anything is read, so that a header from before a change cannot pass for
+// the file's. The reader's descriptor shares the lease and keeps it.
+PackageFile::PackageFile(const Common::UniqueFd& file, const std::filesystem::path& path)
+    : isLeased_(takeLease(file, path))
+    , opened_(statusOf(file))
+    , reader_(file, path.native()) {
     requireUnchanged();
 }
 
@@ -41,9 +71,12 @@ std::filesystem::path PackageFile::openFile() const {
 }
 
 void PackageFile::requireUnchanged() const {
+    const int file = Fileno(reader_.file());
     struct stat status {};
-    if (fstat(Fileno(reader_.file()), &status) != 0 || identity(status) != identity(opened_)) {
-        throw Error(ErrorCode::BadPackage, "the package file was changed while it was in use");
+    const bool isLeaseLost = isLeased_ && fcntl(file, F_GETLEASE) != F_RDLCK;
+    if (isLeaseLost || fstat(file, &status) != 0 || identity(status) != identity(opened_)) {
+        throw Error(ErrorCode::BadPackage,
+                    "the package file was replaced or opened for writing while it was in use");
     }
 }
 
@@ -52,6 +85,7 @@ void PackageFile::requireSame(const std::filesystem::path& path) const {
         throw Error(ErrorCode::BadPackage,
                     "the package file is not the one that was validated: " + Common::quoted(path));
     }
+    requireUnchanged();
 }
 
 } // namespace Core::ZUL

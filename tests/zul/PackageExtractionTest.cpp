@@ -3,10 +3,12 @@
 #include "tests/zul/SignedPackage.h"
 
 #include <cerrno>
-#include <fstream>
+#include <fcntl.h>
 #include <map>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace Testbed {
 
@@ -160,11 +162,39 @@ TEST_F(AnExtraction, WorksOnTheFileThatWasValidatedAndNoOther) {
     EXPECT_THAT(failureOf([&] { package.extract(file, destination); }),
                 testing::Pair(ErrorCode::BadPackage, HasSubstr("not the one that was validated")));
     const auto again = Package::fromFile(file, authorities);
-    std::ofstream(file, std::ios::app) << "more";
+    // A writer is refused or has to wait while the lease is held, and is enough to spoil what was validated.
+    const Common::UniqueFd writer(open(file.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK));
+    EXPECT_TRUE(!writer || write(writer.get(), "more", 4) == 4);
     EXPECT_EQ(failureOf([&] { again.extract(file, destination); }).first, ErrorCode::BadPackage);
     fs::remove(file);
     EXPECT_EQ(failureOf([&] { again.extract(file, destination); }).first, ErrorCode::FileNotFound);
     EXPECT_FALSE(fs::exists(destination));
+}
+
+TEST_F(AnExtraction, TrustsNoFileThatSomebodyCanWriteTo) {
+    const auto file = signedPackage({.files = {{"/usr/bin/tool", "x", "0755"}}});
+    {
+        const Common::UniqueFd reader(open(file.c_str(), O_RDONLY));
+        if (fcntl(reader.get(), F_SETLEASE, F_RDLCK) != 0) {
+            GTEST_SKIP() << "the file system has no leases";
+        }
+    }
+    const auto size = fs::file_size(file);
+    void* pages = nullptr;
+    {
+        const Common::UniqueFd writer(open(file.c_str(), O_RDWR));
+        pages = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, writer.get(), 0);
+    }
+    ASSERT_NE(pages, MAP_FAILED);
+    EXPECT_THAT(refusalOf(file), testing::Pair(ErrorCode::BadPackage, HasSubstr("is open for writing: ")));
+    ASSERT_EQ(munmap(pages, size), 0);
+    const auto package = Package::fromFile(file, authorities);
+    const auto opening = [&](int, const std::string&, const std::string&) {
+        const Common::UniqueFd writer(open(file.c_str(), O_WRONLY | O_NONBLOCK));
+        return writer ? EIO : 0;
+    };
+    EXPECT_THAT(failureOf([&] { package.extract(file, destination, opening); }),
+                testing::Pair(ErrorCode::BadPackage, HasSubstr("opened for writing")));
 }
 
 TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
