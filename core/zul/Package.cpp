@@ -11,6 +11,8 @@
 #include "platform/pkgverify/FileWithCmses.h"
 
 #include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <fstream>
 #include <sys/stat.h>
 
@@ -21,6 +23,9 @@ using Common::ErrorCode;
 using Common::Rpm::FileIterator;
 
 namespace {
+
+// Bytes to unpack at most in search of the manifest of a package that is refused anyway.
+constexpr std::uint64_t searchLimit = 64UL * 1024 * 1024;
 
 /// The bytes of the entry that the iterator is at, checked.
 std::string readEntry(FileIterator& files, const std::string& path) {
@@ -37,9 +42,12 @@ std::string readEntry(FileIterator& files, const std::string& path) {
     return bytes;
 }
 
+/// @param refusal  why the package is refused in the end, if it is; thrown when the search becomes too long
 /// @return nothing when the payload has no such file
-std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, const std::string& path) {
+std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, const std::string& path,
+                                           const std::exception_ptr& refusal) {
     FileIterator files(reader);
+    auto left = searchLimit;
     const int wanted = files.find(path);
     while (wanted >= 0 && files.next()) {
         // A file with several names has its content at the first of them that the archive has.
@@ -52,6 +60,12 @@ std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, co
         if (files.index() == wanted) {
             throw Error(ErrorCode::BadPackage, "the package's manifest is no regular file: " + path);
         }
+        // The next step unpacks what this entry has: its content and a name.
+        const auto cost = std::min<std::uint64_t>(files.size(), searchLimit) + PATH_MAX;
+        if (refusal && cost > left) {
+            std::rethrow_exception(refusal);
+        }
+        left -= std::min(cost, left);
     }
     return {};
 }
@@ -80,8 +94,18 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     package.architecture_ = header.getStringTag(RPMTAG_ARCH);
     package.file_ = std::move(opened);
     requireOrdinaryNames(package);
-    package.readManifest();
-    package.readSignatures(authorities);
+    // What is wrong with the manifest is told before what is wrong with the signatures, but how much may be
+    // unpacked to find it depends on them.
+    std::exception_ptr refusal;
+    try {
+        package.readSignatures(authorities);
+    } catch (const std::exception&) {
+        refusal = std::current_exception();
+    }
+    package.readManifest(refusal);
+    if (refusal) {
+        std::rethrow_exception(refusal);
+    }
     package.isSystemDeveloper_ =
         isSystemDeveloperKey(package.developerCms_->certificate().keyId(), authorities.systemDeveloperKeyId);
     // All that was looked at since the header was read came from one and the same file.
@@ -89,9 +113,9 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     return package;
 }
 
-void Package::readManifest() {
+void Package::readManifest(const std::exception_ptr& refusal) {
     const auto path = "/usr/share/applications/" + id_ + ".desktop";
-    const auto bytes = readFromPayload(file_->reader(), path);
+    const auto bytes = readFromPayload(file_->reader(), path, refusal);
     if (!bytes) {
         Common::logWarning() << "the package does not contain a manifest: " << path;
         return;

@@ -4,6 +4,7 @@
 #include "core/zul/AttributeWriter.h"
 #include "platform/signcms/PackageSignatures.h"
 
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -36,7 +37,8 @@ public:
         , appName_(std::move(appName)) {}
 
     /// Reads and validates a package file: header, manifest, signatures. Unpacks nothing to disk, and nothing
-    /// at all beyond the manifest.
+    /// at all beyond the manifest. When the signatures do not hold no more than 64 MiB are unpacked in search
+    /// of the manifest; what lies further is not found at fault.
     ///
     /// A payload without "/usr/share/applications/ID.desktop", or an unreadable file of the system
     /// developer's key, is a warning in the log. Everything else is refused, checked in this order:
@@ -84,7 +86,7 @@ public:
     [[nodiscard]] bool isSystemDeveloper() const { return isSystemDeveloper_; }
 
 private:
-    void readManifest();
+    void readManifest(const std::exception_ptr& refusal);
     void readSignatures(const Authorities& authorities);
 
     std::string id_;

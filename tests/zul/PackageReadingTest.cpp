@@ -58,6 +58,11 @@ TEST_F(APackage, IsRefusedForTheFirstOfItsFaults) {
     craftPackage(file, good);
     EXPECT_EQ(refusalOf(file),
               std::pair(ErrorCode::BadPackageSignature, std::string("couldn't retrieve cmses from package")));
+    craftPackage(file, {{"/usr/bin/", "huge", S_IFREG | 0644U, "x", 0, 0xffffffffU}, badManifest});
+    EXPECT_EQ(refusalOf(file).first, ErrorCode::BadPackageSignature); // not worth unpacking that much
+    sign(file, "developer", "developer");
+    EXPECT_THAT(refusalOf(file), testing::Pair(ErrorCode::BadPackage, HasSubstr("payload")));
+    craftPackage(file, good);
     sign(file, "client", "client");
     const auto byClient = readFile(file);
     writeFile(file, byClient.substr(0, byClient.size() - 1));
