@@ -132,7 +132,7 @@ Common::UniqueFd DestinationTree::makeFile(const fs::path& path) {
         const std::error_code reason(errno, std::generic_category());
         Common::logError() << reason.message();
         throw Common::Error(Common::ErrorCode::Filesystem,
-                            "couldn't open file for writing rpm content: " + Common::quoted(nameOf(path)));
+                            "couldn't open file for writing rpm content: " + nameOf(path).native());
     }
     made_.emplace(place.key, Made::File);
     return file;

@@ -33,7 +33,7 @@ std::string errnoText(int error) { return std::error_code(error, std::generic_ca
 
 [[noreturn]] void throwNotWritten(const std::filesystem::path& place) {
     Common::logError() << errnoText(errno);
-    throw Error(ErrorCode::Filesystem, "couldn't write rpm package content to " + Common::quoted(place));
+    throw Error(ErrorCode::Filesystem, "couldn't write rpm package content to " + place.native());
 }
 
 void writeContent(EntryContent& content, int file, const std::filesystem::path& place) {
