@@ -90,7 +90,9 @@ std::string PackageManager::install(const std::filesystem::path& packageFile) {
     package.extract(packageFile, extracted.path(), settings_.attributes);
     if (upgrade) {
         database_.prepareUpgrade(package, recordEntries(package), extracted.path());
-        prepared_.insert_or_assign(package.id(), package);
+        // Without its file, whose writers would have to wait until the upgrade is complete.
+        prepared_.insert_or_assign(
+            package.id(), Package(package.id(), package.version(), package.orgName(), package.appName()));
     } else {
         database_.install(package, recordEntries(package), extracted.path());
     }
