@@ -22,6 +22,9 @@ void makeSeeds(const std::filesystem::path& directory) {
     write(directory / "fuzz-manifest/plain",
           "# comment\n[Desktop Entry]\nType=Application\nName=Tool\nName[de_DE]=Werkzeug\nExec=tool\\s%u\n\n"
           "[X-Application]\nOrganizationName=org.example\nApplicationName=t\xC3\xB6\xC3\xB6l\n");
+    write(directory / "fuzz-record/plain",
+          "; comment\n[general]\nid=com.example.app\nversion=1.0-1\norgname=org.example\nappname=tool\n\n"
+          "[certificate]\nsubgroup=apps\nid=7\n\n[install]\nkey = value\n");
 
     const Signing::TestAuthority authority;
     const auto sign = [&authority](const char* usage, const SignedContent& content) {
