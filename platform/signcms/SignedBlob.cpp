@@ -1,5 +1,8 @@
 #include "platform/signcms/SignedBlob.h"
 
+#include "platform/signcms/Bytes.h"
+
+#include <cstdint>
 #include <utility>
 
 namespace PackageSignatures {
@@ -43,8 +46,52 @@ std::string canonicalDer(CMS_ContentInfo& read, X509& certificate, const ASN1_OC
     return OpenSsl::derOf<const CMS_ContentInfo>(cms.get(), i2d_CMS_ContentInfo);
 }
 
+/// The octets of the next DER element (ITU-T X.690, 8.1), which has this tag and no more of them than that.
+std::string_view element(ByteReader& reader, std::uint8_t tag, std::size_t limit = maximumBlobSize) {
+    require(reader.number<std::uint8_t>() == tag, "CMS does not have the one allowed form");
+    std::size_t size = reader.number<std::uint8_t>();
+    if (size >= 0x80) {
+        auto sizeOctets = size - 0x80;
+        require(sizeOctets >= 1 && sizeOctets <= 4, "CMS has an element without a usable length");
+        for (size = 0; sizeOctets > 0; --sizeOctets) {
+            size = (size << 8) | reader.number<std::uint8_t>();
+        }
+    }
+    require(size <= limit, "CMS has an element that is too large");
+    return reader.bytes(size);
+}
+
+/// Throws std::runtime_error unless a CMS (RFC 5652, 5.1) is of few elements: nobody has vouched for it yet,
+/// and OpenSSL spends many times their size on small ones. Only the content, one octet string, may be large.
+void checkIsOfFewElements(std::string_view der) {
+    constexpr std::uint8_t integer = 0x02;
+    constexpr std::uint8_t octetString = 0x04;
+    constexpr std::uint8_t objectId = 0x06;
+    constexpr std::uint8_t sequence = 0x30;
+    constexpr std::uint8_t set = 0x31;
+    constexpr std::uint8_t tagged = 0xA0;
+
+    ByteReader whole(der);
+    ByteReader contentInfo(element(whole, sequence));
+    element(contentInfo, objectId, 16);
+    ByteReader holder(element(contentInfo, tagged));
+    ByteReader signedData(element(holder, sequence));
+    element(signedData, integer, 1);
+    element(signedData, set, 32); // digest algorithms
+    ByteReader encapsulated(element(signedData, sequence));
+    element(encapsulated, objectId, 16);
+    ByteReader content(element(encapsulated, tagged));
+    element(content, octetString);
+    element(signedData, tagged, std::size_t{64} * 1024); // certificates; revocation lists would come next
+    element(signedData, set, std::size_t{16} * 1024);    // signers
+    for (const auto* reader : {&whole, &contentInfo, &holder, &signedData, &encapsulated, &content}) {
+        require(reader->left() == 0, "CMS has elements that do not belong there");
+    }
+}
+
 OpenSsl::Cms decoded(std::string_view der) {
     require(der.size() <= maximumBlobSize, "CMS is too large");
+    checkIsOfFewElements(der);
     const unsigned char* position = OpenSsl::octets(der);
     OpenSsl::Cms cms(d2i_CMS_ContentInfo(nullptr, &position, static_cast<long>(der.size())));
     require(cms != nullptr && OBJ_obj2nid(CMS_get0_type(cms.get())) == NID_pkcs7_signed,

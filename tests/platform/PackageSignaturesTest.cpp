@@ -1,4 +1,5 @@
 #include "common/UniqueFd.h"
+#include "platform/signcms/Bytes.h"
 #include "testbed/Process.h"
 
 #include <gtest/gtest.h>
@@ -146,6 +147,47 @@ TEST_F(SignedPackages, TakeNoOtherFormOfASignature) {
         << "signer by key identifier";
     EXPECT_FALSE(openedWith({cmsOver(good, developer) + std::string(1, '\0')})) << "a byte behind";
     EXPECT_FALSE(openedWith({std::string(2000, '\x30')})) << "no CMS";
+}
+
+/// A BER element, its length in four octets.
+std::string element(char tag, const std::string& content) {
+    std::string bytes{tag, '\x84'};
+    appendNumber(bytes, static_cast<std::uint32_t>(content.size()));
+    return bytes + content;
+}
+
+TEST_F(SignedPackages, AreRefusedBeforeTheManyElementsOfASignatureAreRead) {
+    const std::string sha256 = "\x30\x0B\x06\x09\x60\x86\x48\x01\x65\x03\x04\x02\x01";
+    const auto oid = [](char type) {
+        return "\x06\x09\x2A\x86\x48\x86\xF7\x0D\x01\x07" + std::string(1, type);
+    };
+    const auto many = [](const std::string& one) {
+        std::string all;
+        while (all.size() < std::size_t{1024} * 1024) {
+            all += one;
+        }
+        return all;
+    };
+    const auto blob = [&](const std::string& digests, const std::string& certificates) {
+        const auto encapsulated = oid('\x01') + element('\xA0', element('\x04', content(package)));
+        const auto signedData = "\x02\x01\x01" + element('\x31', digests) + element('\x30', encapsulated) +
+                                element('\xA0', certificates) + element('\x31', "");
+        return element('\x30', oid('\x02') + element('\xA0', element('\x30', signedData)));
+    };
+    const auto certificate = OpenSsl::derOf<const X509>(developer.certificate.get(), i2d_X509);
+    const auto refusal = [](const std::string& bytes) {
+        try {
+            static_cast<void>(readCms(bytes));
+        } catch (const std::runtime_error& error) {
+            return std::string(error.what());
+        }
+        return std::string("none");
+    };
+    // OpenSSL, which reads every element, would have other reasons.
+    const std::string tooLarge = "CMS has an element that is too large";
+    EXPECT_NE(refusal(blob(sha256, certificate)), tooLarge);
+    EXPECT_EQ(refusal(blob(many(sha256), certificate)), tooLarge);
+    EXPECT_EQ(refusal(blob(sha256, many(certificate))), tooLarge);
 }
 
 TEST_F(SignedPackages, HaveATrailerThatDescribesThem) {
