@@ -99,14 +99,15 @@ TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {
     ScriptedService service({{"app", {.known = true}}});
     EXPECT_EQ(ctl({"remove", "--no-wait", "app"}).output, "install app: queued\n");
     const auto client = begin({"remove", "app"});
-    ASSERT_TRUE(waitUntil([&] { return service.propertyReads == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return service.propertyReads >= 1; }));
     BusPeer forger(sdbus::createSessionBusConnection(), Own::objectPath);
     auto signal = forger.object().createSignal(Own::interface, Own::operationStatusChanged);
     signal << ScriptedService::operation("app", 100, 0);
     signal.setDestination(service.client);
     signal.send();
     // It asks again, having heard nothing that counts.
-    ASSERT_TRUE(waitUntil([&] { return service.propertyReads == 2; }));
+    const int before = service.propertyReads;
+    ASSERT_TRUE(waitUntil([&] { return service.propertyReads > before; }));
     client->signal(SIGINT);
     EXPECT_EQ(client->wait(), 128 + SIGINT);
     EXPECT_THAT(client->output(),
