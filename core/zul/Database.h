@@ -82,7 +82,8 @@ public:
     /// Installs a package that has no directory yet. Takes the extracted directory over: it is renamed into
     /// the database. A failure after that leaves no trace of the package, also not of a version that was
     /// installed before, so callers take prepareUpgrade() for what is installed.
-    /// Throws Internal when there is no such directory, else Filesystem.
+    /// Throws Internal when there is no such directory, else Filesystem, also when a link in the root has the
+    /// package's name.
     /// @param entries  further entries of the record; reading it back wants "certificate.id" and
     ///                 "certificate.subgroup" among them
     void install(const Package& package, const PackageData& entries, const std::filesystem::path& extracted);

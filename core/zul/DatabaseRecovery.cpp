@@ -52,6 +52,9 @@ void Database::removeTempDirectory() const {
 }
 
 void Database::recoverPackage(const PackageDirectory& directory) {
+    if (!directory.isReal()) {
+        return;
+    }
     // A prepared upgrade that cannot be read is given up: it must not take the installed version's place.
     const bool isUsable = directory.isSound(directory.next()) && readPrepared(directory);
     if (!isUsable && directory.hasNextLink()) {

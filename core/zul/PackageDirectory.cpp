@@ -29,6 +29,8 @@ bool isRealDirectory(const fs::path& path) {
 
 } // namespace
 
+bool PackageDirectory::isReal() const { return isRealDirectory(path_); }
+
 bool PackageDirectory::hasNextLink() const { return Common::linkTarget(next()).has_value(); }
 
 std::string PackageDirectory::versionNameBehind(const fs::path& link) const {
@@ -62,7 +64,7 @@ bool PackageDirectory::isSound(const fs::path& link) const {
 
 std::vector<fs::path> PackageDirectory::versions() const {
     std::vector<fs::path> versions;
-    if (isRealDirectory(path_)) {
+    if (isReal()) {
         for (const auto& entry : fs::directory_iterator(path_)) {
             if (isRealDirectory(entry) && Common::leadsSomewhere(entry.path() / mappingListName)) {
                 versions.push_back(entry.path());
@@ -73,6 +75,9 @@ std::vector<fs::path> PackageDirectory::versions() const {
 }
 
 void PackageDirectory::giveUpNext(const std::string& versionWords, const std::string& linkWords) const {
+    if (!isReal()) {
+        return;
+    }
     const auto version = versionBehind(next());
     // The link first: were it to outlive its version, recovery would put nothing into service.
     tryTo(linkWords, [this] { Common::removeTree(next()); });
@@ -83,7 +88,7 @@ void PackageDirectory::giveUpNext(const std::string& versionWords, const std::st
 
 void PackageDirectory::sweep(const std::string& words,
                              const std::function<void(const fs::path&)>& beforeRemoval) const {
-    if (!isRealDirectory(path_)) {
+    if (!isReal()) {
         return;
     }
     const auto kept = versionBehind(current());
@@ -102,7 +107,7 @@ void PackageDirectory::sweep(const std::string& words,
 }
 
 void PackageDirectory::remove() const {
-    if (isRealDirectory(path_)) {
+    if (isReal()) {
         unlink(next().c_str());
         unlink(current().c_str());
         Common::flushDirectory(path_);

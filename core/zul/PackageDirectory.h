@@ -15,6 +15,8 @@ public:
         : path_(std::move(path)) {}
 
     [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+    /// Whether the path leads to the directory itself and not through a link to one, which is none of ours.
+    [[nodiscard]] bool isReal() const;
     [[nodiscard]] std::filesystem::path current() const { return path_ / "current"; }
     [[nodiscard]] std::filesystem::path next() const { return path_ / "next"; }
     [[nodiscard]] bool hasNextLink() const;
@@ -33,7 +35,8 @@ public:
     [[nodiscard]] std::vector<std::filesystem::path> versions() const;
 
     /// Deletes the link "next" and then the version it leads to. That is kept when it is the installed one,
-    /// and when it is no direct child of this directory: then it is none of ours.
+    /// and when it is no direct child of this directory: then it is none of ours. Nothing is deleted in a
+    /// directory that is reached through a link.
     /// @param versionWords, linkWords  begin the warning about a failure of either
     void giveUpNext(const std::string& versionWords, const std::string& linkWords) const;
 

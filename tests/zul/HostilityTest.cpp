@@ -92,19 +92,36 @@ TEST_F(Hostility, OfLinksNeverLeadsDeletionOut) {
 }
 
 TEST_F(Hostility, OfLinkedPackageDirectoriesEndsAtTheLink) {
-    fs::create_directories(outside() / "victim/1-1");
-    fs::create_symlink(outside() / "victim/1-1", outside() / "victim/current");
-    const auto before = digestOfTree(outside());
-    for (const bool isRecovery : {true, false}) {
-        fs::create_directory_symlink(outside() / "victim", root / "linked");
-        if (isRecovery) {
-            database.recoverDatabase();
+    const auto record = readFile(root / "bystander/1-1/quenra.pkg");
+    const auto victim = outside() / "victim";
+    fs::create_directories(victim / "1-1");
+    fs::create_symlink(victim / "1-1", victim / "current");
+    fs::create_symlink(victim / "2-1", victim / "next");
+    for (const bool isSound : {true, false}) {
+        writeFile(victim / "2-1/quenra.pkg", isSound ? record : "damaged");
+        writeFile(victim / "1-1/quenra.pkg", isSound ? record : "damaged");
+        const auto before = digestOfTree(outside());
+        const std::string refusal = "package directory is a link: " + (root / "linked").native();
+        for (const std::string operation : {"read", "recover", "remove", "complete", "prepare"}) {
+            fs::create_directory_symlink(victim, root / "linked");
+            if (operation == "read") {
+                static_cast<void>(database.packages());
+            } else if (operation == "recover") {
+                database.recoverDatabase();
+            } else if (operation == "remove") {
+                database.remove("linked");
+            } else if (operation == "complete") {
+                EXPECT_ERROR(database.completeUpgrade(Package("linked", "2-1")), Filesystem, refusal);
+            } else {
+                EXPECT_ERROR(prepare(Package("linked", "3-1")), Filesystem, refusal);
+            }
+            fs::remove(root / "linked");
+            fs::remove_all(temp);
             fs::create_directories(temp);
-        } else {
-            database.remove("linked");
+            EXPECT_EQ(digestOfTree(outside()), before) << operation << isSound;
         }
-        EXPECT_EQ(digestOfTree(outside()), before);
     }
+    const auto before = digestOfTree(outside());
     fs::create_directory_symlink(outside() / "victim", temp / "unpacked");
     EXPECT_ERROR(database.install(app, entries, temp / "unpacked"), Internal,
                  "extracted package directory doesn't exist: " + (temp / "unpacked").native());
