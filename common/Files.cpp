@@ -149,11 +149,18 @@ void NewFile::write(std::string_view content) {
     }
 }
 
-void NewFile::commit() {
+void NewFile::commit(Durability durability) {
+    // The content first: a name on disk without it would be an empty file.
+    if (durability == Durability::Now && fsync(file_.get()) != 0) {
+        throw filesystemError("couldn't flush " + pending_.native());
+    }
     if (rename(pending_.c_str(), final_.c_str()) != 0) {
         throw filesystemError("couldn't replace " + final_.native());
     }
     file_ = UniqueFd();
+    if (durability == Durability::Now) {
+        flushDirectory(final_.parent_path());
+    }
 }
 
 } // namespace Common

@@ -60,6 +60,12 @@ void flushFileSystem(const std::filesystem::path& directory);
 /// Makes or replaces a symbolic link in one step. An empty directory in its place is replaced as well.
 void replaceLink(const std::filesystem::path& link, const std::filesystem::path& target);
 
+/// When a file that is put in place has to be on disk.
+enum class Durability {
+    Later, ///< with the flush that the caller makes for everything it wrote
+    Now,   ///< content and name, before anything goes on
+};
+
 /// A file that appears under its name whole or not at all, in place of whatever file or link had the name.
 /// Until then it lies beside it under another name.
 class NewFile {
@@ -70,7 +76,7 @@ public:
     NewFile& operator=(const NewFile&) = delete;
 
     void write(std::string_view content);
-    void commit();
+    void commit(Durability durability);
 
 private:
     std::filesystem::path final_;

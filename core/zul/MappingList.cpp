@@ -1,7 +1,5 @@
 #include "core/zul/MappingList.h"
 
-#include "common/Files.h"
-
 #include <algorithm>
 #include <sstream>
 #include <unordered_set>
@@ -38,7 +36,8 @@ MappingList readMappingList(const std::filesystem::path& versionDirectory) {
     return list;
 }
 
-void writeMappingList(const std::filesystem::path& versionDirectory, const MappingList& list) {
+void writeMappingList(const std::filesystem::path& versionDirectory, const MappingList& list,
+                      Common::Durability durability) {
     std::string text;
     for (const auto& target : list) {
         text += target + "\n";
@@ -52,7 +51,7 @@ void writeMappingList(const std::filesystem::path& versionDirectory, const Mappi
         Common::NewFile file(versionDirectory, mappingListName);
         failure = "couldn't write lines to mapping list";
         file.write(text);
-        file.commit();
+        file.commit(durability);
     } catch (const Error&) {
         throw Error(ErrorCode::Filesystem, failure);
     }

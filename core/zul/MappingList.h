@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/Files.h"
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -19,7 +21,8 @@ inline const std::string mappingListName = "symlink.list";
 
 /// Replaces a version's list in one step; one that stands already is left. Throws Error, code Filesystem. Any
 /// thread.
-void writeMappingList(const std::filesystem::path& versionDirectory, const MappingList& list);
+void writeMappingList(const std::filesystem::path& versionDirectory, const MappingList& list,
+                      Common::Durability durability);
 
 /// The first list, and behind it what only the second has.
 [[nodiscard]] MappingList mergedMappingList(MappingList first, const MappingList& second);

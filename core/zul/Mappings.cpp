@@ -64,12 +64,13 @@ void removeListed(SystemTree& tree, const std::string& target,
 } // namespace
 
 void Mappings::writeList(const Package& package, const std::filesystem::path& versionDirectory) {
-    writeMappingList(versionDirectory, planMappings(package, versionDirectory).targets());
+    writeMappingList(versionDirectory, planMappings(package, versionDirectory).targets(),
+                     Common::Durability::Later);
 }
 
 void Mappings::createMappings(const Package& package, const std::filesystem::path& versionDirectory) const {
     const auto plan = planMappings(package, versionDirectory);
-    writeMappingList(versionDirectory, plan.targets());
+    writeMappingList(versionDirectory, plan.targets(), Common::Durability::Now);
     SystemTree tree(systemRoot_);
     std::vector<Mapping> created;
     created.reserve(plan.entries.size());

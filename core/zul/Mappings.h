@@ -19,10 +19,12 @@ public:
     explicit Mappings(std::filesystem::path systemRoot)
         : systemRoot_(std::move(systemRoot)) {}
 
-    /// Writes the list that createMappings() of this version will want, wherever the version lies now.
+    /// Writes the list that createMappings() of this version will want, wherever the version lies now. The
+    /// caller flushes it.
     static void writeList(const Package& package, const std::filesystem::path& versionDirectory);
 
-    /// Adds another version's list to this one's, for refreshMappings() to look at. Logs failures.
+    /// Adds another version's list to this one's, for refreshMappings() to look at. It is on disk when this
+    /// returns. Logs failures.
     static void keepListOf(const std::filesystem::path& otherVersion,
                            const std::filesystem::path& versionDirectory) noexcept;
 

@@ -67,7 +67,8 @@ void Mappings::keepListOf(const std::filesystem::path& otherVersion,
     try {
         const auto list = listIfAny(otherVersion);
         if (!list.empty()) {
-            writeMappingList(versionDirectory, mergedMappingList(listIfAny(versionDirectory), list));
+            writeMappingList(versionDirectory, mergedMappingList(listIfAny(versionDirectory), list),
+                             Common::Durability::Now);
         }
     } catch (const Error& error) {
         Common::logFailure(Common::LogLevel::Warning, "couldn't keep the mapping list of another version",
@@ -79,7 +80,8 @@ void Mappings::refreshMappings(const Package& package, const std::filesystem::pa
     const auto plan = planMappings(package, versionDirectory);
     const auto wanted = plan.targets();
     const auto listed = listIfAny(versionDirectory);
-    writeMappingList(versionDirectory, mergedMappingList(wanted, listed));
+    const auto possible = mergedMappingList(wanted, listed);
+    writeMappingList(versionDirectory, possible, Common::Durability::Now);
 
     SystemTree tree(systemRoot_);
     const auto left =
@@ -95,7 +97,11 @@ void Mappings::refreshMappings(const Package& package, const std::filesystem::pa
             isComplete = false;
         }
     }
-    writeMappingList(versionDirectory, mergedMappingList(wanted, left));
+    if (const auto kept = mergedMappingList(wanted, left); kept != possible) {
+        // Mappings that came back with the power would be on no list any more.
+        flush();
+        writeMappingList(versionDirectory, kept, Common::Durability::Now);
+    }
     if (!isComplete) {
         throw Error(ErrorCode::Filesystem, "couldn't create mappings");
     }

@@ -73,7 +73,7 @@ void writeRecord(const Package& package, const PackageData& entries, const std::
         requireReadable(text, data);
         Common::NewFile file(directory, recordName);
         file.write(text);
-        file.commit();
+        file.commit(Common::Durability::Later);
     } catch (const std::exception& error) {
         const auto path = directory / recordName;
         Common::logError() << "couldn't write package record: " << error;
