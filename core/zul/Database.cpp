@@ -157,7 +157,7 @@ std::vector<std::pair<fs::path, PackageData>> Database::packages() {
     return result;
 }
 
-void Database::removeMappingsOf(const PackageDirectory& directory, const std::string& words) const {
+MappingList Database::removeMappingsOf(const PackageDirectory& directory, const std::string& words) const {
     std::vector<fs::path> versions;
     if (!directory.isSound(directory.current())) {
         // Whichever version was installed, its list is still in its directory.
@@ -166,13 +166,15 @@ void Database::removeMappingsOf(const PackageDirectory& directory, const std::st
     if (Common::leadsSomewhere(directory.current())) {
         versions.push_back(directory.current());
     }
+    MappingList left;
     for (const auto& version : versions) {
         try {
-            mappings_.removeMappings(version);
+            left = mergedMappingList(std::move(left), mappings_.removeMappings(version));
         } catch (const Error& error) {
             Common::logWarning() << words << error;
         }
     }
+    return left;
 }
 
 void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcept {

@@ -130,7 +130,7 @@ private:
     void stage(const Package& package, const PackageData& entries,
                const std::filesystem::path& extracted) const;
     void requireHigher(const Package& package, const PackageDirectory& directory);
-    void removeMappingsOf(const PackageDirectory& directory, const std::string& words) const;
+    MappingList removeMappingsOf(const PackageDirectory& directory, const std::string& words) const;
     void removeTempDirectory() const;
     void recoverPackage(const PackageDirectory& directory);
 

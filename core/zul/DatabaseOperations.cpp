@@ -138,14 +138,15 @@ void Database::completeUpgrade(const Package& package) {
         throw Error(ErrorCode::Internal,
                     "attempt to complete non-existent update for " + package.id() + " package");
     }
-    removeMappingsOf(directory, "couldn't remove package symlinks: " + package.id());
+    const auto left = removeMappingsOf(directory, "couldn't remove package symlinks: " + package.id());
     if (rename(directory.next().c_str(), directory.current().c_str()) != 0) {
         throw Error(ErrorCode::Filesystem,
                     "couldn't rename next directory to current for " + package.id() + " package");
     }
     Common::flushDirectory(directory.path());
     try {
-        mappings_.createMappings(package, directory.current());
+        // The only list that names what could not be removed goes with its version.
+        mappings_.createMappings(package, directory.current(), left);
         mappings_.flush();
     } catch (...) {
         if (unlink(directory.current().c_str()) != 0 && errno != ENOENT) {

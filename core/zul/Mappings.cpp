@@ -3,8 +3,10 @@
 #include "common/Files.h"
 #include "common/LogLine.h"
 #include "core/zul/Mapping.h"
-#include "core/zul/MappingList.h"
 #include "core/zul/MappingPlan.h"
+
+#include <algorithm>
+#include <iterator>
 
 namespace Core::ZUL {
 
@@ -30,7 +32,9 @@ void replaceWithMapping(const Mapping& mapping, const MappedFile& file, MappingK
     mapping.createMapping(file, kind);
 }
 
-void removeCreated(const std::vector<Mapping>& created) {
+/// @return whether all of them went
+bool removeCreated(const std::vector<Mapping>& created) {
+    bool isComplete = true;
     Common::logInfo() << "cleaning up created mappings";
     for (const auto& mapping : created) {
         try {
@@ -38,26 +42,31 @@ void removeCreated(const std::vector<Mapping>& created) {
         } catch (const Error& error) {
             Common::logWarning() << "couldn't clean up created mapping: " << quoted(mapping.target())
                                  << error;
+            isComplete = false;
         }
     }
+    return isComplete;
 }
 
 /// Removes one listed mapping if it is the package's own.
-void removeListed(SystemTree& tree, const std::string& target,
+/// @return false when that failed
+bool removeListed(SystemTree& tree, const std::string& target,
                   const std::filesystem::path& packageDirectory) {
     try {
         const Mapping mapping(tree, target);
         mapping.removePending();
         if (mapping.isMapping() && mapping.standsForFileIn(packageDirectory)) {
             mapping.remove();
-            return;
+            return true;
         }
         Common::logWarning() << "skip removing the generated package symlink, since it was most likely "
                                 "overwritten via rpm: "
                              << Common::quoted(target);
+        return true;
     } catch (const Error& error) {
         Common::logWarning() << "couldn't remove the generated package mapping: " << Common::quoted(target)
                              << error;
+        return false;
     }
 }
 
@@ -68,9 +77,10 @@ void Mappings::writeList(const Package& package, const std::filesystem::path& ve
                      Common::Durability::Later);
 }
 
-void Mappings::createMappings(const Package& package, const std::filesystem::path& versionDirectory) const {
+void Mappings::createMappings(const Package& package, const std::filesystem::path& versionDirectory,
+                              const MappingList& left) const {
     const auto plan = planMappings(package, versionDirectory);
-    writeMappingList(versionDirectory, plan.targets(), Common::Durability::Now);
+    writeMappingList(versionDirectory, mergedMappingList(plan.targets(), left), Common::Durability::Now);
     SystemTree tree(systemRoot_);
     std::vector<Mapping> created;
     created.reserve(plan.entries.size());
@@ -82,21 +92,25 @@ void Mappings::createMappings(const Package& package, const std::filesystem::pat
         } catch (const Error& error) {
             Common::logError() << "couldn't create mapping " << quoted(file.path()) << " -> "
                                << quoted(mapping.target()) << error;
-            removeCreated(created);
-            // Nothing is there any more that the list could speak of.
-            Common::removeTree(versionDirectory / mappingListName);
+            if (removeCreated(created) && left.empty()) {
+                // Nothing is there any more that the list could speak of, nor comes back with the power.
+                flush();
+                Common::removeTree(versionDirectory / mappingListName);
+            }
             throw Error(ErrorCode::Filesystem, "couldn't create mappings");
         }
         created.push_back(std::move(mapping));
     }
 }
 
-void Mappings::removeMappings(const std::filesystem::path& versionDirectory) const {
+MappingList Mappings::removeMappings(const std::filesystem::path& versionDirectory) const {
     const auto list = readMappingList(versionDirectory);
     SystemTree tree(systemRoot_);
-    for (const auto& target : list) {
-        removeListed(tree, target, versionDirectory.parent_path());
-    }
+    MappingList left;
+    std::copy_if(list.begin(), list.end(), std::back_inserter(left), [&](const auto& target) {
+        return !removeListed(tree, target, versionDirectory.parent_path());
+    });
+    return left;
 }
 
 void Mappings::flush() const { Common::flushFileSystem(systemRoot_); }

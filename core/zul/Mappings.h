@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/zul/MappingList.h"
 #include "core/zul/Package.h"
 
 #include <filesystem>
@@ -29,13 +30,17 @@ public:
                            const std::filesystem::path& versionDirectory) noexcept;
 
     /// Makes the mappings of a version and writes its list. Throws Filesystem "couldn't create mappings"
-    /// after removing what it made, with the cause in the log; BadPackage for names that cannot be mapped.
+    /// after removing what it made, and the list if all went, with the cause in the log; BadPackage for names
+    /// that cannot be mapped.
     /// @param versionDirectory  as it will stand in the mappings; in practice root / ID / "current"
-    void createMappings(const Package& package, const std::filesystem::path& versionDirectory) const;
+    /// @param left              what else the list is to name: the package's, and still to be removed
+    void createMappings(const Package& package, const std::filesystem::path& versionDirectory,
+                        const MappingList& left = {}) const;
 
     /// Removes the mappings in a version's list, as far as they are still the package's. Throws Filesystem
     /// when there is no list; other failures are logged.
-    void removeMappings(const std::filesystem::path& versionDirectory) const;
+    /// @return the targets at which removal failed
+    MappingList removeMappings(const std::filesystem::path& versionDirectory) const;
 
     /// Makes what is missing or outdated, removes the package's mappings that are in the list and no longer
     /// wanted, leaves what belongs to others. Throws Filesystem when some could not be made.

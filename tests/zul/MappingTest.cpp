@@ -1,7 +1,10 @@
 #include "core/zul/Mappings.h"
 #include "tests/zul/DatabaseTest.h"
 
+#include <array>
+#include <linux/capability.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace Testbed {
@@ -108,6 +111,32 @@ TEST_F(AMapping, ThatCannotBeMadeIsAnErrorWithItsCause) {
     fs::create_directory(version / "symlink.list");
     fs::create_directory(version / "symlink.list/x");
     EXPECT_ERROR(of.createMappings(app, version), Filesystem, "couldn't write lines to mapping list");
+}
+
+TEST_F(AMapping, ThatCouldNotBeRemovedStaysOnTheListUntilItCan) {
+    install(app, {{"bin/tool", "1"}, {"data/old", "1"}});
+    prepare(newer, {{"bin/tool", "2"}});
+    // Even root may not write into the directory without this capability.
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> capabilities{};
+    ASSERT_EQ(syscall(SYS_capget, &header, capabilities.data()), 0);
+    capabilities[0].effective &= ~(1U << CAP_DAC_OVERRIDE);
+    ASSERT_EQ(syscall(SYS_capset, &header, capabilities.data()), 0);
+    const auto share = system / "usr/share/com.example.app";
+    const auto list = dir() / "current/symlink.list";
+    fs::permissions(share, fs::perms(0555));
+    database.completeUpgrade(newer);
+    EXPECT_EQ(readFile(list), "/usr/bin/tool\n/usr/share/com.example.app/old\n");
+
+    // Of mappings that are rolled back as well.
+    EXPECT_THROW(of.createMappings(newer, extract({{"data/a", "x"}}), {"/usr/share/com.example.app/old"}),
+                 Error);
+    EXPECT_EQ(readFile(temp / "unpacked/symlink.list"),
+              "/usr/share/com.example.app/a\n/usr/share/com.example.app/old\n");
+    fs::permissions(share, fs::perms(0755));
+    database.refreshMappings(app.id());
+    EXPECT_EQ(readFile(list), "/usr/bin/tool\n");
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
 }
 
 TEST_F(AMapping, StaysBelowTheSystemRootWhoseLinksAreItsOwn) {
