@@ -1,7 +1,9 @@
 #include "tests/zul/DatabaseTest.h"
 #include "tests/zul/InterruptedProcess.h"
 
+#include <algorithm>
 #include <iostream>
+#include <regex>
 
 namespace Testbed {
 
@@ -152,6 +154,46 @@ TEST_P(AKilledProcess, LeavesNothingHalfDone) {
     }
     EXPECT_GT(point, 5U);
     std::cout << "killed at " << point - 1 << " points\n";
+}
+
+/// The place of the first of these calls from a place on.
+std::size_t find(const std::vector<std::string>& calls, const std::string& pattern, std::size_t from = 0) {
+    const auto isIt = [&](const auto& call) { return std::regex_search(call, std::regex(pattern)); };
+    return static_cast<std::size_t>(
+        std::find_if(calls.begin() + static_cast<std::ptrdiff_t>(from), calls.end(), isIt) - calls.begin());
+}
+
+TEST(LossOfPower, FindsOnDiskWhatTheNextStepReliesOn) {
+    for (const auto& operation : operations) {
+        if (operation.run == refuseInstall) {
+            continue;
+        }
+        SCOPED_TRACE(operation.name);
+        DatabaseOnDisk disk;
+        makeStateBefore(disk, operation, false);
+        const Package package(id, operation.unpacked.empty() ? "2" : operation.unpacked);
+        const auto calls = recordCalls([&] { operation.run(disk, package); });
+        const std::string flush = "^(fsync|syncfs)$";
+        // Of a removal the change that counts is that the links go.
+        const auto published =
+            find(calls, operation.run == removeIt ? "^remove .*/current$" : "^link .*/(current|next)$");
+        ASSERT_LT(published, calls.size());
+        const auto flushed = find(calls, flush, published);
+        ASSERT_LT(flushed, calls.size());
+        if (operation.run == install || operation.run == prepareUpgrade || operation.run == removeIt) {
+            // What is published was unpacked, and the mappings are gone.
+            EXPECT_LT(find(calls, "^syncfs$"), published);
+        }
+        // The record and list of a version, and all else in it, go by their bare names.
+        const auto deleted = find(calls, "^remove (quenra.pkg|symlink.list)$");
+        EXPECT_EQ(deleted < calls.size(), operation.name != "Install" && operation.run != prepareUpgrade);
+        EXPECT_LT(flushed, deleted);
+        // Mappings are on disk before success is reported or the version goes whose list names old ones.
+        if (operation.run != prepareUpgrade && operation.run != recover && operation.run != restart) {
+            const auto mapped = find(calls, operation.run == removeIt ? "^remove tool$" : "^link tool$");
+            EXPECT_LT(find(calls, "^syncfs$", mapped), std::min(deleted, calls.size()));
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(In, AKilledProcess, testing::Combine(testing::ValuesIn(operations), testing::Bool()),

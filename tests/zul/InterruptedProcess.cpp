@@ -11,6 +11,7 @@
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -43,10 +44,10 @@ constexpr sock_filter jump(int test, long value, unsigned char ifTrue, unsigned 
 }
 constexpr sock_filter answer(unsigned action) { return BPF_STMT(BPF_RET | BPF_K, action); }
 
-std::vector<sock_filter> filter(unsigned onChange) {
+std::vector<sock_filter> filter(unsigned onChange, unsigned onFlush) {
     std::vector<sock_filter> program{load(offsetof(seccomp_data, nr))};
     for (const auto call : flushingCalls) {
-        program.insert(program.end(), {jump(BPF_JEQ, call, 0, 1), answer(SECCOMP_RET_ERRNO)});
+        program.insert(program.end(), {jump(BPF_JEQ, call, 0, 1), answer(onFlush)});
     }
     for (const auto call : changingCalls) {
         program.insert(program.end(), {jump(BPF_JEQ, call, 0, 1), answer(onChange)});
@@ -63,10 +64,11 @@ std::vector<sock_filter> filter(unsigned onChange) {
     return program;
 }
 
-[[noreturn]] void runChild(unsigned onChange, const std::function<void()>& action) {
+[[noreturn]] void runChild(const std::function<void()>& action, unsigned onChange,
+                           unsigned onFlush = SECCOMP_RET_ERRNO) {
     // The end of a test's child must be quick and quiet.
     dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
-    auto program = filter(onChange);
+    auto program = filter(onChange, onFlush);
     const sock_fprog description{static_cast<unsigned short>(program.size()), program.data()};
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &description, 0, 0) != 0) {
@@ -95,28 +97,33 @@ End endOf(int status) {
 End runInChild(const std::function<void()>& action) {
     const pid_t child = fork();
     if (child == 0) {
-        runChild(SECCOMP_RET_ALLOW, action);
+        runChild(action, SECCOMP_RET_ALLOW);
     }
     int status = 0;
     waitpid(child, &status, 0);
     return endOf(status);
 }
 
-End runInterrupted(unsigned callsBefore, const std::function<void()>& action) {
+namespace {
+
+/// Runs an action in a child that stops before each call the filter traces.
+/// @param atCall  returns whether the child is to go on; it is killed otherwise
+End runTraced(const std::function<void()>& action, unsigned onFlush,
+              const std::function<bool(pid_t)>& atCall) {
     const pid_t child = fork();
     if (child == 0) {
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
         raise(SIGSTOP);
-        runChild(SECCOMP_RET_TRACE, action);
+        runChild(action, SECCOMP_RET_TRACE, onFlush);
     }
     int status = 0;
     waitpid(child, &status, 0);
     if (ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESECCOMP | PTRACE_O_EXITKILL) != 0) {
         throw std::runtime_error("couldn't trace a child process");
     }
-    for (unsigned calls = 0; WIFSTOPPED(status);) {
-        const bool isChange = status >> 8 == (SIGTRAP | (PTRACE_EVENT_SECCOMP << 8));
-        if (isChange && calls++ == callsBefore) {
+    while (WIFSTOPPED(status)) {
+        const bool isCall = status >> 8 == (SIGTRAP | (PTRACE_EVENT_SECCOMP << 8));
+        if (isCall && !atCall(child)) {
             kill(child, SIGKILL);
         } else {
             ptrace(PTRACE_CONT, child, nullptr, nullptr);
@@ -124,6 +131,60 @@ End runInterrupted(unsigned callsBefore, const std::function<void()>& action) {
         waitpid(child, &status, 0);
     }
     return endOf(status);
+}
+
+std::string textAt(pid_t child, __u64 address) {
+    std::string text(256, '\0');
+    iovec here{text.data(), text.size()};
+    iovec there{reinterpret_cast<void*>(address), text.size()}; // NOLINT: of another process
+    static_cast<void>(process_vm_readv(child, &here, 1, &there, 1, 0));
+    return text.c_str();
+}
+
+std::string nameOfCall(pid_t child) {
+    __ptrace_syscall_info info{};
+    ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info);
+    const auto& arguments = info.seccomp.args;
+    switch (info.seccomp.nr) {
+    case SYS_fsync:
+        return "fsync";
+    case SYS_syncfs:
+        return "syncfs";
+#ifdef SYS_unlink
+    case SYS_rename:
+    case SYS_symlink:
+        return "link " + textAt(child, arguments[1]);
+    case SYS_unlink:
+        return "remove " + textAt(child, arguments[0]);
+#endif
+    case SYS_symlinkat:
+        return "link " + textAt(child, arguments[2]);
+    case SYS_renameat2:
+        return "link " + textAt(child, arguments[3]);
+    case SYS_unlinkat:
+        return "remove " + textAt(child, arguments[1]);
+    default:
+        return "change";
+    }
+}
+
+} // namespace
+
+End runInterrupted(unsigned callsBefore, const std::function<void()>& action) {
+    return runTraced(action, SECCOMP_RET_ERRNO,
+                     [&, calls = 0U](pid_t /*child*/) mutable { return calls++ != callsBefore; });
+}
+
+std::vector<std::string> recordCalls(const std::function<void()>& action) {
+    std::vector<std::string> calls;
+    const auto end = runTraced(action, SECCOMP_RET_TRACE, [&](pid_t child) {
+        calls.push_back(nameOfCall(child));
+        return true;
+    });
+    if (end != End::Finished) {
+        throw std::runtime_error("the recorded action failed");
+    }
+    return calls;
 }
 
 } // namespace Testbed

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <functional>
+#include <string>
+#include <vector>
 
 namespace Testbed {
 
@@ -13,7 +15,13 @@ enum class End { Finished, Failed, Killed };
 /// @return Failed when the action threw
 End runInterrupted(unsigned callsBefore, const std::function<void()>& action);
 
-/// The same without an interruption.
+/// Runs an action in a child process to its end.
+/// @return in their order the calls that change a file system, "change", those that put a name in place or
+///         take one away with the path, as "link PATH" and "remove PATH", and those that wait for the disk:
+///         "fsync", "syncfs"
+std::vector<std::string> recordCalls(const std::function<void()>& action);
+
+/// The same as runInterrupted() without an interruption.
 End runInChild(const std::function<void()>& action);
 
 } // namespace Testbed
