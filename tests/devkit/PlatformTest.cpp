@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <fstream>
+#include <stdexcept>
 
 using namespace Testbed;
 using testing::HasSubstr;
@@ -29,15 +30,21 @@ std::size_t countProcessesOf(const std::string& directory) {
     return count;
 }
 
+/// Waits for the child: a process gets its name when it begins its program.
 pid_t childOf(pid_t parent, const std::string& name) {
-    const auto process = "/proc/" + std::to_string(parent);
-    std::ifstream stream(process + "/task/" + std::to_string(parent) + "/children");
-    for (pid_t child = 0; stream >> child;) {
-        if (readFile("/proc/" + std::to_string(child) + "/comm") == name + "\n") {
-            return child;
+    pid_t found = 0;
+    const auto find = [&] {
+        const auto process = "/proc/" + std::to_string(parent);
+        std::ifstream stream(process + "/task/" + std::to_string(parent) + "/children");
+        for (pid_t child = 0; found == 0 && stream >> child;) {
+            found = readFile("/proc/" + std::to_string(child) + "/comm") == name + "\n" ? child : 0;
         }
+        return found != 0;
+    };
+    if (!waitUntil(find)) {
+        throw std::runtime_error("no process " + name);
     }
-    return -1;
+    return found;
 }
 
 /// Ends a platform, whose command has left a process behind that nobody waits for, and looks for remains.
@@ -45,7 +52,7 @@ void expectNothingLeftAfter(const std::function<void(pid_t platform, pid_t keepe
     static const ScratchDirectory keys;
     const ScratchDirectory scratch;
     const std::string script =
-        "(setsid sleep 1000 &); touch $VENDARA_DEVKIT_DIRECTORY/ready; exec sleep 1000";
+        "(setsid tail -f /dev/null &); touch $VENDARA_DEVKIT_DIRECTORY/ready; exec sleep 1000";
     Process platform({program, "--keys", keys.path() / "keys", "--", "sh", "-c", script},
                      {.environment = {{"TMPDIR", scratch.path()}}});
     std::string directory;
