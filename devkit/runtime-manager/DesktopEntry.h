@@ -6,8 +6,8 @@
 
 namespace Devkit {
 
-/// What an application's desktop entry says about starting it (Desktop Entry Specification 1.5,
-/// freedesktop.org). A plain value.
+/// What an application's desktop entry, in freedesktop.org's format 1.5, says about starting it. A plain
+/// value.
 struct DesktopEntry {
     std::filesystem::path file;
     std::string name; ///< key "Name"

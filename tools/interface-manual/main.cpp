@@ -1,7 +1,6 @@
-// Renders the manual of a bus interface from its introspection XML (D-Bus Specification, "Introspection Data
-// Format"). The comment before an element describes it: its first paragraph the element itself, a line
-// "name: text" and the lines up to the next one the argument of that name. The comment before <node> opens
-// the manual.
+// Renders the manual of a bus interface from its D-Bus introspection XML. The comment before an element
+// describes it: its first paragraph the element itself, a line "name: text" and the lines up to the next one
+// the argument of that name. The comment before <node> opens the manual.
 
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
