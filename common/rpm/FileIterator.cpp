@@ -8,11 +8,13 @@
 
 #include <array>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Common::Rpm {
 
@@ -63,18 +65,40 @@ UniqueFd openAtPayload(const Reader& reader) {
     return file;
 }
 
+// A header that names no compressor may have a payload without compression: librpm's gzip reader lets it
+// through.
+bool beginsLikeGzip(const UniqueFd& file) {
+    std::array<unsigned char, 2> magic{};
+    const off_t place = lseek(file.get(), 0, SEEK_CUR);
+    return pread(file.get(), magic.data(), magic.size(), place) == 2 && magic[0] == 0x1f && magic[1] == 0x8b;
+}
+
+/// Keeps this thread from running signal handlers, as one would cut short a read from a GzipStream.
+class SignalsHeldBack {
+public:
+    SignalsHeldBack() {
+        sigset_t held;
+        sigfillset(&held);
+        for (const int fault : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGTRAP}) {
+            sigdelset(&held, fault);
+        }
+        pthread_sigmask(SIG_SETMASK, &held, &before_);
+    }
+    ~SignalsHeldBack() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsHeldBack(const SignalsHeldBack&) = delete;
+    SignalsHeldBack& operator=(const SignalsHeldBack&) = delete;
+
+private:
+    sigset_t before_{};
+};
+
 } // namespace
 
 FileIterator::FileIterator(const Reader& reader)
     : files_(rpmfilesNew(nullptr, reader.header(), RPMTAG_BASENAMES, unusedTags), rpmfilesFree)
     , payload_(nullptr, Fclose)
     , iterator_(nullptr, rpmfiFree) {
-    const char* mode = payloadMode(reader.header());
-    const auto file = openAtPayload(reader);
-    payload_.reset(fdDup(file.get()));
-    if (!files_ || !payload_ || Fdopen(payload_.get(), mode) == nullptr) {
-        throwNotOpened();
-    }
+    openPayload(reader);
     requireShortLinks();
     iterator_.reset(
         rpmfiNewArchiveReader(payload_.get(), files_.get(), RPMFI_ITER_READ_ARCHIVE_CONTENT_FIRST));
@@ -82,6 +106,19 @@ FileIterator::FileIterator(const Reader& reader)
         throwNotOpened();
     }
     seen_.resize(rpmfilesFC(files_.get()));
+}
+
+void FileIterator::openPayload(const Reader& reader) {
+    const char* mode = payloadMode(reader.header());
+    auto file = openAtPayload(reader);
+    const bool isGzip = std::string_view(mode) == "r.gzdio" && beginsLikeGzip(file);
+    if (isGzip) {
+        gzip_.emplace(std::move(file));
+    }
+    payload_.reset(fdDup(isGzip ? gzip_->descriptor() : file.get()));
+    if (!files_ || !payload_ || (!isGzip && Fdopen(payload_.get(), mode) == nullptr)) {
+        throwNotOpened();
+    }
 }
 
 // librpm reads a link's target into memory that it allocates by the size in the header.
@@ -94,7 +131,10 @@ void FileIterator::requireShortLinks() const {
 }
 
 bool FileIterator::next() {
-    const int result = rpmfiNext(iterator_.get());
+    const int result = [&] {
+        const SignalsHeldBack guard;
+        return rpmfiNext(iterator_.get());
+    }();
     if (result == RPMERR_ITER_END) {
         checkComplete();
         return false;
@@ -152,6 +192,7 @@ FileDigest FileIterator::digest() const {
 }
 
 std::size_t FileIterator::read(std::span<char> buffer) {
+    const SignalsHeldBack guard;
     std::size_t total = 0;
     while (total < buffer.size()) {
         const auto count = rpmfiArchiveRead(iterator_.get(), buffer.data() + total, buffer.size() - total);

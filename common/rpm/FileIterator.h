@@ -1,12 +1,14 @@
 #pragma once
 
 #include "common/rpm/ContentDigest.h"
+#include "common/rpm/GzipStream.h"
 #include "common/rpm/Reader.h"
 
 #include <rpm/rpmfi.h>
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <sys/types.h>
@@ -57,10 +59,12 @@ public:
     }
 
 private:
+    void openPayload(const Reader& reader);
     void requireShortLinks() const;
     void markSeen(int index);
     void checkComplete() const;
 
+    std::optional<GzipStream> gzip_; ///< what payload_ reads from, if it is gzip
     std::unique_ptr<std::remove_pointer_t<rpmfiles>, rpmfiles (*)(rpmfiles)> files_;
     std::unique_ptr<std::remove_pointer_t<FD_t>, int (*)(FD_t)> payload_;
     std::unique_ptr<std::remove_pointer_t<rpmfi>, rpmfi (*)(rpmfi)> iterator_;
