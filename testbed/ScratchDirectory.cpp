@@ -39,8 +39,8 @@ std::string digestOfTree(const fs::path& directory) {
     for (const auto& entry : fs::recursive_directory_iterator(directory)) {
         std::ostringstream line;
         const auto status = entry.symlink_status();
-        line << entry.path().native() << ' ' << static_cast<int>(status.type()) << ' ' << std::oct
-             << static_cast<unsigned>(status.permissions()) << ' ';
+        line << entry.path().lexically_relative(directory).native() << ' ' << static_cast<int>(status.type())
+             << ' ' << std::oct << static_cast<unsigned>(status.permissions()) << ' ';
         if (fs::is_symlink(status)) {
             line << fs::read_symlink(entry.path()).native();
         } else if (fs::is_regular_file(status)) {

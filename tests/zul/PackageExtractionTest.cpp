@@ -291,6 +291,24 @@ TEST_F(AnExtraction, WritesIntoNothingThatWasThereBefore) {
     EXPECT_THAT(log.text(), HasSubstr("libexec"));
 }
 
+TEST_F(AnExtraction, UnpacksALargeFileAndManyFiles) {
+    const std::string data = "/usr/share/com.example.app";
+    const auto file = buildPackage(
+        scratch.path(), {.payload = "w1.zstdio",
+                         .installScript = "mkdir -p %{buildroot}" + data + "; cd %{buildroot}" + data +
+                                          "; seq 99999999 | head -c 209715200 > large; "
+                                          "seq 20000 | split -l 1 -a 4 - small.",
+                         .fileList = "%config " + data});
+    const auto reference = scratch.path() / "reference";
+    fs::create_directory(reference);
+    ASSERT_EQ(run({"sh", "-c", "rpm2cpio " + file.string() + " | cpio -idm --quiet"},
+                  {.environment = {}, .directory = reference, .input = {}})
+                  .status,
+              0);
+    Package("com.example.app", "1").extract(file, destination);
+    EXPECT_TRUE(digestOfTree(destination / "data") == digestOfTree(reference / data.substr(1)));
+}
+
 TEST_F(AnExtraction, NeverTakesADamagedPayloadForAWholeOne) {
     std::string text;
     for (int line = 0; line < 3000; ++line) {
