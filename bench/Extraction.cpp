@@ -1,6 +1,6 @@
 // Unpacks a package of one large file and one of many small files, per compressor, side by side with the
-// usual tools, and prints the medians. Usage: bench-extraction [rounds]. Works below the temporary directory;
-// run it alone.
+// usual tools, and prints the medians. Usage: bench-extraction [rounds [only]], where "only" is a part of the
+// titles, for example "large" or "gzdio". Works below the temporary directory; run it alone.
 
 #include "common/UniqueFd.h"
 #include "core/zul/Package.h"
@@ -120,6 +120,7 @@ void compare(const char* title, const fs::path& scratch, const fs::path& package
 
 int main(int argc, char** argv) try {
     const int rounds = argc > 1 ? std::atoi(argv[1]) : 5;
+    const std::string only = argc > 2 ? argv[2] : "";
     const Testbed::ScratchDirectory scratch;
     setenv("HOME", scratch.path().c_str(), 1);
     fs::create_directories(scratch.path() / "large");
@@ -129,10 +130,14 @@ int main(int argc, char** argv) try {
     std::printf("%-22s %8s %8s %8s   ours / faster\n", "seconds, median", "ours", "cpio", "bsdtar");
     for (const std::string source : {"many", "large"}) {
         for (const std::string payload : {"w6.gzdio", "w0.xzdio", "w3.zstdio", "w9.bzdio"}) {
+            const auto title = source + " " + payload;
+            if (title.find(only) == std::string::npos) {
+                continue;
+            }
             const auto package =
                 makePackage(scratch.path(), source + "." + payload.substr(payload.find('.') + 1), "%config",
                             payload, scratch.path() / source);
-            compare((source + " " + payload).c_str(), scratch.path(), package, rounds);
+            compare(title.c_str(), scratch.path(), package, rounds);
         }
     }
     return 0;
