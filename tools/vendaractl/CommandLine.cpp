@@ -1,5 +1,6 @@
 #include "tools/vendaractl/CommandLine.h"
 
+#include "common/BusText.h"
 #include "tools/vendaractl/Text.h"
 
 #include <CLI/CLI.hpp>
@@ -13,12 +14,13 @@ namespace Vendaractl {
 
 namespace {
 
-// What is wrong with an argument, or nothing. The bus carries strings of UTF-8 only.
+// What is wrong with an argument, or nothing.
 std::string problemOfText(const std::string& text) {
     if (text.empty()) {
         return "an argument is empty";
     }
-    return isUtf8(text) ? "" : printable(text) + ": is no UTF-8, which the bus does not carry";
+    return Common::isBusText(text) ? ""
+                                   : printable(text) + ": the bus carries only UTF-8 without noncharacters";
 }
 
 // The service runs as the same user: what this program cannot read, it cannot either.

@@ -1,5 +1,7 @@
 #include "tools/vendaractl/Text.h"
 
+#include "common/Utf8.h"
+
 #include <cwchar>
 #include <iomanip>
 #include <sstream>
@@ -8,45 +10,13 @@ namespace Vendaractl {
 
 namespace {
 
-struct Character {
-    char32_t code;
-    std::size_t length;
-    bool valid;
-};
-
-// Decodes the character at the front of a text that is not empty. Overlong forms, surrogates and numbers past
-// the last plane are no characters.
-Character decode(std::string_view text) {
-    const auto byte = [text](std::size_t index) { return static_cast<unsigned char>(text[index]); };
-    const unsigned char first = byte(0);
-    if (first < 0x80) {
-        return {first, 1, true};
-    }
-    const std::size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
-    if (first < 0xc2 || first > 0xf4 || text.size() < length) {
-        return {first, 1, false};
-    }
-    char32_t code = first & (0xffU >> (length + 1));
-    for (std::size_t index = 1; index < length; ++index) {
-        if ((byte(index) & 0xc0U) != 0x80) {
-            return {first, 1, false};
-        }
-        code = (code << 6U) | (byte(index) & 0x3fU);
-    }
-    const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
-    if (overlong || (code >= 0xd800 && code <= 0xdfff) || code > 0x10ffff) {
-        return {first, 1, false};
-    }
-    return {code, length, true};
-}
-
 bool steersTerminal(char32_t code) {
     return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x61c || code == 0x200e ||
            code == 0x200f || (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069) ||
            code == 0xfeff;
 }
 
-std::string escaped(const Character& character) {
+std::string escaped(const Common::Utf8Character& character) {
     std::ostringstream out;
     out << std::hex << std::setfill('0');
     if (!character.valid || character.code < 0x80) {
@@ -62,7 +32,7 @@ std::string escaped(const Character& character) {
 std::string printable(std::string_view text) {
     std::string result;
     while (!text.empty()) {
-        const auto character = decode(text);
+        const auto character = Common::decodeUtf8(text);
         if (!character.valid || steersTerminal(character.code)) {
             result += escaped(character);
         } else {
@@ -77,7 +47,7 @@ std::string fitted(std::string_view text, std::size_t columns) {
     std::size_t length = 0;
     std::size_t used = 0;
     while (length < text.size()) {
-        const auto character = decode(text.substr(length));
+        const auto character = Common::decodeUtf8(text.substr(length));
         // What the C library does not know is counted as wide: too short a line does no harm.
         const int width = wcwidth(static_cast<wchar_t>(character.code));
         used += width < 0 ? 2 : static_cast<std::size_t>(width);
@@ -87,17 +57,6 @@ std::string fitted(std::string_view text, std::size_t columns) {
         length += character.length;
     }
     return std::string(text.substr(0, length));
-}
-
-bool isUtf8(std::string_view text) {
-    while (!text.empty()) {
-        const auto character = decode(text);
-        if (!character.valid) {
-            return false;
-        }
-        text.remove_prefix(character.length);
-    }
-    return true;
 }
 
 std::string describe(Common::ErrorCode code) {

@@ -16,9 +16,6 @@ namespace Vendaractl {
 /// characters that take two columns are counted as two.
 [[nodiscard]] std::string fitted(std::string_view text, std::size_t columns);
 
-/// Whether the text is valid UTF-8, as every string on the bus must be.
-[[nodiscard]] bool isUtf8(std::string_view text);
-
 /// An operation's error code in words, without the number. Codes that are not assigned have words, too.
 [[nodiscard]] std::string describe(Common::ErrorCode code);
 
