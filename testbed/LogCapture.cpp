@@ -1,9 +1,10 @@
 #include "testbed/LogCapture.h"
 
+#include "testbed/ScratchDirectory.h"
+
 #include <fcntl.h>
 #include <sstream>
 #include <sys/mman.h>
-#include <sys/stat.h>
 
 namespace Testbed {
 
@@ -15,14 +16,7 @@ LogCapture::LogCapture()
 
 LogCapture::~LogCapture() { dup2(previous_.get(), STDERR_FILENO); }
 
-std::string LogCapture::text() const {
-    struct stat status {};
-    fstat(file_.get(), &status);
-    std::string text(static_cast<std::size_t>(status.st_size), '\0');
-    const auto count = pread(file_.get(), text.data(), text.size(), 0);
-    text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
-    return text;
-}
+std::string LogCapture::text() const { return readFile(file_); }
 
 std::vector<std::string> LogCapture::lines() const {
     std::vector<std::string> lines;

@@ -1,12 +1,13 @@
 #include "testbed/Process.h"
 
+#include "testbed/ScratchDirectory.h"
+
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
@@ -97,14 +98,7 @@ int Process::wait(std::chrono::milliseconds limit) {
 
 bool Process::isRunning() { return wait(std::chrono::milliseconds(0)) < 0; }
 
-std::string Process::output() const {
-    struct stat status {};
-    fstat(output_.get(), &status);
-    std::string text(static_cast<std::size_t>(status.st_size), '\0');
-    const auto count = pread(output_.get(), text.data(), text.size(), 0);
-    text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
-    return text;
-}
+std::string Process::output() const { return readFile(output_); }
 
 ProcessResult run(const std::vector<std::string>& arguments, const Process::Options& options) {
     Process process(arguments, options);

@@ -34,6 +34,11 @@ std::string readFile(const fs::path& file) {
     return content.str();
 }
 
+std::string readFile(const Common::UniqueFd& file) {
+    // Opened anew it has an offset of its own.
+    return readFile("/proc/self/fd/" + std::to_string(file.get()));
+}
+
 std::string digestOfTree(const fs::path& directory) {
     std::set<std::string> lines;
     for (const auto& entry : fs::recursive_directory_iterator(directory)) {

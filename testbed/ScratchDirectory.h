@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/UniqueFd.h"
+
 #include <filesystem>
 #include <string>
 
@@ -23,6 +25,8 @@ private:
 void writeFile(const std::filesystem::path& file, const std::string& content);
 
 [[nodiscard]] std::string readFile(const std::filesystem::path& file);
+/// The same of an open file, wherever its offset is.
+[[nodiscard]] std::string readFile(const Common::UniqueFd& file);
 
 /// A line for everything below a directory: path, mode, link target or content hash. Equal before and after
 /// means that nothing was touched.
