@@ -48,7 +48,8 @@ enum class Outside {
                                                          std::size_t limit);
 
 /// Deletes a file, a link or a directory with all that is in it, however deep. Links are deleted, never
-/// followed. What does not exist is no failure; the first failure ends it.
+/// followed. Directories in it that their owner may not write or search are made accessible first, as far as
+/// they are the caller's. What does not exist is no failure; the first failure ends it.
 void removeTree(const std::filesystem::path& path);
 
 /// Waits until a directory's own entries are on disk.

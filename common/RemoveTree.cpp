@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <string>
+#include <sys/stat.h>
 
 namespace Common {
 
@@ -14,6 +15,32 @@ struct CloseDirectory {
     void operator()(DIR* directory) const { closedir(directory); }
 };
 using Directory = std::unique_ptr<DIR, CloseDirectory>;
+
+/// After a failure: whether it makes sense to try again, since the directory denied its own owner something
+/// and does so no longer. Leaves errno as it was.
+/// @param directory  may be open with O_PATH, which fchmod(2) does not take
+bool unlocked(int directory) {
+    const int error = errno;
+    struct stat status {};
+    const auto place = "/proc/self/fd/" + std::to_string(directory);
+    const bool isUnlocked = error == EACCES && fstat(directory, &status) == 0 &&
+                            (status.st_mode & S_IRWXU) != S_IRWXU &&
+                            chmod(place.c_str(), (status.st_mode & 07777U) | S_IRWXU) == 0;
+    errno = error;
+    return isUnlocked;
+}
+
+bool removeName(int directory, const std::string& name, int flags) {
+    return unlinkat(directory, name.c_str(), flags) == 0 ||
+           (unlocked(directory) && unlinkat(directory, name.c_str(), flags) == 0);
+}
+
+/// A descriptor of a directory itself, not of what a link leads to.
+UniqueFd openItself(int parent, const char* name, int flags) {
+    return UniqueFd(openat(parent, name, flags | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+bool unlocked(int parent, const char* name) { return unlocked(openItself(parent, name, O_PATH).get()); }
 
 /// Deletes what a directory holds. Each level takes a descriptor; what lies deeper than the limit is moved up
 /// to the top and deleted from there, so that no depth of tree exhausts them.
@@ -37,7 +64,10 @@ private:
     [[noreturn]] void fail() const { throw filesystemError("couldn't remove " + path_.native()); }
 
     Directory openDirectory(int parent, const char* name) const {
-        UniqueFd fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        auto fd = openItself(parent, name, O_RDONLY);
+        if (!fd && unlocked(parent, name)) {
+            fd = openItself(parent, name, O_RDONLY);
+        }
         Directory directory(fd ? fdopendir(fd.get()) : nullptr);
         if (!directory) {
             fail();
@@ -60,14 +90,14 @@ private:
 
     void removeEntry(int directory, const std::string& name, bool isDirectory, int depth) {
         if (!isDirectory) {
-            if (unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT) {
+            if (removeName(directory, name, 0) || errno == ENOENT) {
                 return;
             }
             if (errno != EISDIR) {
                 fail();
             }
         }
-        if (unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0) {
+        if (removeName(directory, name, AT_REMOVEDIR)) {
             return;
         }
         if (errno != ENOTEMPTY && errno != EEXIST) {
@@ -78,7 +108,7 @@ private:
             return;
         }
         empty(openDirectory(directory, name.c_str()).get(), depth + 1);
-        if (unlinkat(directory, name.c_str(), AT_REMOVEDIR) != 0) {
+        if (!removeName(directory, name, AT_REMOVEDIR)) {
             fail();
         }
     }
@@ -90,7 +120,9 @@ private:
                 hoistedAny_ = true;
                 return;
             }
-        } while (errno == ENOTEMPTY || errno == EEXIST || errno == ENOTDIR);
+            // To move a directory is to write its "..".
+        } while (errno == ENOTEMPTY || errno == EEXIST || errno == ENOTDIR ||
+                 unlocked(directory, name.c_str()));
         fail();
     }
 

@@ -1,3 +1,4 @@
+#include "common/Files.h"
 #include "common/LogLine.h"
 #include "devkit/start/Platform.h"
 #include "devkit/start/Supervisor.h"
@@ -43,21 +44,11 @@ std::filesystem::path makeScratchDirectory() {
     return path;
 }
 
-// Packages may have made directories that not even their owner may write.
-void removeTree(const std::filesystem::path& directory) noexcept {
-    namespace fs = std::filesystem;
-    std::error_code error;
-    const auto options = fs::directory_options::skip_permission_denied;
-    fs::permissions(directory, fs::perms::owner_all, fs::perm_options::add, error);
-    for (fs::recursive_directory_iterator entry(directory, options, error), end; !error && entry != end;
-         entry.increment(error)) {
-        if (entry->symlink_status(error).type() == fs::file_type::directory) {
-            fs::permissions(entry->path(), fs::perms::owner_all, fs::perm_options::add, error);
-        }
-    }
-    fs::remove_all(directory, error);
-    if (error) {
-        Common::logError() << "couldn't remove " << Common::quoted(directory) << ": " << error.message();
+void removeScratch(const std::filesystem::path& directory) noexcept {
+    try {
+        Common::removeTree(directory);
+    } catch (const std::exception& error) {
+        Common::logError() << error;
     }
 }
 
@@ -94,7 +85,7 @@ int keep(const std::filesystem::path& scratch, const Options& options) {
     } catch (const std::exception& error) {
         std::cerr << "vendara-devkit: " << error.what() << std::endl;
     }
-    removeTree(scratch);
+    removeScratch(scratch);
     return status;
 }
 
@@ -129,7 +120,7 @@ int guard(const Options& options) {
         supervisor.adopt("keeper", keeper);
         status = waitForKeeper(supervisor);
     }
-    removeTree(scratch);
+    removeScratch(scratch);
     return status;
 }
 

@@ -8,8 +8,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
+#include <linux/capability.h>
 #include <map>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace Testbed {
 
@@ -42,6 +46,15 @@ inline std::string extendedAttribute(const fs::path& file, const char* name) {
     const auto size = lgetxattr(file.c_str(), name, value.data(), value.size());
     value.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
     return value;
+}
+
+/// Takes away that even root is denied nothing by the modes of files.
+inline void heedModes() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> capabilities{};
+    ASSERT_EQ(syscall(SYS_capget, &header, capabilities.data()), 0);
+    capabilities[0].effective &= ~(1U << CAP_DAC_OVERRIDE | 1U << CAP_DAC_READ_SEARCH);
+    ASSERT_EQ(syscall(SYS_capset, &header, capabilities.data()), 0);
 }
 
 /// A database on a real file system, with a system root of its own.

@@ -174,17 +174,19 @@ TEST_F(Hostility, OfPayloadsCannotBringRecordsListsOrWaysOut) {
     EXPECT_EQ(digestOfTree(outside()), before);
 }
 
-TEST_F(Hostility, OfDepthDoesNotStopRemoval) {
+TEST_F(Hostility, OfDepthAndModesDoesNotStopRemoval) {
     const auto top = temp / "deep";
     fs::create_directories(top);
     int directory = open(top.c_str(), O_PATH);
     for (int depth = 0; depth < 3000; ++depth) {
         ASSERT_EQ(mkdirat(directory, "d", 0700), 0);
         const int below = openat(directory, "d", O_PATH);
+        fs::permissions("/proc/self/fd/" + std::to_string(directory), fs::perms((depth % 8) << 6));
         close(directory);
         directory = below;
     }
     close(directory);
+    heedModes();
     Common::removeTree(top);
     EXPECT_FALSE(fs::exists(top));
 }
