@@ -123,11 +123,23 @@ void replaceLink(const std::filesystem::path& link, const std::filesystem::path&
     }
 }
 
-NewFile::NewFile(const std::filesystem::path& directory, const std::string& name)
+void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path) {
+    while (!bytes.empty()) {
+        const auto count = write(descriptor, bytes.data(), bytes.size());
+        if (count < 0 && errno != EINTR) {
+            throw filesystemError("couldn't write " + path.native());
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+}
+
+NewFile::NewFile(const std::filesystem::path& directory, const std::string& name, const Options& options)
     : final_(directory / name)
-    , pending_(directory / ("." + name + ".new")) {
+    , pending_(directory / (options.pendingName.empty() ? "." + name + ".new" : options.pendingName))
+    , mode_(options.mode) {
     removeTree(pending_);
-    file_ = UniqueFd(open(pending_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    file_ = UniqueFd(
+        open(pending_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode_ ? 0600 : 0644));
     if (!file_) {
         throw filesystemError("couldn't create " + pending_.native());
     }
@@ -139,17 +151,10 @@ NewFile::~NewFile() {
     }
 }
 
-void NewFile::write(std::string_view content) {
-    while (!content.empty()) {
-        const auto count = ::write(file_.get(), content.data(), content.size());
-        if (count < 0 && errno != EINTR) {
-            throw filesystemError("couldn't write " + pending_.native());
-        }
-        content.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    }
-}
-
 void NewFile::commit(Durability durability) {
+    if (mode_ && fchmod(file_.get(), *mode_) != 0) {
+        throw filesystemError("couldn't set the mode of " + pending_.native());
+    }
     // The content first: a name on disk without it would be an empty file.
     if (durability == Durability::Now && fsync(file_.get()) != 0) {
         throw filesystemError("couldn't flush " + pending_.native());

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace Common {
 
@@ -67,21 +68,38 @@ enum class Durability {
     Now,   ///< content and name, before anything goes on
 };
 
+/// Writes all bytes at the descriptor's offset.
+/// @param path  names the file in the error
+void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path);
+
 /// A file that appears under its name whole or not at all, in place of whatever file or link had the name.
-/// Until then it lies beside it under another name.
+/// Until then it lies beside it under another name, readable and writable for its owner alone if a mode is
+/// asked for. Used by one thread.
 class NewFile {
 public:
-    NewFile(const std::filesystem::path& directory, const std::string& name);
+    struct Options {
+        std::optional<mode_t> mode = {}; ///< its permission bits; else 0644 as far as the umask lets them be
+        /// The other name. The usual one takes the place of what an interrupted process left, and so is for
+        /// directories that one process at a time writes to.
+        std::string pendingName = {};
+    };
+
+    NewFile(const std::filesystem::path& directory, const std::string& name)
+        : NewFile(directory, name, Options{}) {}
+    NewFile(const std::filesystem::path& directory, const std::string& name, const Options& options);
     ~NewFile();
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
 
-    void write(std::string_view content);
+    /// To read what was written; it is appended at the descriptor's offset.
+    [[nodiscard]] int descriptor() const { return file_.get(); }
+    void write(std::string_view content) { writeAll(file_.get(), content, pending_); }
     void commit(Durability durability);
 
 private:
     std::filesystem::path final_;
     std::filesystem::path pending_;
+    std::optional<mode_t> mode_;
     UniqueFd file_;
 };
 

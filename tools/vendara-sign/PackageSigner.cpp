@@ -1,14 +1,15 @@
 #include "tools/vendara-sign/PackageSigner.h"
 
+#include "common/Files.h"
 #include "common/rpm/Reader.h"
 #include "platform/pkgverify/OpenPackage.h"
 #include "platform/signcms/SignedBlob.h"
-#include "tools/vendara-sign/AtomicFile.h"
 #include "tools/vendara-sign/FileSigner.h"
 
 #include <algorithm>
 #include <map>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Signing {
 
@@ -48,7 +49,7 @@ void addCms(CmsesByRole& cmses, Role role, const Identity& identity,
     cmses.emplace(role, PackageSignatures::makeCms(*identity.certificate, *identity.key, content));
 }
 
-void copyBytes(int source, std::uint64_t length, AtomicFile& output) {
+void copyBytes(int source, std::uint64_t length, Common::NewFile& output) {
     std::string piece(std::size_t{1024} * 1024, '\0');
     for (std::uint64_t offset = 0; offset < length;) {
         const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), length - offset));
@@ -69,11 +70,16 @@ void writeSigned(const SignRequest& request) {
     if (fstat(package.descriptor(), &status) != 0) {
         throw std::system_error(errno, std::generic_category(), "couldn't read");
     }
-    AtomicFile output(request.output, status.st_mode & 0777);
+    // Where the output is a link, what it leads to is replaced. Another signer may be at the same file.
+    const auto path = std::filesystem::weakly_canonical(std::filesystem::absolute(request.output));
+    const auto name = path.filename().native();
+    Common::NewFile output(
+        path.parent_path(), name,
+        {.mode = status.st_mode & 0777, .pendingName = "." + name + "." + std::to_string(getpid())});
     copyBytes(package.descriptor(), package.packageLength(), output);
     // From here on it is the copy that is read: nobody else writes to that.
     const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), package.packageLength());
-    const Common::Rpm::Reader reader(output.temporaryPath());
+    const Common::Rpm::Reader reader("/proc/self/fd/" + std::to_string(output.descriptor()));
     auto cmses = existingCmses(package, digest);
     if (request.developer) {
         addCms(cmses, Role::Developer, *request.developer,
@@ -87,7 +93,7 @@ void writeSigned(const SignRequest& request) {
         ordered.push_back(std::move(cms));
     }
     output.write(PackageSignatures::Container::encodedTail(package.packageLength(), ordered));
-    output.commit();
+    output.commit(Common::Durability::Now);
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include "tools/vendara-sign/TestAuthority.h"
 
+#include "common/Files.h"
 #include "platform/signcms/SignedBlob.h"
-#include "tools/vendara-sign/AtomicFile.h"
 
 #include <openssl/rand.h>
 
@@ -74,7 +74,7 @@ void writeNewFile(const std::filesystem::path& path, std::string_view content) {
     if (!file) {
         throw std::system_error(errno, std::generic_category(), path.string());
     }
-    writeAll(file.get(), content, path);
+    Common::writeAll(file.get(), content, path);
 }
 
 } // namespace
