@@ -3,7 +3,6 @@
 #include "testbed/WaitUntil.h"
 
 #include <algorithm>
-#include <future>
 
 namespace Testbed {
 
@@ -192,7 +191,7 @@ Client::Client()
         .onInterface("org.freedesktop.DBus.Peer")
         .uponReplyInvoke([running](const sdbus::Error* /*error*/) { running->set_value(); });
     peer_.start();
-    running->get_future().wait();
+    waitFor(*running, std::chrono::minutes(1)); // longer than the call may take
 }
 
 std::vector<Client::Operation> Client::operations(const std::string& key) {

@@ -96,9 +96,10 @@ TEST_F(ABusClient, LogsWhatAHandlerThrowsAndGoesOn) {
 TEST_F(ABusClient, EndsQuietlyWhenTheBusGoesAway) {
     BusClient client(peer);
     client.start();
-    auto pending = std::async(std::launch::async, [&] { client.call("Keep", std::chrono::seconds(900)); });
-    auto call = kept_.get_future().get();
+    auto pending = std::async(std::launch::async, [&] { client.call("Keep", std::chrono::minutes(1)); });
+    auto call = Testbed::waitFor(kept_);
     buses_.session.stop();
+    EXPECT_EQ(pending.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_THROW(pending.get(), sdbus::Error);
     EXPECT_THROW(echo(client, "late"), sdbus::Error);
     EXPECT_TRUE(Testbed::waitUntil([&] { return log_.text().find('\n') != std::string::npos; }));

@@ -7,8 +7,6 @@
 
 #include <gmock/gmock.h>
 
-#include <future>
-
 namespace Testbed {
 
 namespace {
@@ -86,7 +84,7 @@ TEST_F(AController, MayBeUsedByHooksWhichMayThrow) {
         }
         throw std::runtime_error("a hook's own trouble");
     }));
-    ended.get_future().wait();
+    waitFor(ended);
     EXPECT_THAT(controller->takeCompletedOperations({true, ":1.9", "other", "user"}), IsEmpty());
     std::vector<OperationStatus> statuses;
     for (const auto& each : controller->takeCompletedOperations({true, ":1.9", "app", "user"})) {

@@ -9,8 +9,6 @@
 
 #include <gmock/gmock.h>
 
-#include <future>
-
 namespace {
 
 namespace Peer = Common::Names::Zul;
@@ -112,7 +110,7 @@ TEST_F(ThePackageManagerClient, HandsSignalsOnInOrderAndDropsMalformedOnes) {
         send(Peer::packageRemoved, std::int32_t{7});
         send(Peer::packageUpgraded, PackageProperties{{"general.id", "b"}});
         send(Peer::packageRemoved, std::string("c"));
-        last.get_future().get();
+        Testbed::waitFor(last);
     }
     EXPECT_THAT(seen, ElementsAre("i1 a", "i2 a", "u b", "r c"));
     const auto lines = log_.lines();
@@ -129,9 +127,7 @@ TEST_F(ThePackageManagerClient, GetsRepliesWhileAHandlerWaits) {
         [&](const std::string&) { answered.set_value(client.getPackageList().size()); });
     client.start();
     send(Peer::packageRemoved, std::string("c"));
-    auto answer = answered.get_future();
-    ASSERT_EQ(answer.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    EXPECT_EQ(answer.get(), 0);
+    EXPECT_EQ(Testbed::waitFor(answered), 0);
 }
 
 TEST_F(ThePackageManagerClient, FailsWithTheInternalCodeOnceTheBusIsGone) {
