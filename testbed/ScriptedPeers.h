@@ -161,8 +161,6 @@ public:
     bool waitForStatus(const Operation& operation, int status) const;
     /// The package signals received: member, " ", package id.
     [[nodiscard]] std::vector<std::string> packageSignals() const;
-    /// The client takes no signal as long as the lock is held.
-    [[nodiscard]] std::unique_lock<std::mutex> fallAsleep() { return std::unique_lock(lock_); }
 
 private:
     BusPeer peer_{sdbus::createSessionBusConnection(), "/client"};
