@@ -12,8 +12,12 @@
 namespace Daemon {
 
 /// The event loop of the service's own connection, run by the main thread. It handles the connection's
-/// messages, the tasks that other threads post, and SIGTERM and SIGINT, which end it: the first one in order,
-/// a second one kills the process.
+/// messages, the tasks that other threads post, and SIGTERM and SIGINT.
+///
+/// The first of these signals that run() or drain() finds when it polls ends run(), and from then on the next
+/// kills the process, whatever it is doing. Until then they wait: while a handler or a task runs, and for
+/// good when run() has ended for another reason and drain() has nothing to wait for. Those that wait count
+/// once each, so that one SIGTERM and one SIGINT that were waiting together kill the process.
 ///
 /// Nothing is sent on the connection from another thread: the bus library would leave such a message in its
 /// queue until something else arrives. A thread that has something to send posts a task.
