@@ -114,8 +114,8 @@ public:
 
     /// Brings the system directories in line with the installed version: missing mappings are made, those of
     /// the package's own that it no longer has are removed, what belongs to others is left.
-    /// Throws what packageDirectory() and readRecord() throw, and Filesystem when some mapping cannot be
-    /// made; the others are made all the same.
+    /// Throws what packageDirectory() and readRecord() throw, and Filesystem for a link in place of the
+    /// package's directory and when some mapping cannot be made; the others are made all the same.
     void refreshMappings(const std::string& packageId);
 
     /// Renames an extracted directory to the package's version directory. Throws Internal when it does not

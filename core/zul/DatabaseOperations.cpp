@@ -17,17 +17,6 @@ using Common::ErrorCode;
 using Common::quoted;
 using Common::Rpm::Version;
 
-namespace {
-
-/// What a link in the root leads to belongs to somebody else.
-void requireReal(const PackageDirectory& directory) {
-    if (Common::linkTarget(directory.path())) {
-        throw Error(ErrorCode::Filesystem, "package directory is a link: " + directory.path().native());
-    }
-}
-
-} // namespace
-
 /// Makes an extracted directory ready to be renamed into the database: complete, and on disk.
 void Database::stage(const Package& package, const PackageData& entries, const fs::path& extracted) const {
     requireOrdinaryNames(package);
@@ -44,7 +33,7 @@ fs::path Database::moveToVersionedDirectory(const Package& package, const fs::pa
     if (!Common::leadsSomewhere(extracted)) {
         throw Error(ErrorCode::Internal, "extracted package directory doesn't exist: " + extracted.native());
     }
-    requireReal(PackageDirectory(version.parent_path()));
+    PackageDirectory(version.parent_path()).requireReal();
     std::error_code error;
     fs::create_directories(version.parent_path(), error);
     if (error || rename(extracted.c_str(), version.c_str()) != 0) {
@@ -128,7 +117,7 @@ void Database::prepareUpgrade(const Package& package, const PackageData& entries
 void Database::completeUpgrade(const Package& package) {
     requireOrdinaryNames(package);
     const PackageDirectory directory(packageDirectory(package.id()));
-    requireReal(directory);
+    directory.requireReal();
     if (!directory.isSound(directory.next())) {
         try {
             Common::removeTree(directory.next());

@@ -106,6 +106,7 @@ void Database::recoverDatabase() {
 
 void Database::refreshMappings(const std::string& packageId) {
     const PackageDirectory directory(packageDirectory(packageId));
+    directory.requireReal();
     if (!directory.isSound(directory.current())) {
         throw Error(ErrorCode::CorruptedInstalledPackage,
                     "couldn't find current directory of " + packageId + " package");

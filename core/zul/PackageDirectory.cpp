@@ -31,6 +31,12 @@ bool isRealDirectory(const fs::path& path) {
 
 bool PackageDirectory::isReal() const { return isRealDirectory(path_); }
 
+void PackageDirectory::requireReal() const {
+    if (Common::linkTarget(path_)) {
+        throw Common::Error(Common::ErrorCode::Filesystem, "package directory is a link: " + path_.native());
+    }
+}
+
 bool PackageDirectory::hasNextLink() const { return Common::linkTarget(next()).has_value(); }
 
 std::string PackageDirectory::versionNameBehind(const fs::path& link) const {

@@ -17,6 +17,8 @@ public:
     [[nodiscard]] const std::filesystem::path& path() const { return path_; }
     /// Whether the path leads to the directory itself and not through a link to one, which is none of ours.
     [[nodiscard]] bool isReal() const;
+    /// Throws when the directory is reached through a link: what that leads to belongs to somebody else.
+    void requireReal() const;
     [[nodiscard]] std::filesystem::path current() const { return path_ / "current"; }
     [[nodiscard]] std::filesystem::path next() const { return path_ / "next"; }
     [[nodiscard]] bool hasNextLink() const;

@@ -102,7 +102,7 @@ TEST_F(Hostility, OfLinkedPackageDirectoriesEndsAtTheLink) {
         writeFile(victim / "1-1/quenra.pkg", isSound ? record : "damaged");
         const auto before = digestOfTree(outside());
         const std::string refusal = "package directory is a link: " + (root / "linked").native();
-        for (const std::string operation : {"read", "recover", "remove", "complete", "prepare"}) {
+        for (const std::string operation : {"read", "recover", "remove", "complete", "refresh", "prepare"}) {
             fs::create_directory_symlink(victim, root / "linked");
             if (operation == "read") {
                 static_cast<void>(database.packages());
@@ -112,6 +112,8 @@ TEST_F(Hostility, OfLinkedPackageDirectoriesEndsAtTheLink) {
                 database.remove("linked");
             } else if (operation == "complete") {
                 EXPECT_ERROR(database.completeUpgrade(Package("linked", "2-1")), Filesystem, refusal);
+            } else if (operation == "refresh") {
+                EXPECT_ERROR(database.refreshMappings("linked"), Filesystem, refusal);
             } else {
                 EXPECT_ERROR(prepare(Package("linked", "3-1")), Filesystem, refusal);
             }
