@@ -24,8 +24,6 @@ using Common::filesystemError;
 using Common::UniqueFd;
 
 const char* const marker = "user.zul.mapping.target";
-/// Where a copy is made, in the directory of its place: there is one at a time.
-const char* const pendingName = ".zul-mapping";
 
 UniqueFd openPackageFile(const MappedFile& file) {
     const UniqueFd version(open(file.versionDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -46,6 +44,7 @@ UniqueFd openPackageFile(const MappedFile& file) {
 Mapping::Mapping(SystemTree& tree, std::filesystem::path target)
     : tree_(tree)
     , target_(std::move(target))
+    , parent_(target_.parent_path())
     , name_(target_.filename().native()) {
     if (!target_.is_absolute() || !Common::isOrdinaryName(name_)) {
         throw Error(ErrorCode::Filesystem, "no place for a mapping: " + target_.native());
@@ -113,7 +112,7 @@ void Mapping::createMapping(const MappedFile& file, MappingKind kind) const {
         createCopy(file);
         return;
     }
-    const int parent = tree_.make(target_.parent_path());
+    const int parent = tree_.make(parent_);
     if (parent < 0 || symlinkat(file.path().c_str(), parent, name_.c_str()) != 0) {
         throw Error(ErrorCode::Filesystem,
                     "couldn't create symlink " + file.path().native() + " -> " + target_.native());
@@ -123,11 +122,10 @@ void Mapping::createMapping(const MappedFile& file, MappingKind kind) const {
 void Mapping::createCopy(const MappedFile& file) const {
     const auto source = openPackageFile(file);
     const auto words = "couldn't copy " + file.path().native() + " -> " + target_.native();
-    const int parent = tree_.make(target_.parent_path());
-    removePending();
-    const UniqueFd copy(
-        parent < 0 ? -1
-                   : openat(parent, pendingName, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    const int parent = tree_.make(parent_);
+    const UniqueFd copy(parent < 0 ? -1
+                                   : openat(parent, SystemTree::pendingName,
+                                            O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!copy) {
         throw filesystemError(words);
     }
@@ -138,11 +136,11 @@ void Mapping::createCopy(const MappedFile& file) const {
             throw filesystemError(std::string("couldn't attach ") + marker + " extended attribute to " +
                                   target_.native());
         }
-        if (renameat(parent, pendingName, parent, name_.c_str()) != 0) {
+        if (renameat(parent, SystemTree::pendingName, parent, name_.c_str()) != 0) {
             throw filesystemError(words);
         }
     } catch (...) {
-        if (unlinkat(parent, pendingName, 0) != 0) {
+        if (unlinkat(parent, SystemTree::pendingName, 0) != 0) {
             Common::logWarning() << "couldn't remove prepared mapping: " << Common::quoted(target_)
                                  << filesystemError("couldn't remove").what();
         }
@@ -153,12 +151,6 @@ void Mapping::createCopy(const MappedFile& file) const {
 void Mapping::remove() const {
     if (unlinkat(directory(), name_.c_str(), 0) != 0) {
         throw filesystemError("couldn't remove " + target_.native());
-    }
-}
-
-void Mapping::removePending() const noexcept {
-    if (const int parent = directory(); parent >= 0) {
-        unlinkat(parent, pendingName, 0);
     }
 }
 

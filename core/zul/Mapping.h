@@ -49,17 +49,15 @@ public:
     /// Deletes what is at the place.
     void remove() const;
 
-    /// Deletes what an interrupted createMapping() may have left near the place.
-    void removePending() const noexcept;
-
 private:
-    [[nodiscard]] int directory() const { return tree_.open(target_.parent_path()); }
+    [[nodiscard]] int directory() const { return tree_.open(parent_); }
     /// For calls that know only paths: the place by way of the open directory.
     [[nodiscard]] std::string throughDescriptor() const;
     void createCopy(const MappedFile& file) const;
 
     SystemTree& tree_;
     std::filesystem::path target_;
+    std::filesystem::path parent_;
     std::string name_;
 };
 

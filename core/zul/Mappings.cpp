@@ -54,7 +54,6 @@ bool removeListed(SystemTree& tree, const std::string& target,
                   const std::filesystem::path& packageDirectory) {
     try {
         const Mapping mapping(tree, target);
-        mapping.removePending();
         if (mapping.isMapping() && mapping.standsForFileIn(packageDirectory)) {
             mapping.remove();
             return true;

@@ -30,7 +30,6 @@ MappingList removeStale(SystemTree& tree, const MappingList& listed,
     for (const auto& target : listed) {
         try {
             const Mapping mapping(tree, target);
-            mapping.removePending();
             if (!planned.contains(target) && mapping.isMapping() &&
                 mapping.standsForFileIn(packageDirectory)) {
                 mapping.remove();
@@ -46,7 +45,6 @@ MappingList removeStale(SystemTree& tree, const MappingList& listed,
 
 /// Makes one mapping if nothing is in its place or an outdated one of the package.
 void refreshOne(const Mapping& mapping, const MappedFile& file, MappingKind kind) {
-    mapping.removePending();
     if (mapping.exists()) {
         if (!mapping.isMapping() || !mapping.standsForFileIn(file.versionDirectory.parent_path())) {
             Common::logWarning() << "leaving what is in the place of a mapping: " << quoted(mapping.target());

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Core::ZUL {
 
@@ -17,11 +18,14 @@ SystemTree::SystemTree(const std::filesystem::path& root)
 
 int SystemTree::open(const std::filesystem::path& directory) {
     // Neighbours come one after the other.
-    if (!last_ || lastPath_ != directory) {
+    if (!last_ || lastPath_.native() != directory.native()) {
         const auto below = directory.relative_path();
         last_ = Common::openWithin(root_.get(), below.empty() ? "." : below, O_PATH | O_DIRECTORY,
                                    Common::Outside::IsInside);
         lastPath_ = directory;
+        if (last_) {
+            unlinkat(last_.get(), pendingName, 0);
+        }
     }
     return last_.get();
 }

@@ -10,6 +10,10 @@ namespace Core::ZUL {
 /// running system would follow them, and lead nowhere else. Made for one operation and used by one thread.
 class SystemTree {
 public:
+    /// Where a file is made, beside its place: there is one at a time. What an interrupted process left under
+    /// this name is deleted in each directory that is opened.
+    static constexpr const char* pendingName = ".zul-mapping";
+
     /// Throws Error, code Filesystem, when the root cannot be opened.
     explicit SystemTree(const std::filesystem::path& root);
 
