@@ -47,8 +47,7 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings) {
 }
 
 // Runs in the child. Returns the error that keeps the program from starting.
-int becomeProgram(char* const* arguments, char* const* environment, const SpawnOptions& options,
-                  pid_t parent) {
+int becomeProgram(char* const* arguments, char** environment, const SpawnOptions& options, pid_t parent) {
     for (const int signal : {SIGINT, SIGTERM, SIGPIPE, SIGCHLD, SIGHUP}) {
         std::signal(signal, SIG_DFL);
     }
@@ -77,7 +76,9 @@ int becomeProgram(char* const* arguments, char* const* environment, const SpawnO
     if (getppid() != parent) {
         return ESRCH;
     }
-    execvpe(arguments[0], arguments, environment);
+    // Before the lookup, which goes by the PATH that the program is to have.
+    environ = environment;
+    execvp(arguments[0], arguments);
     return errno;
 }
 
@@ -98,7 +99,7 @@ pid_t spawn(const std::vector<std::string>& arguments, const SpawnOptions& optio
     auto argumentStrings = arguments;
     auto environmentStrings = environmentWith(options.environment);
     const auto argumentPointers = pointersTo(argumentStrings);
-    const auto environmentPointers = pointersTo(environmentStrings);
+    auto environmentPointers = pointersTo(environmentStrings);
     std::array<int, 2> ends{};
     checked(pipe2(ends.data(), O_CLOEXEC), "couldn't create a pipe");
     const Common::UniqueFd reading(ends[0]);

@@ -25,7 +25,7 @@ struct SpawnOptions {
 };
 
 /// Starts a program with no signal blocked. It is killed when the thread that started it ends.
-/// @param arguments  the program first, looked up in PATH when it has no "/"
+/// @param arguments  the program first, looked up in its own PATH when it has no "/"
 /// @return its process identifier; the caller waits for it
 /// Throws std::system_error when the program cannot be executed.
 [[nodiscard]] pid_t spawn(const std::vector<std::string>& arguments, const SpawnOptions& options = {});
