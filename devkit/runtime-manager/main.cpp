@@ -1,8 +1,7 @@
 #include "common/Names.h"
 #include "devkit/runtime-manager/RuntimeManager.h"
+#include "devkit/support/CommandLine.h"
 #include "devkit/support/Service.h"
-
-#include <CLI/CLI.hpp>
 
 int main(int argc, char** argv) {
     CLI::App options("Runtime manager for development: starts and ends applications on the session bus.");
@@ -14,7 +13,9 @@ int main(int argc, char** argv) {
     options.add_option("--patience", patience, "Milliseconds between SIGTERM and SIGKILL")
         ->capture_default_str()
         ->check(CLI::Range(0, 600000));
-    CLI11_PARSE(options, argc, argv);
+    if (const auto status = Devkit::parse(options, argc, argv)) {
+        return *status;
+    }
     return Devkit::serve(
         [] { return sdbus::createSessionBusConnection(); }, Common::Names::RuntimeManager::service,
         [&](sdbus::IConnection& connection, Daemon::MainLoop& loop) {

@@ -1,10 +1,9 @@
 #include "common/Names.h"
 #include "common/PlatformFacts.h"
+#include "devkit/support/CommandLine.h"
 #include "devkit/support/Service.h"
 #include "devkit/zul-service/PackageManager.h"
 #include "devkit/zul-service/ZulService.h"
-
-#include <CLI/CLI.hpp>
 
 #include <filesystem>
 #include <memory>
@@ -60,7 +59,9 @@ int main(int argc, char** argv) {
     parser.add_option("--architecture", options.architecture, "What packages are built for [the platform's]");
     parser.add_flag("--without-security-attributes", options.withoutSecurityAttributes,
                     "Leave out what only root may attach to files");
-    CLI11_PARSE(parser, argc, argv);
+    if (const auto status = Devkit::parse(parser, argc, argv)) {
+        return *status;
+    }
     return Devkit::serve([] { return sdbus::createSystemBusConnection(); }, Common::Names::Zul::service,
                          [&](sdbus::IConnection& connection, Daemon::MainLoop& loop) {
                              return std::make_unique<Devkit::ZulService>(connection, loop,
