@@ -50,7 +50,8 @@ int main(int argc, char** argv) {
         "on the system bus.");
     Options options;
     parser.add_option("--configuration", options.configuration, "Names the database's directories")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(CLI::ExistingFile);
     parser.add_option("--system-root", options.systemRoot, "Where packages' files appear")
         ->capture_default_str()
         ->check(CLI::ExistingDirectory);
