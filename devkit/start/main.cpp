@@ -2,12 +2,13 @@
 #include "common/LogLine.h"
 #include "devkit/start/Platform.h"
 #include "devkit/start/Supervisor.h"
+#include "devkit/support/CommandLine.h"
 #include "devkit/support/Spawn.h"
 
-#include <CLI/CLI.hpp>
-
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <string_view>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -130,16 +131,30 @@ int main(int argc, char** argv) {
     CLI::App parser(
         "Runs the whole platform in a directory of its own: two buses, a package manager, a runtime "
         "manager, an identification service and vendara-daemon.\n"
-        "Without a command it prints the variables that clients need and runs until Ctrl-C.");
+        "After \"--\" comes a command to run in it. Without one it prints the variables that clients need "
+        "and "
+        "runs until Ctrl-C.");
+    // Not the parser's: it would take arguments in brackets apart.
+    char** const end = argv + argc;
+    char** const separator = std::find(argv, end, std::string_view("--"));
     Options options;
-    parser.add_flag("--shell", options.shell, "Run an interactive shell in it");
+    if (separator != end) {
+        options.command.assign(separator + 1, end);
+    }
+    parser.add_flag("--shell", options.shell, "Run an interactive shell in it instead of a command");
     parser.add_option("--logs", options.logs, "Directory for the programs' logs; they stay there");
     parser.add_option("--keys", options.keys,
                       "Directory of the keys that sign packages; made by vendara-sign if missing");
     parser.add_flag("--without-namespace", options.withoutNamespace,
                     "Let the daemon read the host's /etc/zul/zul.conf; it then knows no prepared upgrades");
-    parser.add_option("command", options.command, "Command to run in it, after \"--\"")->excludes("--shell");
-    CLI11_PARSE(parser, argc, argv);
+    parser.callback([&options] {
+        if (options.shell && !options.command.empty()) {
+            throw CLI::ExcludesError("command", "--shell");
+        }
+    });
+    if (const auto status = Devkit::parse(parser, static_cast<int>(separator - argv), argv)) {
+        return *status;
+    }
     try {
         return guard(options);
     } catch (const std::exception& error) {
