@@ -209,7 +209,7 @@ void Platform::startService(const std::string& program, const std::vector<std::s
     spawning.prepare = [&overlay] { return overlay.enter(); };
     try {
         startProgram(program, arguments, spawning);
-    } catch (const std::system_error& error) {
+    } catch (const PreparationError& error) {
         throw std::runtime_error(std::string(error.what()) +
                                  ", with an /etc/zul/zul.conf of its own. That takes " +
                                  "a mount namespace, for a plain user also a user namespace; with " +

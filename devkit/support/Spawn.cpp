@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace Devkit {
@@ -46,8 +45,14 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings) {
     return result;
 }
 
-// Runs in the child. Returns the error that keeps the program from starting.
-int becomeProgram(char* const* arguments, char** environment, const SpawnOptions& options, pid_t parent) {
+/// What keeps a child from starting its program.
+struct Failure {
+    int error = 0; ///< errno value
+    bool inPreparation = false;
+};
+
+// Runs in the child.
+Failure becomeProgram(char* const* arguments, char** environment, const SpawnOptions& options, pid_t parent) {
     for (const int signal : {SIGINT, SIGTERM, SIGPIPE, SIGCHLD, SIGHUP}) {
         std::signal(signal, SIG_DFL);
     }
@@ -56,30 +61,30 @@ int becomeProgram(char* const* arguments, char** environment, const SpawnOptions
     sigprocmask(SIG_SETMASK, &none, nullptr);
     if (options.output >= 0 &&
         (dup2(options.output, STDOUT_FILENO) < 0 || dup2(options.output, STDERR_FILENO) < 0)) {
-        return errno;
+        return {errno};
     }
     if (!options.terminal) {
         const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
         if (setsid() < 0 || null < 0 || dup2(null, STDIN_FILENO) < 0) {
-            return errno;
+            return {errno};
         }
     }
     if (options.prepare) {
         if (const int error = options.prepare(); error != 0) {
-            return error;
+            return {error, true};
         }
     }
     // Last: a change of credentials takes the parent-death signal away.
     if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
-        return errno;
+        return {errno};
     }
     if (getppid() != parent) {
-        return ESRCH;
+        return {ESRCH};
     }
     // Before the lookup, which goes by the PATH that the program is to have.
     environ = environment;
     execvp(arguments[0], arguments);
-    return errno;
+    return {errno};
 }
 
 } // namespace
@@ -107,15 +112,20 @@ pid_t spawn(const std::vector<std::string>& arguments, const SpawnOptions& optio
     const pid_t parent = getpid();
     const pid_t child = checked(fork(), "couldn't create a process");
     if (child == 0) {
-        const int error = becomeProgram(argumentPointers.data(), environmentPointers.data(), options, parent);
-        static_cast<void>(!write(writing.get(), &error, sizeof error));
+        const auto failure =
+            becomeProgram(argumentPointers.data(), environmentPointers.data(), options, parent);
+        static_cast<void>(!write(writing.get(), &failure, sizeof failure));
         _exit(127);
     }
     writing = Common::UniqueFd();
-    int error = 0;
-    if (read(reading.get(), &error, sizeof error) == sizeof error) {
+    Failure failure;
+    if (read(reading.get(), &failure, sizeof failure) == sizeof failure) {
         waitpid(child, nullptr, 0);
-        throw std::system_error(error, std::generic_category(), "couldn't start " + arguments.front());
+        const auto words = "couldn't start " + arguments.front();
+        if (failure.inPreparation) {
+            throw PreparationError(failure.error, std::generic_category(), words);
+        }
+        throw std::system_error(failure.error, std::generic_category(), words);
     }
     return child;
 }

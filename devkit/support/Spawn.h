@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 #include <sys/types.h>
+#include <system_error>
 #include <vector>
 
 namespace Devkit {
@@ -24,10 +25,15 @@ struct SpawnOptions {
                                   ///< system calls only, since other threads may hold any lock
 };
 
+/// A program was not started because SpawnOptions::prepare failed.
+struct PreparationError : std::system_error {
+    using std::system_error::system_error;
+};
+
 /// Starts a program with no signal blocked. It is killed when the thread that started it ends.
 /// @param arguments  the program first, looked up in its own PATH when it has no "/"
 /// @return its process identifier; the caller waits for it
-/// Throws std::system_error when the program cannot be executed.
+/// Throws std::system_error when the program cannot be executed, a PreparationError among them.
 [[nodiscard]] pid_t spawn(const std::vector<std::string>& arguments, const SpawnOptions& options = {});
 
 } // namespace Devkit
