@@ -11,6 +11,7 @@
 #include <deque>
 #include <fcntl.h>
 #include <fstream>
+#include <iostream>
 #include <system_error>
 #include <unistd.h>
 
@@ -106,7 +107,15 @@ int Platform::run(const std::vector<std::string>& command, int stopSignal) {
     options.environment = environment();
     options.terminal = true;
     const std::string name = "command";
-    supervisor_.start(name, command, options, stopSignal);
+    try {
+        supervisor_.start(name, command, options, stopSignal);
+    } catch (const std::system_error& error) {
+        // As env(1) does.
+        constexpr int notExecuted = 126;
+        constexpr int notFound = 127;
+        std::cerr << "vendara-devkit: " << error.what() << std::endl;
+        return error.code() == std::errc::no_such_file_or_directory ? notFound : notExecuted;
+    }
     for (;;) {
         const auto event = supervisor_.wait();
         if (event.kind == Event::Kind::Signal) {
@@ -130,7 +139,8 @@ void Platform::waitForTrouble() {
 std::vector<std::string> Platform::environment() const {
     const char* path = std::getenv("PATH");
     std::string programs;
-    for (const auto* name : {"vendaractl", "vendara-sign"}) {
+    // The tour lies where the services do.
+    for (const auto* name : {"vendaractl", "vendara-sign", "zul-service"}) {
         programs += findProgram(name).parent_path().native() + ":";
     }
     return {"DBUS_SESSION_BUS_ADDRESS=" + sessionBus_, "DBUS_SYSTEM_BUS_ADDRESS=" + systemBus_,
