@@ -34,12 +34,33 @@ pid_t parentOf(const std::filesystem::path& processDirectory) {
     return nameEnd == std::string::npos ? 0 : std::atoi(stat.c_str() + nameEnd + 4);
 }
 
-void killChildren() {
+struct Children {
+    bool killed = false;        // whether any could be
+    std::vector<pid_t> foreign; // those that may not be
+};
+
+Children killChildren() {
+    Children result;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
         const pid_t process = std::atoi(entry.path().filename().c_str());
         if (process > 0 && parentOf(entry.path()) == getpid()) {
-            kill(process, SIGKILL);
+            if (kill(process, SIGKILL) == 0) {
+                result.killed = true;
+            } else if (errno == EPERM) {
+                result.foreign.push_back(process);
+            }
+        }
+    }
+    return result;
+}
+
+// Each one's children become ours with its end. What may not be killed is not waited for.
+std::vector<pid_t> killDescendants() {
+    for (;;) {
+        auto children = killChildren();
+        if (waitpid(-1, nullptr, children.killed ? 0 : WNOHANG) <= 0) {
+            return children.foreign;
         }
     }
 }
@@ -117,7 +138,7 @@ void Supervisor::reap() {
         const auto program = std::find_if(programs_.begin(), programs_.end(),
                                           [process](const Program& each) { return each.process == process; });
         if (program != programs_.end()) {
-            events_.push_back({Event::Kind::Ended, program->name, exitStatusOf(status)});
+            events_.push_back({Event::Kind::Ended, program->name, exitStatusOf(status), WIFSIGNALED(status)});
             programs_.erase(program);
         }
     }
@@ -141,26 +162,24 @@ void Supervisor::stopLast() {
             return;
         }
         if (event.kind == Event::Kind::TimedOut) {
-            kill(program.process, SIGKILL);
-            waitpid(program.process, nullptr, 0);
+            if (kill(program.process, SIGKILL) == 0) {
+                waitpid(program.process, nullptr, 0);
+            }
             programs_.pop_back();
             return;
         }
     }
 }
 
-void Supervisor::stopAll() noexcept {
+std::vector<pid_t> Supervisor::stopAll() noexcept {
     try {
         while (!programs_.empty()) {
             stopLast();
         }
-        // Each one's children become ours with its end.
-        do {
-            killChildren();
-        } while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR);
+        return killDescendants();
     } catch (const std::exception&) {
         // Nothing more can be done; the kernel kills those that are asked for with this process.
-        killChildren();
+        return killChildren().foreign;
     }
 }
 

@@ -18,6 +18,7 @@ struct Event {
     Kind kind;
     std::string program; ///< Ended: its name
     int status = 0;      ///< Ended: exit status, or 128 and the signal's number; Signal: the signal's number
+    bool killed = false; ///< Ended: whether by a signal
 };
 
 /// Starts programs and outlives everything that they start: also a process whose parents are gone is its
@@ -48,7 +49,8 @@ public:
 
     /// Ends the programs, the last one started first: asks each, kills it when it takes more than three
     /// seconds. Then kills everything else that descends from this process.
-    void stopAll() noexcept;
+    /// @return what is left: processes of another user, which may not be killed. They are not waited for.
+    std::vector<pid_t> stopAll() noexcept;
 
     /// Asks a program to end and returns at once.
     void stop(const std::string& name) noexcept;

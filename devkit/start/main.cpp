@@ -96,7 +96,7 @@ int waitForKeeper(Devkit::Supervisor& supervisor) {
     for (;;) {
         const auto event = supervisor.wait();
         if (event.kind == Event::Kind::Ended) {
-            if (event.status == 128 + SIGKILL) {
+            if (event.killed) {
                 std::cerr << "vendara-devkit: the platform's keeper was killed\n";
             }
             return signal != 0 ? 128 + signal : event.status;
@@ -120,6 +120,10 @@ int guard(const Options& options) {
         }
         supervisor.adopt("keeper", keeper);
         status = waitForKeeper(supervisor);
+        for (const pid_t process : supervisor.stopAll()) {
+            std::cerr << "vendara-devkit: process " << process
+                      << " belongs to another user and is left behind\n";
+        }
     }
     removeScratch(scratch);
     return status;
