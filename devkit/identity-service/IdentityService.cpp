@@ -30,8 +30,8 @@ std::uint32_t credential(const std::map<std::string, sdbus::Variant>& credential
 
 } // namespace
 
-IdentityService::IdentityService(sdbus::IConnection& connection, std::filesystem::path packageRoot)
-    : packageRoot_(std::move(packageRoot))
+IdentityService::IdentityService(sdbus::IConnection& connection, const std::filesystem::path& packageRoot)
+    : packageRoot_(std::filesystem::weakly_canonical(packageRoot))
     , bus_(sdbus::createProxy(connection, Common::Names::MessageBus::service,
                               Common::Names::MessageBus::objectPath))
     , object_(sdbus::createObject(connection, Names::objectPath)) {

@@ -18,8 +18,8 @@ namespace Devkit {
 class IdentityService {
 public:
     /// @param packageRoot  root directory of the package database
-    /// Throws sdbus::Error.
-    IdentityService(sdbus::IConnection& connection, std::filesystem::path packageRoot);
+    /// Throws sdbus::Error, std::filesystem::filesystem_error.
+    IdentityService(sdbus::IConnection& connection, const std::filesystem::path& packageRoot);
     ~IdentityService();
     IdentityService(const IdentityService&) = delete;
     IdentityService& operator=(const IdentityService&) = delete;

@@ -37,7 +37,9 @@ void requirePlainPath(const std::string& path) {
 }
 
 std::filesystem::path makeScratchDirectory() {
-    auto path = (std::filesystem::temp_directory_path() / "vendara-devkit-XXXXXX").native();
+    // Processes are told by the real paths of their programs, and a relative path is no bus address.
+    const auto parent = std::filesystem::canonical(std::filesystem::temp_directory_path());
+    auto path = (parent / "vendara-devkit-XXXXXX").native();
     requirePlainPath(path);
     if (mkdtemp(path.data()) == nullptr) {
         throw std::system_error(errno, std::generic_category(), "couldn't create " + path);
