@@ -1,5 +1,6 @@
 #include "common/Files.h"
 #include "common/LogLine.h"
+#include "common/UniqueFd.h"
 #include "devkit/start/Platform.h"
 #include "devkit/start/Supervisor.h"
 #include "devkit/support/CommandLine.h"
@@ -7,9 +8,11 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <fcntl.h>
 #include <iostream>
 #include <string_view>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -55,6 +58,33 @@ void removeScratch(const std::filesystem::path& directory) noexcept {
     }
 }
 
+/// The platform's directory: the keeper removes it, and the guard when the keeper did not come to it.
+class Scratch {
+public:
+    Scratch()
+        : path_(makeScratchDirectory())
+        , directory_(open(path_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+    ~Scratch() { remove(); }
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+
+    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+
+    // Nothing when it is gone, whoever has got its name since.
+    void remove() const noexcept {
+        struct stat own {};
+        struct stat named {};
+        if (fstat(directory_.get(), &own) == 0 && lstat(path_.c_str(), &named) == 0 &&
+            own.st_dev == named.st_dev && own.st_ino == named.st_ino) {
+            removeScratch(path_);
+        }
+    }
+
+private:
+    std::filesystem::path path_;
+    Common::UniqueFd directory_;
+};
+
 int runPlatform(Devkit::Platform& platform, const Options& options) {
     platform.start();
     if (options.shell) {
@@ -88,7 +118,6 @@ int keep(const std::filesystem::path& scratch, const Options& options) {
     } catch (const std::exception& error) {
         std::cerr << "vendara-devkit: " << error.what() << std::endl;
     }
-    removeScratch(scratch);
     return status;
 }
 
@@ -110,24 +139,21 @@ int waitForKeeper(Devkit::Supervisor& supervisor) {
 
 // Two processes look after the platform, so that one of them is there to clean up when the other is killed.
 int guard(const Options& options) {
-    const auto scratch = makeScratchDirectory();
-    int status = EXIT_FAILURE;
-    {
-        Devkit::Supervisor supervisor;
-        const pid_t own = getpid();
-        const pid_t keeper = Devkit::checked(fork(), "couldn't create a process");
-        if (keeper == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            _exit(getppid() == own ? keep(scratch, options) : EXIT_FAILURE);
-        }
-        supervisor.adopt("keeper", keeper);
-        status = waitForKeeper(supervisor);
-        for (const pid_t process : supervisor.stopAll()) {
-            std::cerr << "vendara-devkit: process " << process
-                      << " belongs to another user and is left behind\n";
-        }
+    const Scratch scratch;
+    Devkit::Supervisor supervisor;
+    const pid_t own = getpid();
+    const pid_t keeper = Devkit::checked(fork(), "couldn't create a process");
+    if (keeper == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        const int status = getppid() == own ? keep(scratch.path(), options) : EXIT_FAILURE;
+        scratch.remove();
+        _exit(status);
     }
-    removeScratch(scratch);
+    supervisor.adopt("keeper", keeper);
+    const int status = waitForKeeper(supervisor);
+    for (const pid_t process : supervisor.stopAll()) {
+        std::cerr << "vendara-devkit: process " << process << " belongs to another user and is left behind\n";
+    }
     return status;
 }
 
