@@ -85,6 +85,15 @@ private:
     Common::UniqueFd directory_;
 };
 
+// A word as a shell reads it.
+std::string inShell(const std::string& text) {
+    std::string result = "'";
+    for (const char character : text) {
+        result += character == '\'' ? "'\\''" : std::string(1, character);
+    }
+    return result + "'";
+}
+
 int runPlatform(Devkit::Platform& platform, const Options& options) {
     platform.start();
     if (options.shell) {
@@ -98,7 +107,8 @@ int runPlatform(Devkit::Platform& platform, const Options& options) {
     }
     for (const auto& variable : platform.environment()) {
         const auto equals = variable.find('=');
-        std::cout << "export " << variable.substr(0, equals) << "='" << variable.substr(equals + 1) << "'\n";
+        std::cout << "export " << variable.substr(0, equals) << '=' << inShell(variable.substr(equals + 1))
+                  << '\n';
     }
     std::cout << "# The platform runs until Ctrl-C.\n" << std::flush;
     platform.waitForTrouble();
