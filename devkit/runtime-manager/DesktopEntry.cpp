@@ -87,7 +87,9 @@ private:
             }
             return;
         default:
-            fail(std::string("with the unknown field code %") + code);
+            // Not a byte out of the middle of a character.
+            fail(code > ' ' && code <= '~' ? std::string("with the unknown field code %") + code
+                                           : "with an unknown field code");
         }
     }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/BusText.h"
 #include "common/LogLine.h"
 #include "daemon/MainLoop.h"
 
@@ -37,6 +38,11 @@ int serve(Connect connect, const std::string& name, Make make) {
     }
 }
 
+/// An error to reply with. A text that cannot travel on a bus is replaced: the reply could not be sent.
+[[nodiscard]] inline sdbus::Error busError(const std::string& name, const std::string& text) {
+    return {name, Common::isBusText(text) ? text : "The failure's text is no valid UTF-8"};
+}
+
 /// Runs the body of a method handler. What it throws is logged and leaves as an sdbus::Error, the only kind
 /// of exception that may cross the bus library.
 /// @param errorName  for an exception that has no bus error name of its own
@@ -46,10 +52,10 @@ auto withBusErrors(const std::string& errorName, Body body) {
         return body();
     } catch (const sdbus::Error& error) {
         Common::logWarning() << error.getMessage();
-        throw;
+        throw busError(error.getName(), error.getMessage());
     } catch (const std::exception& error) {
         Common::logWarning() << error;
-        throw sdbus::Error(errorName, error.what());
+        throw busError(errorName, error.what());
     }
 }
 

@@ -1,10 +1,10 @@
 #include "devkit/zul-service/ZulService.h"
 
-#include "common/BusText.h"
 #include "common/Error.h"
 #include "common/Guard.h"
 #include "common/LogLine.h"
 #include "common/Names.h"
+#include "devkit/support/Service.h"
 
 #include <future>
 #include <optional>
@@ -17,12 +17,9 @@ using Common::ErrorCode;
 
 namespace {
 
-sdbus::Error busError(ErrorCode code, const std::exception& error) {
+sdbus::Error logged(ErrorCode code, const std::exception& error) {
     Common::logWarning() << error;
-    const std::string text = error.what();
-    // A reply with another text could not be sent.
-    return {Common::errorNameOf(code),
-            Common::isBusText(text) ? text : "The failure's text is no valid UTF-8"};
+    return busError(Common::errorNameOf(code), error.what());
 }
 
 // Does the work; returns what kept it from being done.
@@ -31,11 +28,11 @@ std::optional<sdbus::Error> failureOf(const std::function<void()>& work) {
         work();
         return {};
     } catch (const Common::Error& error) {
-        return busError(error.code(), error);
+        return logged(error.code(), error);
     } catch (const std::system_error& error) {
-        return busError(ErrorCode::Filesystem, error);
+        return logged(ErrorCode::Filesystem, error);
     } catch (const std::exception& error) {
-        return busError(ErrorCode::Internal, error);
+        return logged(ErrorCode::Internal, error);
     }
 }
 
