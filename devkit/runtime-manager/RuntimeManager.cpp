@@ -88,11 +88,18 @@ void RuntimeManager::invokeIntent(const std::string& intent,
 
 void RuntimeManager::start(const std::string& id) {
     const pid_t process = spawn(commandFor(id));
-    const auto serial = ++lastSerial_;
-    applications_.emplace(id, Application{process, serial});
+    try {
+        applications_.emplace(id, Application{process, ++lastSerial_});
+        watcher_.whenReadable(processDescriptor(process),
+                              [this, id] { loop_.post([this, id] { applicationEnded(id); }); });
+    } catch (...) {
+        // Nobody would notice its end.
+        applications_.erase(id);
+        kill(-process, SIGKILL);
+        waitpid(process, nullptr, 0);
+        throw;
+    }
     Common::logInfo() << "started " << id << ", process " << std::to_string(process);
-    watcher_.whenReadable(processDescriptor(process),
-                          [this, id] { loop_.post([this, id] { applicationEnded(id); }); });
 }
 
 void RuntimeManager::terminate(const std::string& id) {
@@ -100,11 +107,14 @@ void RuntimeManager::terminate(const std::string& id) {
     if (found == applications_.end()) {
         throw sdbus::Error(errorPrefix + "NotRunning", "application isn't running: " + Common::quoted(id));
     }
-    found->second.ending = true;
-    kill(-found->second.process, SIGTERM);
+    if (found->second.ending) {
+        return;
+    }
     watcher_.whenReadable(timerDescriptor(settings_.patience), [this, id, serial = found->second.serial] {
         loop_.post([this, id, serial] { killIfStillRunning(id, serial); });
     });
+    found->second.ending = true;
+    kill(-found->second.process, SIGTERM);
 }
 
 void RuntimeManager::killIfStillRunning(const std::string& id, std::uint64_t serial) {
