@@ -13,10 +13,11 @@
 
 namespace Devkit {
 
-Program::Program(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
+Program::Program(const std::vector<std::string>& arguments, const std::vector<std::string>& environment)
+    : name_(arguments.front()) {
     std::array<int, 2> ends{};
     checked(pipe2(ends.data(), O_CLOEXEC), "couldn't create a pipe");
-    output_ = Common::UniqueFd(ends[0]);
+    pipe_ = Common::UniqueFd(ends[0]);
     const Common::UniqueFd writing(ends[1]);
     SpawnOptions options;
     options.environment = environment;
@@ -34,24 +35,30 @@ Program::~Program() {
 std::optional<std::string> Program::readLine(std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     for (;;) {
-        if (const auto end = unread_.find('\n'); end != std::string::npos) {
-            auto line = unread_.substr(0, end);
-            unread_.erase(0, end + 1);
+        if (const auto end = output_.find('\n', read_); end != std::string::npos) {
+            auto line = output_.substr(read_, end - read_);
+            read_ = end + 1;
             return line;
         }
         const auto rest =
             std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd descriptor{output_.get(), POLLIN, 0};
-        if (rest.count() <= 0 || poll(&descriptor, 1, static_cast<int>(rest.count())) == 0) {
-            throw std::runtime_error("waited in vain for a line of output");
+        if (rest.count() <= 0) {
+            throw std::runtime_error("waited in vain for a line of " + name_ + ", which has written:\n" +
+                                     output_);
+        }
+        pollfd descriptor{pipe_.get(), POLLIN, 0};
+        if (poll(&descriptor, 1, static_cast<int>(rest.count())) <= 0) {
+            continue;
         }
         std::array<char, 4096> text{};
-        const auto length = read(output_.get(), text.data(), text.size());
+        const auto length = read(pipe_.get(), text.data(), text.size());
         if (length == 0) {
-            return unread_.empty() ? std::nullopt : std::optional(std::exchange(unread_, {}));
+            auto line = output_.substr(read_);
+            read_ = output_.size();
+            return line.empty() ? std::nullopt : std::optional(line);
         }
         if (length > 0) {
-            unread_.append(text.data(), static_cast<std::size_t>(length));
+            output_.append(text.data(), static_cast<std::size_t>(length));
         }
     }
 }

@@ -19,12 +19,10 @@ namespace {
 // Runs a program that has nothing to say when all is well.
 void runQuietly(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
     Program program(arguments, environment);
-    std::string output;
-    while (const auto line = program.readLine(std::chrono::seconds(30))) {
-        output += "\n    " + *line;
+    while (program.readLine(std::chrono::seconds(30))) {
     }
     if (program.wait() != 0) {
-        throw std::runtime_error(arguments.front() + " failed:" + output);
+        throw std::runtime_error(arguments.front() + " failed:\n" + program.output());
     }
 }
 

@@ -4,7 +4,6 @@
 #include "devkit/support/Program.h"
 #include "devkit/tour/SampleApplication.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <exception>
@@ -49,7 +48,6 @@ public:
     bool showUntil(const std::string& ending) {
         while (const auto line = program_.readLine(patience)) {
             std::cout << "  " << *line << std::endl;
-            lines_.push_back(*line);
             if (!ending.empty() && line->ends_with(ending)) {
                 return true;
             }
@@ -64,13 +62,11 @@ public:
     }
 
     [[nodiscard]] bool said(const std::string& text) const {
-        return std::any_of(lines_.begin(), lines_.end(),
-                           [&text](const std::string& line) { return line.find(text) != std::string::npos; });
+        return program_.output().find(text) != std::string::npos;
     }
 
 private:
     Devkit::Program program_;
-    std::vector<std::string> lines_;
 };
 
 class Tour {
