@@ -142,7 +142,8 @@ std::vector<std::string> RuntimeManager::commandFor(const std::string& id) const
     auto command = commandOf(readDesktopEntry(applications / (id + ".desktop")));
     const std::filesystem::path program = command.front();
     if (program.is_absolute()) {
-        command.front() = settings_.systemRoot / program.relative_path();
+        // Without "..", which would lead out of the system.
+        command.front() = settings_.systemRoot / program.lexically_normal().relative_path();
     } else if (program.has_parent_path()) {
         throw sdbus::Error(errorPrefix + "Failed",
                            "program is neither a name nor an absolute path: " + Common::quoted(program));
