@@ -28,6 +28,13 @@ boost::property_tree::ptree readConfiguration(const fs::path& file) {
     }
 }
 
+// Links in the database name whole paths, which a relative one would not be from where they lie.
+fs::path wholePath(const fs::path& path) {
+    std::error_code error;
+    auto result = fs::absolute(path, error);
+    return error ? path : result;
+}
+
 void removeUnexpected(const fs::path& entry) {
     Common::logWarning() << "unexpected entry found in database root directory: " << quoted(entry);
     Common::logInfo() << "cleaning up unexpected entry";
@@ -41,14 +48,14 @@ void removeUnexpected(const fs::path& entry) {
 
 Database::Database(const fs::path& configuration) {
     const auto tree = readConfiguration(configuration);
-    rootDirectory_ = tree.get<std::string>("database.root_directory", "/opt/app");
-    tempDirectory_ = tree.get<std::string>("database.temp_directory", "/opt/zul/tmp");
+    rootDirectory_ = wholePath(tree.get<std::string>("database.root_directory", "/opt/app"));
+    tempDirectory_ = wholePath(tree.get<std::string>("database.temp_directory", "/opt/zul/tmp"));
 }
 
-Database::Database(fs::path root, fs::path temp, fs::path systemRoot)
-    : rootDirectory_(std::move(root))
-    , tempDirectory_(std::move(temp))
-    , mappings_(std::move(systemRoot)) {}
+Database::Database(const fs::path& root, const fs::path& temp, const fs::path& systemRoot)
+    : rootDirectory_(wholePath(root))
+    , tempDirectory_(wholePath(temp))
+    , mappings_(wholePath(systemRoot)) {}
 
 bool Database::hasPreparedNextVersion(const std::string& packageId) const {
     const auto package = rootDirectory_ / fs::path(packageId).relative_path();

@@ -23,6 +23,8 @@ namespace Core::ZUL {
 /// Files of an installed package appear in the system directories as mappings (see Mappings). The temporary
 /// directory, on the same file system as the root, is where callers unpack; recovery empties it.
 ///
+/// Relative directories count from the working directory at construction.
+///
 /// One process owns a database and one thread at a time uses it. Failures are Common::Error; every operation
 /// that takes an identifier or a package throws, before it touches anything, BadPackageID for an identifier
 /// and BadPackage for a version, organisation or application name that is not one ordinary path component. An
@@ -42,8 +44,9 @@ public:
     /// Takes the directories as given, for images and tests.
     /// @param systemRoot  the directory that stands for "/" in every mapping's path. Mapping lists and
     ///                    messages name mappings as the running system will see them, without it. The links'
-    ///                    targets are paths below `root` as it is given here.
-    Database(std::filesystem::path root, std::filesystem::path temp, std::filesystem::path systemRoot = "/");
+    ///                    targets are paths below `root` as it is given here, made absolute.
+    Database(const std::filesystem::path& root, const std::filesystem::path& temp,
+             const std::filesystem::path& systemRoot = "/");
 
     [[nodiscard]] const std::filesystem::path& rootDirectory() const { return rootDirectory_; }
     [[nodiscard]] const std::filesystem::path& tempDirectory() const { return tempDirectory_; }

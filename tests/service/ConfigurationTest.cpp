@@ -24,6 +24,8 @@ TEST_F(ADatabasesConfiguration, IsReadAfreshAndFilledUpWithDefaults) {
     const Database database(file("; comment\n[other]\nx=y\n[database]\ntemp_directory=/data/tmp\n"));
     EXPECT_EQ(database.rootDirectory(), "/opt/app");
     EXPECT_EQ(database.tempDirectory(), "/data/tmp");
+    EXPECT_EQ(Database(file("[database]\nroot_directory=apps\n")).rootDirectory(),
+              fs::current_path() / "apps");
 }
 
 TEST_F(ADatabasesConfiguration, ThatCannotBeUsedIsAnErrorLineAndTheDefaults) {
