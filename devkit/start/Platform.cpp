@@ -2,6 +2,7 @@
 
 #include "common/LogLine.h"
 #include "common/Names.h"
+#include "core/zul/AttributeWriter.h"
 #include "devkit/start/EtcOverlay.h"
 #include "devkit/support/NameWatch.h"
 #include "devkit/support/Programs.h"
@@ -89,7 +90,7 @@ void Platform::start() {
     std::vector<std::string> zulOptions{"--configuration", directory / "etc/zul/zul.conf",
                                         "--system-root",   directory / "root",
                                         "--keys",          settings_.keys};
-    if (geteuid() != 0) {
+    if (!mayAttachSecurityAttributes()) {
         zulOptions.emplace_back("--without-security-attributes");
     }
     startService("zul-service", zulOptions, false);
@@ -159,6 +160,16 @@ void Platform::makeDirectories() const {
     writeFile(directory / "etc/zul/zul.conf",
               "[database]\nroot_directory=" + (directory / "opt/app").native() +
                   "\ntemp_directory=" + (directory / "opt/zul/tmp").native() + "\n");
+}
+
+// A plain user may not, nor root in a container without CAP_SYS_ADMIN, nor does every file system take them.
+bool Platform::mayAttachSecurityAttributes() const {
+    const auto file = settings_.directory / "opt/zul/tmp/attribute";
+    const Common::UniqueFd descriptor(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    checked(descriptor.get(), ("couldn't create " + Common::quoted(file)).c_str());
+    std::filesystem::remove(file);
+    // The type of a signature, the one byte that the kernel looks at (ima.h of Linux).
+    return Core::ZUL::attachAttribute(descriptor.get(), "security.ima", "\x03") == 0;
 }
 
 void Platform::makeKeys() {

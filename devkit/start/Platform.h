@@ -53,6 +53,7 @@ public:
 
 private:
     void makeDirectories() const;
+    [[nodiscard]] bool mayAttachSecurityAttributes() const;
     void makeKeys();
     std::string startBus(const std::string& name);
     void startService(const std::string& program, const std::vector<std::string>& options, bool privateEtc);
