@@ -1,6 +1,7 @@
 // Renders the manual of a bus interface from its D-Bus introspection XML. The comment before an element
-// describes it: its first paragraph the element itself, a line "name: text" and the lines up to the next one
-// the argument of that name. The comment before <node> opens the manual.
+// describes it. What comes before the first line "name: text" is about the element itself; each such line,
+// with the lines up to the next one, is about the argument of that name. The comment before <node> opens the
+// manual.
 
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
