@@ -173,5 +173,15 @@ TEST_F(Peers, TellTheEndOfAnApplicationThatDoesNotEndPolitely) {
         EXPECT_TRUE(waitUntil([&] { return ends == round; })) << service_->output();
     }
     EXPECT_NE(errorOf(control, RuntimeManager::terminate, std::string("app")), "");
+    // Whatever is wrong with an entry, there is an answer, and nothing is started outside of the system.
+    const Map oddHints{{RuntimeManager::preferredHandler, sdbus::Variant(std::string("odd"))}};
+    for (const auto* exec : {"app %\u00e9", "./\xff", "/../../bin/true"}) {
+        writeFile(directory_ / "usr/share/applications/odd.desktop",
+                  std::string("[Desktop Entry]\nType=Application\nName=Odd\nExec=") + exec + "\n");
+        EXPECT_EQ(
+            errorOf(intents, RuntimeManager::invokeIntent, RuntimeManager::startIntent, oddHints, Map()),
+            RuntimeManager::service + ".Error.Failed")
+            << exec;
+    }
     EXPECT_THAT(service_->output(), testing::HasSubstr("ended by signal 9"));
 }

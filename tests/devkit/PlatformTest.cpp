@@ -74,9 +74,39 @@ void expectNothingLeftAfter(const std::function<void(pid_t platform, pid_t keepe
 } // namespace
 
 TEST(TheTour, HoldsFromInstallationToRemoval) {
-    const auto result = run({program, "--", PROGRAMS "vendara-tour"});
+    // Below a relative path with a link: the kernel and the buses know it by another.
+    const ScratchDirectory scratch;
+    fs::create_directory(scratch.path() / "real");
+    fs::create_directory_symlink("real", scratch.path() / "link");
+    const auto result = run({program, "--", "vendara-tour"},
+                            {.environment = {{"TMPDIR", "link"}}, .directory = scratch.path()});
     EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_THAT(result.output, HasSubstr("All steps held"));
+}
+
+TEST(APlatform, RunsACommandAsItStandsAndFindsItsOwn) {
+    EXPECT_EQ(run({program, "--", "echo", "[1,2]", "--", ""}).output, "[1,2] -- \n");
+    EXPECT_EQ(run({program, "--", "vendaractl", "list"}).status, 0);
+    EXPECT_EQ(run({program, "--", "no such command"}).status, 127);
+    EXPECT_EQ(run({program, "vendaractl", "list"}).status, 2);
+}
+
+TEST(APlatform, LeavesAProcessBehindThatItMayNotKill) {
+    const std::vector<std::string> withoutPower{"setpriv", "--bounding-set=-kill"};
+    auto command = withoutPower;
+    command.emplace_back("true");
+    if (run(command).status != 0) {
+        GTEST_SKIP() << "capabilities cannot be given up here";
+    }
+    const std::string foreign =
+        "setpriv --reuid=65534 --clear-groups sh -c 'tail -f /dev/null >/dev/null & echo $!'";
+    command = withoutPower;
+    command.insert(command.end(), {program, "--", "sh", "-c", "echo pid=$(" + foreign + ")"});
+    const auto result = run(command);
+    const pid_t left = std::atoi(result.output.c_str() + result.output.find('=') + 1);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, HasSubstr("process " + std::to_string(left) + " belongs to another user"));
+    EXPECT_TRUE(left > 1 && kill(left, SIGKILL) == 0) << result.output;
 }
 
 TEST(APlatform, LeavesNothingBehindWhoeverEndsIt) {
