@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <csignal>
 #include <fcntl.h>
 #include <sys/time.h>
@@ -94,9 +95,9 @@ TEST_F(AGzipStream, CanBeAbandonedWhileAnotherProcessHasItsEndsToo) {
 TEST_F(AGzipStream, IsReadWholeByAThreadThatSignalsInterrupt) {
     const auto package = Testbed::buildPackage(
         scratch.path(), {.files = {{"/usr/share/a", text}, {"/usr/share/b", text}}, .payload = "w9.gzdio"});
-    static volatile std::sig_atomic_t interruptions = 0;
+    static std::atomic<int> interruptions = 0; // the handler runs on any thread
     struct sigaction action {};
-    action.sa_handler = [](int) { interruptions = interruptions + 1; };
+    action.sa_handler = [](int) { ++interruptions; };
     ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
     const itimerval often{{0, 200}, {0, 200}};
     ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
