@@ -175,7 +175,7 @@ TEST_F(Peers, TellTheEndOfAnApplicationThatDoesNotEndPolitely) {
     EXPECT_NE(errorOf(control, RuntimeManager::terminate, std::string("app")), "");
     // Whatever is wrong with an entry, there is an answer, and nothing is started outside of the system.
     const Map oddHints{{RuntimeManager::preferredHandler, sdbus::Variant(std::string("odd"))}};
-    for (const auto* exec : {"app %\u00e9", "./\xff", "/../../bin/true"}) {
+    for (const auto* exec : {"app %\u00e9", "./\ufffe", "/../../bin/true"}) {
         writeFile(directory_ / "usr/share/applications/odd.desktop",
                   std::string("[Desktop Entry]\nType=Application\nName=Odd\nExec=") + exec + "\n");
         EXPECT_EQ(
