@@ -23,7 +23,7 @@ class AGzipStream : public testing::Test {
 protected:
     AGzipStream() {
         setenv("HOME", scratch.path().c_str(), 1);
-        for (int line = 0; line < 500000; ++line) {
+        for (std::int64_t line = 0; line < 500000; ++line) {
             text += std::to_string(line * 7919) + "\n";
         }
     }
