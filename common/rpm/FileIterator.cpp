@@ -28,19 +28,27 @@ constexpr rpmfiFlags unusedTags = RPMFI_NOFILECLASS | RPMFI_NOFILEDEPS | RPMFI_N
 
 struct Compressor {
     std::string_view name;
-    const char* mode;
+    const char* mode; ///< for librpm to read with
+    std::string_view magic;
+    /// Of those that read a payload faster than librpm, if it begins with the magic.
+    std::unique_ptr<Decompressor> (*decompressor)(UniqueFd file);
 };
 
+// A header that names no compressor may have a payload without compression: librpm's gzip reader lets it
+// through, and the magic tells.
 constexpr std::array compressors{
-    Compressor{"gzip", "r.gzdio"}, Compressor{"bzip2", "r.bzdio"}, Compressor{"xz", "r.xzdio"},
-    Compressor{"lzma", "r.lzdio"}, Compressor{"zstd", "r.zstdio"},
+    Compressor{"gzip", "r.gzdio", "\x1f\x8b", gzipDecompressor},
+    Compressor{"bzip2", "r.bzdio", "BZh", bzip2Decompressor},
+    Compressor{"xz", "r.xzdio", {}, nullptr},
+    Compressor{"lzma", "r.lzdio", {}, nullptr},
+    Compressor{"zstd", "r.zstdio", {}, nullptr},
 };
 
 [[noreturn]] void throwNotOpened() {
     throw Error(ErrorCode::BadPackage, "couldn't open rpm package for extraction");
 }
 
-const char* payloadMode(Header header) {
+const Compressor& compressorOf(Header header) {
     const char* format = headerGetString(header, RPMTAG_PAYLOADFORMAT);
     if (format != nullptr && std::string_view(format) != "cpio") {
         throwNotOpened();
@@ -48,7 +56,7 @@ const char* payloadMode(Header header) {
     const char* name = headerGetString(header, RPMTAG_PAYLOADCOMPRESSOR);
     for (const auto& compressor : compressors) {
         if (compressor.name == (name != nullptr ? name : "gzip")) {
-            return compressor.mode;
+            return compressor;
         }
     }
     throwNotOpened();
@@ -65,15 +73,13 @@ UniqueFd openAtPayload(const Reader& reader) {
     return file;
 }
 
-// A header that names no compressor may have a payload without compression: librpm's gzip reader lets it
-// through.
-bool beginsLikeGzip(const UniqueFd& file) {
-    std::array<unsigned char, 2> magic{};
-    const off_t place = lseek(file.get(), 0, SEEK_CUR);
-    return pread(file.get(), magic.data(), magic.size(), place) == 2 && magic[0] == 0x1f && magic[1] == 0x8b;
+bool beginsWith(const UniqueFd& file, std::string_view magic) {
+    std::string start(magic.size(), '\0');
+    const auto count = pread(file.get(), start.data(), start.size(), lseek(file.get(), 0, SEEK_CUR));
+    return count == static_cast<ssize_t>(magic.size()) && start == magic;
 }
 
-/// Keeps this thread from running signal handlers, as one would cut short a read from a GzipStream.
+/// Keeps this thread from running signal handlers, as one would cut short a read from a DecompressedStream.
 class SignalsHeldBack {
 public:
     SignalsHeldBack() {
@@ -109,14 +115,14 @@ FileIterator::FileIterator(const Reader& reader)
 }
 
 void FileIterator::openPayload(const Reader& reader) {
-    const char* mode = payloadMode(reader.header());
+    const auto& compressor = compressorOf(reader.header());
     auto file = openAtPayload(reader);
-    const bool isGzip = std::string_view(mode) == "r.gzdio" && beginsLikeGzip(file);
-    if (isGzip) {
-        gzip_.emplace(std::move(file));
+    const bool isOurs = compressor.decompressor != nullptr && beginsWith(file, compressor.magic);
+    if (isOurs) {
+        stream_.emplace(compressor.decompressor(std::move(file)));
     }
-    payload_.reset(fdDup(isGzip ? gzip_->descriptor() : file.get()));
-    if (!files_ || !payload_ || (!isGzip && Fdopen(payload_.get(), mode) == nullptr)) {
+    payload_.reset(fdDup(isOurs ? stream_->descriptor() : file.get()));
+    if (!files_ || !payload_ || (!isOurs && Fdopen(payload_.get(), compressor.mode) == nullptr)) {
         throwNotOpened();
     }
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "common/rpm/ContentDigest.h"
-#include "common/rpm/GzipStream.h"
+#include "common/rpm/DecompressedStream.h"
 #include "common/rpm/Reader.h"
 
 #include <rpm/rpmfi.h>
@@ -64,7 +64,7 @@ private:
     void markSeen(int index);
     void checkComplete() const;
 
-    std::optional<GzipStream> gzip_; ///< what payload_ reads from, if it is gzip
+    std::optional<DecompressedStream> stream_; ///< what payload_ reads from, if not the file itself
     std::unique_ptr<std::remove_pointer_t<rpmfiles>, rpmfiles (*)(rpmfiles)> files_;
     std::unique_ptr<std::remove_pointer_t<FD_t>, int (*)(FD_t)> payload_;
     std::unique_ptr<std::remove_pointer_t<rpmfi>, rpmfi (*)(rpmfi)> iterator_;

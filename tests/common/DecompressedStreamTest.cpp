@@ -1,0 +1,180 @@
+#include "common/rpm/DecompressedStream.h"
+
+#include "common/rpm/FileIterator.h"
+#include "testbed/LogCapture.h"
+#include "testbed/Process.h"
+#include "testbed/RpmPackage.h"
+#include "testbed/ScratchDirectory.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <csignal>
+#include <fcntl.h>
+#include <random>
+#include <sys/time.h>
+#include <sys/wait.h>
+
+namespace {
+
+using Common::UniqueFd;
+using Common::Rpm::DecompressedStream;
+
+struct Kind {
+    const char* program;
+    std::unique_ptr<Common::Rpm::Decompressor> (*decompressor)(UniqueFd file);
+};
+
+void PrintTo(const Kind& kind, std::ostream* stream) { *stream << kind.program; }
+
+class ADecompressedStream : public testing::TestWithParam<Kind> {
+protected:
+    ADecompressedStream() {
+        setenv("HOME", scratch.path().c_str(), 1);
+        for (std::int64_t line = 0; line < 500000; ++line) {
+            text += std::to_string(line * 7919) + "\n";
+        }
+    }
+
+    std::string compressed(const std::string& content, const char* level = "-6") const {
+        const auto file = scratch.path() / "content";
+        Testbed::writeFile(file, content);
+        const auto result = Testbed::run(
+            {"sh", "-c", std::string(GetParam().program) + " " + level + " <content >compressed"},
+            {.directory = scratch.path()});
+        EXPECT_EQ(result.status, 0);
+        return Testbed::readFile(scratch.path() / "compressed");
+    }
+
+    DecompressedStream streamOf(const std::string& bytes) const {
+        Testbed::writeFile(scratch.path() / "stream", bytes);
+        return DecompressedStream(GetParam().decompressor(
+            UniqueFd(open((scratch.path() / "stream").c_str(), O_RDONLY | O_CLOEXEC))));
+    }
+
+    static std::string contentOf(const DecompressedStream& stream) {
+        std::string content;
+        std::string piece(300001, '\0');
+        ssize_t count = 0;
+        while ((count = read(stream.descriptor(), piece.data(), piece.size())) > 0) {
+            content.append(piece, 0, static_cast<std::size_t>(count));
+            if (count < static_cast<ssize_t>(piece.size())) {
+                EXPECT_EQ(read(stream.descriptor(), piece.data(), 1), 0) << "a short read before the end";
+            }
+        }
+        return content;
+    }
+
+    Testbed::ScratchDirectory scratch;
+    std::string text;
+};
+
+class AGzipStream : public ADecompressedStream {};
+class ABzip2Stream : public ADecompressedStream {};
+
+constexpr Kind gzip{"gzip", Common::Rpm::gzipDecompressor};
+constexpr Kind bzip2{"bzip2", Common::Rpm::bzip2Decompressor};
+INSTANTIATE_TEST_SUITE_P(Every, ADecompressedStream, testing::Values(gzip, bzip2));
+INSTANTIATE_TEST_SUITE_P(The, AGzipStream, testing::Values(gzip));
+INSTANTIATE_TEST_SUITE_P(The, ABzip2Stream, testing::Values(bzip2));
+
+TEST_P(ADecompressedStream, GivesWhatIsInItAndNothingOfWhatFollows) {
+    for (const auto* level : {"-1", "-9"}) {
+        EXPECT_TRUE(contentOf(streamOf(compressed(text, level) + "signature")) == text) << level;
+    }
+    EXPECT_TRUE(contentOf(streamOf(compressed(text))) == text);
+    EXPECT_EQ(contentOf(streamOf(compressed(std::string(100000000, 'x')))).size(), 100000000U);
+    EXPECT_EQ(contentOf(streamOf(compressed("x"))), "x");
+    EXPECT_EQ(contentOf(streamOf(compressed(""))), "");
+}
+
+TEST_P(ADecompressedStream, EndsBeforeTheBytesThatAreDamaged) {
+    const Testbed::LogCapture log;
+    const auto whole = compressed(text);
+    auto wrongSum = whole;
+    wrongSum[whole.size() - 5] ^= 1;
+    for (const auto& bytes : {wrongSum, whole.substr(0, whole.size() - 1), whole.substr(0, whole.size() / 2),
+                              whole.substr(0, 5), std::string("no compression at all"), std::string()}) {
+        const auto content = contentOf(streamOf(bytes));
+        EXPECT_LT(content.size(), text.size()) << bytes.size();
+        EXPECT_TRUE(content == text.substr(0, content.size())) << bytes.size();
+    }
+    EXPECT_EQ(log.lines().size(), 6U);
+}
+
+TEST_P(ADecompressedStream, CanBeAbandonedWhileAnotherProcessHasItsEndsToo) {
+    const auto bytes = compressed(text);
+    pid_t heir = -1;
+    {
+        const auto stream = streamOf(bytes);
+        char first = 0;
+        ASSERT_EQ(read(stream.descriptor(), &first, 1), 1);
+        heir = fork();
+        if (heir == 0) {
+            pause();
+            _exit(0);
+        }
+    } // would wait for ever for a thread whose writing nothing ends
+    kill(heir, SIGKILL);
+    EXPECT_EQ(waitpid(heir, nullptr, 0), heir);
+}
+
+TEST_P(AGzipStream, GivesAllMembers) {
+    const auto two = compressed(text) + compressed("") + compressed("second");
+    EXPECT_TRUE(contentOf(streamOf(two + "signature")) == text + "second");
+    EXPECT_TRUE(contentOf(streamOf(two)) == text + "second");
+}
+
+TEST_P(ABzip2Stream, EndsBeforeABlockThatIsDamaged) {
+    const Testbed::LogCapture log;
+    auto bytes = compressed(text);
+    bytes[bytes.size() / 2] ^= 16;
+    const auto content = contentOf(streamOf(bytes));
+    EXPECT_GT(content.size(), text.size() / 4);
+    EXPECT_LT(content.size(), text.size() / 2);
+    EXPECT_TRUE(content == text.substr(0, content.size()));
+}
+
+// The list of byte values that a block uses stands in it as a bit each: 240 of its bits can be five marks.
+TEST_P(ABzip2Stream, MayHaveWhatLooksLikeTheMarksOfItsBlocks) {
+    const std::string list = "\x31\x41\x59\x26\x53\x59"
+                             "\x17\x72\x45\x38\x50\x90";
+    std::string values;
+    for (int value = 0; value < 240; ++value) {
+        if (list[value / 8 % list.size()] >> (7 - value % 8) & 1) {
+            values += static_cast<char>(value);
+        }
+    }
+    std::string content;
+    std::minstd_rand random;
+    while (content.size() < 3000000) {
+        content += values[random() % values.size()];
+    }
+    EXPECT_TRUE(contentOf(streamOf(compressed(content))) == content);
+}
+
+TEST_P(AGzipStream, IsReadWholeByAThreadThatSignalsInterrupt) {
+    const auto package = Testbed::buildPackage(
+        scratch.path(), {.files = {{"/usr/share/a", text}, {"/usr/share/b", text}}, .payload = "w9.gzdio"});
+    static std::atomic<int> interruptions = 0; // the handler runs on any thread
+    struct sigaction action {};
+    action.sa_handler = [](int) { ++interruptions; };
+    ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
+    const itimerval often{{0, 200}, {0, 200}};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+    for (int round = 0; round < 20; ++round) {
+        Common::Rpm::FileIterator files(Common::Rpm::Reader(package.string()));
+        for (int file = 0; file < 2; ++file) {
+            ASSERT_TRUE(files.next());
+            std::string content(text.size(), '\0');
+            EXPECT_EQ(files.read(content), text.size());
+            EXPECT_TRUE(content == text);
+        }
+        EXPECT_FALSE(files.next());
+    }
+    const itimerval never{};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &never, nullptr), 0);
+    EXPECT_GT(interruptions, 20);
+}
+
+} // namespace
