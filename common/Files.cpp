@@ -123,13 +123,20 @@ void replaceLink(const std::filesystem::path& link, const std::filesystem::path&
     }
 }
 
-void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path) {
+bool writeAll(int descriptor, std::span<const char> bytes) noexcept {
     while (!bytes.empty()) {
         const auto count = write(descriptor, bytes.data(), bytes.size());
         if (count < 0 && errno != EINTR) {
-            throw filesystemError("couldn't write " + path.native());
+            return false;
         }
-        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        bytes = bytes.subspan(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+    return true;
+}
+
+void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path) {
+    if (!writeAll(descriptor, bytes)) {
+        throw filesystemError("couldn't write " + path.native());
     }
 }
 

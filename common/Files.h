@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -69,7 +70,10 @@ enum class Durability {
 };
 
 /// Writes all bytes at the descriptor's offset.
-/// @param path  names the file in the error
+/// @return false, with errno, when the file does not take them
+[[nodiscard]] bool writeAll(int descriptor, std::span<const char> bytes) noexcept;
+
+/// The same, with an error that names the file.
 void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path);
 
 /// A file that appears under its name whole or not at all, in place of whatever file or link had the name.

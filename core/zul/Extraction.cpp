@@ -1,6 +1,7 @@
 #include "core/zul/Extraction.h"
 
 #include "common/Error.h"
+#include "common/Files.h"
 #include "common/LogLine.h"
 
 #include <cerrno>
@@ -38,12 +39,8 @@ std::string errnoText(int error) { return std::error_code(error, std::generic_ca
 
 void writeContent(EntryContent& content, int file, const std::filesystem::path& place) {
     for (auto piece = content.next(); !piece.empty(); piece = content.next()) {
-        while (!piece.empty()) {
-            const auto count = write(file, piece.data(), piece.size());
-            if (count < 0 && errno != EINTR) {
-                throwNotWritten(place);
-            }
-            piece = piece.subspan(count < 0 ? 0 : static_cast<std::size_t>(count));
+        if (!Common::writeAll(file, piece)) {
+            throwNotWritten(place);
         }
     }
 }

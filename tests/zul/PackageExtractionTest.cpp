@@ -46,6 +46,17 @@ std::map<std::string, std::string> filesOf(const fs::path& directory, const Pack
     return files;
 }
 
+/// Unpacks a package below its folder with the tools that everybody uses.
+fs::path unpackedByTheUsualTools(const fs::path& package) {
+    auto reference = package.parent_path() / "reference";
+    fs::create_directory(reference);
+    EXPECT_EQ(run({"sh", "-c", "rpm2cpio " + package.string() + " | cpio -idm --quiet"},
+                  {.environment = {}, .directory = reference, .input = {}})
+                  .status,
+              0);
+    return reference;
+}
+
 } // namespace
 
 class Payloads : public SignedPackage, public testing::WithParamInterface<const char*> {};
@@ -73,12 +84,7 @@ TEST_P(Payloads, AreUnpackedAsTheUsualToolsDo) {
          .fileList =
              "/usr/share/com.example.app/tool.so\n/usr/share/com.example.app/[a-e]*\n"
              "%dir %attr(0500,-,-) /usr/share/com.example.app/shut\n/usr/share/com.example.app/shut/inner"});
-    const auto reference = scratch.path() / "reference";
-    fs::create_directory(reference);
-    ASSERT_EQ(run({"sh", "-c", "rpm2cpio " + file.string() + " | cpio -idm --quiet"},
-                  {.environment = {}, .directory = reference, .input = {}})
-                  .status,
-              0);
+    const auto reference = unpackedByTheUsualTools(file);
     const auto package = Package::fromFile(file, authorities);
     package.extract(file, destination);
     EXPECT_EQ(filesOf(destination, PackagePath(Package("none", "1"))),
@@ -299,12 +305,7 @@ TEST_F(AnExtraction, UnpacksALargeFileAndManyFiles) {
                                           "; seq 99999999 | head -c 209715200 > large; "
                                           "seq 20000 | split -l 1 -a 4 - small.",
                          .fileList = "%config " + data});
-    const auto reference = scratch.path() / "reference";
-    fs::create_directory(reference);
-    ASSERT_EQ(run({"sh", "-c", "rpm2cpio " + file.string() + " | cpio -idm --quiet"},
-                  {.environment = {}, .directory = reference, .input = {}})
-                  .status,
-              0);
+    const auto reference = unpackedByTheUsualTools(file);
     Package("com.example.app", "1").extract(file, destination);
     EXPECT_TRUE(digestOfTree(destination / "data") == digestOfTree(reference / data.substr(1)));
 }
