@@ -42,8 +42,7 @@ LogLine::~LogLine() {
     // The stream is unbuffered: one write() of it is one write(2).
     std::cerr.write(line_.data(), static_cast<std::streamsize>(line_.size()));
     if (usable) {
-        std::cerr
-            .clear(); // a line that could not be written, on a full disk say, is no reason to drop the next
+        std::cerr.clear(); // a line that a full disk did not take is no reason to drop the next
     }
 }
 

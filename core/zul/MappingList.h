@@ -19,7 +19,7 @@ inline const std::string mappingListName = "symlink.list";
 /// none that can be read. Any thread.
 [[nodiscard]] MappingList readMappingList(const std::filesystem::path& versionDirectory);
 
-/// Replaces a version's list in one step; one that stands already is left. Throws Error, code Filesystem. Any
+/// Replaces a version's list in one step, unless it says the same already. Throws Error, code Filesystem. Any
 /// thread.
 void writeMappingList(const std::filesystem::path& versionDirectory, const MappingList& list,
                       Common::Durability durability);

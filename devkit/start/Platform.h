@@ -39,9 +39,8 @@ public:
     void start();
 
     /// Runs a command in the platform and waits for its end.
-    /// @return its exit status, or 128 and the signal's number; 127 when there is no such command and 126
-    /// when
-    ///         it cannot be executed, after that was told
+    /// @return its exit status, or 128 and the signal's number; 127 when there is no such command, and 126
+    ///         when it cannot be executed, after that was told
     /// Throws Interruption; std::runtime_error when a program of the platform ends.
     int run(const std::vector<std::string>& command, int stopSignal);
 
