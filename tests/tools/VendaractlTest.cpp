@@ -46,6 +46,8 @@ TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndTellsCodesInWords) {
         writeFile(scratch.path() / name, "package");
     }
     ScriptedService service({{"good.rpm", {{0, 10, 90, 100}}},
+                             {"[a,b]", {{100}}},
+                             {"-x", {{100}}},
                              {"unsigned.rpm", {{0, 10, 101}, 7}},
                              {"text.rpm", {.refusal = "Failed to retrieve id from the rpm package"}}});
     const auto result = ctl({"install", "good.rpm", "./unsigned.rpm", "text.rpm"});
@@ -60,7 +62,8 @@ TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndTellsCodesInWords) {
     for (const auto& request : service.requests) {
         EXPECT_TRUE(std::filesystem::path(request).is_absolute()) << request;
     }
-    EXPECT_EQ(ctl({"remove", "good.rpm"}).status, 0);
+    EXPECT_EQ(ctl({"remove", "good.rpm", "[a,b]", "--", "-x"}).status, 0);
+    EXPECT_THAT(service.requests, testing::IsSupersetOf({"[a,b]", "-x"}));
 }
 
 TEST_F(Vendaractl, AsksForTheEndWhoseSignalItMissed) {

@@ -63,7 +63,7 @@ public:
         for (const auto& [command, name, help] :
              {std::tuple{Command::Start, "start", "Start an application"},
               std::tuple{Command::Restart, "restart", "End an application and start it again"}}) {
-            arguments(add(command, name, help), "ID", "Package identifier", problemOfText)->expected(1);
+            arguments(add(command, name, help), "ID", "Package identifier", problemOfText)->expected(1, 1);
         }
         add(Command::Monitor, "monitor", "Show installations, upgrades and removals until interrupted");
     }
@@ -92,10 +92,13 @@ private:
         return subcommand;
     }
 
+    // Where any number of arguments may come, the parser takes "[a,b]" for a list of two, and no "--" after
+    // the first. So it is told to wait for more than ever come, which it does not mind.
     CLI::Option* arguments(CLI::App* command, const std::string& name, const std::string& help,
                            std::string (*problem)(const std::string&)) {
+        constexpr int many = CLI::detail::expected_max_vector_size;
         auto* const option = command->add_option(name, request_.arguments, help)->required();
-        option->option_text(" ");
+        option->take_all()->expected(many, many)->allow_extra_args(false)->option_text(" ");
         return option->check([problem](const std::string& value) { return problem(value); });
     }
 
