@@ -3,7 +3,8 @@
 
 _vendaractl_packages() {
     local root
-    root=$(sed -n 's/^[[:blank:]]*root_directory[[:blank:]]*=[[:blank:]]*//p' /etc/zul/zul.conf 2>/dev/null)
+    root=$(sed -n 's/^[[:blank:]]*root_directory[[:blank:]]*=[[:blank:]]*//; T; s/[[:blank:]]*$//; p' \
+        /etc/zul/zul.conf 2>/dev/null)
     cd "${root:-/opt/app}" 2>/dev/null && compgen -d -- "$1"
 }
 
