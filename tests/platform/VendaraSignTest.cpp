@@ -136,6 +136,8 @@ TEST_F(VendaraSign, TellsWrongUsageFromFailure) {
                                               {"--developer-key", "ca/developer.key", "a.rpm"},
                                               {"--make-test-ca", "new", "a.rpm"},
                                               {"--make-test-ca", "new", "--not-after", "tomorrow"},
+                                              {"--make-test-ca", "new", "--not-after", "2027-02-31"},
+                                              {"--make-test-ca", "new", "--not-after", "2001-01-01"},
                                               {"--show", "a.rpm", "--output", "b.rpm"},
                                               {"--show", "a.rpm", "more.rpm"}};
     for (const auto& arguments : wrong) {

@@ -5,12 +5,14 @@
 
 #include <CLI/CLI.hpp>
 
+#include <array>
 #include <ctime>
 #include <exception>
 #include <iostream>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -35,15 +37,23 @@ struct Arguments {
 
 std::optional<std::time_t> midnightOf(const std::string& date) {
     std::tm fields{};
-    const char* end = strptime(date.c_str(), "%Y-%m-%d", &fields);
-    if (end == nullptr || *end != '\0') {
-        return {};
-    }
-    return timegm(&fields);
+    strptime(date.c_str(), "%Y-%m-%d", &fields);
+    const auto time = timegm(&fields);
+    // A day that its month does not have has become another one.
+    std::array<char, sizeof "YYYY-MM-DD"> written{};
+    const auto length = std::strftime(written.data(), written.size(), "%Y-%m-%d", &fields);
+    return std::string_view(written.data(), length) == date ? std::optional(time) : std::nullopt;
 }
 
 std::string checkDate(const std::string& date) {
     return midnightOf(date) ? std::string() : "\"" + date + "\" is no date of the form YYYY-MM-DD";
+}
+
+Signing::Validity validityFrom(const Arguments& arguments) {
+    auto validity = Signing::Validity::usual();
+    validity.notBefore = midnightOf(arguments.notBefore).value_or(validity.notBefore);
+    validity.notAfter = midnightOf(arguments.notAfter).value_or(validity.notAfter);
+    return validity;
 }
 
 CLI::Option* addFile(CLI::App& app, const std::string& name, std::string& value, const std::string& help) {
@@ -105,6 +115,9 @@ void checkUsage(const Arguments& arguments) {
     if (!arguments.output.empty() && !sign) {
         throw CLI::ValidationError("--output is for signing");
     }
+    if (const auto validity = validityFrom(arguments); validity.notAfter <= validity.notBefore) {
+        throw CLI::ValidationError("the certificates would end before they begin");
+    }
     for (const auto& trustlet : arguments.trustlets) {
         if (!trustlet.starts_with('/')) {
             throw CLI::ValidationError("--trustlet takes an absolute path of the package");
@@ -140,10 +153,7 @@ void verify(const Arguments& arguments) {
 }
 
 void makeTestAuthority(const Arguments& arguments) {
-    auto validity = Signing::Validity::usual();
-    validity.notBefore = midnightOf(arguments.notBefore).value_or(validity.notBefore);
-    validity.notAfter = midnightOf(arguments.notAfter).value_or(validity.notAfter);
-    Signing::makeTestAuthority(arguments.testAuthority, validity);
+    Signing::makeTestAuthority(arguments.testAuthority, validityFrom(arguments));
 }
 
 void sign(const Arguments& arguments) {
