@@ -120,7 +120,7 @@ TEST(APlatform, LeavesNothingBehindWhoeverEndsIt) {
 
 TEST(APlatform, TellsThatTheDiskIsFull) {
     const ScratchDirectory scratch;
-    const std::string script = R"sh(mount -t tmpfs -o size=32k none "$1" || exit 77
+    const std::string script = R"sh(mount -t tmpfs -o size=4k none "$1" || exit 77
         TMPDIR=$1 "$2" -- true; status=$?; [ -z "$(ls -A "$1")" ] && exit $status)sh";
     const auto result = run({"unshare", "-rm", "sh", "-c", script, "sh", scratch.path(), program});
     if (result.status == 77) {

@@ -87,7 +87,7 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         {noTrustlet, "no file at or below /usr/lib/ta"},
         {wrongKey, "ca/client.key: does not belong to the certificate ca/developer.pem"},
         {noKey, "ca/missing.key: No such file"},
-        {{"--make-test-ca", "ca"}, "ca/ca.key: File exists"},
+        {{"--make-test-ca", "ca"}, "ca/developer.key: File exists"},
         {{"--verify", "--authority", "ca/ca.pem", "b.rpm"}, "b.rpm: not signed by a developer"},
         {{"--verify", "--authority", "ca/client.pem", "a.rpm"}, "issuer certificate"},
         {{"--verify", "--authority", "ca/none.pem", "a.rpm"}, "ca/none.pem: No such file"}};
@@ -97,6 +97,10 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         EXPECT_EQ(result.status, 1) << text;
         EXPECT_THAT(result.output, testing::AllOf(testing::StartsWith("vendara-sign: "), HasSubstr(text)));
     }
+    // A full disk, or what comes near it: no room for a key.
+    const auto full = run({"sh", "-c", "trap '' XFSZ; ulimit -f 3; exec " VENDARA_SIGN " --make-test-ca x/y"},
+                          {.directory = scratch.path()});
+    EXPECT_THAT(full.output, HasSubstr("x/y/developer.key: File too large"));
     EXPECT_EQ(digestOfTree(scratch.path()), before);
 }
 

@@ -7,8 +7,9 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <map>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 namespace Signing {
 
@@ -67,15 +68,44 @@ Identity makeIdentity(const CertificateRequest& request, const Identity* issuer)
     return made;
 }
 
-void writeNewFile(const std::filesystem::path& path, std::string_view content) {
-    const bool isSecret = path.extension() == ".key";
-    const Common::UniqueFd file(
-        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, isSecret ? 0600 : 0644));
-    if (!file) {
-        throw std::system_error(errno, std::generic_category(), path.string());
+/// Makes files and directories, and removes what it made unless that is kept.
+class NewFiles {
+public:
+    NewFiles() = default;
+    ~NewFiles() {
+        std::error_code ignored;
+        for (; !made_.empty(); made_.pop_back()) {
+            std::filesystem::remove(made_.back(), ignored);
+        }
     }
-    Common::writeAll(file.get(), content, path);
-}
+    NewFiles(const NewFiles&) = delete;
+    NewFiles& operator=(const NewFiles&) = delete;
+
+    void makeDirectories(const std::filesystem::path& directory) {
+        if (directory.has_parent_path() && !std::filesystem::exists(directory)) {
+            makeDirectories(directory.parent_path());
+        }
+        if (std::filesystem::create_directory(directory)) {
+            made_.push_back(directory);
+        }
+    }
+
+    void write(const std::filesystem::path& path, std::string_view content) {
+        const bool isSecret = path.extension() == ".key";
+        const Common::UniqueFd file(
+            open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, isSecret ? 0600 : 0644));
+        if (!file) {
+            throw std::system_error(errno, std::generic_category(), path.string());
+        }
+        made_.push_back(path);
+        Common::writeAll(file.get(), content, path);
+    }
+
+    void keep() { made_.clear(); }
+
+private:
+    std::vector<std::filesystem::path> made_;
+};
 
 } // namespace
 
@@ -99,30 +129,33 @@ void makeTestAuthority(const std::filesystem::path& directory, const Validity& v
     const auto developerUsage = critical(PackageSignatures::developerUsage);
     const auto clientUsage = critical(PackageSignatures::clientUsage);
     const TestAuthority authority;
-    std::map<std::string, std::string> files;
+    std::vector<std::pair<std::string, std::string>> files;
     const auto add = [&files](const std::string& name, const Identity& identity) {
-        files[name + ".key"] = keyPem(identity);
-        files[name + ".pem"] = certificatePem(identity);
+        files.emplace_back(name + ".key", keyPem(identity));
+        files.emplace_back(name + ".pem", certificatePem(identity));
     };
     const auto issue = [&](const char* commonName, const std::string& usage) {
         return authority.issue({.commonName = commonName, .extendedKeyUsage = usage, .validity = validity});
     };
     const auto systemDeveloper = issue("Test system developer", developerUsage);
-    add("ca", authority.identity());
     add("developer", issue("Test developer", developerUsage));
     add("client", issue("Test client", clientUsage));
     add("system-developer", systemDeveloper);
-    files["system-developer-keyid"] =
-        PackageSignatures::certificateOf(*systemDeveloper.certificate).keyId() + "\n";
-    std::filesystem::create_directories(directory);
+    files.emplace_back("system-developer-keyid",
+                       PackageSignatures::certificateOf(*systemDeveloper.certificate).keyId() + "\n");
+    // Last: where its certificate is, everything is.
+    add("ca", authority.identity());
+    NewFiles made;
+    made.makeDirectories(directory);
     for (const auto& [name, content] : files) {
         if (std::filesystem::exists(std::filesystem::symlink_status(directory / name))) {
             throw std::system_error(EEXIST, std::generic_category(), (directory / name).string());
         }
     }
     for (const auto& [name, content] : files) {
-        writeNewFile(directory / name, content);
+        made.write(directory / name, content);
     }
+    made.keep();
 }
 
 } // namespace Signing

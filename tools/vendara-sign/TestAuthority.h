@@ -41,8 +41,8 @@ private:
 };
 
 /// Makes an authority, a developer, a client and a system developer, each as NAME.key (readable by the owner
-/// only) and NAME.pem, and the file "system-developer-keyid". Never overwrites: where one of the files is
-/// there already, none is made.
+/// only) and NAME.pem, and the file "system-developer-keyid"; "ca.pem" comes last. Never overwrites: where
+/// one of the files is there already, none is made. What a run that fails has made it removes.
 /// @param directory  made if missing
 /// @param validity   of all certificates but the authority's, which is usual
 /// Throws std::exception, whose text names the path.
