@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 
+#include <sys/stat.h>
+
 namespace {
 
 using namespace Testbed;
@@ -18,9 +20,12 @@ protected:
     }
 
     [[nodiscard]] static std::vector<std::string> by(const std::string& role, const std::string& name,
-                                                     const std::string& package) {
-        return {"--" + role + "-key", "ca/" + name + ".key", "--" + role + "-cert", "ca/" + name + ".pem",
-                package};
+                                                     const std::string& package,
+                                                     const std::vector<std::string>& more = {}) {
+        std::vector<std::string> arguments{"--" + role + "-key", "ca/" + name + ".key", "--" + role + "-cert",
+                                           "ca/" + name + ".pem", package};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return arguments;
     }
 
     void SetUp() override {
@@ -54,10 +59,8 @@ TEST_F(VendaraSign, SignsAsDeveloperAndLaterAsClient) {
 
     // The same keys and package give the same file.
     writeFile(scratch.path() / "b.rpm", plain);
-    auto both = by("developer", "developer", "b.rpm");
     const auto client = by("client", "client", "--output=c.rpm");
-    both.insert(both.end(), client.begin(), client.end());
-    ASSERT_EQ(sign(both).status, 0);
+    ASSERT_EQ(sign(by("developer", "developer", "b.rpm", client)).status, 0);
     EXPECT_EQ(readFile(scratch.path() / "b.rpm"), plain);
     EXPECT_EQ(readFile(scratch.path() / "c.rpm"), readFile(file));
 }
@@ -71,20 +74,25 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
     writeFile(scratch.path() / "damaged.rpm", damaged);
     writeFile(scratch.path() / "b.rpm", plain);
     writeFile(scratch.path() / "text.rpm", "text");
-    auto noTrustlet = by("developer", "developer", "b.rpm");
-    noTrustlet.insert(noTrustlet.end(), {"--trustlet", "/usr/lib/ta"});
+    const auto withOption = [](const std::string& name, const std::string& value) {
+        return by("developer", "developer", "b.rpm", {name, value});
+    };
     auto wrongKey = by("developer", "developer", "b.rpm");
     wrongKey[1] = "ca/client.key";
     auto noKey = by("developer", "developer", "b.rpm");
     noKey[1] = "ca/missing.key";
+    ASSERT_EQ(mkfifo((scratch.path() / "fifo").c_str(), 0600), 0);
+    std::filesystem::create_symlink("nowhere", scratch.path() / "dangling");
     const std::pair<std::vector<std::string>, const char*> cases[] = {
+        {withOption("--output", "fifo"), "b.rpm: fifo is no regular file"},
+        {withOption("--output", "dangling"), "b.rpm: dangling is a link that leads nowhere"},
         {by("developer", "developer", "a.rpm"), "a.rpm: the package has a developer's signature already"},
         {by("developer", "developer", "missing.rpm"), "missing.rpm: No such file"},
         {by("developer", "developer", "text.rpm"), "text.rpm: file is no rpm package"},
         {by("developer", "client", "b.rpm"), "b.rpm: the certificate given for the developer is not one"},
         {by("client", "ca", "b.rpm"), "ca/ca.pem: certificate"},
         {by("client", "client", "damaged.rpm"), "damaged.rpm"},
-        {noTrustlet, "no file at or below /usr/lib/ta"},
+        {withOption("--trustlet", "/usr/lib/ta"), "no file at or below /usr/lib/ta"},
         {wrongKey, "ca/client.key: does not belong to the certificate ca/developer.pem"},
         {noKey, "ca/missing.key: No such file"},
         {{"--make-test-ca", "ca"}, "ca/developer.key: File exists"},
@@ -143,6 +151,7 @@ TEST_F(VendaraSign, TellsWrongUsageFromFailure) {
                                               {"--make-test-ca", "new", "--not-after", "2027-02-31"},
                                               {"--make-test-ca", "new", "--not-after", "2001-01-01"},
                                               {"--show", "a.rpm", "--output", "b.rpm"},
+                                              by("developer", "developer", "a.rpm", {"--output", ""}),
                                               {"--show", "a.rpm", "more.rpm"}};
     for (const auto& arguments : wrong) {
         EXPECT_EQ(sign(arguments).status, 2) << testing::PrintToString(arguments);

@@ -62,6 +62,19 @@ void copyBytes(int source, std::uint64_t length, Common::NewFile& output) {
     }
 }
 
+/// What the output takes the place of: where it is a link, what that leads to.
+std::filesystem::path placeOf(const std::filesystem::path& output) {
+    const auto type = std::filesystem::status(output).type();
+    const bool isLink = std::filesystem::is_symlink(std::filesystem::symlink_status(output));
+    if (type == std::filesystem::file_type::not_found && isLink) {
+        throw std::runtime_error(output.string() + " is a link that leads nowhere");
+    }
+    if (type != std::filesystem::file_type::not_found && type != std::filesystem::file_type::regular) {
+        throw std::runtime_error(output.string() + " is no regular file");
+    }
+    return std::filesystem::weakly_canonical(std::filesystem::absolute(output));
+}
+
 void writeSigned(const SignRequest& request) {
     requireRole(request.developer, Role::Developer);
     requireRole(request.client, Role::Client);
@@ -70,8 +83,7 @@ void writeSigned(const SignRequest& request) {
     if (fstat(package.descriptor(), &status) != 0) {
         throw std::system_error(errno, std::generic_category(), "couldn't read");
     }
-    // Where the output is a link, what it leads to is replaced. Another signer may be at the same file.
-    const auto path = std::filesystem::weakly_canonical(std::filesystem::absolute(request.output));
+    const auto path = placeOf(request.output);
     const auto name = path.filename().native();
     Common::NewFile output(
         path.parent_path(), name,

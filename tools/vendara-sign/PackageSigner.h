@@ -18,9 +18,10 @@ struct SignRequest {
 };
 
 /// Writes the package with the signatures that it has and those that are asked for. The output is replaced as
-/// a whole, and only when all went well. Throws std::exception, whose text names the path, for a package that
-/// librpm does not accept, that has a signature of the same role already or a damaged one, and for an
-/// identity of another role.
+/// a whole, and only when all went well; a link stays, and what it leads to is replaced. Throws
+/// std::exception, whose text names the path, for a package that librpm does not accept, that has a signature
+/// of the same role already or a damaged one, for an identity of another role, and for an output that is
+/// there and no regular file.
 void signPackage(const SignRequest& request);
 
 } // namespace Signing

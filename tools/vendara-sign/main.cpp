@@ -56,8 +56,10 @@ Signing::Validity validityFrom(const Arguments& arguments) {
     return validity;
 }
 
+std::string checkPath(const std::string& path) { return path.empty() ? "an empty path" : ""; }
+
 CLI::Option* addFile(CLI::App& app, const std::string& name, std::string& value, const std::string& help) {
-    return app.add_option(name, value, help)->type_name("FILE");
+    return app.add_option(name, value, help)->type_name("FILE")->check(checkPath);
 }
 
 void declareSigning(CLI::App& app, Arguments& arguments) {
@@ -88,11 +90,10 @@ void declare(CLI::App& app, Arguments& arguments) {
     authority->needs(
         app.add_flag("--verify", arguments.verify, "Verify the package's signatures")->needs(authority));
     app.add_flag("--show", arguments.show, "Print who signed the package, without verifying it");
-    auto* testAuthority =
-        app.add_option("--make-test-ca", arguments.testAuthority,
-                       "Make a throw-away authority and keys of a developer, a client and a "
-                       "system developer in this directory")
-            ->type_name("DIRECTORY");
+    auto* testAuthority = addFile(app, "--make-test-ca", arguments.testAuthority,
+                                  "Make a throw-away authority and keys of a developer, a client and a "
+                                  "system developer in this directory")
+                              ->type_name("DIRECTORY");
     const auto addDate = [&](const char* name, std::string& value, const char* help) {
         app.add_option(name, value, help)->type_name("YYYY-MM-DD")->check(checkDate)->needs(testAuthority);
     };
