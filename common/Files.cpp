@@ -142,20 +142,38 @@ void writeAll(int descriptor, std::string_view bytes, const std::filesystem::pat
 
 NewFile::NewFile(const std::filesystem::path& directory, const std::string& name, const Options& options)
     : final_(directory / name)
-    , pending_(directory / (options.pendingName.empty() ? "." + name + ".new" : options.pendingName))
+    , pending_(directory / ("." + name + "." + (options.contended ? std::to_string(getpid()) : "new")))
     , mode_(options.mode) {
+    const mode_t mode = mode_ ? 0600 : 0644;
     removeTree(pending_);
-    file_ = UniqueFd(
-        open(pending_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode_ ? 0600 : 0644));
+    if (options.contended) {
+        file_ = UniqueFd(open(directory.c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, mode));
+    }
+    if (!file_) {
+        file_ = UniqueFd(open(pending_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+        named_ = true;
+    }
     if (!file_) {
         throw filesystemError("couldn't create " + pending_.native());
     }
 }
 
 NewFile::~NewFile() {
-    if (file_) {
+    if (file_ && named_) {
         unlink(pending_.c_str());
     }
+}
+
+// Only what has a name can take the place of another.
+void NewFile::giveName() {
+    if (named_) {
+        return;
+    }
+    const auto self = "/proc/self/fd/" + std::to_string(file_.get());
+    if (linkat(AT_FDCWD, self.c_str(), AT_FDCWD, pending_.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+        throw filesystemError("couldn't create " + pending_.native());
+    }
+    named_ = true;
 }
 
 void NewFile::commit(Durability durability) {
@@ -166,6 +184,7 @@ void NewFile::commit(Durability durability) {
     if (durability == Durability::Now && fsync(file_.get()) != 0) {
         throw filesystemError("couldn't flush " + pending_.native());
     }
+    giveName();
     if (rename(pending_.c_str(), final_.c_str()) != 0) {
         throw filesystemError("couldn't replace " + final_.native());
     }

@@ -77,15 +77,17 @@ enum class Durability {
 void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path);
 
 /// A file that appears under its name whole or not at all, in place of whatever file or link had the name.
-/// Until then it lies beside it under another name, readable and writable for its owner alone if a mode is
-/// asked for. Used by one thread.
+/// Until then it lies beside it under another name or none, readable and writable for its owner alone if a
+/// mode is asked for. Used by one thread.
 class NewFile {
 public:
     struct Options {
         std::optional<mode_t> mode = {}; ///< its permission bits; else 0644 as far as the umask lets them be
-        /// The other name. The usual one takes the place of what an interrupted process left, and so is for
-        /// directories that one process at a time writes to.
-        std::string pendingName = {};
+        /// Whether other processes may write the same file at the same time. If none does, the other name is
+        /// always the same, and what an interrupted process left is replaced. Else the file has no name
+        /// before commit(), so that an interruption leaves nothing; where the file system has no such files
+        /// (open(2), O_TMPFILE), it has one of this process.
+        bool contended = false;
     };
 
     NewFile(const std::filesystem::path& directory, const std::string& name)
@@ -101,10 +103,13 @@ public:
     void commit(Durability durability);
 
 private:
+    void giveName();
+
     std::filesystem::path final_;
     std::filesystem::path pending_;
     std::optional<mode_t> mode_;
     UniqueFd file_;
+    bool named_ = false;
 };
 
 } // namespace Common

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <csignal>
 #include <sys/stat.h>
 
 namespace {
@@ -105,10 +106,15 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         EXPECT_EQ(result.status, 1) << text;
         EXPECT_THAT(result.output, testing::AllOf(testing::StartsWith("vendara-sign: "), HasSubstr(text)));
     }
-    // A full disk, or what comes near it: no room for a key.
-    const auto full = run({"sh", "-c", "trap '' XFSZ; ulimit -f 3; exec " VENDARA_SIGN " --make-test-ca x/y"},
-                          {.directory = scratch.path()});
-    EXPECT_THAT(full.output, HasSubstr("x/y/developer.key: File too large"));
+    // Files end after 1.5 kB: a larger one cannot be written, or is the end of the program.
+    const auto withoutRoom = [&](const std::string& preparation, std::vector<std::string> arguments) {
+        const auto script = preparation + "; ulimit -f 3; exec " VENDARA_SIGN " \"$@\"";
+        arguments.insert(arguments.begin(), {"sh", "-c", script, "sh"});
+        return run(arguments, {.directory = scratch.path()});
+    };
+    EXPECT_THAT(withoutRoom("trap '' XFSZ", {"--make-test-ca", "x/y"}).output,
+                HasSubstr("x/y/developer.key: File too large"));
+    EXPECT_EQ(withoutRoom("ulimit -c 0", withOption("--output", "c.rpm")).status, 128 + SIGXFSZ);
     EXPECT_EQ(digestOfTree(scratch.path()), before);
 }
 

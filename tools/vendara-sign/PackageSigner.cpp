@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <map>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace Signing {
 
@@ -84,10 +83,8 @@ void writeSigned(const SignRequest& request) {
         throw std::system_error(errno, std::generic_category(), "couldn't read");
     }
     const auto path = placeOf(request.output);
-    const auto name = path.filename().native();
-    Common::NewFile output(
-        path.parent_path(), name,
-        {.mode = status.st_mode & 0777, .pendingName = "." + name + "." + std::to_string(getpid())});
+    Common::NewFile output(path.parent_path(), path.filename().native(),
+                           {.mode = status.st_mode & 0777, .contended = true});
     copyBytes(package.descriptor(), package.packageLength(), output);
     // From here on it is the copy that is read: nobody else writes to that.
     const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), package.packageLength());
