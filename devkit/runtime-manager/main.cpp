@@ -1,7 +1,7 @@
 #include "common/Names.h"
 #include "devkit/runtime-manager/RuntimeManager.h"
-#include "devkit/support/CommandLine.h"
 #include "devkit/support/Service.h"
+#include "tools/CommandLine.h"
 
 int main(int argc, char** argv) {
     CLI::App options("Runtime manager for development: starts and ends applications on the session bus.");
@@ -13,7 +13,7 @@ int main(int argc, char** argv) {
     options.add_option("--patience", patience, "Milliseconds between SIGTERM and SIGKILL")
         ->capture_default_str()
         ->check(CLI::Range(0, 600000));
-    if (const auto status = Devkit::parse(options, argc, argv)) {
+    if (const auto status = Tools::parse(options, argc, argv)) {
         return *status;
     }
     return Devkit::serve(

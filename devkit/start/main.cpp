@@ -3,8 +3,8 @@
 #include "common/UniqueFd.h"
 #include "devkit/start/Platform.h"
 #include "devkit/start/Supervisor.h"
-#include "devkit/support/CommandLine.h"
 #include "devkit/support/Spawn.h"
+#include "tools/CommandLine.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -194,7 +194,7 @@ int main(int argc, char** argv) {
             throw CLI::ExcludesError("command", "--shell");
         }
     });
-    if (const auto status = Devkit::parse(parser, static_cast<int>(separator - argv), argv)) {
+    if (const auto status = Tools::parse(parser, static_cast<int>(separator - argv), argv)) {
         return *status;
     }
     try {

@@ -1,9 +1,9 @@
 #include "common/Names.h"
 #include "common/PlatformFacts.h"
-#include "devkit/support/CommandLine.h"
 #include "devkit/support/Service.h"
 #include "devkit/zul-service/PackageManager.h"
 #include "devkit/zul-service/ZulService.h"
+#include "tools/CommandLine.h"
 
 #include <filesystem>
 #include <memory>
@@ -60,7 +60,7 @@ int main(int argc, char** argv) {
     parser.add_option("--architecture", options.architecture, "What packages are built for [the platform's]");
     parser.add_flag("--without-security-attributes", options.withoutSecurityAttributes,
                     "Leave out what only root may attach to files");
-    if (const auto status = Devkit::parse(parser, argc, argv)) {
+    if (const auto status = Tools::parse(parser, argc, argv)) {
         return *status;
     }
     return Devkit::serve([] { return sdbus::createSystemBusConnection(); }, Common::Names::Zul::service,

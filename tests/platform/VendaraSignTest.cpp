@@ -1,6 +1,8 @@
+#include "platform/signcms/SignedBlob.h"
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
+#include "tools/vendara-sign/TestAuthority.h"
 
 #include <gmock/gmock.h>
 
@@ -127,6 +129,12 @@ TEST_F(VendaraSign, MakesAuthoritiesWhoseKeysOnlyTheOwnerReads) {
                   std::filesystem::perms{0600});
     }
     const auto plain = buildPackage(scratch.path() / "build", {.name = "b", .files = {{"/b", "b"}}});
+    const auto evil = Signing::TestAuthority().issue(
+        {.commonName = "evil\u009b\u202e", .extendedKeyUsage = PackageSignatures::clientUsage});
+    writeFile(scratch.path() / "ca/evil.key", Signing::keyPem(evil));
+    writeFile(scratch.path() / "ca/evil.pem", Signing::certificatePem(evil));
+    ASSERT_EQ(sign(by("client", "evil", "a.rpm")).status, 0);
+    EXPECT_THAT(sign({"--show", "a.rpm"}).output, HasSubstr("subject: CN=evil\\u{9b}\\u{202e}\n"));
     const auto verifyWith = [&](const std::vector<std::string>& dates) {
         std::filesystem::remove_all(scratch.path() / "ca");
         auto arguments = dates;

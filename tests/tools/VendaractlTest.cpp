@@ -149,6 +149,8 @@ TEST_F(Vendaractl, MonitorsPackagesWithoutLettingThemSteerTheTerminal) {
     }));
     EXPECT_THAT(words->output(),
                 AllOf(HasSubstr("installed evil\\x1b[2J\\u{202e} 1.0-1\n"), Not(HasSubstr("\x1b"))));
+    EXPECT_THAT(json->output(), HasSubstr("evil\\u001b[2J\\u202e"));
+    EXPECT_THAT(ctl({"list", "\x1b[2J\u202e"}).output, HasSubstr(": \\x1b[2J\\u{202e}\n"));
     service->peer().send(Own::interface, Own::packageRemoved, std::string("gone"));
     service.reset();
     EXPECT_TRUE(waitUntil([&] {

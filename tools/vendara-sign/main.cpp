@@ -1,9 +1,9 @@
+#include "common/PrintableText.h"
 #include "platform/pkgverify/OpenPackage.h"
 #include "platform/signcms/SignedBlob.h"
+#include "tools/CommandLine.h"
 #include "tools/vendara-sign/PackageSigner.h"
 #include "tools/vendara-sign/TestAuthority.h"
-
-#include <CLI/CLI.hpp>
 
 #include <array>
 #include <ctime>
@@ -20,7 +20,6 @@ namespace {
 using PackageSignatures::OpenPackage;
 
 constexpr int failure = 1;
-constexpr int wrongUsage = 2;
 
 struct Arguments {
     std::string package;
@@ -133,7 +132,8 @@ void printSigners(const OpenPackage& package) {
         std::cout << (!certificate.role() ? "unknown role"
                       : developer         ? "developer"
                                           : "client")
-                  << "\n  subject: " << certificate.subject() << "\n  key: " << certificate.keyId()
+                  << "\n  subject: " << Common::printable(certificate.subject())
+                  << "\n  key: " << certificate.keyId()
                   << "\n  signed files: " << cms.data().content.files.size() << "\n";
     }
 }
@@ -190,18 +190,16 @@ int main(int argc, char** argv) {
     try {
         Arguments arguments;
         declare(app, arguments);
-        try {
-            app.parse(argc, argv);
-            checkUsage(arguments);
-        } catch (const CLI::ParseError& error) {
-            return app.exit(error) == 0 ? 0 : wrongUsage;
+        app.callback([&arguments] { checkUsage(arguments); });
+        if (const auto status = Tools::parse(app, argc, argv)) {
+            return *status;
         }
         run(arguments);
         if (!std::cout.flush()) {
             throw std::runtime_error("couldn't write to standard output");
         }
     } catch (const std::exception& error) {
-        std::cerr << "vendara-sign: " << error.what() << "\n";
+        std::cerr << "vendara-sign: " << Common::printable(error.what()) << "\n";
         return failure;
     }
     return 0;

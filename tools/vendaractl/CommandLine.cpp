@@ -1,9 +1,7 @@
 #include "tools/vendaractl/CommandLine.h"
 
 #include "common/BusText.h"
-#include "tools/vendaractl/Text.h"
-
-#include <CLI/CLI.hpp>
+#include "tools/CommandLine.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -19,8 +17,7 @@ std::string problemOfText(const std::string& text) {
     if (text.empty()) {
         return "an argument is empty";
     }
-    return Common::isBusText(text) ? ""
-                                   : printable(text) + ": the bus carries only UTF-8 without noncharacters";
+    return Common::isBusText(text) ? "" : text + ": the bus carries only UTF-8 without noncharacters";
 }
 
 // The service runs as the same user: what this program cannot read, it cannot either.
@@ -32,13 +29,13 @@ std::string problemOfFile(const std::string& path) {
     std::error_code error;
     const auto status = std::filesystem::status(path, error);
     if (error) {
-        return printable(path) + ": " + error.message();
+        return path + ": " + error.message();
     }
     if (!std::filesystem::is_regular_file(status)) {
-        return printable(path) + ": is no regular file";
+        return path + ": is no regular file";
     }
     if (access(path.c_str(), R_OK) != 0) {
-        return printable(path) + ": " + std::generic_category().message(errno);
+        return path + ": " + std::generic_category().message(errno);
     }
     return problemOfText(std::filesystem::absolute(path));
 }
@@ -69,10 +66,8 @@ public:
     }
 
     std::optional<Request> parse(int argc, const char* const* argv, ExitStatus& status) {
-        try {
-            app_.parse(argc, argv);
-        } catch (const CLI::ParseError& error) {
-            status = app_.exit(error) == 0 ? Success : BadUsage;
+        if (const auto ended = Tools::parse(app_, argc, argv)) {
+            status = *ended == 0 ? Success : BadUsage;
             return std::nullopt;
         }
         request_.format = json_ ? Format::Json : Format::Words;

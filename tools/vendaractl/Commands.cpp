@@ -1,9 +1,9 @@
 #include "tools/vendaractl/Commands.h"
 
 #include "common/Names.h"
+#include "common/PrintableText.h"
 #include "tools/vendaractl/Follower.h"
 #include "tools/vendaractl/ServiceClient.h"
-#include "tools/vendaractl/Text.h"
 
 #include <iostream>
 
@@ -88,7 +88,7 @@ ExitStatus launch(const Request& request) {
     if (request.format == Format::Json) {
         printJson(JsonValue{{restart ? "restarting" : "started", packageId}});
     } else {
-        printLine((restart ? "restarting " : "started ") + printable(packageId));
+        printLine((restart ? "restarting " : "started ") + Common::printable(packageId));
     }
     return Success;
 }
@@ -100,7 +100,8 @@ ExitStatus launch(const Request& request) {
             if (format == Format::Json) {
                 printJson(JsonValue{{"event", signal}, {"package", toJson(package)}});
             } else {
-                printLine(words + printable(package.get<0>()) + " " + printable(package.get<1>()));
+                printLine(words + Common::printable(package.get<0>()) + " " +
+                          Common::printable(package.get<1>()));
             }
         };
     };
@@ -113,7 +114,7 @@ ExitStatus launch(const Request& request) {
                  if (format == Format::Json) {
                      printJson(JsonValue{{"event", Own::packageRemoved}, {"package", packageId}});
                  } else {
-                     printLine("removed " + printable(packageId));
+                     printLine("removed " + Common::printable(packageId));
                  }
              },
          .serviceChanged =

@@ -1,5 +1,6 @@
 #include "tools/vendaractl/Output.h"
 
+#include "common/PrintableText.h"
 #include "tools/vendaractl/Text.h"
 
 #include <algorithm>
@@ -57,7 +58,7 @@ bool hasEnded(const Common::OperationRecord& operation) {
 
 std::string inWords(const Common::OperationRecord& operation) {
     std::string words = nameOf(static_cast<Core::OperationType>(operation.get<2>())) + " " +
-                        printable(operation.get<1>()) + ": " + nameOf(statusOf(operation));
+                        Common::printable(operation.get<1>()) + ": " + nameOf(statusOf(operation));
     if (statusOf(operation) == Core::OperationStatus::Failed) {
         const auto code = operation.get<4>();
         words +=
@@ -103,14 +104,14 @@ void printLine(const std::string& line) {
 }
 
 void printJson(const JsonValue& value) {
-    printLine(value.dump(-1, ' ', false, JsonValue::error_handler_t::replace));
+    printLine(value.dump(-1, ' ', true, JsonValue::error_handler_t::replace));
 }
 
 void printTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows) {
     std::vector<std::size_t> widths(header.size(), 0);
     auto lines = rows;
     for (auto& line : lines) {
-        std::transform(line.begin(), line.end(), line.begin(), printable);
+        std::transform(line.begin(), line.end(), line.begin(), Common::printable);
     }
     if (onTerminal()) {
         lines.insert(lines.begin(), header);
@@ -139,8 +140,8 @@ void printFailure(Format format, const std::string& subject, const std::string& 
         printJson(JsonValue{{"error", error}});
         return;
     }
-    std::cerr << "vendaractl: " << (subject.empty() ? "" : printable(subject) + ": ") << printable(message)
-              << std::endl;
+    std::cerr << "vendaractl: " << (subject.empty() ? "" : Common::printable(subject) + ": ")
+              << Common::printable(message) << std::endl;
 }
 
 } // namespace Vendaractl

@@ -44,6 +44,7 @@ template<typename Record>
 
 /// Writes a line on standard output, at once. Throws OutputLost.
 void printLine(const std::string& line);
+/// The same for a value, in ASCII.
 void printJson(const JsonValue& value);
 
 /// A table on a terminal, with its header; lines of fields parted by tabs otherwise.

@@ -8,10 +8,6 @@
 
 namespace Vendaractl {
 
-/// The text with everything that could steer a terminal or reorder what it shows written as \xNN or \u{NNNN}:
-/// control characters, bidirectional controls, line separators and bytes that are no UTF-8 (RFC 3629).
-[[nodiscard]] std::string printable(std::string_view text);
-
 /// The first characters of a printable text, so many that it takes no more than the given number of columns;
 /// characters that take two columns are counted as two.
 [[nodiscard]] std::string fitted(std::string_view text, std::size_t columns);

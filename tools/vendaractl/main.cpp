@@ -1,3 +1,4 @@
+#include "common/PrintableText.h"
 #include "tools/vendaractl/CommandLine.h"
 #include "tools/vendaractl/Commands.h"
 #include "tools/vendaractl/ServiceClient.h"
@@ -41,7 +42,7 @@ int main(int argc, char** argv) {
     } catch (const Interrupted& interruption) {
         endBy(interruption.signal());
     } catch (const std::exception& error) {
-        std::cerr << "vendaractl: " << error.what() << std::endl;
+        std::cerr << "vendaractl: " << Common::printable(error.what()) << std::endl;
         return OperationFailed;
     }
 }
