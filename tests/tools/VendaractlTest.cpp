@@ -96,6 +96,10 @@ TEST_F(Vendaractl, EndsWithThreeWhenTheServiceIsNotThereOrLeaves) {
     EXPECT_EQ(other->wait(), 3);
     EXPECT_EQ(ctl({"--json", "info"}).status, 3);
     EXPECT_TRUE(lastLine(ctl({"--json", "info"}).output).contains("error"));
+    const PrivateBus strict("<policy context='mandatory'><deny send_interface='org.freedesktop.DBus' "
+                            "send_member='StartServiceByName'/></policy>");
+    setenv("DBUS_SESSION_BUS_ADDRESS", strict.address().c_str(), 1);
+    EXPECT_EQ(ctl({"list"}).status, 3);
 }
 
 TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {

@@ -210,7 +210,13 @@ void ServiceClient::startService() {
     try {
         owner_ = askOwner();
     } catch (const ServiceAbsent&) {
-        call(*bus_, MessageBus::interface, MessageBus::startServiceByName, Own::service, std::uint32_t{0});
+        try {
+            call(*bus_, MessageBus::interface, MessageBus::startServiceByName, Own::service,
+                 std::uint32_t{0});
+        } catch (const CallRefused& error) {
+            // By the bus: the unit may be masked, for example.
+            throw ServiceAbsent(error.what());
+        }
         owner_ = askOwner();
     }
 }
