@@ -136,6 +136,8 @@ TEST_F(Vendaractl, PrintsJsonForEveryCommand) {
         Json::parse(R"({"id": "id of app.rpm", "package": "app.rpm", "type": "install", "status": "failed",
                               "errorCode": 9, "error": "an upgrade to this version is already prepared"})"));
     EXPECT_EQ(lastLine(ctl({"start", "--json", "app"}).output)["started"], "app");
+    EXPECT_THAT(lastLine(ctl({"install", "absent.rpm", "--json"}).output)["error"]["message"].dump(),
+                HasSubstr("absent.rpm: No such file"));
     const auto refused = ctl({"restart", "--json", "no"});
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(lastLine(refused.output), Json::parse(R"({"error": {"message": "No", "subject": "no"}})"));

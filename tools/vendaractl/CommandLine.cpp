@@ -66,7 +66,15 @@ public:
     }
 
     std::optional<Request> parse(int argc, const char* const* argv, ExitStatus& status) {
-        if (const auto ended = Tools::parse(app_, argc, argv)) {
+        // The option is known as it was read, wherever the parser gave up.
+        const auto tell = [this](const std::string& problem) {
+            if (app_.count("--json") > 0) {
+                printFailure(Format::Json, {}, problem);
+            } else {
+                Tools::tellWrongUsage(problem);
+            }
+        };
+        if (const auto ended = Tools::parse(app_, argc, argv, tell)) {
             status = *ended == 0 ? Success : BadUsage;
             return std::nullopt;
         }

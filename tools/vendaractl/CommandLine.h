@@ -21,7 +21,8 @@ struct Request {
     std::vector<std::string> arguments; ///< absolute paths of existing files, or package identifiers
 };
 
-/// Reads the command line. Help and version go to standard output, what is wrong to standard error.
+/// Reads the command line. Help and version go to standard output, what is wrong to standard error or, as
+/// JSON, to standard output. Throws OutputLost.
 /// @param status  where there is no request: what the program is to end with
 [[nodiscard]] std::optional<Request> parseCommandLine(int argc, const char* const* argv, ExitStatus& status);
 

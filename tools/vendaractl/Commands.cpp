@@ -31,13 +31,6 @@ ExitStatus carryOut(const Request& request) {
     return follower.succeeded() ? Success : OperationFailed;
 }
 
-// The service tells the end of an operation that nobody waited for once: whoever asks passes it on.
-void printEarlier(const Properties& properties) {
-    for (const auto& operation : properties.completedOperations) {
-        std::cerr << "earlier: " << inWords(operation) << std::endl;
-    }
-}
-
 ExitStatus showProperties(const Request& request) {
     const auto properties = ServiceClient({}).properties();
     JsonValue result;
@@ -71,7 +64,9 @@ ExitStatus showProperties(const Request& request) {
         printTable({"OPERATION", "STATUS"}, rows);
         return Success;
     }
-    printEarlier(properties);
+    for (const auto& operation : properties.completedOperations) {
+        printEarlier(operation);
+    }
     return Success;
 }
 

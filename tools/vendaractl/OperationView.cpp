@@ -22,7 +22,9 @@ public:
     void lost(const Common::OperationRecord& operation) override {
         printFailure(Format::Json, idOf(operation), lostWords);
     }
-    void earlier(const Common::OperationRecord& operation) override { changed(operation); }
+    void earlier(const Common::OperationRecord& operation) override {
+        printJson(JsonValue{{"completedOperations", toJson(std::vector{operation})}});
+    }
     void refused(const std::string& subject, const std::string& message) override {
         printFailure(Format::Json, subject, message);
     }
@@ -34,9 +36,7 @@ public:
     void lost(const Common::OperationRecord& operation) override {
         printFailure(Format::Words, operation.get<1>(), lostWords);
     }
-    void earlier(const Common::OperationRecord& operation) override {
-        printLine("earlier: " + inWords(operation));
-    }
+    void earlier(const Common::OperationRecord& operation) override { printEarlier(operation); }
     void refused(const std::string& subject, const std::string& message) override {
         printFailure(Format::Words, subject, message);
     }
@@ -73,7 +73,7 @@ public:
     }
 
     void earlier(const Common::OperationRecord& operation) override {
-        printAbove([&] { printLine("  earlier: " + inWords(operation)); });
+        printAbove([&] { printEarlier(operation); });
     }
 
     void refused(const std::string& subject, const std::string& message) override {

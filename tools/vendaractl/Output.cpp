@@ -131,6 +131,10 @@ void printTable(const std::vector<std::string>& header, const std::vector<std::v
     }
 }
 
+void printEarlier(const Common::OperationRecord& operation) {
+    std::cerr << "earlier: " << inWords(operation) << std::endl;
+}
+
 void printFailure(Format format, const std::string& subject, const std::string& message) {
     if (format == Format::Json) {
         JsonValue error{{"message", message}};

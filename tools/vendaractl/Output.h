@@ -50,6 +50,10 @@ void printJson(const JsonValue& value);
 /// A table on a terminal, with its header; lines of fields parted by tabs otherwise.
 void printTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows);
 
+/// Tells on standard error how an operation ended that nobody waited for. The service says so once: whoever
+/// asks passes it on.
+void printEarlier(const Common::OperationRecord& operation);
+
 /// Tells on standard error, or as JSON on standard output, what could not be done.
 /// @param subject  the file or package that it is about, or nothing
 void printFailure(Format format, const std::string& subject, const std::string& message);
