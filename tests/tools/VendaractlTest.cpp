@@ -169,15 +169,18 @@ TEST_F(Vendaractl, MonitorsPackagesWithoutLettingThemSteerTheTerminal) {
 }
 
 TEST_F(Vendaractl, RewritesALinePerOperationOnATerminal) {
-    ScriptedService service({{"app", {{0, 10}, 0, true}}});
+    ScriptedService service({{"app", {{0, 10}, 0, true}}, {"\u00e4\u00f6", {.known = true}}});
     Process::Options options;
-    options.environment = {{"TERM", "xterm"}};
+    options.environment = {{"TERM", "xterm"}, {"LC_ALL", "C"}};
     const auto result = run({"script", "-qec", VENDARACTL " remove app", "/dev/null"}, options);
     EXPECT_EQ(result.status, 0);
     // The indicator has moved, in place, and nothing is left of it at the end.
     EXPECT_THAT(result.output, AllOf(HasSubstr("\x1b[1A\x1b[J/ install app: in progress"),
                                      HasSubstr("\x1b[1A\x1b[J- install app: in progress")));
     EXPECT_THAT(result.output, testing::EndsWith("\x1b[1A\x1b[J  install app: finished\r\n"));
+    // Columns are those of characters, not of bytes.
+    EXPECT_THAT(run({"script", "-qec", VENDARACTL " operations", "/dev/null"}, options).output,
+                HasSubstr("OPERATION  STATUS\r\nid of \u00e4\u00f6   install"));
 }
 
 } // namespace

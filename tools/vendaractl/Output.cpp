@@ -40,7 +40,7 @@ JsonValue toJson(const sdbus::Variant& value) {
 }
 
 std::string padded(const std::string& text, std::size_t width) {
-    return text + std::string(width - std::min(width, text.size()), ' ');
+    return text + std::string(width - std::min(width, columnsOf(text)), ' ');
 }
 
 } // namespace
@@ -117,7 +117,7 @@ void printTable(const std::vector<std::string>& header, const std::vector<std::v
         lines.insert(lines.begin(), header);
         for (const auto& line : lines) {
             for (std::size_t column = 0; column + 1 < line.size(); ++column) {
-                widths[column] = std::max(widths[column], line[column].size() + 1);
+                widths[column] = std::max(widths[column], columnsOf(line[column]) + 1);
             }
         }
     }

@@ -6,14 +6,32 @@
 
 namespace Vendaractl {
 
+namespace {
+
+std::size_t columnsOf(const Common::Utf8Character& character) {
+    // What the C library does not know is counted as wide: too short a line does no harm.
+    const int width = wcwidth(static_cast<wchar_t>(character.code));
+    return width < 0 ? 2 : static_cast<std::size_t>(width);
+}
+
+} // namespace
+
+std::size_t columnsOf(std::string_view text) {
+    std::size_t columns = 0;
+    while (!text.empty()) {
+        const auto character = Common::decodeUtf8(text);
+        columns += columnsOf(character);
+        text.remove_prefix(character.length);
+    }
+    return columns;
+}
+
 std::string fitted(std::string_view text, std::size_t columns) {
     std::size_t length = 0;
     std::size_t used = 0;
     while (length < text.size()) {
         const auto character = Common::decodeUtf8(text.substr(length));
-        // What the C library does not know is counted as wide: too short a line does no harm.
-        const int width = wcwidth(static_cast<wchar_t>(character.code));
-        used += width < 0 ? 2 : static_cast<std::size_t>(width);
+        used += columnsOf(character);
         if (used > columns) {
             break;
         }

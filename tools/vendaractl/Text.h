@@ -8,8 +8,10 @@
 
 namespace Vendaractl {
 
-/// The first characters of a printable text, so many that it takes no more than the given number of columns;
-/// characters that take two columns are counted as two.
+/// How many columns of a terminal a printable text takes; needs a locale of UTF-8.
+[[nodiscard]] std::size_t columnsOf(std::string_view text);
+
+/// The first characters of a printable text, so many that it takes no more than the given number of columns.
 [[nodiscard]] std::string fitted(std::string_view text, std::size_t columns);
 
 /// An operation's error code in words, without the number. Codes that are not assigned have words, too.

@@ -34,7 +34,8 @@ ExitStatus runGuarded(const Request& request) {
 } // namespace
 
 int main(int argc, char** argv) {
-    std::setlocale(LC_CTYPE, "");
+    // Texts on the bus are UTF-8, whatever the user's locale.
+    std::setlocale(LC_CTYPE, "C.UTF-8");
     try {
         ExitStatus status = Success;
         const auto request = parseCommandLine(argc, argv, status);
