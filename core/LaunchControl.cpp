@@ -58,19 +58,19 @@ void LaunchControl::restartApplication(const std::string& packageId) {
 }
 
 // Puts the package into one of the lists. The database is read without the lock; an upgrade reported
-// meanwhile may be the very one that was seen prepared, so the database is then asked a second time.
+// meanwhile may be the very one that was seen prepared, so the database is then asked again.
 void LaunchControl::remember(const std::string& packageId) {
-    const auto upgrades = [this] {
-        const std::lock_guard guard(lock_);
-        return upgrades_;
-    };
-    const auto before = upgrades();
-    bool prepared = ZUL::Database().hasPreparedNextVersion(packageId);
-    if (prepared && upgrades() != before) {
-        prepared = ZUL::Database().hasPreparedNextVersion(packageId);
+    std::unique_lock guard(lock_);
+    for (;;) {
+        const auto before = upgrades_;
+        guard.unlock();
+        const bool prepared = ZUL::Database().hasPreparedNextVersion(packageId);
+        guard.lock();
+        if (!prepared || upgrades_ == before) {
+            (prepared ? afterUpgrade_ : afterTermination_).push_back(packageId);
+            return;
+        }
     }
-    const std::lock_guard guard(lock_);
-    (prepared ? afterUpgrade_ : afterTermination_).push_back(packageId);
 }
 
 void LaunchControl::terminated(sdbus::Signal& signal) {
