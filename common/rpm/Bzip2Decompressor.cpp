@@ -19,6 +19,7 @@ using Bzip2::Section;
 
 // Data may look like a mark: a section that is no block is tried again together with those that follow it.
 constexpr int mostJoins = 8;
+constexpr std::size_t worthAThread = std::size_t{16} * 1024;
 
 /// One block's content, piece by piece: all of it at once unless it is one of those that a few bytes in the
 /// file blow up to fifty million.
@@ -155,8 +156,11 @@ private:
                 return;
             }
             auto& job = jobs_.emplace_back(Job{std::move(*section), {}});
-            // A thread, or, where none is to be had, this one when it asks for the block.
-            job.block = std::async([&section = job.section, size = blockSize_] {
+            // A thread, or, where none is to be had or worth it, this one when it asks for the block.
+            const auto policy = job.section.bytes.size() < worthAThread
+                                    ? std::launch::deferred
+                                    : std::launch::async | std::launch::deferred;
+            job.block = std::async(policy, [&section = job.section, size = blockSize_] {
                 return std::make_unique<Block>(section, size);
             });
         }

@@ -1,12 +1,12 @@
 #include "common/rpm/DecompressedStream.h"
 
-#include "common/Error.h"
+#include "common/Files.h"
 #include "common/LogLine.h"
+#include "common/StartThread.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <cstdint>
 #include <span>
 #include <sys/socket.h>
@@ -17,52 +17,61 @@ namespace Common::Rpm {
 namespace {
 
 /// @return false when nobody reads any more
-bool sendAll(int socket, std::span<const std::uint8_t> bytes) {
+bool sendAll(const UniqueFd& socket, std::span<const std::uint8_t> bytes) {
     while (!bytes.empty()) {
-        const auto count = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (count < 0 && errno != EINTR) {
+        const auto count = send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (count < 0 && errno == EPIPE) {
             return false;
+        }
+        if (count < 0 && errno != EINTR) {
+            throw filesystemError("couldn't hand on what was decompressed");
         }
         bytes = bytes.subspan(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     }
     return true;
 }
 
-// Damage ends the stream early, which librpm takes for what it is.
-void decompress(Decompressor& source, int socket) {
+} // namespace
+
+DecompressedStream::DecompressedStream(std::unique_ptr<Decompressor> source)
+    : source_(std::move(source)) {
+    // A socket, and not a pipe: shutdown() ends it whoever else has inherited an end.
+    std::array<int, 2> ends{-1, -1};
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        throw filesystemError("couldn't make a socket to read the rpm package through");
+    }
+    readEnd_ = UniqueFd(ends[0]);
+    writeEnd_ = UniqueFd(ends[1]);
+    thread_ = startThread([this] { run(); });
+}
+
+DecompressedStream::~DecompressedStream() { end(); }
+
+void DecompressedStream::stop() {
+    end();
+    if (failure_) {
+        std::rethrow_exception(failure_);
+    }
+}
+
+void DecompressedStream::end() {
+    shutdown(readEnd_.get(), SHUT_RDWR);
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void DecompressedStream::run() {
     try {
-        auto bytes = source.next();
-        while (!bytes.empty() && sendAll(socket, bytes)) {
-            bytes = source.next();
+        auto bytes = source_->next();
+        while (!bytes.empty() && sendAll(writeEnd_, bytes)) {
+            bytes = source_->next();
         }
     } catch (const std::exception& error) {
         logError() << error;
+        failure_ = std::current_exception();
     }
-}
-
-} // namespace
-
-DecompressedStream::DecompressedStream(std::unique_ptr<Decompressor> source) {
-    // A socket, and not a pipe: shutdown() ends it whoever else has inherited an end, and its low-water mark
-    // makes read() wait for all that it is asked for. librpm takes fewer bytes for the end.
-    std::array<int, 2> ends{-1, -1};
-    const int result = socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data());
-    readEnd_ = UniqueFd(ends[0]);
-    UniqueFd writeEnd(ends[1]);
-    constexpr int everything = INT_MAX;
-    if (result != 0 ||
-        setsockopt(readEnd_.get(), SOL_SOCKET, SO_RCVLOWAT, &everything, sizeof(everything)) != 0) {
-        throw Error(ErrorCode::Filesystem, "couldn't make a socket to read the rpm package through");
-    }
-    thread_ = std::thread([from = std::move(source), to = std::move(writeEnd)] {
-        decompress(*from, to.get());
-        shutdown(to.get(), SHUT_WR);
-    });
-}
-
-DecompressedStream::~DecompressedStream() {
-    shutdown(readEnd_.get(), SHUT_RDWR);
-    thread_.join();
+    shutdown(writeEnd_.get(), SHUT_WR);
 }
 
 } // namespace Common::Rpm

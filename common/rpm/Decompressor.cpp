@@ -1,6 +1,7 @@
 #include "common/rpm/Decompressor.h"
 
 #include "common/Error.h"
+#include "common/Files.h"
 
 #include <cerrno>
 #include <unistd.h>
@@ -13,8 +14,10 @@ std::size_t readCompressed(const UniqueFd& file, std::span<std::uint8_t> buffer)
         const auto count = read(file.get(), buffer.data() + total, buffer.size() - total);
         if (count > 0) {
             total += static_cast<std::size_t>(count);
-        } else if (count == 0 || errno != EINTR) {
+        } else if (count == 0) {
             break;
+        } else if (errno != EINTR) {
+            throw filesystemError("couldn't read payload of rpm package");
         }
     }
     return total;

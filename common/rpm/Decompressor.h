@@ -17,21 +17,23 @@ public:
     Decompressor& operator=(const Decompressor&) = delete;
 
     /// @return the next bytes, valid until the next call; none at the end
-    /// Throws Error, code BadPackage, when the file is damaged.
+    /// Throws Error, code BadPackage, when the file is damaged, and code Filesystem, when it cannot be read.
     virtual std::span<const std::uint8_t> next() = 0;
 };
 
-/// Reads gzip (RFC 1952) with ISA-L. What follows the last member is not looked at.
+/// Reads gzip (RFC 1952) with ISA-L. What follows the last member is left alone unless it begins as another.
 /// @param file  at the first member
 std::unique_ptr<Decompressor> gzipDecompressor(UniqueFd file);
 
 /// Reads bzip2 with libbz2, several blocks at a time, each on a thread of its own. What follows the first
-/// stream is not looked at.
+/// stream is not part of it. A block whose bits look like the beginning of one at more than eight places,
+/// which comes of intent alone, is taken for damaged.
 /// @param file  at the stream's first byte
 std::unique_ptr<Decompressor> bzip2Decompressor(UniqueFd file);
 
-/// Reads until the buffer is full or the file ends or cannot be read.
+/// Reads until the buffer is full or the file ends.
 /// @return number of bytes read
+/// Throws Error, code Filesystem.
 std::size_t readCompressed(const UniqueFd& file, std::span<std::uint8_t> buffer);
 
 [[noreturn]] void throwDamagedPayload();

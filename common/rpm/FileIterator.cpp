@@ -79,7 +79,7 @@ bool beginsWith(const UniqueFd& file, std::string_view magic) {
     return count == static_cast<ssize_t>(magic.size()) && start == magic;
 }
 
-/// Keeps this thread from running signal handlers, as one would cut short a read from a DecompressedStream.
+/// Keeps this thread from running signal handlers: librpm takes a read that one interrupts for a failed one.
 class SignalsHeldBack {
 public:
     SignalsHeldBack() {
@@ -122,7 +122,9 @@ void FileIterator::openPayload(const Reader& reader) {
         stream_.emplace(compressor.decompressor(std::move(file)));
     }
     payload_.reset(fdDup(isOurs ? stream_->descriptor() : file.get()));
-    if (!files_ || !payload_ || (!isOurs && Fdopen(payload_.get(), compressor.mode) == nullptr)) {
+    // What is not compressed comes through the gzip reader as it is, and whole: without it librpm would take
+    // a short read, which SIGSTOP is enough for, for the end.
+    if (!files_ || !payload_ || Fdopen(payload_.get(), isOurs ? "r.gzdio" : compressor.mode) == nullptr) {
         throwNotOpened();
     }
 }
@@ -146,6 +148,9 @@ bool FileIterator::next() {
         return false;
     }
     if (result < 0) {
+        if (stream_) {
+            stream_->stop();
+        }
         const std::unique_ptr<char, void (*)(void*)> reason(rpmfileStrerror(result), std::free);
         throw Error(ErrorCode::BadPackage, std::string("couldn't read payload of rpm package: ") +
                                                (reason ? reason.get() : "damaged"));

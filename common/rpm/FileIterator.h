@@ -30,7 +30,7 @@ public:
     /// Moves to the next entry, skipping what is left of the present one.
     /// @return false at the end of the archive
     /// Throws Error, code BadPackage, when the archive is damaged or cut off, when it has an entry twice, and
-    /// at its end when it lacks one that the header lists.
+    /// at its end when it lacks one that the header lists; code Filesystem, when the file cannot be read.
     bool next();
 
     // The present entry, valid after next() returned true. Texts are as the header stores them.

@@ -1,5 +1,6 @@
 #include "common/rpm/Decompressor.h"
 
+#include <algorithm>
 #include <array>
 #include <isa-l/igzip_lib.h>
 #include <utility>
@@ -10,7 +11,7 @@ namespace {
 
 constexpr std::size_t compressedSize = std::size_t{64} * 1024;
 constexpr std::size_t plainSize = std::size_t{128} * 1024;
-constexpr std::uint8_t firstByteOfMember = 0x1f;
+constexpr std::array<std::uint8_t, 2> magic{0x1f, 0x8b};
 
 class GzipDecompressor : public Decompressor {
 public:
@@ -45,13 +46,18 @@ private:
     }
 
     bool refill() {
+        std::copy_n(state_.next_in, state_.avail_in, compressed_.begin());
+        const auto count = readCompressed(file_, std::span(compressed_).subspan(state_.avail_in));
         state_.next_in = compressed_.data();
-        state_.avail_in = static_cast<std::uint32_t>(readCompressed(file_, compressed_));
-        return state_.avail_in > 0;
+        state_.avail_in += static_cast<std::uint32_t>(count);
+        return count > 0;
     }
 
     void endMember() {
-        ended_ = (state_.avail_in == 0 && !refill()) || *state_.next_in != firstByteOfMember;
+        if (state_.avail_in < magic.size()) {
+            refill();
+        }
+        ended_ = state_.avail_in < magic.size() || !std::equal(magic.begin(), magic.end(), state_.next_in);
         if (!ended_) {
             isal_inflate_reset(&state_);
         }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/StartThread.h"
+
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -21,8 +23,9 @@ public:
     /// the batch when it throws is handed on first.
     using Producer = std::function<bool(Batch&)>;
 
+    /// Throws Error, code Internal, when no thread is to be had.
     explicit ReadAhead(std::function<Producer()> makeProducer)
-        : thread_([this, make = std::move(makeProducer)]() mutable { run(std::move(make)); }) {}
+        : thread_(startThread([this, make = std::move(makeProducer)] { run(make); })) {}
 
     ~ReadAhead() {
         {
@@ -57,7 +60,7 @@ public:
 private:
     static constexpr std::size_t depth = 4;
 
-    void run(std::function<Producer()> makeProducer) {
+    void run(const std::function<Producer()>& makeProducer) {
         std::exception_ptr failure;
         Batch batch;
         try {
