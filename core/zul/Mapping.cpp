@@ -55,26 +55,37 @@ std::string Mapping::throughDescriptor() const {
     return "/proc/self/fd/" + std::to_string(directory()) + "/" + name_;
 }
 
-bool Mapping::exists() const {
+std::optional<mode_t> Mapping::fileType() const {
     const int parent = directory();
     struct stat status {};
     if (parent >= 0 && fstatat(parent, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
-        return true;
+        return status.st_mode & S_IFMT;
     }
     if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
+        throw filesystemError("couldn't look at " + target_.native());
+    }
+    return std::nullopt;
+}
+
+bool Mapping::isLinkOrMarkedCopy() const {
+    const auto type = fileType();
+    if (type != S_IFREG || lgetxattr(throughDescriptor().c_str(), marker, nullptr, 0) >= 0) {
+        return type == S_IFLNK || type == S_IFREG;
+    }
+    if (errno != ENODATA && errno != EOPNOTSUPP && errno != ENOENT) {
         throw filesystemError("couldn't look at " + target_.native());
     }
     return false;
 }
 
+bool Mapping::exists() const { return fileType().has_value(); }
+
 bool Mapping::isMapping() const noexcept {
-    const int parent = directory();
-    struct stat status {};
-    if (parent < 0 || fstatat(parent, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    try {
+        return isLinkOrMarkedCopy();
+    } catch (const std::exception&) {
         return false;
     }
-    return S_ISLNK(status.st_mode) ||
-           (S_ISREG(status.st_mode) && lgetxattr(throughDescriptor().c_str(), marker, nullptr, 0) >= 0);
 }
 
 std::filesystem::path Mapping::mappingTarget() const {
@@ -89,14 +100,13 @@ std::filesystem::path Mapping::mappingTarget() const {
     return std::string(value.data(), static_cast<std::size_t>(size));
 }
 
-bool Mapping::standsForFileIn(const std::filesystem::path& directory) const noexcept {
-    try {
-        const auto file = mappingTarget().lexically_normal();
-        const auto above = directory.lexically_normal();
-        return std::mismatch(above.begin(), above.end(), file.begin(), file.end()).first == above.end();
-    } catch (const std::exception&) {
+bool Mapping::standsForFileIn(const std::filesystem::path& directory) const {
+    if (!isLinkOrMarkedCopy()) {
         return false;
     }
+    const auto file = mappingTarget().lexically_normal();
+    const auto above = directory.lexically_normal();
+    return std::mismatch(above.begin(), above.end(), file.begin(), file.end()).first == above.end();
 }
 
 bool Mapping::standsFor(const MappedFile& file, MappingKind kind) const {

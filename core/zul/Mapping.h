@@ -4,7 +4,9 @@
 #include "core/zul/SystemTree.h"
 
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <sys/types.h>
 
 namespace Core::ZUL {
 
@@ -35,8 +37,9 @@ public:
     /// The package file that the mapping stands for.
     [[nodiscard]] std::filesystem::path mappingTarget() const;
 
-    /// Whether it is a mapping of a file below the directory.
-    [[nodiscard]] bool standsForFileIn(const std::filesystem::path& directory) const noexcept;
+    /// Whether it is a mapping of a file below the directory. Throws when that cannot be told, unlike
+    /// isMapping(): what is taken for another's would never be removed.
+    [[nodiscard]] bool standsForFileIn(const std::filesystem::path& directory) const;
 
     /// Whether it is a mapping of this file, of this kind and, if a copy, up to date.
     [[nodiscard]] bool standsFor(const MappedFile& file, MappingKind kind) const;
@@ -53,6 +56,9 @@ private:
     [[nodiscard]] int directory() const { return tree_.open(parent_); }
     /// For calls that know only paths: the place by way of the open directory.
     [[nodiscard]] std::string throughDescriptor() const;
+    /// The type bits of what is at the place; nothing when nothing is.
+    [[nodiscard]] std::optional<mode_t> fileType() const;
+    [[nodiscard]] bool isLinkOrMarkedCopy() const;
     void createCopy(const MappedFile& file) const;
 
     SystemTree& tree_;

@@ -54,7 +54,7 @@ bool removeListed(SystemTree& tree, const std::string& target,
                   const std::filesystem::path& packageDirectory) {
     try {
         const Mapping mapping(tree, target);
-        if (mapping.isMapping() && mapping.standsForFileIn(packageDirectory)) {
+        if (mapping.standsForFileIn(packageDirectory)) {
             mapping.remove();
             return true;
         }

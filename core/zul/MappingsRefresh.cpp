@@ -30,8 +30,7 @@ MappingList removeStale(SystemTree& tree, const MappingList& listed,
     for (const auto& target : listed) {
         try {
             const Mapping mapping(tree, target);
-            if (!planned.contains(target) && mapping.isMapping() &&
-                mapping.standsForFileIn(packageDirectory)) {
+            if (!planned.contains(target) && mapping.standsForFileIn(packageDirectory)) {
                 mapping.remove();
             }
         } catch (const Error& error) {
@@ -46,7 +45,7 @@ MappingList removeStale(SystemTree& tree, const MappingList& listed,
 /// Makes one mapping if nothing is in its place or an outdated one of the package.
 void refreshOne(const Mapping& mapping, const MappedFile& file, MappingKind kind) {
     if (mapping.exists()) {
-        if (!mapping.isMapping() || !mapping.standsForFileIn(file.versionDirectory.parent_path())) {
+        if (!mapping.standsForFileIn(file.versionDirectory.parent_path())) {
             Common::logWarning() << "leaving what is in the place of a mapping: " << quoted(mapping.target());
             return;
         }

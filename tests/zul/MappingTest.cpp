@@ -116,8 +116,13 @@ TEST_F(AMapping, ThatCouldNotBeRemovedStaysOnTheListUntilItCan) {
     heedModes();
     const auto share = system / "usr/share/com.example.app";
     const auto list = dir() / "current/symlink.list";
-    fs::permissions(share, fs::perms(0555));
+    fs::permissions(share, fs::perms(0));
     database.completeUpgrade(newer);
+    for (const auto mode : {fs::perms(0), fs::perms(0555)}) {
+        EXPECT_EQ(readFile(list), "/usr/bin/tool\n/usr/share/com.example.app/old\n");
+        fs::permissions(share, mode);
+        database.refreshMappings(app.id());
+    }
     EXPECT_EQ(readFile(list), "/usr/bin/tool\n/usr/share/com.example.app/old\n");
 
     // Of mappings that are rolled back as well.
