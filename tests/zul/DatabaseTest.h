@@ -48,14 +48,23 @@ inline std::string extendedAttribute(const fs::path& file, const char* name) {
     return value;
 }
 
-/// Takes away that even root is denied nothing by the modes of files.
-inline void heedModes() {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    std::array<__user_cap_data_struct, 2> capabilities{};
-    ASSERT_EQ(syscall(SYS_capget, &header, capabilities.data()), 0);
-    capabilities[0].effective &= ~(1U << CAP_DAC_OVERRIDE | 1U << CAP_DAC_READ_SEARCH);
-    ASSERT_EQ(syscall(SYS_capset, &header, capabilities.data()), 0);
-}
+/// As long as it lives, the modes of files deny also root what they deny others.
+class HeedingModes {
+public:
+    HeedingModes() {
+        EXPECT_EQ(syscall(SYS_capget, &header_, before_.data()), 0);
+        auto capabilities = before_;
+        capabilities[0].effective &= ~(1U << CAP_DAC_OVERRIDE | 1U << CAP_DAC_READ_SEARCH);
+        EXPECT_EQ(syscall(SYS_capset, &header_, capabilities.data()), 0);
+    }
+    ~HeedingModes() { syscall(SYS_capset, &header_, before_.data()); }
+    HeedingModes(const HeedingModes&) = delete;
+    HeedingModes& operator=(const HeedingModes&) = delete;
+
+private:
+    __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> before_{};
+};
 
 /// A database on a real file system, with a system root of its own.
 struct DatabaseOnDisk {

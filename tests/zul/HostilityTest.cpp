@@ -188,7 +188,7 @@ TEST_F(Hostility, OfDepthAndModesDoesNotStopRemoval) {
         directory = below;
     }
     close(directory);
-    heedModes();
+    const HeedingModes heeding;
     Common::removeTree(top);
     EXPECT_FALSE(fs::exists(top));
 }

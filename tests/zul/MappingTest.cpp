@@ -113,7 +113,7 @@ TEST_F(AMapping, ThatCannotBeMadeIsAnErrorWithItsCause) {
 TEST_F(AMapping, ThatCouldNotBeRemovedStaysOnTheListUntilItCan) {
     install(app, {{"bin/tool", "1"}, {"data/old", "1"}});
     prepare(newer, {{"bin/tool", "2"}});
-    heedModes();
+    const HeedingModes heeding;
     const auto share = system / "usr/share/com.example.app";
     const auto list = dir() / "current/symlink.list";
     fs::permissions(share, fs::perms(0));
