@@ -110,7 +110,7 @@ int Platform::run(const std::vector<std::string>& command, int stopSignal) {
     const std::string name = "command";
     try {
         supervisor_.start(name, command, options, stopSignal);
-    } catch (const std::system_error& error) {
+    } catch (const ExecutionError& error) {
         // As env(1) does.
         constexpr int notExecuted = 126;
         constexpr int notFound = 127;

@@ -41,7 +41,7 @@ public:
     /// Runs a command in the platform and waits for its end.
     /// @return its exit status, or 128 and the signal's number; 127 when there is no such command, and 126
     ///         when it cannot be executed, after that was told
-    /// Throws Interruption; std::runtime_error when a program of the platform ends.
+    /// Throws Interruption; std::runtime_error when a program of the platform ends or no process can be made.
     int run(const std::vector<std::string>& command, int stopSignal);
 
     /// Waits for a program of the platform to end: throws as run().

@@ -35,7 +35,7 @@ public:
     Supervisor(const Supervisor&) = delete;
     Supervisor& operator=(const Supervisor&) = delete;
 
-    /// Starts a program. Throws std::system_error when it cannot be executed.
+    /// Starts a program. Throws as spawn() does.
     /// @param name  what events call it
     /// @param stopSignal  asks it to end
     void start(const std::string& name, const std::vector<std::string>& arguments,

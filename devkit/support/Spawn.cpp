@@ -45,10 +45,12 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings) {
     return result;
 }
 
+enum class Step { SetUp, Preparation, Execution };
+
 /// What keeps a child from starting its program.
 struct Failure {
     int error = 0; ///< errno value
-    bool inPreparation = false;
+    Step step = Step::SetUp;
 };
 
 // Runs in the child.
@@ -71,7 +73,7 @@ Failure becomeProgram(char* const* arguments, char** environment, const SpawnOpt
     }
     if (options.prepare) {
         if (const int error = options.prepare(); error != 0) {
-            return {error, true};
+            return {error, Step::Preparation};
         }
     }
     // Last: a change of credentials takes the parent-death signal away.
@@ -84,7 +86,20 @@ Failure becomeProgram(char* const* arguments, char** environment, const SpawnOpt
     // Before the lookup, which goes by the PATH that the program is to have.
     environ = environment;
     execvp(arguments[0], arguments);
-    return {errno};
+    return {errno, Step::Execution};
+}
+
+[[noreturn]] void throwFailure(const Failure& failure, const std::string& words) {
+    const std::error_code code(failure.error, std::generic_category());
+    switch (failure.step) {
+    case Step::Preparation:
+        throw PreparationError(code, words);
+    case Step::Execution:
+        throw ExecutionError(code, words);
+    case Step::SetUp:
+        break;
+    }
+    throw std::system_error(code, words);
 }
 
 } // namespace
@@ -121,11 +136,7 @@ pid_t spawn(const std::vector<std::string>& arguments, const SpawnOptions& optio
     Failure failure;
     if (read(reading.get(), &failure, sizeof failure) == sizeof failure) {
         waitpid(child, nullptr, 0);
-        const auto words = "couldn't start " + arguments.front();
-        if (failure.inPreparation) {
-            throw PreparationError(failure.error, std::generic_category(), words);
-        }
-        throw std::system_error(failure.error, std::generic_category(), words);
+        throwFailure(failure, "couldn't start " + arguments.front());
     }
     return child;
 }

@@ -30,10 +30,16 @@ struct PreparationError : std::system_error {
     using std::system_error::system_error;
 };
 
+/// A program was not started because the system refused to execute its file, or found none.
+struct ExecutionError : std::system_error {
+    using std::system_error::system_error;
+};
+
 /// Starts a program with no signal blocked. It is killed when the thread that started it ends.
 /// @param arguments  the program first, looked up in its own PATH when it has no "/"
 /// @return its process identifier; the caller waits for it
-/// Throws std::system_error when the program cannot be executed, a PreparationError among them.
+/// Throws std::system_error when the program cannot be started, PreparationError and ExecutionError among
+/// them.
 [[nodiscard]] pid_t spawn(const std::vector<std::string>& arguments, const SpawnOptions& options = {});
 
 } // namespace Devkit
