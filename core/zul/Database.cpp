@@ -191,7 +191,7 @@ void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcep
         if (Common::leadsSomewhere(directory.current())) {
             Common::logInfo() << "cleaning up corrupted package mapping: " << quoted(directory.current());
         }
-        removeMappingsOf(directory, words);
+        static_cast<void>(removeMappingsOf(directory, words));
         mappings_.flush();
     } catch (const std::exception& error) {
         Common::logWarning() << words << error;

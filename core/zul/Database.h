@@ -79,7 +79,8 @@ public:
     /// Every package with its data, in directory order; damaged ones are removed and left out.
     [[nodiscard]] std::vector<std::pair<std::filesystem::path, PackageData>> packages();
 
-    /// Removes the mappings and the directory of a damaged package. Failures are logged.
+    /// Removes the mappings and the directory of a damaged package. Failures are logged; a mapping that
+    /// cannot be removed stays, as with remove().
     void cleanupCorruptedPackage(const std::filesystem::path& packageDirectory) noexcept;
 
     /// Installs a package that has no directory yet. Takes the extracted directory over: it is renamed into
@@ -105,7 +106,9 @@ public:
     /// upgrade is prepared, else Filesystem or what packageDirectory() throws.
     void completeUpgrade(const Package& package);
 
-    /// Removes a package with its mappings and any prepared upgrade. Throws Filesystem or what
+    /// Removes a package with its mappings and any prepared upgrade. A mapping that cannot be removed does
+    /// not hold that up: it stays, and only the warning that names it tells of it, as its list goes with the
+    /// package. A package that maps a file to its place replaces it. Throws Filesystem or what
     /// packageDirectory() throws.
     void remove(const std::string& packageId);
 
@@ -133,7 +136,8 @@ private:
     void stage(const Package& package, const PackageData& entries,
                const std::filesystem::path& extracted) const;
     void requireHigher(const Package& package, const PackageDirectory& directory);
-    MappingList removeMappingsOf(const PackageDirectory& directory, const std::string& words) const;
+    [[nodiscard]] MappingList removeMappingsOf(const PackageDirectory& directory,
+                                               const std::string& words) const;
     void removeTempDirectory() const;
     void recoverPackage(const PackageDirectory& directory);
 

@@ -156,7 +156,8 @@ void Database::completeUpgrade(const Package& package) {
 
 void Database::remove(const std::string& packageId) {
     const PackageDirectory directory(packageDirectory(packageId));
-    removeMappingsOf(directory, "couldn't remove package symlinks: " + packageId);
+    // What could not be removed is in the log and stays: a package must not be unremovable because of it.
+    static_cast<void>(removeMappingsOf(directory, "couldn't remove package symlinks: " + packageId));
     try {
         // Mappings that came back with the power would have no list any more.
         mappings_.flush();

@@ -40,7 +40,7 @@ public:
     /// Removes the mappings in a version's list, as far as they are still the package's. Throws Filesystem
     /// when there is no list; other failures are logged.
     /// @return the targets at which removal failed
-    MappingList removeMappings(const std::filesystem::path& versionDirectory) const;
+    [[nodiscard]] MappingList removeMappings(const std::filesystem::path& versionDirectory) const;
 
     /// Makes what is missing or outdated, removes the package's mappings that are in the list and no longer
     /// wanted, leaves what belongs to others. Throws Filesystem when some could not be made.
