@@ -141,13 +141,14 @@ void writeAll(int descriptor, std::string_view bytes, const std::filesystem::pat
 }
 
 NewFile::NewFile(const std::filesystem::path& directory, const std::string& name, const Options& options)
-    : final_(directory / name)
+    : directory_(directory.empty() ? "." : directory)
+    , final_(directory / name)
     , pending_(directory / ("." + name + "." + (options.contended ? std::to_string(getpid()) : "new")))
     , mode_(options.mode) {
     const mode_t mode = mode_ ? 0600 : 0644;
     removeTree(pending_);
     if (options.contended) {
-        file_ = UniqueFd(open(directory.c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, mode));
+        file_ = UniqueFd(open(directory_.c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, mode));
     }
     if (!file_) {
         file_ = UniqueFd(open(pending_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
@@ -190,7 +191,7 @@ void NewFile::commit(Durability durability) {
     }
     file_ = UniqueFd();
     if (durability == Durability::Now) {
-        flushDirectory(final_.parent_path());
+        flushDirectory(directory_);
     }
 }
 

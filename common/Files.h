@@ -90,6 +90,7 @@ public:
         bool contended = false;
     };
 
+    /// @param directory  of the file; empty: the working directory, as parent_path() of a mere name
     NewFile(const std::filesystem::path& directory, const std::string& name)
         : NewFile(directory, name, Options{}) {}
     NewFile(const std::filesystem::path& directory, const std::string& name, const Options& options);
@@ -105,6 +106,7 @@ public:
 private:
     void giveName();
 
+    std::filesystem::path directory_;
     std::filesystem::path final_;
     std::filesystem::path pending_;
     std::optional<mode_t> mode_;
