@@ -95,11 +95,11 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     package.file_ = std::move(opened);
     requireOrdinaryNames(package);
     // What is wrong with the manifest is told before what is wrong with the signatures, but how much may be
-    // unpacked to find it depends on them.
+    // unpacked to find it depends on them. Anything else than a refusal says nothing about the package.
     std::exception_ptr refusal;
     try {
         package.readSignatures(authorities);
-    } catch (const std::exception&) {
+    } catch (const Error&) {
         refusal = std::current_exception();
     }
     package.readManifest(refusal);
