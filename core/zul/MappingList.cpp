@@ -1,5 +1,7 @@
 #include "core/zul/MappingList.h"
 
+#include "common/LogLine.h"
+
 #include <algorithm>
 #include <sstream>
 #include <unordered_set>
@@ -52,7 +54,8 @@ void writeMappingList(const std::filesystem::path& versionDirectory, const Mappi
         failure = "couldn't write lines to mapping list";
         file.write(text);
         file.commit(durability);
-    } catch (const Error&) {
+    } catch (const Error& error) {
+        Common::logError() << "couldn't write package mapping list: " << error;
         throw Error(ErrorCode::Filesystem, failure);
     }
 }
