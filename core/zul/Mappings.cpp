@@ -92,9 +92,7 @@ void Mappings::createMappings(const Package& package, const std::filesystem::pat
             Common::logError() << "couldn't create mapping " << quoted(file.path()) << " -> "
                                << quoted(mapping.target()) << error;
             if (removeCreated(created) && left.empty()) {
-                // Nothing is there any more that the list could speak of, nor comes back with the power.
-                flush();
-                Common::removeTree(versionDirectory / mappingListName);
+                removeList(versionDirectory);
             }
             throw Error(ErrorCode::Filesystem, "couldn't create mappings");
         }
@@ -110,6 +108,16 @@ MappingList Mappings::removeMappings(const std::filesystem::path& versionDirecto
         return !removeListed(tree, target, versionDirectory.parent_path());
     });
     return left;
+}
+
+/// For mappings that are gone. They have to be gone on disk before the only list that names them is.
+void Mappings::removeList(const std::filesystem::path& versionDirectory) const noexcept {
+    try {
+        flush();
+        Common::removeTree(versionDirectory / mappingListName);
+    } catch (const std::exception& error) {
+        Common::logWarning() << "couldn't remove mapping list: " << error;
+    }
 }
 
 void Mappings::flush() const { Common::flushFileSystem(systemRoot_); }

@@ -50,6 +50,8 @@ public:
     void flush() const;
 
 private:
+    void removeList(const std::filesystem::path& versionDirectory) const noexcept;
+
     std::filesystem::path systemRoot_;
 };
 
