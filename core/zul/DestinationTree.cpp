@@ -209,7 +209,7 @@ void DestinationTree::fail(const char* words, const std::string& path) const {
 }
 
 void DestinationTree::refuse(const char* words, const std::string& path) const {
-    throw Common::Error(Common::ErrorCode::BadPackage, words + Common::quoted(path));
+    throw Common::Error(Common::ErrorCode::BadPackage, words + path);
 }
 
 } // namespace Core::ZUL

@@ -111,7 +111,7 @@ void Extraction::sign(const PayloadEntry& entry, int file, const std::filesystem
         }
         if (const int error = attributes_(file, name, value)) {
             throw Error(ErrorCode::Filesystem, "couldn't attach " + name + " extended attribute to " +
-                                                   Common::quoted(place) + ": " + errnoText(error));
+                                                   place.native() + ": " + errnoText(error));
         }
     };
     attach("security.ima", developer->fileSignature(entry.fileIndex));

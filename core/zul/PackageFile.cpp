@@ -1,7 +1,6 @@
 #include "core/zul/PackageFile.h"
 
 #include "common/Error.h"
-#include "common/LogLine.h"
 
 #include <cerrno>
 #include <csignal>
@@ -42,7 +41,7 @@ bool takeLease(const Common::UniqueFd& file, const std::filesystem::path& path) 
         return true;
     }
     if (errno == EAGAIN) {
-        throw Error(ErrorCode::BadPackage, "package file is open for writing: " + Common::quoted(path));
+        throw Error(ErrorCode::BadPackage, "package file is open for writing: " + path.native());
     }
     return false;
 }
@@ -83,7 +82,7 @@ void PackageFile::requireUnchanged() const {
 void PackageFile::requireSame(const std::filesystem::path& path) const {
     if (identity(statusOf(path)) != identity(opened_)) {
         throw Error(ErrorCode::BadPackage,
-                    "the package file is not the one that was validated: " + Common::quoted(path));
+                    "the package file is not the one that was validated: " + path.native());
     }
     requireUnchanged();
 }

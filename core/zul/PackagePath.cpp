@@ -1,7 +1,6 @@
 #include "core/zul/PackagePath.h"
 
 #include "common/Error.h"
-#include "common/LogLine.h"
 
 #include <algorithm>
 
@@ -44,8 +43,7 @@ path PackagePath::toPackagePath(const std::string& systemPath) const {
 path PackagePath::linkTarget(const std::string& link, const std::string& target) const {
     const auto refuse = [&] {
         return Common::Error(Common::ErrorCode::BadPackage,
-                             "the rpm package has a link that leads out of it: " + Common::quoted(link) +
-                                 " -> " + Common::quoted(target));
+                             "the rpm package has a link that leads out of it: " + link + " -> " + target);
     };
     if (target.empty()) {
         throw refuse();

@@ -145,9 +145,9 @@ TEST_F(AnExtraction, AttachesTheSignaturesThatEachFileShouldHave) {
     EXPECT_EQ(count["security.ima"], 5);
     const auto refusing = [](int, const std::string&, const std::string&) { return EPERM; };
     EXPECT_EQ(failureOf([&] { package.extract(file, destination, refusing); }),
-              std::pair(ErrorCode::Filesystem, "couldn't attach security.ima extended attribute to \"" +
+              std::pair(ErrorCode::Filesystem, "couldn't attach security.ima extended attribute to " +
                                                    (destination / "etc/plain").string() +
-                                                   "\": Operation not permitted"));
+                                                   ": Operation not permitted"));
     EXPECT_EQ(
         failureOf([&] { Package("com.example.app", "1").extract(file, destination); }),
         std::pair(ErrorCode::BadPackageSignature, std::string("package doesn't have developer signature")));
@@ -213,19 +213,18 @@ TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
     };
     const std::string data = "/usr/share/com.example.app/";
     const std::vector<Case> cases{
-        {{{"/../", "victim", reg, "evil"}}, "outside its own directory: \"../victim\""},
-        {{{"/usr/bin/", "../../victim", reg, "evil"}}, "outside its own directory: \"bin/../../victim\""},
+        {{{"/../", "victim", reg, "evil"}}, "outside its own directory: ../victim"},
+        {{{"/usr/bin/", "../../victim", reg, "evil"}}, "outside its own directory: bin/../../victim"},
         {{{"/../", "made", dir}}, "outside its own directory"},
         {{{"/x/", "l", link, "/.."}, {"/x/l/", "victim", reg, "evil"}}, "a link that leads out"},
-        {{{"/", "l", link, "../victim"}}, "a link that leads out of it: \"/l\""},
+        {{{"/", "l", link, "../victim"}}, "a link that leads out of it: /l"},
         {{{"/", "l", link, "a/../../victim"}}, "a link that leads out"},
-        {{{"/", "l", link, ""}}, "a link that leads out of it: \"/l\" -> \"\""},
-        {{{data, "up", link, "/usr/"}, {data + "up/", "f", reg, "evil"}},
-         "below a symbolic link: \"/data/up\""},
+        {{{"/", "l", link, ""}}, "a link that leads out of it: /l -> "},
+        {{{data, "up", link, "/usr/"}, {data + "up/", "f", reg, "evil"}}, "below a symbolic link: /data/up"},
         {{{data, "up", link, "/"}, {data, "out", link, "up/../../victim"}}, ""},
-        {{{data, "up", reg, "x"}, {data + "up/", "f", reg, "x"}}, "below a file: \"/data/up\""},
+        {{{data, "up", reg, "x"}, {data + "up/", "f", reg, "x"}}, "below a file: /data/up"},
         {{{"/usr/bin/", "tool", reg, "a"}, {"/bin/", "tool", reg, "b"}},
-         "two entries for one place: \"/bin/tool\""},
+         "two entries for one place: /bin/tool"},
         {{{"/usr/bin/", "tool", dir}, {"/bin/", "tool", link, "b"}}, "two entries for one place"},
         {{{"/", "a", reg, "same", 5, {}, "", false}, {"/", "b", reg, "same", 5}}, "Missing file"},
         {{{"/", "a", reg, "x", 5}, {"/", "d", dir, "", 5}, {"/", "c", reg, "x", 5}},
