@@ -32,10 +32,8 @@ public:
     /// open file for writing rpm content: " and the file, when only the file itself cannot be made.
     [[nodiscard]] Common::UniqueFd makeFile(const std::filesystem::path& path);
 
-    /// Makes a symbolic link with missing parents.
-    /// @param target  relative, with ".." only at its beginning, and not leading out of the directory;
-    /// BadPackage
-    ///                for any other
+    /// Makes a symbolic link with missing parents. Throws BadPackage for any other target.
+    /// @param target  relative, with ".." only at its beginning, and not leading out of the directory
     void makeSymbolicLink(const std::filesystem::path& path, const std::filesystem::path& target);
 
     /// Makes a further name for a file that makeFile() made, with missing parents.

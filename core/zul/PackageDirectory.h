@@ -44,8 +44,7 @@ public:
 
     /// Deletes every entry but "current" and the version it leads to. Nothing is deleted in a directory that
     /// is reached through a link.
-    /// @param words          begin the warning about an entry that could not be deleted; the quoted path
-    /// follows
+    /// @param words          begin the warning about an entry that could not be deleted, before its path
     /// @param beforeRemoval  called with each entry that will be deleted
     void sweep(const std::string& words,
                const std::function<void(const std::filesystem::path&)>& beforeRemoval = {}) const;

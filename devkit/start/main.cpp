@@ -173,9 +173,8 @@ int main(int argc, char** argv) {
     CLI::App parser(
         "Runs the whole platform in a directory of its own: two buses, a package manager, a runtime "
         "manager, an identification service and vendara-daemon.\n"
-        "After \"--\" comes a command to run in it. Without one it prints the variables that clients need "
-        "and "
-        "runs until Ctrl-C.");
+        "After \"--\" comes a command to run in it. Without one it prints the variables that clients "
+        "need and runs until Ctrl-C.");
     // Not the parser's: it would take arguments in brackets apart.
     char** const end = argv + argc;
     char** const separator = std::find(argv, end, std::string_view("--"));

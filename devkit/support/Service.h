@@ -15,8 +15,7 @@ namespace Devkit {
 /// @param connect  opens the connection, for example sdbus::createSessionBusConnection
 /// @param name  well-known name
 /// @param make  makes the service, given the connection and its loop, and returns it as a unique_ptr. A
-/// member
-///              finish() of it is called when the loop has ended, while replies can still be sent.
+///              member finish() of it is called when the loop has ended, while replies can still be sent.
 /// @return the program's exit status: 1, with two lines in the log, when the bus refuses or is lost
 template<typename Connect, typename Make>
 int serve(Connect connect, const std::string& name, Make make) {

@@ -17,9 +17,8 @@ class OpenPackage;
 class FileWithCmses {
 public:
     /// Opens a package file and reads its signatures, without verifying them.
-    /// @param path  the file; "/proc/self/fd/N" opens what the caller already holds open, at a position of
-    /// its
-    ///              own. Never blocks, also not on a FIFO.
+    /// @param path  the file; "/proc/self/fd/N" opens what the caller already holds open, with a position
+    ///              of its own. Never blocks, also not on a FIFO.
     /// @return nothing when the file cannot be opened, is no regular file, does not begin as an rpm package
     ///         does, or carries signatures that are not in the one form that the format allows; a value with
     ///         an empty list for a package that ends without signatures
