@@ -11,10 +11,16 @@ namespace {
 
 std::string configuration(const std::filesystem::path& directory, const std::string& limits) {
     return "<busconfig><type>session</type><listen>unix:path=" + (directory / "bus").string() +
-           "</listen><auth>EXTERNAL</auth><policy context='default'><allow send_destination='*' "
-           "eavesdrop='true'/>"
-           "<allow eavesdrop='true'/><allow own='*'/></policy>" +
+           "</listen><auth>EXTERNAL</auth><policy context='default'>"
+           "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>"
+           "<allow own='*'/></policy>" +
            limits + "</busconfig>";
+}
+
+// Whether there is a whole line with the address; others are warnings and errors.
+bool isReady(const std::string& output) {
+    const auto address = ("\n" + output).find("\nunix:path=");
+    return address != std::string::npos && output.find('\n', address) != std::string::npos;
 }
 
 } // namespace
@@ -25,7 +31,8 @@ PrivateBus::PrivateBus(const std::string& limits)
     writeFile(file, configuration(scratch_.path(), limits));
     daemon_ = std::make_unique<Process>(std::vector<std::string>{"dbus-daemon", "--nofork", "--print-address",
                                                                  "--config-file=" + file.string()});
-    if (!waitUntil([this] { return daemon_->output().find('\n') != std::string::npos; })) {
+    if (!waitUntil([this] { return isReady(daemon_->output()) || !daemon_->isRunning(); }) ||
+        !isReady(daemon_->output())) {
         throw std::runtime_error("the bus does not start: " + daemon_->output());
     }
 }
