@@ -79,21 +79,11 @@ std::optional<std::string> readRegularFile(const std::filesystem::path& file, st
                     "no regular file of at most " + std::to_string(limit) + " bytes: " + file.native());
     }
     std::string text(static_cast<std::size_t>(status.st_size), '\0');
-    std::size_t filled = 0;
-    while (filled < text.size()) {
-        const auto count = read(fd.get(), text.data() + filled, text.size() - filled);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            throw filesystemError("couldn't read " + file.native());
-        }
-        if (count == 0) {
-            break;
-        }
-        filled += static_cast<std::size_t>(count);
+    const auto filled = readAll(fd.get(), std::as_writable_bytes(std::span(text)));
+    if (!filled) {
+        throw filesystemError("couldn't read " + file.native());
     }
-    text.resize(filled);
+    text.resize(*filled);
     return text;
 }
 
@@ -121,6 +111,21 @@ void replaceLink(const std::filesystem::path& link, const std::filesystem::path&
         unlink(pending.c_str());
         throw failure;
     }
+}
+
+std::optional<std::size_t> readAll(int descriptor, std::span<std::byte> buffer) noexcept {
+    std::size_t filled = 0;
+    while (filled < buffer.size()) {
+        const auto count = read(descriptor, buffer.data() + filled, buffer.size() - filled);
+        if (count < 0 && errno != EINTR) {
+            return std::nullopt;
+        }
+        if (count == 0) {
+            break;
+        }
+        filled += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    }
+    return filled;
 }
 
 bool writeAll(int descriptor, std::span<const char> bytes) noexcept {

@@ -69,6 +69,10 @@ enum class Durability {
     Now,   ///< content and name, before anything goes on
 };
 
+/// Reads from the descriptor's offset on until the buffer is full or the file ends.
+/// @return number of bytes; nothing, with errno, when the file cannot be read
+[[nodiscard]] std::optional<std::size_t> readAll(int descriptor, std::span<std::byte> buffer) noexcept;
+
 /// Writes all bytes at the descriptor's offset.
 /// @return false, with errno, when the file does not take them
 [[nodiscard]] bool writeAll(int descriptor, std::span<const char> bytes) noexcept;
@@ -85,8 +89,8 @@ public:
         std::optional<mode_t> mode = {}; ///< its permission bits; else 0644 as far as the umask lets them be
         /// Whether other processes may write the same file at the same time. If none does, the other name is
         /// always the same, and what an interrupted process left is replaced. Else the file has no name
-        /// before commit(), so that an interruption leaves nothing; where the file system has no such files
-        /// (open(2), O_TMPFILE), it has one of this process.
+        /// before commit(), so that an interruption until then leaves nothing; where the file system has no
+        /// such files (open(2), O_TMPFILE), it has one of this process.
         bool contended = false;
     };
 

@@ -102,7 +102,7 @@ std::string Process::output() const { return readFile(output_); }
 
 ProcessResult run(const std::vector<std::string>& arguments, const Process::Options& options) {
     Process process(arguments, options);
-    const int status = process.wait(std::chrono::minutes(10));
+    const int status = process.wait(std::chrono::minutes(4));
     return {status, process.output()};
 }
 

@@ -48,7 +48,7 @@ struct ProcessResult {
     std::string output;
 };
 
-/// Runs a program to its end, at most ten minutes: a loaded machine may take one to build a large package.
+/// Runs a program to its end, at most four minutes: a loaded machine may take one to build a large package.
 ProcessResult run(const std::vector<std::string>& arguments, const Process::Options& options = {});
 
 } // namespace Testbed

@@ -51,8 +51,8 @@ public:
 
     /// Whether there is no more after this piece.
     [[nodiscard]] bool isEnded() const { return result_ == BZ_STREAM_END && decoder_.avail_in == 0; }
-    /// False for what is no block, a part of one and a damaged one. A part of one never gets as far as a
-    /// piece.
+    /// False for what is no block, a part of one and a damaged one. A part of one does not get as far as a
+    /// piece, unless it was made to.
     [[nodiscard]] bool isSound() const { return isEnded() || (result_ == BZ_OK && decoder_.avail_out == 0); }
     [[nodiscard]] std::span<const std::uint8_t> piece() const {
         return {piece_.get(), pieceSize - decoder_.avail_out};
@@ -102,16 +102,20 @@ private:
     };
 
     void advance() {
-        if (block_ && !block_->isEnded()) {
-            block_->decompress();
-        } else {
+        if (!block_ || block_->isEnded()) {
             takeBlock();
-        }
-        if (!block_->isSound()) {
-            throwDamagedPayload();
+        } else {
+            block_->decompress();
+            requireSound();
         }
         if (block_->isEnded()) {
-            lookForEnd(); // before the last piece is given away: the end's checksum is about all of them
+            lookForEnd(); // before this piece is given away: the end's checksum is about it as well
+        }
+    }
+
+    void requireSound() const {
+        if (!block_->isSound()) {
+            throwDamagedPayload();
         }
     }
 
@@ -120,6 +124,7 @@ private:
         for (int join = 0; !block_->isSound() && join < mostJoins; ++join) {
             joinWithNext();
         }
+        requireSound();
         checksum_ = (checksum_ << 1U | checksum_ >> 31U) ^ jobs_.front().section.checksum();
         jobs_.pop_front();
     }

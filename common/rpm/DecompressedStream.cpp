@@ -1,7 +1,6 @@
 #include "common/rpm/DecompressedStream.h"
 
 #include "common/Files.h"
-#include "common/LogLine.h"
 #include "common/StartThread.h"
 
 #include <algorithm>
@@ -15,6 +14,8 @@
 namespace Common::Rpm {
 
 namespace {
+
+constexpr std::uint8_t firstByteOfGzip = 0x1f;
 
 /// @return false when nobody reads any more
 bool sendAll(const UniqueFd& socket, std::span<const std::uint8_t> bytes) {
@@ -64,11 +65,15 @@ void DecompressedStream::end() {
 void DecompressedStream::run() {
     try {
         auto bytes = source_->next();
+        // librpm's gzip reader at the other end would decompress that, too, and nothing would limit it. An
+        // archive begins otherwise.
+        if (!bytes.empty() && bytes.front() == firstByteOfGzip) {
+            throwDamagedPayload();
+        }
         while (!bytes.empty() && sendAll(writeEnd_, bytes)) {
             bytes = source_->next();
         }
-    } catch (const std::exception& error) {
-        logError() << error;
+    } catch (...) {
         failure_ = std::current_exception();
     }
     shutdown(writeEnd_.get(), SHUT_WR);

@@ -10,7 +10,8 @@
 namespace Common::Rpm {
 
 /// What a decompressor gives, as a descriptor to read from. A thread of its own decompresses a little ahead
-/// of the reader. Made and used by one other thread.
+/// of the reader. Made and used by one other thread. For an archive in its compression: what would be
+/// compressed once more is taken for damaged.
 class DecompressedStream {
 public:
     /// Throws Error, code Filesystem, when no descriptors are to be had, and code Internal, when no thread

@@ -25,9 +25,9 @@ public:
 /// @param file  at the first member
 std::unique_ptr<Decompressor> gzipDecompressor(UniqueFd file);
 
-/// Reads bzip2 with libbz2, several blocks at a time, each on a thread of its own. What follows the first
-/// stream is not part of it. A block whose bits look like the beginning of one at more than eight places,
-/// which comes of intent alone, is taken for damaged.
+/// Reads bzip2 with libbz2, several blocks at a time, large ones each on a thread of its own. What follows
+/// the first stream is not part of it. A block with bits that look like the beginning of one in its first ten
+/// bytes or at more than eight places, which comes of intent alone, is taken for damaged.
 /// @param file  at the stream's first byte
 std::unique_ptr<Decompressor> bzip2Decompressor(UniqueFd file);
 

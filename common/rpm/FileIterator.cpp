@@ -148,15 +148,20 @@ bool FileIterator::next() {
         return false;
     }
     if (result < 0) {
-        if (stream_) {
-            stream_->stop();
-        }
         const std::unique_ptr<char, void (*)(void*)> reason(rpmfileStrerror(result), std::free);
-        throw Error(ErrorCode::BadPackage, std::string("couldn't read payload of rpm package: ") +
-                                               (reason ? reason.get() : "damaged"));
+        fail(std::string("couldn't read payload of rpm package: ") + (reason ? reason.get() : "damaged"));
     }
     markSeen(index());
+    taken_ = 0;
     return true;
+}
+
+// What the decompressor failed with says more than what librpm makes of it.
+void FileIterator::fail(const std::string& words) {
+    if (stream_) {
+        stream_->stop();
+    }
+    throw Error(ErrorCode::BadPackage, words);
 }
 
 void FileIterator::markSeen(int index) {
@@ -205,15 +210,13 @@ FileDigest FileIterator::digest() const {
 std::size_t FileIterator::read(std::span<char> buffer) {
     const SignalsHeldBack guard;
     std::size_t total = 0;
-    while (total < buffer.size()) {
+    while (total < buffer.size() && taken_ < size()) {
         const auto count = rpmfiArchiveRead(iterator_.get(), buffer.data() + total, buffer.size() - total);
-        if (count < 0) {
-            throw Error(ErrorCode::BadPackage, "couldn't read content from rpm package");
-        }
-        if (count == 0) {
-            break;
+        if (count <= 0) {
+            fail("couldn't read content from rpm package");
         }
         total += static_cast<std::size_t>(count);
+        taken_ += static_cast<std::uint64_t>(count);
     }
     return total;
 }

@@ -24,7 +24,8 @@ class FileIterator {
 public:
     /// Opens the payload. Throws Error, code BadPackage, "couldn't open rpm package for extraction", for a
     /// file list that librpm does not take and for an unknown payload format or compressor; BadPackage as
-    /// well for a symbolic link of PATH_MAX bytes or more.
+    /// well for a symbolic link of PATH_MAX bytes or more. Code Filesystem or Internal, when no descriptors
+    /// or no thread are to be had.
     explicit FileIterator(const Reader& reader);
 
     /// Moves to the next entry, skipping what is left of the present one.
@@ -50,7 +51,7 @@ public:
 
     /// Reads content of the present entry until the buffer is full or the content ends.
     /// @return number of bytes read; less than asked for means the end
-    /// Throws Error, code BadPackage, when the archive cannot be read.
+    /// Throws Error, code BadPackage, when the archive ends before, and else as next() does.
     std::size_t read(std::span<char> buffer);
 
     /// Index in the file list of a path, or -1.
@@ -61,6 +62,7 @@ public:
 private:
     void openPayload(const Reader& reader);
     void requireShortLinks() const;
+    [[noreturn]] void fail(const std::string& words);
     void markSeen(int index);
     void checkComplete() const;
 
@@ -69,6 +71,7 @@ private:
     std::unique_ptr<std::remove_pointer_t<FD_t>, int (*)(FD_t)> payload_;
     std::unique_ptr<std::remove_pointer_t<rpmfi>, rpmfi (*)(rpmfi)> iterator_;
     std::vector<bool> seen_;
+    std::uint64_t taken_ = 0; ///< bytes of the present entry's content that were read
 };
 
 } // namespace Common::Rpm
