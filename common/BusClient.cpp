@@ -1,10 +1,14 @@
 #include "common/BusClient.h"
 
 #include "common/Guard.h"
+#include "common/Names.h"
+#include "common/StartThread.h"
 
 #include <future>
 
 namespace Common {
+
+namespace MessageBus = Names::MessageBus;
 
 namespace {
 
@@ -48,12 +52,12 @@ void BusClient::start(const std::vector<BusSubscription>& subscriptions) {
 // out. So this returns when the loop has delivered something: the bus's answer to a question sent beforehand.
 void BusClient::startLoop() {
     const auto running = std::make_shared<std::promise<void>>();
-    const auto bus = sdbus::createProxy(*connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+    const auto bus = sdbus::createProxy(*connection_, MessageBus::service, MessageBus::objectPath);
     bus->callMethodAsync("GetId")
-        .onInterface("org.freedesktop.DBus")
+        .onInterface(MessageBus::interface)
         .uponReplyInvoke(
             [running](const sdbus::Error* /*error*/, const std::string& /*id*/) { running->set_value(); });
-    loop_ = std::thread([this] { runLoop(); });
+    loop_ = startThread([this] { runLoop(); });
     running->get_future().wait_for(std::chrono::seconds(25));
 }
 

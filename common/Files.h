@@ -63,12 +63,6 @@ void flushFileSystem(const std::filesystem::path& directory);
 /// Makes or replaces a symbolic link in one step. An empty directory in its place is replaced as well.
 void replaceLink(const std::filesystem::path& link, const std::filesystem::path& target);
 
-/// When a file that is put in place has to be on disk.
-enum class Durability {
-    Later, ///< with the flush that the caller makes for everything it wrote
-    Now,   ///< content and name, before anything goes on
-};
-
 /// Reads from the descriptor's offset on until the buffer is full or the file ends.
 /// @return number of bytes; nothing, with errno, when the file cannot be read
 [[nodiscard]] std::optional<std::size_t> readAll(int descriptor, std::span<std::byte> buffer) noexcept;
@@ -79,6 +73,12 @@ enum class Durability {
 
 /// The same, with an error that names the file.
 void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path);
+
+/// When a file that is put in place has to be on disk.
+enum class Durability {
+    Later, ///< with the flush that the caller makes for everything it wrote
+    Now,   ///< content and name, before anything goes on
+};
 
 /// A file that appears under its name whole or not at all, in place of whatever file or link had the name.
 /// Until then it lies beside it under another name or none, readable and writable for its owner alone if a

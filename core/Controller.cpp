@@ -2,6 +2,7 @@
 
 #include "common/Guard.h"
 #include "common/Names.h"
+#include "common/StartThread.h"
 
 namespace Core {
 
@@ -10,7 +11,7 @@ Controller::Controller(std::unique_ptr<Common::BusClient> intents, std::unique_p
     , launchControl_(std::move(intents), std::move(control)) {
     zul_.addPackageUpgradedHandler(
         [this](const Common::PackageProperties& package) { packageUpgraded(package); });
-    worker_ = std::thread([this] { work(); });
+    worker_ = Common::startThread([this] { work(); });
 }
 
 Controller::~Controller() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Guard.h"
+#include "common/StartThread.h"
 
 #include <condition_variable>
 #include <deque>
@@ -17,9 +18,10 @@ template<typename Item>
 class TaskQueue {
 public:
     /// @param handle  called on the queue's thread; what it throws is logged
+    /// Throws Error, code Internal, when no thread is to be had.
     explicit TaskQueue(std::function<void(Item&)> handle)
         : handle_(std::move(handle))
-        , thread_([this] { run(); }) {}
+        , thread_(Common::startThread([this] { run(); })) {}
     /// Returns when everything that was handed over has been handled and the thread has ended.
     ~TaskQueue() {
         {

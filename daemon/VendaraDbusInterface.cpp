@@ -13,6 +13,7 @@ namespace Daemon {
 
 namespace {
 
+namespace MessageBus = Common::Names::MessageBus;
 namespace Own = Common::Names::Vendara;
 namespace RuntimeManager = Common::Names::RuntimeManager;
 
@@ -274,9 +275,9 @@ void VendaraDbusInterface::keepUntold(Core::Controller& controller, const Core::
 bool VendaraDbusInterface::isOnBus(const std::string& busName) {
     try {
         bool owned = false;
-        sdbus::createProxy(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus")
-            ->callMethod("NameHasOwner")
-            .onInterface("org.freedesktop.DBus")
+        sdbus::createProxy(connection_, MessageBus::service, MessageBus::objectPath)
+            ->callMethod(MessageBus::nameHasOwner)
+            .onInterface(MessageBus::interface)
             .withArguments(busName)
             .storeResultsTo(owned);
         return owned;

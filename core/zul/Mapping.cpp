@@ -69,8 +69,11 @@ std::optional<mode_t> Mapping::fileType() const {
 
 bool Mapping::isLinkOrMarkedCopy() const {
     const auto type = fileType();
-    if (type != S_IFREG || lgetxattr(throughDescriptor().c_str(), marker, nullptr, 0) >= 0) {
-        return type == S_IFLNK || type == S_IFREG;
+    if (type != S_IFREG) {
+        return type == S_IFLNK;
+    }
+    if (lgetxattr(throughDescriptor().c_str(), marker, nullptr, 0) >= 0) {
+        return true;
     }
     if (errno != ENODATA && errno != EOPNOTSUPP && errno != ENOENT) {
         throw filesystemError("couldn't look at " + target_.native());
