@@ -4,6 +4,7 @@
 #include "common/rpm/Transaction.h"
 
 #include <rpm/header.h>
+#include <rpm/rpmkeyring.h>
 #include <rpm/rpmtd.h>
 
 #include <fcntl.h>
@@ -16,6 +17,15 @@ namespace {
 void freeTagData(rpmtd container) {
     rpmtdFreeData(container);
     rpmtdFree(container);
+}
+
+/// Reads and checks the header at the file's position.
+rpmRC readHeader(const Transaction& transaction, FD_t file, const std::string& path,
+                 std::shared_ptr<std::remove_pointer_t<Header>>& result) {
+    Header header = nullptr;
+    const auto verdict = rpmReadPackageFile(transaction.get(), file, path.c_str(), &header);
+    result = {header, headerFree};
+    return verdict;
 }
 
 } // namespace
@@ -40,9 +50,17 @@ Reader::Reader(const UniqueFd& file, const std::string& path)
         throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
     }
     const Transaction transaction; // loads the configuration that the read needs
-    Header header = nullptr;
-    const auto result = rpmReadPackageFile(transaction.get(), file_.get(), path.c_str(), &header);
-    header_ = {header, headerFree};
+    // For its own keyring librpm starts a shell and opens the user's key database. Only a package with an rpm
+    // signature needs it, and that is known once a key is missing from an empty one.
+    const std::unique_ptr<std::remove_pointer_t<rpmKeyring>, rpmKeyring (*)(rpmKeyring)> noKeys(
+        rpmKeyringNew(), rpmKeyringFree);
+    rpmtsSetKeyring(transaction.get(), noKeys.get());
+    const auto start = Ftell(file_.get());
+    auto result = readHeader(transaction, file_.get(), path, header_);
+    if ((result == RPMRC_NOKEY || result == RPMRC_NOTTRUSTED) && Fseek(file_.get(), start, SEEK_SET) == 0) {
+        rpmtsSetKeyring(transaction.get(), nullptr);
+        result = readHeader(transaction, file_.get(), path, header_);
+    }
     if (result != RPMRC_OK || !header_) {
         throw Error(ErrorCode::BadPackage, "couldn't read rpm package");
     }

@@ -16,11 +16,16 @@ namespace Common::Rpm {
 [[nodiscard]] UniqueFd openPackageFile(const std::string& path);
 
 /// An open package file and its checked header. Copies share both; the file stays open as long as a copy
-/// lives. Used by one thread at a time.
+/// lives.
+///
+/// librpm's configuration is process-wide and is loaded anew for each read. So every thread of a process may
+/// construct, use and destroy readers, and one thread may go on with the reader of another, but no two
+/// threads at the same time, not even with readers of different files.
 class Reader {
 public:
     /// Opens a package file and reads its header, checked by librpm's configured policy. Never blocks on
-    /// something that is no regular file.
+    /// something that is no regular file. Starts no process and touches no file but the package and librpm's
+    /// configuration, unless the package has an rpm signature: librpm's key database is opened for that.
     /// Throws Error: FileNotFound for what cannot be opened or is no regular file, BadPackage for a file
     /// that librpm does not accept as a package.
     explicit Reader(const std::string& path);

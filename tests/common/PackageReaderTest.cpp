@@ -10,9 +10,11 @@
 
 #include <fstream>
 #include <random>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -21,7 +23,7 @@ namespace fs = std::filesystem;
 
 class PackageReader : public testing::Test {
 protected:
-    PackageReader() { setenv("HOME", scratch_.path().c_str(), 1); } // librpm makes its key database there
+    PackageReader() { setenv("HOME", scratch_.path().c_str(), 1); } // librpm's key database is there
 
     [[nodiscard]] fs::path in(const std::string& name) const { return scratch_.path() / name; }
 
@@ -39,6 +41,14 @@ protected:
     }
     static void expectNotRead(const fs::path& path) {
         expectRefusal(path, Common::ErrorCode::BadPackage, "couldn't read rpm package");
+    }
+
+    /// How often the processes that this one started and waited for met a missing page: each does, at once.
+    static long faultsOfChildren() {
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a process was left behind";
+        rusage usage{};
+        EXPECT_EQ(getrusage(RUSAGE_CHILDREN, &usage), 0);
+        return usage.ru_minflt;
     }
 
 private:
@@ -115,6 +125,44 @@ TEST_F(PackageReader, RefusesAFileThatIsNoWholePackage) {
         } catch (const Common::Error&) {
         }
     }
+}
+
+TEST_F(PackageReader, StartsNoProcessAndLeavesTheHomeDirectoryAlone) {
+    const Testbed::LogCapture librpmsOwnLines;
+    const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", "x"}}});
+    Testbed::writeFile(in("text.rpm"), "no package");
+    auto damaged = Testbed::readFile(file);
+    damaged[damaged.find("com.example.app", 200)] = 'C';
+    Testbed::writeFile(in("damaged.rpm"), damaged);
+    fs::create_directory(in("home"));
+    setenv("HOME", in("home").c_str(), 1);
+    const auto before = faultsOfChildren();
+    EXPECT_EQ(Reader(file.string()).getStringTag(RPMTAG_NAME), "com.example.app");
+    expectNotRead(in("text.rpm"));
+    expectNotRead(in("damaged.rpm"));
+    EXPECT_EQ(faultsOfChildren(), before);
+    EXPECT_TRUE(fs::is_empty(in("home")));
+}
+
+TEST_F(PackageReader, TakesAnRpmSignatureOnlyWithItsKeyInTheDatabase) {
+    const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", "x"}}});
+    const auto home = "HOME=" + in(".").string() + " GNUPGHOME=" + in("gnupg").string();
+    const auto shell = [&](const std::string& command) {
+        const auto result = Testbed::run({"sh", "-ec", "export " + home + "; " + command});
+        ASSERT_EQ(result.status, 0) << result.output;
+    };
+    shell("mkdir -m 700 $GNUPGHOME; gpg --batch --quiet --passphrase '' --quick-gen-key maker rsa2048 sign; "
+          "gpg --armor --export maker > $HOME/key; rpmsign --define '_gpg_name maker' --define \"__gpg "
+          "$(command -v gpg)\" --addsign " +
+          file.string() + "; gpgconf --kill all");
+    const Testbed::LogCapture librpmsOwnLines;
+    expectNotRead(file);
+    shell("rpmkeys --import $HOME/key");
+    EXPECT_EQ(Reader(file.string()).getStringTag(RPMTAG_NAME), "com.example.app");
+    auto damaged = Testbed::readFile(file);
+    damaged[damaged.find("com.example.app", 200)] = 'C';
+    Testbed::writeFile(file, damaged);
+    expectNotRead(file);
 }
 
 TEST_F(PackageReader, LeavesNoDescriptorOpen) {
