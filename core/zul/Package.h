@@ -44,9 +44,10 @@ public:
     /// developer's key, is a warning in the log. Everything else is refused, checked in this order:
     /// - what Common::Rpm::Reader refuses, and missing tags: FileNotFound, BadPackage;
     ///   BadPackage as well for a file that somebody has open for writing
-    /// - an identifier (BadPackageID) or a version (BadPackage) that is not one ordinary path component
-    /// - a manifest that is damaged, too large or no regular file, or whose names are not ordinary path
-    ///   components: BadPackage
+    /// - an identifier (BadPackageID) or a version (BadPackage) that is not one ordinary path component or
+    ///   that no bus takes
+    /// - a manifest that is damaged, too large or no regular file, or whose names are not such components:
+    ///   BadPackage
     /// - signatures that cannot be read: BadPackage; that do not hold, are absent or are none of a developer:
     ///   BadPackageSignature
     /// - a file that is written to, or opened for it, meanwhile: BadPackage

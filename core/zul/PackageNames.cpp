@@ -1,29 +1,37 @@
 #include "core/zul/PackageNames.h"
 
+#include "common/BusText.h"
 #include "common/Error.h"
 #include "common/Files.h"
+#include "common/PackageId.h"
 
 namespace Core::ZUL {
 
 using Common::Error;
 using Common::ErrorCode;
 
+namespace {
+
+bool isOrdinaryText(const std::string& name) {
+    return Common::isOrdinaryName(name) && Common::isBusText(name);
+}
+
+} // namespace
+
 std::string directoryName(const std::string& packageId) {
     auto name = packageId.starts_with('/') ? packageId.substr(1) : packageId;
-    if (!Common::isOrdinaryName(name)) {
-        throw Error(ErrorCode::BadPackageID, "package identifier can't be a directory's name: " + packageId);
-    }
+    Common::requirePackageId(name);
     return name;
 }
 
 void requireOrdinaryNames(const Package& package) {
     static_cast<void>(directoryName(package.id()));
     const auto& version = package.version();
-    if (!Common::isOrdinaryName(version) || version == "current" || version == "next" || version == "prev") {
+    if (!isOrdinaryText(version) || version == "current" || version == "next" || version == "prev") {
         throw Error(ErrorCode::BadPackage, "couldn't parse package version: " + version);
     }
     for (const auto& name : {package.orgName(), package.appName()}) {
-        if (name && !Common::isOrdinaryName(*name)) {
+        if (name && !isOrdinaryText(*name)) {
             throw Error(ErrorCode::BadPackage, "application name can't be a directory's name: " + *name);
         }
     }

@@ -49,6 +49,8 @@ TEST_F(APackage, IsRefusedForTheFirstOfItsFaults) {
                                    "Name"};
     craftPackage(file, {badManifest}, "..", "1/2");
     EXPECT_EQ(refusalOf(file).first, ErrorCode::BadPackageID);
+    craftPackage(file, {badManifest}, "caf\xe9", "1/2");
+    EXPECT_EQ(refusalOf(file).first, ErrorCode::BadPackageID);
     craftPackage(file, {badManifest}, "com.example.app", "1/2");
     EXPECT_THAT(refusalOf(file), testing::Pair(ErrorCode::BadPackage, HasSubstr("version: 1/2")));
     craftPackage(file, {badManifest});

@@ -1,0 +1,38 @@
+#include "common/PackageId.h"
+
+#include "common/BusText.h"
+#include "common/Error.h"
+
+#include <gmock/gmock.h>
+
+namespace {
+
+std::string refusalOf(const std::string& id) {
+    try {
+        Common::requirePackageId(id);
+        return "";
+    } catch (const Common::Error& error) {
+        EXPECT_EQ(error.code(), Common::ErrorCode::BadPackageID);
+        return error.what();
+    }
+}
+
+TEST(PackageId, IsOnePathComponentThatABusTakes) {
+    for (const std::string id : {"com.example.app", "a", "...", "-x", "with space", "gr\xc3\xb6\xc3\x9f"}) {
+        EXPECT_EQ(refusalOf(id), "") << id;
+    }
+    EXPECT_EQ(refusalOf(std::string(255, 'x')), "");
+    for (const std::string id : {"", ".", "..", "/a", "a/b", "a\n", "\x7f", "caf\xe9", "a\xef\xbf\xbe"}) {
+        EXPECT_THAT(refusalOf(id), testing::StartsWith("not a package identifier")) << id;
+    }
+    EXPECT_THAT(refusalOf(std::string("a\0b", 3)), testing::EndsWith("a\\x00b"));
+}
+
+TEST(PackageId, IsShownShortAndPrintableWhereItIsRefused) {
+    EXPECT_EQ(refusalOf("a\x1b/\xff"), "not a package identifier: a\\x1b/\\xff");
+    EXPECT_EQ(refusalOf(std::string(10'000'000, 'x')),
+              "not a package identifier: " + std::string(64, 'x') + "... (10000000 bytes)");
+    EXPECT_TRUE(Common::isBusText(refusalOf("\xef\xb7\x90/" + std::string(63, '\xc3'))));
+}
+
+} // namespace
