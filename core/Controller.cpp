@@ -2,184 +2,255 @@
 
 #include "common/Guard.h"
 #include "common/Names.h"
-#include "common/StartThread.h"
+#include "core/zul/Database.h"
+
+#include <algorithm>
 
 namespace Core {
 
-Controller::Controller(std::unique_ptr<Common::BusClient> intents, std::unique_ptr<Common::BusClient> control)
-    : announcer_([](const Operation& operation) { operation.announceStatus(); })
-    , launchControl_(std::move(intents), std::move(control)) {
-    zul_.addPackageUpgradedHandler(
-        [this](const Common::PackageProperties& package) { packageUpgraded(package); });
-    worker_ = Common::startThread([this] { work(); });
+namespace {
+
+namespace Keys = Common::Names::PackageKeys;
+
+void fail(Operation& operation, Common::ErrorCode code) {
+    operation.setErrorCode(static_cast<std::uint32_t>(code));
+    operation.setStatus(OperationStatus::Failed);
 }
 
-Controller::~Controller() {
-    {
-        const std::lock_guard guard(stateLock_);
-        stopping_ = true;
-    }
-    workerWakeUp_.notify_one();
-    worker_.join();
-    failQueued();
-    // What is still to be announced is announced while the announcer is destroyed, after the package signals.
+std::string valueOf(const Common::PackageProperties& package, const std::string& key) {
+    const auto entry = package.find(key);
+    return entry == package.end() ? std::string() : entry->second;
+}
+
+} // namespace
+
+Controller::Controller(Common::BusConnection& session)
+    : loop_(session.loop())
+    , launchControl_(session)
+    , zul_(loop_) {
+    zul_.addPackageUpgradedHandler(
+        [this](const Common::PackageProperties& package) { packageUpgraded(package); });
+    zul_.setAppearedHandler([this] { loop_.spawn("couldn't check the awaiting upgrades", checkAwaiting()); });
+}
+
+bool Controller::isFull(const Common::CallerIdentity& initiator) const {
+    const auto count = counts_.find(initiator.key());
+    return count != counts_.end() && count->second >= maximumOperations;
 }
 
 void Controller::enqueue(Operation operation) {
-    operation.changeStatus(OperationStatus::Queued);
-    std::list<Queued>::iterator entry;
-    {
-        const std::lock_guard guard(stateLock_);
-        entry = queue_.insert(queue_.end(), {operation});
+    ++counts_[operation.initiator().key()];
+    queue_.push_back(std::move(operation));
+    queue_.back().setStatus(OperationStatus::Queued);
+    if (!isWorking_) {
+        isWorking_ = true;
+        loop_.spawn("couldn't carry out operations", work());
     }
-    Common::guarded("couldn't announce a queued operation", [&] { operation.announceStatus(); });
-    {
-        const std::lock_guard guard(stateLock_);
-        entry->announced = true;
-    }
-    workerWakeUp_.notify_one();
 }
 
 std::vector<Operation> Controller::operationsOf(const Common::CallerIdentity& initiator) const {
     std::vector<Operation> operations;
-    const auto addIfOwn = [&](const Operation& operation) {
-        if (operation.initiator().isSameApplication(initiator)) {
-            operations.push_back(operation);
-        }
+    const auto addOwn = [&](const auto& all) {
+        std::copy_if(all.begin(), all.end(), std::back_inserter(operations), [&](const Operation& operation) {
+            return operation.initiator().isSameApplication(initiator);
+        });
     };
-    const std::lock_guard guard(stateLock_);
-    for (const auto& queued : queue_) {
-        addIfOwn(queued.operation);
-    }
+    addOwn(queue_);
     if (current_) {
-        addIfOwn(*current_);
+        addOwn(std::vector{*current_});
     }
-    for (const auto& awaiting : awaiting_) {
-        addIfOwn(awaiting);
-    }
+    addOwn(awaiting_);
+    addOwn(ended_);
     return operations;
 }
 
 std::vector<Operation> Controller::takeCompletedOperations(const Common::CallerIdentity& initiator) {
-    const std::lock_guard guard(completedLock_);
     auto entry = completed_.extract(initiator.key());
-    return entry ? std::move(entry.mapped()) : std::vector<Operation>();
+    if (!entry) {
+        return {};
+    }
+    auto& operations = entry.mapped();
+    return {std::make_move_iterator(operations.begin()), std::make_move_iterator(operations.end())};
 }
 
 void Controller::addCompletedOperation(const Operation& operation) {
-    const std::lock_guard guard(completedLock_);
-    completed_[operation.initiator().key()].push_back(operation);
+    auto& store = completed_[operation.initiator().key()];
+    store.push_back(operation);
+    if (store.size() > maximumCompleted) {
+        Common::logWarning() << "dropped the oldest of too many completed operations: " << store.front().id();
+        store.pop_front();
+    }
+    reported(operation);
 }
 
-void Controller::work() {
-    while (const auto operation = takeNext()) {
-        try {
-            carryOut(*operation);
-        } catch (const Common::Error& error) {
-            Common::logError() << error;
-            failCurrent(error.code());
-        } catch (const std::exception& error) {
-            Common::logError() << error;
-            failCurrent(Common::ErrorCode::Internal);
-        }
+void Controller::reported(const Operation& operation) {
+    const auto isMeant = [&](const Operation& other) { return other.id() == operation.id(); };
+    if (current_ && isMeant(*current_) && !isCurrentReported_) {
+        isCurrentReported_ = true;
+        uncount(operation);
+    } else if (std::erase_if(ended_, isMeant) > 0) {
+        uncount(operation);
     }
 }
 
-// Makes the head of the queue the current operation; nothing when the worker is to end.
-std::optional<Operation> Controller::takeNext() {
-    std::unique_lock guard(stateLock_);
-    workerWakeUp_.wait(guard, [this] { return stopping_ || (!queue_.empty() && queue_.front().announced); });
-    if (stopping_) {
-        return {};
+asio::awaitable<void> Controller::finish() {
+    isFinishing_ = true;
+    if (const auto running = running_) {
+        co_await running->wait();
     }
-    current_ = std::move(queue_.front().operation);
+    for (auto& operation : queue_) {
+        fail(operation, Common::ErrorCode::Internal);
+    }
+    ended_.splice(ended_.end(), queue_);
+}
+
+asio::awaitable<void> Controller::upgradeSettled(std::string packageId) {
+    const auto running = running_;
+    if (running && upgradeReported_ && current_->packageId() == packageId) {
+        co_await running->wait();
+    }
+}
+
+asio::awaitable<void> Controller::work() {
+    while (!queue_.empty() && !isFinishing_) {
+        takeNext();
+        co_await carryOut();
+    }
+    isWorking_ = false;
+}
+
+void Controller::takeNext() {
+    if (current_ && !current_->isCompleted()) {
+        uncount(*current_); // of an unknown type
+    } else if (current_ && !isCurrentReported_) {
+        ended_.push_back(std::move(*current_));
+    }
+    current_ = std::move(queue_.front());
     queue_.pop_front();
+    isCurrentReported_ = false;
     upgradeReported_ = false;
-    change(*current_, OperationStatus::InProgress);
-    return current_;
+    current_->setStatus(OperationStatus::InProgress);
 }
 
-void Controller::carryOut(const Operation& operation) {
-    switch (operation.type()) {
+asio::awaitable<void> Controller::carryOut() {
+    const auto running = running_ = std::make_shared<Common::Event>(loop_.context());
+    try {
+        co_await callPackageManager();
+    } catch (const Common::Error& error) {
+        Common::logError() << error;
+        fail(*current_, error.code());
+    } catch (const std::exception& error) {
+        Common::logError() << error;
+        fail(*current_, Common::ErrorCode::Internal);
+    }
+    running_.reset();
+    running->set();
+}
+
+asio::awaitable<void> Controller::callPackageManager() {
+    switch (current_->type()) {
     case OperationType::Install:
-        zul_.install(operation.packagePath());
+        co_await zul_.install(current_->packagePath());
         finishCurrent();
-        return;
+        co_return;
     case OperationType::Upgrade:
-        zul_.install(operation.packagePath());
+        co_await zul_.install(current_->packagePath());
         awaitUpgrade();
-        return;
+        co_return;
     case OperationType::Remove:
-        zul_.remove(operation.packageId());
+        co_await zul_.remove(current_->packageId());
         finishCurrent();
-        return;
+        co_return;
     }
     Common::logWarning() << "unexpected operation type: "
-                         << std::to_string(static_cast<std::int32_t>(operation.type()));
+                         << std::to_string(static_cast<std::int32_t>(current_->type()));
 }
 
 void Controller::finishCurrent() {
-    const std::lock_guard guard(stateLock_);
-    change(*current_, OperationStatus::Finished);
+    current_->setStatus(OperationStatus::Finished);
+    ended_.push_back(std::move(*current_));
     current_.reset();
 }
 
 // A report that came while the install call was running counts from here on.
 void Controller::awaitUpgrade() {
-    const std::lock_guard guard(stateLock_);
-    change(*current_, OperationStatus::AwaitingUpgrade);
-    if (upgradeReported_) {
-        change(*current_, OperationStatus::Finished);
-    } else {
-        awaiting_.push_back(std::move(*current_));
-    }
+    current_->setStatus(OperationStatus::AwaitingUpgrade);
+    awaiting_.push_back(std::move(*current_));
     current_.reset();
-}
-
-void Controller::failCurrent(Common::ErrorCode code) {
-    const std::lock_guard guard(stateLock_);
-    current_->setErrorCode(static_cast<std::uint32_t>(code));
-    change(*current_, OperationStatus::Failed);
-}
-
-void Controller::failQueued() {
-    const std::lock_guard guard(stateLock_);
-    for (auto& queued : queue_) {
-        queued.operation.setErrorCode(static_cast<std::uint32_t>(Common::ErrorCode::Internal));
-        change(queued.operation, OperationStatus::Failed);
+    if (upgradeReported_) {
+        endAwaiting(std::prev(awaiting_.end()), Common::ErrorCode::None);
     }
-    queue_.clear();
 }
 
-// Under stateLock_.
-void Controller::change(Operation& operation, OperationStatus status) {
-    operation.changeStatus(status);
-    announcer_.add(operation);
+void Controller::endAwaiting(std::list<Operation>::iterator awaiting, Common::ErrorCode code) {
+    if (code == Common::ErrorCode::None) {
+        awaiting->setStatus(OperationStatus::Finished);
+    } else {
+        fail(*awaiting, code);
+    }
+    ended_.splice(ended_.end(), awaiting_, awaiting);
+}
+
+void Controller::uncount(const Operation& operation) {
+    const auto count = counts_.find(operation.initiator().key());
+    if (count != counts_.end() && --count->second == 0) {
+        counts_.erase(count);
+    }
 }
 
 void Controller::packageUpgraded(const Common::PackageProperties& package) {
-    const auto id = package.find(Common::Names::PackageKeys::id);
+    const auto id = package.find(Keys::id);
     if (id == package.end()) {
         Common::logWarning() << "couldn't retrieve package id from upgraded package";
         return;
     }
-    finishUpgradesOf(id->second);
+    if (running_ && current_->type() == OperationType::Upgrade && current_->packageId() == id->second) {
+        upgradeReported_ = true;
+    }
+    for (auto next = awaiting_.begin(); next != awaiting_.end();) {
+        const auto awaiting = next++;
+        if (awaiting->packageId() == id->second) {
+            endAwaiting(awaiting, Common::ErrorCode::None);
+        }
+    }
     launchControl_.packageUpgraded(id->second);
 }
 
-void Controller::finishUpgradesOf(const std::string& packageId) {
-    const std::lock_guard guard(stateLock_);
-    if (current_ && current_->status() == OperationStatus::InProgress && current_->packageId() == packageId) {
-        upgradeReported_ = true;
+// A package manager that has started again may have completed an upgrade, or given it up, without a report.
+asio::awaitable<void> Controller::checkAwaiting() {
+    std::vector<std::string> ids;
+    for (const auto& awaiting : awaiting_) {
+        ids.push_back(awaiting.id());
     }
-    for (auto awaiting = awaiting_.begin(); awaiting != awaiting_.end();) {
-        if (awaiting->packageId() == packageId) {
-            change(*awaiting, OperationStatus::Finished);
-            awaiting = awaiting_.erase(awaiting);
-        } else {
-            ++awaiting;
-        }
+    if (ids.empty()) {
+        co_return;
     }
+    const auto packages =
+        co_await zul_.getPackageList(Common::TimePoint::clock::now() + Common::defaultTimeout);
+    for (const auto& id : ids) {
+        checkAwaiting(id, *packages);
+    }
+}
+
+void Controller::checkAwaiting(const std::string& id,
+                               const std::vector<Common::PackageProperties>& packages) {
+    const auto awaiting = std::find_if(awaiting_.begin(), awaiting_.end(),
+                                       [&](const Operation& operation) { return operation.id() == id; });
+    if (awaiting == awaiting_.end() || ZUL::Database().hasPreparedNextVersion(awaiting->packageId())) {
+        return;
+    }
+    const auto package = std::find_if(packages.begin(), packages.end(), [&](const auto& properties) {
+        return valueOf(properties, Keys::id) == awaiting->packageId();
+    });
+    const auto packageId = awaiting->packageId();
+    if (package == packages.end()) {
+        endAwaiting(awaiting, Common::ErrorCode::PackageNotExist);
+    } else if (valueOf(*package, Keys::version) != awaiting->packageVersion()) {
+        endAwaiting(awaiting, Common::ErrorCode::Internal);
+    } else {
+        endAwaiting(awaiting, Common::ErrorCode::None);
+    }
+    launchControl_.packageUpgraded(packageId); // a restart that waited must not leave the application ended
 }
 
 } // namespace Core

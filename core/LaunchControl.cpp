@@ -12,68 +12,50 @@ namespace {
 
 namespace Peer = Common::Names::RuntimeManager;
 
-[[noreturn]] void fail(const sdbus::Error& cause, const char* text) {
+sdbus::Error refusal(const sdbus::Error& cause, const char* text) {
     Common::logError() << cause.getMessage();
-    throw sdbus::Error(Common::Names::Vendara::error, text);
+    return sdbus::Error(Common::Names::Vendara::error, text);
 }
 
 } // namespace
 
-LaunchControl::LaunchControl(std::unique_ptr<Common::BusClient> intents,
-                             std::unique_ptr<Common::BusClient> control)
-    : intents_(std::move(intents))
-    , starts_([this](const std::string& packageId) {
-        try {
-            startApplication(packageId);
-        } catch (const sdbus::Error& error) {
-            Common::logError() << error.getMessage();
-        }
-    })
-    , control_(std::move(control)) {
-    intents_->start();
-    try {
-        control_->start({{Peer::terminated, [this](sdbus::Signal& signal) { terminated(signal); }}});
-    } catch (const sdbus::Error& error) {
-        fail(error, "Couldn't subscribe to RuntimeManager signal");
-    }
+LaunchControl::LaunchControl(Common::BusConnection& session) try
+    : loop_(session.loop())
+    , intents_(session, Peer::service, Peer::intentsPath, Peer::intentsInterface)
+    , control_(session, Peer::service, Peer::controlPath, Peer::controlInterface)
+    , signals_(session.bus(), Peer::service) {
+    signals_.subscribe(Peer::controlPath, Peer::controlInterface, Peer::terminated,
+                       [this](sdbus::Message& signal) { terminated(signal); });
+} catch (const sdbus::Error& error) {
+    throw refusal(error, "Couldn't subscribe to RuntimeManager signal");
 }
 
-void LaunchControl::startApplication(const std::string& packageId) {
+asio::awaitable<void> LaunchControl::startApplication(std::string packageId, Common::TimePoint deadline) {
     const std::map<std::string, sdbus::Variant> hints{{Peer::preferredHandler, sdbus::Variant(packageId)}};
     const std::map<std::string, sdbus::Variant> parameters;
     try {
-        intents_->call(Peer::invokeIntent, {}, Peer::startIntent, hints, parameters);
+        co_await intents_.call<>(Peer::invokeIntent, Common::remainingUntil(deadline), Peer::startIntent,
+                                 hints, parameters);
     } catch (const sdbus::Error& error) {
-        fail(error, "Failed to start application");
+        throw refusal(error, "Failed to start application");
     }
 }
 
-void LaunchControl::restartApplication(const std::string& packageId) {
-    remember(packageId);
+asio::awaitable<void> LaunchControl::restartApplication(std::string packageId, Common::TimePoint deadline) {
+    auto& waiting = ZUL::Database().hasPreparedNextVersion(packageId) ? afterUpgrade_ : afterTermination_;
+    waiting.push_back(packageId);
+    if (waiting.size() > maximumRestarts) {
+        Common::logWarning() << "dropped the oldest of too many restarts: " << waiting.front();
+        waiting.pop_front();
+    }
     try {
-        control_->call(Peer::terminate, {}, packageId);
+        co_await control_.call<>(Peer::terminate, Common::remainingUntil(deadline), packageId);
     } catch (const sdbus::Error& error) {
-        fail(error, "Failed to terminate application");
+        throw refusal(error, "Failed to terminate application");
     }
 }
 
-// Puts the package into one of the lists. The database is read without the lock; an upgrade reported
-// meanwhile may be the very one that was seen prepared, so the database is then asked again.
-void LaunchControl::remember(const std::string& packageId) {
-    std::unique_lock guard(lock_);
-    for (;;) {
-        const auto before = upgrades_;
-        guard.unlock();
-        const bool prepared = ZUL::Database().hasPreparedNextVersion(packageId);
-        guard.lock();
-        if (!prepared || upgrades_ == before) {
-            (prepared ? afterUpgrade_ : afterTermination_).push_back(packageId);
-            return;
-        }
-    }
-}
-
-void LaunchControl::terminated(sdbus::Signal& signal) {
+void LaunchControl::terminated(sdbus::Message& signal) {
     std::string packageId;
     try {
         signal >> packageId;
@@ -82,22 +64,24 @@ void LaunchControl::terminated(sdbus::Signal& signal) {
         Common::logWarning() << error.getMessage();
         return;
     }
-    const std::lock_guard guard(lock_);
     startAgain(afterTermination_, packageId);
 }
 
-void LaunchControl::packageUpgraded(const std::string& packageId) {
-    const std::lock_guard guard(lock_);
-    ++upgrades_;
-    startAgain(afterUpgrade_, packageId);
-}
+void LaunchControl::packageUpgraded(const std::string& packageId) { startAgain(afterUpgrade_, packageId); }
 
-// Under the lock: the queue only takes note.
-void LaunchControl::startAgain(std::vector<std::string>& waiting, const std::string& packageId) {
+void LaunchControl::startAgain(Restarts& waiting, const std::string& packageId) {
     const auto position = std::find(waiting.begin(), waiting.end(), packageId);
     if (position != waiting.end()) {
         waiting.erase(position);
-        starts_.add(packageId);
+        loop_.spawn("couldn't start an application again", start(packageId));
+    }
+}
+
+asio::awaitable<void> LaunchControl::start(std::string packageId) {
+    try {
+        co_await startApplication(packageId, Common::TimePoint::clock::now() + Common::defaultTimeout);
+    } catch (const sdbus::Error& error) {
+        Common::logError() << error.getMessage();
     }
 }
 

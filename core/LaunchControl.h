@@ -1,59 +1,51 @@
 #pragma once
 
-#include "common/BusClient.h"
-#include "core/TaskQueue.h"
+#include "common/bus/RemoteObject.h"
+#include "common/bus/SignalSource.h"
 
-#include <cstdint>
-#include <memory>
-#include <mutex>
+#include <deque>
 #include <string>
-#include <vector>
 
 namespace Core {
 
 /// Starts and restarts applications through the runtime manager service.
 ///
 /// A restart ends the application now; the start follows when the runtime manager reports the end or, where
-/// an upgrade of the package is prepared, when the package manager reports the upgrade. Those reports arrive
-/// on threads that must not wait, so the starts that they cause are made by a thread of this class. Nobody
-/// calls the runtime manager while holding the lock of the restart lists.
+/// an upgrade of the package is prepared, when the package manager reports the upgrade. Each list of restarts
+/// that wait holds maximumRestarts; the oldest goes first, with a line in the log. Loop's thread only.
 class LaunchControl {
 public:
-    /// Subscribes to "Terminated".
-    /// @param intents  the runtime manager's intents object, not started
-    /// @param control  its control object, not started
+    /// Subscribes to "Terminated", waiting for the bus.
     /// Throws sdbus::Error, name "norvane.Vendara.Error", when the subscription is refused.
-    LaunchControl(std::unique_ptr<Common::BusClient> intents, std::unique_ptr<Common::BusClient> control);
-    /// Makes the starts that are due, then ends the thread.
-    ~LaunchControl() = default;
-    LaunchControl(const LaunchControl&) = delete;
-    LaunchControl& operator=(const LaunchControl&) = delete;
+    explicit LaunchControl(Common::BusConnection& session);
 
-    /// Has the runtime manager start the application. Waits up to the bus library's default time-out (25 s).
-    /// Any thread but the two clients' own. Throws sdbus::Error, name "norvane.Vendara.Error".
-    void startApplication(const std::string& packageId);
+    /// Has the runtime manager start the application. Throws sdbus::Error, name "norvane.Vendara.Error", when
+    /// it refuses or does not answer before the deadline.
+    [[nodiscard]] asio::awaitable<void> startApplication(std::string packageId, Common::TimePoint deadline);
 
     /// Has the runtime manager end the application and remembers to start it again, also when ending it
-    /// fails. Waits and throws as startApplication() does, and throws std::filesystem::filesystem_error when
-    /// the package database cannot be searched; nothing is done then.
-    void restartApplication(const std::string& packageId);
+    /// fails. Throws as startApplication() does, and throws std::filesystem::filesystem_error when the
+    /// package database cannot be searched; nothing is done then.
+    [[nodiscard]] asio::awaitable<void> restartApplication(std::string packageId, Common::TimePoint deadline);
 
-    /// Starts the application, if its restart waits for this upgrade. Returns at once. Any thread.
+    /// Starts the application, if its restart waits for this upgrade.
     void packageUpgraded(const std::string& packageId);
 
-private:
-    void terminated(sdbus::Signal& signal);
-    void startAgain(std::vector<std::string>& waiting, const std::string& packageId);
-    void remember(const std::string& packageId);
+    static constexpr std::size_t maximumRestarts = 10000;
 
-    std::mutex lock_; // guards the two lists and the counter
-    std::vector<std::string> afterTermination_;
-    std::vector<std::string> afterUpgrade_;
-    std::uint64_t upgrades_ = 0;
-    std::unique_ptr<Common::BusClient> intents_;
-    TaskQueue<std::string> starts_;
-    // Last: its signals use all of the above.
-    std::unique_ptr<Common::BusClient> control_;
+private:
+    using Restarts = std::deque<std::string>;
+
+    void terminated(sdbus::Message& signal);
+    void startAgain(Restarts& waiting, const std::string& packageId);
+    asio::awaitable<void> start(std::string packageId);
+
+    Common::Loop& loop_;
+    Restarts afterTermination_;
+    Restarts afterUpgrade_;
+    Common::RemoteObject intents_;
+    Common::RemoteObject control_;
+    Common::SignalSource signals_;
 };
 
 } // namespace Core

@@ -6,7 +6,7 @@
 namespace Core {
 
 Operation::Operation()
-    : id_(to_string(boost::uuids::random_generator_mt19937()())) {}
+    : id_(to_string(boost::uuids::random_generator()())) {}
 
 bool Operation::isCompleted() const {
     return status_ == OperationStatus::Finished || status_ == OperationStatus::Failed;
@@ -25,8 +25,8 @@ void Operation::setStatusChanged(StatusHook hook) {
 }
 
 void Operation::setStatus(OperationStatus status) {
-    changeStatus(status);
-    announceStatus();
+    status_ = status;
+    statusChanged_(*this);
 }
 
 } // namespace Core

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "common/CallerIdentity.h"
 #include "common/Error.h"
 #include "common/WireTypes.h"
+#include "common/bus/CallerIdentity.h"
 
 #include <cstdint>
 #include <functional>
@@ -23,7 +23,7 @@ enum class OperationStatus : std::int32_t {
 };
 
 /// One install, upgrade or removal that an application asked for. A plain value: a copy carries the status
-/// hook and notifies as the original does. Used by one thread at a time.
+/// hook and notifies as the original does.
 class Operation {
 public:
     using StatusHook = std::function<void(const Operation&)>;
@@ -38,6 +38,8 @@ public:
     [[nodiscard]] const Common::CallerIdentity& initiator() const { return initiator_; }
     [[nodiscard]] const std::string& packageId() const { return packageId_; }
     [[nodiscard]] const std::string& packagePath() const { return packagePath_; }
+    /// What an upgrade leads to, "version-release" of the package file.
+    [[nodiscard]] const std::string& packageVersion() const { return packageVersion_; }
     /// Whether the status is final: Finished or Failed.
     [[nodiscard]] bool isCompleted() const;
     /// The operation as it travels on the bus.
@@ -50,14 +52,11 @@ public:
     void setStatusChanged(StatusHook hook);
     void setPackageId(std::string packageId) { packageId_ = std::move(packageId); }
     void setPackagePath(std::string path) { packagePath_ = std::move(path); }
+    void setPackageVersion(std::string version) { packageVersion_ = std::move(version); }
 
     /// Stores the status, then calls the hook with this operation, also when the status is the same as
     /// before.
     void setStatus(OperationStatus status);
-    /// The first half of setStatus(): stores the status and calls nobody, so a lock may be held.
-    void changeStatus(OperationStatus status) { status_ = status; }
-    /// The second half: calls the hook. Never under a lock.
-    void announceStatus() const { statusChanged_(*this); }
 
 private:
     std::string id_;
@@ -68,6 +67,7 @@ private:
     StatusHook statusChanged_ = [](const Operation&) {};
     std::string packageId_;
     std::string packagePath_;
+    std::string packageVersion_;
 };
 
 } // namespace Core

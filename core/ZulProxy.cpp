@@ -14,9 +14,8 @@ namespace Peer = Common::Names::Zul;
 
 constexpr std::chrono::seconds operationTimeout{900};
 
-Common::BusEndpoint endpoint() {
-    return {Common::Bus::System, Peer::service, Peer::objectPath, Peer::interface};
-}
+// A service that hangs must not use up the 128 replies that the system bus lets a connection wait for.
+constexpr std::size_t maximumListCalls = 16;
 
 Common::Error converted(const sdbus::Error& error) {
     std::string message = error.getMessage();
@@ -26,41 +25,68 @@ Common::Error converted(const sdbus::Error& error) {
     return {Common::errorCodeOf(error.getName()), message};
 }
 
-template<typename Call>
-auto convertingErrors(Call&& call) {
+std::unique_ptr<sdbus::IConnection> connectToSystemBus() {
     try {
-        return call();
+        return sdbus::createSystemBusConnection();
     } catch (const sdbus::Error& error) {
-        throw converted(error);
+        throw sdbus::Error(error.getName(), "couldn't connect to the system bus: " + error.getMessage());
     }
 }
 
 // Reads a signal's one argument; a payload of another type is logged, and the signal is dropped.
 template<typename Argument, typename Handlers>
-Common::BusSubscription relayTo(const Handlers& handlers, const std::string& signal,
-                                const std::string& what) {
-    return {signal, [&handlers, signal, what](sdbus::Signal& message) {
-                Argument argument;
-                try {
-                    message >> argument;
-                } catch (const sdbus::Error& error) {
-                    Common::logWarning() << "couldn't retrieve " << what << " from signal: " << signal;
-                    Common::logWarning() << error.getMessage();
-                    return;
-                }
-                for (const auto& handler : handlers) {
-                    handler(argument);
-                }
-            }};
+void relayTo(Common::SignalSource& source, const Handlers& handlers, const std::string& signal,
+             const std::string& what) {
+    source.subscribe(
+        Peer::objectPath, Peer::interface, signal, [&handlers, signal, what](sdbus::Message& message) {
+            Argument argument;
+            try {
+                message >> argument;
+            } catch (const sdbus::Error& error) {
+                Common::logWarning() << "couldn't retrieve " << what << " from signal: " << signal;
+                Common::logWarning() << error.getMessage();
+                return;
+            }
+            for (const auto& handler : handlers) {
+                handler(argument);
+            }
+        });
 }
 
 } // namespace
 
-ZulProxy::ZulProxy()
-    : calls_(endpoint())
-    , signals_(endpoint()) {
-    calls_.start();
+struct ZulProxy::Subscriptions {
+    std::unique_ptr<sdbus::IConnection> connection;
+    std::unique_ptr<Common::SignalSource> signals;
+};
+
+struct ZulProxy::Link {
+    Link(ZulProxy& owner, Subscriptions made)
+        : connection(owner.loop_, std::move(made.connection),
+                     [&owner](const sdbus::Error& error) { owner.lost(error); })
+        , service(connection, Peer::service, Peer::objectPath, Peer::interface)
+        , signals(std::move(made.signals)) {}
+
+    Common::BusConnection connection;
+    Common::RemoteObject service;
+    std::unique_ptr<Common::SignalSource> signals;
+    bool isLost = false;
+};
+
+struct ZulProxy::ListCall {
+    explicit ListCall(asio::io_context& loop)
+        : ended(loop) {}
+    Common::Event ended;
+    PackageList packages;
+    std::exception_ptr failure;
+};
+
+ZulProxy::ZulProxy(Common::Loop& loop)
+    : loop_(loop) {
+    link_ = std::make_unique<Link>(*this, subscribe());
 }
+
+ZulProxy::~ZulProxy() = default;
 
 void ZulProxy::addPackageInstalledHandler(PackageHandler handler) {
     packageInstalledHandlers_.push_back(std::move(handler));
@@ -74,35 +100,124 @@ void ZulProxy::addPackageRemovedHandler(PackageIdHandler handler) {
     packageRemovedHandlers_.push_back(std::move(handler));
 }
 
-void ZulProxy::start() {
-    using Common::PackageProperties;
+void ZulProxy::setAppearedHandler(std::function<void()> handler) { appeared_ = std::move(handler); }
+
+asio::awaitable<void> ZulProxy::install(std::string packagePath) {
+    const std::map<std::string, sdbus::Variant> options;
+    return callOperation(Peer::install, std::move(packagePath), options);
+}
+
+asio::awaitable<void> ZulProxy::remove(std::string packageId) {
+    return callOperation(Peer::remove, std::move(packageId));
+}
+
+asio::awaitable<ZulProxy::PackageList> ZulProxy::getPackageList(Common::TimePoint deadline) {
+    auto call = nextList_;
+    if (!call) {
+        call = std::make_shared<ListCall>(loop_.context());
+        if (listCalls_ < maximumListCalls) {
+            loop_.spawn("couldn't list packages", listPackages(call));
+        } else {
+            nextList_ = call;
+        }
+    }
+    const bool isListed = co_await call->ended.wait(deadline);
+    if (!isListed) {
+        throw Common::Error(Common::ErrorCode::Internal, "method call timed out");
+    }
+    if (call->failure) {
+        std::rethrow_exception(call->failure);
+    }
+    co_return call->packages;
+}
+
+template<typename... Arguments>
+asio::awaitable<void> ZulProxy::callOperation(std::string method, Arguments... arguments) {
     try {
-        signals_.start(
-            {relayTo<PackageProperties>(packageInstalledHandlers_, Peer::packageInstalled, "package"),
-             relayTo<PackageProperties>(packageUpgradedHandlers_, Peer::packageUpgraded, "package"),
-             relayTo<std::string>(packageRemovedHandlers_, Peer::packageRemoved, "package id")});
+        Common::RemoteObject* object = co_await service(Common::TimePoint::clock::now() + Common::defaultTimeout);
+        co_await object->call<>(method, operationTimeout, arguments...);
+    } catch (const sdbus::Error& error) {
+        throw converted(error);
+    }
+}
+
+asio::awaitable<void> ZulProxy::listPackages(std::shared_ptr<ListCall> call) {
+    using Packages = std::vector<Common::PackageProperties>;
+    ++listCalls_;
+    try {
+        Common::RemoteObject* object = co_await service(Common::TimePoint::clock::now() + Common::defaultTimeout);
+        auto [packages] = co_await object->call<Packages>(Peer::getPackageList, Common::defaultTimeout);
+        call->packages = std::make_shared<const Packages>(std::move(packages));
+    } catch (const sdbus::Error& error) {
+        call->failure = std::make_exception_ptr(converted(error));
+    } catch (...) {
+        call->failure = std::current_exception();
+    }
+    --listCalls_;
+    call->ended.set();
+    if (nextList_) {
+        loop_.spawn("couldn't list packages", listPackages(std::exchange(nextList_, nullptr)));
+    }
+}
+
+// On the loop's thread while the program is being built, later on its helper thread.
+ZulProxy::Subscriptions ZulProxy::subscribe() {
+    Subscriptions made{connectToSystemBus(), nullptr};
+    try {
+        made.signals = std::make_unique<Common::SignalSource>(*made.connection, Peer::service, [this] {
+            if (appeared_) {
+                appeared_();
+            }
+        });
+        using Common::PackageProperties;
+        relayTo<PackageProperties>(*made.signals, packageInstalledHandlers_, Peer::packageInstalled,
+                                   "package");
+        relayTo<PackageProperties>(*made.signals, packageUpgradedHandlers_, Peer::packageUpgraded, "package");
+        relayTo<std::string>(*made.signals, packageRemovedHandlers_, Peer::packageRemoved, "package id");
     } catch (const sdbus::Error& error) {
         Common::logError() << "couldn't subscribe to ZUL signal";
         Common::logError() << error.getMessage();
     }
+    return made;
 }
 
-void ZulProxy::install(const std::string& packagePath) {
-    const std::map<std::string, sdbus::Variant> options;
-    convertingErrors([&] { calls_.call(Peer::install, operationTimeout, packagePath, options); });
+void ZulProxy::lost(const sdbus::Error& error) {
+    Common::logError() << "lost the connection to " << Peer::service << ": " << error.getMessage();
+    link_->isLost = true;
+    loop_.spawn("couldn't reconnect", reconnect());
 }
 
-void ZulProxy::remove(const std::string& packageId) {
-    convertingErrors([&] { calls_.call(Peer::remove, operationTimeout, packageId); });
+asio::awaitable<void> ZulProxy::reconnect() {
+    const auto attempt = std::make_shared<Common::Event>(loop_.context());
+    connecting_ = attempt;
+    try {
+        auto made = co_await loop_.offload([this] { return subscribe(); },
+                                           Common::TimePoint::clock::now() + Common::defaultTimeout);
+        link_ = std::make_unique<Link>(*this, std::move(made));
+        Common::logWarning() << "made the connection to " << Peer::service << " anew";
+        if (appeared_) {
+            appeared_();
+        }
+    } catch (const std::exception&) {
+        // The loss has been reported; whoever calls gets an error, and the next attempt.
+    }
+    connecting_.reset();
+    attempt->set();
 }
 
-std::vector<Common::PackageProperties> ZulProxy::getPackageList() {
-    return convertingErrors([&] {
-        std::vector<Common::PackageProperties> packages;
-        auto reply = calls_.call(Peer::getPackageList, {});
-        reply >> packages;
-        return packages;
-    });
+asio::awaitable<Common::RemoteObject*> ZulProxy::service(Common::TimePoint deadline) {
+    if (link_->isLost) {
+        if (!connecting_) {
+            loop_.spawn("couldn't reconnect", reconnect());
+        }
+        if (const auto attempt = connecting_) {
+            co_await attempt->wait(deadline);
+        }
+    }
+    if (link_->isLost) {
+        throw sdbus::Error("org.freedesktop.DBus.Error.Disconnected", "Not connected to the system bus");
+    }
+    co_return &link_->service;
 }
 
 } // namespace Core

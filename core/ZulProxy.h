@@ -1,53 +1,75 @@
 #pragma once
 
-#include "common/BusClient.h"
 #include "common/WireTypes.h"
+#include "common/bus/RemoteObject.h"
+#include "common/bus/SignalSource.h"
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace Core {
 
-/// Client of the package manager service on the system bus. Its signals arrive on one connection and its
-/// calls are made on another, so that a handler that waits never stands in the way of a reply.
+/// Client of the package manager service, with a connection to the system bus of its own. A connection that
+/// is lost is made anew, at once and then whenever a call needs it.
 ///
-/// The calls may be made by any thread, at the same time. Handlers run on the signal connection's loop
-/// thread, in the order of adding; they are added while the program is being built, before start().
+/// Signals are believed only from the connection that owns the service's name. Handlers are called in the
+/// order of adding; they are added while the program is being built. Loop's thread only.
 class ZulProxy {
 public:
     using PackageHandler = std::function<void(const Common::PackageProperties&)>;
     using PackageIdHandler = std::function<void(const std::string&)>;
+    using PackageList = std::shared_ptr<const std::vector<Common::PackageProperties>>;
 
-    /// Connects to the system bus. Throws sdbus::Error.
-    ZulProxy();
+    /// Connects to the system bus and subscribes to the package signals, waiting for the bus. A bus that
+    /// refuses a subscription is an error in the log: the client then makes calls and receives no signals.
+    /// Throws sdbus::Error without a system bus.
+    explicit ZulProxy(Common::Loop& loop);
+    ~ZulProxy();
+    ZulProxy(const ZulProxy&) = delete;
+    ZulProxy& operator=(const ZulProxy&) = delete;
 
     void addPackageInstalledHandler(PackageHandler handler);
     void addPackageUpgradedHandler(PackageHandler handler);
     void addPackageRemovedHandler(PackageIdHandler handler);
+    /// The handler is called when the service has started again, or may have done so.
+    void setAppearedHandler(std::function<void()> handler);
 
-    /// Subscribes to the package signals. A bus that refuses is an error in the log: the client then makes
-    /// calls and receives no signals.
-    void start();
-
-    /// Installs a package file, or prepares an upgrade from it. Waits up to 900 s.
+    /// Installs a package file, or prepares an upgrade from it; takes up to 900 s.
     /// Throws Common::Error with the code of the service's error name and its text in lower case; a
     /// connection that is gone and a time-out are code Internal. So do remove() and getPackageList().
-    void install(const std::string& packagePath);
+    [[nodiscard]] asio::awaitable<void> install(std::string packagePath);
 
-    /// Removes a package. Waits up to 900 s.
-    void remove(const std::string& packageId);
+    /// Removes a package; takes up to 900 s.
+    [[nodiscard]] asio::awaitable<void> remove(std::string packageId);
 
-    /// The installed packages, in the service's order. Waits up to the bus library's default (25 s).
-    [[nodiscard]] std::vector<Common::PackageProperties> getPackageList();
+    /// The installed packages, in the service's order, as they are after this was called. Requests share a
+    /// call when many are on their way.
+    [[nodiscard]] asio::awaitable<PackageList> getPackageList(Common::TimePoint deadline);
 
 private:
-    Common::BusClient calls_;
+    struct Subscriptions;
+    struct Link;
+    struct ListCall;
+
+    [[nodiscard]] Subscriptions subscribe();
+    void lost(const sdbus::Error& error);
+    asio::awaitable<void> reconnect();
+    [[nodiscard]] asio::awaitable<Common::RemoteObject*> service(Common::TimePoint deadline);
+    template<typename... Arguments>
+    asio::awaitable<void> callOperation(std::string method, Arguments... arguments);
+    asio::awaitable<void> listPackages(std::shared_ptr<ListCall> call);
+
+    Common::Loop& loop_;
     std::vector<PackageHandler> packageInstalledHandlers_;
     std::vector<PackageHandler> packageUpgradedHandlers_;
     std::vector<PackageIdHandler> packageRemovedHandlers_;
-    // Last: its thread ends before the handlers that it calls.
-    Common::BusClient signals_;
+    std::function<void()> appeared_;
+    std::size_t listCalls_ = 0;
+    std::shared_ptr<ListCall> nextList_; // to be sent when one of those on their way has ended
+    std::shared_ptr<Common::Event> connecting_;
+    std::unique_ptr<Link> link_;
 };
 
 } // namespace Core

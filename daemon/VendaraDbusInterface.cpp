@@ -1,8 +1,9 @@
 #include "daemon/VendaraDbusInterface.h"
 
 #include "common/BusText.h"
-#include "common/LogLine.h"
+#include "common/Guard.h"
 #include "common/Names.h"
+#include "common/PackageId.h"
 #include "common/PlatformFacts.h"
 #include "common/rpm/Reader.h"
 
@@ -13,55 +14,38 @@ namespace Daemon {
 
 namespace {
 
-namespace MessageBus = Common::Names::MessageBus;
 namespace Own = Common::Names::Vendara;
-namespace RuntimeManager = Common::Names::RuntimeManager;
+namespace Keys = Common::Names::PackageKeys;
+using Common::TimePoint;
 
 sdbus::Error refusal(const std::string& text) { return {Own::error, text}; }
 
 // The edge: whatever a request throws becomes the interface's one error. A refusal has its text already; for
 // anything else the cause goes to the log and the caller gets the given text.
-template<typename Request>
-auto answered(const std::string& text, Request&& request) {
+sdbus::Error refusalFor(const std::exception_ptr& failure, const std::string& text) noexcept {
     try {
-        return request();
+        std::rethrow_exception(failure);
     } catch (const sdbus::Error& error) {
         if (error.getName() == Own::error) {
-            throw;
+            return error;
         }
         Common::logError() << error.getMessage();
     } catch (const std::exception& error) {
         Common::logError() << error;
+    } catch (...) {
     }
-    throw refusal(text);
-}
-
-std::unique_ptr<Common::BusClient> runtimeManager(const std::string& path, const std::string& interface) {
-    return std::make_unique<Common::BusClient>(
-        Common::BusEndpoint{Common::Bus::Session, RuntimeManager::service, path, interface});
+    return refusal(text);
 }
 
 // A text out of a file, about to be sent.
-std::string checked(std::string text, const char* what) {
+std::string requireBusText(std::string text, const char* what) {
     if (!Common::isBusText(text)) {
         throw Common::Error(Common::ErrorCode::Internal, std::string(what) + " is no valid text");
     }
     return text;
 }
 
-// The identifier names a directory; a longer one would only burden every message that carries it.
-std::string packageIdOf(const std::string& packagePath) {
-    return answered("Failed to retrieve id from the rpm package", [&] {
-        auto name = checked(Common::Rpm::Reader(packagePath).getStringTag(RPMTAG_NAME), "the package's name");
-        if (name.size() > NAME_MAX) {
-            throw Common::Error(Common::ErrorCode::BadPackage, "the package's name is too long");
-        }
-        return name;
-    });
-}
-
 Common::PackageRecord packageFromProperties(const Common::PackageProperties& properties) {
-    namespace Keys = Common::Names::PackageKeys;
     const auto valueOf = [&](const std::string& key) {
         const auto entry = properties.find(key);
         if (entry == properties.end()) {
@@ -87,108 +71,253 @@ std::vector<Common::OperationRecord> recordsOf(const std::vector<Core::Operation
 
 } // namespace
 
-VendaraDbusInterface::VendaraDbusInterface(sdbus::IConnection& connection, MainLoop& loop,
-                                           std::string objectPath)
-    : AdaptorInterfaces(connection, std::move(objectPath))
-    , connection_(connection)
-    , loop_(loop) {
-    auto control = runtimeManager(RuntimeManager::controlPath, RuntimeManager::controlInterface);
-    auto intents = runtimeManager(RuntimeManager::intentsPath, RuntimeManager::intentsInterface);
-    controller_.emplace(std::move(intents), std::move(control));
+VendaraDbusInterface::VendaraDbusInterface(Common::BusConnection& session, std::string objectPath)
+    : AdaptorInterfaces(session.bus(), std::move(objectPath))
+    , session_(session)
+    , loop_(session.loop())
+    , identification_(session)
+    , controller_(session)
+    , announcer_(session, controller_,
+                 [this](const Core::Operation& operation) { sendOperationStatus(operation); })
+    , requests_(loop_)
+    , relays_(loop_) {
     registerAdaptor();
     relayPackageSignals();
+    loop_.onTermination([this] { loop_.spawn("couldn't end in order", end()); });
 }
 
-VendaraDbusInterface::~VendaraDbusInterface() {
-    unregisterAdaptor();
-    ending_ = true;
-    controller_.reset();
-    loop_.drain();
-}
+VendaraDbusInterface::~VendaraDbusInterface() { unregisterAdaptor(); }
 
-Common::OperationRecord VendaraDbusInterface::Install(const std::string& packagePath) {
-    return answered("Failed to install package", [&] {
-        Core::Operation operation;
-        operation.setInitiator(determineInitiator());
-        operation.setPackageId(packageIdOf(packagePath));
-        operation.setPackagePath(packagePath);
-        try {
-            findInstalledPackage(operation.packageId());
-            operation.setType(Core::OperationType::Upgrade);
-        } catch (const std::exception&) {
-            // Not installed, or nobody can tell: the package manager decides.
-            operation.setType(Core::OperationType::Install);
+void VendaraDbusInterface::Install(OperationResult&& result, std::string packagePath) {
+    const auto check = [&] {
+        requireRunning();
+        if (packagePath.size() >= PATH_MAX || !packagePath.starts_with('/')) {
+            throw Common::Error(Common::ErrorCode::FileNotFound,
+                                "the package's path is not absolute, or too long");
         }
-        return enqueue(std::move(operation));
-    });
+    };
+    accept(std::move(result), "Failed to retrieve id from the rpm package", check,
+           [this, packagePath](auto& reply, Request request) {
+               return install(reply, std::move(request), packagePath);
+           });
 }
 
-Common::OperationRecord VendaraDbusInterface::Remove(const std::string& packageID) {
-    return answered("Failed to remove package", [&] {
-        findInstalledPackage(packageID);
-        Core::Operation operation;
-        operation.setInitiator(determineInitiator());
-        operation.setPackageId(packageID);
-        operation.setType(Core::OperationType::Remove);
-        return enqueue(std::move(operation));
-    });
+void VendaraDbusInterface::Remove(OperationResult&& result, std::string packageID) {
+    const auto check = [&] {
+        requireRunning();
+        if (!Common::isPackageId(packageID)) {
+            Common::logError() << "couldn't find package: " << packageID.substr(0, NAME_MAX);
+            throw refusal("The package does not exist");
+        }
+    };
+    accept(std::move(result), "Failed to remove package", check,
+           [this, packageID](auto& reply, Request request) {
+               return remove(reply, std::move(request), packageID);
+           });
 }
 
-// What is taken is gone, so the completed operations come last, when nothing else can fail.
-std::map<std::string, sdbus::Variant> VendaraDbusInterface::GetAllProperties() {
-    return answered("Failed to retrieve properties", [&] {
-        const auto initiator = determineInitiator();
-        std::map<std::string, sdbus::Variant> properties;
-        answered("Failed to retrieve the platform architecture", [&] {
-            properties["Architecture"] = checked(Common::getPlatformArchitecture(), "the architecture");
-            properties["QuenraVersion"] = checked(Common::getOsVersion(), "the system's version");
-        });
-        properties["Packages"] = getInstalledPackages();
-        properties["Operations"] = recordsOf(controller_->operationsOf(initiator));
-        properties["CompletedOperations"] = recordsOf(controller_->takeCompletedOperations(initiator));
-        return properties;
-    });
+void VendaraDbusInterface::GetAllProperties(sdbus::Result<Properties>&& result) {
+    accept(
+        std::move(result), "Failed to retrieve properties", [] {},
+        [this](auto& reply, Request request) { return getAllProperties(reply, std::move(request)); });
 }
 
-void VendaraDbusInterface::Start(const std::string& packageID) {
-    answered("Failed to start application", [&] { controller_->startApplication(packageID); });
+void VendaraDbusInterface::Start(sdbus::Result<>&& result, std::string packageID) {
+    acceptLaunch(std::move(result), "Failed to start application", std::move(packageID),
+                 &Core::LaunchControl::startApplication);
 }
 
-void VendaraDbusInterface::Restart(const std::string& packageID) {
-    answered("Failed to restart application", [&] { controller_->restartApplication(packageID); });
+void VendaraDbusInterface::Restart(sdbus::Result<>&& result, std::string packageID) {
+    acceptLaunch(std::move(result), "Failed to restart application", std::move(packageID),
+                 &Core::LaunchControl::restartApplication);
 }
 
-Common::CallerIdentity VendaraDbusInterface::determineInitiator() {
-    return answered("Couldn't determinate operation initiator", [&] {
+// Called by the bus library: nothing may leave it. What fails the check, or finds no room, is answered at
+// once.
+template<typename Result, typename Check, typename Handler>
+void VendaraDbusInterface::accept(Result&& result, const char* failure, const Check& check, Handler handler) {
+    const auto reply = std::make_shared<std::decay_t<Result>>(std::forward<Result>(result));
+    try {
         const auto* message = getObject().getCurrentlyProcessedMessage();
         if (message == nullptr) {
             throw Common::Error(Common::ErrorCode::Internal, "couldn't retrieve currently processed message");
         }
-        return Common::identifyByBusName(message->getSender(), true);
+        Request request{message->getSender(), TimePoint::clock::now() + requestLimit};
+        check();
+        if (requests_.count(request.sender) >= maximumRequests) {
+            throw refusal("Too many requests are waiting");
+        }
+        requests_.add(request.sender, [this, reply, failure, request, handler] {
+            return answer(reply, failure, request, handler);
+        });
+    } catch (...) {
+        refuse(*reply, std::current_exception(), failure);
+    }
+}
+
+void VendaraDbusInterface::acceptLaunch(sdbus::Result<>&& result, const char* failure, std::string packageID,
+                                        Launch call) {
+    const auto check = [&] {
+        requireRunning();
+        Common::requirePackageId(packageID);
+    };
+    accept(std::move(result), failure, check, [this, packageID, call](auto& reply, Request request) {
+        return launch(reply, request.deadline, packageID, call);
     });
 }
 
-std::vector<Common::PackageRecord> VendaraDbusInterface::getInstalledPackages() {
-    std::vector<Common::PackageProperties> packages;
+template<typename Result, typename Handler>
+asio::awaitable<void> VendaraDbusInterface::answer(std::shared_ptr<Result> reply, const char* failure,
+                                                   Request request, Handler handler) {
+    std::exception_ptr cause;
     try {
-        packages = controller_->packageManager().getPackageList();
+        auto handled = handler(*reply, request); // named: g++ 12 destroys temporaries of co_await twice
+        co_await std::move(handled);
+    } catch (...) {
+        cause = std::current_exception();
+    }
+    if (cause) {
+        refuse(*reply, cause, failure);
+    }
+    session_.sent();
+}
+
+template<typename Result>
+void VendaraDbusInterface::refuse(const Result& reply, const std::exception_ptr& cause, const char* failure) {
+    Common::guarded("couldn't refuse a request", [&] { reply.returnError(refusalFor(cause, failure)); });
+}
+
+void VendaraDbusInterface::requireRunning() const {
+    if (isEnding_) {
+        throw refusal("The service is shutting down");
+    }
+}
+
+asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Request request,
+                                                    std::string packagePath) {
+    Core::Operation operation;
+    const auto initiator = co_await determineInitiator(request.sender, request.deadline);
+    operation.setInitiator(initiator);
+    const auto header = co_await readHeader(packagePath, request.deadline);
+    operation.setPackageId(header.id);
+    operation.setPackageVersion(header.version);
+    operation.setPackagePath(std::move(packagePath));
+    try {
+        co_await findInstalledPackage(header.id, request.deadline);
+        operation.setType(Core::OperationType::Upgrade);
+    } catch (const std::exception&) {
+        // Not installed, or it cannot be known: the package manager decides.
+        operation.setType(Core::OperationType::Install);
+    }
+    const auto record = co_await enqueue(std::move(operation), request.deadline);
+    reply.returnResults(record);
+}
+
+asio::awaitable<void> VendaraDbusInterface::remove(OperationResult& reply, Request request,
+                                                   std::string packageID) {
+    co_await findInstalledPackage(packageID, request.deadline);
+    Core::Operation operation;
+    const auto initiator = co_await determineInitiator(request.sender, request.deadline);
+    operation.setInitiator(initiator);
+    operation.setPackageId(std::move(packageID));
+    operation.setType(Core::OperationType::Remove);
+    const auto record = co_await enqueue(std::move(operation), request.deadline);
+    reply.returnResults(record);
+}
+
+// What is taken is gone, so the completed operations come last, when nothing else can fail but the reply.
+asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Properties>& reply,
+                                                             Request request) {
+    const auto initiator = co_await determineInitiator(request.sender, request.deadline);
+    Properties properties;
+    try {
+        properties[Own::architecture] = requireBusText(Common::getPlatformArchitecture(), "the architecture");
+        properties[Own::quenraVersion] = requireBusText(Common::getOsVersion(), "the system's version");
+    } catch (const std::exception&) {
+        throw refusalFor(std::current_exception(), "Failed to retrieve the platform architecture");
+    }
+    const auto packages = co_await getInstalledPackages(request.deadline);
+    properties[Own::packages] = packages;
+    properties[Own::operations] = recordsOf(controller_.operationsOf(initiator));
+    auto completed = controller_.takeCompletedOperations(initiator);
+    try {
+        properties[Own::completedOperations] = recordsOf(completed);
+        reply.returnResults(properties);
+    } catch (...) {
+        storeAgain(completed);
+        throw;
+    }
+    if (!completed.empty()) {
+        loop_.spawn("couldn't confirm a reply", confirm(request.sender, std::move(completed)));
+    }
+}
+
+asio::awaitable<void> VendaraDbusInterface::launch(sdbus::Result<>& reply, TimePoint deadline,
+                                                   std::string packageID, Launch call) {
+    co_await (controller_.launchControl().*call)(std::move(packageID), deadline);
+    reply.returnResults();
+}
+
+// A caller that had left when the reply was sent has not been told.
+asio::awaitable<void> VendaraDbusInterface::confirm(std::string busName,
+                                                    std::vector<Core::Operation> completed) {
+    const bool isOnBus = co_await announcer_.isOnBus(busName);
+    if (!isOnBus) {
+        storeAgain(completed);
+    }
+}
+
+void VendaraDbusInterface::storeAgain(const std::vector<Core::Operation>& completed) {
+    for (const auto& operation : completed) {
+        controller_.addCompletedOperation(operation);
+    }
+}
+
+asio::awaitable<Common::CallerIdentity> VendaraDbusInterface::determineInitiator(std::string sender,
+                                                                                 TimePoint deadline) {
+    try {
+        co_return co_await identification_.identify(sender, deadline);
+    } catch (const Common::Error&) {
+        throw refusalFor(std::current_exception(), "Couldn't determinate operation initiator");
+    }
+}
+
+// A file system that does not answer holds up the helper thread, and nobody but those whose files it reads.
+asio::awaitable<VendaraDbusInterface::PackageHeader> VendaraDbusInterface::readHeader(std::string packagePath,
+                                                                                      TimePoint deadline) {
+    const auto read = [packagePath] {
+        const Common::Rpm::Reader reader(packagePath);
+        return PackageHeader{reader.getStringTag(RPMTAG_NAME),
+                             reader.getStringTag(RPMTAG_VERSION) + "-" + reader.getStringTag(RPMTAG_RELEASE)};
+    };
+    auto header = co_await loop_.offload(read, deadline);
+    Common::requirePackageId(header.id);
+    co_return header;
+}
+
+asio::awaitable<std::vector<Common::PackageRecord>>
+VendaraDbusInterface::getInstalledPackages(TimePoint deadline) {
+    Core::ZulProxy::PackageList packages;
+    try {
+        packages = co_await controller_.packageManager().getPackageList(deadline);
     } catch (const Common::Error& error) {
         Common::logFailure(Common::LogLevel::Error, "couldn't retrieve list of installed packages", error);
         throw refusal("Failed to retrieve list of installed packages");
     }
     std::vector<Common::PackageRecord> records;
-    for (const auto& package : packages) {
+    records.reserve(packages->size());
+    for (const auto& package : *packages) {
         try {
             records.push_back(packageFromProperties(package));
         } catch (const Common::Error& error) {
             Common::logWarning() << error;
         }
     }
-    return records;
+    co_return records;
 }
 
-void VendaraDbusInterface::findInstalledPackage(const std::string& id) {
-    const auto packages = getInstalledPackages();
+asio::awaitable<void> VendaraDbusInterface::findInstalledPackage(std::string id, TimePoint deadline) {
+    const auto packages = co_await getInstalledPackages(deadline);
     if (std::none_of(packages.begin(), packages.end(),
                      [&](const auto& package) { return std::get<0>(package) == id; })) {
         Common::logError() << "couldn't find package: " << id;
@@ -196,106 +325,86 @@ void VendaraDbusInterface::findInstalledPackage(const std::string& id) {
     }
 }
 
-Common::OperationRecord VendaraDbusInterface::enqueue(Core::Operation operation) {
-    // By reference: hooks are still called while the controller is being destroyed and controller_ is empty.
-    auto& controller = *controller_;
-    operation.setStatusChanged(
-        [this, &controller](const Core::Operation& changed) { notifyOperationStatus(controller, changed); });
-    auto record = operation.record();
-    controller.enqueue(std::move(operation));
-    return record;
+// Replies come after the status Queued has been sent.
+asio::awaitable<Common::OperationRecord> VendaraDbusInterface::enqueue(Core::Operation operation,
+                                                                       TimePoint deadline) {
+    requireRunning();
+    if (controller_.isFull(operation.initiator())) {
+        throw refusal("Too many operations are queued");
+    }
+    operation.setStatusChanged([this](const Core::Operation& changed) { announcer_.add(changed); });
+    const auto record = operation.record();
+    const auto busName = operation.initiator().busName();
+    controller_.enqueue(std::move(operation));
+    co_await announcer_.flushed(busName, deadline);
+    co_return record;
 }
 
 void VendaraDbusInterface::relayPackageSignals() {
     namespace Zul = Common::Names::Zul;
     using Common::PackageProperties;
-    auto& packageManager = controller_->packageManager();
+    auto& packageManager = controller_.packageManager();
     packageManager.addPackageInstalledHandler([this](const PackageProperties& package) {
         relayPackage(Zul::packageInstalled, "installed", package);
     });
     packageManager.addPackageUpgradedHandler([this](const PackageProperties& package) {
         relayPackage(Zul::packageUpgraded, "upgraded", package);
     });
-    packageManager.addPackageRemovedHandler(
-        [this](const std::string& packageId) { broadcast(Zul::packageRemoved, "removed", packageId); });
-    controller_->start();
+    packageManager.addPackageRemovedHandler([this](const std::string& packageId) {
+        relay(packageId, Zul::packageRemoved, "removed", packageId);
+    });
 }
 
 void VendaraDbusInterface::relayPackage(const std::string& signal, const std::string& event,
                                         const Common::PackageProperties& properties) {
     try {
-        broadcast(signal, event, packageFromProperties(properties));
+        const auto package = packageFromProperties(properties);
+        relay(package.get<0>(), signal, event, package);
     } catch (const Common::Error& error) {
         Common::logError() << error;
     }
 }
 
 template<typename Argument>
-void VendaraDbusInterface::broadcast(const std::string& signal, const std::string& event,
-                                     const Argument& argument) {
-    loop_.post([this, signal, event, argument] {
-        try {
-            auto message = getObject().createSignal(Own::interface, signal);
-            message << argument;
-            message.send();
-        } catch (const sdbus::Error&) {
-            Common::logError() << "couldn't emit package " << event << " signal";
-        }
+void VendaraDbusInterface::relay(const std::string& packageId, const std::string& signal,
+                                 const std::string& event, const Argument& argument) {
+    relays_.add(packageId, [this, packageId, signal, event, argument]() -> asio::awaitable<void> {
+        co_await controller_.upgradeSettled(packageId);
+        co_await announcer_.flushedEndsOf(packageId);
+        broadcast(signal, event, argument);
     });
 }
 
-// The status hook of every operation; runs on the main thread or on the controller's announcer. At the end
-// nobody is asked, so that an identification service that hangs cannot hold it up: a unique name is never
-// given twice.
-void VendaraDbusInterface::notifyOperationStatus(Core::Controller& controller,
-                                                 const Core::Operation& operation) {
-    if (ending_ || Common::isSameApplicationStillOnBus(operation.initiator())) {
-        loop_.post([this, &controller, operation] {
-            // The main thread may have been busy for long: an end must not be told to a name that is gone by
-            // now.
-            if (!ending_ && operation.isCompleted() && !isOnBus(operation.initiator().busName())) {
-                keepUntold(controller, operation);
-            } else {
-                sendOperationStatus(operation);
-            }
-        });
-        return;
-    }
-    keepUntold(controller, operation);
-}
-
-void VendaraDbusInterface::keepUntold(Core::Controller& controller, const Core::Operation& operation) {
-    Common::logWarning() << "couldn't send " << Own::operationStatusChanged << " signal";
-    Common::logWarning() << "operation initiator is not dbus available";
-    if (operation.isCompleted()) {
-        controller.addCompletedOperation(operation);
-    }
-}
-
-bool VendaraDbusInterface::isOnBus(const std::string& busName) {
+template<typename Argument>
+void VendaraDbusInterface::broadcast(const std::string& signal, const std::string& event,
+                                     const Argument& argument) {
     try {
-        bool owned = false;
-        sdbus::createProxy(connection_, MessageBus::service, MessageBus::objectPath)
-            ->callMethod(MessageBus::nameHasOwner)
-            .onInterface(MessageBus::interface)
-            .withArguments(busName)
-            .storeResultsTo(owned);
-        return owned;
-    } catch (const sdbus::Error&) {
-        return false;
+        auto message = getObject().createSignal(Own::interface, signal);
+        message << argument;
+        message.send();
+        session_.sent();
+    } catch (const sdbus::Error& error) {
+        if (!session_.isLoss(error)) {
+            Common::logError() << "couldn't emit package " << event << " signal";
+        }
     }
 }
 
 void VendaraDbusInterface::sendOperationStatus(const Core::Operation& operation) {
-    try {
-        auto message = getObject().createSignal(Own::interface, Own::operationStatusChanged);
-        message << operation.record();
-        message.setDestination(operation.initiator().busName());
-        message.send();
-    } catch (const sdbus::Error& error) {
-        Common::logWarning() << "couldn't send " << Own::operationStatusChanged << " signal";
-        Common::logWarning() << error.getMessage();
-    }
+    auto message = getObject().createSignal(Own::interface, Own::operationStatusChanged);
+    message << operation.record();
+    message.setDestination(operation.initiator().busName());
+    message.send();
+    session_.sent();
+}
+
+asio::awaitable<void> VendaraDbusInterface::end() {
+    isEnding_ = true;
+    co_await controller_.finish();
+    announcer_.hurry();
+    co_await announcer_.flushedAll();
+    co_await session_.flushed(TimePoint::clock::now() + std::chrono::seconds(2));
+    loop_.stop();
 }
 
 } // namespace Daemon

@@ -1,61 +1,107 @@
 #pragma once
 
 #include "common/WireTypes.h"
+#include "common/bus/CallerIdentity.h"
+#include "common/bus/Lanes.h"
 #include "core/Controller.h"
-#include "daemon/MainLoop.h"
+#include "daemon/StatusAnnouncer.h"
 #include "daemon/Vendara_adaptor.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include <atomic>
-#include <optional>
+#include <map>
 #include <string>
 #include <vector>
 
 namespace Daemon {
 
-/// The service object: answers the interface's requests on the main thread and sends its signals.
+/// The service object: answers the interface's requests and sends its signals.
 ///
-/// Every request that fails is answered with the error "norvane.Vendara.Error" and a sentence. Signals have
-/// their origin on other threads as well; those hand them to the main loop, which sends them.
+/// Every request that fails is answered with the error "norvane.Vendara.Error" and a sentence, at the latest
+/// when requestLimit has passed. The requests of one connection are carried out in the order of their
+/// arrival; those of different connections do not wait for each other. The package manager's reports about
+/// one package are relayed in their order, an upgrade after the end of the operations that it finishes.
+/// Loop's thread only.
 class VendaraDbusInterface final : private sdbus::AdaptorInterfaces<norvane::Vendara_adaptor> {
 public:
-    /// Makes the controller and exports the interface.
-    /// @param connection  the service's own, run by the loop; both outlive the object
+    /// Makes the controller and exports the interface, waiting for the buses. From the first SIGTERM or
+    /// SIGINT on requests are refused; the loop is stopped when the running operation has ended, the queued
+    /// ones have failed and all that has been announced.
+    /// @param session  owns the service's name; outlives the object
     /// Throws sdbus::Error when a bus refuses.
-    VendaraDbusInterface(sdbus::IConnection& connection, MainLoop& loop, std::string objectPath);
-    /// Ends the controller, then sends what its end has announced. Main thread only.
+    VendaraDbusInterface(Common::BusConnection& session, std::string objectPath);
     ~VendaraDbusInterface();
     VendaraDbusInterface(const VendaraDbusInterface&) = delete;
     VendaraDbusInterface& operator=(const VendaraDbusInterface&) = delete;
 
-private:
-    Common::OperationRecord Install(const std::string& packagePath) override;
-    Common::OperationRecord Remove(const std::string& packageID) override;
-    std::map<std::string, sdbus::Variant> GetAllProperties() override;
-    void Start(const std::string& packageID) override;
-    void Restart(const std::string& packageID) override;
+    /// Less than the 25 s that a client's bus library waits for the reply.
+    static constexpr std::chrono::seconds requestLimit{24};
+    /// How many requests of one connection may wait for the first of them.
+    static constexpr std::size_t maximumRequests = 20000;
 
-    [[nodiscard]] Common::CallerIdentity determineInitiator();
-    [[nodiscard]] std::vector<Common::PackageRecord> getInstalledPackages();
-    void findInstalledPackage(const std::string& id);
-    [[nodiscard]] Common::OperationRecord enqueue(Core::Operation operation);
+private:
+    using Properties = std::map<std::string, sdbus::Variant>;
+    using OperationResult = sdbus::Result<Common::OperationRecord>;
+    struct Request {
+        std::string sender;
+        Common::TimePoint deadline;
+    };
+    struct PackageHeader {
+        std::string id;
+        std::string version;
+    };
+
+    void Install(OperationResult&& result, std::string packagePath) override;
+    void Remove(OperationResult&& result, std::string packageID) override;
+    void GetAllProperties(sdbus::Result<Properties>&& result) override;
+    void Start(sdbus::Result<>&& result, std::string packageID) override;
+    void Restart(sdbus::Result<>&& result, std::string packageID) override;
+
+    using Launch = asio::awaitable<void> (Core::LaunchControl::*)(std::string, Common::TimePoint);
+    template<typename Result, typename Check, typename Handler>
+    void accept(Result&& result, const char* failure, const Check& check, Handler handler);
+    void acceptLaunch(sdbus::Result<>&& result, const char* failure, std::string packageID, Launch call);
+    template<typename Result, typename Handler>
+    asio::awaitable<void> answer(std::shared_ptr<Result> reply, const char* failure, Request request,
+                                 Handler handler);
+    template<typename Result>
+    static void refuse(const Result& reply, const std::exception_ptr& cause, const char* failure);
+    void requireRunning() const;
+
+    asio::awaitable<void> install(OperationResult& reply, Request request, std::string packagePath);
+    asio::awaitable<void> remove(OperationResult& reply, Request request, std::string packageID);
+    asio::awaitable<void> getAllProperties(sdbus::Result<Properties>& reply, Request request);
+    asio::awaitable<void> launch(sdbus::Result<>& reply, Common::TimePoint deadline, std::string packageID,
+                                 Launch call);
+    asio::awaitable<void> confirm(std::string busName, std::vector<Core::Operation> completed);
+    void storeAgain(const std::vector<Core::Operation>& completed);
+    asio::awaitable<Common::CallerIdentity> determineInitiator(std::string sender,
+                                                               Common::TimePoint deadline);
+    asio::awaitable<PackageHeader> readHeader(std::string packagePath, Common::TimePoint deadline);
+    asio::awaitable<std::vector<Common::PackageRecord>> getInstalledPackages(Common::TimePoint deadline);
+    asio::awaitable<void> findInstalledPackage(std::string id, Common::TimePoint deadline);
+    asio::awaitable<Common::OperationRecord> enqueue(Core::Operation operation, Common::TimePoint deadline);
 
     void relayPackageSignals();
     void relayPackage(const std::string& signal, const std::string& event,
                       const Common::PackageProperties& properties);
     template<typename Argument>
+    void relay(const std::string& packageId, const std::string& signal, const std::string& event,
+               const Argument& argument);
+    template<typename Argument>
     void broadcast(const std::string& signal, const std::string& event, const Argument& argument);
-
-    void notifyOperationStatus(Core::Controller& controller, const Core::Operation& operation);
-    void keepUntold(Core::Controller& controller, const Core::Operation& operation);
-    [[nodiscard]] bool isOnBus(const std::string& busName);
     void sendOperationStatus(const Core::Operation& operation);
 
-    sdbus::IConnection& connection_;
-    MainLoop& loop_;
-    std::atomic<bool> ending_ = false;
-    std::optional<Core::Controller> controller_;
+    asio::awaitable<void> end();
+
+    Common::BusConnection& session_;
+    Common::Loop& loop_;
+    Common::CallerIdentification identification_;
+    Core::Controller controller_;
+    StatusAnnouncer announcer_;
+    Common::Lanes requests_; // by unique name of the caller
+    Common::Lanes relays_;   // by package
+    bool isEnding_ = false;
 };
 
 } // namespace Daemon

@@ -1,23 +1,55 @@
 #include "common/LogLine.h"
 #include "common/Names.h"
-#include "daemon/MainLoop.h"
 #include "daemon/VendaraDbusInterface.h"
 
 #include <csignal>
 #include <cstdlib>
 
+namespace {
+
+namespace Own = Common::Names::Vendara;
+
+std::shared_ptr<sdbus::IConnection> connectToSessionBus() {
+    std::shared_ptr<sdbus::IConnection> connection;
+    try {
+        connection = sdbus::createSessionBusConnection();
+    } catch (const sdbus::Error& error) {
+        throw sdbus::Error(error.getName(), "couldn't connect to the session bus: " + error.getMessage());
+    }
+    connection->requestName(Own::service);
+    return connection;
+}
+
+void serve() {
+    const auto connection = connectToSessionBus(); // first: coroutines that never end hold messages of it
+    Common::Loop loop;
+    Common::BusConnection session(
+        loop, connection, [&](const sdbus::Error& error) { loop.fail(std::make_exception_ptr(error)); });
+    const Daemon::VendaraDbusInterface service(session, Own::objectPath);
+    loop.run();
+    if (loop.isHelperBusy()) {
+        std::_Exit(EXIT_SUCCESS); // it may read a file system that never answers
+    }
+}
+
+int fail(const std::string& message) {
+    Common::logError() << "couldn't register service: " << Own::service;
+    Common::logError() << message;
+    return EXIT_FAILURE;
+}
+
+} // namespace
+
 int main() {
-    namespace Own = Common::Names::Vendara;
     std::signal(SIGPIPE, SIG_IGN); // whoever reads the log may go away
     try {
-        const auto connection = sdbus::createSessionBusConnection(Own::service);
-        Daemon::MainLoop loop(*connection);
-        Daemon::VendaraDbusInterface service(*connection, loop, Own::objectPath);
-        loop.run();
+        serve();
         return EXIT_SUCCESS;
     } catch (const sdbus::Error& error) {
-        Common::logError() << "couldn't register service: " << Own::service;
-        Common::logError() << error.getMessage();
-        return EXIT_FAILURE;
+        return fail(error.getMessage());
+    } catch (const std::exception& error) {
+        return fail(error.what());
+    } catch (...) {
+        return fail("unknown failure");
     }
 }

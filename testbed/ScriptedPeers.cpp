@@ -38,8 +38,14 @@ bool ScriptedPeer::answer(const std::string& method, const std::string& errorNam
     return true;
 }
 
+void ScriptedPeer::restart() {
+    peer_.connection().releaseName(service_);
+    peer_.connection().requestName(service_);
+}
+
 void ScriptedPeer::letGo() {
-    for (const auto* method : {"Install", "Remove", "GetPackageList", "InvokeIntent", "IdentifyByBusName"}) {
+    for (const auto* method :
+         {"Install", "Remove", "GetPackageList", "InvokeIntent", "Terminate", "IdentifyByBusName"}) {
         hold(method, false);
         try {
             while (answer(method)) {
@@ -78,7 +84,8 @@ void ScriptedPeer::handle(const std::string& method, const std::string& argument
 }
 
 PackageManager::PackageManager()
-    : ScriptedPeer(sdbus::createSystemBusConnection("norvane.ZUL"), "/norvane/ZUL", "norvane.ZUL") {
+    : ScriptedPeer(sdbus::createSystemBusConnection("norvane.ZUL"), "norvane.ZUL", "/norvane/ZUL",
+                   "norvane.ZUL") {
     peer_.object()
         .registerMethod("Install")
         .onInterface(interface_)
@@ -118,7 +125,7 @@ Common::PackageProperties PackageManager::package(const std::string& id, const s
 }
 
 RuntimeManager::RuntimeManager()
-    : ScriptedPeer(sdbus::createSessionBusConnection("norvane.RuntimeManager"),
+    : ScriptedPeer(sdbus::createSessionBusConnection("norvane.RuntimeManager"), "norvane.RuntimeManager",
                    "/norvane/RuntimeManager/Control1", "norvane.RuntimeManager.Control1")
     , intents_(sdbus::createObject(peer_.connection(), "/norvane/RuntimeManager/Intents1")) {
     peer_.object()
@@ -139,7 +146,8 @@ RuntimeManager::RuntimeManager()
 }
 
 Identification::Identification()
-    : ScriptedPeer(sdbus::createSessionBusConnection("norvane.am"), "/norvane/am", "norvane.am.Identify") {
+    : ScriptedPeer(sdbus::createSessionBusConnection("norvane.am"), "norvane.am", "/norvane/am",
+                   "norvane.am.Identify") {
     peer_.object()
         .registerMethod("IdentifyByBusName")
         .onInterface(interface_)
@@ -175,10 +183,12 @@ Client::Client()
     const auto note = [this](const std::string& text) {
         const std::lock_guard guard(lock_);
         packageSignals_.push_back(text);
+        events_.push_back(text);
     };
     subscribe("OperationStatusChanged", [this](const Operation& operation) {
         const std::lock_guard guard(lock_);
         received_.push_back(operation);
+        events_.push_back(std::to_string(operation.get<3>()));
     });
     using Package = Common::PackageRecord;
     subscribe("PackageInstalled", [note](const Package& package) { note("installed " + package.get<0>()); });
@@ -206,6 +216,7 @@ std::vector<Client::Operation> Client::received() const {
 void Client::forget() {
     const std::lock_guard guard(lock_);
     received_.clear();
+    events_.clear();
 }
 
 std::vector<int> Client::statusesOf(const Operation& operation) const {
@@ -224,6 +235,15 @@ bool Client::waitForStatus(const Operation& operation, int status) const {
         const auto statuses = statusesOf(operation);
         return !statuses.empty() && statuses.back() == status;
     });
+}
+
+std::vector<std::string> Client::events() const {
+    const std::lock_guard guard(lock_);
+    return events_;
+}
+
+bool Client::waitForEvents(std::size_t count) const {
+    return waitUntil([&] { return events().size() >= count; });
 }
 
 std::vector<std::string> Client::packageSignals() const {

@@ -17,9 +17,10 @@ namespace Testbed {
 /// A service that is called, records the calls and answers: at once, or when the test says so.
 class ScriptedPeer {
 public:
-    ScriptedPeer(std::unique_ptr<sdbus::IConnection> connection, const std::string& path,
+    ScriptedPeer(std::unique_ptr<sdbus::IConnection> connection, std::string service, const std::string& path,
                  std::string interface)
         : peer_(std::move(connection), path)
+        , service_(std::move(service))
         , interface_(std::move(interface)) {}
 
     /// Calls of the method wait for answer() from now on, or not any more.
@@ -28,6 +29,8 @@ public:
     void refuse(const std::string& method, const std::string& errorName);
     /// Answers the oldest call that waits: with an error, if it has a name. False when none waits.
     bool answer(const std::string& method, const std::string& errorName = {});
+    /// Gives the service's name up and takes it again, as a service does that starts again.
+    void restart();
     /// Answers all that wait, and whatever comes from now on.
     void letGo();
     [[nodiscard]] bool waitForCalls(const std::string& method, std::size_t count) const;
@@ -63,6 +66,7 @@ protected:
     }
 
     BusPeer peer_;
+    std::string service_;
     std::string interface_;
 
 private:
@@ -161,12 +165,16 @@ public:
     bool waitForStatus(const Operation& operation, int status) const;
     /// The package signals received: member, " ", package id.
     [[nodiscard]] std::vector<std::string> packageSignals() const;
+    /// Statuses and package signals in the order of their arrival, since forget().
+    [[nodiscard]] std::vector<std::string> events() const;
+    [[nodiscard]] bool waitForEvents(std::size_t count) const;
 
 private:
     BusPeer peer_{sdbus::createSessionBusConnection(), "/client"};
     mutable std::mutex lock_;
     std::vector<Operation> received_;
     std::vector<std::string> packageSignals_;
+    std::vector<std::string> events_;
     std::unique_ptr<sdbus::IProxy> proxy_;
 };
 

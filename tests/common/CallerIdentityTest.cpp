@@ -1,9 +1,9 @@
-#include "common/CallerIdentity.h"
+#include "common/bus/CallerIdentity.h"
 
 #include "common/Error.h"
 #include "common/Names.h"
 #include "testbed/BusPeer.h"
-#include "testbed/LogCapture.h"
+#include "testbed/LoopDriver.h"
 #include "testbed/PrivateBus.h"
 
 #include <gmock/gmock.h>
@@ -31,40 +31,36 @@ protected:
         peer_.start();
     }
 
+    Common::CallerIdentity identify(const std::string& name) {
+        return driver_.await(client_.identify(name, driver_.soon()));
+    }
+
     Testbed::PrivateBuses buses_;
     std::string owner_ = "app";
+    Testbed::LoopDriver driver_;
+    Common::CallerIdentification client_{driver_.session};
 
 private:
     Testbed::BusPeer peer_;
 };
 
-TEST_F(CallerIdentification, TellsApplicationsApartNotConnections) {
-    const auto first = Common::identifyByBusName(":1.1", true);
-    const auto second = Common::identifyByBusName(":1.2", true);
+TEST_F(CallerIdentification, DistinguishesApplicationsNotConnections) {
+    const auto first = identify(":1.1");
+    const auto second = identify(":1.2");
     EXPECT_EQ(first.key(), "app|a|b");
     EXPECT_EQ(first.key(), second.key());
     EXPECT_NE(first.busName(), second.busName());
     EXPECT_TRUE(first.isSameApplication(second));
-    EXPECT_FALSE(first.isSameApplication(Common::identifyByBusName(":1.3", true)));
-    EXPECT_TRUE(Common::isSameApplicationStillOnBus(first));
-}
-
-TEST_F(CallerIdentification, NoticesThatANameChangedHands) {
-    const auto caller = Common::identifyByBusName(":1.1", true);
+    EXPECT_FALSE(first.isSameApplication(identify(":1.3")));
     owner_ = "successor";
-    EXPECT_FALSE(Common::isSameApplicationStillOnBus(caller));
+    EXPECT_FALSE(first.isSameApplication(identify(":1.1")));
 }
 
 TEST_F(CallerIdentification, FailsWithTheNameInTheText) {
-    const Testbed::LogCapture log;
-    EXPECT_THAT([] { return Common::identifyByBusName(":9.9", true); },
+    EXPECT_THAT([&] { identify(":9.9"); },
                 testing::ThrowsMessage<Common::Error>("couldn't identify the sender: :9.9"));
-    // Nobody answers on the system bus, and no bus at all behind a dead address.
-    EXPECT_FALSE(Common::isSameApplicationStillOnBus({false, ":1.1", "app", "a|b"}));
     buses_.session.stop();
-    EXPECT_FALSE(Common::isSameApplicationStillOnBus({true, ":1.1", "app", "a|b"}));
-    EXPECT_THAT(log.lines(), testing::IsSupersetOf({"WARN: couldn't identify the sender: :1.1",
-                                                    "WARN: couldn't identify the sender: :1.1"}));
+    EXPECT_THROW(identify(":1.1"), Common::Error);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "core/Controller.h"
 
 #include "testbed/LogCapture.h"
+#include "testbed/LoopDriver.h"
 #include "testbed/PrivateBus.h"
 #include "testbed/ScriptedPeers.h"
 #include "testbed/WaitUntil.h"
@@ -17,20 +18,10 @@ using Core::OperationType;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-std::unique_ptr<Common::BusClient> sessionClient(const std::string& name) {
-    return std::make_unique<Common::BusClient>(
-        Common::BusEndpoint{Common::Bus::Session, "norvane.RuntimeManager", "/norvane/RuntimeManager/" + name,
-                            "norvane.RuntimeManager." + name});
-}
-
 class AController : public testing::Test {
 protected:
-    void SetUp() override {
-        controller.emplace(sessionClient("Intents1"), sessionClient("Control1"));
-        controller->start();
-    }
-
-    Operation operation(OperationType type, Operation::StatusHook hook) const {
+    Operation operation(
+        OperationType type, Operation::StatusHook hook = [](const Operation&) {}) const {
         Operation made;
         made.setType(type);
         made.setInitiator(initiator);
@@ -38,72 +29,97 @@ protected:
         made.setStatusChanged(std::move(hook));
         return made;
     }
-    std::vector<OperationStatus> listed() {
+    std::vector<OperationStatus> listed() const {
         std::vector<OperationStatus> statuses;
-        for (const auto& each : controller->operationsOf(initiator)) {
+        for (const auto& each : controller.operationsOf(initiator)) {
             statuses.push_back(each.status());
         }
         return statuses;
     }
+    bool waitForCalls(const std::string& method, std::size_t count) {
+        return driver.runUntil([&] { return zul.calls(method).size() >= count; });
+    }
 
-    const Common::CallerIdentity initiator{true, ":1.1", "app", "user"};
+    const Common::CallerIdentity initiator{":1.1", "app", "user"};
     LogCapture log;
     PrivateBuses buses;
     PackageManager zul;
-    std::optional<Core::Controller> controller;
+    LoopDriver driver;
+    Core::Controller controller{driver.session};
 };
+
+using enum OperationStatus;
 
 TEST_F(AController, ListsQueuedRunningAndAwaitingOperationsInThisOrder) {
     zul.hold("Install");
     for (const auto type : {OperationType::Upgrade, OperationType::Install, OperationType::Remove}) {
-        controller->enqueue(operation(type, [](const Operation&) {}));
+        controller.enqueue(operation(type));
     }
-    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    ASSERT_TRUE(waitForCalls("Install", 1));
     zul.answer("Install");
-    ASSERT_TRUE(zul.waitForCalls("Install", 2));
-    using enum OperationStatus;
+    ASSERT_TRUE(waitForCalls("Install", 2));
     EXPECT_THAT(listed(), ElementsAre(Queued, InProgress, AwaitingUpgrade));
-    EXPECT_THAT(controller->operationsOf({true, ":1.1", "app", "other"}), IsEmpty());
-    zul.answer("Install", "norvane.ZUL.Error.Filesystem");
-    EXPECT_TRUE(waitUntil([&] { return listed() == std::vector{AwaitingUpgrade}; }));
+    EXPECT_THAT(controller.operationsOf({":1.1", "app", "other"}), IsEmpty());
 }
 
-TEST_F(AController, MayBeUsedByHooksWhichMayThrow) {
-    std::promise<void> ended;
-    controller->enqueue(operation(OperationType::Remove, [&](const Operation& changed) {
-        if (changed.status() == OperationStatus::Queued) {
-            EXPECT_THAT(listed(), ElementsAre(OperationStatus::Queued));
-            const auto begun = [&] { return !zul.calls("Remove").empty(); };
-            EXPECT_FALSE(waitUntil(begun, std::chrono::milliseconds(200))) << "before Queued was announced";
-        }
-        // What is announced may be overtaken by what happens, never the other way round.
-        EXPECT_LE(listed().size(), changed.isCompleted() ? 0 : 1);
-        controller->addCompletedOperation(changed);
+TEST_F(AController, ListsWhatHasEndedUntilItIsReportedOrStored) {
+    std::vector<Operation> ended;
+    const auto note = [&](const Operation& changed) {
         if (changed.isCompleted()) {
-            ended.set_value();
+            ended.push_back(changed);
         }
-        throw std::runtime_error("a hook's own trouble");
-    }));
-    waitFor(ended);
-    EXPECT_THAT(controller->takeCompletedOperations({true, ":1.9", "other", "user"}), IsEmpty());
-    std::vector<OperationStatus> statuses;
-    for (const auto& each : controller->takeCompletedOperations({true, ":1.9", "app", "user"})) {
-        statuses.push_back(each.status());
+    };
+    zul.refuse("Install", "norvane.ZUL.Error.Filesystem");
+    for (const auto type : {OperationType::Remove, OperationType::Install, OperationType::Remove}) {
+        controller.enqueue(operation(type, note));
     }
-    EXPECT_THAT(statuses,
-                ElementsAre(OperationStatus::Queued, OperationStatus::InProgress, OperationStatus::Finished));
-    EXPECT_THAT(controller->takeCompletedOperations(initiator), IsEmpty());
-    EXPECT_TRUE(waitUntil([&] { return log.lines().size() == 6; })) << log.text();
-    EXPECT_EQ(log.lines().at(1), "ERROR: a hook's own trouble");
+    ASSERT_TRUE(driver.runUntil([&] { return ended.size() == 3; }));
+    EXPECT_THAT(listed(), ElementsAre(Finished, Failed, Finished));
+    controller.reported(ended[0]);
+    controller.addCompletedOperation(ended[1]);
+    EXPECT_THAT(listed(), ElementsAre(Finished));
+    EXPECT_THAT(controller.takeCompletedOperations({":1.9", "other", "user"}), IsEmpty());
+    const auto stored = controller.takeCompletedOperations({":1.9", "app", "user"});
+    ASSERT_EQ(stored.size(), 1);
+    EXPECT_EQ(stored[0].errorCode(), 1);
+    EXPECT_THAT(controller.takeCompletedOperations(initiator), IsEmpty());
 }
 
 TEST_F(AController, DoesNotCarryOutWhatItDoesNotKnow) {
-    controller->enqueue(operation(static_cast<OperationType>(7), [](const Operation&) {}));
-    EXPECT_TRUE(waitUntil([&] { return !log.text().empty(); }));
+    controller.enqueue(operation(static_cast<OperationType>(7)));
+    EXPECT_TRUE(driver.runUntil([&] { return !log.text().empty(); }));
     EXPECT_THAT(log.lines(), ElementsAre("WARN: unexpected operation type: 7"));
-    EXPECT_THAT(listed(), ElementsAre(OperationStatus::InProgress));
-    controller->enqueue(operation(OperationType::Remove, [](const Operation&) {}));
-    EXPECT_TRUE(waitUntil([&] { return listed().empty(); }));
+    EXPECT_THAT(listed(), ElementsAre(InProgress));
+    controller.enqueue(operation(OperationType::Remove));
+    EXPECT_TRUE(driver.runUntil([&] { return listed() == std::vector{Finished}; }));
+}
+
+TEST_F(AController, HoldsABoundedNumberOfOperations) {
+    zul.hold("Remove");
+    EXPECT_FALSE(controller.isFull(initiator));
+    for (std::size_t count = 0; count < Core::Controller::maximumOperations; ++count) {
+        controller.enqueue(operation(OperationType::Remove));
+    }
+    EXPECT_TRUE(controller.isFull(initiator));
+    EXPECT_FALSE(controller.isFull({":1.1", "app", "other"}));
+    ASSERT_TRUE(waitForCalls("Remove", 1));
+    const auto running = controller.operationsOf(initiator).back();
+    zul.answer("Remove");
+    ASSERT_TRUE(waitForCalls("Remove", 2));
+    EXPECT_TRUE(controller.isFull(initiator)) << "until the initiator knows of it";
+    controller.reported(running);
+    EXPECT_FALSE(controller.isFull(initiator));
+
+    const auto limit = Core::Controller::maximumCompleted;
+    std::vector<Operation> completed(limit + 1);
+    for (auto& each : completed) {
+        each.setInitiator(initiator);
+        controller.addCompletedOperation(each);
+    }
+    EXPECT_EQ(log.lines().size(), 1) << log.text();
+    const auto stored = controller.takeCompletedOperations(initiator);
+    ASSERT_EQ(stored.size(), limit);
+    EXPECT_EQ(stored.front().id(), completed[1].id()) << "the oldest goes first";
 }
 
 TEST(AControllerWithoutItsSubscription, IsNotMade) {

@@ -4,6 +4,7 @@
 #include "common/Names.h"
 #include "testbed/BusPeer.h"
 #include "testbed/LogCapture.h"
+#include "testbed/LoopDriver.h"
 #include "testbed/PrivateBus.h"
 #include "testbed/WaitUntil.h"
 
@@ -57,6 +58,7 @@ protected:
 
     Testbed::LogCapture log_;
     Testbed::PrivateBuses buses_;
+    Testbed::LoopDriver driver_;
     std::vector<PackageProperties> list_;
     std::string calls_; // of answered calls
 
@@ -73,45 +75,39 @@ private:
 };
 
 TEST_F(ThePackageManagerClient, CarriesCallsAndTurnsRefusalsIntoCodes) {
-    Core::ZulProxy client;
-    client.install("/tmp/a.rpm");
-    client.remove("com.example.app");
+    Core::ZulProxy client(driver_.loop);
+    const auto list = [&] { return *driver_.await(client.getPackageList(driver_.soon())); };
+    driver_.await(client.install("/tmp/a.rpm"));
+    driver_.await(client.remove("com.example.app"));
     EXPECT_EQ(calls_, "/tmp/a.rpm;com.example.app;");
-    EXPECT_THAT(client.getPackageList(), ElementsAre());
+    EXPECT_THAT(list(), ElementsAre());
     list_ = {{{"general.id", "b"}}, {{"general.id", "a"}, {"x", ""}}};
-    EXPECT_EQ(client.getPackageList(), list_);
-    EXPECT_EQ(failureOf([&] { client.install("norvane.ZUL.Error.BadPackageSignature"); }),
+    EXPECT_EQ(list(), list_);
+    EXPECT_EQ(failureOf([&] { driver_.await(client.install("norvane.ZUL.Error.BadPackageSignature")); }),
               std::pair(7, std::string("refused for a reason \xc3\x84")));
-    EXPECT_EQ(failureOf([&] { client.remove("norvane.ZUL.Error.Internal"); }).first, 2);
-    EXPECT_EQ(failureOf([&] { client.remove("org.freedesktop.DBus.Error.AccessDenied"); }).first, 2);
+    EXPECT_EQ(failureOf([&] { driver_.await(client.remove("norvane.ZUL.Error.Internal")); }).first, 2);
+    EXPECT_EQ(
+        failureOf([&] { driver_.await(client.remove("org.freedesktop.DBus.Error.AccessDenied")); }).first, 2);
 }
 
 TEST_F(ThePackageManagerClient, HandsSignalsOnInOrderAndDropsMalformedOnes) {
     std::vector<std::string> seen;
-    std::promise<void> last;
-    {
-        Core::ZulProxy client;
-        client.addPackageInstalledHandler(
-            [&](const PackageProperties& p) { seen.push_back("i1 " + p.at("general.id")); });
-        client.addPackageInstalledHandler(
-            [&](const PackageProperties& p) { seen.push_back("i2 " + p.at("general.id")); });
-        client.addPackageUpgradedHandler(
-            [&](const PackageProperties& p) { seen.push_back("u " + p.at("general.id")); });
-        client.addPackageRemovedHandler([&](const std::string& id) {
-            seen.push_back("r " + id);
-            last.set_value();
-        });
-        client.start();
-        send(Peer::packageInstalled, PackageProperties{{"general.id", "a"}});
-        send(Peer::packageInstalled, std::string("no map"));
-        send(Peer::packageUpgraded,
-             std::map<std::string, sdbus::Variant>{{"general.id", sdbus::Variant("a")}});
-        send(Peer::packageUpgraded);
-        send(Peer::packageRemoved, std::int32_t{7});
-        send(Peer::packageUpgraded, PackageProperties{{"general.id", "b"}});
-        send(Peer::packageRemoved, std::string("c"));
-        Testbed::waitFor(last);
-    }
+    Core::ZulProxy client(driver_.loop);
+    client.addPackageInstalledHandler(
+        [&](const PackageProperties& p) { seen.push_back("i1 " + p.at("general.id")); });
+    client.addPackageInstalledHandler(
+        [&](const PackageProperties& p) { seen.push_back("i2 " + p.at("general.id")); });
+    client.addPackageUpgradedHandler(
+        [&](const PackageProperties& p) { seen.push_back("u " + p.at("general.id")); });
+    client.addPackageRemovedHandler([&](const std::string& id) { seen.push_back("r " + id); });
+    send(Peer::packageInstalled, PackageProperties{{"general.id", "a"}});
+    send(Peer::packageInstalled, std::string("no map"));
+    send(Peer::packageUpgraded, std::map<std::string, sdbus::Variant>{{"general.id", sdbus::Variant("a")}});
+    send(Peer::packageUpgraded);
+    send(Peer::packageRemoved, std::int32_t{7});
+    send(Peer::packageUpgraded, PackageProperties{{"general.id", "b"}});
+    send(Peer::packageRemoved, std::string("c"));
+    EXPECT_TRUE(driver_.runUntil([&] { return seen.size() == 4; }));
     EXPECT_THAT(seen, ElementsAre("i1 a", "i2 a", "u b", "r c"));
     const auto lines = log_.lines();
     ASSERT_EQ(lines.size(), 8) << log_.text();
@@ -120,33 +116,49 @@ TEST_F(ThePackageManagerClient, HandsSignalsOnInOrderAndDropsMalformedOnes) {
     EXPECT_EQ(lines[6], "WARN: couldn't retrieve package id from signal: PackageRemoved");
 }
 
-TEST_F(ThePackageManagerClient, GetsRepliesWhileAHandlerWaits) {
-    std::promise<std::size_t> answered;
-    Core::ZulProxy client;
-    client.addPackageRemovedHandler(
-        [&](const std::string&) { answered.set_value(client.getPackageList().size()); });
-    client.start();
-    send(Peer::packageRemoved, std::string("c"));
-    EXPECT_EQ(Testbed::waitFor(answered), 0);
-}
-
 TEST_F(ThePackageManagerClient, FailsWithTheInternalCodeOnceTheBusIsGone) {
-    Core::ZulProxy client;
-    client.start();
+    Core::ZulProxy client(driver_.loop);
     buses_.system.stop();
-    EXPECT_EQ(failureOf([&] { client.install("/tmp/a.rpm"); }).first, 2);
-    EXPECT_EQ(failureOf([&] { static_cast<void>(client.getPackageList()); }).first, 2);
+    EXPECT_EQ(failureOf([&] { driver_.await(client.install("/tmp/a.rpm")); }).first, 2);
+    EXPECT_EQ(failureOf([&] { driver_.await(client.getPackageList(driver_.soon())); }).first, 2);
+    EXPECT_THAT(log_.lines(),
+                ElementsAre(testing::StartsWith("ERROR: lost the connection to norvane.ZUL: ")));
 }
 
 TEST(ThePackageManagerClientWithoutMatchRules, MakesCallsAndReceivesNoSignals) {
     const Testbed::LogCapture log;
+    const Testbed::PrivateBuses others;
     const Testbed::PrivateBus bus("<limit name='max_match_rules_per_connection'>0</limit>");
     setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
-    Core::ZulProxy client;
-    client.start();
+    Testbed::LoopDriver driver;
+    Core::ZulProxy client(driver.loop);
     ASSERT_EQ(log.lines().size(), 2) << log.text();
     EXPECT_EQ(log.lines()[0], "ERROR: couldn't subscribe to ZUL signal");
-    EXPECT_THROW(client.remove("x"), Common::Error); // answered by the bus: there is no such service
+    EXPECT_THROW(driver.await(client.remove("x")),
+                 Common::Error); // answered by the bus: there is no such service
+}
+
+// The bus disconnects who sends it a message that is too long.
+TEST(ThePackageManagerClientThatTheBusDisconnects, ConnectsAnewAndReceivesSignalsAgain) {
+    const Testbed::LogCapture log;
+    const Testbed::PrivateBuses others;
+    const Testbed::PrivateBus bus("<limit name='max_message_size'>2000</limit>");
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
+    Testbed::BusPeer peer(sdbus::createSystemBusConnection(Peer::service), Peer::objectPath);
+    peer.start();
+    Testbed::LoopDriver driver;
+    Core::ZulProxy client(driver.loop);
+    std::vector<std::string> removed;
+    int appeared = 0;
+    client.addPackageRemovedHandler([&](const std::string& id) { removed.push_back(id); });
+    client.setAppearedHandler([&] { ++appeared; });
+    EXPECT_THROW(driver.await(client.install(std::string(4000, 'x'))), Common::Error);
+    EXPECT_TRUE(driver.runUntil([&] { return appeared == 1; }));
+    EXPECT_THROW(driver.await(client.remove("x")), Common::Error); // by the peer, which has no such method
+    peer.send(Peer::interface, Peer::packageRemoved, std::string("a"));
+    EXPECT_TRUE(driver.runUntil([&] { return !removed.empty(); }));
+    EXPECT_THAT(log.lines(), ElementsAre(testing::StartsWith("ERROR: lost the connection to norvane.ZUL: "),
+                                         "WARN: made the connection to norvane.ZUL anew"));
 }
 
 } // namespace

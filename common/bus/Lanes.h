@@ -1,0 +1,35 @@
+#pragma once
+
+#include "common/bus/Loop.h"
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <unordered_map>
+
+namespace Common {
+
+/// Runs coroutines one after the other for each key, in the order of their arrival; those of different keys
+/// do not wait for each other. Loop's thread only. A job's exception is logged.
+class Lanes {
+public:
+    using Job = std::function<asio::awaitable<void>()>;
+
+    explicit Lanes(Loop& loop)
+        : loop_(loop) {}
+    Lanes(const Lanes&) = delete;
+    Lanes& operator=(const Lanes&) = delete;
+
+    void add(const std::string& key, Job job);
+
+    /// How many jobs of the key have not ended.
+    [[nodiscard]] std::size_t count(const std::string& key) const;
+
+private:
+    asio::awaitable<void> run(std::string key);
+
+    Loop& loop_;
+    std::unordered_map<std::string, std::deque<Job>> lanes_; // the first job of each is running
+};
+
+} // namespace Common

@@ -1,0 +1,57 @@
+#include "common/bus/Loop.h"
+
+#include "common/Guard.h"
+
+#include <asio/co_spawn.hpp>
+#include <csignal>
+#include <string>
+
+namespace Common {
+
+Loop::Loop() = default;
+
+Loop::~Loop() {
+    helper_.stop();
+    helper_.join();
+}
+
+void Loop::run() {
+    context_.run();
+    if (failure_) {
+        std::rethrow_exception(failure_);
+    }
+}
+
+void Loop::fail(std::exception_ptr cause) {
+    failure_ = std::move(cause);
+    stop();
+}
+
+void Loop::onTermination(std::function<void()> handler) {
+    signals_.add(SIGTERM);
+    signals_.add(SIGINT);
+    signals_.async_wait([this, handler = std::move(handler)](const asio::error_code& error, int /*number*/) {
+        if (!error) {
+            signals_.clear(); // restores the default: the next one kills
+            handler();
+        }
+    });
+}
+
+void Loop::spawn(std::string_view words, asio::awaitable<void> coroutine) {
+    asio::co_spawn(context_, std::move(coroutine),
+                   [words = std::string(words)](const std::exception_ptr& failure) {
+                       if (failure) {
+                           guarded(words, [&] { std::rethrow_exception(failure); });
+                       }
+                   });
+}
+
+void Loop::countJob() {
+    if (jobs_ >= maximumJobs) {
+        throw Error(ErrorCode::Internal, "too many jobs wait for the helper thread");
+    }
+    ++jobs_;
+}
+
+} // namespace Common

@@ -1,0 +1,112 @@
+#pragma once
+
+#include "common/Error.h"
+#include "common/bus/Event.h"
+
+#include <asio/awaitable.hpp>
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/thread_pool.hpp>
+#include <atomic>
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+namespace Common {
+
+/// The event loop: one thread runs it and owns all state; nothing on it waits. What must block runs on the
+/// loop's one helper thread and posts its result back.
+///
+/// Everything belongs to the thread that calls run(), unless a function says something else.
+class Loop {
+public:
+    /// Starts the helper thread. Throws std::system_error when the system has no more threads or descriptors.
+    Loop();
+    /// Joins the helper thread; see isHelperBusy().
+    ~Loop();
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
+
+    [[nodiscard]] asio::io_context& context() { return context_; }
+
+    /// Handles events until stop() or fail(). Throws what fail() was given.
+    void run();
+    void stop() { context_.stop(); }
+    /// Ends run() with an exception.
+    void fail(std::exception_ptr cause);
+
+    /// Calls the handler at the first SIGTERM or SIGINT; a second one kills the process. Once.
+    void onTermination(std::function<void()> handler);
+
+    /// Starts a coroutine that nobody waits for. An exception is logged, after the words.
+    void spawn(std::string_view words, asio::awaitable<void> coroutine);
+
+    /// Runs work() on the helper thread and returns its result or throws its exception. Jobs run one after
+    /// the other. One that has not begun at its deadline is not run. Throws Error, code Internal: at the
+    /// deadline, and at once when maximumJobs wait already.
+    template<typename Work>
+    [[nodiscard]] asio::awaitable<decltype(std::declval<Work>()())> offload(Work work, TimePoint deadline) {
+        const auto job = std::make_shared<Job<Work>>(context_, std::move(work));
+        countJob();
+        asio::post(helper_, [this, job] {
+            job->run();
+            asio::post(context_, [this, job] {
+                --jobs_;
+                job->ended.set();
+            });
+        });
+        const bool hasEnded = co_await job->ended.wait(deadline);
+        if (!hasEnded) {
+            job->isAbandoned = true;
+            throw Error(ErrorCode::Internal, "the job took too long");
+        }
+        if (job->failure) {
+            std::rethrow_exception(job->failure);
+        }
+        co_return std::move(*job->result);
+    }
+
+    /// Whether a job has not ended. Joining the helper thread would wait for it, for ever if it reads a file
+    /// system that does not answer: a process that ends then uses _Exit().
+    [[nodiscard]] bool isHelperBusy() const { return jobs_ > 0; }
+
+    static constexpr std::size_t maximumJobs = 64;
+
+private:
+    template<typename Work>
+    struct Job {
+        Job(asio::io_context& loop, Work&& toDo)
+            : work(std::move(toDo))
+            , ended(loop) {}
+        void run() noexcept {
+            if (isAbandoned) {
+                return;
+            }
+            try {
+                result = work();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+        }
+        Work work;
+        std::optional<decltype(std::declval<Work>()())> result;
+        std::exception_ptr failure;
+        std::atomic<bool> isAbandoned = false;
+        Event ended;
+    };
+
+    void countJob();
+
+    asio::io_context context_{1};
+    asio::thread_pool helper_{1};
+    asio::signal_set signals_{context_};
+    std::exception_ptr failure_;
+    std::size_t jobs_ = 0;
+};
+
+} // namespace Common

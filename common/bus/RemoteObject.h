@@ -1,0 +1,63 @@
+#pragma once
+
+#include "common/bus/BusConnection.h"
+
+#include <memory>
+#include <string>
+#include <tuple>
+
+namespace Common {
+
+/// How long a call may take where nothing else is said; the bus library's own default.
+constexpr std::chrono::seconds defaultTimeout{25};
+
+/// A service's object on a bus that the loop drives. Loop's thread only.
+class RemoteObject {
+public:
+    /// Throws sdbus::Error when a name is not valid.
+    RemoteObject(BusConnection& connection, const std::string& service, const std::string& objectPath,
+                 std::string interface);
+
+    /// Calls a method of the interface and returns its results, of the given types.
+    /// @param timeout  not 0
+    /// Throws sdbus::Error: the error reply, a time-out, a reply of other types, a bus that is gone.
+    template<typename... Results, typename... Arguments>
+    [[nodiscard]] asio::awaitable<std::tuple<Results...>>
+    call(std::string method, std::chrono::microseconds timeout, Arguments... arguments) {
+        const auto answer = send(method, timeout, arguments...);
+        co_await answer->arrived.wait();
+        if (answer->error) {
+            throw sdbus::Error(*answer->error);
+        }
+        std::tuple<Results...> results;
+        std::apply([&](auto&... each) { static_cast<void>((answer->reply >> ... >> each)); }, results);
+        co_return results;
+    }
+
+private:
+    struct Answer {
+        explicit Answer(BusConnection& connection)
+            : bus(connection.sharedBus())
+            , arrived(connection.loop().context()) {}
+        std::shared_ptr<sdbus::IConnection> bus; // outlives the reply
+        Event arrived;
+        sdbus::MethodReply reply;
+        std::optional<sdbus::Error> error;
+    };
+
+    // The message is gone when this returns: the coroutine that waits may outlive the connection.
+    template<typename... Arguments>
+    std::shared_ptr<Answer> send(const std::string& method, std::chrono::microseconds timeout,
+                                 const Arguments&... arguments) {
+        auto message = proxy_->createMethodCall(interface_, method);
+        static_cast<void>((message << ... << arguments));
+        return send(message, timeout);
+    }
+    std::shared_ptr<Answer> send(const sdbus::MethodCall& message, std::chrono::microseconds timeout);
+
+    BusConnection& connection_;
+    std::string interface_;
+    std::unique_ptr<sdbus::IProxy> proxy_;
+};
+
+} // namespace Common

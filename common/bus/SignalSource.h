@@ -1,0 +1,42 @@
+#pragma once
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Common {
+
+/// A service's signals on one connection, believed only when they come from the connection that owns the
+/// service's name: anybody on the bus can address a signal of any name to another connection. Others are
+/// dropped; the first of them is logged. Loop's thread only, once the connection is driven by a loop.
+class SignalSource {
+public:
+    /// Asks the bus for the owner and follows it; waits for the bus, so before the loop runs or on its helper
+    /// thread.
+    /// @param appeared  called when another connection has got the name
+    /// Throws sdbus::Error when the bus refuses.
+    SignalSource(sdbus::IConnection& connection, std::string service, std::function<void()> appeared = {});
+    SignalSource(const SignalSource&) = delete;
+    SignalSource& operator=(const SignalSource&) = delete;
+
+    /// Has the handler called for each signal of this name. What it throws is logged. Waits and throws as the
+    /// constructor does.
+    void subscribe(const std::string& objectPath, const std::string& interface, const std::string& signal,
+                   std::function<void(sdbus::Message&)> handler);
+
+private:
+    void followOwner();
+    void findOwner();
+    [[nodiscard]] bool isFromOwner(const sdbus::Message& message, const std::string& signal);
+
+    sdbus::IConnection& connection_;
+    std::string service_;
+    std::function<void()> appeared_;
+    std::string owner_; // unique name; empty: nobody
+    bool hasLogged_ = false;
+    std::vector<sdbus::Slot> slots_;
+};
+
+} // namespace Common
