@@ -1,14 +1,19 @@
-// How the daemon's memory and times grow: with the number of installations it has carried out, of operations
-// that are queued, and of packages that are installed. Prints figures; ends with 1 when memory grows where it
-// must not.
+// What requests cost beside the bare chain of their round trips, and how the daemon's memory and times grow:
+// with the number of installations it has carried out, of operations that are queued, and of packages that
+// are installed. Prints figures; ends with 1 when memory grows where it must not.
 //
-// bench-daemon [INSTALLATIONS]: 10,000 unless told otherwise.
+// bench-daemon [INSTALLATIONS]     10,000 by default
+// bench-daemon soak SECONDS [calm] 64 clients at once; the peers are stopped and killed, or left alone
 
+#include "bench/Chain.h"
 #include "testbed/PrivateBus.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScriptedPeers.h"
+#include "testbed/Soak.h"
 #include "testbed/WaitUntil.h"
 
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -21,9 +26,9 @@ double millisecondsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
-class Bench {
+class Measurement {
 public:
-    Bench() {
+    Measurement() {
         Testbed::PackageSpec spec;
         spec.files = {{"/opt/app/com.example.app/data", "data", "0644", ""}};
         file_ = Testbed::buildPackage(scratch_.path(), spec);
@@ -65,6 +70,39 @@ public:
         return last - first <= 1024;
     }
 
+    // Each request beside the bare chain, in turn.
+    void compare(int packages, int rounds) {
+        setPackages(packages);
+        const Testbed::Process chain({"/proc/self/exe", "chain"});
+        const auto connection = sdbus::createSessionBusConnection();
+        const auto daemon = sdbus::createProxy(*connection, "norvane.Vendara", "/norvane/Vendara");
+        const auto bare = sdbus::createProxy(*connection, "norvane.Vendara.Chain", "/norvane/Vendara");
+        if (!Testbed::waitUntil([&] { return isThere(*bare); })) {
+            throw std::runtime_error("the chain does not start: " + chain.output());
+        }
+        for (const auto* method : {"Install", "GetAllProperties", "Start"}) {
+            std::vector<double> ours;
+            std::vector<double> rivals;
+            for (int round = 0; round < rounds; ++round) {
+                rivals.push_back(timeOf(*bare, method));
+                ours.push_back(timeOf(*daemon, method));
+                if (std::string(method) == "Install") {
+                    Testbed::waitUntil([&] { return client_->operations().empty(); });
+                }
+            }
+            std::sort(ours.begin(), ours.end());
+            std::sort(rivals.begin(), rivals.end());
+            const auto print = [&](const char* what, std::size_t at) {
+                std::printf("  %s %.2f ms, chain %.2f ms, ratio %.2f", what, ours[at], rivals[at],
+                            ours[at] / rivals[at]);
+            };
+            std::printf("%16s, %4d packages:", method, packages);
+            print("median", ours.size() / 2);
+            print("99%", ours.size() * 99 / 100);
+            std::printf("\n");
+        }
+    }
+
     void queue(int operations) {
         manager_.hold("Install");
         const auto start = Clock::now();
@@ -81,17 +119,47 @@ public:
     }
 
     void list(int packages) {
-        std::vector<Common::PackageProperties> list;
-        for (int count = 0; count < packages; ++count) {
-            list.push_back(Testbed::PackageManager::package("com.example.package" + std::to_string(count)));
-        }
-        manager_.setPackages(list);
+        setPackages(packages);
         timeOfRead();
         std::printf("%6d installed packages: read in %.1f ms, resident %ld kB\n", packages, timeOfRead(),
                     residentMemory());
     }
 
+    [[nodiscard]] std::ptrdiff_t threads() const {
+        const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(daemon_.pid()) + "/task");
+        return std::distance(begin(tasks), end(tasks));
+    }
+
 private:
+    void setPackages(int packages) {
+        std::vector<Common::PackageProperties> list;
+        for (int count = 0; count < packages; ++count) {
+            list.push_back(Testbed::PackageManager::package("com.example.package" + std::to_string(count)));
+        }
+        manager_.setPackages(list);
+    }
+
+    double timeOf(sdbus::IProxy& service, const std::string& method) const {
+        auto call = service.createMethodCall("norvane.Vendara", method);
+        if (method == "Install") {
+            call << file_;
+        } else if (method == "Start") {
+            call << "com.example.app";
+        }
+        const auto start = Clock::now();
+        service.callMethod(call);
+        return millisecondsSince(start);
+    }
+
+    static bool isThere(sdbus::IProxy& service) {
+        try {
+            service.callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
+            return true;
+        } catch (const sdbus::Error&) {
+            return false;
+        }
+    }
+
     double timeOfRead() {
         const auto start = Clock::now();
         client_->operations();
@@ -119,10 +187,38 @@ private:
     std::string file_;
 };
 
+int soak(int argc, char** argv) {
+    const Testbed::ScratchDirectory scratch;
+    const Testbed::PrivateBuses buses;
+    const auto package = Testbed::buildPackage(scratch.path(), {});
+    Testbed::Process daemon({VENDARA_DAEMON}, {{{"HOME", scratch.path()}}, {}, {}});
+    const bool isCalm = argc > 3 && std::string(argv[3]) == "calm";
+    const auto failures = Testbed::soak({std::chrono::seconds(std::atoi(argv[2])), 64, !isCalm}, package);
+    std::printf("%s", failures.c_str());
+    daemon.signal(SIGTERM);
+    const int status = daemon.wait();
+    std::printf("the daemon ended with %d\n", status);
+    if (status != 0) {
+        std::printf("%s\n", daemon.output().c_str());
+    }
+    return failures.empty() && status == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
-    Bench bench;
+    const std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "chain") {
+        Bench::serveChain();
+    }
+    if (mode == "soak" && argc > 2) {
+        return soak(argc, argv);
+    }
+    Measurement bench;
+    std::printf("idle: %td threads, resident %ld kB\n", bench.threads(), bench.residentMemory());
+    for (const int packages : {5, 500}) {
+        bench.compare(packages, 2000);
+    }
     const bool stayed = bench.soak(argc > 1 ? std::atoi(argv[1]) : 10000);
     for (const int operations : {100, 1000, 10000}) {
         bench.queue(operations);

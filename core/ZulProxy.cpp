@@ -134,7 +134,8 @@ asio::awaitable<ZulProxy::PackageList> ZulProxy::getPackageList(Common::TimePoin
 template<typename... Arguments>
 asio::awaitable<void> ZulProxy::callOperation(std::string method, Arguments... arguments) {
     try {
-        Common::RemoteObject* object = co_await service(Common::TimePoint::clock::now() + Common::defaultTimeout);
+        Common::RemoteObject* object =
+            co_await service(Common::TimePoint::clock::now() + Common::defaultTimeout);
         co_await object->call<>(method, operationTimeout, arguments...);
     } catch (const sdbus::Error& error) {
         throw converted(error);
@@ -145,7 +146,8 @@ asio::awaitable<void> ZulProxy::listPackages(std::shared_ptr<ListCall> call) {
     using Packages = std::vector<Common::PackageProperties>;
     ++listCalls_;
     try {
-        Common::RemoteObject* object = co_await service(Common::TimePoint::clock::now() + Common::defaultTimeout);
+        Common::RemoteObject* object =
+            co_await service(Common::TimePoint::clock::now() + Common::defaultTimeout);
         auto [packages] = co_await object->call<Packages>(Peer::getPackageList, Common::defaultTimeout);
         call->packages = std::make_shared<const Packages>(std::move(packages));
     } catch (const sdbus::Error& error) {

@@ -6,20 +6,6 @@
 
 namespace Testbed {
 
-namespace {
-
-// A mount namespace; a user who is not root needs a user namespace around it.
-std::vector<std::string> inNamespace(const std::string& command) {
-    std::vector<std::string> arguments{"unshare", "--mount"};
-    if (geteuid() != 0) {
-        arguments.insert(arguments.end(), {"--user", "--map-current-user", "--keep-caps"});
-    }
-    arguments.insert(arguments.end(), {"sh", "-c", command});
-    return arguments;
-}
-
-} // namespace
-
 void DaemonTest::SetUp() {
     std::filesystem::create_directories(etc);
     const auto probe = run(inNamespace("mount --bind " + etc.string() + " /etc"));
@@ -48,7 +34,8 @@ void DaemonTest::TearDown() {
 }
 
 void DaemonTest::startDaemon() {
-    const auto command = "mount --bind " + etc.string() + " /etc && exec " VENDARA_DAEMON;
+    const auto command =
+        "mount --bind " + etc.string() + " /etc && " + preparation + " && exec " VENDARA_DAEMON;
     daemon.emplace(inNamespace(command), Process::Options{{{"HOME", scratch.path()}}, {}, {}});
     auto service =
         sdbus::createProxy(sdbus::createSessionBusConnection(), "norvane.Vendara", "/norvane/Vendara");
@@ -60,6 +47,23 @@ void DaemonTest::startDaemon() {
             return false;
         }
     })) << daemon->output();
+}
+
+std::vector<std::string> DaemonTest::inNamespace(const std::string& command) {
+    std::vector<std::string> arguments{"unshare", "--mount"};
+    if (geteuid() != 0) {
+        arguments.insert(arguments.end(), {"--user", "--map-current-user", "--keep-caps"});
+    }
+    arguments.insert(arguments.end(), {"bash", "-c", command});
+    return arguments;
+}
+
+bool DaemonTest::isHelperWaiting() const {
+    const auto tasks = "/proc/" + std::to_string(daemon->pid()) + "/task";
+    const std::filesystem::directory_iterator threads(tasks);
+    return std::any_of(begin(threads), end(threads), [](const auto& thread) {
+        return readFile(thread.path() / "wchan").find("fuse") != std::string::npos;
+    });
 }
 
 bool DaemonTest::logged(const std::string& text) {

@@ -28,7 +28,13 @@ protected:
     /// Has the package manager list packages of these names.
     void setInstalled(const std::vector<std::string>& ids);
 
+    /// A shell command in a mount namespace; a user who is not root gets a user namespace around it.
+    static std::vector<std::string> inNamespace(const std::string& command);
+    /// Whether a thread of the daemon waits for a file system.
+    [[nodiscard]] bool isHelperWaiting() const;
+
     ScratchDirectory scratch;
+    std::string preparation = "true"; ///< run in the daemon's mount namespace before it
     std::filesystem::path etc = scratch.path() / "etc";
     PrivateBuses buses;
     PackageManager zul;

@@ -1,6 +1,8 @@
+#include "testbed/Soak.h"
 #include "tests/daemon/DaemonTest.h"
 
 #include <atomic>
+#include <csignal>
 
 namespace Testbed {
 
@@ -111,6 +113,16 @@ TEST_F(UnderStress, TheDaemonKeepsItsPromises) {
         done = true;
     }
     EXPECT_EQ(zul.mostHeld(), 1) << "one operation at a time";
+}
+
+TEST(UnderASoak, TheDaemonAccountsForEveryOperation) {
+    const ScratchDirectory scratch;
+    const PrivateBuses buses;
+    const auto package = buildPackage(scratch.path(), {});
+    Process daemon({VENDARA_DAEMON}, {{{"HOME", scratch.path()}}, {}, {}});
+    EXPECT_EQ(soak({}, package), "") << daemon.output().substr(0, 3000);
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.wait(), 0) << daemon.output();
 }
 
 } // namespace

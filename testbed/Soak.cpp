@@ -1,0 +1,219 @@
+#include "testbed/Soak.h"
+
+#include "testbed/Process.h"
+#include "testbed/ScriptedPeers.h"
+#include "testbed/WaitUntil.h"
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <random>
+#include <set>
+#include <thread>
+
+namespace Testbed {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Operation = Client::Operation;
+
+constexpr std::chrono::minutes patience{3};
+
+// What one client did and found.
+class Worker {
+public:
+    Worker(std::size_t number, std::string package)
+        : random_(static_cast<unsigned>(number))
+        , package_(std::move(package)) {}
+
+    void work(Clock::time_point end) {
+        while (Clock::now() < end) {
+            const auto start = Clock::now();
+            try {
+                request();
+            } catch (const sdbus::Error& error) {
+                // A peer that is dead or stopped for long makes requests fail, with the service's own error
+                // alone.
+                if (error.getName() != "norvane.Vendara.Error") {
+                    fail("a request failed with " + error.getName() + ": " + error.getMessage());
+                }
+            }
+            latencies_.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+        }
+    }
+
+    // To be called when the peers work again.
+    void account() {
+        for (const auto& operation : asked_) {
+            const auto hasEnded = [&] { return isTold(operation) || isStored(operation); };
+            if (!waitUntil(hasEnded, patience)) {
+                fail("an operation was lost: " + describe(operation));
+                return; // the others would take as long
+            }
+            auto statuses = client_.statusesOf(operation);
+            if (!std::is_sorted(statuses.begin(), statuses.end(), std::less_equal<>())) {
+                fail("statuses out of order, or twice: " + operation.get<0>());
+            }
+        }
+    }
+
+    [[nodiscard]] const std::vector<double>& latencies() const { return latencies_; }
+    [[nodiscard]] const std::string& failures() const { return failures_; }
+    [[nodiscard]] std::size_t operations() const { return asked_.size(); }
+
+private:
+    void request() {
+        switch (std::uniform_int_distribution(0, 9)(random_)) {
+        case 0:
+        case 1:
+            asked_.push_back(client_.install(package_));
+            break;
+        case 2:
+            asked_.push_back(client_.remove("com.example.app"));
+            break;
+        case 3:
+            static_cast<void>(client_.errorOf("Restart", "com.example.app"));
+            break;
+        case 4:
+        case 5:
+            readStore();
+            break;
+        default:
+            static_cast<void>(client_.errorOf("Start", "com.example.app"));
+        }
+    }
+
+    bool isTold(const Operation& operation) {
+        const auto statuses = client_.statusesOf(operation);
+        return !statuses.empty() && statuses.back() >= 100;
+    }
+
+    std::string describe(const Operation& operation) {
+        auto text = operation.get<0>() + ", type " + std::to_string(operation.get<2>()) + ", received";
+        for (const auto status : client_.statusesOf(operation)) {
+            text += " " + std::to_string(status);
+        }
+        for (const auto& listed : client_.operations()) {
+            if (listed.get<0>() == operation.get<0>()) {
+                text += ", listed with " + std::to_string(listed.get<3>());
+            }
+        }
+        return text;
+    }
+
+    bool isStored(const Operation& operation) {
+        try {
+            readStore();
+        } catch (const sdbus::Error&) {
+            // Asked again.
+        }
+        return stored_.contains(operation.get<0>());
+    }
+
+    // What is read is gone from the service's store.
+    void readStore() {
+        for (const auto& each : client_.operations("CompletedOperations")) {
+            stored_.insert(each.get<0>());
+        }
+    }
+
+    void fail(const std::string& text) { failures_ += text + "\n"; }
+
+    Client client_;
+    std::mt19937 random_;
+    std::string package_;
+    std::vector<Operation> asked_;
+    std::set<std::string> stored_;
+    std::vector<double> latencies_;
+    std::string failures_;
+};
+
+// Runs the peers' program; stops, continues and kills it.
+class Peers {
+public:
+    Peers() { start(); }
+
+    void start() {
+        process_ = std::make_unique<Process>(std::vector<std::string>{SOAK_PEERS});
+        if (!waitUntil([this] { return process_->output().find("ready") != std::string::npos; },
+                       std::chrono::minutes(1))) {
+            throw std::runtime_error("the peers do not start: " + process_->output());
+        }
+    }
+
+    void disturb(std::mt19937& random) {
+        if (std::uniform_int_distribution(0, 3)(random) == 0) {
+            process_.reset();
+            start();
+        } else {
+            process_->signal(SIGSTOP);
+            std::this_thread::sleep_for(
+                std::chrono::milliseconds(std::uniform_int_distribution(50, 800)(random)));
+            process_->signal(SIGCONT);
+        }
+    }
+
+private:
+    std::unique_ptr<Process> process_;
+};
+
+void printLatencies(std::vector<double> latencies, std::size_t operations) {
+    std::sort(latencies.begin(), latencies.end());
+    const auto at = [&](std::size_t part) { return latencies[(latencies.size() - 1) * part / 1000]; };
+    std::printf("%zu calls, %zu operations; latency median %.2f ms, 99%% %.2f ms, longest %.0f ms\n",
+                latencies.size(), operations, at(500), at(990), latencies.back());
+}
+
+} // namespace
+
+std::string soak(const SoakOptions& options, const std::filesystem::path& package) {
+    Peers peers;
+    std::vector<std::unique_ptr<Worker>> workers;
+    for (std::size_t number = 0; number < options.clients; ++number) {
+        workers.push_back(std::make_unique<Worker>(number, package));
+    }
+    const auto forAll = [&](const auto& run) {
+        std::vector<std::thread> threads;
+        for (auto& worker : workers) {
+            threads.emplace_back([&run, &worker = *worker] { run(worker); });
+        }
+        return threads;
+    };
+    const auto end = Clock::now() + options.duration;
+    auto threads = forAll([end](Worker& worker) { worker.work(end); });
+    for (std::mt19937 random(1); options.withChaos && Clock::now() < end;) { // NOLINT: the same each time
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        peers.disturb(random);
+    }
+    std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
+    threads = forAll([](Worker& worker) { worker.account(); });
+    std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
+
+    std::vector<double> latencies;
+    std::string failures;
+    std::size_t operations = 0;
+    for (const auto& worker : workers) {
+        latencies.insert(latencies.end(), worker->latencies().begin(), worker->latencies().end());
+        failures += worker->failures();
+        operations += worker->operations();
+    }
+    printLatencies(std::move(latencies), operations);
+    return failures;
+}
+
+void servePeers() {
+    PackageManager manager;
+    const RuntimeManager runtime;
+    const Identification identification;
+    manager.setPackages({PackageManager::package("com.example.app")});
+    std::puts("ready");
+    std::fflush(stdout);
+    for (;;) {
+        manager.emit("PackageUpgraded", PackageManager::package("com.example.app"));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+} // namespace Testbed

@@ -1,0 +1,194 @@
+#include "common/bus/Loop.h"
+#include "tests/daemon/DaemonTest.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <future>
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace Testbed {
+
+namespace {
+
+class AnAttacker : public DaemonTest {
+protected:
+    // Sends a signal as the object of a service to every connection of a bus, without owning the service's
+    // name.
+    template<typename Argument>
+    static void forge(std::unique_ptr<sdbus::IConnection> bus, const std::string& path,
+                      const std::string& interface, const std::string& signal, const Argument& argument) {
+        std::vector<std::string> names;
+        sdbus::createProxy(*bus, "org.freedesktop.DBus", "/org/freedesktop/DBus")
+            ->callMethod("ListNames")
+            .onInterface("org.freedesktop.DBus")
+            .storeResultsTo(names);
+        const auto object = sdbus::createObject(*bus, path);
+        for (const auto& name : names) {
+            if (name.starts_with(':')) {
+                auto message = object->createSignal(interface, signal);
+                message << argument;
+                message.setDestination(name);
+                message.send();
+            }
+        }
+        object->unregister();
+    }
+    template<typename Argument>
+    static void forgePackageSignal(const std::string& signal, const Argument& argument) {
+        forge(sdbus::createSystemBusConnection(), "/norvane/ZUL", "norvane.ZUL", signal, argument);
+    }
+
+    [[nodiscard]] std::size_t occurrences(const std::string& text) const {
+        const auto log = daemon->output();
+        std::size_t count = 0;
+        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
+            ++count;
+        }
+        return count;
+    }
+
+    Client client;
+};
+
+TEST_F(AnAttacker, IsNotTakenForThePackageManagerOrTheRuntimeManager) {
+    setInstalled({"com.example.app"});
+    const auto upgrade = client.install(packageFile());
+    ASSERT_TRUE(client.waitForStatus(upgrade, 90));
+    EXPECT_EQ(client.errorOf("Restart", "a"), "");
+    client.forget();
+    forgePackageSignal("PackageUpgraded", PackageManager::package("com.example.app"));
+    forgePackageSignal("PackageInstalled", PackageManager::package("com.example.app"));
+    forgePackageSignal("PackageRemoved", std::string("com.example.app"));
+    forge(sdbus::createSessionBusConnection(), "/norvane/RuntimeManager/Control1",
+          "norvane.RuntimeManager.Control1", "Terminated", std::string("a"));
+    EXPECT_TRUE(
+        waitUntil([&] { return occurrences("dropped signals of others than norvane.RuntimeManager") == 1; }));
+    zul.emit("PackageRemoved", std::string("last"));
+    EXPECT_TRUE(client.waitForEvents(1));
+    EXPECT_THAT(client.events(), ElementsAre("removed last"));
+    EXPECT_THAT(runtime.calls("InvokeIntent"), IsEmpty());
+    EXPECT_EQ(client.operations().at(0).get<3>(), 90);
+    runtime.emit("Terminated", std::string("a"));
+    EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
+    EXPECT_EQ(occurrences("dropped signals of others than norvane.ZUL"), 1) << daemon->output();
+}
+
+TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineAndStopsNobody) {
+    const std::string huge(60UL << 20U, 'x');
+    const auto before = daemon->output().size();
+    EXPECT_EQ(client.errorOf("Start", huge), "Failed to start application");
+    EXPECT_EQ(client.errorOf("Restart", huge), "Failed to restart application");
+    EXPECT_EQ(client.errorOf("Remove", huge), "The package does not exist");
+    EXPECT_EQ(client.errorOf("Install", huge), "Failed to retrieve id from the rpm package");
+    EXPECT_EQ(client.errorOf("Install", "relative.rpm"), "Failed to retrieve id from the rpm package");
+    for (const auto* id : {"", ".", "..", "a/b", "/a"}) {
+        EXPECT_EQ(client.errorOf("Start", id), "Failed to start application") << id;
+        EXPECT_EQ(client.errorOf("Remove", id), "The package does not exist") << id;
+    }
+    EXPECT_LT(daemon->output().size() - before, 4096);
+    EXPECT_THAT(runtime.calls("InvokeIntent"), IsEmpty());
+    EXPECT_EQ(client.errorOf("Start", "a"), "");
+}
+
+TEST_F(AnAttacker, WhoLeavesAtTheEndOfAnOperationFindsItLater) {
+    zul.hold("Install");
+    std::optional<Client> leaver(std::in_place);
+    const auto name = leaver->busName();
+    identification.set(name, "shop");
+    identification.set(client.busName(), "shop");
+    const auto operation = leaver->install(packageFile());
+    ASSERT_TRUE(leaver->waitForStatus(operation, 10));
+    leaver.reset(); // the identification service still takes the name for the application's
+    zul.answer("Install");
+    std::vector<Client::Operation> completed;
+    EXPECT_TRUE(waitUntil([&] { return !(completed = client.operations("CompletedOperations")).empty(); }));
+    EXPECT_THAT(completed, ElementsAre(Client::Operation(operation.get<0>(), "com.example.app", 0, 100, 0)));
+    EXPECT_THAT(client.operations(), IsEmpty());
+}
+
+// A FUSE file system whose server never reads a request.
+class AFileSystemThatDoesNotAnswer : public DaemonTest {
+protected:
+    void SetUp() override {
+        server = Common::UniqueFd(open("/dev/fuse", O_RDWR));
+        std::filesystem::create_directory(mountPoint);
+        const auto fd = std::to_string(server.get());
+        preparation = "mount -i -t fuse -o fd=" + fd + ",rootmode=40000,user_id=0,group_id=0 none " +
+                      mountPoint.string() + " && exec " + fd + ">&-";
+        if (!server || run(inNamespace(preparation)).status != 0) {
+            GTEST_SKIP() << "no right to mount a FUSE file system";
+        }
+        server = {}; // the probe has used it up; the next one has the same number
+        server = Common::UniqueFd(open("/dev/fuse", O_RDWR));
+        DaemonTest::SetUp();
+    }
+
+    Common::UniqueFd server;
+    const std::filesystem::path mountPoint = scratch.path() / "stalled";
+};
+
+TEST_F(AFileSystemThatDoesNotAnswer, HoldsUpNobodyButThoseWhoseFilesAreRead) {
+    const auto install = [this] { return Client().errorOf("Install", (mountPoint / "x.rpm").string()); };
+    std::vector<std::future<std::string>> stalled;
+    for (std::size_t count = 0; count < Common::Loop::maximumJobs; ++count) {
+        stalled.push_back(std::async(std::launch::async, install));
+    }
+    Client client;
+    EXPECT_EQ(install(), "Failed to retrieve id from the rpm package") << "no more may wait";
+    EXPECT_TRUE(logged("ERROR: too many jobs wait for the helper thread"));
+    setInstalled({"com.example.old"});
+    EXPECT_EQ(client.errorOf("Start", "a"), "");
+    EXPECT_TRUE(client.waitForStatus(client.remove("com.example.old"), 100));
+    EXPECT_EQ(stalled.back().wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    server = {}; // the kernel ends what waits
+    for (auto& each : stalled) {
+        EXPECT_EQ(each.get(), "Failed to retrieve id from the rpm package");
+    }
+    EXPECT_TRUE(client.waitForStatus(client.install(packageFile()), 100));
+}
+
+TEST_F(AFileSystemThatDoesNotAnswer, DoesNotKeepTheServiceFromEnding) {
+    auto stalled = std::async(
+        std::launch::async, [this] { return Client().errorOf("Install", (mountPoint / "x.rpm").string()); });
+    Client client;
+    ASSERT_TRUE(waitUntil([&] { return isHelperWaiting(); }));
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait(), 0);
+    EXPECT_THAT(stalled.get(), HasSubstr("NoReply"));
+}
+
+class ARestartOfThePackageManager : public DaemonTest {
+protected:
+    Client client;
+};
+
+TEST_F(ARestartOfThePackageManager, EndsUpgradesThatItDoesNotReport) {
+    PackageSpec spec;
+    std::vector<Client::Operation> upgrades;
+    for (const auto* name : {"completed", "prepared", "discarded", "removed"}) {
+        setInstalled({name});
+        spec.name = name;
+        upgrades.push_back(client.install(buildPackage(scratch.path() / "packages", spec)));
+        ASSERT_TRUE(client.waitForStatus(upgrades.back(), 90));
+    }
+    EXPECT_EQ(client.errorOf("Restart", "prepared"), "");
+    std::filesystem::create_directories(scratch.path() / "apps/prepared/next");
+    zul.setPackages({PackageManager::package("completed", "1.0-1"),
+                     PackageManager::package("prepared", "1.0-1"),
+                     PackageManager::package("discarded", "0.9-1")});
+    zul.restart();
+    EXPECT_TRUE(client.waitForStatus(upgrades[0], 100));
+    EXPECT_TRUE(client.waitForStatus(upgrades[2], 101));
+    EXPECT_TRUE(client.waitForStatus(upgrades[3], 101));
+    EXPECT_THAT(client.statusesOf(upgrades[1]), ElementsAre(0, 10, 90));
+    EXPECT_EQ(client.operations().size(), 1);
+    zul.emit("PackageUpgraded", PackageManager::package("prepared"));
+    EXPECT_TRUE(client.waitForStatus(upgrades[1], 100));
+}
+
+} // namespace
+
+} // namespace Testbed
