@@ -16,6 +16,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 using namespace Testbed;
+namespace MessageBus = Common::Names::MessageBus;
 using Json = nlohmann::json;
 
 class Vendaractl : public testing::Test {
@@ -108,17 +109,35 @@ TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {
     const auto client = begin({"remove", "app"});
     ASSERT_TRUE(waitUntil([&] { return service.propertyReads >= 1; }));
     BusPeer forger(sdbus::createSessionBusConnection(), Own::objectPath);
-    auto signal = forger.object().createSignal(Own::interface, Own::operationStatusChanged);
-    signal << ScriptedService::operation("app", 100, 0);
-    signal.setDestination(service.client);
-    signal.send();
+    const auto claimEnd = [&] {
+        auto signal = forger.object().createSignal(Own::interface, Own::operationStatusChanged);
+        signal << ScriptedService::operation("app", 100, 0);
+        signal.setDestination(service.client);
+        signal.send();
+    };
+    claimEnd();
+    // Neither may it claim to be the service, nor that the service is gone.
+    const auto bus = sdbus::createObject(forger.connection(), MessageBus::objectPath);
+    const auto claimOwner = [&](const std::string& owner) {
+        auto signal = bus->createSignal(MessageBus::interface, MessageBus::nameOwnerChanged);
+        signal << Own::service << "" << owner;
+        signal.setDestination(service.client);
+        signal.send();
+    };
+    claimOwner(forger.connection().getUniqueName());
+    claimEnd();
+    claimOwner("");
     // It asks again, having heard nothing that counts.
     const int before = service.propertyReads;
     ASSERT_TRUE(waitUntil([&] { return service.propertyReads > before; }));
     client->signal(SIGINT);
     EXPECT_EQ(client->wait(), 128 + SIGINT);
-    EXPECT_THAT(client->output(),
+    const auto output = client->output();
+    EXPECT_THAT(output,
                 AllOf(HasSubstr("the service carries the operations on"), Not(HasSubstr("finished"))));
+    const std::string warning = "WARN: dropped a signal ";
+    EXPECT_THAT(output, HasSubstr(warning + Own::operationStatusChanged));
+    EXPECT_EQ(output.find(warning), output.rfind(warning)) << output;
 }
 
 TEST_F(Vendaractl, PrintsJsonForEveryCommand) {

@@ -184,13 +184,15 @@ void ServiceClient::subscribe() {
             "',interface='" + MessageBus::interface + "',member='" + MessageBus::nameOwnerChanged +
             "',arg0='" + Own::service + "'",
         [this](sdbus::Message& message) {
-            guarded([&] {
-                std::string name;
-                std::string previous;
-                std::string owner;
-                message >> name >> previous >> owner;
-                ownerChanged(owner);
-            });
+            if (isFrom(MessageBus::service, message)) {
+                guarded([&] {
+                    std::string name;
+                    std::string previous;
+                    std::string owner;
+                    message >> name >> previous >> owner;
+                    ownerChanged(owner);
+                });
+            }
         },
         sdbus::floating_slot);
     onSignal(Own::operationStatusChanged, listeners_.operationChanged);
@@ -229,14 +231,25 @@ void ServiceClient::ownerChanged(const std::string& owner) {
     }
 }
 
-// Any program of the session may send a signal of this name to this connection: only the service's count.
+// Any program of the session may send this connection a signal of any name: the bus checks no sender of a
+// signal that is addressed to one connection, and neither does the bus library.
+bool ServiceClient::isFrom(const std::string& sender, const sdbus::Message& message) {
+    const bool genuine = message.getSender() == sender;
+    // Before the first answer of the bus the owner is not known yet.
+    if (!genuine && !sender.empty() && !std::exchange(forgeryReported_, true)) {
+        Common::logWarning() << "dropped a signal " << message.getMemberName() << " from "
+                             << message.getSender() << ", which is not the service";
+    }
+    return genuine;
+}
+
 template<typename Argument>
 void ServiceClient::onSignal(const std::string& signal, std::function<void(const Argument&)> listener) {
     if (!listener) {
         return;
     }
     const auto handler = [this, listener = std::move(listener)](sdbus::Signal& message) {
-        if (message.getSender() == owner_) {
+        if (isFrom(owner_, message)) {
             guarded([&] {
                 Argument argument;
                 message >> argument;

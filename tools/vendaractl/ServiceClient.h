@@ -80,6 +80,7 @@ private:
     void subscribe();
     void startService();
     void ownerChanged(const std::string& owner);
+    [[nodiscard]] bool isFrom(const std::string& sender, const sdbus::Message& message);
     template<typename Argument>
     void onSignal(const std::string& signal, std::function<void(const Argument&)> listener);
     template<typename... Arguments>
@@ -91,6 +92,7 @@ private:
     SignalWatch signals_;
     Listeners listeners_;
     std::string owner_; // unique name of the service's connection; empty: none
+    bool forgeryReported_ = false;
     std::exception_ptr failure_;
     std::unique_ptr<sdbus::IConnection> connection_;
     std::unique_ptr<sdbus::IProxy> bus_;
