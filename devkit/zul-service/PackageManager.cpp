@@ -119,6 +119,12 @@ void PackageManager::completeUpgrade(const std::string& id) {
     Common::logInfo() << "upgraded " << id << " to version " << package.version();
 }
 
+bool PackageManager::isOnDisk(const std::string& id) const {
+    std::error_code error;
+    const auto record = database_.rootDirectory() / id / "current" / Core::ZUL::recordName;
+    return std::filesystem::status(record, error).type() != std::filesystem::file_type::not_found;
+}
+
 PackageManager::PackageList PackageManager::list() {
     PackageList result;
     for (const auto& [directory, package] : database_.packages()) {

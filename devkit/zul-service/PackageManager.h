@@ -46,6 +46,10 @@ public:
     /// What the database says about a package.
     [[nodiscard]] Core::ZUL::PackageData describe(const std::string& id) { return database_.packageData(id); }
 
+    /// Whether the record of an installed package is there. What cannot be looked at counts as there. Any
+    /// thread.
+    [[nodiscard]] bool isOnDisk(const std::string& id) const;
+
     /// Every installed package that can be told on a bus.
     [[nodiscard]] PackageList list();
 

@@ -12,6 +12,7 @@
 
 namespace Devkit {
 
+namespace Keys = Common::Names::PackageKeys;
 namespace Names = Common::Names::Zul;
 using Common::ErrorCode;
 
@@ -79,7 +80,7 @@ void ZulService::registerInterface() {
     object_->registerMethod(Names::getPackageList)
         .onInterface(Names::interface)
         .withOutputParamNames("packages")
-        .implementedAs([this] { return packages_; });
+        .implementedAs([this] { return presentPackages(); });
     for (const auto& signal : {Names::packageInstalled, Names::packageUpgraded}) {
         object_->registerSignal(signal)
             .onInterface(Names::interface)
@@ -97,6 +98,14 @@ ZulService::Work ZulService::install(const std::string& path) {
         return [this, id] { completeWhenUnused(id); };
     }
     return [this, id] { tellPackage(Names::packageInstalled, manager_.describe(id)); };
+}
+
+// The list is of the last operation's end. Of a package that somebody has deleted since, an installation
+// would be a new one: clients must not take it for an upgrade, whose end they would wait for.
+PackageManager::PackageList ZulService::presentPackages() const {
+    auto packages = packages_;
+    std::erase_if(packages, [this](const auto& package) { return !manager_.isOnDisk(package.at(Keys::id)); });
+    return packages;
 }
 
 // The reply precedes the signals about what was done, and the list that is told by then includes it.

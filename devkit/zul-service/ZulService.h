@@ -37,6 +37,7 @@ private:
     using Request = std::function<Work()>; ///< returns what is to be done after the reply
 
     void registerInterface();
+    [[nodiscard]] PackageManager::PackageList presentPackages() const;
     Work install(const std::string& path);
     void answerWhenDone(Reply reply, Request request);
     void completeWhenUnused(const std::string& id);
@@ -48,7 +49,7 @@ private:
     Daemon::MainLoop& loop_;
     PackageManager::PackageList packages_; // main thread's
     std::unique_ptr<sdbus::IObject> object_;
-    PackageManager manager_; // worker's
+    PackageManager manager_; // worker's, but for what any thread may ask
     Core::TaskQueue<Work> worker_;
     // Last: its thread hands work to the worker.
     Watcher watcher_;

@@ -120,6 +120,23 @@ TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionEnd
     EXPECT_EQ(current(), "2.0-1");
 }
 
+TEST_F(ThePackageManager, ListsNoPackageThatIsGoneFromTheDisk) {
+    start();
+    const auto file = package({.version = "1.0"});
+    ASSERT_EQ(install(file), "");
+    const auto listed = [this] {
+        Packages packages;
+        auto reply = client_.call(Zul::getPackageList, limit);
+        reply >> packages;
+        return packages.size();
+    };
+    EXPECT_EQ(listed(), 1U);
+    fs::remove(directory_ / "db/app/com.example.app/current");
+    EXPECT_EQ(listed(), 0U);
+    EXPECT_EQ(install(file), "");
+    EXPECT_EQ(listed(), 1U);
+}
+
 TEST_F(ThePackageManager, ListsPackagesWhileItInstallsAndReportsAFullDisk) {
     if (run({"unshare", "-m", "true"}).status != 0) {
         GTEST_SKIP() << "mount namespaces are root's here";
