@@ -116,7 +116,8 @@ public:
     /// upgrades, deletes versions that are not installed and packages that cannot be read. Leaves mappings
     /// alone: refreshMappings() of each package is the next step. One package's trouble is logged, not
     /// thrown.
-    void recoverDatabase();
+    /// @return the identifiers of the packages whose upgrade it completed, which is left to announce
+    std::vector<std::string> recoverDatabase();
 
     /// Brings the system directories in line with the installed version: missing mappings are made, those of
     /// the package's own that it no longer has are removed, what belongs to others is left.
@@ -139,7 +140,7 @@ private:
     [[nodiscard]] MappingList removeMappingsOf(const PackageDirectory& directory,
                                                const std::string& words) const;
     void removeTempDirectory() const;
-    void recoverPackage(const PackageDirectory& directory);
+    void recoverPackage(const PackageDirectory& directory, std::vector<std::string>& completed);
 
     std::filesystem::path rootDirectory_;
     std::filesystem::path tempDirectory_;

@@ -51,7 +51,7 @@ void Database::removeTempDirectory() const {
     }
 }
 
-void Database::recoverPackage(const PackageDirectory& directory) {
+void Database::recoverPackage(const PackageDirectory& directory, std::vector<std::string>& completed) {
     if (!directory.isReal()) {
         return;
     }
@@ -64,6 +64,7 @@ void Database::recoverPackage(const PackageDirectory& directory) {
     if (directory.hasNextLink()) {
         if (rename(directory.next().c_str(), directory.current().c_str()) == 0) {
             const auto name = directory.path().filename().native();
+            completed.push_back(name);
             Common::logInfo() << "package " << name << " successfully upgraded";
             recordEvent(Event::PackageUpgraded, ErrorCode::None,
                         "package " + name + " upgraded to " +
@@ -82,15 +83,16 @@ void Database::recoverPackage(const PackageDirectory& directory) {
     }
 }
 
-void Database::recoverDatabase() {
+std::vector<std::string> Database::recoverDatabase() {
+    std::vector<std::string> completed;
     removeTempDirectory();
     if (!Common::leadsSomewhere(rootDirectory_)) {
         Common::logWarning() << "database root directory doesn't exist";
-        return;
+        return completed;
     }
     for (const auto& entry : entriesOf(rootDirectory_)) {
         try {
-            recoverPackage(PackageDirectory(entry));
+            recoverPackage(PackageDirectory(entry), completed);
         } catch (const std::exception& error) {
             Common::logWarning() << "couldn't recover package directory " << quoted(entry) << ": " << error;
         }
@@ -102,6 +104,7 @@ void Database::recoverDatabase() {
             Common::logWarning() << error;
         }
     }
+    return completed;
 }
 
 void Database::refreshMappings(const std::string& packageId) {

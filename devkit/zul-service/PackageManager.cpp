@@ -62,8 +62,8 @@ bool canTravel(const PackageData& package) {
 
 PackageManager::PackageManager(Core::ZUL::Database database, Settings settings)
     : database_(std::move(database))
-    , settings_(std::move(settings)) {
-    database_.recoverDatabase();
+    , settings_(std::move(settings))
+    , recovered_(database_.recoverDatabase()) {
     for (const auto& [directory, package] : database_.packages()) {
         try {
             database_.refreshMappings(package.at(Keys::id));

@@ -27,6 +27,9 @@ public:
     /// Brings the database in order after a restart.
     PackageManager(Core::ZUL::Database database, Settings settings);
 
+    /// The packages whose upgrade the constructor completed.
+    [[nodiscard]] const std::vector<std::string>& recovered() const { return recovered_; }
+
     /// Installs a package file or, when the package is installed, prepares the upgrade: then it waits for
     /// completeUpgrade().
     /// @return the identifier of the package
@@ -59,6 +62,7 @@ private:
 
     Core::ZUL::Database database_;
     Settings settings_;
+    std::vector<std::string> recovered_;
     std::map<std::string, Core::ZUL::Package> prepared_; // by identifier
 };
 

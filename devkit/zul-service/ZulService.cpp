@@ -46,6 +46,7 @@ ZulService::ZulService(sdbus::IConnection& connection, Daemon::MainLoop& loop, P
     , manager_(std::move(manager))
     , worker_([](Work& work) { work(); }) {
     registerInterface();
+    announceRecovered();
 }
 
 ZulService::~ZulService() { object_->unregister(); }
@@ -90,6 +91,14 @@ void ZulService::registerInterface() {
         .onInterface(Names::interface)
         .withParameters<std::string>("id");
     object_->finishRegistration();
+}
+
+// Whoever prepared these upgrades ended without announcing them, and clients still wait.
+void ZulService::announceRecovered() {
+    for (const auto& id : manager_.recovered()) {
+        Common::guarded("couldn't announce the upgrade of " + id,
+                        [&] { tellPackage(Names::packageUpgraded, manager_.describe(id)); });
+    }
 }
 
 ZulService::Work ZulService::install(const std::string& path) {

@@ -37,6 +37,7 @@ private:
     using Request = std::function<Work()>; ///< returns what is to be done after the reply
 
     void registerInterface();
+    void announceRecovered();
     [[nodiscard]] PackageManager::PackageList presentPackages() const;
     Work install(const std::string& path);
     void answerWhenDone(Reply reply, Request request);

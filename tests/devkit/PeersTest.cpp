@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <csignal>
 #include <unistd.h>
 
 using namespace Testbed;
@@ -61,6 +62,7 @@ protected:
             command.emplace_back("--without-security-attributes");
         }
         Peers::start(command, "--system", Zul::service);
+        command_ = command;
         client_.start({{Zul::packageUpgraded, [this](sdbus::Signal&) { upgraded_ = true; }}});
     }
 
@@ -77,6 +79,7 @@ protected:
     std::string install(const fs::path& file) { return errorOf(client_, Zul::install, file.native(), Map()); }
     fs::path current() { return fs::read_symlink(directory_ / "db/app/com.example.app/current").filename(); }
 
+    std::vector<std::string> command_;
     std::atomic<bool> upgraded_ = false;
     Common::BusClient client_{{Common::Bus::System, Zul::service, Zul::objectPath, Zul::interface}};
 };
@@ -116,6 +119,22 @@ TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionEnd
     EXPECT_FALSE(upgraded_);
     EXPECT_EQ(current(), "1.0-1");
     application.signal(SIGKILL);
+    EXPECT_TRUE(waitUntil([this] { return upgraded_.load(); })) << service_->output();
+    EXPECT_EQ(current(), "2.0-1");
+}
+
+TEST_F(ThePackageManager, AnnouncesTheUpgradeThatItsRestartCompletes) {
+    start();
+    ASSERT_EQ(install(package({.version = "1.0"})), "");
+    Process application({"sleep", "1000"}, {.directory = directory_ / "db/app/com.example.app/current"});
+    const auto second = package({.version = "2.0"});
+    const auto workingDirectory = "/proc/" + std::to_string(application.pid()) + "/cwd";
+    ASSERT_TRUE(waitUntil([&] { return fs::read_symlink(workingDirectory).filename() == "1.0-1"; }));
+    ASSERT_EQ(install(second), "");
+    service_->signal(SIGKILL);
+    service_->wait();
+    EXPECT_FALSE(upgraded_);
+    Peers::start(command_, "--system", Zul::service);
     EXPECT_TRUE(waitUntil([this] { return upgraded_.load(); })) << service_->output();
     EXPECT_EQ(current(), "2.0-1");
 }

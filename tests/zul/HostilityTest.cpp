@@ -80,7 +80,7 @@ TEST_F(Hostility, OfLinksNeverLeadsDeletionOut) {
                 } else if (operation == "damaged" || operation == "swept") {
                     fs::remove(dir() / "current");
                     fs::rename(dir() / "next", dir() / "current");
-                    operation == "swept" ? database.recoverDatabase()
+                    operation == "swept" ? static_cast<void>(database.recoverDatabase())
                                          : static_cast<void>(database.packages());
                 }
                 database.remove(app.id());

@@ -9,8 +9,9 @@ TEST_F(Recovery, CompletesAPreparedUpgradeAndSweeps) {
     prepare(newer, {{"bin/tool", "2"}, {"bin/new", "2"}});
     writeFile(dir() / "stray", "x");
     extract({{"left/over", "x"}});
+    install(Package("com.example.other", "1-1"), {});
     const LogCapture log;
-    database.recoverDatabase();
+    EXPECT_THAT(database.recoverDatabase(), ElementsAre("com.example.app"));
     EXPECT_THAT(log.lines(), ElementsAre("INFO: package com.example.app successfully upgraded"));
     EXPECT_FALSE(fs::exists(temp));
     EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "2.0-1"));
