@@ -24,6 +24,13 @@ void requireApplicationId(const std::string& id) {
     }
 }
 
+// Whether the child has ended and is not reaped yet.
+bool hasEnded(pid_t process) {
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == process;
+}
+
 std::string endOf(int status) {
     if (WIFSIGNALED(status)) {
         return "by signal " + std::to_string(WTERMSIG(status));
@@ -76,7 +83,12 @@ void RuntimeManager::invokeIntent(const std::string& intent,
     }
     const auto id = handler->second.get<std::string>();
     requireApplicationId(id);
-    const auto found = applications_.find(id);
+    auto found = applications_.find(id);
+    if (found != applications_.end() && hasEnded(found->second.process)) {
+        // Others may know of its end before the watcher has reported it here, and ask for the next start.
+        applicationEnded(id, found->second.serial);
+        found = applications_.end();
+    }
     if (found == applications_.end()) {
         start(id);
     } else if (found->second.ending) {
@@ -89,9 +101,11 @@ void RuntimeManager::invokeIntent(const std::string& intent,
 void RuntimeManager::start(const std::string& id) {
     const pid_t process = spawn(commandFor(id));
     try {
-        applications_.emplace(id, Application{process, ++lastSerial_});
-        watcher_.whenReadable(processDescriptor(process),
-                              [this, id] { loop_.post([this, id] { applicationEnded(id); }); });
+        const auto serial = ++lastSerial_;
+        applications_.emplace(id, Application{process, serial});
+        watcher_.whenReadable(processDescriptor(process), [this, id, serial] {
+            loop_.post([this, id, serial] { applicationEnded(id, serial); });
+        });
     } catch (...) {
         // Nobody would notice its end.
         applications_.erase(id);
@@ -125,8 +139,11 @@ void RuntimeManager::killIfStillRunning(const std::string& id, std::uint64_t ser
     }
 }
 
-void RuntimeManager::applicationEnded(const std::string& id) {
+void RuntimeManager::applicationEnded(const std::string& id, std::uint64_t serial) {
     const auto found = applications_.find(id);
+    if (found == applications_.end() || found->second.serial != serial) {
+        return;
+    }
     // What the application has left behind goes with it. The process is not reaped yet, so its number still
     // names its own group.
     kill(-found->second.process, SIGKILL);

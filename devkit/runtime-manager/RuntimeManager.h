@@ -40,7 +40,7 @@ private:
     void start(const std::string& id);
     void terminate(const std::string& id);
     void killIfStillRunning(const std::string& id, std::uint64_t serial);
-    void applicationEnded(const std::string& id);
+    void applicationEnded(const std::string& id, std::uint64_t serial);
     [[nodiscard]] std::vector<std::string> commandFor(const std::string& id) const;
 
     Daemon::MainLoop& loop_;

@@ -179,6 +179,55 @@ TEST_F(ThePackageManager, ListsPackagesWhileItInstallsAndReportsAFullDisk) {
     EXPECT_EQ(error, Common::errorNameOf(ErrorCode::Filesystem)) << service_->output();
 }
 
+TEST_F(Peers, StartAnApplicationWhoseEndIsStillQueued) {
+    writeFile(directory_ / "usr/bin/app", "#!/bin/sh\necho \"pid $$\"\ntrap : TERM\n"
+                                          "while :; do read line <>fifo; done\n");
+    fs::permissions(directory_ / "usr/bin/app", fs::perms::owner_all);
+    writeFile(directory_ / "usr/share/applications/app.desktop",
+              "[Desktop Entry]\nType=Application\nName=App\nExec=app\n");
+    ASSERT_EQ(run({"mkfifo", directory_ / "fifo"}).status, 0);
+    const std::string program = PROGRAMS "runtime-manager";
+    start({"env", "-C", directory_, program, "--system-root", directory_, "--patience", "60000"}, "--session",
+          RuntimeManager::service);
+    const auto lastProcess = [this] {
+        const auto output = service_->output();
+        const auto found = output.rfind("pid ");
+        return found == output.npos ? 0 : std::atoi(output.c_str() + found + 4);
+    };
+    Common::BusClient control({Common::Bus::Session, RuntimeManager::service, RuntimeManager::controlPath,
+                               RuntimeManager::controlInterface});
+    control.start();
+    const auto intents = sdbus::createProxy(sdbus::createSessionBusConnection(), RuntimeManager::service,
+                                            RuntimeManager::intentsPath);
+    const Map hints{{RuntimeManager::preferredHandler, sdbus::Variant(std::string("app"))}};
+    std::atomic<int> answers = 0;
+    const auto askForStart = [&] {
+        intents->callMethodAsync(RuntimeManager::invokeIntent)
+            .onInterface(RuntimeManager::intentsInterface)
+            .withArguments(RuntimeManager::startIntent, hints, Map())
+            .uponReplyInvoke([&](const sdbus::Error* error) {
+                EXPECT_EQ(error, nullptr);
+                ++answers;
+            });
+    };
+    askForStart();
+    // Which of the two the stalled program notices first is left to chance.
+    pid_t process = 0;
+    for (int round = 1; round <= 5; ++round) {
+        ASSERT_TRUE(waitUntil([&] { return answers == round && lastProcess() != process; }));
+        process = lastProcess();
+        control.call(RuntimeManager::terminate, limit, std::string("app"));
+        service_->signal(SIGSTOP);
+        kill(process, SIGKILL);
+        const auto status = "/proc/" + std::to_string(process) + "/stat";
+        ASSERT_TRUE(waitUntil([&] { return readFile(status).find(") Z ") != std::string::npos; }));
+        askForStart();
+        service_->signal(SIGCONT);
+        ASSERT_TRUE(waitUntil([&] { return answers == round + 1 && lastProcess() != process; }))
+            << service_->output();
+    }
+}
+
 TEST_F(Peers, TellTheEndOfAnApplicationThatDoesNotEndPolitely) {
     writeFile(directory_ / "usr/bin/app",
               "#!/bin/sh\ntrap : TERM\nprintf '<%s>' \"$@\"\nread line <>fifo\nread line <>fifo\n");
