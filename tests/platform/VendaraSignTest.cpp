@@ -140,21 +140,26 @@ TEST_F(VendaraSign, MakesAuthoritiesWhoseKeysOnlyTheOwnerReads) {
     writeFile(scratch.path() / "ca/evil.pem", Signing::certificatePem(evil));
     ASSERT_EQ(sign(by("client", "evil", "a.rpm")).status, 0);
     EXPECT_THAT(sign({"--show", "a.rpm"}).output, HasSubstr("subject: CN=evil\\u{9b}\\u{202e}\n"));
+    std::string refusal;
     const auto verifyWith = [&](const std::vector<std::string>& dates) {
         std::filesystem::remove_all(scratch.path() / "ca");
         auto arguments = dates;
         arguments.insert(arguments.end(), {"--make-test-ca", "ca"});
         EXPECT_EQ(sign(arguments).status, 0);
-        auto signing = by("developer", "developer", plain);
-        signing.emplace_back("--output=b.rpm");
+        auto signing = by("developer", "developer", plain, {"--output=b.rpm"});
+        refusal = sign(signing).output;
+        signing.emplace_back("--allow-expired");
         EXPECT_EQ(sign(signing).status, 0);
         return sign({"--verify", "--authority", "ca/ca.pem", "b.rpm"});
     };
     EXPECT_THAT(verifyWith({"--not-before", "2001-01-01", "--not-after", "2002-01-01"}).output,
                 HasSubstr("certificate has expired"));
+    EXPECT_THAT(refusal, HasSubstr("ca/developer.pem: certificate has expired on 2002-01-01"));
     EXPECT_THAT(verifyWith({"--not-before", "2090-01-01", "--not-after", "2091-01-01"}).output,
                 HasSubstr("certificate is not yet valid"));
+    EXPECT_THAT(refusal, HasSubstr("ca/developer.pem: certificate is not yet valid, but from 2090-01-01"));
     EXPECT_EQ(verifyWith({"--not-before", "2001-01-01"}).status, 0);
+    EXPECT_EQ(refusal, "");
 }
 
 TEST_F(VendaraSign, TellsWrongUsageFromFailure) {
@@ -170,6 +175,7 @@ TEST_F(VendaraSign, TellsWrongUsageFromFailure) {
                                               {"--make-test-ca", "new", "--not-after", "2027-02-31"},
                                               {"--make-test-ca", "new", "--not-after", "2001-01-01"},
                                               {"--show", "a.rpm", "--output", "b.rpm"},
+                                              {"--show", "a.rpm", "--allow-expired"},
                                               by("developer", "developer", "a.rpm", {"--output", ""}),
                                               {"--show", "a.rpm", "more.rpm"}};
     for (const auto& arguments : wrong) {

@@ -5,6 +5,10 @@
 
 #include <openssl/pem.h>
 
+#include <ctime>
+#include <iomanip>
+#include <sstream>
+
 namespace Signing {
 
 namespace OpenSsl = PackageSignatures::OpenSsl;
@@ -43,6 +47,22 @@ Identity loadIdentity(const std::filesystem::path& key, const std::filesystem::p
         throw std::runtime_error(certificate.string() + ": " + error.what());
     }
     return identity;
+}
+
+void requireValidNow(const X509& certificate) {
+    const auto require = [](bool condition, const std::string& problem, const ASN1_TIME* time) {
+        std::tm fields{};
+        if (!condition) {
+            ASN1_TIME_to_tm(time, &fields);
+            std::ostringstream day;
+            day << std::put_time(&fields, "%Y-%m-%d");
+            throw std::runtime_error(problem + day.str());
+        }
+    };
+    const auto* begin = X509_get0_notBefore(&certificate);
+    const auto* end = X509_get0_notAfter(&certificate);
+    require(X509_cmp_current_time(begin) < 0, "certificate is not yet valid, but from ", begin);
+    require(X509_cmp_current_time(end) > 0, "certificate has expired on ", end);
 }
 
 std::string keyPem(const Identity& identity) {

@@ -19,6 +19,10 @@ struct Identity {
 [[nodiscard]] Identity loadIdentity(const std::filesystem::path& key,
                                     const std::filesystem::path& certificate);
 
+/// Checks that a certificate is valid now. A device takes no signature of any other one.
+/// Throws std::runtime_error with the day on which its time begins or has ended.
+void requireValidNow(const X509& certificate);
+
 /// In PEM. Both throw std::runtime_error when OpenSSL fails.
 [[nodiscard]] std::string keyPem(const Identity& identity);
 [[nodiscard]] std::string certificatePem(const Identity& identity);

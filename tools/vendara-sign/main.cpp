@@ -30,6 +30,7 @@ struct Arguments {
     std::string testAuthority;
     std::string notBefore, notAfter;
     std::string authority;
+    bool allowExpired = false;
     bool verify = false;
     bool show = false;
 };
@@ -74,6 +75,8 @@ void declareSigning(CLI::App& app, Arguments& arguments) {
         addFile(app, "--client-cert", arguments.clientCertificate, "The client's certificate");
     clientKey->needs(clientCertificate);
     clientCertificate->needs(clientKey);
+    app.add_flag("--allow-expired", arguments.allowExpired,
+                 "Sign with a certificate that is not valid today; no device takes the package");
     app.add_option("--trustlet", arguments.trustlets,
                    "Sign this file, or all files below this directory of the package, as trustlets too")
         ->type_name("PATH")
@@ -114,6 +117,9 @@ void checkUsage(const Arguments& arguments) {
     }
     if (!arguments.output.empty() && !sign) {
         throw CLI::ValidationError("--output is for signing");
+    }
+    if (arguments.allowExpired && !sign) {
+        throw CLI::ValidationError("--allow-expired is for signing");
     }
     if (const auto validity = validityFrom(arguments); validity.notAfter <= validity.notBefore) {
         throw CLI::ValidationError("the certificates would end before they begin");
@@ -157,16 +163,29 @@ void makeTestAuthority(const Arguments& arguments) {
     Signing::makeTestAuthority(arguments.testAuthority, validityFrom(arguments));
 }
 
+Signing::Identity signerFrom(const std::string& key, const std::string& certificate, bool allowExpired) {
+    auto identity = Signing::loadIdentity(key, certificate);
+    if (!allowExpired) {
+        try {
+            Signing::requireValidNow(*identity.certificate);
+        } catch (const std::runtime_error& error) {
+            throw std::runtime_error(certificate + ": " + error.what());
+        }
+    }
+    return identity;
+}
+
 void sign(const Arguments& arguments) {
     Signing::SignRequest request;
     request.package = arguments.package;
     request.output = arguments.output.empty() ? arguments.package : arguments.output;
     request.trustlets = arguments.trustlets;
     if (!arguments.developerKey.empty()) {
-        request.developer = Signing::loadIdentity(arguments.developerKey, arguments.developerCertificate);
+        request.developer =
+            signerFrom(arguments.developerKey, arguments.developerCertificate, arguments.allowExpired);
     }
     if (!arguments.clientKey.empty()) {
-        request.client = Signing::loadIdentity(arguments.clientKey, arguments.clientCertificate);
+        request.client = signerFrom(arguments.clientKey, arguments.clientCertificate, arguments.allowExpired);
     }
     Signing::signPackage(request);
 }
