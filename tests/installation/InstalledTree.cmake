@@ -59,35 +59,58 @@ run(${CMAKE_COMMAND} -S ${EXAMPLE} -B ${SCRATCH}/build -D CMAKE_PREFIX_PATH=${tr
     ${flags})
 run(${CMAKE_COMMAND} --build ${SCRATCH}/build)
 set(ENV{HOME} ${SCRATCH})
-run(rpmbuild -bb --define "_topdir ${SCRATCH}/rpm" --define "_rpmfilename sample.rpm"
-    ${CMAKE_CURRENT_LIST_DIR}/sample.spec)
-set(package ${SCRATCH}/rpm/RPMS/sample.rpm)
-set(manager ${SCRATCH}/build/package-manager ${SCRATCH})
-run(${tree}/bin/vendara-sign --make-test-ca ${SCRATCH})
-execute_process(COMMAND ${manager} install ${package} RESULT_VARIABLE status ERROR_VARIABLE output)
-if(status EQUAL 0 OR NOT output MATCHES "norvane.ZUL.Error.BadPackageSignature")
-    message(FATAL_ERROR "a package without signatures is not refused: ${output}")
+set(system ${SCRATCH}/system)
+set(manager ${SCRATCH}/build/package-manager ${system})
+run(${tree}/bin/vendara-sign --make-test-ca ${system})
+foreach(version 1.0 2.0)
+    run(rpmbuild -bb --define "_topdir ${SCRATCH}/rpm" --define "_rpmfilename sample-${version}.rpm"
+        --define "sample_version ${version}" ${CMAKE_CURRENT_LIST_DIR}/sample.spec)
+    set(package-${version} ${SCRATCH}/rpm/RPMS/sample-${version}.rpm)
+endforeach()
+
+# expect(STATUS TEXT COMMAND...) runs a command in SCRATCH, which ends with the status and writes what matches the text.
+function(expect status text)
+    execute_process(COMMAND ${ARGN} WORKING_DIRECTORY ${SCRATCH}
+        RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+    if(NOT result EQUAL status OR NOT output MATCHES "${text}")
+        message(FATAL_ERROR "${ARGN}: ${result}, not ${status} and \"${text}\"\n${output}")
+    endif()
+endfunction()
+
+# It touches no directory that it was not given, and none of somebody else's.
+file(WRITE ${SCRATCH}/foreign/apps/precious text)
+expect(2 "usage" ${SCRATCH}/build/package-manager)
+expect(2 "usage" ${SCRATCH}/build/package-manager --verbose)
+expect(0 "usage" ${SCRATCH}/build/package-manager --help)
+expect(2 "usage" ${manager} install)
+expect(1 "foreign/apps is not this program's" ${SCRATCH}/build/package-manager foreign)
+if(NOT EXISTS ${SCRATCH}/foreign/apps/precious OR EXISTS ${SCRATCH}/--help OR EXISTS ${SCRATCH}/apps)
+    message(FATAL_ERROR "the example has touched what is not its own")
 endif()
-execute_process(COMMAND ${manager} install RESULT_VARIABLE status OUTPUT_QUIET ERROR_QUIET)
-if(NOT status EQUAL 2)
-    message(FATAL_ERROR "a command without its argument is not refused: ${status}")
-endif()
-run(${tree}/bin/vendara-sign --developer-key ${SCRATCH}/developer.key --developer-cert ${SCRATCH}/developer.pem
-    ${package})
-# The example finds its directory from within, too.
-execute_process(COMMAND ${SCRATCH}/build/package-manager . install ${package} WORKING_DIRECTORY ${SCRATCH}
-    OUTPUT_VARIABLE output ERROR_VARIABLE output)
+expect(1 "norvane.ZUL.Error.BadPackageSignature" ${manager} install ${package-1.0})
+foreach(version 1.0 2.0)
+    run(${tree}/bin/vendara-sign --developer-key ${system}/developer.key --developer-cert ${system}/developer.pem
+        ${package-${version}})
+endforeach()
+# The example finds its directory also by a relative path.
+execute_process(COMMAND ${SCRATCH}/build/package-manager system install ${package-1.0} WORKING_DIRECTORY ${SCRATCH}
+    RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE output)
 if(NOT output MATCHES "com.example.sample 1.0-1\n" OR
-   NOT EXISTS ${SCRATCH}/apps/com.example.sample/current/quenra.pkg)
+   NOT EXISTS ${system}/apps/com.example.sample/current/quenra.pkg)
     message(FATAL_ERROR "the package is not installed: ${output}")
 endif()
 # What a refused package leaves would get into the next one.
-execute_process(COMMAND ${manager} install ${package} RESULT_VARIABLE status ERROR_VARIABLE output)
-file(GLOB remains ${SCRATCH}/temp/*)
-if(NOT status EQUAL 1 OR remains)
-    message(FATAL_ERROR "a version that is installed is not refused without a trace: ${status} ${output} ${remains}")
+expect(1 "norvane.ZUL.Error.DowngradeAttempt" ${manager} install ${package-1.0})
+file(GLOB remains ${system}/temp/*)
+if(remains)
+    message(FATAL_ERROR "a refused package leaves ${remains}")
+endif()
+expect(0 "com.example.sample 2.0-1\n" ${manager} install ${package-2.0})
+file(GLOB versions RELATIVE ${system}/apps/com.example.sample ${system}/apps/com.example.sample/*)
+if(NOT versions STREQUAL "2.0-1;current")
+    message(FATAL_ERROR "the upgrade leaves ${versions}")
 endif()
 run(${manager} remove com.example.sample)
-if(EXISTS ${SCRATCH}/apps/com.example.sample)
+if(EXISTS ${system}/apps/com.example.sample)
     message(FATAL_ERROR "the package is not removed")
 endif()
