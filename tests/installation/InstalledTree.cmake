@@ -95,6 +95,10 @@ endforeach()
 # The example finds its directory also by a relative path.
 execute_process(COMMAND ${SCRATCH}/build/package-manager system install ${package-1.0} WORKING_DIRECTORY ${SCRATCH}
     RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE output)
+if(output MATCHES "security.ima[^\n]*Operation not permitted")
+    message("SKIPPED: only root may install packages here: ${output}")
+    return()
+endif()
 if(NOT output MATCHES "com.example.sample 1.0-1\n" OR
    NOT EXISTS ${system}/apps/com.example.sample/current/quenra.pkg)
     message(FATAL_ERROR "the package is not installed: ${output}")
