@@ -20,6 +20,24 @@ inline void tellWrongUsage(const std::string& problem) {
     std::cerr << Common::printable(problem) << "\nRun with --help for more information." << std::endl;
 }
 
+/// What is wrong with a command line: what the parser does not know comes first, since what it misses may be
+/// just that.
+inline std::string problemOf(const CLI::App& parser, const CLI::ParseError& error) {
+    const auto unknown = parser.remaining(true);
+    const auto given = parser.get_subcommands();
+    const bool takesCommand = !parser.get_subcommands([](const CLI::App*) { return true; }).empty();
+    if (unknown.empty()) {
+        return takesCommand && given.empty() ? "a command is required" : error.what();
+    }
+    const auto command = given.empty() ? "" : given.front()->get_name() + ": ";
+    const auto& first = unknown.front();
+    return command +
+           (first.starts_with('-')          ? "unknown option: "
+            : takesCommand && given.empty() ? "unknown command: "
+                                            : "unexpected argument: ") +
+           first;
+}
+
 /// Parses a command line.
 /// @param tell  is given what is wrong with it
 /// @return nothing when the program is to go on; its exit status after help was asked for, or after the
@@ -34,7 +52,7 @@ parse(CLI::App& parser, int argc, const char* const* argv,
         if (error.get_exit_code() == EXIT_SUCCESS) {
             return parser.exit(error);
         }
-        tell(error.what());
+        tell(problemOf(parser, error));
         return wrongUsage;
     }
 }

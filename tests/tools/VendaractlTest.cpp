@@ -103,6 +103,24 @@ TEST_F(Vendaractl, EndsWithThreeWhenTheServiceIsNotThereOrLeaves) {
     EXPECT_EQ(ctl({"list"}).status, 3);
 }
 
+TEST_F(Vendaractl, NamesWhatIsWrongWithACommandLine) {
+    const std::pair<std::vector<std::string>, const char*> cases[] = {
+        {{}, "a command is required"},
+        {{"frobnicate"}, "unknown command: frobnicate"},
+        {{"--bogus", "list"}, "list: unknown option: --bogus"},
+        {{"install", "--bogus"}, "install: unknown option: --bogus"},
+        {{"info", "--no-wait"}, "info: unknown option: --no-wait"},
+        {{"start", "a", "b"}, "start: unexpected argument: b"},
+        {{"remove"}, "ID is required"}};
+    for (const auto& [arguments, problem] : cases) {
+        const auto result = ctl(arguments);
+        EXPECT_EQ(result.status, 2) << problem;
+        EXPECT_THAT(result.output, testing::StartsWith(problem));
+    }
+    EXPECT_EQ(ctl({"--json", "frobnicate"}).output,
+              "{\"error\":{\"message\":\"unknown command: frobnicate\"}}\n");
+}
+
 TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {
     ScriptedService service({{"app", {.known = true}}});
     EXPECT_EQ(ctl({"remove", "--no-wait", "app"}).output, "install app: queued\n");
