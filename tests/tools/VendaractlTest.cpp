@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include <csignal>
+#include <sstream>
 
 namespace {
 
@@ -173,8 +174,9 @@ TEST_F(Vendaractl, PrintsJsonForEveryCommand) {
         Json::parse(R"({"id": "id of app.rpm", "package": "app.rpm", "type": "install", "status": "failed",
                               "errorCode": 9, "error": "an upgrade to this version is already prepared"})"));
     EXPECT_EQ(lastLine(ctl({"start", "--json", "app"}).output)["started"], "app");
-    EXPECT_THAT(lastLine(ctl({"install", "absent.rpm", "--json"}).output)["error"]["message"].dump(),
-                HasSubstr("absent.rpm: No such file"));
+    const auto absent =
+        Json::parse(R"({"error": {"message": "No such file or directory", "subject": "absent.rpm"}})");
+    EXPECT_EQ(lastLine(ctl({"install", "app.rpm", "absent.rpm", "--json"}).output), absent);
     const auto refused = ctl({"restart", "--json", "no"});
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(lastLine(refused.output), Json::parse(R"({"error": {"message": "No", "subject": "no"}})"));
@@ -201,6 +203,13 @@ TEST_F(Vendaractl, MonitorsPackagesWithoutLettingThemSteerTheTerminal) {
                json->output().find("ServiceLeft") != std::string::npos;
     }));
     EXPECT_EQ(lastLine(json->output())["event"], "ServiceLeft");
+    // The package of an event is its identifier, whatever the event.
+    std::istringstream lines(json->output());
+    for (std::string line; std::getline(lines, line);) {
+        const auto event = Json::parse(line);
+        EXPECT_TRUE(event["event"] == "ServiceLeft" || event["package"].is_string()) << line;
+        EXPECT_EQ(event["event"] == "PackageInstalled", event.contains("certificateId")) << line;
+    }
     words->signal(SIGTERM);
     EXPECT_EQ(words->wait(), 128 + SIGTERM);
 }

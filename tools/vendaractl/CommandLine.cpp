@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <system_error>
 #include <unistd.h>
 
@@ -12,30 +13,30 @@ namespace Vendaractl {
 
 namespace {
 
-// What is wrong with an argument, or nothing.
-std::string problemOfText(const std::string& text) {
+using Problem = std::optional<std::string>;
+
+Problem problemOfText(const std::string& text) {
     if (text.empty()) {
         return "an argument is empty";
     }
-    return Common::isBusText(text) ? "" : text + ": the bus carries only UTF-8 without noncharacters";
+    return Common::isBusText(text) ? Problem() : "the bus carries only UTF-8 without noncharacters";
 }
 
 // The service runs as the same user: what this program cannot read, it cannot either.
-std::string problemOfFile(const std::string& path) {
-    auto problem = problemOfText(path);
-    if (!problem.empty()) {
+Problem problemOfFile(const std::string& path) {
+    if (auto problem = problemOfText(path)) {
         return problem;
     }
     std::error_code error;
     const auto status = std::filesystem::status(path, error);
     if (error) {
-        return path + ": " + error.message();
+        return error.message();
     }
     if (!std::filesystem::is_regular_file(status)) {
-        return path + ": is no regular file";
+        return "is not a regular file";
     }
     if (access(path.c_str(), R_OK) != 0) {
-        return path + ": " + std::generic_category().message(errno);
+        return std::generic_category().message(errno);
     }
     return problemOfText(std::filesystem::absolute(path));
 }
@@ -48,9 +49,9 @@ public:
         app_.require_subcommand(1);
         app_.fallthrough();
         auto* const install = add(Command::Install, "install", "Install or upgrade packages from files");
-        arguments(install, "FILE", "Package files", problemOfFile);
+        arguments(install, "FILE", "Package files");
         auto* const remove = add(Command::Remove, "remove", "Remove installed packages");
-        arguments(remove, "ID", "Package identifiers", problemOfText);
+        arguments(remove, "ID", "Package identifiers");
         for (auto* const command : {install, remove}) {
             command->add_flag("--no-wait", noWait_, "Return as soon as the operations are queued");
         }
@@ -60,7 +61,7 @@ public:
         for (const auto& [command, name, help] :
              {std::tuple{Command::Start, "start", "Start an application"},
               std::tuple{Command::Restart, "restart", "End an application and start it again"}}) {
-            arguments(add(command, name, help), "ID", "Package identifier", problemOfText)->expected(1, 1);
+            arguments(add(command, name, help), "ID", "Package identifier")->expected(1, 1);
         }
         add(Command::Monitor, "monitor", "Show installations, upgrades and removals until interrupted");
     }
@@ -80,9 +81,15 @@ public:
         }
         request_.format = json_ ? Format::Json : Format::Words;
         request_.wait = !noWait_;
-        if (request_.command == Command::Install) {
-            for (auto& path : request_.arguments) {
-                path = std::filesystem::absolute(path);
+        const bool takesFiles = request_.command == Command::Install;
+        for (auto& argument : request_.arguments) {
+            if (const auto problem = takesFiles ? problemOfFile(argument) : problemOfText(argument)) {
+                printFailure(request_.format, argument, *problem);
+                status = BadUsage;
+                return std::nullopt;
+            }
+            if (takesFiles) {
+                argument = std::filesystem::absolute(argument);
             }
         }
         return request_;
@@ -97,12 +104,10 @@ private:
 
     // Where any number of arguments may come, the parser takes "[a,b]" for a list of two, and no "--" after
     // the first. So it is told to wait for more than ever come, which it does not mind.
-    CLI::Option* arguments(CLI::App* command, const std::string& name, const std::string& help,
-                           std::string (*problem)(const std::string&)) {
+    CLI::Option* arguments(CLI::App* command, const std::string& name, const std::string& help) {
         constexpr int many = CLI::detail::expected_max_vector_size;
         auto* const option = command->add_option(name, request_.arguments, help)->required();
-        option->take_all()->expected(many, many)->allow_extra_args(false)->option_text(" ");
-        return option->check([problem](const std::string& value) { return problem(value); });
+        return option->take_all()->expected(many, many)->allow_extra_args(false)->option_text(" ");
     }
 
     CLI::App app_{"Installs, upgrades, removes and starts applications through the norvane.Vendara service.",

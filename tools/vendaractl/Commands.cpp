@@ -93,7 +93,11 @@ ExitStatus launch(const Request& request) {
     const auto tellPackage = [format](const std::string& signal, const char* words) {
         return [=](const Common::PackageRecord& package) {
             if (format == Format::Json) {
-                printJson(JsonValue{{"event", signal}, {"package", toJson(package)}});
+                JsonValue event{{"event", signal}, {"package", package.get<0>()}};
+                auto record = toJson(package);
+                record.erase("id");
+                event.update(record);
+                printJson(event);
             } else {
                 printLine(words + Common::printable(package.get<0>()) + " " +
                           Common::printable(package.get<1>()));

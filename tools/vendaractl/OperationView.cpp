@@ -20,7 +20,7 @@ public:
         printJson(JsonValue{{"operation", toJson(operation)}});
     }
     void lost(const Common::OperationRecord& operation) override {
-        printFailure(Format::Json, idOf(operation), lostWords);
+        printFailure(Format::Json, operation.get<1>(), lostWords);
     }
     void earlier(const Common::OperationRecord& operation) override {
         printJson(JsonValue{{"completedOperations", toJson(std::vector{operation})}});
