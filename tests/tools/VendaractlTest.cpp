@@ -215,7 +215,9 @@ TEST_F(Vendaractl, MonitorsPackagesWithoutLettingThemSteerTheTerminal) {
 }
 
 TEST_F(Vendaractl, RewritesALinePerOperationOnATerminal) {
-    ScriptedService service({{"app", {{0, 10}, 0, true}}, {"\u00e4\u00f6", {.known = true}}});
+    const std::string longName = "com.example.with-a-long-name";
+    ScriptedService service(
+        {{"app", {{0, 10}, 0, true}}, {longName, {{0, 10, 100}}}, {"\u00e4\u00f6", {.known = true}}});
     Process::Options options;
     options.environment = {{"TERM", "xterm"}, {"LC_ALL", "C"}};
     const auto result = run({"script", "-qec", VENDARACTL " remove app", "/dev/null"}, options);
@@ -224,6 +226,10 @@ TEST_F(Vendaractl, RewritesALinePerOperationOnATerminal) {
     EXPECT_THAT(result.output, AllOf(HasSubstr("\x1b[1A\x1b[J/ install app: in progress"),
                                      HasSubstr("\x1b[1A\x1b[J- install app: in progress")));
     EXPECT_THAT(result.output, testing::EndsWith("\x1b[1A\x1b[J  install app: finished\r\n"));
+    // Where a line is too long its package is cut, not its status.
+    const auto narrow =
+        run({"script", "-qec", "stty cols 40; " VENDARACTL " remove " + longName, "/dev/null"}, options);
+    EXPECT_THAT(narrow.output, HasSubstr("| install com.example.w...: in progress\r\n"));
     // Columns are those of characters, not of bytes.
     EXPECT_THAT(run({"script", "-qec", VENDARACTL " operations", "/dev/null"}, options).output,
                 HasSubstr("OPERATION  STATUS\r\nid of \u00e4\u00f6   install"));

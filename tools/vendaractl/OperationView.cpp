@@ -111,9 +111,9 @@ private:
                 break;
             }
             const bool moving = statusOf(operation) != Core::OperationStatus::Queued;
-            std::cout << fitted((moving ? std::string{"|/-\\"[step_ % 4]} : " ") + " " + inWords(operation),
-                                columns - 1)
-                      << '\n';
+            // The indicator takes two columns; one stays free, so that the cursor does not wrap.
+            std::cout << (moving ? "|/-\\"[step_ % 4] : ' ') << ' '
+                      << inWords(operation, columns - std::min<std::size_t>(columns, 3)) << '\n';
             ++drawn_;
         }
         std::cout << std::flush;

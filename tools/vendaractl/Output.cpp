@@ -56,15 +56,22 @@ bool hasEnded(const Common::OperationRecord& operation) {
            statusOf(operation) == Core::OperationStatus::Failed;
 }
 
-std::string inWords(const Common::OperationRecord& operation) {
-    std::string words = nameOf(static_cast<Core::OperationType>(operation.get<2>())) + " " +
-                        Common::printable(operation.get<1>()) + ": " + nameOf(statusOf(operation));
+std::string inWords(const Common::OperationRecord& operation, std::size_t columns) {
+    const auto type = nameOf(static_cast<Core::OperationType>(operation.get<2>())) + " ";
+    auto package = Common::printable(operation.get<1>());
+    auto status = ": " + nameOf(statusOf(operation));
     if (statusOf(operation) == Core::OperationStatus::Failed) {
         const auto code = operation.get<4>();
-        words +=
+        status +=
             ": " + describe(static_cast<Common::ErrorCode>(code)) + " (error " + std::to_string(code) + ")";
     }
-    return words;
+    const std::string omission = "...";
+    const auto others = columnsOf(type) + columnsOf(status);
+    if (others + columnsOf(package) > columns) {
+        const auto needed = others + omission.size();
+        package = fitted(package, columns - std::min(columns, needed)) + omission;
+    }
+    return fitted(type + package + status, columns);
 }
 
 JsonValue toJson(const Common::OperationRecord& operation) {

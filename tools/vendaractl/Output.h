@@ -27,7 +27,9 @@ class OutputLost : public std::runtime_error {
 [[nodiscard]] bool hasEnded(const Common::OperationRecord& operation);
 
 /// "install com.example.app: in progress"; a failure with its cause. Safe for a terminal.
-[[nodiscard]] std::string inWords(const Common::OperationRecord& operation);
+/// @param columns  of the terminal that it has to fit in: where it does not, the package is what is cut
+[[nodiscard]] std::string inWords(const Common::OperationRecord& operation,
+                                  std::size_t columns = std::string::npos);
 [[nodiscard]] JsonValue toJson(const Common::OperationRecord& operation);
 [[nodiscard]] JsonValue toJson(const Common::PackageRecord& package);
 template<typename Record>
