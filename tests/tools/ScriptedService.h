@@ -93,7 +93,7 @@ private:
             }
         }
         return {{Own::architecture, sdbus::Variant("aarch64")},
-                {Own::quenraVersion, sdbus::Variant("4.2")},
+                {Own::quenraVersion, sdbus::Variant("\"4.2\"")},
                 {Own::operations, sdbus::Variant(going)},
                 {Own::completedOperations, sdbus::Variant(completed)},
                 {Own::packages, sdbus::Variant(std::vector{package("com.example.one")})}};

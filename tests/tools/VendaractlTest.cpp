@@ -48,6 +48,7 @@ TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndTellsCodesInWords) {
         writeFile(scratch.path() / name, "package");
     }
     ScriptedService service({{"good.rpm", {{0, 10, 90, 100}}},
+                             {"same", {{101}, 8}},
                              {"[a,b]", {{100}}},
                              {"-x", {{100}}},
                              {"unsigned.rpm", {{0, 10, 101}, 7}},
@@ -64,6 +65,8 @@ TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndTellsCodesInWords) {
     for (const auto& request : service.requests) {
         EXPECT_TRUE(std::filesystem::path(request).is_absolute()) << request;
     }
+    EXPECT_THAT(ctl({"remove", "same"}).output,
+                HasSubstr("the same or a newer version is installed (error 8)"));
     EXPECT_EQ(ctl({"remove", "good.rpm", "[a,b]", "--", "-x"}).status, 0);
     EXPECT_THAT(service.requests, testing::IsSupersetOf({"[a,b]", "-x"}));
 }
@@ -167,7 +170,9 @@ TEST_F(Vendaractl, PrintsJsonForEveryCommand) {
               Json::parse(R"({"id": "com.example.one", "version": "1.0-1", "certificateSubgroup": "apps",
                               "certificateId": "cert", "extra": {"size": 7}})"));
     EXPECT_EQ(list["completedOperations"][0]["errorCode"], 3);
-    EXPECT_EQ(lastLine(ctl({"--json", "info"}).output)["architecture"], "aarch64");
+    EXPECT_EQ(ctl({"--json", "info"}).output,
+              "{\"architecture\":\"aarch64\",\"quenraVersion\":\"4.2\",\"completedOperations\":[]}\n");
+    EXPECT_EQ(ctl({"info"}).output, "architecture\taarch64\nversion\t4.2\n");
     EXPECT_EQ(lastLine(ctl({"--json", "operations"}).output)["operations"], Json::array());
     EXPECT_EQ(
         lastLine(ctl({"install", "--json", "app.rpm"}).output)["operation"],

@@ -31,8 +31,16 @@ ExitStatus carryOut(const Request& request) {
     return follower.succeeded() ? Success : OperationFailed;
 }
 
+// The service passes the version on as os-release(5) has it, which may be in quotes.
+std::string withoutQuotes(const std::string& text) {
+    const bool quoted =
+        text.size() >= 2 && text.front() == text.back() && (text.front() == '"' || text.front() == '\'');
+    return quoted ? text.substr(1, text.size() - 2) : text;
+}
+
 ExitStatus showProperties(const Request& request) {
-    const auto properties = ServiceClient({}).properties();
+    auto properties = ServiceClient({}).properties();
+    properties.quenraVersion = withoutQuotes(properties.quenraVersion);
     JsonValue result;
     std::vector<std::vector<std::string>> rows;
     if (request.command == Command::Info) {

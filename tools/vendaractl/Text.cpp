@@ -61,7 +61,7 @@ std::string describe(Common::ErrorCode code) {
     case ErrorCode::BadPackageSignature:
         return "the package's signature is missing, wrong or not trusted";
     case ErrorCode::DowngradeAttempt:
-        return "a newer version is installed";
+        return "the same or a newer version is installed";
     case ErrorCode::UpgradeAlreadyPrepared:
         return "an upgrade to this version is already prepared";
     case ErrorCode::PackageNotExist:
