@@ -107,6 +107,21 @@ TEST_F(Vendaractl, EndsWithThreeWhenTheServiceIsNotThereOrLeaves) {
     EXPECT_EQ(ctl({"list"}).status, 3);
 }
 
+TEST_F(Vendaractl, ReportsThatTheServiceEndedWhileItStarted) {
+    // One that fails at once, and one that fails when it has taken its name.
+    for (const std::string command :
+         {"/bin/false", "/usr/bin/env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none " DAEMON}) {
+        writeFile(scratch.path() / "norvane.Vendara.service",
+                  "[D-BUS Service]\nName=norvane.Vendara\nExec=" + command + "\n");
+        const PrivateBus bus("<servicedir>" + scratch.path().native() + "</servicedir>");
+        setenv("DBUS_SESSION_BUS_ADDRESS", bus.address().c_str(), 1);
+        const auto result = ctl({"list"});
+        EXPECT_EQ(result.status, 3);
+        EXPECT_EQ(result.output, "vendaractl: the service ended while it started; its log says why\n")
+            << command;
+    }
+}
+
 TEST_F(Vendaractl, NamesWhatIsWrongWithACommandLine) {
     const std::pair<std::vector<std::string>, const char*> cases[] = {
         {{}, "a command is required"},

@@ -25,21 +25,17 @@ constexpr std::chrono::microseconds callLimit = std::chrono::minutes(16);
 // no service.
 bool tellsAbsence(const sdbus::Error& error) {
     const std::string& name = error.getName();
-    static const std::string spawn = "org.freedesktop.DBus.Error.Spawn.";
     for (const char* absence :
          {"ServiceUnknown", "NameHasNoOwner", "NoReply", "Disconnected", "NoServer", "TimedOut", "Timeout"}) {
         if (name == std::string("org.freedesktop.DBus.Error.") + absence) {
             return true;
         }
     }
-    return name.compare(0, spawn.size(), spawn) == 0;
+    return name.starts_with("org.freedesktop.DBus.Error.Spawn.");
 }
 
-[[noreturn]] void fail(const sdbus::Error& error) {
-    if (tellsAbsence(error)) {
-        throw ServiceAbsent(error.getMessage());
-    }
-    throw CallRefused(error.getMessage());
+bool isSpawnFailure(const sdbus::Error& error) {
+    return error.getName().starts_with("org.freedesktop.DBus.Error.Spawn.Child");
 }
 
 template<typename Result>
@@ -178,6 +174,20 @@ void ServiceClient::process(std::chrono::milliseconds limit) {
     signals_.check();
 }
 
+void ServiceClient::fail(const sdbus::Error& error) const {
+    const bool noReply = error.getName() == "org.freedesktop.DBus.Error.NoReply";
+    if (isSpawnFailure(error) || (noReply && started_ && !answered_)) {
+        throw ServiceAbsent("the service ended while it started; its log says why");
+    }
+    if (noReply) {
+        throw ServiceAbsent("the service ended before it answered");
+    }
+    if (tellsAbsence(error)) {
+        throw ServiceAbsent(error.getMessage());
+    }
+    throw CallRefused(error.getMessage());
+}
+
 void ServiceClient::subscribe() {
     connection_->addMatch(
         "type='signal',sender='" + MessageBus::service + "',path='" + MessageBus::objectPath +
@@ -212,6 +222,7 @@ void ServiceClient::startService() {
     try {
         owner_ = askOwner();
     } catch (const ServiceAbsent&) {
+        started_ = true;
         try {
             call(*bus_, MessageBus::interface, MessageBus::startServiceByName, Own::service,
                  std::uint32_t{0});
@@ -290,6 +301,7 @@ sdbus::MethodReply ServiceClient::await(sdbus::IProxy& proxy, const sdbus::Metho
     if (pending->error) {
         fail(*pending->error);
     }
+    answered_ = answered_ || &proxy == service_.get();
     return *pending->reply;
 }
 

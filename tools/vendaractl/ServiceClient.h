@@ -86,6 +86,7 @@ private:
     template<typename... Arguments>
     sdbus::MethodReply call(sdbus::IProxy& proxy, const std::string& interface, const std::string& method,
                             const Arguments&... arguments);
+    [[noreturn]] void fail(const sdbus::Error& error) const;
     sdbus::MethodReply await(sdbus::IProxy& proxy, const sdbus::MethodCall& message);
     void guarded(const std::function<void()>& handler) noexcept;
 
@@ -93,6 +94,8 @@ private:
     Listeners listeners_;
     std::string owner_; // unique name of the service's connection; empty: none
     bool forgeryReported_ = false;
+    bool started_ = false;  // whether the bus was asked to start the service
+    bool answered_ = false; // whether the service has answered anything
     std::exception_ptr failure_;
     std::unique_ptr<sdbus::IConnection> connection_;
     std::unique_ptr<sdbus::IProxy> bus_;
