@@ -174,7 +174,8 @@ int main(int argc, char** argv) {
         "Runs the whole platform in a directory of its own: two buses, a package manager, a runtime "
         "manager, an identification service and vendara-daemon.\n"
         "After \"--\" comes a command to run in it. Without one it prints the variables that clients "
-        "need and runs until Ctrl-C.");
+        "need and runs until Ctrl-C.",
+        "vendara-devkit");
     // Not the parser's: it would take arguments in brackets apart.
     char** const end = argv + argc;
     char** const separator = std::find(argv, end, std::string_view("--"));
@@ -182,6 +183,7 @@ int main(int argc, char** argv) {
     if (separator != end) {
         options.command.assign(separator + 1, end);
     }
+    parser.set_version_flag("--version", "vendara-devkit " VENDARA_VERSION);
     parser.add_flag("--shell", options.shell, "Run an interactive shell in it instead of a command");
     parser.add_option("--logs", options.logs, "Directory for the programs' logs; they stay there");
     parser.add_option("--keys", options.keys,

@@ -34,8 +34,9 @@ endif()
 run(systemd-analyze --user --offline=true --threshold=60 --no-pager security ${copy})
 
 # Manual pages have no errors, and the tool's completion loads and completes.
-foreach(page man1/vendaractl.1 man5/zul.conf.5 man8/vendara-daemon.8)
-    run(man --warnings -l -Tutf8 ${tree}/share/man/${page})
+file(GLOB pages ${tree}/share/man/man?/*)
+foreach(page IN LISTS pages)
+    run(man --warnings -l -Tutf8 ${page})
 endforeach()
 file(WRITE ${SCRATCH}/complete.sh [[
     . /usr/share/bash-completion/bash_completion && . "$1"
@@ -43,7 +44,23 @@ file(WRITE ${SCRATCH}/complete.sh [[
     _vendaractl && [[ "${COMPREPLY[*]}" == 'remove restart' ]]
 ]])
 run(bash ${SCRATCH}/complete.sh ${tree}/share/bash-completion/completions/vendaractl)
-run(${tree}/bin/vendaractl --version)
+# Each program for users has a manual page with all its options, and tells its version.
+file(GLOB programs RELATIVE ${tree}/bin ${tree}/bin/*)
+foreach(program IN LISTS programs)
+    run(${tree}/bin/${program} --version)
+    if(NOT output MATCHES "^${program} [0-9.]+\n$")
+        message(FATAL_ERROR "${program} --version: ${output}")
+    endif()
+    run(${tree}/bin/${program} --help)
+    string(REGEX MATCHALL " --[a-z-]+|,--[a-z-]+" options "${output}")
+    file(READ ${tree}/share/man/man1/${program}.1 manual)
+    foreach(option IN LISTS options)
+        string(SUBSTRING ${option} 2 -1 name)
+        if(NOT manual MATCHES "Fl ${name}[^a-z]" AND NOT manual MATCHES ", ${name}\n")
+            message(FATAL_ERROR "the manual of ${program} lacks ${option}")
+        endif()
+    endforeach()
+endforeach()
 
 # Every installed header compiles by itself.
 file(GLOB_RECURSE headers ${tree}/include/vendara/*.h)

@@ -86,6 +86,7 @@ void declareSigning(CLI::App& app, Arguments& arguments) {
 }
 
 void declare(CLI::App& app, Arguments& arguments) {
+    app.set_version_flag("--version", "vendara-sign " VENDARA_VERSION);
     addFile(app, "PACKAGE", arguments.package, "The rpm package");
     declareSigning(app, arguments);
     auto* authority = addFile(app, "--authority", arguments.authority, "The authority's certificate (PEM)");
