@@ -1,12 +1,6 @@
 # Run by ctest; any failure ends it with an error.
 
-function(run)
-    execute_process(COMMAND ${ARGN} RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE output)
-    if(NOT status EQUAL 0)
-        message(FATAL_ERROR "${ARGN}: ${status}\n${output}")
-    endif()
-    set(output "${output}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/Run.cmake)
 
 file(REMOVE_RECURSE ${SCRATCH})
 set(ENV{DESTDIR} ${SCRATCH}/root)

@@ -1,0 +1,47 @@
+# Builds and installs for a device, whose own libraries the reference ones stand in for, and builds the example of a
+# package manager where these libraries lie elsewhere. Run by ctest; any failure ends it with an error.
+
+include(${CMAKE_CURRENT_LIST_DIR}/Run.cmake)
+
+file(REMOVE_RECURSE ${SCRATCH})
+file(COPY ${LIBRARIES} DESTINATION ${SCRATCH}/build-machine)
+run(${CMAKE_COMMAND} -G ${GENERATOR} -S ${SOURCE} -B ${SCRATCH}/build -D CMAKE_CXX_COMPILER=${COMPILER}
+    -D CMAKE_BUILD_TYPE=${BUILD_TYPE} -D CMAKE_CXX_FLAGS_DEBUG=${FLAGS}
+    -D VENDARA_PLATFORM=device -D CMAKE_LIBRARY_PATH=${SCRATCH}/build-machine
+    -D VENDARA_TESTS=OFF -D VENDARA_DEVKIT=OFF)
+run(${CMAKE_COMMAND} --build ${SCRATCH}/build)
+set(ENV{DESTDIR} ${SCRATCH}/root)
+run(${CMAKE_COMMAND} --install ${SCRATCH}/build)
+set(ENV{DESTDIR})
+set(tree ${SCRATCH}/root${PREFIX})
+
+# The device has its libraries and its keys; the tools that make test keys are for other machines.
+file(GLOB_RECURSE platform ${tree}/*libeventlog* ${tree}/*libpkgverify* ${tree}/*vendara-sign* ${tree}/*vendara-devkit*)
+if(platform)
+    message(FATAL_ERROR "installed for a device: ${platform}")
+endif()
+
+# Nothing that others build with has a path of this machine in it.
+file(GLOB_RECURSE exported ${tree}/*.cmake ${tree}/*.h ${tree}/*.service)
+foreach(file IN LISTS exported)
+    file(READ ${file} text)
+    foreach(path ${SCRATCH} ${SOURCE})
+        string(FIND "${text}" ${path} found)
+        if(NOT found EQUAL -1)
+            message(FATAL_ERROR "${file} has the path ${path} in it")
+        endif()
+    endforeach()
+endforeach()
+
+file(RENAME ${SCRATCH}/build-machine ${SCRATCH}/device)
+set(example ${CMAKE_COMMAND} -S ${EXAMPLE} -B ${SCRATCH}/example -D CMAKE_PREFIX_PATH=${tree}
+    -D CMAKE_CXX_COMPILER=${COMPILER})
+execute_process(COMMAND ${example} RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE output)
+if(status EQUAL 0 OR NOT output MATCHES "the device's library libeventlog.so.1[ \n]+is[ \n]+missing")
+    message(FATAL_ERROR "the libraries' absence is not reported: ${output}")
+endif()
+run(${example} -D CMAKE_LIBRARY_PATH=${SCRATCH}/device)
+run(${CMAKE_COMMAND} --build ${SCRATCH}/example)
+set(ENV{LD_LIBRARY_PATH} ${SCRATCH}/device)
+run(${SCRATCH}/example/package-manager ${SCRATCH}/system)
+run(${tree}/bin/vendaractl --version)
