@@ -29,7 +29,8 @@ public:
     /// in a role that no other signature of the file has. Reads the whole file, in pieces.
     /// An empty list has nothing that does not hold and gives true: who wants a signature asks for one.
     /// @param caPath  PEM file of the authority's certificate, and of intermediate ones if there are any
-    /// @return false also when the authority or the file cannot be read
+    /// @return false also when the authority or the file cannot be read; the reason and the file's path are
+    ///         then written to standard error, a line that begins with "WARN: "
     [[nodiscard]] bool verifyCmses(const std::filesystem::path& caPath) const;
 
     /// Returns where verifyCmses() gives true. Throws std::runtime_error, which says why, where it gives

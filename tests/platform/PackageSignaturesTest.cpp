@@ -1,5 +1,6 @@
 #include "common/UniqueFd.h"
 #include "platform/signcms/Bytes.h"
+#include "testbed/LogCapture.h"
 #include "testbed/Process.h"
 
 #include <gtest/gtest.h>
@@ -78,7 +79,12 @@ TEST_F(SignedPackages, AreRefusedWithACertificateThatDoesNotHold) {
     };
     const std::string both = std::string(developerUsage) + "," + clientUsage;
     EXPECT_TRUE(developerIf({.extendedKeyUsage = developerUsage}));
-    EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .validity = {now - 200, now - 100}}));
+    {
+        const LogCapture log;
+        EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .validity = {now - 200, now - 100}}));
+        EXPECT_EQ(log.text(), "WARN: couldn't verify the signatures of \"" + file.native() +
+                                  "\": certificate: certificate has expired\n");
+    }
     EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .validity = {now + 100, now + 200}}));
     EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .keyUsage = ""}));
     EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .keyUsage = "keyEncipherment"}));
