@@ -4,7 +4,8 @@
 #include "tools/CommandLine.h"
 
 int main(int argc, char** argv) {
-    CLI::App options("Application identification for development: tells who owns a name of the session bus.");
+    CLI::App options(
+        "Application identification for development: finds out who owns a name on the session bus.");
     std::string packageRoot = "/opt/app";
     options.add_option("--package-root", packageRoot, "Root directory of the package database")
         ->capture_default_str();

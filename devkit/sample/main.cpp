@@ -1,4 +1,4 @@
-// The sample application of the tour: a service that tells its own version.
+// The sample application of the tour: a service that reports its own version.
 
 #include <sdbus-c++/sdbus-c++.h>
 

@@ -206,7 +206,7 @@ std::string Platform::startBus(const std::string& name) {
         std::array<char, 512> text{};
         const auto length = read(reading.get(), text.data(), text.size());
         if (length <= 0) {
-            throw std::runtime_error("the " + name + " bus doesn't tell its address" +
+            throw std::runtime_error("the " + name + " bus doesn't print its address" +
                                      endOfLog(settings_.logs / (name + "-bus.log")));
         }
         address.append(text.data(), static_cast<std::size_t>(length));
@@ -258,7 +258,7 @@ void Platform::waitUntilReadable(int descriptor, const std::string& forWhat) {
     case Event::Kind::Ended:
         throw failureOf(event);
     case Event::Kind::TimedOut:
-        throw std::runtime_error("waited a minute in vain for " + forWhat);
+        throw std::runtime_error("timed out after 60 s waiting for " + forWhat);
     }
 }
 

@@ -43,7 +43,7 @@ std::optional<std::string> Program::readLine(std::chrono::milliseconds limit) {
         const auto rest =
             std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (rest.count() <= 0) {
-            throw std::runtime_error("waited in vain for a line of " + name_ + ", which has written:\n" +
+            throw std::runtime_error("timed out waiting for output of " + name_ + ", which has written:\n" +
                                      output_);
         }
         pollfd descriptor{pipe_.get(), POLLIN, 0};

@@ -39,7 +39,7 @@ int serve(Connect connect, const std::string& name, Make make) {
 
 /// An error to reply with. A text that cannot travel on a bus is replaced: the reply could not be sent.
 [[nodiscard]] inline sdbus::Error busError(const std::string& name, const std::string& text) {
-    return {name, Common::isBusText(text) ? text : "The failure's text is no valid UTF-8"};
+    return {name, Common::isBusText(text) ? text : "The error message is not valid UTF-8"};
 }
 
 /// Runs the body of a method handler. What it throws is logged and leaves as an sdbus::Error, the only kind

@@ -91,7 +91,7 @@ std::string SampleApplication::awaitVersion() {
             std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         pollfd change{names_.descriptor(), POLLIN, 0};
         if (rest.count() <= 0 || poll(&change, 1, static_cast<int>(rest.count())) == 0) {
-            throw std::runtime_error("waited in vain for the application to appear on the bus");
+            throw std::runtime_error("timed out waiting for the application to appear on the bus");
         }
     }
     std::string version;

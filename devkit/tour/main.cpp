@@ -112,7 +112,7 @@ private:
         require(sample_.awaitVersion() == "1.0-1", "version 1.0-1 still answers");
         tell("The application is restarted.");
         Command restart({"vendaractl", "restart", SampleApplication::id});
-        require(restart.finish() == 0, "the restart is taken");
+        require(restart.finish() == 0, "the restart is accepted");
         require(upgrade.finish() == 0 && upgrade.said(": finished"), "the upgrade finishes");
         require(sample_.awaitVersion() == "2.0-1", "version 2.0-1 answers on the bus");
         requireListed("2.0-1");
@@ -125,7 +125,7 @@ private:
         Command command({"vendaractl", "install", sample_.damage(second_)});
         require(command.finish() == 1, "the operation fails");
         // What is noticed first, the payload or the signature, depends on where the damage is.
-        require(command.said("(error 4)") || command.said("(error 7)"), "the damage is told");
+        require(command.said("(error 4)") || command.said("(error 7)"), "the damage is reported");
         requireListed("2.0-1");
         require(fs::is_empty(platform_ / "opt/zul/tmp"), "nothing of it is left behind");
     }
@@ -137,7 +137,7 @@ private:
         Command list({"vendaractl", "list"});
         require(list.finish() == 0 && !list.said(SampleApplication::id), "it is not listed any more");
         require(!fs::exists(fs::symlink_status(program())) && fs::is_empty(platform_ / "opt/app"),
-                "none of its files is left");
+                "all its files are gone");
     }
 
     static void requireListed(const std::string& version) {

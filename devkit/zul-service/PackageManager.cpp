@@ -131,7 +131,7 @@ PackageManager::PackageList PackageManager::list() {
         if (canTravel(package)) {
             result.push_back(package);
         } else {
-            Common::logWarning() << "the record of " << Common::quoted(directory) << " is no valid UTF-8";
+            Common::logWarning() << "the record of " << Common::quoted(directory) << " is not valid UTF-8";
         }
     }
     return result;

@@ -78,7 +78,7 @@ TEST_F(Vendaractl, AsksForTheEndWhoseSignalItMissed) {
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.output,
                 AllOf(HasSubstr("ended: finished\n"), HasSubstr("damaged: failed: the installed package is "),
-                      HasSubstr("vendaractl: forgotten: the service does not know the operation")));
+                      HasSubstr("vendaractl: forgotten: the service no longer knows the operation")));
     EXPECT_EQ(service.propertyReads, 2);
 }
 
@@ -171,7 +171,7 @@ TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {
     EXPECT_EQ(client->wait(), 128 + SIGINT);
     const auto output = client->output();
     EXPECT_THAT(output,
-                AllOf(HasSubstr("the service carries the operations on"), Not(HasSubstr("finished"))));
+                AllOf(HasSubstr("the operations continue in the background"), Not(HasSubstr("finished"))));
     const std::string warning = "WARN: dropped a signal ";
     EXPECT_THAT(output, HasSubstr(warning + Own::operationStatusChanged));
     EXPECT_EQ(output.find(warning), output.rfind(warning)) << output;

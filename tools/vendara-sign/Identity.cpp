@@ -29,13 +29,13 @@ Identity loadIdentity(const std::filesystem::path& key, const std::filesystem::p
     identity.key.reset(
         PEM_read_bio_PrivateKey(OpenSsl::reading(keyText).get(), nullptr, noPassphrase, nullptr));
     if (!identity.key) {
-        throw std::runtime_error(key.string() + ": no PEM file of an unencrypted private key");
+        throw std::runtime_error(key.string() + ": not a PEM file with an unencrypted private key");
     }
     const auto certificateText = Platform::readWholeFile(certificate, maximumPemSize);
     identity.certificate.reset(
         PEM_read_bio_X509(OpenSsl::reading(certificateText).get(), nullptr, nullptr, nullptr));
     if (!identity.certificate) {
-        throw std::runtime_error(certificate.string() + ": no PEM file of a certificate");
+        throw std::runtime_error(certificate.string() + ": not a PEM file with a certificate");
     }
     if (X509_check_private_key(identity.certificate.get(), identity.key.get()) != 1) {
         throw std::runtime_error(key.string() + ": does not belong to the certificate " +
@@ -61,7 +61,7 @@ void requireValidNow(const X509& certificate) {
     };
     const auto* begin = X509_get0_notBefore(&certificate);
     const auto* end = X509_get0_notAfter(&certificate);
-    require(X509_cmp_current_time(begin) < 0, "certificate is not yet valid, but from ", begin);
+    require(X509_cmp_current_time(begin) < 0, "certificate is not valid before ", begin);
     require(X509_cmp_current_time(end) > 0, "certificate has expired on ", end);
 }
 

@@ -54,7 +54,7 @@ void copyBytes(int source, std::uint64_t length, Common::NewFile& output) {
         const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), length - offset));
         const auto count = Platform::readAt(source, piece.data(), wanted, offset);
         if (count == 0) {
-            throw std::runtime_error("ends too early");
+            throw std::runtime_error("unexpected end of file");
         }
         output.write(std::string_view(piece).substr(0, count));
         offset += count;
@@ -66,10 +66,10 @@ std::filesystem::path placeOf(const std::filesystem::path& output) {
     const auto type = std::filesystem::status(output).type();
     const bool isLink = std::filesystem::is_symlink(std::filesystem::symlink_status(output));
     if (type == std::filesystem::file_type::not_found && isLink) {
-        throw std::runtime_error(output.string() + " is a link that leads nowhere");
+        throw std::runtime_error(output.string() + " is a dangling symbolic link");
     }
     if (type != std::filesystem::file_type::not_found && type != std::filesystem::file_type::regular) {
-        throw std::runtime_error(output.string() + " is no regular file");
+        throw std::runtime_error(output.string() + " is not a regular file");
     }
     return std::filesystem::weakly_canonical(std::filesystem::absolute(output));
 }

@@ -46,7 +46,7 @@ std::optional<std::time_t> midnightOf(const std::string& date) {
 }
 
 std::string checkDate(const std::string& date) {
-    return midnightOf(date) ? std::string() : "\"" + date + "\" is no date of the form YYYY-MM-DD";
+    return midnightOf(date) ? std::string() : "\"" + date + "\" is not a date (YYYY-MM-DD)";
 }
 
 Signing::Validity validityFrom(const Arguments& arguments) {
@@ -56,7 +56,7 @@ Signing::Validity validityFrom(const Arguments& arguments) {
     return validity;
 }
 
-std::string checkPath(const std::string& path) { return path.empty() ? "an empty path" : ""; }
+std::string checkPath(const std::string& path) { return path.empty() ? "the path is empty" : ""; }
 
 CLI::Option* addFile(CLI::App& app, const std::string& name, std::string& value, const std::string& help) {
     return app.add_option(name, value, help)->type_name("FILE")->check(checkPath);

@@ -19,7 +19,8 @@ Problem problemOfText(const std::string& text) {
     if (text.empty()) {
         return "an argument is empty";
     }
-    return Common::isBusText(text) ? Problem() : "the bus carries only UTF-8 without noncharacters";
+    return Common::isBusText(text) ? Problem()
+                                   : "not valid UTF-8, or with a character that D-Bus does not allow";
 }
 
 // The service runs as the same user: what this program cannot read, it cannot either.
@@ -33,7 +34,7 @@ Problem problemOfFile(const std::string& path) {
         return error.message();
     }
     if (!std::filesystem::is_regular_file(status)) {
-        return "is not a regular file";
+        return "not a regular file";
     }
     if (access(path.c_str(), R_OK) != 0) {
         return std::generic_category().message(errno);
@@ -56,8 +57,8 @@ public:
             command->add_flag("--no-wait", noWait_, "Return as soon as the operations are queued");
         }
         add(Command::List, "list", "List the installed packages");
-        add(Command::Operations, "operations", "List the operations that this program asked for");
-        add(Command::Info, "info", "Tell the platform's architecture and version");
+        add(Command::Operations, "operations", "List the operations that this program requested");
+        add(Command::Info, "info", "Show the platform's architecture and version");
         for (const auto& [command, name, help] :
              {std::tuple{Command::Start, "start", "Start an application"},
               std::tuple{Command::Restart, "restart", "End an application and start it again"}}) {

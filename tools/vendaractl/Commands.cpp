@@ -24,7 +24,7 @@ ExitStatus carryOut(const Request& request) {
         try {
             follower.follow();
         } catch (const Interrupted&) {
-            std::cerr << "vendaractl: the service carries the operations on" << std::endl;
+            std::cerr << "vendaractl: the operations continue in the background" << std::endl;
             throw;
         }
     }

@@ -89,7 +89,7 @@ void Follower::serviceChanged(bool present) {
         return;
     }
     if (!present) {
-        throw ServiceAbsent("the service left the bus; how the operation ends is not known");
+        throw ServiceAbsent("the service left the bus; the result of the operation is unknown");
     }
     askAt_ = Clock::now();
 }

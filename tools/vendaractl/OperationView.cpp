@@ -12,7 +12,7 @@ namespace Vendaractl {
 
 namespace {
 
-const std::string lostWords = "the service does not know the operation any more; how it ended is not known";
+const std::string lostWords = "the service no longer knows the operation; its result is unknown";
 
 class JsonView final : public OperationView {
 public:

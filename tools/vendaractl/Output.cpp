@@ -106,7 +106,7 @@ bool onTerminal() {
 
 void printLine(const std::string& line) {
     if (!(std::cout << line << std::endl)) {
-        throw OutputLost("standard output takes no more");
+        throw OutputLost("couldn't write to standard output");
     }
 }
 

@@ -45,7 +45,7 @@ Result resultOf(sdbus::MethodReply&& reply) {
         reply >> result;
         return result;
     } catch (const sdbus::Error& error) {
-        throw CallRefused("the service's answer is not understood: " + error.getMessage());
+        throw CallRefused("unexpected reply of the service: " + error.getMessage());
     }
 }
 
@@ -67,9 +67,9 @@ Properties propertiesFrom(sdbus::MethodReply&& reply) {
             properties.operations.end());
         return properties;
     } catch (const sdbus::Error& error) {
-        throw CallRefused("the service's properties are not understood: " + error.getMessage());
+        throw CallRefused("unexpected properties of the service: " + error.getMessage());
     } catch (const std::out_of_range&) {
-        throw CallRefused("the service's properties are not complete");
+        throw CallRefused("the service's properties are incomplete");
     }
 }
 

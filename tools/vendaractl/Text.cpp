@@ -51,11 +51,11 @@ std::string describe(Common::ErrorCode code) {
     case ErrorCode::Internal:
         return "an internal failure of the service or the package manager";
     case ErrorCode::FileNotFound:
-        return "the package manager does not find the file";
+        return "the package manager could not find the file";
     case ErrorCode::BadPackage:
-        return "the file is damaged or no package";
+        return "the file is damaged or not a package";
     case ErrorCode::BadPackageID:
-        return "the package's identifier is not acceptable";
+        return "the package's identifier is not allowed";
     case ErrorCode::BadPackageArchitecture:
         return "the package is made for another architecture";
     case ErrorCode::BadPackageSignature:
@@ -69,11 +69,11 @@ std::string describe(Common::ErrorCode code) {
     case ErrorCode::CorruptedInstalledPackage:
         return "the installed package is damaged";
     case ErrorCode::UnauthorizedAccess:
-        return "the package manager does not permit it";
+        return "the package manager does not allow it";
     case ErrorCode::SystemPackageInstallationAttempt:
         return "the package belongs to the operating system";
     case ErrorCode::PackagesWithoutSourceNotAllowed:
-        return "packages that come from no source are not allowed";
+        return "packages without a source are not allowed";
     case ErrorCode::SourceRejectedByAdministrator:
         return "the administrator rejected the package's source";
     case ErrorCode::UserNotAuthorizedToManageTrustedSources:
