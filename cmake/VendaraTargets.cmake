@@ -9,6 +9,13 @@ if(NOT CMAKE_BUILD_TYPE)
     set(CMAKE_BUILD_TYPE RelWithDebInfo)
 endif()
 
+# What is built is the same in every folder and says nothing of it. Debuggers find sources of a debug build by their
+# absolute paths.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+    add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=./build)
+endif()
+
 add_library(vendara-options INTERFACE)
 target_compile_options(vendara-options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast
     $<$<BOOL:${VENDARA_WERROR}>:-Werror>)
