@@ -25,12 +25,6 @@ public:
 /// @param file  at the first member
 std::unique_ptr<Decompressor> gzipDecompressor(UniqueFd file);
 
-/// Reads bzip2 with libbz2, several blocks at a time, large ones each on a thread of its own. What follows
-/// the first stream is not part of it. A block with bits that look like the beginning of one in its first ten
-/// bytes or at more than eight places, which comes of intent alone, is taken for damaged.
-/// @param file  at the stream's first byte
-std::unique_ptr<Decompressor> bzip2Decompressor(UniqueFd file);
-
 /// Reads until the buffer is full or the file ends.
 /// @return number of bytes read
 /// Throws Error, code Filesystem.

@@ -38,7 +38,7 @@ struct Compressor {
 // through, and the magic tells.
 constexpr std::array compressors{
     Compressor{"gzip", "r.gzdio", "\x1f\x8b", gzipDecompressor},
-    Compressor{"bzip2", "r.bzdio", "BZh", bzip2Decompressor},
+    Compressor{"bzip2", "r.bzdio", {}, nullptr},
     Compressor{"xz", "r.xzdio", {}, nullptr},
     Compressor{"lzma", "r.lzdio", {}, nullptr},
     Compressor{"zstd", "r.zstdio", {}, nullptr},

@@ -13,7 +13,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
-#include <random>
 #include <sys/time.h>
 #include <sys/wait.h>
 
@@ -79,13 +78,10 @@ protected:
 };
 
 class AGzipStream : public ADecompressedStream {};
-class ABzip2Stream : public ADecompressedStream {};
 
 constexpr Kind gzip{"gzip", Common::Rpm::gzipDecompressor};
-constexpr Kind bzip2{"bzip2", Common::Rpm::bzip2Decompressor};
-INSTANTIATE_TEST_SUITE_P(Every, ADecompressedStream, testing::Values(gzip, bzip2));
+INSTANTIATE_TEST_SUITE_P(Every, ADecompressedStream, testing::Values(gzip));
 INSTANTIATE_TEST_SUITE_P(The, AGzipStream, testing::Values(gzip));
-INSTANTIATE_TEST_SUITE_P(The, ABzip2Stream, testing::Values(bzip2));
 
 TEST_P(ADecompressedStream, GivesWhatIsInItAndNothingOfWhatFollows) {
     for (const auto* level : {"-1", "-9"}) {
@@ -147,33 +143,6 @@ TEST_P(AGzipStream, GivesAllMembers) {
     EXPECT_TRUE(contentOf(streamOf(two + "signature")) == text + "second");
     EXPECT_TRUE(contentOf(streamOf(two)) == text + "second");
     EXPECT_EQ(contentOf(streamOf(compressed("text") + "\x1fno member")), "text");
-}
-
-TEST_P(ABzip2Stream, EndsBeforeABlockThatIsDamaged) {
-    auto bytes = compressed(text);
-    bytes[bytes.size() / 2] ^= 16;
-    const auto content = contentOf(streamOf(bytes));
-    EXPECT_GT(content.size(), text.size() / 4);
-    EXPECT_LT(content.size(), text.size() / 2);
-    EXPECT_TRUE(content == text.substr(0, content.size()));
-}
-
-// The list of byte values that a block uses stands in it as a bit each: 240 of its bits can be five marks.
-TEST_P(ABzip2Stream, MayHaveWhatLooksLikeTheMarksOfItsBlocks) {
-    const std::string list = "\x31\x41\x59\x26\x53\x59"
-                             "\x17\x72\x45\x38\x50\x90";
-    std::string values;
-    for (int value = 0; value < 240; ++value) {
-        if (list[value / 8 % list.size()] >> (7 - value % 8) & 1) {
-            values += static_cast<char>(value);
-        }
-    }
-    std::string content;
-    std::minstd_rand random;
-    while (content.size() < 3000000) {
-        content += values[random() % values.size()];
-    }
-    EXPECT_TRUE(contentOf(streamOf(compressed(content))) == content);
 }
 
 /// Interrupts this process all the time: with signals that it handles, and by stopping it.
