@@ -1,12 +1,16 @@
 // Unpacks a package of one large file and one of many small files, per compressor, side by side with the
-// usual tools, and prints the medians. Usage: bench-extraction [rounds [only]], where "only" is a part of the
-// titles, for example "large" or "gzdio". Works below the temporary directory; run it alone.
+// usual tools, and prints the medians of wall seconds and of processor seconds, and what the files' digests,
+// which the others do not check, take of both. Usage: bench-extraction [rounds [only]], where "only" is a
+// part of the titles, for example "large" or "gzdio". Works below the temporary directory. Run it alone, and
+// also on one processor, with taskset -c 0.
 
-#include "common/UniqueFd.h"
+#include "common/rpm/ContentDigest.h"
 #include "core/zul/Package.h"
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
+
+#include <rpm/rpmpgp.h>
 
 #include <algorithm>
 #include <array>
@@ -14,12 +18,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
 
@@ -78,14 +82,37 @@ fs::path makePackage(const fs::path& directory, const std::string& name, const s
     return Testbed::buildPackage(directory, spec);
 }
 
-double seconds(const fs::path& destination, const std::function<void()>& unpack) {
+struct Times {
+    double wall = 0;
+    double processor = 0; ///< of this process and of those that it ran
+};
+
+double processorSeconds() {
+    double seconds = 0;
+    for (const auto who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+        rusage usage{};
+        getrusage(who, &usage);
+        for (const auto& time : {usage.ru_utime, usage.ru_stime}) {
+            seconds += static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
+        }
+    }
+    return seconds;
+}
+
+Times measure(const std::function<void()>& work) {
+    const auto processor = processorSeconds();
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    const auto end = std::chrono::steady_clock::now();
+    return {std::chrono::duration<double>(end - start).count(), processorSeconds() - processor};
+}
+
+Times measure(const fs::path& destination, const std::function<void()>& unpack) {
     fs::create_directory(destination);
     sync(); // what one tool left to be written must not slow the next
-    const auto start = std::chrono::steady_clock::now();
-    unpack();
-    const auto end = std::chrono::steady_clock::now();
+    const auto times = measure(unpack);
     fs::remove_all(destination);
-    return std::chrono::duration<double>(end - start).count();
+    return times;
 }
 
 void shell(const std::string& command) {
@@ -94,9 +121,31 @@ void shell(const std::string& command) {
     }
 }
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
+Times median(std::vector<Times> values) {
+    const auto middle = [&values](double Times::*member) {
+        std::sort(values.begin(), values.end(),
+                  [member](const Times& left, const Times& right) { return left.*member < right.*member; });
+        return values[values.size() / 2].*member;
+    };
+    return {middle(&Times::wall), middle(&Times::processor)};
+}
+
+/// What it takes to compute the digests of a folder's files, each in memory.
+Times digestTimes(const fs::path& directory) {
+    Times total;
+    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+        if (entry.is_regular_file()) {
+            const auto content = Testbed::readFile(entry.path());
+            const auto times = measure([&] {
+                Common::Rpm::ContentDigest digest({PGPHASHALGO_SHA256, std::string(32, '\0')});
+                digest.update(content);
+                static_cast<void>(digest.matches());
+            });
+            total.wall += times.wall;
+            total.processor += times.processor;
+        }
+    }
+    return total;
 }
 
 void compare(const char* title, const fs::path& scratch, const fs::path& package, int rounds) {
@@ -104,15 +153,20 @@ void compare(const char* title, const fs::path& scratch, const fs::path& package
     const Core::ZUL::Package ours("com.example.app", "1-1");
     const std::string file = package.string();
     const std::string go = "cd " + into.string() + " && ";
-    std::array<std::vector<double>, 3> times;
+    std::array<std::vector<Times>, 3> times;
     for (int round = 0; round < rounds; ++round) {
-        times[0].push_back(seconds(into, [&] { ours.extract(package, into); }));
-        times[1].push_back(seconds(into, [&] { shell(go + "rpm2cpio " + file + " | cpio -idm --quiet"); }));
-        times[2].push_back(seconds(into, [&] { shell(go + "bsdtar -xf " + file); }));
+        times[0].push_back(measure(into, [&] { ours.extract(package, into); }));
+        times[1].push_back(measure(into, [&] { shell(go + "rpm2cpio " + file + " | cpio -idm --quiet"); }));
+        times[2].push_back(measure(into, [&] { shell(go + "bsdtar -xf " + file); }));
     }
-    const double fastest = std::min(median(times[1]), median(times[2]));
-    std::printf("%-22s %8.3f %8.3f %8.3f   %5.2f\n", title, median(times[0]), median(times[1]),
-                median(times[2]), median(times[0]) / fastest);
+    std::printf("%-16s", title);
+    for (const auto member : {&Times::wall, &Times::processor}) {
+        const std::array<double, 3> seconds{median(times[0]).*member, median(times[1]).*member,
+                                            median(times[2]).*member};
+        std::printf("   %7.3f %7.3f %7.3f %6.2f", seconds[0], seconds[1], seconds[2],
+                    seconds[0] / std::min(seconds[1], seconds[2]));
+    }
+    std::printf("\n");
     std::fflush(stdout);
 }
 
@@ -127,8 +181,15 @@ int main(int argc, char** argv) try {
     fs::create_directories(scratch.path() / "many");
     makeLargeFile(scratch.path() / "large");
     makeManyFiles(scratch.path() / "many");
-    std::printf("%-22s %8s %8s %8s   ours / faster\n", "seconds, median", "ours", "cpio", "bsdtar");
+    std::printf("%-16s   %-30s   %-30s\n%-16s", "median seconds", "wall", "processor", "");
+    for (int column = 0; column < 2; ++column) {
+        std::printf("   %7s %7s %7s %6s", "ours", "cpio", "bsdtar", "ratio");
+    }
+    std::printf("\n");
     for (const std::string source : {"many", "large"}) {
+        const auto digests = digestTimes(scratch.path() / source);
+        std::printf("%-16s   %7.3f %25s%7.3f\n", (source + " digests").c_str(), digests.wall, "",
+                    digests.processor);
         for (const std::string payload : {"w6.gzdio", "w0.xzdio", "w3.zstdio", "w9.bzdio"}) {
             const auto title = source + " " + payload;
             if (title.find(only) == std::string::npos) {
