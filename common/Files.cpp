@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <system_error>
+#include <vector>
 
 namespace Common {
 
@@ -23,6 +24,26 @@ UniqueFd openDirectory(const std::filesystem::path& directory) {
         throw filesystemError("couldn't open directory " + directory.native());
     }
     return fd;
+}
+
+/// Gives the owner access to a directory and to those in it. No link is followed: each is opened in the one
+/// before, and changed through its descriptor.
+void makeAccessible(const UniqueFd& parent, const std::filesystem::path& name) {
+    const UniqueFd directory(openat(parent ? parent.get() : AT_FDCWD, name.c_str(),
+                                    O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory) {
+        return;
+    }
+    const auto self = "/proc/self/fd/" + std::to_string(directory.get());
+    std::error_code denied; // is found again by the removal
+    std::filesystem::permissions(self, std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
+                                 denied);
+    // All at once: an open iterator per level would need a second descriptor.
+    const std::vector<std::filesystem::directory_entry> entries(
+        std::filesystem::directory_iterator(self, denied), {});
+    for (const auto& entry : entries) {
+        makeAccessible(directory, entry.path().filename());
+    }
 }
 
 } // namespace
@@ -85,6 +106,20 @@ std::optional<std::string> readRegularFile(const std::filesystem::path& file, st
     }
     text.resize(*filled);
     return text;
+}
+
+void removeTree(const std::filesystem::path& path) {
+    // With a slash at the end a link would be followed.
+    const auto plain = path.has_filename() ? path : path.parent_path();
+    std::error_code error;
+    std::filesystem::remove_all(plain, error);
+    if (error == std::errc::permission_denied) {
+        makeAccessible({}, plain);
+        std::filesystem::remove_all(plain, error);
+    }
+    if (error && error != std::errc::not_a_directory) { // which a directory above it is not
+        throw Error(ErrorCode::Filesystem, "couldn't remove " + plain.native() + ": " + error.message());
+    }
 }
 
 void flushDirectory(const std::filesystem::path& directory) {

@@ -49,9 +49,10 @@ enum class Outside {
 [[nodiscard]] std::optional<std::string> readRegularFile(const std::filesystem::path& file,
                                                          std::size_t limit);
 
-/// Deletes a file, a link or a directory with all that is in it, however deep. Links are deleted, never
-/// followed. Directories in it that their owner may not write or search are made accessible first, as far as
-/// they are the caller's. What does not exist is no failure; the first failure ends it.
+/// Deletes a file, a link or a directory with all that is in it. Links are deleted, never followed, also not
+/// when one takes a directory's place meanwhile. Directories that deny their owner access are made accessible
+/// if the caller owns them. A path that does not exist is not a failure; the first failure ends it. Each
+/// level of directories takes a file descriptor (RLIMIT_NOFILE).
 void removeTree(const std::filesystem::path& path);
 
 /// Waits until a directory's own entries are on disk.

@@ -184,7 +184,7 @@ TEST_F(Hostility, OfDepthAndModesDoesNotStopRemoval) {
     const auto top = temp / "deep";
     fs::create_directories(top);
     int directory = open(top.c_str(), O_PATH);
-    for (int depth = 0; depth < 3000; ++depth) {
+    for (int depth = 0; depth < 400; ++depth) {
         ASSERT_EQ(mkdirat(directory, "d", 0700), 0);
         const int below = openat(directory, "d", O_PATH);
         fs::permissions("/proc/self/fd/" + std::to_string(directory), fs::perms((depth % 8) << 6));
