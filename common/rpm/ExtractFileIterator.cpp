@@ -4,13 +4,10 @@
 #include "common/LogLine.h"
 #include "common/rpm/Configuration.h"
 #include "common/rpm/FileIterator.h"
-#include "common/rpm/ReadAhead.h"
 
 #include <rpm/rpmmacro.h>
 
-#include <algorithm>
 #include <map>
-#include <memory>
 #include <optional>
 #include <sys/stat.h>
 #include <utility>
@@ -20,77 +17,41 @@ namespace Common::Rpm {
 
 namespace {
 
-constexpr std::size_t bytesPerBatch = std::size_t{256} * 1024;
-constexpr std::size_t piecesPerBatch = 256;
-
-/// The beginning of an entry, some of its content, or both.
-struct Piece {
-    std::optional<PayloadEntry> entry;
-    std::span<const char> bytes; ///< in the batch
-};
-
-/// A stretch of the payload.
-struct Batch {
-    std::unique_ptr<char[]> bytes;
-    std::size_t used = 0;
-    std::vector<Piece> pieces;
-};
-
-/// Turns the payload into batches of pieces. Lives on the thread that reads ahead.
-class Producer {
+/// Steps through the payload; gives the content of the entry that it is at.
+class Payload : public EntryContent {
 public:
-    Producer(const Reader& reader, bool signConfigFiles)
+    Payload(const Reader& reader, bool signConfigFiles)
         : files_(reader)
         , signConfigFiles_(signConfigFiles) {}
 
-    bool fill(Batch& batch) {
-        if (!batch.bytes) {
-            batch.bytes = std::make_unique_for_overwrite<char[]>(bytesPerBatch);
-        }
-        batch.used = 0;
-        batch.pieces.clear();
-        while (batch.used < bytesPerBatch && batch.pieces.size() < piecesPerBatch) {
-            Piece piece;
-            if (remaining_ == 0 && !begin(piece)) {
-                return false;
+    /// The next entry, past what is left of the present one; null at the end.
+    const PayloadEntry* nextEntry() {
+        while (files_.next()) {
+            if (auto entry = describe()) {
+                entry_ = std::move(*entry);
+                digest_.reset();
+                isChecked_ = false;
+                return &entry_;
             }
-            readContent(piece, batch);
-            if (piece.entry || !piece.bytes.empty()) {
-                batch.pieces.push_back(std::move(piece));
-            }
+            logWarning() << "unexpected entry type in rpm package";
         }
-        return true;
+        return nullptr;
+    }
+
+    std::span<const char> next() override {
+        if (!digest_) {
+            digest_.emplace(entry_.digest);
+        }
+        const auto bytes = std::span(buffer_).first(files_.read(buffer_));
+        if (!bytes.empty()) {
+            digest_->update(bytes);
+        } else if (!std::exchange(isChecked_, true)) {
+            checkDigest();
+        }
+        return bytes;
     }
 
 private:
-    bool begin(Piece& piece) {
-        if (!files_.next()) {
-            return false;
-        }
-        piece.entry = describe();
-        if (!piece.entry) {
-            logWarning() << "unexpected entry type in rpm package";
-        } else if (piece.entry->kind == EntryKind::RegularFile) {
-            remaining_ = piece.entry->size;
-        }
-        return true;
-    }
-
-    void readContent(Piece& piece, Batch& batch) {
-        if (remaining_ == 0) {
-            return;
-        }
-        const auto size =
-            static_cast<std::size_t>(std::min<std::uint64_t>(remaining_, bytesPerBatch - batch.used));
-        const std::span<char> bytes(batch.bytes.get() + batch.used, size);
-        if (files_.read(bytes) != size) {
-            throw Error(ErrorCode::BadPackage, "couldn't read content from rpm package");
-        }
-        piece.bytes = bytes;
-        batch.used += size;
-        remaining_ -= size;
-    }
-
     std::optional<PayloadEntry> describe() {
         PayloadEntry entry;
         entry.path = files_.path();
@@ -133,72 +94,6 @@ private:
         entry.linkTarget = content->second;
     }
 
-    [[nodiscard]] bool isSigned() const {
-        return (files_.flags() & RPMFILE_CONFIG) == 0 || (files_.mode() & 0111U) != 0 || signConfigFiles_;
-    }
-
-    FileIterator files_;
-    bool signConfigFiles_;
-    std::uint64_t remaining_ = 0;
-    std::map<int, std::string> contentOfSet_; ///< by the first index of the set
-};
-
-/// The consumer's end: takes the batches apart again.
-class Consumer : public EntryContent {
-public:
-    explicit Consumer(ReadAhead<Batch>& source)
-        : source_(source) {}
-
-    /// The next entry, past what is left of the present one; null at the end.
-    const PayloadEntry* nextEntry() {
-        do {
-            if (!advance()) {
-                return nullptr;
-            }
-        } while (!piece().entry);
-        remaining_ = piece().entry->size;
-        digest_.reset();
-        entry_ = std::move(*piece().entry);
-        unread_ = !piece().bytes.empty();
-        checked_ = false;
-        return &entry_;
-    }
-
-    std::span<const char> next() override {
-        if (!digest_) {
-            digest_.emplace(entry_.digest);
-        }
-        if (remaining_ == 0) {
-            if (!std::exchange(checked_, true)) {
-                checkDigest();
-            }
-            return {};
-        }
-        if (!std::exchange(unread_, false) && !advance()) {
-            throw Error(ErrorCode::BadPackage, "couldn't read content from rpm package");
-        }
-        const auto bytes = piece().bytes;
-        remaining_ -= bytes.size();
-        digest_->update(bytes);
-        return bytes;
-    }
-
-private:
-    [[nodiscard]] Piece& piece() { return batch_.pieces[place_]; }
-
-    bool advance() {
-        if (++place_ < batch_.pieces.size()) {
-            return true;
-        }
-        do {
-            if (!source_.next(batch_)) {
-                return false;
-            }
-        } while (batch_.pieces.empty());
-        place_ = 0;
-        return true;
-    }
-
     void checkDigest() {
         if (!digest_->matches()) {
             throw Error(ErrorCode::BadPackage,
@@ -207,15 +102,17 @@ private:
         }
     }
 
-    ReadAhead<Batch>& source_;
-    Batch batch_;
-    std::size_t place_ = 0;
+    [[nodiscard]] bool isSigned() const {
+        return (files_.flags() & RPMFILE_CONFIG) == 0 || (files_.mode() & 0111U) != 0 || signConfigFiles_;
+    }
+
+    FileIterator files_;
+    bool signConfigFiles_;
+    std::map<int, std::string> contentOfSet_; ///< by the first index of the set
     PayloadEntry entry_;
     std::optional<ContentDigest> digest_;
-    std::uint64_t remaining_ = 0;
-    bool unread_ =
-        false; ///< whether the present piece, which began the entry, has content not yet handed out
-    bool checked_ = false;
+    bool isChecked_ = false;
+    std::vector<char> buffer_ = std::vector<char>(std::size_t{64} * 1024);
 };
 
 } // namespace
@@ -227,13 +124,9 @@ ExtractFileIterator::ExtractFileIterator(const Reader& reader)
 }
 
 void ExtractFileIterator::forEach(const Visitor& visitor) const {
-    ReadAhead<Batch> source([this]() -> ReadAhead<Batch>::Producer {
-        const auto producer = std::make_shared<Producer>(reader_, signConfigFiles_);
-        return [producer](Batch& batch) { return producer->fill(batch); };
-    });
-    Consumer content(source);
-    while (const auto* entry = content.nextEntry()) {
-        visitor(*entry, content);
+    Payload payload(reader_, signConfigFiles_);
+    while (const auto* entry = payload.nextEntry()) {
+        visitor(*entry, payload);
     }
 }
 

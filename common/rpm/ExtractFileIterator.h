@@ -25,7 +25,7 @@ struct PayloadEntry {
     FileDigest digest;           ///< of that content
 };
 
-/// The bytes of the entry that is being visited, valid during the visit only.
+/// The bytes of the regular file that is being visited, valid during the visit only.
 class EntryContent {
 public:
     virtual ~EntryContent() = default;
@@ -39,7 +39,7 @@ public:
     virtual std::span<const char> next() = 0;
 };
 
-/// Visits the payload of a package file. A thread of the visit's own unpacks a little ahead of the visitor.
+/// Visits the payload of a package file. Used by one thread.
 class ExtractFileIterator {
 public:
     using Visitor = std::function<void(const PayloadEntry&, EntryContent&)>;

@@ -1,12 +1,13 @@
 #include "common/rpm/FileIterator.h"
 
 #include "common/Error.h"
+#include "common/Files.h"
 #include "common/LogLine.h"
-#include "common/UniqueFd.h"
 
 #include <rpm/header.h>
 
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
@@ -29,19 +30,11 @@ constexpr rpmfiFlags unusedTags = RPMFI_NOFILECLASS | RPMFI_NOFILEDEPS | RPMFI_N
 struct Compressor {
     std::string_view name;
     const char* mode; ///< for librpm to read with
-    std::string_view magic;
-    /// Of those that read a payload faster than librpm, if it begins with the magic.
-    std::unique_ptr<Decompressor> (*decompressor)(UniqueFd file);
 };
 
-// A header that names no compressor may have a payload without compression: librpm's gzip reader lets it
-// through, and the magic tells.
 constexpr std::array compressors{
-    Compressor{"gzip", "r.gzdio", "\x1f\x8b", gzipDecompressor},
-    Compressor{"bzip2", "r.bzdio", {}, nullptr},
-    Compressor{"xz", "r.xzdio", {}, nullptr},
-    Compressor{"lzma", "r.lzdio", {}, nullptr},
-    Compressor{"zstd", "r.zstdio", {}, nullptr},
+    Compressor{"gzip", "r.gzdio"}, Compressor{"bzip2", "r.bzdio"}, Compressor{"xz", "r.xzdio"},
+    Compressor{"lzma", "r.lzdio"}, Compressor{"zstd", "r.zstdio"},
 };
 
 [[noreturn]] void throwNotOpened() {
@@ -73,10 +66,12 @@ UniqueFd openAtPayload(const Reader& reader) {
     return file;
 }
 
-bool beginsWith(const UniqueFd& file, std::string_view magic) {
-    std::string start(magic.size(), '\0');
+// A header that names no compressor may have a payload without compression, which librpm's gzip reader
+// passes through.
+bool isGzip(const UniqueFd& file) {
+    std::array<char, 2> start{};
     const auto count = pread(file.get(), start.data(), start.size(), lseek(file.get(), 0, SEEK_CUR));
-    return count == static_cast<ssize_t>(magic.size()) && start == magic;
+    return count == start.size() && start == std::array{'\x1f', '\x8b'};
 }
 
 /// Keeps this thread from running signal handlers: librpm takes a read that one interrupts for a failed one.
@@ -116,15 +111,14 @@ FileIterator::FileIterator(const Reader& reader)
 
 void FileIterator::openPayload(const Reader& reader) {
     const auto& compressor = compressorOf(reader.header());
-    auto file = openAtPayload(reader);
-    const bool isOurs = compressor.decompressor != nullptr && beginsWith(file, compressor.magic);
-    if (isOurs) {
-        stream_.emplace(compressor.decompressor(std::move(file)));
+    file_ = openAtPayload(reader);
+    if (compressor.name == "gzip" && isGzip(file_)) {
+        stream_ = std::make_unique<GzipStream>(file_.get());
     }
-    payload_.reset(fdDup(isOurs ? stream_->descriptor() : file.get()));
-    // What is not compressed comes through the gzip reader as it is, and whole: without it librpm would take
-    // a short read, which SIGSTOP is enough for, for the end.
-    if (!files_ || !payload_ || Fdopen(payload_.get(), isOurs ? "r.gzdio" : compressor.mode) == nullptr) {
+    payload_.reset(fdDup(stream_ ? stream_->descriptor() : file_.get()));
+    // librpm's gzip reader passes the stream's content through, and whole: without it librpm would take a
+    // short read, which SIGSTOP is enough for, for the end.
+    if (!files_ || !payload_ || Fdopen(payload_.get(), compressor.mode) == nullptr) {
         throwNotOpened();
     }
 }
@@ -156,10 +150,12 @@ bool FileIterator::next() {
     return true;
 }
 
-// What the decompressor failed with says more than what librpm makes of it.
+// librpm does not say whether it was the read that failed, so the file is read once more.
 void FileIterator::fail(const std::string& words) {
-    if (stream_) {
-        stream_->stop();
+    errno = stream_ ? stream_->stop() : 0;
+    char byte = 0;
+    if (errno != 0 || ::read(file_.get(), &byte, 1) < 0) {
+        throw filesystemError("couldn't read payload of rpm package");
     }
     throw Error(ErrorCode::BadPackage, words);
 }

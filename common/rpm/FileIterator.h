@@ -1,14 +1,13 @@
 #pragma once
 
 #include "common/rpm/ContentDigest.h"
-#include "common/rpm/DecompressedStream.h"
+#include "common/rpm/GzipStream.h"
 #include "common/rpm/Reader.h"
 
 #include <rpm/rpmfi.h>
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <sys/types.h>
@@ -66,7 +65,8 @@ private:
     void markSeen(int index);
     void checkComplete() const;
 
-    std::optional<DecompressedStream> stream_; ///< what payload_ reads from, if not the file itself
+    UniqueFd file_;                      ///< the package, at the payload
+    std::unique_ptr<GzipStream> stream_; ///< what payload_ reads from, if not the file itself
     std::unique_ptr<std::remove_pointer_t<rpmfiles>, rpmfiles (*)(rpmfiles)> files_;
     std::unique_ptr<std::remove_pointer_t<FD_t>, int (*)(FD_t)> payload_;
     std::unique_ptr<std::remove_pointer_t<rpmfi>, rpmfi (*)(rpmfi)> iterator_;
