@@ -1,5 +1,7 @@
 #include "common/LogLine.h"
 
+#include "common/PrintableText.h"
+
 #include <iomanip>
 #include <iostream>
 #include <sstream>
@@ -18,18 +20,6 @@ std::string_view prefixOf(LogLevel level) {
         return "ERROR: ";
     }
     return "";
-}
-
-void appendEscaped(std::string& line, std::string_view text) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte < 0x20 || byte == 0x7f) {
-            line += {'\\', 'x', digits[byte >> 4U], digits[byte & 0xfU]};
-        } else {
-            line += character;
-        }
-    }
 }
 
 } // namespace
@@ -51,7 +41,7 @@ LogLine& LogLine::operator<<(std::string_view text) {
         line_ += prefixOf(level_);
         prefixPending_ = false;
     }
-    appendEscaped(line_, text);
+    line_ += printable(text);
     return *this;
 }
 

@@ -26,8 +26,10 @@ TEST(ALogLine, HasItsPrefixAndOneNewline) {
 TEST(ALogLine, CannotBeForgedByWhatItReports) {
     const Testbed::LogCapture log;
     Common::logError() << "couldn't find package: "
-                       << "a\nERROR: b\x1b[2J\x7f";
-    EXPECT_EQ(log.text(), "ERROR: couldn't find package: a\\x0aERROR: b\\x1b[2J\\x7f\n");
+                       << "a\nERROR: b\x1b[2J\x7f"
+                       << "\u202e\u009b2Jgr\u00fcn\xff";
+    EXPECT_EQ(log.text(), "ERROR: couldn't find package: a\\x0aERROR: b\\x1b[2J\\x7f"
+                          "\\u{202e}\\u{9b}2Jgr\u00fcn\\xff\n");
     EXPECT_EQ(Common::quoted("a \"b\\c"), R"("a \"b\\c")");
 }
 
