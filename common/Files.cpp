@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace Common {
@@ -85,27 +86,58 @@ UniqueFd openWithin(int directory, const std::filesystem::path& path, int flags,
     return UniqueFd(static_cast<int>(syscall(SYS_openat2, directory, path.c_str(), &how, sizeof how)));
 }
 
-std::optional<std::string> readRegularFile(const std::filesystem::path& file, std::size_t limit) {
-    // Without O_NONBLOCK a FIFO would hold us until somebody writes to it.
-    const UniqueFd fd(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+UniqueFd openRegularFile(const std::filesystem::path& file) noexcept {
     struct stat status {};
+    errno = EINVAL;
+    if (file.native().find('\0') != std::string::npos) {
+        return {};
+    }
+    // Without O_NONBLOCK a FIFO would hold us until somebody writes to it.
+    UniqueFd fd(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd || fstat(fd.get(), &status) != 0 || S_ISREG(status.st_mode)) {
+        return fd;
+    }
+    fd = UniqueFd();
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    return fd;
+}
+
+std::uint64_t sizeOf(int descriptor) {
+    struct stat status {};
+    if (fstat(descriptor, &status) != 0) {
+        throw filesystemError("couldn't look at an open file");
+    }
+    return static_cast<std::uint64_t>(status.st_size);
+}
+
+std::optional<std::string> readRegularFile(const std::filesystem::path& file, std::size_t limit) {
+    const auto fd = openRegularFile(file);
     if (!fd && meansAbsence(errno)) {
         return std::nullopt;
     }
-    if (!fd || fstat(fd.get(), &status) != 0) {
+    if (!fd && errno != EISDIR && errno != EINVAL) {
         throw filesystemError("couldn't open " + file.native());
     }
-    if (!S_ISREG(status.st_mode) || static_cast<std::size_t>(status.st_size) > limit) {
+    const auto size = fd ? sizeOf(fd.get()) : 0;
+    if (!fd || size > limit) {
         throw Error(ErrorCode::FileNotFound,
                     "no regular file of at most " + std::to_string(limit) + " bytes: " + file.native());
     }
-    std::string text(static_cast<std::size_t>(status.st_size), '\0');
+    std::string text(static_cast<std::size_t>(size), '\0');
     const auto filled = readAll(fd.get(), std::as_writable_bytes(std::span(text)));
     if (!filled) {
         throw filesystemError("couldn't read " + file.native());
     }
     text.resize(*filled);
     return text;
+}
+
+std::string readExistingFile(const std::filesystem::path& file, std::size_t limit) {
+    auto text = readRegularFile(file, limit);
+    if (!text) {
+        throw Error(ErrorCode::FileNotFound, file.native() + ": " + std::generic_category().message(ENOENT));
+    }
+    return std::move(*text);
 }
 
 void removeTree(const std::filesystem::path& path) {
@@ -148,10 +180,14 @@ void replaceLink(const std::filesystem::path& link, const std::filesystem::path&
     }
 }
 
-std::optional<std::size_t> readAll(int descriptor, std::span<std::byte> buffer) noexcept {
+std::optional<std::size_t> readAll(int descriptor, std::span<std::byte> buffer,
+                                   std::optional<std::uint64_t> offset) noexcept {
     std::size_t filled = 0;
     while (filled < buffer.size()) {
-        const auto count = read(descriptor, buffer.data() + filled, buffer.size() - filled);
+        const auto rest = buffer.subspan(filled);
+        const auto count =
+            offset ? pread(descriptor, rest.data(), rest.size(), static_cast<off_t>(*offset + filled))
+                   : read(descriptor, rest.data(), rest.size());
         if (count < 0 && errno != EINTR) {
             return std::nullopt;
         }

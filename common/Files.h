@@ -4,6 +4,7 @@
 #include "common/UniqueFd.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <span>
@@ -42,12 +43,23 @@ enum class Outside {
 [[nodiscard]] UniqueFd openWithin(int directory, const std::filesystem::path& path, int flags,
                                   Outside outside) noexcept;
 
+/// Opens a regular file for reading, links followed. It is the descriptor that is checked, and a FIFO or a
+/// device is not waited for.
+/// @return nothing with errno set when it cannot be opened; EISDIR or EINVAL when it is not a regular file
+[[nodiscard]] UniqueFd openRegularFile(const std::filesystem::path& file) noexcept;
+
+/// Bytes of an open file.
+[[nodiscard]] std::uint64_t sizeOf(int descriptor);
+
 /// Reads a regular file; never blocks on anything else.
 /// @param limit  the largest size in bytes that is accepted
 /// @return nothing when there is no such file or a link leads nowhere
 /// Throws FileNotFound as well, for what is no regular file or too large.
 [[nodiscard]] std::optional<std::string> readRegularFile(const std::filesystem::path& file,
                                                          std::size_t limit);
+
+/// The same for a file that has to exist: otherwise throws FileNotFound.
+[[nodiscard]] std::string readExistingFile(const std::filesystem::path& file, std::size_t limit);
 
 /// Deletes a file, a link or a directory with all that is in it. Links are deleted, never followed, also not
 /// when one takes a directory's place meanwhile. Directories that deny their owner access are made accessible
@@ -64,9 +76,11 @@ void flushFileSystem(const std::filesystem::path& directory);
 /// Makes or replaces a symbolic link in one step. An empty directory in its place is replaced as well.
 void replaceLink(const std::filesystem::path& link, const std::filesystem::path& target);
 
-/// Reads from the descriptor's offset on until the buffer is full or the file ends.
+/// Reads until the buffer is full or the file ends.
+/// @param offset  where to begin, without moving the descriptor's own; else there
 /// @return number of bytes; nothing, with errno, when the file cannot be read
-[[nodiscard]] std::optional<std::size_t> readAll(int descriptor, std::span<std::byte> buffer) noexcept;
+[[nodiscard]] std::optional<std::size_t> readAll(int descriptor, std::span<std::byte> buffer,
+                                                 std::optional<std::uint64_t> offset = {}) noexcept;
 
 /// Writes all bytes at the descriptor's offset.
 /// @return false, with errno, when the file does not take them

@@ -26,4 +26,15 @@ Utf8Character decodeUtf8(std::string_view text) noexcept {
     return {code, length, true};
 }
 
+bool isUtf8(std::string_view text) noexcept {
+    while (!text.empty()) {
+        const auto character = decodeUtf8(text);
+        if (!character.valid) {
+            return false;
+        }
+        text.remove_prefix(character.length);
+    }
+    return true;
+}
+
 } // namespace Common

@@ -17,4 +17,7 @@ struct Utf8Character {
 /// Any thread.
 [[nodiscard]] Utf8Character decodeUtf8(std::string_view text) noexcept;
 
+/// Whether a text consists of characters that decodeUtf8() takes. Any thread.
+[[nodiscard]] bool isUtf8(std::string_view text) noexcept;
+
 } // namespace Common

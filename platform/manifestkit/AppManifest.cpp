@@ -1,7 +1,7 @@
 #include "platform/manifestkit/AppManifest.h"
 
-#include "platform/RegularFile.h"
-#include "platform/manifestkit/Utf8.h"
+#include "common/Files.h"
+#include "common/Utf8.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -184,7 +184,7 @@ ManifestEntry ManifestEntry::fromBytes(std::string_view bytes) {
     if (bytes.size() > maximumSize) {
         throw std::runtime_error("manifest is larger than " + std::to_string(maximumSize) + " bytes");
     }
-    if (bytes.find('\0') != std::string_view::npos || !isUtf8(bytes)) {
+    if (bytes.find('\0') != std::string_view::npos || !Common::isUtf8(bytes)) {
         throw std::runtime_error("manifest is not UTF-8 text");
     }
     return ManifestEntry(Parser().parse(bytes));
@@ -192,7 +192,7 @@ ManifestEntry ManifestEntry::fromBytes(std::string_view bytes) {
 
 ManifestEntry ManifestEntry::fromFile(const std::filesystem::path& path) {
     try {
-        return fromBytes(Platform::readWholeFile(path, maximumSize));
+        return fromBytes(Common::readExistingFile(path, maximumSize));
     } catch (const std::exception& error) {
         throw std::runtime_error("couldn't read manifest " + path.string() + ": " + error.what());
     }

@@ -1,10 +1,11 @@
 #include "platform/pkgverify/Container.h"
 
-#include "platform/RegularFile.h"
+#include "common/Files.h"
 #include "platform/signcms/Bytes.h"
 #include "platform/signcms/SignedBlob.h"
 
 #include <algorithm>
+#include <span>
 #include <stdexcept>
 
 namespace PackageSignatures::Container {
@@ -18,11 +19,15 @@ constexpr std::string_view trailerMagic = "VNDSIGNT";
 constexpr std::uint32_t version = 1;
 constexpr std::size_t pieceSize = std::size_t{1024} * 1024;
 
-std::string bytesAt(int descriptor, std::uint64_t offset, std::size_t size) {
-    std::string bytes(size, '\0');
-    if (Platform::readAt(descriptor, bytes.data(), size, offset) != size) {
+void readWhole(int descriptor, std::span<char> bytes, std::uint64_t offset) {
+    if (Common::readAll(descriptor, std::as_writable_bytes(bytes), offset) != bytes.size()) {
         throw std::runtime_error("package ends too early");
     }
+}
+
+std::string bytesAt(int descriptor, std::uint64_t offset, std::size_t size) {
+    std::string bytes(size, '\0');
+    readWhole(descriptor, bytes, offset);
     return bytes;
 }
 
@@ -138,9 +143,7 @@ PackageDigest digestOf(int descriptor, std::uint64_t length) {
     std::string piece(static_cast<std::size_t>(std::min<std::uint64_t>(length, pieceSize)), '\0');
     for (std::uint64_t offset = 0; offset < length;) {
         const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(length - offset, piece.size()));
-        if (Platform::readAt(descriptor, piece.data(), size, offset) != size) {
-            throw std::runtime_error("package ends too early");
-        }
+        readWhole(descriptor, std::span(piece).first(size), offset);
         OpenSsl::require(EVP_DigestUpdate(context.get(), piece.data(), size) == 1,
                          "couldn't compute a digest");
         offset += size;

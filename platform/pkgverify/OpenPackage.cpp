@@ -1,5 +1,6 @@
 #include "platform/pkgverify/OpenPackage.h"
 
+#include "common/Files.h"
 #include "platform/signcms/SignedBlob.h"
 
 #include <stdexcept>
@@ -8,8 +9,9 @@
 namespace PackageSignatures {
 
 OpenPackage::OpenPackage(const std::filesystem::path& path)
-    : file_(path)
-    , layout_(Container::readLayout(descriptor(), file_.size())) {
+    : file_(Common::openRegularFile(path))
+    , size_(file_ ? Common::sizeOf(file_.get()) : throw Common::filesystemError(path.native()))
+    , layout_(Container::readLayout(descriptor(), size_)) {
     if (layout_) {
         for (auto& der : Container::readCmses(descriptor(), *layout_)) {
             cmses_.push_back(readCms(std::move(der)));

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/RegularFile.h"
+#include "common/UniqueFd.h"
 #include "platform/pkgverify/Container.h"
 #include "platform/signcms/PackageSignatures.h"
 
@@ -18,18 +18,17 @@ public:
     /// Throws std::runtime_error where FileWithCmses::fromPath() gives nothing.
     explicit OpenPackage(const std::filesystem::path& path);
 
-    [[nodiscard]] int descriptor() const { return file_.descriptor(); }
+    [[nodiscard]] int descriptor() const { return file_.get(); }
     /// Bytes of the package itself, without its signatures.
-    [[nodiscard]] std::uint64_t packageLength() const {
-        return layout_ ? layout_->packageLength : file_.size();
-    }
+    [[nodiscard]] std::uint64_t packageLength() const { return layout_ ? layout_->packageLength : size_; }
     [[nodiscard]] const std::vector<Cms>& cmses() const { return cmses_; }
 
     /// Throws std::runtime_error, which says why, where FileWithCmses::verifyCmses() gives false.
     void requireVerified(const std::filesystem::path& caPath) const;
 
 private:
-    Platform::RegularFile file_;
+    Common::UniqueFd file_;
+    std::uint64_t size_;
     std::optional<Container::Layout> layout_;
     std::vector<Cms> cmses_;
 };

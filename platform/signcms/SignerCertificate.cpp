@@ -1,4 +1,4 @@
-#include "platform/RegularFile.h"
+#include "common/Files.h"
 #include "platform/signcms/SignedBlob.h"
 
 #include <openssl/pem.h>
@@ -104,7 +104,7 @@ void checkMaySign(X509& certificate) {
 Authority::Authority(const std::filesystem::path& path)
     : store_(X509_STORE_new()) {
     const OpenSsl::ErrorMark mark;
-    const auto pem = Platform::readWholeFile(path, maximumAuthorityFileSize);
+    const auto pem = Common::readExistingFile(path, maximumAuthorityFileSize);
     const auto source = OpenSsl::reading(pem);
     require(store_ != nullptr, "out of memory");
     int count = 0;

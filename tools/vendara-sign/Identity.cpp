@@ -1,6 +1,6 @@
 #include "tools/vendara-sign/Identity.h"
 
-#include "platform/RegularFile.h"
+#include "common/Files.h"
 #include "platform/signcms/SignedBlob.h"
 
 #include <openssl/pem.h>
@@ -25,13 +25,13 @@ int noPassphrase(char*, int, int, void*) { return -1; }
 Identity loadIdentity(const std::filesystem::path& key, const std::filesystem::path& certificate) {
     const OpenSsl::ErrorMark mark;
     Identity identity;
-    const auto keyText = Platform::readWholeFile(key, maximumPemSize);
+    const auto keyText = Common::readExistingFile(key, maximumPemSize);
     identity.key.reset(
         PEM_read_bio_PrivateKey(OpenSsl::reading(keyText).get(), nullptr, noPassphrase, nullptr));
     if (!identity.key) {
         throw std::runtime_error(key.string() + ": not a PEM file with an unencrypted private key");
     }
-    const auto certificateText = Platform::readWholeFile(certificate, maximumPemSize);
+    const auto certificateText = Common::readExistingFile(certificate, maximumPemSize);
     identity.certificate.reset(
         PEM_read_bio_X509(OpenSsl::reading(certificateText).get(), nullptr, nullptr, nullptr));
     if (!identity.certificate) {

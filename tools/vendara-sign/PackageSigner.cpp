@@ -52,12 +52,13 @@ void copyBytes(int source, std::uint64_t length, Common::NewFile& output) {
     std::string piece(std::size_t{1024} * 1024, '\0');
     for (std::uint64_t offset = 0; offset < length;) {
         const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), length - offset));
-        const auto count = Platform::readAt(source, piece.data(), wanted, offset);
-        if (count == 0) {
+        const auto count =
+            Common::readAll(source, std::as_writable_bytes(std::span(piece).first(wanted)), offset);
+        if (count.value_or(0) == 0) {
             throw std::runtime_error("unexpected end of file");
         }
-        output.write(std::string_view(piece).substr(0, count));
-        offset += count;
+        output.write(std::string_view(piece).substr(0, *count));
+        offset += *count;
     }
 }
 
