@@ -43,8 +43,9 @@ function(vendara_executable name)
 endfunction()
 
 # vendara_platform_library(NAME name VERSION major SOURCES file... [PRIVATE target...]) makes the target vendara-NAME for
-# a library of the device, lib<name>.so.<major>, whose interface header lies in platform/NAME/. It is the reference
-# implementation built from SOURCES, or with VENDARA_PLATFORM=device the installed library.
+# a library of the device, lib<name>.so.<major>, whose interface header is in platform/NAME/. It is the reference
+# implementation built from SOURCES, or with VENDARA_PLATFORM=device the installed library. The reference library exports
+# its interface only; programs that use more of it link the same code as vendara-NAME-static.
 function(vendara_platform_library)
     cmake_parse_arguments(arg "" "NAME;VERSION" "SOURCES;PRIVATE" ${ARGN})
     set(target vendara-${arg_NAME})
@@ -57,11 +58,15 @@ function(vendara_platform_library)
         add_library(${target} ALIAS Vendara::${arg_NAME})
         set_property(GLOBAL APPEND PROPERTY VENDARA_DEVICE_LIBRARIES lib${arg_NAME}.so.${arg_VERSION})
     elseif(VENDARA_PLATFORM STREQUAL "reference")
-        add_library(${target} SHARED ${arg_SOURCES})
-        set_target_properties(${target} PROPERTIES
+        vendara_library(${target}-static SOURCES ${arg_SOURCES} DEPENDS ${arg_PRIVATE})
+        add_library(${target} SHARED $<TARGET_OBJECTS:${target}-static>)
+        set_target_properties(${target}-static PROPERTIES
+            CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+        set_target_properties(${target} PROPERTIES LINKER_LANGUAGE CXX
             OUTPUT_NAME ${arg_NAME} VERSION ${arg_VERSION} SOVERSION ${arg_VERSION})
         target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
-        target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:vendara-options> ${arg_PRIVATE})
+        target_link_libraries(${target} PRIVATE ${arg_PRIVATE})
+        target_link_options(${target} PRIVATE LINKER:--exclude-libs,ALL)
         install(TARGETS ${target} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_SKIP)
     else()
         message(FATAL_ERROR "VENDARA_PLATFORM is \"${VENDARA_PLATFORM}\": it has to be reference or device")

@@ -1,4 +1,4 @@
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/signcms/SignedBlob.h"
 
 #include <cstddef>
 #include <cstdint>

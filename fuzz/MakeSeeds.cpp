@@ -1,5 +1,5 @@
-#include "platform/pkgverify/Container.h"
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/pkgverify/Container.h"
+#include "platform/reference/signcms/SignedBlob.h"
 #include "testbed/RpmPackage.h"
 #include "tools/vendara-sign/TestAuthority.h"
 

@@ -1,5 +1,5 @@
-#include "platform/pkgverify/Container.h"
 #include "platform/pkgverify/FileWithCmses.h"
+#include "platform/reference/pkgverify/Container.h"
 
 #include <cstdint>
 #include <cstdlib>

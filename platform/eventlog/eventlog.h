@@ -13,4 +13,5 @@
 /// @param kind     what happened; the numbers are the caller's
 /// @param value    a number that goes with the kind
 /// @param message  text for people, ended by a zero byte; null counts as empty
-extern "C" void log_event(std::uint8_t kind, std::uint32_t value, const char* message) noexcept;
+extern "C" [[gnu::visibility("default")]] void log_event(std::uint8_t kind, std::uint32_t value,
+                                                         const char* message) noexcept;

@@ -23,7 +23,7 @@ namespace AppManifest {
 
 /// A manifest that was read and parsed whole. An immutable value: any thread may use it, copies are
 /// independent.
-class ManifestEntry {
+class [[gnu::visibility("default")]] ManifestEntry {
 public:
     /// Parses a manifest from memory.
     /// The file is UTF-8 without NUL; its first group is "[Desktop Entry]"; comments and blank lines may

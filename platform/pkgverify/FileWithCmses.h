@@ -14,7 +14,7 @@ class OpenPackage;
 /// A package file and the CMS signatures that it carries; libpkgverify.so.1. The file stays open as long as a
 /// copy lives, so what is verified is the file that was read whatever happens to its path. Copies share the
 /// file; any thread may use them.
-class FileWithCmses {
+class [[gnu::visibility("default")]] FileWithCmses {
 public:
     /// Opens a package file and reads its signatures, without verifying them.
     /// @param path  the file; "/proc/self/fd/N" opens what the caller already holds open, with a position
@@ -32,10 +32,6 @@ public:
     /// @return false also when the authority or the file cannot be read; the reason and the file's path are
     ///         then written to standard error, a line that begins with "WARN: "
     [[nodiscard]] bool verifyCmses(const std::filesystem::path& caPath) const;
-
-    /// Returns where verifyCmses() gives true. Throws std::runtime_error, which says why, where it gives
-    /// false.
-    void requireVerified(const std::filesystem::path& caPath) const;
 
     /// The signatures in the file's order, the developer's before the client's.
     [[nodiscard]] const std::vector<Cms>& cmses() const;

@@ -18,7 +18,7 @@ enum class Role {
 };
 
 /// What is asked of a signer's certificate. An immutable value; any thread.
-class Certificate {
+class [[gnu::visibility("default")]] Certificate {
 public:
     Certificate(std::string keyId, std::string subject, std::optional<Role> role);
 
@@ -43,7 +43,7 @@ struct CmsData;
 
 /// One CMS signature (RFC 5652) of a package, read but not by itself verified: FileWithCmses::verifyCmses()
 /// does that. An immutable value whose copies share their data; any thread.
-class Cms {
+class [[gnu::visibility("default")]] Cms {
 public:
     explicit Cms(std::shared_ptr<const CmsData> data);
 
@@ -67,9 +67,11 @@ private:
 };
 
 /// The developer's CMS of the list; nothing when the list has none, or more than one. Any thread.
-[[nodiscard]] std::optional<Cms> developerCmsFromVector(const std::vector<Cms>& cmses);
+[[nodiscard, gnu::visibility("default")]] std::optional<Cms>
+developerCmsFromVector(const std::vector<Cms>& cmses);
 
 /// The client's CMS of the list; otherwise like developerCmsFromVector().
-[[nodiscard]] std::optional<Cms> clientCmsFromVector(const std::vector<Cms>& cmses);
+[[nodiscard, gnu::visibility("default")]] std::optional<Cms>
+clientCmsFromVector(const std::vector<Cms>& cmses);
 
 } // namespace PackageSignatures

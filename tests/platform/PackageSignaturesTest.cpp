@@ -1,5 +1,5 @@
 #include "common/UniqueFd.h"
-#include "platform/signcms/Bytes.h"
+#include "platform/reference/signcms/Bytes.h"
 #include "testbed/LogCapture.h"
 #include "testbed/Process.h"
 

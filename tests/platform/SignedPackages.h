@@ -1,8 +1,8 @@
 #pragma once
 
-#include "platform/pkgverify/Container.h"
 #include "platform/pkgverify/FileWithCmses.h"
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/pkgverify/Container.h"
+#include "platform/reference/signcms/SignedBlob.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
 #include "tools/vendara-sign/PackageSigner.h"

@@ -1,6 +1,6 @@
 #include "tools/vendara-sign/FileSigner.h"
 
-#include "platform/signcms/Bytes.h"
+#include "platform/reference/signcms/Bytes.h"
 
 #include <rpm/rpmcrypto.h>
 #include <rpm/rpmfiles.h>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "common/rpm/Reader.h"
-#include "platform/signcms/SignedContent.h"
+#include "platform/reference/signcms/SignedContent.h"
 #include "tools/vendara-sign/Identity.h"
 
 #include <string>

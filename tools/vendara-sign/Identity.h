@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/signcms/OpenSsl.h"
+#include "platform/reference/signcms/OpenSsl.h"
 
 #include <filesystem>
 #include <string>

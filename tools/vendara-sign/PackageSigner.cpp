@@ -2,8 +2,8 @@
 
 #include "common/Files.h"
 #include "common/rpm/Reader.h"
-#include "platform/pkgverify/OpenPackage.h"
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/pkgverify/OpenPackage.h"
+#include "platform/reference/signcms/SignedBlob.h"
 #include "tools/vendara-sign/FileSigner.h"
 
 #include <algorithm>

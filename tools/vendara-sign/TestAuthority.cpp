@@ -1,7 +1,7 @@
 #include "tools/vendara-sign/TestAuthority.h"
 
 #include "common/Files.h"
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/signcms/SignedBlob.h"
 
 #include <openssl/rand.h>
 

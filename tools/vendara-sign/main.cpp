@@ -1,6 +1,6 @@
 #include "common/PrintableText.h"
-#include "platform/pkgverify/OpenPackage.h"
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/pkgverify/OpenPackage.h"
+#include "platform/reference/signcms/SignedBlob.h"
 #include "tools/CommandLine.h"
 #include "tools/vendara-sign/PackageSigner.h"
 #include "tools/vendara-sign/TestAuthority.h"

@@ -1,6 +1,6 @@
-#include "platform/signcms/SignedContent.h"
+#include "platform/reference/signcms/SignedContent.h"
 
-#include "platform/signcms/Bytes.h"
+#include "platform/reference/signcms/Bytes.h"
 
 #include <algorithm>
 #include <stdexcept>

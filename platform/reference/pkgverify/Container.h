@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/signcms/SignedContent.h"
+#include "platform/reference/signcms/SignedContent.h"
 
 #include <cstddef>
 #include <cstdint>

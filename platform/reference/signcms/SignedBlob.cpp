@@ -1,6 +1,6 @@
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/signcms/SignedBlob.h"
 
-#include "platform/signcms/Bytes.h"
+#include "platform/reference/signcms/Bytes.h"
 
 #include <cstdint>
 #include <utility>

@@ -1,6 +1,6 @@
 #include "platform/signcms/PackageSignatures.h"
 
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/signcms/SignedBlob.h"
 
 #include <algorithm>
 #include <utility>

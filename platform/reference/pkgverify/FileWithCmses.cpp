@@ -1,6 +1,6 @@
 #include "platform/pkgverify/FileWithCmses.h"
 
-#include "platform/pkgverify/OpenPackage.h"
+#include "platform/reference/pkgverify/OpenPackage.h"
 
 #include <exception>
 #include <iomanip>

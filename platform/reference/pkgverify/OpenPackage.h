@@ -1,7 +1,7 @@
 #pragma once
 
 #include "common/UniqueFd.h"
-#include "platform/pkgverify/Container.h"
+#include "platform/reference/pkgverify/Container.h"
 #include "platform/signcms/PackageSignatures.h"
 
 #include <filesystem>

@@ -1,8 +1,8 @@
-#include "platform/pkgverify/Container.h"
+#include "platform/reference/pkgverify/Container.h"
 
 #include "common/Files.h"
-#include "platform/signcms/Bytes.h"
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/signcms/Bytes.h"
+#include "platform/reference/signcms/SignedBlob.h"
 
 #include <algorithm>
 #include <span>

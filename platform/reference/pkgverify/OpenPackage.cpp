@@ -1,7 +1,7 @@
-#include "platform/pkgverify/OpenPackage.h"
+#include "platform/reference/pkgverify/OpenPackage.h"
 
 #include "common/Files.h"
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/signcms/SignedBlob.h"
 
 #include <stdexcept>
 #include <utility>

@@ -1,5 +1,5 @@
 #include "common/Files.h"
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/signcms/SignedBlob.h"
 
 #include <openssl/pem.h>
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "platform/signcms/OpenSsl.h"
+#include "platform/reference/signcms/OpenSsl.h"
+#include "platform/reference/signcms/SignedContent.h"
 #include "platform/signcms/PackageSignatures.h"
-#include "platform/signcms/SignedContent.h"
 
 #include <filesystem>
 #include <string>
