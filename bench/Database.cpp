@@ -4,6 +4,8 @@
 
 #include "core/zul/Database.h"
 
+#include "common/TemporaryDirectory.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -170,20 +172,15 @@ int main(int count, char** arguments) {
     if (count == 3 && std::string(arguments[1]) == "--list") {
         return list(arguments[2]);
     }
-    auto scratch = std::string(count > 1 ? arguments[1] : "/var/tmp") + "/bench-database-XXXXXX";
-    if (mkdtemp(scratch.data()) == nullptr) {
-        std::perror(scratch.c_str());
-        return 1;
-    }
-    int status = 0;
     try {
+        const Common::TemporaryDirectory directory(count > 1 ? arguments[1] : "/var/tmp", "bench-database");
+        const auto& scratch = directory.path().native();
         benchmarkListing(scratch, fs::canonical("/proc/self/exe").native());
         benchmarkOperations(scratch, "data");
         benchmarkOperations(scratch, "files");
     } catch (const std::exception& error) {
         std::cerr << error.what() << '\n';
-        status = 1;
+        return 1;
     }
-    fs::remove_all(scratch);
-    return status;
+    return 0;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Error.h"
+#include "common/TemporaryDirectory.h"
 #include "core/zul/Package.h"
 
 #include <rpm/rpmlog.h>
@@ -21,18 +22,12 @@ namespace fs = std::filesystem;
 class ExtractionSandbox {
 public:
     ExtractionSandbox() {
-        std::string name = "/dev/shm/vendara-fuzz-XXXXXX";
-        if (mkdtemp(name.data()) == nullptr) {
-            std::abort();
-        }
-        root_ = name;
-        setenv("HOME", name.c_str(), 1);
+        setenv("HOME", root_.c_str(), 1);
         // As rpm comes, it asks a shell for this path every time.
-        std::ofstream(root_ / ".rpmmacros") << "%_dbpath " << name << "/.rpmdb\n";
+        std::ofstream(root_ / ".rpmmacros") << "%_dbpath " << root_.native() << "/.rpmdb\n";
         std::cerr.setstate(std::ios::failbit); // thousands of warnings tell nothing
         rpmSetVerbosity(RPMLOG_EMERG);
     }
-    ~ExtractionSandbox() { fs::remove_all(root_); }
     ExtractionSandbox(const ExtractionSandbox&) = delete;
     ExtractionSandbox& operator=(const ExtractionSandbox&) = delete;
 
@@ -85,7 +80,8 @@ private:
         return error || (!relative.empty() && *relative.begin() != "..");
     }
 
-    fs::path root_;
+    Common::TemporaryDirectory directory_{"/dev/shm", "vendara-fuzz"};
+    const fs::path& root_ = directory_.path();
 };
 
 } // namespace Fuzz

@@ -1,27 +1,12 @@
 #include "testbed/ScratchDirectory.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <set>
 #include <sstream>
-#include <stdexcept>
 
 namespace Testbed {
 
 namespace fs = std::filesystem;
-
-ScratchDirectory::ScratchDirectory() {
-    auto pattern = (fs::temp_directory_path() / "vendara-test-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("couldn't create scratch directory " + pattern);
-    }
-    path_ = pattern;
-}
-
-ScratchDirectory::~ScratchDirectory() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-}
 
 void writeFile(const fs::path& file, const std::string& content) {
     fs::create_directories(file.parent_path());

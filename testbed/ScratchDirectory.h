@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/TemporaryDirectory.h"
 #include "common/UniqueFd.h"
 
 #include <filesystem>
@@ -7,18 +8,10 @@
 
 namespace Testbed {
 
-/// A new empty directory, removed with all that is in it.
-class ScratchDirectory {
-public:
-    ScratchDirectory();
-    ~ScratchDirectory();
-    ScratchDirectory(const ScratchDirectory&) = delete;
-    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
+/// A directory of a test's own.
+struct ScratchDirectory : Common::TemporaryDirectory {
+    ScratchDirectory()
+        : TemporaryDirectory(std::filesystem::temp_directory_path(), "vendara-test") {}
 };
 
 /// Writes a file, making the directories above it.

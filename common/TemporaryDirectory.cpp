@@ -1,0 +1,28 @@
+#include "common/TemporaryDirectory.h"
+
+#include "common/Files.h"
+#include "common/LogLine.h"
+
+#include <cstdlib>
+
+namespace Common {
+
+TemporaryDirectory::TemporaryDirectory(const std::filesystem::path& parent, const std::string& name) {
+    std::error_code ignored; // mkdtemp() says why
+    std::filesystem::create_directories(parent, ignored);
+    auto pattern = (parent / (name + "-XXXXXX")).native();
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw filesystemError("couldn't create " + pattern);
+    }
+    path_ = pattern;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+    try {
+        removeTree(path_);
+    } catch (const Error& error) {
+        logWarning() << error;
+    }
+}
+
+} // namespace Common

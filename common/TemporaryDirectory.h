@@ -1,0 +1,26 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace Common {
+
+/// A new empty directory for its owner alone, removed with all that is in it. Used by one thread.
+class TemporaryDirectory {
+public:
+    /// @param parent  created if missing
+    /// @param name    the first part of the directory's name
+    /// Throws Error, code Filesystem.
+    explicit TemporaryDirectory(const std::filesystem::path& parent, const std::string& name = "vendara");
+    /// A directory that cannot be removed is a warning in the log.
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+} // namespace Common
