@@ -62,21 +62,50 @@ bool isOrdinaryName(std::string_view name) noexcept {
            std::none_of(name.begin(), name.end(), isForbidden);
 }
 
-bool leadsSomewhere(const std::filesystem::path& path) {
+std::optional<struct stat> statusOf(const std::filesystem::path& path, int flags) {
     struct stat status {};
-    if (stat(path.c_str(), &status) == 0) {
-        return true;
+    if (fstatat(AT_FDCWD, path.c_str(), &status, flags) == 0) {
+        return status;
     }
     if (!meansAbsence(errno)) {
         throw filesystemError("couldn't look at " + path.native());
     }
-    return false;
+    return std::nullopt;
+}
+
+bool exists(const std::filesystem::path& path) { return statusOf(path).has_value(); }
+
+bool isSameFile(const struct stat& first, const struct stat& second) noexcept {
+    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+bool isSameFile(const std::filesystem::path& first, const std::filesystem::path& second) {
+    const auto one = statusOf(first);
+    const auto other = statusOf(second);
+    return one && other && isSameFile(*one, *other);
 }
 
 std::optional<std::filesystem::path> linkTarget(const std::filesystem::path& path) {
-    std::error_code error;
-    auto target = std::filesystem::read_symlink(path, error);
-    return error ? std::nullopt : std::optional(std::move(target));
+    std::string target(PATH_MAX, '\0');
+    const auto size = readlink(path.c_str(), target.data(), target.size());
+    // EINVAL: it is not a link.
+    if (size < 0 && errno != EINVAL && !meansAbsence(errno)) {
+        throw filesystemError("couldn't read link " + path.native());
+    }
+    target.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    return size < 0 ? std::nullopt : std::optional<std::filesystem::path>(std::move(target));
+}
+
+std::vector<std::filesystem::path> entriesOf(const std::filesystem::path& directory) {
+    std::vector<std::filesystem::path> entries;
+    try {
+        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+            entries.push_back(entry.path());
+        }
+    } catch (const std::filesystem::filesystem_error& error) {
+        throw Error(ErrorCode::Filesystem, error.what());
+    }
+    return entries;
 }
 
 UniqueFd openWithin(int directory, const std::filesystem::path& path, int flags, Outside outside) noexcept {

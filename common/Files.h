@@ -10,7 +10,9 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <vector>
 
 namespace Common {
 
@@ -24,12 +26,25 @@ namespace Common {
 /// control characters.
 [[nodiscard]] bool isOrdinaryName(std::string_view name) noexcept;
 
-/// Whether a path leads to something, links followed. A link that leads nowhere or in a circle does not;
-/// what cannot be told, as with an input or output error, throws.
-[[nodiscard]] bool leadsSomewhere(const std::filesystem::path& path);
+// The next five throw when the answer cannot be had this time, as after an input or output error. Only what
+// certainly is not there counts as absent: also below a file, or behind links that lead in a circle.
+
+/// The status of what is at a path; nothing when there is nothing.
+/// @param flags  of fstatat(2): AT_SYMLINK_NOFOLLOW for a link's own
+[[nodiscard]] std::optional<struct stat> statusOf(const std::filesystem::path& path, int flags = 0);
+
+/// Whether a path leads to something, links followed.
+[[nodiscard]] bool exists(const std::filesystem::path& path);
+
+/// Whether two statuses are of one file, or two paths lead to one that exists.
+[[nodiscard]] bool isSameFile(const struct stat& first, const struct stat& second) noexcept;
+[[nodiscard]] bool isSameFile(const std::filesystem::path& first, const std::filesystem::path& second);
 
 /// The target of a symbolic link as it is stored; nothing for anything else.
 [[nodiscard]] std::optional<std::filesystem::path> linkTarget(const std::filesystem::path& path);
+
+/// The paths of a directory's entries, in directory order.
+[[nodiscard]] std::vector<std::filesystem::path> entriesOf(const std::filesystem::path& directory);
 
 /// What openWithin() does with links that lead out of the directory.
 enum class Outside {

@@ -1,7 +1,9 @@
 #include "core/zul/Database.h"
 
 #include "common/Files.h"
+#include "common/Guard.h"
 #include "common/LogLine.h"
+#include "core/zul/Edge.h"
 #include "core/zul/Events.h"
 #include "core/zul/PackageNames.h"
 
@@ -66,26 +68,30 @@ PackageDirectory Database::directoryOf(const std::string& packageId) const {
     return PackageDirectory(rootDirectory_ / directoryName(packageId));
 }
 
-fs::path Database::packageDirectory(const std::string& packageId) {
+fs::path Database::packageDirectory(const std::string& packageId) try {
     const auto directory = directoryOf(packageId);
-    if (!Common::leadsSomewhere(directory.path())) {
+    if (!Common::exists(directory.path())) {
         throw Error(ErrorCode::PackageNotExist, "couldn't find package directory: " + packageId);
     }
-    if (!Common::leadsSomewhere(directory.current())) {
+    if (!Common::exists(directory.current())) {
         cleanupCorruptedPackage(directory.path());
         throw Error(ErrorCode::CorruptedInstalledPackage,
                     "couldn't find current directory of " + packageId + " package");
     }
     return directory.path();
+} catch (...) {
+    throwAsError();
 }
 
-fs::path Database::versionedDirectory(const Package& package) const {
+fs::path Database::versionedDirectory(const Package& package) const try {
     requireOrdinaryNames(package);
     return directoryOf(package.id()).path() / package.version();
+} catch (...) {
+    throwAsError();
 }
 
 std::optional<PackageData> Database::readPrepared(const PackageDirectory& directory) {
-    if (!Common::leadsSomewhere(directory.next())) {
+    if (!Common::exists(directory.next())) {
         return std::nullopt;
     }
     try {
@@ -101,8 +107,8 @@ std::optional<PackageData> Database::readPrepared(const PackageDirectory& direct
                     "damaged upgrade given up: " + directory.path().native() + ": " + error.what());
     }
     if (directory.hasNextLink()) {
-        directory.giveUpNext("couldn't cleanup corrupted package version: ",
-                             "couldn't cleanup corrupted next symlink: ");
+        directory.discardPreparedUpgrade("couldn't cleanup corrupted package version: ",
+                                         "couldn't cleanup corrupted next symlink: ");
     }
     return std::nullopt;
 }
@@ -120,90 +126,107 @@ PackageData Database::readInstalled(const PackageDirectory& directory) {
     }
 }
 
-PackageData Database::readPackageData(const fs::path& packageDirectory) {
+PackageData Database::readPackageData(const fs::path& packageDirectory) try {
     const PackageDirectory directory(packageDirectory);
     auto prepared = readPrepared(directory);
     return prepared ? *std::move(prepared) : readInstalled(directory);
+} catch (...) {
+    throwAsError();
 }
 
 PackageData Database::packageData(const std::string& packageId) {
     return readPackageData(packageDirectory(packageId));
 }
 
-std::vector<fs::path> Database::packageDirectories() {
+std::vector<fs::path> Database::packageDirectories() try {
     std::vector<fs::path> directories;
-    if (!Common::leadsSomewhere(rootDirectory_)) {
+    if (!Common::exists(rootDirectory_)) {
         Common::logWarning() << "database root directory doesn't exist";
         return directories;
     }
-    try {
-        for (const auto& entry : fs::directory_iterator(rootDirectory_)) {
-            std::error_code error;
-            if (entry.is_directory(error)) {
-                directories.push_back(entry.path());
+    for (auto& entry : Common::entriesOf(rootDirectory_)) {
+        try {
+            const auto status = Common::statusOf(entry);
+            if (status && S_ISDIR(status->st_mode)) {
+                directories.push_back(std::move(entry));
             } else {
-                removeUnexpected(entry.path());
+                removeUnexpected(entry);
             }
+        } catch (const Error& error) {
+            Common::logWarning() << error;
         }
-    } catch (const fs::filesystem_error& error) {
-        throw Error(ErrorCode::Filesystem,
-                    std::string("couldn't list database root directory: ") + error.what());
     }
     return directories;
+} catch (...) {
+    throwAsError();
 }
 
-std::vector<std::pair<fs::path, PackageData>> Database::packages() {
+std::vector<std::pair<fs::path, PackageData>> Database::packages() try {
     std::vector<std::pair<fs::path, PackageData>> result;
     for (const auto& directory : packageDirectories()) {
         try {
             result.emplace_back(directory, readPackageData(directory));
-        } catch (const Error&) {
-            Common::logWarning() << "corrupted package directory found: " << quoted(directory);
+        } catch (const Error& error) {
+            if (error.code() == ErrorCode::CorruptedInstalledPackage) {
+                Common::logWarning() << "corrupted package directory found: " << quoted(directory);
+            } else {
+                Common::logFailure(Common::LogLevel::Warning,
+                                   "couldn't read package directory: " + quoted(directory), error);
+            }
         }
     }
     return result;
+} catch (...) {
+    throwAsError();
 }
 
-MappingList Database::removeMappingsOf(const PackageDirectory& directory, const std::string& words) const {
-    std::vector<fs::path> versions;
-    if (!directory.isSound(directory.current())) {
-        // Whichever version was installed, its list is still in its directory.
-        versions = directory.versions();
-    }
-    if (Common::leadsSomewhere(directory.current())) {
-        versions.push_back(directory.current());
-    }
+MappingList Database::removeMappingsOf(const PackageDirectory& directory, const std::string& message) const {
     MappingList left;
-    for (const auto& version : versions) {
-        try {
-            left = mergedMappingList(std::move(left), mappings_.removeMappings(version));
-        } catch (const Error& error) {
-            Common::logWarning() << words << error;
+    for (const auto& holder : directory.listHolders()) {
+        if (const auto leftOfThis = mappings_.removeMappings(holder)) {
+            left = mergedMappingList(std::move(left), *leftOfThis);
+        } else {
+            Common::logWarning() << message << "couldn't find package symlink list";
         }
     }
     return left;
 }
 
-void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcept {
-    const PackageDirectory directory(packageDirectory);
-    const std::string words = "couldn't clean up corrupted package mapping: ";
-    try {
-        if (Common::leadsSomewhere(directory.current())) {
-            Common::logInfo() << "cleaning up corrupted package mapping: " << quoted(directory.current());
-        }
-        static_cast<void>(removeMappingsOf(directory, words));
+/// Removes a package whose mappings have been removed. Those that are left are found again by its lists.
+void Database::removeAll(const PackageDirectory& directory, bool isUnmapped) const {
+    if (isUnmapped) {
+        // Mappings that came back with the power would have no list any more.
         mappings_.flush();
-    } catch (const std::exception& error) {
-        Common::logWarning() << words << error;
-    }
-    Common::logInfo() << "cleaning up corrupted package directory: " << quoted(directory.path());
-    recordEvent(Event::CorruptedPackageRemoved, ErrorCode::CorruptedInstalledPackage,
-                "damaged package removed: " + directory.path().native());
-    try {
         directory.remove();
-    } catch (const std::exception& error) {
-        Common::logWarning() << "couldn't clean up corrupted package directory: " << error;
+    } else {
+        directory.removeLinks();
+        Common::logWarning() << "package directory stays for its mappings: " << quoted(directory.path());
     }
+    Common::flushDirectory(rootDirectory_);
+}
+
+void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcept {
+    Common::guarded("couldn't clean up corrupted package", [&] {
+        const PackageDirectory directory(packageDirectory);
+        const std::string message = "couldn't clean up corrupted package mapping: ";
+        bool isUnmapped = false;
+        try {
+            if (Common::exists(directory.current())) {
+                Common::logInfo() << "cleaning up corrupted package mapping: " << quoted(directory.current());
+            }
+            isUnmapped = removeMappingsOf(directory, message).empty();
+        } catch (const Error& error) {
+            Common::logWarning() << message << error;
+        }
+        Common::logInfo() << "cleaning up corrupted package directory: " << quoted(directory.path());
+        recordEvent(Event::CorruptedPackageRemoved, ErrorCode::CorruptedInstalledPackage,
+                    "damaged package removed: " + directory.path().native());
+        try {
+            removeAll(directory, isUnmapped);
+        } catch (const Error& error) {
+            Common::logWarning() << "couldn't clean up corrupted package directory: " << error;
+        }
+    });
 }
 
 } // namespace Core::ZUL

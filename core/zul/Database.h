@@ -29,7 +29,7 @@ namespace Core::ZUL {
 /// that takes an identifier or a package throws, before it touches anything, BadPackageID for an identifier
 /// and BadPackage for a version, organisation or application name that is not one ordinary path component. An
 /// identifier may begin with one "/", which does not count. Looking at a package that turns out to be damaged
-/// removes it.
+/// removes it; what could not be read this time is an error and no damage.
 ///
 /// A process killed at any moment leaves a database that recoverDatabase(), one packages() and a
 /// refreshMappings() of every package bring back to whole packages with their mappings. What an operation
@@ -79,8 +79,8 @@ public:
     /// Every package with its data, in directory order; damaged ones are removed and left out.
     [[nodiscard]] std::vector<std::pair<std::filesystem::path, PackageData>> packages();
 
-    /// Removes the mappings and the directory of a damaged package. Failures are logged; a mapping that
-    /// cannot be removed stays, as with remove().
+    /// Removes the mappings and the directory of a damaged package. Failures are logged; when a mapping
+    /// cannot be removed the directory stays, as with remove().
     void cleanupCorruptedPackage(const std::filesystem::path& packageDirectory) noexcept;
 
     /// Installs a package that has no directory yet. Takes the extracted directory over: it is renamed into
@@ -102,14 +102,14 @@ public:
     void checkUpgrade(const Package& package);
 
     /// Puts the prepared upgrade into service and deletes all other versions. When the new version's mappings
-    /// cannot be made the package is left damaged, and gone with the next look at it. Throws Internal when no
-    /// upgrade is prepared, else Filesystem or what packageDirectory() throws.
+    /// cannot be made the old version is put back into service and the upgrade stays prepared; if that fails
+    /// too, the package is left damaged, and gone with the next look at it. Throws Internal when no upgrade
+    /// is prepared, else Filesystem or what packageDirectory() throws.
     void completeUpgrade(const Package& package);
 
-    /// Removes a package with its mappings and any prepared upgrade. A mapping that cannot be removed does
-    /// not hold that up: it stays, and only the warning that names it tells of it, as its list goes with the
-    /// package. A package that maps a file to its place replaces it. Throws Filesystem or what
-    /// packageDirectory() throws.
+    /// Removes a package with its mappings and any prepared upgrade. When a mapping cannot be removed the
+    /// package is gone all the same, but its directory stays, as that of a damaged one, until a look at it
+    /// can remove the mapping. Throws Filesystem or what packageDirectory() throws.
     void remove(const std::string& packageId);
 
     /// Brings the database in order after a restart: empties the temporary directory, completes prepared
@@ -134,11 +134,13 @@ private:
     [[nodiscard]] PackageDirectory directoryOf(const std::string& packageId) const;
     [[nodiscard]] std::optional<PackageData> readPrepared(const PackageDirectory& directory);
     [[nodiscard]] PackageData readInstalled(const PackageDirectory& directory);
-    void stage(const Package& package, const PackageData& entries,
-               const std::filesystem::path& extracted) const;
+    MappingPlan stage(const Package& package, const PackageData& entries,
+                      const std::filesystem::path& extracted) const;
     void requireHigher(const Package& package, const PackageDirectory& directory);
     [[nodiscard]] MappingList removeMappingsOf(const PackageDirectory& directory,
-                                               const std::string& words) const;
+                                               const std::string& message) const;
+    void removeAll(const PackageDirectory& directory, bool isUnmapped) const;
+    void putBack(const PackageDirectory& directory);
     void removeTempDirectory() const;
     void recoverPackage(const PackageDirectory& directory, std::vector<std::string>& completed);
 

@@ -2,11 +2,15 @@
 #include "common/LogLine.h"
 #include "common/rpm/Version.h"
 #include "core/zul/Database.h"
+#include "core/zul/Edge.h"
 #include "core/zul/Events.h"
+#include "core/zul/MappingPlan.h"
 #include "core/zul/PackageNames.h"
 
 #include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Core::ZUL {
@@ -18,32 +22,41 @@ using Common::quoted;
 using Common::Rpm::Version;
 
 /// Makes an extracted directory ready to be renamed into the database: complete, and on disk.
-void Database::stage(const Package& package, const PackageData& entries, const fs::path& extracted) const {
+MappingPlan Database::stage(const Package& package, const PackageData& entries,
+                            const fs::path& extracted) const {
     requireOrdinaryNames(package);
-    if (Common::linkTarget(extracted)) {
+    const auto status = Common::statusOf(extracted, AT_SYMLINK_NOFOLLOW);
+    if (!status || !S_ISDIR(status->st_mode)) {
         throw Error(ErrorCode::Internal, "extracted package directory doesn't exist: " + extracted.native());
     }
     writeRecord(package, entries, extracted);
-    Mappings::writeList(package, extracted);
+    auto plan = Mappings::prepare(package, extracted);
+    // Unpacked in private, used by everybody.
+    if (chmod(extracted.c_str(), 0755) != 0) {
+        throw Common::filesystemError("couldn't set the mode of " + extracted.native());
+    }
     Common::flushFileSystem(extracted);
+    return plan;
 }
 
-fs::path Database::moveToVersionedDirectory(const Package& package, const fs::path& extracted) const {
+fs::path Database::moveToVersionedDirectory(const Package& package, const fs::path& extracted) const try {
     auto version = versionedDirectory(package);
-    if (!Common::leadsSomewhere(extracted)) {
+    if (!Common::exists(extracted)) {
         throw Error(ErrorCode::Internal, "extracted package directory doesn't exist: " + extracted.native());
     }
-    PackageDirectory(version.parent_path()).requireReal();
+    PackageDirectory(version.parent_path()).requireNotSymlink();
     std::error_code error;
     fs::create_directories(version.parent_path(), error);
     if (error || rename(extracted.c_str(), version.c_str()) != 0) {
         throw Error(ErrorCode::Filesystem, "couldn't create versioned directory: " + version.native());
     }
     return version;
+} catch (...) {
+    throwAsError();
 }
 
-void Database::install(const Package& package, const PackageData& entries, const fs::path& extracted) {
-    stage(package, entries, extracted);
+void Database::install(const Package& package, const PackageData& entries, const fs::path& extracted) try {
+    const auto plan = stage(package, entries, extracted);
     const auto version = moveToVersionedDirectory(package, extracted);
     const PackageDirectory directory(version.parent_path());
     try {
@@ -53,22 +66,26 @@ void Database::install(const Package& package, const PackageData& entries, const
         }
         Common::flushDirectory(directory.path());
         Common::flushDirectory(rootDirectory_);
-        mappings_.createMappings(package, directory.current());
+        mappings_.createMappings(plan, directory.current());
         mappings_.flush();
     } catch (...) {
         cleanupCorruptedPackage(directory.path());
         throw;
     }
+} catch (...) {
+    throwAsError();
 }
 
-void Database::checkUpgrade(const Package& package) {
+void Database::checkUpgrade(const Package& package) try {
     requireOrdinaryNames(package);
     requireHigher(package, PackageDirectory(packageDirectory(package.id())));
+} catch (...) {
+    throwAsError();
 }
 
 void Database::requireHigher(const Package& package, const PackageDirectory& directory) {
     bool isPrepared = directory.hasNextLink();
-    auto existingName = directory.versionNameBehind(isPrepared ? directory.next() : directory.current());
+    auto existingName = directory.versionNameOf(isPrepared ? directory.next() : directory.current());
     const auto offered = Version::parse(package.version());
     if (!offered) {
         throw Error(ErrorCode::BadPackage, "couldn't parse package version: " + package.version());
@@ -77,10 +94,10 @@ void Database::requireHigher(const Package& package, const PackageDirectory& dir
     if (!existing && isPrepared) {
         Common::logWarning() << "corrupted package upgrade found: " << quoted(directory.next());
         Common::logInfo() << "cleaning up corrupted package upgrade";
-        const auto* words = "couldn't clean up correupted package upgrade";
-        directory.giveUpNext(words, words);
+        const auto* message = "couldn't clean up correupted package upgrade";
+        directory.discardPreparedUpgrade(message, message);
         isPrepared = false;
-        existingName = directory.versionNameBehind(directory.current());
+        existingName = directory.versionNameOf(directory.current());
         existing = Version::parse(existingName);
     }
     if (!existing) {
@@ -100,9 +117,10 @@ void Database::requireHigher(const Package& package, const PackageDirectory& dir
                                                  " to " + package.version() + " version");
 }
 
-void Database::prepareUpgrade(const Package& package, const PackageData& entries, const fs::path& extracted) {
+void Database::prepareUpgrade(const Package& package, const PackageData& entries,
+                              const fs::path& extracted) try {
     checkUpgrade(package);
-    stage(package, entries, extracted);
+    static_cast<void>(stage(package, entries, extracted));
     const auto version = moveToVersionedDirectory(package, extracted);
     const PackageDirectory directory(version.parent_path());
     try {
@@ -112,13 +130,15 @@ void Database::prepareUpgrade(const Package& package, const PackageData& entries
         throw Error(ErrorCode::Filesystem, "couldn't create next directory: " + directory.next().native());
     }
     Common::flushDirectory(directory.path());
+} catch (...) {
+    throwAsError();
 }
 
-void Database::completeUpgrade(const Package& package) {
+void Database::completeUpgrade(const Package& package) try {
     requireOrdinaryNames(package);
     const PackageDirectory directory(packageDirectory(package.id()));
-    directory.requireReal();
-    if (!directory.isSound(directory.next())) {
+    directory.requireNotSymlink();
+    if (!directory.pointsToExistingVersion(directory.next())) {
         try {
             Common::removeTree(directory.next());
         } catch (const Error& failure) {
@@ -127,46 +147,74 @@ void Database::completeUpgrade(const Package& package) {
         throw Error(ErrorCode::Internal,
                     "attempt to complete non-existent update for " + package.id() + " package");
     }
-    const auto left = removeMappingsOf(directory, "couldn't remove package symlinks: " + package.id());
+    // The new version takes over what the old one has in the system directories: what it wants as well stays
+    // as it is, the rest goes when everything new is there.
+    for (const auto& holder : directory.listHolders()) {
+        if (!Mappings::keepListOf(holder, directory.next())) {
+            Common::logWarning() << "couldn't remove package symlinks: " << package.id()
+                                 << "couldn't find package symlink list";
+        }
+    }
+    const auto plan = planMappings(package, directory.next());
+    if (const auto installed = directory.versionOf(directory.current()); !installed.empty()) {
+        Common::replaceLink(directory.fallback(), installed);
+    }
     if (rename(directory.next().c_str(), directory.current().c_str()) != 0) {
         throw Error(ErrorCode::Filesystem,
                     "couldn't rename next directory to current for " + package.id() + " package");
     }
-    Common::flushDirectory(directory.path());
     try {
-        // The only list that names what could not be removed goes with its version.
-        mappings_.createMappings(package, directory.current(), left);
+        Common::flushDirectory(directory.path());
+        mappings_.createMappings(plan, directory.current());
         mappings_.flush();
     } catch (...) {
-        if (unlink(directory.current().c_str()) != 0 && errno != ENOENT) {
-            Common::logWarning() << "couldn't clean up current directory after interrupted upgrade: "
-                                 << quoted(directory.current()) << std::generic_category().message(errno);
-        }
+        putBack(directory);
         throw;
     }
     recordEvent(Event::PackageUpgraded, ErrorCode::None,
-                "package " + package.id() + " upgraded to " +
-                    directory.versionNameBehind(directory.current()));
+                "package " + package.id() + " upgraded to " + directory.versionNameOf(directory.current()));
     try {
         directory.sweep("couldn't cleanup previous version of the package: ");
     } catch (const std::exception& error) {
         Common::logWarning() << "couldn't cleanup previous versions of the package: " << error;
     }
+} catch (...) {
+    throwAsError();
 }
 
-void Database::remove(const std::string& packageId) {
-    const PackageDirectory directory(packageDirectory(packageId));
-    // What could not be removed is in the log and stays: a package must not be unremovable because of it.
-    static_cast<void>(removeMappingsOf(directory, "couldn't remove package symlinks: " + packageId));
+/// After a completion that failed: the old version is installed and the new one prepared again.
+void Database::putBack(const PackageDirectory& directory) {
+    const auto& current = directory.current();
+    if (!Common::exists(directory.fallback()) || rename(current.c_str(), directory.next().c_str()) != 0 ||
+        rename(directory.fallback().c_str(), current.c_str()) != 0) {
+        if (unlink(current.c_str()) != 0 && errno != ENOENT) {
+            Common::logWarning() << "couldn't clean up current directory after interrupted upgrade: "
+                                 << quoted(current) << std::generic_category().message(errno);
+        }
+        return;
+    }
     try {
-        // Mappings that came back with the power would have no list any more.
-        mappings_.flush();
-        directory.remove();
-        Common::flushDirectory(rootDirectory_);
+        Common::flushDirectory(directory.path());
+        refreshMappings(directory.path().filename());
+    } catch (const Error& error) {
+        // They are made with the next refresh.
+        Common::logFailure(Common::LogLevel::Warning, "couldn't refresh the mappings of the previous version",
+                           error);
+    }
+}
+
+void Database::remove(const std::string& packageId) try {
+    const PackageDirectory directory(packageDirectory(packageId));
+    // A package must not be unremovable because of a mapping that is.
+    const auto left = removeMappingsOf(directory, "couldn't remove package symlinks: " + packageId);
+    try {
+        removeAll(directory, left.empty());
     } catch (const Error& error) {
         Common::logError() << error;
         throw Error(ErrorCode::Filesystem, "couldn't remove package directory: " + directory.path().native());
     }
+} catch (...) {
+    throwAsError();
 }
 
 } // namespace Core::ZUL

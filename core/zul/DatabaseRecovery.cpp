@@ -2,7 +2,9 @@
 #include "common/LogLine.h"
 #include "common/Names.h"
 #include "core/zul/Database.h"
+#include "core/zul/Edge.h"
 #include "core/zul/Events.h"
+#include "core/zul/MappingPlan.h"
 #include "core/zul/PackageNames.h"
 
 #include <algorithm>
@@ -23,14 +25,6 @@ bool holds(const fs::path& outer, const fs::path& inner) {
     const auto above = fs::weakly_canonical(outer);
     const auto below = fs::weakly_canonical(inner);
     return std::mismatch(above.begin(), above.end(), below.begin(), below.end()).first == above.end();
-}
-
-std::vector<fs::path> entriesOf(const fs::path& directory) {
-    std::vector<fs::path> entries;
-    for (const auto& entry : fs::directory_iterator(directory)) {
-        entries.push_back(entry.path());
-    }
-    return entries;
 }
 
 std::optional<std::string> valueOf(const PackageData& data, const std::string& key) {
@@ -56,10 +50,10 @@ void Database::recoverPackage(const PackageDirectory& directory, std::vector<std
         return;
     }
     // A prepared upgrade that cannot be read is given up: it must not take the installed version's place.
-    const bool isUsable = directory.isSound(directory.next()) && readPrepared(directory);
+    const bool isUsable = directory.pointsToExistingVersion(directory.next()) && readPrepared(directory);
     if (!isUsable && directory.hasNextLink()) {
-        directory.giveUpNext("couldn't cleanup corrupted package version: ",
-                             "couldn't cleanup corrupted next symlink: ");
+        directory.discardPreparedUpgrade("couldn't cleanup corrupted package version: ",
+                                         "couldn't cleanup corrupted next symlink: ");
     }
     if (directory.hasNextLink()) {
         if (rename(directory.next().c_str(), directory.current().c_str()) == 0) {
@@ -67,37 +61,37 @@ void Database::recoverPackage(const PackageDirectory& directory, std::vector<std
             completed.push_back(name);
             Common::logInfo() << "package " << name << " successfully upgraded";
             recordEvent(Event::PackageUpgraded, ErrorCode::None,
-                        "package " + name + " upgraded to " +
-                            directory.versionNameBehind(directory.current()));
+                        "package " + name + " upgraded to " + directory.versionNameOf(directory.current()));
             Common::flushDirectory(directory.path());
         } else {
             Common::logWarning() << "couldn't rename next symlink to the current: "
                                  << std::generic_category().message(errno);
+            return;
         }
     }
-    // Of a package whose "current" leads elsewhere the lists of its versions are still needed.
-    if (directory.isSound(directory.current())) {
+    // Of a package whose "current" leads elsewhere, the lists of its versions are still needed.
+    if (directory.pointsToExistingVersion(directory.current())) {
         // What another version had in the system directories is known from its list alone.
         directory.sweep("couldn't remove outdated package versioned directory: ",
                         [&](const fs::path& entry) { Mappings::keepListOf(entry, directory.current()); });
     }
 }
 
-std::vector<std::string> Database::recoverDatabase() {
+std::vector<std::string> Database::recoverDatabase() try {
     std::vector<std::string> completed;
     removeTempDirectory();
-    if (!Common::leadsSomewhere(rootDirectory_)) {
+    if (!Common::exists(rootDirectory_)) {
         Common::logWarning() << "database root directory doesn't exist";
         return completed;
     }
-    for (const auto& entry : entriesOf(rootDirectory_)) {
+    for (const auto& entry : Common::entriesOf(rootDirectory_)) {
         try {
             recoverPackage(PackageDirectory(entry), completed);
         } catch (const std::exception& error) {
             Common::logWarning() << "couldn't recover package directory " << quoted(entry) << ": " << error;
         }
     }
-    for (const auto& entry : entriesOf(rootDirectory_)) {
+    for (const auto& entry : Common::entriesOf(rootDirectory_)) {
         try {
             static_cast<void>(readInstalled(PackageDirectory(entry)));
         } catch (const std::exception& error) {
@@ -105,12 +99,14 @@ std::vector<std::string> Database::recoverDatabase() {
         }
     }
     return completed;
+} catch (...) {
+    throwAsError();
 }
 
-void Database::refreshMappings(const std::string& packageId) {
+void Database::refreshMappings(const std::string& packageId) try {
     const PackageDirectory directory(packageDirectory(packageId));
-    directory.requireReal();
-    if (!directory.isSound(directory.current())) {
+    directory.requireNotSymlink();
+    if (!directory.pointsToExistingVersion(directory.current())) {
         throw Error(ErrorCode::CorruptedInstalledPackage,
                     "couldn't find current directory of " + packageId + " package");
     }
@@ -119,8 +115,10 @@ void Database::refreshMappings(const std::string& packageId) {
                           valueOf(data, Common::Names::PackageKeys::orgName),
                           valueOf(data, Common::Names::PackageKeys::appName));
     requireOrdinaryNames(package);
-    mappings_.refreshMappings(package, directory.current());
+    mappings_.refreshMappings(planMappings(package, directory.current()), directory.current());
     mappings_.flush();
+} catch (...) {
+    throwAsError();
 }
 
 } // namespace Core::ZUL

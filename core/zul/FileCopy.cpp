@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #include <linux/limits.h>
 #include <string>
-#include <string_view>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -19,8 +19,6 @@ namespace {
 
 using Common::filesystemError;
 
-constexpr std::size_t pieceSize = 256UL * 1024UL;
-
 struct stat statusOf(int fd) {
     struct stat status {};
     if (fstat(fd, &status) != 0) {
@@ -29,26 +27,17 @@ struct stat statusOf(int fd) {
     return status;
 }
 
-std::string_view readPiece(int fd, off_t offset, std::vector<char>& buffer) {
-    const auto count = pread(fd, buffer.data(), buffer.size(), offset);
-    if (count < 0) {
-        throw filesystemError("couldn't read file");
-    }
-    return {buffer.data(), static_cast<std::size_t>(count)};
-}
-
-void copyContent(int from, int to) {
-    std::vector<char> buffer(pieceSize);
-    off_t offset = 0;
-    for (auto piece = readPiece(from, 0, buffer); !piece.empty(); piece = readPiece(from, offset, buffer)) {
-        while (!piece.empty()) {
-            const auto count = pwrite(to, piece.data(), piece.size(), offset);
-            if (count < 0) {
-                throw filesystemError("couldn't write file");
-            }
-            piece.remove_prefix(static_cast<std::size_t>(count));
-            offset += count;
+void copyContent(int from, int to, off_t size) {
+    while (size > 0) {
+        auto count = copy_file_range(from, nullptr, to, nullptr, static_cast<std::size_t>(size), 0);
+        if (count < 0 && (errno == EXDEV || errno == EINVAL || errno == EOPNOTSUPP || errno == ENOSYS)) {
+            // Between file systems of different kinds.
+            count = sendfile(to, from, nullptr, static_cast<std::size_t>(size));
         }
+        if (count <= 0) {
+            throw filesystemError("couldn't copy content");
+        }
+        size -= count;
     }
 }
 
@@ -79,7 +68,7 @@ void copyAttributes(int from, int to) {
 
 void copyFile(int from, int to) {
     const auto status = statusOf(from);
-    copyContent(from, to);
+    copyContent(from, to, status.st_size);
     // In this order: writing and changing the owner take mode bits and capabilities away, the mode may forbid
     // attributes.
     if (fchown(to, status.st_uid, status.st_gid) != 0) {
@@ -95,24 +84,12 @@ void copyFile(int from, int to) {
     }
 }
 
-bool isSameFile(int first, int second) {
-    const auto one = statusOf(first);
-    const auto other = statusOf(second);
-    if (one.st_size != other.st_size || one.st_mode != other.st_mode || one.st_uid != other.st_uid ||
-        one.st_gid != other.st_gid || one.st_mtim.tv_sec != other.st_mtim.tv_sec ||
-        one.st_mtim.tv_nsec != other.st_mtim.tv_nsec) {
-        return false;
-    }
-    std::vector<char> firstBuffer(pieceSize);
-    std::vector<char> secondBuffer(pieceSize);
-    for (off_t offset = 0; offset < one.st_size;) {
-        const auto piece = readPiece(first, offset, firstBuffer);
-        if (piece.empty() || piece != readPiece(second, offset, secondBuffer)) {
-            return false;
-        }
-        offset += static_cast<off_t>(piece.size());
-    }
-    return true;
+bool isCopyOf(int copy, int file) {
+    const auto one = statusOf(copy);
+    const auto other = statusOf(file);
+    return one.st_size == other.st_size && one.st_mode == other.st_mode && one.st_uid == other.st_uid &&
+           one.st_gid == other.st_gid && one.st_mtim.tv_sec == other.st_mtim.tv_sec &&
+           one.st_mtim.tv_nsec == other.st_mtim.tv_nsec;
 }
 
 } // namespace Core::ZUL

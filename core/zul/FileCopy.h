@@ -8,7 +8,8 @@ namespace Core::ZUL {
 /// @param to    descriptor open for writing
 void copyFile(int from, int to);
 
-/// Whether two files have the same size, owner, mode, modification time and content. Throws as copyFile().
-[[nodiscard]] bool isSameFile(int first, int second);
+/// Whether a file has the size, owner, mode and modification time of another, as its copy has while neither
+/// is changed. Throws as copyFile().
+[[nodiscard]] bool isCopyOf(int copy, int file);
 
 } // namespace Core::ZUL

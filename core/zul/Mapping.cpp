@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
+#include <iterator>
 #include <linux/limits.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -22,6 +23,8 @@ using Common::Error;
 using Common::ErrorCode;
 using Common::filesystemError;
 using Common::UniqueFd;
+
+using std::filesystem::path;
 
 const char* const marker = "user.zul.mapping.target";
 
@@ -39,14 +42,49 @@ UniqueFd openPackageFile(const MappedFile& file) {
     return fd;
 }
 
+/// Whether a file is or would be below a directory, links on the way to the directory followed. The directory
+/// itself must not be a link.
+bool isBelow(const path& file, const path& directory) {
+    const auto normal = file.lexically_normal();
+    const auto above = directory.lexically_normal();
+    if (std::mismatch(above.begin(), above.end(), normal.begin(), normal.end()).first == above.end()) {
+        return true;
+    }
+    const auto there = Common::statusOf(directory, AT_SYMLINK_NOFOLLOW);
+    for (auto parent = normal.parent_path(); there && parent.is_absolute() && parent.has_relative_path();
+         parent = parent.parent_path()) {
+        if (const auto status = Common::statusOf(parent); status && Common::isSameFile(*status, *there)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Whether a file was below the "current" of a package with this name, in a database that has moved since.
+bool wasBelow(const path& file, const path& package) {
+    const auto end = file.end();
+    for (auto name = file.begin(); file.is_absolute() && name != end; ++name) {
+        if (*name == package && std::next(name) != end && *std::next(name) == "current") {
+            path place;
+            std::for_each(file.begin(), std::next(name), [&place](const auto& part) { place /= part; });
+            return !Common::statusOf(place, AT_SYMLINK_NOFOLLOW);
+        }
+    }
+    return false;
+}
+
 } // namespace
+
+bool Mapping::isPlace(const path& target) {
+    return target.is_absolute() && Common::isOrdinaryName(target.filename().native());
+}
 
 Mapping::Mapping(SystemTree& tree, std::filesystem::path target)
     : tree_(tree)
     , target_(std::move(target))
     , parent_(target_.parent_path())
     , name_(target_.filename().native()) {
-    if (!target_.is_absolute() || !Common::isOrdinaryName(name_)) {
+    if (!isPlace(target_)) {
         throw Error(ErrorCode::Filesystem, "no place for a mapping: " + target_.native());
     }
 }
@@ -61,7 +99,7 @@ std::optional<mode_t> Mapping::fileType() const {
     if (parent >= 0 && fstatat(parent, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
         return status.st_mode & S_IFMT;
     }
-    if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
+    if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP && errno != ENAMETOOLONG) {
         throw filesystemError("couldn't look at " + target_.native());
     }
     return std::nullopt;
@@ -103,54 +141,71 @@ std::filesystem::path Mapping::mappingTarget() const {
     return std::string(value.data(), static_cast<std::size_t>(size));
 }
 
-bool Mapping::standsForFileIn(const std::filesystem::path& directory) const {
+bool Mapping::belongsTo(const path& packageDirectory) const {
     if (!isLinkOrMarkedCopy()) {
         return false;
     }
-    const auto file = mappingTarget().lexically_normal();
-    const auto above = directory.lexically_normal();
-    return std::mismatch(above.begin(), above.end(), file.begin(), file.end()).first == above.end();
+    const auto file = mappingTarget();
+    return isBelow(file, packageDirectory) || wasBelow(file, packageDirectory.filename());
+}
+
+bool Mapping::isReplaceable(const path& databaseRoot) const {
+    return isLinkOrMarkedCopy() && (fileType() != S_IFLNK || isBelow(mappingTarget(), databaseRoot));
 }
 
 bool Mapping::standsFor(const MappedFile& file, MappingKind kind) const {
-    if (!isMapping() || mappingTarget() != file.path()) {
+    if (!isLinkOrMarkedCopy() || mappingTarget() != file.path()) {
         return false;
     }
+    if (kind == MappingKind::Link || fileType() == S_IFLNK) {
+        return kind == MappingKind::Link && fileType() == S_IFLNK;
+    }
     const UniqueFd here(openat(directory(), name_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    return kind == MappingKind::Link ? !here : here && isSameFile(openPackageFile(file).get(), here.get());
+    if (!here) {
+        throw filesystemError("couldn't open " + target_.native());
+    }
+    return isCopyOf(here.get(), openPackageFile(file).get());
 }
 
 void Mapping::createMapping(const MappedFile& file, MappingKind kind) const {
-    if (kind == MappingKind::Copy) {
-        createCopy(file);
+    const int parent = tree_.make(parent_);
+    kind == MappingKind::Copy ? createCopy(file, parent) : createLink(file, parent);
+}
+
+void Mapping::createLink(const MappedFile& file, int parent) const {
+    const auto target = file.path();
+    if (parent >= 0 && symlinkat(target.c_str(), parent, name_.c_str()) == 0) {
         return;
     }
-    const int parent = tree_.make(parent_);
-    if (parent < 0 || symlinkat(file.path().c_str(), parent, name_.c_str()) != 0) {
+    const bool isTaken = parent >= 0 && errno == EEXIST;
+    if (!isTaken || symlinkat(target.c_str(), parent, SystemTree::pendingName) != 0) {
         throw Error(ErrorCode::Filesystem,
-                    "couldn't create symlink " + file.path().native() + " -> " + target_.native());
+                    "couldn't create symlink " + target.native() + " -> " + target_.native());
+    }
+    if (renameat(parent, SystemTree::pendingName, parent, name_.c_str()) != 0) {
+        unlinkat(parent, SystemTree::pendingName, 0);
+        throw Error(ErrorCode::Filesystem, "couldn't clean up existing mapping: " + target_.native());
     }
 }
 
-void Mapping::createCopy(const MappedFile& file) const {
-    const auto source = openPackageFile(file);
-    const auto words = "couldn't copy " + file.path().native() + " -> " + target_.native();
-    const int parent = tree_.make(parent_);
+void Mapping::createCopy(const MappedFile& file, int parent) const {
+    const auto message = "couldn't copy " + file.path().native() + " -> " + target_.native();
     const UniqueFd copy(parent < 0 ? -1
                                    : openat(parent, SystemTree::pendingName,
                                             O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!copy) {
-        throw filesystemError(words);
+        throw filesystemError(message);
     }
     try {
-        copyFile(source.get(), copy.get());
+        copyFile(openPackageFile(file).get(), copy.get());
         const auto path = file.path().native();
         if (fsetxattr(copy.get(), marker, path.data(), path.size(), 0) != 0) {
             throw filesystemError(std::string("couldn't attach ") + marker + " extended attribute to " +
                                   target_.native());
         }
-        if (renameat(parent, SystemTree::pendingName, parent, name_.c_str()) != 0) {
-            throw filesystemError(words);
+        // A name without the marker would be a system file for ever after a loss of power.
+        if (fsync(copy.get()) != 0 || renameat(parent, SystemTree::pendingName, parent, name_.c_str()) != 0) {
+            throw filesystemError(message);
         }
     } catch (...) {
         if (unlinkat(parent, SystemTree::pendingName, 0) != 0) {

@@ -23,7 +23,10 @@ struct MappedFile {
 /// Used by the thread that uses the tree. Failures are Error, code Filesystem.
 class Mapping {
 public:
-    /// @param target  absolute path of the place, as the running system sees it
+    /// Whether a path can be a mapping's: absolute, with a name of its own at its end.
+    [[nodiscard]] static bool isPlace(const std::filesystem::path& target);
+
+    /// @param target  the place, as the running system sees it. Throws when it can be no mapping's.
     Mapping(SystemTree& tree, std::filesystem::path target);
 
     [[nodiscard]] const std::filesystem::path& target() const { return target_; }
@@ -37,16 +40,21 @@ public:
     /// The package file that the mapping stands for.
     [[nodiscard]] std::filesystem::path mappingTarget() const;
 
-    /// Whether it is a mapping of a file below the directory. Throws when that cannot be told, unlike
-    /// isMapping(): what is taken for another's would never be removed.
-    [[nodiscard]] bool standsForFileIn(const std::filesystem::path& directory) const;
+    /// Whether it is a mapping of a file of the package, whatever name the way to the package's directory had
+    /// when it was made. Throws when that cannot be told, unlike isMapping(): what is taken for another's
+    /// would never be removed.
+    [[nodiscard]] bool belongsTo(const std::filesystem::path& packageDirectory) const;
+
+    /// Whether a mapping may take the place of what is there: of a marked copy or a link into the database.
+    /// Any other link is the system's.
+    [[nodiscard]] bool isReplaceable(const std::filesystem::path& databaseRoot) const;
 
     /// Whether it is a mapping of this file, of this kind and, if a copy, up to date.
     [[nodiscard]] bool standsFor(const MappedFile& file, MappingKind kind) const;
 
-    /// Makes the mapping, and the directories above it. A copy appears whole or not at all, with content,
-    /// owner, mode, times and extended attributes of the package's file, which must be a regular file inside
-    /// its version directory.
+    /// Makes the mapping, and the directories above it, in one step in the place of a file or link that is
+    /// there. A copy has content, owner, mode, times and extended attributes of the package's file, which
+    /// must be a regular file inside its version directory, and is on disk before it has its name.
     void createMapping(const MappedFile& file, MappingKind kind) const;
 
     /// Deletes what is at the place.
@@ -59,7 +67,8 @@ private:
     /// The type bits of what is at the place; nothing when nothing is.
     [[nodiscard]] std::optional<mode_t> fileType() const;
     [[nodiscard]] bool isLinkOrMarkedCopy() const;
-    void createCopy(const MappedFile& file) const;
+    void createLink(const MappedFile& file, int parent) const;
+    void createCopy(const MappedFile& file, int parent) const;
 
     SystemTree& tree_;
     std::filesystem::path target_;

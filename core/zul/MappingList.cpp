@@ -18,17 +18,20 @@ constexpr std::size_t sizeLimit = 256UL * 1024UL * 1024UL;
 std::optional<std::string> readText(const std::filesystem::path& versionDirectory) {
     try {
         return Common::readRegularFile(versionDirectory / mappingListName, sizeLimit);
-    } catch (const Error&) {
+    } catch (const Error& error) {
+        if (error.code() != ErrorCode::FileNotFound) {
+            throw;
+        }
         return std::nullopt;
     }
 }
 
 } // namespace
 
-MappingList readMappingList(const std::filesystem::path& versionDirectory) {
+std::optional<MappingList> readMappingList(const std::filesystem::path& versionDirectory) {
     const auto text = readText(versionDirectory);
     if (!text) {
-        throw Error(ErrorCode::Filesystem, "couldn't find package symlink list");
+        return std::nullopt;
     }
     MappingList list;
     std::istringstream lines(*text);
@@ -44,12 +47,11 @@ void writeMappingList(const std::filesystem::path& versionDirectory, const Mappi
     for (const auto& target : list) {
         text += target + "\n";
     }
-    const auto path = versionDirectory / mappingListName;
-    if (!std::filesystem::is_symlink(path) && readText(versionDirectory) == text) {
-        return;
-    }
     const char* failure = "couldn't open file to create mapping list";
     try {
+        if (!Common::linkTarget(versionDirectory / mappingListName) && readText(versionDirectory) == text) {
+            return;
+        }
         Common::NewFile file(versionDirectory, mappingListName);
         failure = "couldn't write lines to mapping list";
         file.write(text);

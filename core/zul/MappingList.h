@@ -3,6 +3,7 @@
 #include "common/Files.h"
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,9 +16,9 @@ using MappingList = std::vector<std::string>;
 /// Name of the list in a version directory: a text file, each line a target and a line feed.
 inline const std::string mappingListName = "symlink.list";
 
-/// Reads a version's list. Throws Error, code Filesystem, "couldn't find package symlink list", when there is
-/// none that can be read. Any thread.
-[[nodiscard]] MappingList readMappingList(const std::filesystem::path& versionDirectory);
+/// Reads a version's list; nothing when it has none, which is a regular file of at most 256 MiB. Throws
+/// Error, code Filesystem, when it cannot be read this time. Any thread.
+[[nodiscard]] std::optional<MappingList> readMappingList(const std::filesystem::path& versionDirectory);
 
 /// Replaces a version's list in one step, unless it says the same already. Throws Error, code Filesystem. Any
 /// thread.

@@ -33,8 +33,13 @@ void planRule(const MappingRule& rule, const std::filesystem::path& versionDirec
     const auto source = versionDirectory / rule.source;
     const auto target = std::filesystem::path(rule.target).lexically_normal();
     for (const auto& entry : std::filesystem::recursive_directory_iterator(source)) {
-        std::error_code dangling;
-        if (entry.is_directory(dangling)) {
+        std::error_code unknown;
+        bool isDirectory = entry.is_directory(unknown);
+        if (unknown) {
+            const auto status = Common::statusOf(entry.path());
+            isDirectory = status && S_ISDIR(status->st_mode);
+        }
+        if (isDirectory) {
             continue;
         }
         // Below its source the path goes on as it stands: what is inside is what was walked.

@@ -7,117 +7,181 @@
 
 #include <algorithm>
 #include <iterator>
+#include <set>
 
 namespace Core::ZUL {
-
-namespace {
 
 using Common::Error;
 using Common::ErrorCode;
 using Common::quoted;
 
-void replaceWithMapping(const Mapping& mapping, const MappedFile& file, MappingKind kind) {
-    if (mapping.exists()) {
-        if (!mapping.isMapping()) {
+/// One operation on the mappings of a version.
+class Mappings::Work {
+public:
+    Work(const Mappings& mappings, const std::filesystem::path& versionDirectory)
+        : mappings_(mappings)
+        , version_(versionDirectory)
+        , package_(versionDirectory.parent_path())
+        , tree_(mappings.systemRoot_) {}
+
+    /// @param isStrict  a failure ends it and undoes what it made; else it goes on and leaves others' files
+    void make(const MappingPlan& plan, bool isStrict) {
+        const auto targets = plan.targets();
+        const std::set<std::string> wanted(targets.begin(), targets.end());
+        auto stale = readMappingList(version_).value_or(MappingList());
+        const auto possible = mergedMappingList(targets, stale);
+        writeMappingList(version_, possible, Common::Durability::Now);
+        std::erase_if(stale, [&](const auto& target) { return wanted.contains(target); });
+
+        // What would be a directory now goes first, the rest when everything has been made.
+        const auto middle = std::stable_partition(stale.begin(), stale.end(), [&](const auto& target) {
+            const auto next = wanted.lower_bound(target + "/");
+            return next != wanted.end() && next->starts_with(target + "/");
+        });
+        auto left = remove({stale.begin(), middle}, /*areStale=*/true);
+        const bool isComplete = makeEach(plan, isStrict);
+        if (isStrict && !isComplete) {
+            undo(stale.empty());
+        } else {
+            left = mergedMappingList(std::move(left), remove({middle, stale.end()}, /*areStale=*/true));
+            if (const auto kept = mergedMappingList(targets, left); kept != possible) {
+                // Mappings that came back with the power would be on no list any more.
+                mappings_.flush();
+                writeMappingList(version_, kept, Common::Durability::Now);
+            }
+        }
+        if (!isComplete) {
+            throw Error(ErrorCode::Filesystem, "couldn't create mappings");
+        }
+    }
+
+    /// Removes the package's mappings among the targets.
+    /// @param areStale  whether the package goes on without them, so that others may have their places
+    /// @return the targets at which that failed
+    MappingList remove(const MappingList& targets, bool areStale) {
+        MappingList left;
+        for (const auto& target : targets) {
+            if (!Mapping::isPlace(target)) {
+                Common::logWarning() << "no place for a mapping: " << Common::quoted(target);
+                continue;
+            }
+            try {
+                const Mapping mapping(tree_, target);
+                if (mapping.belongsTo(package_)) {
+                    mapping.remove();
+                } else if (!areStale) {
+                    Common::logWarning() << "skip removing the generated package symlink, since it was most "
+                                            "likely overwritten via rpm: "
+                                         << Common::quoted(target);
+                }
+            } catch (const Error& error) {
+                Common::logWarning() << "couldn't remove the generated package mapping: "
+                                     << Common::quoted(target) << error;
+                left.push_back(target);
+            }
+        }
+        return left;
+    }
+
+private:
+    bool makeEach(const MappingPlan& plan, bool isStrict) {
+        bool isComplete = true;
+        for (const auto& entry : plan.entries) {
+            const MappedFile file{version_, entry.file};
+            try {
+                makeOne(Mapping(tree_, entry.target), file, plan.kind, isStrict);
+            } catch (const Error& error) {
+                Common::logError() << "couldn't create mapping " << quoted(file.path()) << " -> "
+                                   << quoted(entry.target) << error;
+                if (isStrict) {
+                    return false;
+                }
+                isComplete = false;
+            }
+        }
+        return isComplete;
+    }
+
+    void makeOne(Mapping mapping, const MappedFile& file, MappingKind kind, bool isStrict) {
+        const bool isThere = mapping.exists();
+        const bool isOurs = isThere && mapping.belongsTo(package_);
+        if (isOurs && mapping.standsFor(file, kind)) {
+            return;
+        }
+        if (isStrict && isThere && !isOurs && !mapping.isReplaceable(package_.parent_path())) {
             throw Error(ErrorCode::Filesystem,
                         "attempt to override system file with package mapping: " + mapping.target().native());
         }
-        try {
-            mapping.remove();
-        } catch (const Error&) {
-            throw Error(ErrorCode::Filesystem,
-                        "couldn't clean up existing mapping: " + mapping.target().native());
+        if (!isStrict && isThere && !isOurs) {
+            Common::logWarning() << "leaving what is in the place of a mapping: " << quoted(mapping.target());
+            return;
+        }
+        mapping.createMapping(file, kind);
+        if (!isOurs) {
+            created_.push_back(std::move(mapping));
         }
     }
-    mapping.createMapping(file, kind);
-}
 
-/// @return whether all of them went
-bool removeCreated(const std::vector<Mapping>& created) {
-    bool isComplete = true;
-    Common::logInfo() << "cleaning up created mappings";
-    for (const auto& mapping : created) {
-        try {
-            mapping.remove();
-        } catch (const Error& error) {
-            Common::logWarning() << "couldn't clean up created mapping: " << quoted(mapping.target())
-                                 << error;
-            isComplete = false;
-        }
-    }
-    return isComplete;
-}
-
-/// Removes one listed mapping if it is the package's own.
-/// @return false when that failed
-bool removeListed(SystemTree& tree, const std::string& target,
-                  const std::filesystem::path& packageDirectory) {
-    try {
-        const Mapping mapping(tree, target);
-        if (mapping.standsForFileIn(packageDirectory)) {
-            mapping.remove();
-            return true;
-        }
-        Common::logWarning() << "skip removing the generated package symlink, since it was most likely "
-                                "overwritten via rpm: "
-                             << Common::quoted(target);
-        return true;
-    } catch (const Error& error) {
-        Common::logWarning() << "couldn't remove the generated package mapping: " << Common::quoted(target)
-                             << error;
-        return false;
-    }
-}
-
-} // namespace
-
-void Mappings::writeList(const Package& package, const std::filesystem::path& versionDirectory) {
-    writeMappingList(versionDirectory, planMappings(package, versionDirectory).targets(),
-                     Common::Durability::Later);
-}
-
-void Mappings::createMappings(const Package& package, const std::filesystem::path& versionDirectory,
-                              const MappingList& left) const {
-    const auto plan = planMappings(package, versionDirectory);
-    writeMappingList(versionDirectory, mergedMappingList(plan.targets(), left), Common::Durability::Now);
-    SystemTree tree(systemRoot_);
-    std::vector<Mapping> created;
-    created.reserve(plan.entries.size());
-    for (const auto& entry : plan.entries) {
-        const MappedFile file{versionDirectory, entry.file};
-        Mapping mapping(tree, entry.target);
-        try {
-            replaceWithMapping(mapping, file, plan.kind);
-        } catch (const Error& error) {
-            Common::logError() << "couldn't create mapping " << quoted(file.path()) << " -> "
-                               << quoted(mapping.target()) << error;
-            if (removeCreated(created) && left.empty()) {
-                removeList(versionDirectory);
+    /// Removes the mappings that were made in places that were not the package's before.
+    /// @param withList  whether the list names nothing else
+    void undo(bool withList) {
+        Common::logInfo() << "cleaning up created mappings";
+        for (const auto& mapping : created_) {
+            try {
+                mapping.remove();
+            } catch (const Error& error) {
+                Common::logWarning() << "couldn't clean up created mapping: " << quoted(mapping.target())
+                                     << error;
+                withList = false;
             }
-            throw Error(ErrorCode::Filesystem, "couldn't create mappings");
         }
-        created.push_back(std::move(mapping));
+        try {
+            if (withList) {
+                // They have to be gone on disk before the only list that names them is.
+                mappings_.flush();
+                Common::removeTree(version_ / mappingListName);
+            }
+        } catch (const Error& error) {
+            Common::logWarning() << "couldn't remove mapping list: " << error;
+        }
     }
+
+    const Mappings& mappings_;
+    const std::filesystem::path version_;
+    const std::filesystem::path package_;
+    SystemTree tree_;
+    std::vector<Mapping> created_;
+};
+
+MappingPlan Mappings::prepare(const Package& package, const std::filesystem::path& versionDirectory) {
+    auto plan = planMappings(package, versionDirectory);
+    writeMappingList(versionDirectory, plan.targets(), Common::Durability::Later);
+    return plan;
 }
 
-MappingList Mappings::removeMappings(const std::filesystem::path& versionDirectory) const {
+bool Mappings::keepListOf(const std::filesystem::path& otherVersion,
+                          const std::filesystem::path& versionDirectory) {
+    const auto list = readMappingList(otherVersion);
+    if (list) {
+        writeMappingList(versionDirectory,
+                         mergedMappingList(readMappingList(versionDirectory).value_or(MappingList()), *list),
+                         Common::Durability::Now);
+    }
+    return list.has_value();
+}
+
+void Mappings::createMappings(const MappingPlan& plan, const std::filesystem::path& versionDirectory) const {
+    Work(*this, versionDirectory).make(plan, /*isStrict=*/true);
+}
+
+void Mappings::refreshMappings(const MappingPlan& plan, const std::filesystem::path& versionDirectory) const {
+    Work(*this, versionDirectory).make(plan, /*isStrict=*/false);
+}
+
+std::optional<MappingList> Mappings::removeMappings(const std::filesystem::path& versionDirectory) const {
     const auto list = readMappingList(versionDirectory);
-    SystemTree tree(systemRoot_);
-    MappingList left;
-    std::copy_if(list.begin(), list.end(), std::back_inserter(left), [&](const auto& target) {
-        return !removeListed(tree, target, versionDirectory.parent_path());
-    });
-    return left;
-}
-
-/// For mappings that are gone. They have to be gone on disk before the only list that names them is.
-void Mappings::removeList(const std::filesystem::path& versionDirectory) const noexcept {
-    try {
-        flush();
-        Common::removeTree(versionDirectory / mappingListName);
-    } catch (const std::exception& error) {
-        Common::logWarning() << "couldn't remove mapping list: " << error;
-    }
+    return list ? std::optional(Work(*this, versionDirectory).remove(*list, /*areStale=*/false))
+                : std::nullopt;
 }
 
 void Mappings::flush() const { Common::flushFileSystem(systemRoot_); }

@@ -7,6 +7,8 @@
 
 namespace Core::ZUL {
 
+struct MappingPlan;
+
 /// The mappings of whole packages: makes a version's files visible in the system directories and takes them
 /// away again. What a version is about to have there is in its mapping list on disk before the first is made,
 /// so that an interrupted operation leaves nothing that could not be found again.
@@ -20,37 +22,36 @@ public:
     explicit Mappings(std::filesystem::path systemRoot)
         : systemRoot_(std::move(systemRoot)) {}
 
-    /// Writes the list that createMappings() of this version will want, wherever the version lies now. The
-    /// caller flushes it.
-    static void writeList(const Package& package, const std::filesystem::path& versionDirectory);
+    /// Plans the mappings of a version, wherever it lies now, and writes their list. The caller flushes it.
+    /// Throws as planMappings().
+    static MappingPlan prepare(const Package& package, const std::filesystem::path& versionDirectory);
 
-    /// Adds another version's list to this one's, for refreshMappings() to look at. It is on disk when this
-    /// returns. Logs failures.
-    static void keepListOf(const std::filesystem::path& otherVersion,
-                           const std::filesystem::path& versionDirectory) noexcept;
+    /// Adds another version's list to this one's, so that what is not wanted any more goes with the next
+    /// createMappings() or refreshMappings(). It is on disk when this returns.
+    /// @return false when the other version has no list
+    static bool keepListOf(const std::filesystem::path& otherVersion,
+                           const std::filesystem::path& versionDirectory);
 
-    /// Makes the mappings of a version and writes its list. Throws Filesystem "couldn't create mappings"
-    /// after removing what it made, and the list if all went, with the cause in the log; BadPackage for names
-    /// that cannot be mapped.
+    /// Makes the mappings of a version as planned, replaces those of other packages, and removes the
+    /// package's that are in the list and no longer wanted. Throws Filesystem "couldn't create mappings"
+    /// after removing what it made, and the list if it names nothing else, with the cause in the log.
     /// @param versionDirectory  as it will stand in the mappings; in practice root / ID / "current"
-    /// @param left              what else the list is to name: the package's, and still to be removed
-    void createMappings(const Package& package, const std::filesystem::path& versionDirectory,
-                        const MappingList& left = {}) const;
+    void createMappings(const MappingPlan& plan, const std::filesystem::path& versionDirectory) const;
 
-    /// Removes the mappings in a version's list, as far as they are still the package's. Throws Filesystem
-    /// when there is no list; other failures are logged.
-    /// @return the targets at which removal failed
-    [[nodiscard]] MappingList removeMappings(const std::filesystem::path& versionDirectory) const;
+    /// The same for what is missing or outdated, but leaves what belongs to others and goes on after a
+    /// failure. Throws Filesystem when some could not be made.
+    void refreshMappings(const MappingPlan& plan, const std::filesystem::path& versionDirectory) const;
 
-    /// Makes what is missing or outdated, removes the package's mappings that are in the list and no longer
-    /// wanted, leaves what belongs to others. Throws Filesystem when some could not be made.
-    void refreshMappings(const Package& package, const std::filesystem::path& versionDirectory) const;
+    /// Removes the mappings in a version's list that are still the package's. Failures are logged.
+    /// @return the targets at which that failed; nothing when there is no list
+    [[nodiscard]] std::optional<MappingList>
+    removeMappings(const std::filesystem::path& versionDirectory) const;
 
     /// Waits until the system directories are on disk.
     void flush() const;
 
 private:
-    void removeList(const std::filesystem::path& versionDirectory) const noexcept;
+    class Work;
 
     std::filesystem::path systemRoot_;
 };

@@ -4,6 +4,8 @@
 #include "common/LogLine.h"
 #include "core/zul/MappingList.h"
 
+#include <cerrno>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace Core::ZUL {
@@ -23,15 +25,15 @@ void tryTo(const std::string& words, Action action) {
 }
 
 bool isRealDirectory(const fs::path& path) {
-    std::error_code error;
-    return fs::is_directory(fs::symlink_status(path, error));
+    const auto status = Common::statusOf(path, AT_SYMLINK_NOFOLLOW);
+    return status && S_ISDIR(status->st_mode);
 }
 
 } // namespace
 
 bool PackageDirectory::isReal() const { return isRealDirectory(path_); }
 
-void PackageDirectory::requireReal() const {
+void PackageDirectory::requireNotSymlink() const {
     if (Common::linkTarget(path_)) {
         throw Common::Error(Common::ErrorCode::Filesystem, "package directory is a link: " + path_.native());
     }
@@ -39,11 +41,11 @@ void PackageDirectory::requireReal() const {
 
 bool PackageDirectory::hasNextLink() const { return Common::linkTarget(next()).has_value(); }
 
-std::string PackageDirectory::versionNameBehind(const fs::path& link) const {
+std::string PackageDirectory::versionNameOf(const fs::path& link) const {
     return Common::linkTarget(link).value_or(fs::path()).filename();
 }
 
-fs::path PackageDirectory::versionBehind(const fs::path& link) const {
+fs::path PackageDirectory::versionOf(const fs::path& link) const {
     const auto target = Common::linkTarget(link);
     if (!target) {
         return {};
@@ -57,67 +59,78 @@ fs::path PackageDirectory::versionBehind(const fs::path& link) const {
         return {};
     }
     // The link may have been made when the root went by another name.
-    std::error_code error;
     const bool isChild = version.parent_path() == path_.lexically_normal() ||
-                         (isRealDirectory(path_ / name) && fs::equivalent(path_ / name, version, error));
+                         (isRealDirectory(path_ / name) && Common::isSameFile(path_ / name, version));
     return isChild ? path_ / name : fs::path();
 }
 
-bool PackageDirectory::isSound(const fs::path& link) const {
-    const auto version = versionBehind(link);
+bool PackageDirectory::pointsToExistingVersion(const fs::path& link) const {
+    const auto version = versionOf(link);
     return !version.empty() && isRealDirectory(version);
 }
 
-std::vector<fs::path> PackageDirectory::versions() const {
-    std::vector<fs::path> versions;
-    if (isReal()) {
-        for (const auto& entry : fs::directory_iterator(path_)) {
-            if (isRealDirectory(entry) && Common::leadsSomewhere(entry.path() / mappingListName)) {
-                versions.push_back(entry.path());
-            }
-        }
+std::vector<fs::path> PackageDirectory::listHolders() const {
+    std::vector<fs::path> holders;
+    // Whichever version was installed, its list is still in its directory.
+    if (!pointsToExistingVersion(current()) && isReal()) {
+        holders = Common::entriesOf(path_);
+        std::erase_if(holders, [](const auto& entry) {
+            return !isRealDirectory(entry) || !Common::exists(entry / mappingListName);
+        });
     }
-    return versions;
+    if (Common::exists(current())) {
+        holders.push_back(current());
+    }
+    return holders;
 }
 
-void PackageDirectory::giveUpNext(const std::string& versionWords, const std::string& linkWords) const {
+void PackageDirectory::discardPreparedUpgrade(const std::string& versionWords,
+                                              const std::string& linkWords) const {
     if (!isReal()) {
         return;
     }
-    const auto version = versionBehind(next());
+    const auto version = versionOf(next());
+    const bool isOurs = !version.empty() && version != versionOf(current());
     // The link first: were it to outlive its version, recovery would put nothing into service.
     tryTo(linkWords, [this] { Common::removeTree(next()); });
-    if (!version.empty() && version != versionBehind(current())) {
+    if (isOurs) {
         tryTo(versionWords, [&version] { Common::removeTree(version); });
     }
 }
 
 void PackageDirectory::sweep(const std::string& words,
                              const std::function<void(const fs::path&)>& beforeRemoval) const {
-    if (!isReal()) {
+    const auto kept = versionOf(current());
+    if (!isReal() || kept.empty()) {
         return;
     }
-    const auto kept = versionBehind(current());
-    std::vector<fs::path> entries;
-    for (const auto& entry : fs::directory_iterator(path_)) {
-        if (entry.path() != current() && entry.path() != kept) {
-            entries.push_back(entry.path());
+    for (const auto& entry : Common::entriesOf(path_)) {
+        if (entry == current() || entry == kept) {
+            continue;
         }
-    }
-    for (const auto& entry : entries) {
-        if (beforeRemoval) {
-            beforeRemoval(entry);
-        }
-        tryTo(words + Common::quoted(entry), [&entry] { Common::removeTree(entry); });
+        tryTo(words + Common::quoted(entry), [&] {
+            if (beforeRemoval) {
+                beforeRemoval(entry);
+            }
+            Common::removeTree(entry);
+        });
     }
 }
 
-void PackageDirectory::remove() const {
-    if (isReal()) {
-        unlink(next().c_str());
-        unlink(current().c_str());
-        Common::flushDirectory(path_);
+void PackageDirectory::removeLinks() const {
+    if (!isReal()) {
+        return;
     }
+    for (const auto& link : {next(), current()}) {
+        if (unlink(link.c_str()) != 0 && errno != ENOENT && errno != EISDIR) {
+            throw Common::filesystemError("couldn't remove " + link.native());
+        }
+    }
+    Common::flushDirectory(path_);
+}
+
+void PackageDirectory::remove() const {
+    removeLinks();
     Common::removeTree(path_);
 }
 

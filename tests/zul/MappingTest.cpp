@@ -1,3 +1,4 @@
+#include "core/zul/MappingPlan.h"
 #include "core/zul/Mappings.h"
 #include "tests/zul/DatabaseTest.h"
 
@@ -101,13 +102,14 @@ TEST_F(AMapping, ThatCannotBeMadeIsAnErrorWithItsCause) {
     writeFile(system / "usr/bin", "in the way");
     const LogCapture log;
     const auto version = extract({{"bin/tool", "x"}});
-    EXPECT_ERROR(of.createMappings(app, version), Filesystem, "couldn't create mappings");
+    const auto plan = Core::ZUL::planMappings(app, version);
+    EXPECT_ERROR(of.createMappings(plan, version), Filesystem, "couldn't create mappings");
     EXPECT_THAT(log.text(), HasSubstr("couldn't create symlink " + (version / "bin/tool").native() +
                                       " -> /usr/bin/tool\n"));
-    EXPECT_ERROR(of.removeMappings(version), Filesystem, "couldn't find package symlink list");
+    EXPECT_FALSE(of.removeMappings(version));
     fs::create_directory(version / "symlink.list");
     fs::create_directory(version / "symlink.list/x");
-    EXPECT_ERROR(of.createMappings(app, version), Filesystem, "couldn't write lines to mapping list");
+    EXPECT_ERROR(of.createMappings(plan, version), Filesystem, "couldn't write lines to mapping list");
 }
 
 TEST_F(AMapping, ThatCouldNotBeRemovedStaysOnTheListUntilItCan) {
@@ -126,14 +128,63 @@ TEST_F(AMapping, ThatCouldNotBeRemovedStaysOnTheListUntilItCan) {
     EXPECT_EQ(readFile(list), "/usr/bin/tool\n/usr/share/com.example.app/old\n");
 
     // Of mappings that are rolled back as well.
-    EXPECT_THROW(of.createMappings(newer, extract({{"data/a", "x"}}), {"/usr/share/com.example.app/old"}),
-                 Error);
-    EXPECT_EQ(readFile(temp / "unpacked/symlink.list"),
+    const auto next = extract({{"data/a", "x"}, {"symlink.list", "/usr/share/com.example.app/old\n"}});
+    EXPECT_THROW(of.createMappings(Core::ZUL::planMappings(newer, next), next), Error);
+    EXPECT_EQ(readFile(next / "symlink.list"),
               "/usr/share/com.example.app/a\n/usr/share/com.example.app/old\n");
     fs::permissions(share, fs::perms(0755));
     database.refreshMappings(app.id());
     EXPECT_EQ(readFile(list), "/usr/bin/tool\n");
     EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
+}
+
+TEST_F(AMapping, ThatCouldNotBeRemovedIsRemovedWithTheNextLookAtThePackage) {
+    install(app, {{"data/file", "x"}});
+    const HeedingModes heeding;
+    const auto share = system / "usr/share/com.example.app";
+    fs::permissions(share, fs::perms(0555));
+    database.remove(app.id());
+    EXPECT_EQ(mappings().size(), 1U);
+    EXPECT_THAT(database.packages(), IsEmpty());
+    fs::permissions(share, fs::perms(0755));
+    EXPECT_ERROR(database.packageDirectory(app.id()), CorruptedInstalledPackage, testing::_);
+    EXPECT_THAT(entriesIn(root), IsEmpty());
+    EXPECT_THAT(mappings(), IsEmpty());
+}
+
+TEST_F(AMapping, BelongsToAPackageByWhereItLeads) {
+    for (const bool isGone : {false, true}) {
+        SCOPED_TRACE(isGone);
+        const auto alias = scratch.path() / "alias";
+        fs::create_directory_symlink(root, alias);
+        Database other(alias, temp, system);
+        other.install(app, entries, extract({{"bin/old", "1"}, {"bin/tool", "1"}}));
+        EXPECT_THAT(mappings(),
+                    testing::Contains(Pair("/usr/bin/tool", alias / app.id() / "current/bin/tool")));
+        if (isGone) {
+            // "current" leads nowhere then, and the package is damaged.
+            fs::remove(alias);
+            EXPECT_THAT(database.packages(), IsEmpty());
+            EXPECT_THAT(mappings(), IsEmpty());
+            continue;
+        }
+        prepare(newer, {{"bin/tool", "2"}});
+        database.completeUpgrade(newer);
+        EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
+        other.remove(app.id());
+        EXPECT_THAT(mappings(), IsEmpty());
+        fs::remove(alias);
+    }
+}
+
+TEST_F(AMapping, NeverTakesThePlaceOfALinkOfTheSystem) {
+    for (const auto& target : {fs::path("dash"), fs::path("/bin/dash"), scratch.path() / "absent"}) {
+        fs::create_directories(system / "usr/bin");
+        fs::create_symlink(target, system / "usr/bin/sh");
+        EXPECT_ERROR(install(app, {{"bin/sh", "x"}}), Filesystem, "couldn't create mappings");
+        EXPECT_EQ(fs::read_symlink(system / "usr/bin/sh"), target);
+        fs::remove(system / "usr/bin/sh");
+    }
 }
 
 TEST_F(AMapping, StaysBelowTheSystemRootWhoseLinksAreItsOwn) {

@@ -120,16 +120,34 @@ TEST_F(ADatabase, GivesUpAnUpgradeWhoseVersionCannotBeParsed) {
     }
 }
 
-TEST_F(ADatabase, LosesAPackageWhoseUpgradeCannotBeMapped) {
+TEST_F(ADatabase, GoesBackWhenAnUpgradeCannotBeMapped) {
+    for (const bool isCopying : {false, true}) {
+        SCOPED_TRACE(isCopying);
+        const std::string extra = isCopying ? "connman/plugin/a" : "data/a";
+        install(app, {{"bin/old", "1"}, {"bin/tool", "1"}, {extra, "1"}});
+        prepare(newer, {{"bin/other", "22"}, {"bin/tool", "22"}, {extra, "22"}, {"manifest/z", "22"}});
+        writeFile(system / "usr/share/applications/z", "system");
+        const auto before = mappings();
+        EXPECT_ERROR(database.completeUpgrade(newer), Filesystem, "couldn't create mappings");
+        EXPECT_EQ(installedVersion(app.id()), "1.0-1");
+        EXPECT_EQ(fs::read_symlink(dir() / "next"), dir() / "2.0-1");
+        EXPECT_EQ(mappings(), before);
+        EXPECT_EQ(readFile(system / "usr/bin/tool"), "1");
+
+        fs::remove(system / "usr/share/applications/z");
+        database.completeUpgrade(newer);
+        EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "2.0-1"));
+        EXPECT_EQ(readFile(system / "usr/bin/tool"), "22");
+        EXPECT_FALSE(mappings().contains("/usr/bin/old"));
+        database.remove(app.id());
+        EXPECT_THAT(mappings(), IsEmpty());
+    }
+}
+
+TEST_F(ADatabase, MakesAVersionReadableForEverybody) {
+    fs::permissions(extract({{"bin/tool", "x"}}), fs::perms(0700));
     install(app);
-    prepare(newer, {{"bin/other", "x"}});
-    writeFile(system / "usr/bin/other", "system");
-    EXPECT_ERROR(database.completeUpgrade(newer), Filesystem, "couldn't create mappings");
-    EXPECT_FALSE(fs::is_symlink(dir() / "current"));
-    EXPECT_ERROR(database.packageData(app.id()), CorruptedInstalledPackage,
-                 "couldn't find current directory of com.example.app package");
-    EXPECT_THAT(entriesIn(root), IsEmpty());
-    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/other", "")));
+    EXPECT_EQ(fs::status(dir() / "1.0-1").permissions(), fs::perms(0755));
 }
 
 TEST_F(ADatabase, RemovesAPackageWhoseMappingListIsLost) {
