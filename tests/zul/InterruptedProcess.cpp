@@ -1,10 +1,14 @@
 #include "tests/zul/InterruptedProcess.h"
 
+#include "common/Error.h"
+
 #include <array>
 #include <csignal>
 #include <cstddef>
+#include <elf.h>
 #include <exception>
 #include <fcntl.h>
+#include <iostream>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <stdexcept>
@@ -12,6 +16,7 @@
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
+#include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -35,6 +40,14 @@ constexpr std::array changingCalls{
     SYS_ftruncate, SYS_fallocate, SYS_setxattr,  SYS_lsetxattr,      SYS_fsetxattr, SYS_fremovexattr,
     SYS_pwrite64,  SYS_writev,    SYS_sendfile,  SYS_copy_file_range};
 
+constexpr std::array lookingCalls{
+#ifdef SYS_open
+    SYS_open,       SYS_stat,       SYS_lstat,      SYS_access,  SYS_readlink,
+#endif
+    SYS_openat,     SYS_openat2,    SYS_newfstatat, SYS_fstat,   SYS_statx,    SYS_faccessat, SYS_faccessat2,
+    SYS_readlinkat, SYS_getdents64, SYS_read,       SYS_pread64, SYS_getxattr, SYS_lgetxattr, SYS_fgetxattr,
+    SYS_listxattr,  SYS_llistxattr, SYS_flistxattr, SYS_fsync,   SYS_syncfs};
+
 constexpr sock_filter load(std::size_t offset) {
     return BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<unsigned>(offset));
 }
@@ -44,31 +57,40 @@ constexpr sock_filter jump(int test, long value, unsigned char ifTrue, unsigned 
 }
 constexpr sock_filter answer(unsigned action) { return BPF_STMT(BPF_RET | BPF_K, action); }
 
-std::vector<sock_filter> filter(unsigned onChange, unsigned onFlush) {
+/// What the kernel does at a call that changes a file system, waits for the disk, or looks at files.
+struct Answers {
+    unsigned onChange = SECCOMP_RET_ALLOW;
+    unsigned onFlush = SECCOMP_RET_ERRNO; // returns at once
+    unsigned onLook = SECCOMP_RET_ALLOW;
+};
+
+std::vector<sock_filter> filter(const Answers& answers) {
     std::vector<sock_filter> program{load(offsetof(seccomp_data, nr))};
-    for (const auto call : flushingCalls) {
-        program.insert(program.end(), {jump(BPF_JEQ, call, 0, 1), answer(onFlush)});
-    }
-    for (const auto call : changingCalls) {
-        program.insert(program.end(), {jump(BPF_JEQ, call, 0, 1), answer(onChange)});
-    }
+    const auto add = [&program](const auto& calls, unsigned action) {
+        for (const auto call : calls) {
+            program.insert(program.end(), {jump(BPF_JEQ, call, 0, 1), answer(action)});
+        }
+    };
+    add(flushingCalls, answers.onFlush);
+    add(changingCalls, answers.onChange);
     // Opening changes something when it may create or cut; writing does when it is not to the log.
     const auto argument = [](std::size_t number) {
         return offsetof(seccomp_data, args) + number * sizeof(__u64);
     };
     program.insert(program.end(),
                    {jump(BPF_JEQ, SYS_openat, 0, 4), load(argument(2)),
-                    jump(BPF_JSET, O_CREAT | O_TRUNC, 0, 1), answer(onChange), answer(SECCOMP_RET_ALLOW),
-                    jump(BPF_JEQ, SYS_write, 0, 3), load(argument(0)), jump(BPF_JGT, STDERR_FILENO, 0, 1),
-                    answer(onChange), answer(SECCOMP_RET_ALLOW)});
+                    jump(BPF_JSET, O_CREAT | O_TRUNC, 0, 1), answer(answers.onChange), answer(answers.onLook),
+                    jump(BPF_JEQ, SYS_write, 0, 4), load(argument(0)), jump(BPF_JGT, STDERR_FILENO, 0, 1),
+                    answer(answers.onChange), answer(SECCOMP_RET_ALLOW)});
+    add(lookingCalls, answers.onLook);
+    program.push_back(answer(SECCOMP_RET_ALLOW));
     return program;
 }
 
-[[noreturn]] void runChild(const std::function<void()>& action, unsigned onChange,
-                           unsigned onFlush = SECCOMP_RET_ERRNO) {
+[[noreturn]] void runChild(const std::function<void()>& action, const Answers& answers) {
     // The end of a test's child must be quick and quiet.
     dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
-    auto program = filter(onChange, onFlush);
+    auto program = filter(answers);
     const sock_fprog description{static_cast<unsigned short>(program.size()), program.data()};
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &description, 0, 0) != 0) {
@@ -76,8 +98,11 @@ std::vector<sock_filter> filter(unsigned onChange, unsigned onFlush) {
     }
     try {
         action();
-    } catch (const std::exception&) {
+    } catch (const Common::Error&) {
         _exit(1);
+    } catch (const std::exception& error) {
+        std::cout << "not a Common::Error: " << error.what() << std::endl;
+        _exit(2);
     }
     _exit(0);
 }
@@ -97,7 +122,7 @@ End endOf(int status) {
 End runInChild(const std::function<void()>& action) {
     const pid_t child = fork();
     if (child == 0) {
-        runChild(action, SECCOMP_RET_ALLOW);
+        runChild(action, {});
     }
     int status = 0;
     waitpid(child, &status, 0);
@@ -106,15 +131,39 @@ End runInChild(const std::function<void()>& action) {
 
 namespace {
 
+enum class Step { Go, Kill, Fail };
+
+/// Makes the call that a child stopped at return an error.
+void failCall(pid_t child, int error) {
+#if defined(__x86_64__)
+    user_regs_struct registers{};
+    ptrace(PTRACE_GETREGS, child, nullptr, &registers);
+    registers.orig_rax = ~0ULL;
+    registers.rax = static_cast<unsigned long long>(-error);
+    ptrace(PTRACE_SETREGS, child, nullptr, &registers);
+#elif defined(__aarch64__)
+    int none = -1;
+    iovec number{&none, sizeof none};
+    ptrace(PTRACE_SETREGSET, child, NT_ARM_SYSTEM_CALL, &number);
+    user_regs_struct registers{};
+    iovec all{&registers, sizeof registers};
+    ptrace(PTRACE_GETREGSET, child, NT_PRSTATUS, &all);
+    registers.regs[0] = static_cast<unsigned long long>(-error);
+    ptrace(PTRACE_SETREGSET, child, NT_PRSTATUS, &all);
+#else
+#error "write here how a system call is skipped on this machine"
+#endif
+}
+
 /// Runs an action in a child that stops before each call the filter traces.
-/// @param atCall  returns whether the child is to go on; it is killed otherwise
-End runTraced(const std::function<void()>& action, unsigned onFlush,
-              const std::function<bool(pid_t)>& atCall) {
+/// @param atCall  returns what becomes of the child or the call
+End runTraced(const std::function<void()>& action, const Answers& answers,
+              const std::function<Step(pid_t)>& atCall, int error = 0) {
     const pid_t child = fork();
     if (child == 0) {
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
         raise(SIGSTOP);
-        runChild(action, SECCOMP_RET_TRACE, onFlush);
+        runChild(action, answers);
     }
     int status = 0;
     waitpid(child, &status, 0);
@@ -123,10 +172,16 @@ End runTraced(const std::function<void()>& action, unsigned onFlush,
     }
     while (WIFSTOPPED(status)) {
         const bool isCall = status >> 8 == (SIGTRAP | (PTRACE_EVENT_SECCOMP << 8));
-        if (isCall && !atCall(child)) {
+        const auto step = isCall ? atCall(child) : Step::Go;
+        if (step == Step::Kill) {
             kill(child, SIGKILL);
         } else {
-            ptrace(PTRACE_CONT, child, nullptr, nullptr);
+            if (step == Step::Fail) {
+                failCall(child, error);
+            }
+            // A signal of its own, as that of abort(), ends the child.
+            const int signal = WSTOPSIG(status);
+            ptrace(PTRACE_CONT, child, nullptr, signal == SIGTRAP || signal == SIGSTOP ? 0 : signal);
         }
         waitpid(child, &status, 0);
     }
@@ -171,16 +226,34 @@ std::string nameOfCall(pid_t child) {
 } // namespace
 
 End runInterrupted(unsigned callsBefore, const std::function<void()>& action) {
-    return runTraced(action, SECCOMP_RET_ERRNO,
-                     [&, calls = 0U](pid_t /*child*/) mutable { return calls++ != callsBefore; });
+    return runTraced(action, {.onChange = SECCOMP_RET_TRACE}, [&, calls = 0U](pid_t /*child*/) mutable {
+        return calls++ == callsBefore ? Step::Kill : Step::Go;
+    });
+}
+
+std::pair<End, bool> runWithFault(unsigned callsBefore, const Fault& fault,
+                                  const std::function<void()>& action) {
+    Answers answers{.onChange = SECCOMP_RET_TRACE};
+    if (!fault.onlyChanges) {
+        answers.onFlush = answers.onLook = SECCOMP_RET_TRACE;
+    }
+    unsigned calls = 0;
+    const auto atCall = [&](pid_t /*child*/) {
+        const bool fails = fault.goesOn ? calls >= callsBefore : calls == callsBefore;
+        ++calls;
+        return fails ? Step::Fail : Step::Go;
+    };
+    const auto end = runTraced(action, answers, atCall, fault.error);
+    return {end, calls > callsBefore};
 }
 
 std::vector<std::string> recordCalls(const std::function<void()>& action) {
     std::vector<std::string> calls;
-    const auto end = runTraced(action, SECCOMP_RET_TRACE, [&](pid_t child) {
-        calls.push_back(nameOfCall(child));
-        return true;
-    });
+    const auto end =
+        runTraced(action, {.onChange = SECCOMP_RET_TRACE, .onFlush = SECCOMP_RET_TRACE}, [&](pid_t child) {
+            calls.push_back(nameOfCall(child));
+            return Step::Go;
+        });
     if (end != End::Finished) {
         throw std::runtime_error("the recorded action failed");
     }

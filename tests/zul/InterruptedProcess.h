@@ -2,17 +2,18 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Testbed {
 
+/// Failed: the action threw Common::Error. Anything else that it throws fails the call that runs it.
 enum class End { Finished, Failed, Killed };
 
 /// Runs an action in a child process of its own and kills that just before its n-th call to the kernel that
 /// changes a file system. Calls that only wait for the disk return at once: the kernel keeps what a killed
 /// process wrote.
 /// @param callsBefore  how many changing calls are let through
-/// @return Failed when the action threw
 End runInterrupted(unsigned callsBefore, const std::function<void()>& action);
 
 /// Runs an action in a child process to its end.
@@ -23,5 +24,19 @@ std::vector<std::string> recordCalls(const std::function<void()>& action);
 
 /// The same as runInterrupted() without an interruption.
 End runInChild(const std::function<void()>& action);
+
+/// How calls to the kernel fail.
+struct Fault {
+    const char* name;
+    int error;
+    bool goesOn;      ///< with all later calls as well
+    bool onlyChanges; ///< calls that change a file system; else also those that look at it
+};
+
+/// Runs an action in a child process in which calls to the kernel about files fail.
+/// @param callsBefore  how many calls of the kind that fails are let through
+/// @return how it ended, and whether there was a call to fail
+std::pair<End, bool> runWithFault(unsigned callsBefore, const Fault& fault,
+                                  const std::function<void()>& action);
 
 } // namespace Testbed
