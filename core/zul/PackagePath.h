@@ -22,14 +22,15 @@ public:
 
     /// What a symbolic link in the package's tree has to hold so that it leads to the place of its target.
     ///
-    /// A target that is absolute or begins with "." is taken as a system path, seen from the link's directory
-    /// in the payload, and becomes a relative link to its place in the package, which holds wherever the tree
-    /// is moved. Resolving looks at no file: the system's own links, those of an installed version among
-    /// them, must not decide what a package holds. Any other target is kept.
+    /// A target that is absolute or leads to a parent directory is taken as a system path, seen from the
+    /// link's directory in the payload, and becomes a relative link to its place in the package, which holds
+    /// wherever the tree is moved. More ".." than there are directories end at "/". Resolving looks at no
+    /// file: the system's own links, those of an installed version among them, must not decide what a package
+    /// holds. Any other target is kept.
     ///
     /// @param link    system path of the link
     /// @param target  what the payload says
-    /// Throws Error, code BadPackage, for a target outside the package's tree and for an empty one.
+    /// Throws Error, code BadPackage, for an empty target.
     [[nodiscard]] std::filesystem::path linkTarget(const std::string& link, const std::string& target) const;
 
 private:

@@ -118,15 +118,17 @@ TEST(APackagePath, LeadsBackThroughTheRules) {
                                                      {"/etc/passwd", "../../etc/passwd"},
                                                      {"/usr/share/com.example.app/", ".."},
                                                      {"deep/../../up", "../up"},
+                                                     {"../../../../../../usr/bin/tool", "../../bin/tool"},
+                                                     {"/usr/../../etc", "../../etc"},
+                                                     {"a/../../../../../../../out", "../../out"},
+                                                     {"/..", "../.."},
                                                      {"..", ".."}};
     for (const auto& [target, written] : targets) {
         EXPECT_EQ(paths.linkTarget(link, target), written) << target;
     }
     EXPECT_EQ(paths.linkTarget(link + "/.", "/etc"), "../../etc");
     EXPECT_EQ(paths.linkTarget(link + "//", "./near"), "near");
-    for (const char* target : {"../../../../../etc", "/usr/../../etc", "a/../../../../out", "/..", ""}) {
-        EXPECT_THROW(static_cast<void>(paths.linkTarget(link, target)), Common::Error) << target;
-    }
+    EXPECT_THROW(static_cast<void>(paths.linkTarget(link, "")), Common::Error);
 }
 
 class AnExtraction : public SignedPackage {};
@@ -216,9 +218,9 @@ TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
         {{{"/../", "victim", reg, "evil"}}, "outside its own directory: ../victim"},
         {{{"/usr/bin/", "../../victim", reg, "evil"}}, "outside its own directory: bin/../../victim"},
         {{{"/../", "made", dir}}, "outside its own directory"},
-        {{{"/x/", "l", link, "/.."}, {"/x/l/", "victim", reg, "evil"}}, "a link that leads out"},
-        {{{"/", "l", link, "../victim"}}, "a link that leads out of it: /l"},
-        {{{"/", "l", link, "a/../../victim"}}, "a link that leads out"},
+        {{{"/x/", "l", link, "/.."}, {"/x/l/", "victim", reg, "evil"}}, "below a symbolic link: /x/l"},
+        {{{"/", "l", link, "../victim"}}, ""},
+        {{{"/", "l", link, "a/../../victim"}}, ""},
         {{{"/", "l", link, ""}}, "a link that leads out of it: /l -> "},
         {{{data, "up", link, "/usr/"}, {data + "up/", "f", reg, "evil"}}, "below a symbolic link: /data/up"},
         {{{data, "up", link, "/"}, {data, "out", link, "up/../../victim"}}, ""},
