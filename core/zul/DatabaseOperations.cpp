@@ -193,13 +193,16 @@ void Database::putBack(const PackageDirectory& directory) {
         }
         return;
     }
-    try {
-        Common::flushDirectory(directory.path());
-        refreshMappings(directory.path().filename());
-    } catch (const Error& error) {
-        // They are made with the next refresh.
-        Common::logFailure(Common::LogLevel::Warning, "couldn't refresh the mappings of the previous version",
-                           error);
+    // What fails here is made up for by the next refresh, which knows of mappings that could not be removed.
+    const std::function<void()> steps[] = {[&] { Common::flushDirectory(directory.path()); },
+                                           [&] { Mappings::keepListOf(directory.next(), current); },
+                                           [&] { refreshMappings(directory.path().filename()); }};
+    for (const auto& step : steps) {
+        try {
+            step();
+        } catch (const Error& error) {
+            Common::logFailure(Common::LogLevel::Warning, "couldn't refresh the previous version", error);
+        }
     }
 }
 

@@ -136,9 +136,9 @@ private:
             }
         }
         try {
+            // They have to be gone on disk before a list that names them is.
+            mappings_.flush();
             if (withList) {
-                // They have to be gone on disk before the only list that names them is.
-                mappings_.flush();
                 Common::removeTree(version_ / mappingListName);
             }
         } catch (const Error& error) {
