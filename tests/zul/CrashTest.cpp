@@ -2,8 +2,6 @@
 #include "tests/zul/InterruptedProcess.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <iostream>
 #include <regex>
 
@@ -146,11 +144,6 @@ void checkAfterRestart(DatabaseOnDisk& disk, const std::string& allowed, bool is
     }
 }
 
-const std::vector<Fault> faults{{"EIO", EIO, false, false},
-                                {"ENOSPC", ENOSPC, false, true},
-                                {"full disk", ENOSPC, true, true},
-                                {"EROFS", EROFS, true, true}};
-
 } // namespace
 
 class DatabaseOperations : public testing::TestWithParam<std::tuple<Operation, bool>> {
@@ -174,29 +167,42 @@ TEST_P(DatabaseOperations, LeaveNothingHalfDoneWhenTheProcessIsKilled) {
     std::cout << "killed at " << point - 1 << " points\n";
 }
 
+/// @param prepare  called in a child process before the operation
+void loseNothing(const Operation& operation, bool isCopying,
+                 const std::function<void(DatabaseOnDisk&)>& prepare) {
+    const Package package(id, operation.unpacked.empty() ? "2" : operation.unpacked);
+    forEachFault(17, [&](const Fault& fault, unsigned point) {
+        DatabaseOnDisk disk;
+        EXPECT_EQ(runInChild([&] { prepare(disk); }), End::Finished);
+        const auto [end, wasMet] = runWithFault(point, fault, [&] { operation.run(disk, package); });
+        const bool isDone = end == End::Finished && operation.run != refuseInstall;
+        checkAfterRestart(disk, isDone ? operation.after.substr(operation.after.size() - 1) : operation.after,
+                          isCopying);
+        return wasMet;
+    });
+}
+
 TEST_P(DatabaseOperations, LoseNothingWhenACallFails) {
-    // All points take minutes.
-    const unsigned stride = getenv("VENDARA_ALL_FAULTS") != nullptr ? 1 : 17;
-    unsigned runs = 0;
-    unsigned errors = 0;
-    for (const auto& fault : faults) {
-        for (unsigned point = 0;; point += stride) {
-            SCOPED_TRACE(std::string(fault.name) + " at call " + std::to_string(point));
-            DatabaseOnDisk disk;
-            ASSERT_EQ(runInChild([&] { makeStateBefore(disk, operation, isCopying); }), End::Finished);
-            const auto [end, wasMet] = runWithFault(point, fault, [&] { operation.run(disk, package); });
-            const bool isDone = end == End::Finished && operation.run != refuseInstall;
-            checkAfterRestart(disk,
-                              isDone ? operation.after.substr(operation.after.size() - 1) : operation.after,
-                              isCopying);
-            ++runs;
-            errors += end == End::Failed ? 1 : 0;
-            if (!wasMet || HasFatalFailure()) {
-                break;
+    loseNothing(operation, isCopying,
+                [&](DatabaseOnDisk& disk) { makeStateBefore(disk, operation, isCopying); });
+}
+
+TEST(LookingAtPackages, LosesNothingWhenACallFails) {
+    const auto look = [](DatabaseOnDisk& disk, const Package& /*package*/) {
+        static_cast<void>(disk.database.packages());
+        static_cast<void>(disk.database.packageData(id));
+        disk.database.checkUpgrade(Package(id, "3"));
+    };
+    for (const bool isDamaged : {false, true}) {
+        SCOPED_TRACE(isDamaged ? "damaged upgrade" : "whole upgrade");
+        const Operation operation{"", "12", "", isDamaged ? "1" : "2", look};
+        loseNothing(operation, false, [&](DatabaseOnDisk& disk) {
+            makeStateBefore(disk, operation, false);
+            if (isDamaged) {
+                writeFile(disk.root / id / "2/quenra.pkg", "damaged");
             }
-        }
+        });
     }
-    std::cout << runs << " failing calls, " << errors << " errors\n";
 }
 
 /// The place of the first of these calls from a place on.
@@ -206,36 +212,46 @@ std::size_t find(const std::vector<std::string>& calls, const std::string& patte
         std::find_if(calls.begin() + static_cast<std::ptrdiff_t>(from), calls.end(), isIt) - calls.begin());
 }
 
-TEST(LossOfPower, FindsOnDiskWhatTheNextStepReliesOn) {
-    for (const auto& operation : operations) {
-        if (operation.run == refuseInstall) {
-            continue;
-        }
-        SCOPED_TRACE(operation.name);
-        DatabaseOnDisk disk;
-        makeStateBefore(disk, operation, false);
-        const Package package(id, operation.unpacked.empty() ? "2" : operation.unpacked);
-        const auto calls = recordCalls([&] { operation.run(disk, package); });
-        const std::string flush = "^(fsync|syncfs)$";
-        // Of a removal the change that counts is that the links go.
-        const auto published =
-            find(calls, operation.run == removeIt ? "^remove .*/current$" : "^link .*/(current|next)$");
-        ASSERT_LT(published, calls.size());
-        const auto flushed = find(calls, flush, published);
-        ASSERT_LT(flushed, calls.size());
-        if (operation.run == install || operation.run == prepareUpgrade || operation.run == removeIt) {
-            // What is published was unpacked, and the mappings are gone.
-            EXPECT_LT(find(calls, "^syncfs$"), published);
-        }
-        // The record and list of a version, and all else in it, go by their bare names.
-        const auto deleted = find(calls, "^remove (quenra.pkg|symlink.list)$");
-        EXPECT_EQ(deleted < calls.size(), operation.name != "Install" && operation.run != prepareUpgrade);
-        EXPECT_LT(flushed, deleted);
-        // Mappings are on disk before success is reported or the version goes whose list names old ones.
-        if (operation.run != prepareUpgrade && operation.run != recover && operation.run != restart) {
-            const auto mapped = find(calls, operation.run == removeIt ? "^remove tool$" : "^link tool$");
-            EXPECT_LT(find(calls, "^syncfs$", mapped), std::min(deleted, calls.size()));
-        }
+TEST_P(DatabaseOperations, FindOnDiskWhatTheyRelyOnAfterALossOfPower) {
+    DatabaseOnDisk disk;
+    makeStateBefore(disk, operation, isCopying);
+    const auto calls = recordCalls([&] { operation.run(disk, package); });
+    // Of a removal the change that counts is that the links go.
+    const auto published =
+        find(calls, operation.run == removeIt ? "^remove .*/current$" : "^link .*/(current|next)$");
+    ASSERT_LT(published, calls.size());
+    const auto flushed = find(calls, "^(fsync|syncfs)$", published);
+    ASSERT_LT(flushed, calls.size());
+    if (operation.run == install || operation.run == prepareUpgrade || operation.run == removeIt) {
+        // What is published was unpacked, and the mappings are gone.
+        EXPECT_LT(find(calls, "^syncfs$"), published);
+    }
+    // The record and list of a version, and all else in it, go by their bare names.
+    const auto deleted = find(calls, "^remove (quenra.pkg|symlink.list)$");
+    EXPECT_EQ(deleted < calls.size(), operation.name != "Install" && operation.run != prepareUpgrade);
+    EXPECT_LT(flushed, deleted);
+    // Mappings are on disk before success is reported or the version goes whose list names old ones.
+    if (operation.run != prepareUpgrade && operation.run != recover && operation.run != restart) {
+        const auto mapped = find(calls, operation.run == removeIt ? "^remove tool$" : "^link only-in-.$");
+        EXPECT_LT(find(calls, "^syncfs$", mapped), std::min(deleted, calls.size()));
+    }
+    if (operation.run == completeUpgrade || operation.run == recover || operation.run == restart) {
+        // The new version's list names the old one's mappings on disk before the old one's goes.
+        const auto kept = find(calls, "/symlink.list$");
+        ASSERT_LT(kept, deleted);
+        EXPECT_EQ(calls.at(kept - 1), "fsync");
+        EXPECT_EQ(calls.at(kept + 1), "fsync");
+    }
+    if (operation.run == completeUpgrade || operation.run == restart) {
+        // They are gone on disk before they are on no list.
+        const auto stale = find(calls, "^remove only-in-1$");
+        ASSERT_LT(stale, calls.size());
+        EXPECT_LT(find(calls, "^syncfs$", stale), find(calls, "/symlink.list$", stale));
+    }
+    // A copy is whole when it gets its name.
+    for (auto copy = find(calls, "^link (tool|file|vpn.so|only-in-.)$"); isCopying && copy < calls.size();
+         copy = find(calls, "^link (tool|file|vpn.so|only-in-.)$", copy + 1)) {
+        EXPECT_EQ(calls.at(copy - 1), "fsync");
     }
 }
 

@@ -2,9 +2,13 @@
 
 #include "common/Error.h"
 
+#include <gtest/gtest.h>
+
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdlib>
 #include <elf.h>
 #include <exception>
 #include <fcntl.h>
@@ -167,23 +171,29 @@ End runTraced(const std::function<void()>& action, const Answers& answers,
     }
     int status = 0;
     waitpid(child, &status, 0);
-    if (ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESECCOMP | PTRACE_O_EXITKILL) != 0) {
+    // What a filter traces fails in a thread or child process that is not traced.
+    constexpr auto options = PTRACE_O_TRACESECCOMP | PTRACE_O_EXITKILL | PTRACE_O_TRACECLONE |
+                             PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK;
+    if (ptrace(PTRACE_SETOPTIONS, child, nullptr, options) != 0) {
         throw std::runtime_error("couldn't trace a child process");
     }
-    while (WIFSTOPPED(status)) {
+    for (pid_t stopped = child; stopped != child || WIFSTOPPED(status);
+         stopped = waitpid(-1, &status, __WALL)) {
+        if (!WIFSTOPPED(status)) {
+            continue;
+        }
         const bool isCall = status >> 8 == (SIGTRAP | (PTRACE_EVENT_SECCOMP << 8));
-        const auto step = isCall ? atCall(child) : Step::Go;
+        const auto step = isCall ? atCall(stopped) : Step::Go;
         if (step == Step::Kill) {
             kill(child, SIGKILL);
-        } else {
-            if (step == Step::Fail) {
-                failCall(child, error);
-            }
-            // A signal of its own, as that of abort(), ends the child.
-            const int signal = WSTOPSIG(status);
-            ptrace(PTRACE_CONT, child, nullptr, signal == SIGTRAP || signal == SIGSTOP ? 0 : signal);
+            continue;
         }
-        waitpid(child, &status, 0);
+        if (step == Step::Fail) {
+            failCall(stopped, error);
+        }
+        // A signal of its own, as that of abort(), ends the child.
+        const int signal = WSTOPSIG(status);
+        ptrace(PTRACE_CONT, stopped, nullptr, signal == SIGTRAP || signal == SIGSTOP ? 0 : signal);
     }
     return endOf(status);
 }
@@ -215,6 +225,9 @@ std::string nameOfCall(pid_t child) {
     case SYS_symlinkat:
         return "link " + textAt(child, arguments[2]);
     case SYS_renameat2:
+#ifdef SYS_renameat
+    case SYS_renameat:
+#endif
         return "link " + textAt(child, arguments[3]);
     case SYS_unlinkat:
         return "remove " + textAt(child, arguments[1]);
@@ -229,6 +242,22 @@ End runInterrupted(unsigned callsBefore, const std::function<void()>& action) {
     return runTraced(action, {.onChange = SECCOMP_RET_TRACE}, [&, calls = 0U](pid_t /*child*/) mutable {
         return calls++ == callsBefore ? Step::Kill : Step::Go;
     });
+}
+
+void forEachFault(unsigned stride, const std::function<bool(const Fault&, unsigned callsBefore)>& attempt) {
+    constexpr std::array faults{Fault{"EIO", EIO, false, false}, Fault{"ENOSPC", ENOSPC, false, true},
+                                Fault{"full disk", ENOSPC, true, true}, Fault{"EROFS", EROFS, true, true}};
+    unsigned count = 0;
+    for (const auto& fault : faults) {
+        bool wasMet = true;
+        for (unsigned point = 0; wasMet && !testing::Test::HasFailure();
+             point += getenv("VENDARA_ALL_FAULTS") != nullptr ? 1 : stride) {
+            SCOPED_TRACE(std::string(fault.name) + " at call " + std::to_string(point));
+            wasMet = attempt(fault, point);
+            count += wasMet ? 1 : 0;
+        }
+    }
+    std::cout << "failed at " << count << " calls" << std::endl;
 }
 
 std::pair<End, bool> runWithFault(unsigned callsBefore, const Fault& fault,

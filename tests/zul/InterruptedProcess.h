@@ -25,13 +25,18 @@ std::vector<std::string> recordCalls(const std::function<void()>& action);
 /// The same as runInterrupted() without an interruption.
 End runInChild(const std::function<void()>& action);
 
-/// How calls to the kernel fail.
+/// How calls to the kernel about files fail.
 struct Fault {
     const char* name;
     int error;
     bool goesOn;      ///< with all later calls as well
     bool onlyChanges; ///< calls that change a file system; else also those that look at it
 };
+
+/// Calls a function for each kind of fault and each n-th call until it returns that there was no such call.
+/// @param stride  distance of the calls that are tried; 1 when the environment has VENDARA_ALL_FAULTS
+/// @param attempt  returns whether the call to fail was met
+void forEachFault(unsigned stride, const std::function<bool(const Fault&, unsigned callsBefore)>& attempt);
 
 /// Runs an action in a child process in which calls to the kernel about files fail.
 /// @param callsBefore  how many calls of the kind that fails are let through
