@@ -194,7 +194,7 @@ MappingList Database::removeMappingsOf(const PackageDirectory& directory, const 
 
 /// Removes a package whose mappings have been removed. Those that are left are found again by its lists.
 void Database::removeAll(const PackageDirectory& directory, bool isUnmapped) const {
-    if (isUnmapped) {
+    if (isUnmapped || !directory.isReal()) {
         // Mappings that came back with the power would have no list any more.
         mappings_.flush();
         directory.remove();

@@ -105,7 +105,7 @@ std::optional<mode_t> Mapping::fileType() const {
     return std::nullopt;
 }
 
-bool Mapping::isLinkOrMarkedCopy() const {
+bool Mapping::isMapping() const {
     const auto type = fileType();
     if (type != S_IFREG) {
         return type == S_IFLNK;
@@ -121,14 +121,6 @@ bool Mapping::isLinkOrMarkedCopy() const {
 
 bool Mapping::exists() const { return fileType().has_value(); }
 
-bool Mapping::isMapping() const noexcept {
-    try {
-        return isLinkOrMarkedCopy();
-    } catch (const std::exception&) {
-        return false;
-    }
-}
-
 std::filesystem::path Mapping::mappingTarget() const {
     std::array<char, XATTR_SIZE_MAX> value; // NOLINT: filled below
     auto size = readlinkat(directory(), name_.c_str(), value.data(), value.size());
@@ -142,7 +134,7 @@ std::filesystem::path Mapping::mappingTarget() const {
 }
 
 bool Mapping::belongsTo(const path& packageDirectory) const {
-    if (!isLinkOrMarkedCopy()) {
+    if (!isMapping()) {
         return false;
     }
     const auto file = mappingTarget();
@@ -150,11 +142,11 @@ bool Mapping::belongsTo(const path& packageDirectory) const {
 }
 
 bool Mapping::isReplaceable(const path& databaseRoot) const {
-    return isLinkOrMarkedCopy() && (fileType() != S_IFLNK || isBelow(mappingTarget(), databaseRoot));
+    return isMapping() && (fileType() != S_IFLNK || isBelow(mappingTarget(), databaseRoot));
 }
 
 bool Mapping::standsFor(const MappedFile& file, MappingKind kind) const {
-    if (!isLinkOrMarkedCopy() || mappingTarget() != file.path()) {
+    if (!isMapping() || mappingTarget() != file.path()) {
         return false;
     }
     if (kind == MappingKind::Link || fileType() == S_IFLNK) {

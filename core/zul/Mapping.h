@@ -20,7 +20,8 @@ struct MappedFile {
 
 /// One place in the system directories where a mapping is or could be. A mapping is a symbolic link to a
 /// package's file, or a copy of it that names it in the extended attribute "user.zul.mapping.target".
-/// Used by the thread that uses the tree. Failures are Error, code Filesystem.
+/// Used by the thread that uses the tree. Failures are Error, code Filesystem, also of the questions: what is
+/// taken for another's would never be removed.
 class Mapping {
 public:
     /// Whether a path can be a mapping's: absolute, with a name of its own at its end.
@@ -34,15 +35,14 @@ public:
     /// Whether there is anything at the place, a link that leads nowhere included.
     [[nodiscard]] bool exists() const;
 
-    /// Whether a symbolic link or a marked copy is at the place; false on any failure.
-    [[nodiscard]] bool isMapping() const noexcept;
+    /// Whether a symbolic link or a marked copy is at the place.
+    [[nodiscard]] bool isMapping() const;
 
     /// The package file that the mapping stands for.
     [[nodiscard]] std::filesystem::path mappingTarget() const;
 
     /// Whether it is a mapping of a file of the package, whatever name the way to the package's directory had
-    /// when it was made. Throws when that cannot be told, unlike isMapping(): what is taken for another's
-    /// would never be removed.
+    /// when it was made.
     [[nodiscard]] bool belongsTo(const std::filesystem::path& packageDirectory) const;
 
     /// Whether a mapping may take the place of what is there: of a marked copy or a link into the database.
@@ -66,7 +66,6 @@ private:
     [[nodiscard]] std::string throughDescriptor() const;
     /// The type bits of what is at the place; nothing when nothing is.
     [[nodiscard]] std::optional<mode_t> fileType() const;
-    [[nodiscard]] bool isLinkOrMarkedCopy() const;
     void createLink(const MappedFile& file, int parent) const;
     void createCopy(const MappedFile& file, int parent) const;
 
