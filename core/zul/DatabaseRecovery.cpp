@@ -55,7 +55,7 @@ void Database::recoverPackage(const PackageDirectory& directory, std::vector<std
         directory.discardPreparedUpgrade("couldn't cleanup corrupted package version: ",
                                          "couldn't cleanup corrupted next symlink: ");
     }
-    if (directory.hasNextLink()) {
+    if (isUsable) {
         if (rename(directory.next().c_str(), directory.current().c_str()) == 0) {
             const auto name = directory.path().filename().native();
             completed.push_back(name);

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
-#include <iterator>
 #include <linux/limits.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -62,12 +61,10 @@ bool isBelow(const path& file, const path& directory) {
 
 /// Whether a file was below the "current" of a package with this name, in a database that has moved since.
 bool wasBelow(const path& file, const path& package) {
-    const auto end = file.end();
-    for (auto name = file.begin(); file.is_absolute() && name != end; ++name) {
-        if (*name == package && std::next(name) != end && *std::next(name) == "current") {
-            path place;
-            std::for_each(file.begin(), std::next(name), [&place](const auto& part) { place /= part; });
-            return !Common::statusOf(place, AT_SYMLINK_NOFOLLOW);
+    for (auto place = file; place.has_relative_path(); place = place.parent_path()) {
+        const auto above = place.parent_path();
+        if (place.filename() == "current" && above.filename() == package) {
+            return above.is_absolute() && !Common::statusOf(above, AT_SYMLINK_NOFOLLOW);
         }
     }
     return false;
@@ -146,11 +143,12 @@ bool Mapping::isReplaceable(const path& databaseRoot) const {
 }
 
 bool Mapping::standsFor(const MappedFile& file, MappingKind kind) const {
-    if (!isMapping() || mappingTarget() != file.path()) {
+    const bool isLink = fileType() == S_IFLNK;
+    if (!isMapping() || isLink != (kind == MappingKind::Link) || mappingTarget() != file.path()) {
         return false;
     }
-    if (kind == MappingKind::Link || fileType() == S_IFLNK) {
-        return kind == MappingKind::Link && fileType() == S_IFLNK;
+    if (isLink) {
+        return true;
     }
     const UniqueFd here(openat(directory(), name_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!here) {

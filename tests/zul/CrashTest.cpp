@@ -187,18 +187,19 @@ TEST_P(DatabaseOperations, LoseNothingWhenACallFails) {
                 [&](DatabaseOnDisk& disk) { makeStateBefore(disk, operation, isCopying); });
 }
 
-TEST(LookingAtPackages, LosesNothingWhenACallFails) {
+TEST(LookingAtPackagesAndRecovery, LoseNothingWhenACallFails) {
     const auto look = [](DatabaseOnDisk& disk, const Package& /*package*/) {
         static_cast<void>(disk.database.packages());
         static_cast<void>(disk.database.packageData(id));
         disk.database.checkUpgrade(Package(id, "3"));
     };
-    for (const bool isDamaged : {false, true}) {
-        SCOPED_TRACE(isDamaged ? "damaged upgrade" : "whole upgrade");
-        const Operation operation{"", "12", "", isDamaged ? "1" : "2", look};
+    for (const auto& operation :
+         {Operation{"look", "12", "", "2", look}, Operation{"look at a damaged upgrade", "12", "", "1", look},
+          Operation{"recover from a damaged upgrade", "12", "", "1", recover}}) {
+        SCOPED_TRACE(operation.name);
         loseNothing(operation, false, [&](DatabaseOnDisk& disk) {
             makeStateBefore(disk, operation, false);
-            if (isDamaged) {
+            if (operation.after == "1") {
                 writeFile(disk.root / id / "2/quenra.pkg", "damaged");
             }
         });
