@@ -7,6 +7,7 @@
 #include <rpm/rpmfiles.h>
 #include <rpm/rpmio.h>
 #include <rpm/rpmpgp.h>
+#include <rpm/rpmtag.h>
 
 #include <array>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <stdexcept>
 #include <type_traits>
+#include <unordered_map>
 
 namespace Testbed {
 
@@ -34,35 +36,62 @@ std::uint32_t inodeOf(const CraftedEntry& entry, std::size_t place) {
     return entry.inode != 0 ? entry.inode : static_cast<std::uint32_t>(1000 + place);
 }
 
-void putFiles(Header header, const std::vector<CraftedEntry>& entries) {
-    const char* const nobody = "root";
+template<typename Value, typename Of>
+std::vector<Value> listOf(const std::vector<CraftedEntry>& entries, const Of& of) {
+    std::vector<Value> values;
     for (std::size_t place = 0; place < entries.size(); ++place) {
-        const auto& entry = entries[place];
-        const auto index = static_cast<std::uint32_t>(place);
-        const auto mode = static_cast<std::uint16_t>(entry.mode);
-        const auto size = entry.promisedSize.value_or(
+        values.push_back(static_cast<Value>(of(entries[place], place)));
+    }
+    return values;
+}
+
+template<typename Of>
+void putStrings(Header header, rpmTag tag, const std::vector<CraftedEntry>& entries, const Of& of) {
+    const auto texts = listOf<std::string>(
+        entries, [&](const auto& entry, std::size_t) -> std::string { return of(entry); });
+    std::vector<const char*> pointers;
+    for (const auto& text : texts) {
+        pointers.push_back(text.c_str());
+    }
+    headerPutStringArray(header, tag, pointers.data(), static_cast<rpm_count_t>(pointers.size()));
+}
+
+template<typename Of>
+void putNumbers(Header header, rpmTag tag, const std::vector<CraftedEntry>& entries, const Of& of) {
+    const auto numbers = listOf<std::uint32_t>(entries, of);
+    headerPutUint32(header, tag, numbers.data(), static_cast<rpm_count_t>(numbers.size()));
+}
+
+std::string digestOf(const CraftedEntry& entry) {
+    if (!S_ISREG(entry.mode)) {
+        return "";
+    }
+    return entry.promisedDigest.empty() ? sha256(entry.content) : entry.promisedDigest;
+}
+
+void putFiles(Header header, const std::vector<CraftedEntry>& entries) {
+    if (entries.empty()) {
+        return;
+    }
+    putStrings(header, RPMTAG_DIRNAMES, entries, [](const auto& entry) { return entry.directory; });
+    putStrings(header, RPMTAG_BASENAMES, entries, [](const auto& entry) { return entry.name; });
+    putNumbers(header, RPMTAG_DIRINDEXES, entries, [](const auto&, std::size_t place) { return place; });
+    const auto modes =
+        listOf<std::uint16_t>(entries, [](const auto& entry, std::size_t) { return entry.mode; });
+    headerPutUint16(header, RPMTAG_FILEMODES, modes.data(), static_cast<rpm_count_t>(modes.size()));
+    putNumbers(header, RPMTAG_FILESIZES, entries, [](const auto& entry, std::size_t) {
+        return entry.promisedSize.value_or(
             static_cast<std::uint32_t>(S_ISDIR(entry.mode) ? 0 : entry.content.size()));
-        const std::uint32_t number = inodeOf(entry, place);
-        const std::uint32_t device = 1;
-        const std::uint32_t none = 0;
-        const auto digest = !S_ISREG(entry.mode)           ? std::string()
-                            : entry.promisedDigest.empty() ? sha256(entry.content)
-                                                           : entry.promisedDigest;
-        const auto link = S_ISLNK(entry.mode) ? entry.content : "";
-        headerPutString(header, RPMTAG_DIRNAMES, entry.directory.c_str());
-        headerPutString(header, RPMTAG_BASENAMES, entry.name.c_str());
-        headerPutUint32(header, RPMTAG_DIRINDEXES, &index, 1);
-        headerPutUint16(header, RPMTAG_FILEMODES, &mode, 1);
-        headerPutUint32(header, RPMTAG_FILESIZES, &size, 1);
-        headerPutUint32(header, RPMTAG_FILEINODES, &number, 1);
-        headerPutUint32(header, RPMTAG_FILEDEVICES, &device, 1);
-        headerPutUint32(header, RPMTAG_FILEMTIMES, &none, 1);
-        headerPutUint32(header, RPMTAG_FILEFLAGS, &entry.flags, 1);
-        headerPutUint16(header, RPMTAG_FILERDEVS, std::array<std::uint16_t, 1>{}.data(), 1);
-        headerPutString(header, RPMTAG_FILEDIGESTS, digest.c_str());
-        headerPutString(header, RPMTAG_FILELINKTOS, link.c_str());
-        headerPutString(header, RPMTAG_FILEUSERNAME, nobody);
-        headerPutString(header, RPMTAG_FILEGROUPNAME, nobody);
+    });
+    putNumbers(header, RPMTAG_FILEINODES, entries, inodeOf);
+    putNumbers(header, RPMTAG_FILEDEVICES, entries, [](const auto&, std::size_t) { return 1; });
+    putNumbers(header, RPMTAG_FILEMTIMES, entries, [](const auto&, std::size_t) { return 0; });
+    putNumbers(header, RPMTAG_FILEFLAGS, entries, [](const auto& entry, std::size_t) { return entry.flags; });
+    putStrings(header, RPMTAG_FILEDIGESTS, entries, digestOf);
+    putStrings(header, RPMTAG_FILELINKTOS, entries,
+               [](const auto& entry) { return S_ISLNK(entry.mode) ? entry.content : ""; });
+    for (const auto tag : {RPMTAG_FILEUSERNAME, RPMTAG_FILEGROUPNAME}) {
+        putStrings(header, tag, entries, [](const auto&) { return "root"; });
     }
 }
 
@@ -93,17 +122,18 @@ std::string archiveEntry(const std::string& path, std::uint32_t mode, std::uint3
 }
 
 std::string archive(const std::vector<CraftedEntry>& entries) {
+    std::unordered_map<std::uint32_t, std::size_t> lastOfSet;
+    for (std::size_t place = 0; place < entries.size(); ++place) {
+        lastOfSet[inodeOf(entries[place], place)] = place;
+    }
     std::string bytes;
     for (std::size_t place = 0; place < entries.size(); ++place) {
         const auto& entry = entries[place];
-        bool isLast = true;
-        for (std::size_t later = place + 1; later < entries.size(); ++later) {
-            isLast = isLast && inodeOf(entries[later], later) != inodeOf(entry, place);
-        }
+        const auto inode = inodeOf(entry, place);
         if (entry.isArchived) {
             const auto& content = entry.archived.empty() ? entry.content : entry.archived;
-            bytes += archiveEntry("." + entry.directory + entry.name, entry.mode, inodeOf(entry, place),
-                                  isLast ? content : "");
+            bytes += archiveEntry("." + entry.directory + entry.name, entry.mode, inode,
+                                  lastOfSet[inode] == place ? content : "");
         }
     }
     return bytes + archiveEntry("TRAILER!!!", 0, 0, "");
@@ -111,29 +141,43 @@ std::string archive(const std::vector<CraftedEntry>& entries) {
 
 } // namespace
 
-void craftPackage(const std::filesystem::path& file, const std::vector<CraftedEntry>& entries,
-                  const std::string& name, const std::string& version) {
-    Common::Rpm::readRpmConfiguration();
+std::string craftedPackage(const std::vector<CraftedEntry>& entries, const CraftedHeader& about) {
     const HeaderHandle header(headerNew(), headerFree);
-    headerPutString(header.get(), RPMTAG_NAME, name.c_str());
-    headerPutString(header.get(), RPMTAG_VERSION, version.c_str());
+    headerPutString(header.get(), RPMTAG_NAME, about.name.c_str());
+    headerPutString(header.get(), RPMTAG_VERSION, about.version.c_str());
     for (const auto tag : {RPMTAG_RELEASE, RPMTAG_SUMMARY, RPMTAG_LICENSE}) {
         headerPutString(header.get(), tag, "1");
     }
     headerPutString(header.get(), RPMTAG_OS, "linux");
     headerPutString(header.get(), RPMTAG_ARCH, "noarch");
+    headerPutString(header.get(), RPMTAG_SOURCERPM, "crafted.src.rpm");
     headerPutString(header.get(), RPMTAG_PAYLOADFORMAT, "cpio");
     const std::uint32_t algorithm = PGPHASHALGO_SHA256;
     headerPutUint32(header.get(), RPMTAG_FILEDIGESTALGO, &algorithm, 1);
     putFiles(header.get(), entries);
+    const auto payload = archive(entries);
+    const auto payloadDigest = sha256(payload);
+    const char* digests = payloadDigest.c_str();
+    headerPutStringArray(header.get(), RPMTAG_PAYLOADDIGEST, &digests, 1);
+    headerPutUint32(header.get(), RPMTAG_PAYLOADDIGESTALGO, &algorithm, 1);
+    if (about.adjust) {
+        about.adjust(header.get());
+    }
     const auto main = exported(header.get(), RPMTAG_HEADERIMMUTABLE);
     const HeaderHandle signature(headerNew(), headerFree);
     headerPutString(signature.get(), RPMTAG_SHA256HEADER, sha256(main).c_str());
+    const auto size = static_cast<std::uint32_t>(main.size() + payload.size());
+    headerPutUint32(signature.get(), RPMSIGTAG_SIZE, &size, 1);
     std::string lead("\xed\xab\xee\xdb\x03\0\0\0\0\x01", 10);
     lead.resize(96);
     lead[79] = 5; // the kind of signature that every package has
-    writeFile(file,
-              lead + padded(exported(signature.get(), RPMTAG_HEADERSIGNATURES), 8) + main + archive(entries));
+    return lead + padded(exported(signature.get(), RPMTAG_HEADERSIGNATURES), 8) + main + payload;
+}
+
+void craftPackage(const std::filesystem::path& file, const std::vector<CraftedEntry>& entries,
+                  const CraftedHeader& about) {
+    Common::Rpm::readRpmConfiguration();
+    writeFile(file, craftedPackage(entries, about));
 }
 
 } // namespace Testbed

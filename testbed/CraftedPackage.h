@@ -1,7 +1,10 @@
 #pragma once
 
+#include <rpm/rpmtypes.h>
+
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
@@ -22,10 +25,21 @@ struct CraftedEntry {
     std::uint32_t flags = 0;                        ///< for example RPMFILE_CONFIG
 };
 
-/// Writes a package file that rpmbuild would refuse to make: entries as given, in this order, in an
-/// uncompressed payload behind a header whose own digests are right. Of a set of hard links the last member
+/// What else the header says.
+struct CraftedHeader {
+    std::string name = "com.example.app";
+    std::string version = "1";
+    std::function<void(Header)> adjust = {}; ///< changes the main header before it is sealed
+};
+
+/// A package file that rpmbuild would refuse to make: entries as given, in this order, in an uncompressed
+/// payload behind headers whose own sizes and digests are right. Of a set of hard links the last member
 /// carries content.
+[[nodiscard]] std::string craftedPackage(const std::vector<CraftedEntry>& entries,
+                                         const CraftedHeader& about = {});
+
+/// Writes such a package to a file; loads the rpm configuration before.
 void craftPackage(const std::filesystem::path& file, const std::vector<CraftedEntry>& entries,
-                  const std::string& name = "com.example.app", const std::string& version = "1");
+                  const CraftedHeader& about = {});
 
 } // namespace Testbed

@@ -75,17 +75,16 @@ private:
     }
 
     void describeRegular(PayloadEntry& entry) {
-        const auto links = files_.hardLinks();
         if (files_.hasContent()) {
             entry.kind = EntryKind::RegularFile;
             entry.size = files_.size();
             entry.digest = files_.digest();
-            if (!links.empty()) {
-                contentOfSet_[links.front()] = entry.path;
+            if (files_.hasHardLinks()) {
+                contentOfSet_[files_.file()] = entry.path;
             }
             return;
         }
-        const auto content = links.empty() ? contentOfSet_.end() : contentOfSet_.find(links.front());
+        const auto content = contentOfSet_.find(files_.file());
         if (content == contentOfSet_.end()) {
             throw Error(ErrorCode::BadPackage, "the rpm package has a hard link to what is not in its set: " +
                                                    Common::quoted(entry.path));

@@ -21,12 +21,6 @@ namespace Common::Rpm {
 
 namespace {
 
-// What extraction never looks at stays out of the list.
-constexpr rpmfiFlags unusedTags = RPMFI_NOFILECLASS | RPMFI_NOFILEDEPS | RPMFI_NOFILELANGS |
-                                  RPMFI_NOFILEUSER | RPMFI_NOFILEGROUP | RPMFI_NOFILECAPS |
-                                  RPMFI_NOFILESTATES | RPMFI_NOFILEVERIFYFLAGS | RPMFI_NOFILESIGNATURES |
-                                  RPMFI_NOVERITYSIGNATURES;
-
 struct Compressor {
     std::string_view name;
     const char* mode; ///< for librpm to read with
@@ -96,7 +90,7 @@ private:
 } // namespace
 
 FileIterator::FileIterator(const Reader& reader)
-    : files_(rpmfilesNew(nullptr, reader.header(), RPMTAG_BASENAMES, unusedTags), rpmfilesFree)
+    : files_(reader.header())
     , payload_(nullptr, Fclose)
     , iterator_(nullptr, rpmfiFree) {
     openPayload(reader);
@@ -106,7 +100,7 @@ FileIterator::FileIterator(const Reader& reader)
     if (!iterator_) {
         throwNotOpened();
     }
-    seen_.resize(rpmfilesFC(files_.get()));
+    seen_.resize(static_cast<std::size_t>(files_.size()));
 }
 
 void FileIterator::openPayload(const Reader& reader) {
@@ -118,14 +112,14 @@ void FileIterator::openPayload(const Reader& reader) {
     payload_.reset(fdDup(stream_ ? stream_->descriptor() : file_.get()));
     // librpm's gzip reader passes the stream's content through, and whole: without it librpm would take a
     // short read, which SIGSTOP is enough for, for the end.
-    if (!files_ || !payload_ || Fdopen(payload_.get(), compressor.mode) == nullptr) {
+    if (!payload_ || Fdopen(payload_.get(), compressor.mode) == nullptr) {
         throwNotOpened();
     }
 }
 
 // librpm reads a link's target into memory that it allocates by the size in the header.
 void FileIterator::requireShortLinks() const {
-    for (int index = 0; index < static_cast<int>(rpmfilesFC(files_.get())); ++index) {
+    for (int index = 0; index < files_.size(); ++index) {
         if (S_ISLNK(rpmfilesFMode(files_.get(), index)) && rpmfilesFSize(files_.get(), index) >= PATH_MAX) {
             throw Error(ErrorCode::BadPackage, "the rpm package has a symbolic link that is too long");
         }
@@ -145,7 +139,7 @@ bool FileIterator::next() {
         const std::unique_ptr<char, void (*)(void*)> reason(rpmfileStrerror(result), std::free);
         fail(std::string("couldn't read payload of rpm package: ") + (reason ? reason.get() : "damaged"));
     }
-    markSeen(index());
+    markSeen(rpmfiFX(iterator_.get()));
     taken_ = 0;
     return true;
 }
@@ -188,12 +182,6 @@ std::string FileIterator::path() const {
 std::string FileIterator::linkTarget() const {
     const char* target = rpmfiFLink(iterator_.get());
     return target != nullptr ? target : "";
-}
-
-std::span<const int> FileIterator::hardLinks() const {
-    const int* indexes = nullptr;
-    const auto count = rpmfiFLinks(iterator_.get(), &indexes);
-    return indexes != nullptr ? std::span(indexes, count) : std::span<const int>();
 }
 
 FileDigest FileIterator::digest() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/rpm/ContentDigest.h"
+#include "common/rpm/FileList.h"
 #include "common/rpm/GzipStream.h"
 #include "common/rpm/Reader.h"
 
@@ -35,7 +36,8 @@ public:
 
     // The present entry, valid after next() returned true. Texts are as the header stores them.
 
-    [[nodiscard]] int index() const { return rpmfiFX(iterator_.get()); }
+    /// The place in the header's file list.
+    [[nodiscard]] int index() const { return files_.headerIndex(rpmfiFX(iterator_.get())); }
     [[nodiscard]] std::string path() const;
     [[nodiscard]] mode_t mode() const { return rpmfiFMode(iterator_.get()); }
     [[nodiscard]] rpmfileAttrs flags() const { return rpmfiFFlags(iterator_.get()); }
@@ -44,8 +46,10 @@ public:
     [[nodiscard]] std::string linkTarget() const;
     /// Whether the archive carries content for this entry: not so for the further members of a hard-link set.
     [[nodiscard]] bool hasContent() const { return rpmfiArchiveHasContent(iterator_.get()) != 0; }
-    /// File indexes of the entry's hard-link set, sorted; empty for a file with one name.
-    [[nodiscard]] std::span<const int> hardLinks() const;
+    /// A number that all entries of a hard-link set have in common, and no others.
+    [[nodiscard]] int file() const { return files_.firstLink(rpmfiFX(iterator_.get())); }
+    /// Whether the header lists further names of the entry's file.
+    [[nodiscard]] bool hasHardLinks() const { return rpmfiFNlink(iterator_.get()) > 1; }
     [[nodiscard]] FileDigest digest() const;
 
     /// Reads content of the present entry until the buffer is full or the content ends.
@@ -53,9 +57,10 @@ public:
     /// Throws Error, code BadPackage, when the archive ends before, and else as next() does.
     std::size_t read(std::span<char> buffer);
 
-    /// Index in the file list of a path, or -1.
-    [[nodiscard]] int find(const std::string& path) const {
-        return rpmfilesFindFN(files_.get(), path.c_str());
+    /// What file() gives for an entry of this path, or -1 for a path that the header does not list.
+    [[nodiscard]] int fileOf(const std::string& path) const {
+        const int place = files_.find(path);
+        return place < 0 ? place : files_.firstLink(place);
     }
 
 private:
@@ -67,7 +72,7 @@ private:
 
     UniqueFd file_;                      ///< the package, at the payload
     std::unique_ptr<GzipStream> stream_; ///< what payload_ reads from, if not the file itself
-    std::unique_ptr<std::remove_pointer_t<rpmfiles>, rpmfiles (*)(rpmfiles)> files_;
+    FileList files_;
     std::unique_ptr<std::remove_pointer_t<FD_t>, int (*)(FD_t)> payload_;
     std::unique_ptr<std::remove_pointer_t<rpmfi>, rpmfi (*)(rpmfi)> iterator_;
     std::vector<bool> seen_;

@@ -48,16 +48,14 @@ std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, co
                                            const std::exception_ptr& refusal) {
     FileIterator files(reader);
     auto left = searchLimit;
-    const int wanted = files.find(path);
+    const int wanted = files.fileOf(path);
     while (wanted >= 0 && files.next()) {
         // A file with several names has its content at the first of them that the archive has.
-        const auto names = files.hardLinks();
-        const bool isWanted =
-            files.index() == wanted || std::find(names.begin(), names.end(), wanted) != names.end();
+        const bool isWanted = files.file() == wanted;
         if (isWanted && S_ISREG(files.mode()) && files.hasContent()) {
             return readEntry(files, path);
         }
-        if (files.index() == wanted) {
+        if (isWanted && files.path() == path) {
             throw Error(ErrorCode::BadPackage, "the package's manifest is no regular file: " + path);
         }
         // The next step unpacks what this entry has: its content and a name.
