@@ -107,7 +107,7 @@ private:
 
     FileIterator files_;
     bool signConfigFiles_;
-    std::map<int, std::string> contentOfSet_; ///< by the first index of the set
+    std::map<int, std::string> contentOfSet_; ///< by FileIterator::file()
     PayloadEntry entry_;
     std::optional<ContentDigest> digest_;
     bool isChecked_ = false;

@@ -1,6 +1,7 @@
 #include "common/rpm/Reader.h"
 
 #include "common/Error.h"
+#include "common/rpm/PackageLayout.h"
 #include "common/rpm/Transaction.h"
 
 #include <rpm/header.h>
@@ -17,6 +18,13 @@ namespace {
 void freeTagData(rpmtd container) {
     rpmtdFreeData(container);
     rpmtdFree(container);
+}
+
+void requireHeadersWithinBound(FD_t file) {
+    const auto layout = readPackageLayout(Fileno(file));
+    if (layout && layout->payloadOffset - PackageLayout::signatureOffset > Reader::maximumHeaderSize) {
+        throw Error(ErrorCode::BadPackage, "the headers of the rpm package are too large");
+    }
 }
 
 /// Reads and checks the header at the file's position.
@@ -49,15 +57,15 @@ Reader::Reader(const UniqueFd& file, const std::string& path)
     if (!file_) {
         throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
     }
+    requireHeadersWithinBound(file_.get());
     const Transaction transaction; // loads the configuration that the read needs
     // For its own keyring librpm starts a shell and opens the user's key database. Only a package with an rpm
     // signature needs it, and that is known once a key is missing from an empty one.
     const std::unique_ptr<std::remove_pointer_t<rpmKeyring>, rpmKeyring (*)(rpmKeyring)> noKeys(
         rpmKeyringNew(), rpmKeyringFree);
     rpmtsSetKeyring(transaction.get(), noKeys.get());
-    const auto start = Ftell(file_.get());
     auto result = readHeader(transaction, file_.get(), path, header_);
-    if ((result == RPMRC_NOKEY || result == RPMRC_NOTTRUSTED) && Fseek(file_.get(), start, SEEK_SET) == 0) {
+    if ((result == RPMRC_NOKEY || result == RPMRC_NOTTRUSTED) && Fseek(file_.get(), 0, SEEK_SET) == 0) {
         rpmtsSetKeyring(transaction.get(), nullptr);
         result = readHeader(transaction, file_.get(), path, header_);
     }

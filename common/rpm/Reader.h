@@ -5,6 +5,7 @@
 #include <rpm/rpmio.h>
 #include <rpm/rpmlib.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -23,11 +24,17 @@ namespace Common::Rpm {
 /// threads at the same time, not even with readers of different files.
 class Reader {
 public:
+    /// The bytes that both headers of a package, the signature header and the main one, may have together.
+    /// librpm takes 256 MiB, keeps all of it in memory and ends the process when there is not enough. A
+    /// header has some 150 bytes for each file, so this is room for 200,000 files; applications have
+    /// hundreds.
+    static constexpr std::uint64_t maximumHeaderSize = 32UL * 1024 * 1024;
+
     /// Opens a package file and reads its header, checked by librpm's configured policy. Never blocks on
     /// something that is no regular file. Starts no process and touches no file but the package and librpm's
     /// configuration, unless the package has an rpm signature: librpm's key database is opened for that.
     /// Throws Error: FileNotFound for what cannot be opened or is no regular file, BadPackage for a file
-    /// that librpm does not accept as a package.
+    /// whose headers are larger than maximumHeaderSize or that librpm does not accept as a package.
     explicit Reader(const std::string& path);
 
     /// Reads the header of a file from openPackageFile(). The reader's descriptor is a duplicate: locks,

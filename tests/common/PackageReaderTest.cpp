@@ -1,11 +1,13 @@
 #include "common/Error.h"
 #include "common/rpm/Reader.h"
+#include "testbed/CraftedPackage.h"
 #include "testbed/LogCapture.h"
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
 
 #include <gmock/gmock.h>
+#include <rpm/header.h>
 #include <rpm/rpmtag.h>
 
 #include <fstream>
@@ -125,6 +127,29 @@ TEST_F(PackageReader, RefusesAFileThatIsNoWholePackage) {
         } catch (const Common::Error&) {
         }
     }
+}
+
+TEST_F(PackageReader, KeepsToTheBoundOnHeaders) {
+    const auto craft = [&](std::size_t size) {
+        Testbed::craftPackage(in("package.rpm"), {}, {.adjust = [size](Header header) {
+                                  const std::string text(size, 'x');
+                                  headerPutString(header, RPMTAG_DESCRIPTION, text.c_str());
+                              }});
+        return in("package.rpm");
+    };
+    const auto small = static_cast<std::size_t>(fs::file_size(craft(0)));
+    EXPECT_EQ(Reader(craft(Reader::maximumHeaderSize - small).string()).getStringTag(RPMTAG_NAME),
+              "com.example.app");
+    const std::string refusal = "the headers of the rpm package are too large";
+    const auto large = craft(Reader::maximumHeaderSize);
+    expectRefusal(large, Common::ErrorCode::BadPackage, refusal);
+    // Sizes alone decide, in either header, before any of it is read.
+    auto bytes = Testbed::readFile(large).substr(0, 4096);
+    Testbed::writeFile(in("cut.rpm"), bytes);
+    expectRefusal(in("cut.rpm"), Common::ErrorCode::BadPackage, refusal);
+    bytes.replace(104, 8, "\xff\xff\xff\xff\xff\xff\xff\xff", 8);
+    Testbed::writeFile(in("cut.rpm"), bytes);
+    expectRefusal(in("cut.rpm"), Common::ErrorCode::BadPackage, refusal);
 }
 
 TEST_F(PackageReader, StartsNoProcessAndLeavesTheHomeDirectoryAlone) {
