@@ -8,6 +8,7 @@
 #include <rpm/rpmio.h>
 #include <rpm/rpmpgp.h>
 #include <rpm/rpmtag.h>
+#include <rpm/rpmtd.h>
 
 #include <array>
 #include <cstdio>
@@ -150,7 +151,6 @@ std::string craftedPackage(const std::vector<CraftedEntry>& entries, const Craft
     }
     headerPutString(header.get(), RPMTAG_OS, "linux");
     headerPutString(header.get(), RPMTAG_ARCH, "noarch");
-    headerPutString(header.get(), RPMTAG_SOURCERPM, "crafted.src.rpm");
     headerPutString(header.get(), RPMTAG_PAYLOADFORMAT, "cpio");
     const std::uint32_t algorithm = PGPHASHALGO_SHA256;
     headerPutUint32(header.get(), RPMTAG_FILEDIGESTALGO, &algorithm, 1);
@@ -166,8 +166,13 @@ std::string craftedPackage(const std::vector<CraftedEntry>& entries, const Craft
     const auto main = exported(header.get(), RPMTAG_HEADERIMMUTABLE);
     const HeaderHandle signature(headerNew(), headerFree);
     headerPutString(signature.get(), RPMTAG_SHA256HEADER, sha256(main).c_str());
-    const auto size = static_cast<std::uint32_t>(main.size() + payload.size());
-    headerPutUint32(signature.get(), RPMSIGTAG_SIZE, &size, 1);
+    auto size = static_cast<std::uint32_t>(main.size() + payload.size());
+    rpmtd_s sizeTag{}; // whose number means something else in other headers
+    sizeTag.tag = RPMSIGTAG_SIZE;
+    sizeTag.type = RPM_INT32_TYPE;
+    sizeTag.count = 1;
+    sizeTag.data = &size;
+    headerPut(signature.get(), &sizeTag, HEADERPUT_DEFAULT);
     std::string lead("\xed\xab\xee\xdb\x03\0\0\0\0\x01", 10);
     lead.resize(96);
     lead[79] = 5; // the kind of signature that every package has

@@ -4,6 +4,7 @@
 #include "common/LogLine.h"
 #include "common/rpm/ExtractFileIterator.h"
 #include "common/rpm/FileIterator.h"
+#include "common/rpm/WholePackage.h"
 #include "core/zul/Extraction.h"
 #include "core/zul/PackageFile.h"
 #include "core/zul/PackageNames.h"
@@ -90,8 +91,9 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     const auto version = header.getStringTag(RPMTAG_VERSION);
     Package package(id, version + "-" + header.getStringTag(RPMTAG_RELEASE));
     package.architecture_ = header.getStringTag(RPMTAG_ARCH);
-    package.file_ = std::move(opened);
     requireOrdinaryNames(package);
+    static_cast<void>(Common::Rpm::packageLength(header));
+    package.file_ = std::move(opened);
     // What is wrong with the manifest is told before what is wrong with the signatures, but how much may be
     // unpacked to find it depends on them. Anything else than a refusal says nothing about the package.
     std::exception_ptr refusal;
@@ -104,6 +106,7 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     if (refusal) {
         std::rethrow_exception(refusal);
     }
+    Common::Rpm::requirePayloadDigest(header);
     package.isSystemDeveloper_ =
         isSystemDeveloperKey(package.developerCms_->certificate().keyId(), authorities.systemDeveloperKeyId);
     // All that was looked at since the header was read came from one and the same file.

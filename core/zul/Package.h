@@ -37,8 +37,9 @@ public:
         , appName_(std::move(appName)) {}
 
     /// Reads and validates a package file: header, manifest, signatures. Unpacks nothing to disk, and nothing
-    /// at all beyond the manifest. When the signatures do not hold no more than 64 MiB are unpacked in search
-    /// of the manifest; what lies further is not found at fault.
+    /// at all beyond the manifest; reads the whole file where the signatures hold. When the signatures do not
+    /// hold no more than 64 MiB are unpacked in search of the manifest; what lies further is not found at
+    /// fault.
     ///
     /// A payload without "/usr/share/applications/ID.desktop", or an unreadable file of the system
     /// developer's key, is a warning in the log. Everything else is refused, checked in this order:
@@ -46,10 +47,13 @@ public:
     ///   BadPackage as well for a file that somebody has open for writing
     /// - an identifier (BadPackageID) or a version (BadPackage) that is not one ordinary path component or
     ///   that no bus takes
+    /// - a source package, and a file that has not all of its package (Common::Rpm::packageLength()):
+    ///   BadPackage
     /// - a manifest that is damaged, too large or no regular file, or whose names are not such components:
     ///   BadPackage
     /// - signatures that cannot be read: BadPackage; that do not hold, are absent or are none of a developer:
     ///   BadPackageSignature
+    /// - a payload that does not have the header's digest: BadPackage
     /// - a file that is written to, or opened for it, meanwhile: BadPackage
     [[nodiscard]] static Package fromFile(const std::filesystem::path& file,
                                           const Authorities& authorities = {});

@@ -20,7 +20,8 @@ public:
     /// @param path  the file; "/proc/self/fd/N" opens what the caller already holds open, with a position
     ///              of its own. Never blocks, also not on a FIFO.
     /// @return nothing when the file cannot be opened, is no regular file, does not begin as an rpm package
-    ///         does, or carries signatures that are not in the one form that the format allows; a value with
+    ///         does, or carries signatures that are not in the one form that the format allows or do not
+    ///         begin where the package's own headers say that it ends; a value with
     ///         an empty list for a package that ends without signatures
     [[nodiscard]] static std::optional<FileWithCmses> fromPath(const std::filesystem::path& path);
 

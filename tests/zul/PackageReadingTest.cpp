@@ -116,6 +116,37 @@ TEST_F(APackage, HasAManifestThatCanBeTrustedOnlySoFar) {
     EXPECT_THAT(refusalWith({.content = manifest, .archived = evil}).second, HasSubstr("couldn't read"));
 }
 
+TEST_F(APackage, IsABinaryPackageFromItsFirstByteToItsSignatures) {
+    const auto file = scratch.path() / "package.rpm";
+    const std::vector<CraftedEntry> entries{{"/usr/bin/", "tool", S_IFREG | 0755U, "content"}};
+    const auto refusalWith = [&](const std::string& bytes) {
+        writeFile(file, bytes);
+        sign(file, "developer", "developer");
+        return refusalOf(file);
+    };
+    const auto whole = craftedPackage(entries);
+    EXPECT_EQ(refusalWith(whole).first, ErrorCode::None);
+    const auto signedOnce = readFile(file);
+    writeFile(file, whole.substr(0, whole.size() - 4));
+    EXPECT_EQ(refusalOf(file), std::pair(ErrorCode::BadPackage, std::string("the rpm package is cut off")));
+    EXPECT_EQ(refusalWith(whole.substr(0, whole.size() - 4)).first, ErrorCode::BadPackage);
+    EXPECT_EQ(refusalWith(whole + "garbage").first, ErrorCode::BadPackage);
+    EXPECT_EQ(refusalWith(signedOnce + "x").first, ErrorCode::BadPackage);
+    const auto place = whole.rfind("content");
+    EXPECT_THAT(refusalWith(std::string(whole).replace(place, 7, "CONTENT")),
+                testing::Pair(ErrorCode::BadPackage, HasSubstr("not what its header says")));
+    const auto refusalIf = [&](const std::function<void(Header)>& adjust) {
+        return refusalWith(craftedPackage(entries, {.adjust = adjust}));
+    };
+    EXPECT_EQ(refusalIf([](Header header) { headerDel(header, RPMTAG_PAYLOADDIGEST); }).first,
+              ErrorCode::None); // rpm had none for twenty years
+    EXPECT_EQ(refusalIf([](Header header) { headerDel(header, RPMTAG_PAYLOADDIGESTALGO); }).first,
+              ErrorCode::BadPackage);
+    const std::uint32_t yes = 1;
+    EXPECT_EQ(refusalIf([&](Header header) { headerPutUint32(header, RPMTAG_SOURCEPACKAGE, &yes, 1); }),
+              std::pair(ErrorCode::BadPackage, std::string("the package is a source package")));
+}
+
 // 200,000 entries, each found in a list of as many: one by one that takes an hour with sanitizers, and eight
 // minutes without.
 TEST_F(APackage, IsReadInTimeWhateverTheOrderOfItsFiles) {

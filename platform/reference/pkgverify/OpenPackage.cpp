@@ -1,6 +1,7 @@
 #include "platform/reference/pkgverify/OpenPackage.h"
 
 #include "common/Files.h"
+#include "common/rpm/PackageLayout.h"
 #include "platform/reference/signcms/SignedBlob.h"
 
 #include <stdexcept>
@@ -13,6 +14,10 @@ OpenPackage::OpenPackage(const std::filesystem::path& path)
     , size_(file_ ? Common::sizeOf(file_.get()) : throw Common::filesystemError(path.native()))
     , layout_(Container::readLayout(descriptor(), size_)) {
     if (layout_) {
+        const auto rpm = Common::Rpm::readPackageLayout(descriptor());
+        if (rpm && rpm->endOffset && *rpm->endOffset != layout_->packageLength) {
+            throw std::runtime_error("package's signatures do not begin where its payload ends");
+        }
         for (auto& der : Container::readCmses(descriptor(), *layout_)) {
             cmses_.push_back(readCms(std::move(der)));
         }

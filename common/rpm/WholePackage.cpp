@@ -1,0 +1,98 @@
+#include "common/rpm/WholePackage.h"
+
+#include "common/Error.h"
+#include "common/rpm/PackageLayout.h"
+
+#include <rpm/header.h>
+#include <rpm/rpmcrypto.h>
+#include <rpm/rpmtd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace Common::Rpm {
+
+namespace {
+
+constexpr std::size_t pieceSize = std::size_t{256} * 1024;
+
+[[noreturn]] void refuse(const char* words) { throw Error(ErrorCode::BadPackage, words); }
+
+int descriptorOf(const Reader& reader) { return reader.file() != nullptr ? Fileno(reader.file()) : -1; }
+
+PackageLayout layoutOf(const Reader& reader) {
+    const auto layout = readPackageLayout(descriptorOf(reader));
+    if (!layout || !layout->endOffset || *layout->endOffset < layout->payloadOffset) {
+        refuse("the rpm package does not say how long it is");
+    }
+    return *layout;
+}
+
+/// The digest in hexadecimal digits of the bytes from start to end.
+std::string digestOf(int file, std::uint64_t start, std::uint64_t end, int algorithm) {
+    auto* context = rpmDigestInit(algorithm, RPMDIGEST_NONE);
+    if (context == nullptr) {
+        refuse("the payload digest of the rpm package is of an unknown kind");
+    }
+    std::vector<char> piece(pieceSize);
+    while (start < end) {
+        const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), end - start));
+        const auto count = pread(file, piece.data(), wanted, static_cast<off_t>(start));
+        if (count <= 0 && !(count < 0 && errno == EINTR)) {
+            break; // another digest comes of it
+        }
+        if (count > 0) {
+            rpmDigestUpdate(context, piece.data(), static_cast<std::size_t>(count));
+            start += static_cast<std::uint64_t>(count);
+        }
+    }
+    void* text = nullptr;
+    rpmDigestFinal(context, &text, nullptr, 1);
+    const std::unique_ptr<char, void (*)(void*)> owner(static_cast<char*>(text), std::free);
+    return start == end && owner ? owner.get() : "";
+}
+
+} // namespace
+
+std::uint64_t packageLength(const Reader& reader) {
+    if (headerIsSource(reader.header()) != 0) {
+        refuse("the package is a source package");
+    }
+    const auto layout = layoutOf(reader);
+    struct stat status {};
+    if (fstat(descriptorOf(reader), &status) != 0 ||
+        *layout.endOffset > static_cast<std::uint64_t>(status.st_size)) {
+        refuse("the rpm package is cut off");
+    }
+    return *layout.endOffset;
+}
+
+void requirePayloadDigest(const Reader& reader) {
+    const auto end = packageLength(reader);
+    rpmtd_s expected{};
+    if (headerGet(reader.header(), RPMTAG_PAYLOADDIGEST, &expected, HEADERGET_MINMEM) == 0) {
+        return;
+    }
+    const char* first = rpmtdNextString(&expected);
+    const std::string text = first != nullptr ? first : "";
+    rpmtdFreeData(&expected);
+    const auto algorithm = static_cast<int>(headerGetNumber(reader.header(), RPMTAG_PAYLOADDIGESTALGO));
+    if (text.empty() ||
+        digestOf(descriptorOf(reader), layoutOf(reader).payloadOffset, end, algorithm) != text) {
+        refuse("the payload of the rpm package is not what its header says");
+    }
+}
+
+void requireWholePackage(const Reader& reader, std::uint64_t length) {
+    if (packageLength(reader) != length) {
+        refuse("the rpm package has something behind its end");
+    }
+    requirePayloadDigest(reader);
+}
+
+} // namespace Common::Rpm

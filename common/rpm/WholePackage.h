@@ -1,0 +1,27 @@
+#pragma once
+
+#include "common/rpm/Reader.h"
+
+#include <cstdint>
+
+namespace Common::Rpm {
+
+// What makes a file whose header librpm accepts one whole package that can be installed. librpm itself looks
+// at nothing behind the header. The thread rules of Reader apply; the file's position is not touched.
+
+/// The length in bytes of the package at the beginning of the reader's file, from its lead to the end of its
+/// payload, as its header says. What the file has behind that is for the caller to judge.
+/// Throws Error, code BadPackage, for a source package, for a package without a size, and for one that the
+/// file has not all of.
+[[nodiscard]] std::uint64_t packageLength(const Reader& reader);
+
+/// Reads the whole payload and compares it with the digest that the header has; an old package without such a
+/// digest passes. Throws Error: what packageLength() throws; BadPackage when they differ or the digest is of
+/// an unknown kind.
+void requirePayloadDigest(const Reader& reader);
+
+/// All of the above, and that the package has the length which the caller knows from elsewhere: nothing is
+/// behind its payload, a signature of before no more than anything else.
+void requireWholePackage(const Reader& reader, std::uint64_t length);
+
+} // namespace Common::Rpm
