@@ -12,6 +12,7 @@
 #include <iostream>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
 namespace Fuzz {
@@ -31,32 +32,52 @@ public:
     ExtractionSandbox(const ExtractionSandbox&) = delete;
     ExtractionSandbox& operator=(const ExtractionSandbox&) = delete;
 
-    [[nodiscard]] fs::path package() const { return root_ / "package.rpm"; }
+    void trust(const std::string& certificate) const { write(authorities_.certificates, certificate); }
 
-    /// Reads and unpacks the package; aborts if anything but a refusal comes of it, or anything outside the
-    /// destination.
-    void tryOut() const {
-        const auto destination = root_ / "into";
-        tolerant([&] {
-            static_cast<void>(Core::ZUL::Package::fromFile(package(), {"/dev/null", "/dev/null"}));
-        });
-        tolerant([&] { Core::ZUL::Package("com.example.app", "1").extract(package(), destination); });
-        for (const auto& entry : fs::directory_iterator(root_)) {
-            require(allowed().contains(entry.path().filename().string()));
-        }
-        if (fs::exists(destination)) {
-            for (const auto& entry : fs::recursive_directory_iterator(destination)) {
-                require(!entry.is_symlink() || staysInside(entry.path(), destination));
-            }
-        }
-        fs::remove_all(destination);
+    // Both abort if anything but a refusal comes of the package, or anything outside the destination.
+
+    /// Reads and validates a package, and unpacks it if it holds.
+    void install(std::string_view bytes) const {
+        write(package_, bytes);
+        tolerant([&] { unpack(Core::ZUL::Package::fromFile(package_, authorities_)); });
+        lookAround();
+    }
+
+    /// Unpacks a package whatever its signatures are.
+    void unpack(std::string_view bytes) const {
+        write(package_, bytes);
+        tolerant([&] { unpack(Core::ZUL::Package("com.example.app", "1")); });
+        lookAround();
     }
 
 private:
+    void unpack(const Core::ZUL::Package& package) const {
+        package.extract(package_, destination_,
+                        [](int, const std::string&, const std::string&) { return 0; });
+    }
+
+    void lookAround() const {
+        for (const auto& entry : fs::directory_iterator(root_)) {
+            require(allowed().contains(entry.path().filename().string()));
+        }
+        if (fs::exists(destination_)) {
+            for (const auto& entry : fs::recursive_directory_iterator(destination_)) {
+                require(!entry.is_symlink() || staysInside(entry.path(), destination_));
+            }
+        }
+        fs::remove_all(destination_);
+    }
+
     static void require(bool holds) {
         if (!holds) {
             std::abort();
         }
+    }
+
+    static void write(const fs::path& file, std::string_view bytes) {
+        std::ofstream stream(file, std::ios::binary);
+        stream << bytes;
+        require(stream.flush().good());
     }
 
     template<typename Action>
@@ -69,7 +90,7 @@ private:
     }
 
     static const std::set<std::string>& allowed() {
-        static const std::set<std::string> names{"package.rpm", "into", ".rpmdb", ".rpmmacros"};
+        static const std::set<std::string> names{"package.rpm", "into", "ca.pem", ".rpmdb", ".rpmmacros"};
         return names;
     }
 
@@ -82,6 +103,9 @@ private:
 
     Common::TemporaryDirectory directory_{"/dev/shm", "vendara-fuzz"};
     const fs::path& root_ = directory_.path();
+    fs::path package_ = root_ / "package.rpm";
+    fs::path destination_ = root_ / "into";
+    Core::ZUL::Authorities authorities_{root_ / "ca.pem", "/dev/null"};
 };
 
 } // namespace Fuzz

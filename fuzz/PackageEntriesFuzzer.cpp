@@ -1,8 +1,15 @@
+#include "common/rpm/Configuration.h"
 #include "fuzz/ExtractionSandbox.h"
+#include "platform/pkgverify/Container.h"
+#include "platform/signcms/SignedBlob.h"
 #include "testbed/CraftedPackage.h"
+#include "tools/vendara-sign/TestAuthority.h"
 
+#include <openssl/evp.h>
+#include <rpm/header.h>
 #include <rpm/rpmfiles.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <fuzzer/FuzzedDataProvider.h>
@@ -33,9 +40,8 @@ Testbed::CraftedEntry entry(FuzzedDataProvider& input) {
     Testbed::CraftedEntry entry;
     entry.directory = "/" + path(input);
     entry.name = component(input);
-    // Without execute bits a configuration file needs no signature.
-    entry.mode = input.PickValueInArray(kinds) | (input.ConsumeIntegral<std::uint32_t>() & 07666U);
-    entry.flags = RPMFILE_CONFIG;
+    entry.mode = input.PickValueInArray(kinds) | (input.ConsumeIntegral<std::uint32_t>() & 07777U);
+    entry.flags = input.ConsumeBool() ? RPMFILE_CONFIG : RPMFILE_NONE;
     entry.content = (S_ISLNK(entry.mode) && input.ConsumeBool() ? "/" : "") + path(input) + component(input);
     entry.inode = input.ConsumeIntegralInRange<std::uint32_t>(0, 3);
     if (input.ConsumeIntegralInRange(0, 15) == 0) {
@@ -45,17 +51,75 @@ Testbed::CraftedEntry entry(FuzzedDataProvider& input) {
     return entry;
 }
 
+/// Gives one of the list's arrays another length.
+void distort(Header header, FuzzedDataProvider& input) {
+    constexpr std::array tags{RPMTAG_DIRINDEXES, RPMTAG_FILESIZES,   RPMTAG_FILEFLAGS,
+                              RPMTAG_FILEINODES, RPMTAG_FILEDEVICES, RPMTAG_FILEDIGESTALGO};
+    const auto tag = input.PickValueInArray(tags);
+    const std::vector<std::uint32_t> numbers(input.ConsumeIntegralInRange<std::size_t>(1, 12),
+                                             input.ConsumeIntegralInRange<std::uint32_t>(0, 12));
+    headerDel(header, tag);
+    headerPutUint32(header, tag, numbers.data(), static_cast<rpm_count_t>(numbers.size()));
+}
+
+/// A developer whose packages the sandbox takes.
+class Developer {
+public:
+    explicit Developer(const Fuzz::ExtractionSandbox& sandbox) {
+        sandbox.trust(Signing::certificatePem(authority_.identity()));
+    }
+
+    /// The package with a signature that holds for it and for all of its files.
+    [[nodiscard]] std::string sign(const std::string& package, std::size_t files) const {
+        PackageSignatures::SignedContent content;
+        content.package.length = package.size();
+        EVP_Digest(package.data(), package.size(), content.package.sha256.data(), nullptr, EVP_sha256(),
+                   nullptr);
+        for (std::size_t index = 0; index < files; ++index) {
+            content.files.push_back({static_cast<std::uint32_t>(index), "integrity", "trustlet"});
+        }
+        const auto cms = PackageSignatures::makeCms(*identity_.certificate, *identity_.key, content);
+        return package + PackageSignatures::Container::encodedTail(package.size(), {cms});
+    }
+
+private:
+    Signing::TestAuthority authority_;
+    Signing::Identity identity_ = authority_.issue({.extendedKeyUsage = PackageSignatures::developerUsage});
+};
+
+std::string fullName(const Testbed::CraftedEntry& entry) { return entry.directory + entry.name; }
+
 } // namespace
 
-/// Reads and unpacks packages whose headers are in order as such and say anything.
+/// Unpacks packages whose headers are in order as such and list anything; those of one input in eight are
+/// signed, which takes longest, and validated before.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const Fuzz::ExtractionSandbox sandbox;
+    static const Developer developer(sandbox);
+    static const bool isConfigured = (Common::Rpm::readRpmConfiguration(), true);
+    static_cast<void>(isConfigured);
     FuzzedDataProvider input(data, size);
+    const bool isSigned = input.ConsumeIntegralInRange(0, 15) == 15;
+    const bool isSorted = input.ConsumeBool();
+    const bool isDistorted = input.ConsumeIntegralInRange(0, 15) == 0;
+    Testbed::CraftedHeader about;
+    if (isDistorted) {
+        about.adjust = [&input](Header header) { distort(header, input); };
+    }
     std::vector<Testbed::CraftedEntry> entries;
     while (entries.size() < 8 && input.remaining_bytes() > 0) {
         entries.push_back(entry(input));
     }
-    Testbed::craftPackage(sandbox.package(), entries);
-    sandbox.tryOut();
+    if (isSorted) {
+        std::stable_sort(entries.begin(), entries.end(), [](const auto& left, const auto& right) {
+            return fullName(left) < fullName(right);
+        });
+    }
+    const auto package = Testbed::craftedPackage(entries, about);
+    if (isSigned) {
+        sandbox.install(developer.sign(package, entries.size()));
+    } else {
+        sandbox.unpack(package);
+    }
     return 0;
 }
