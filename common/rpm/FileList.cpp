@@ -10,7 +10,6 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <numeric>
 #include <span>
 #include <string_view>
 
@@ -61,66 +60,101 @@ private:
     bool exists_ = false;
 };
 
-struct Name {
-    std::string_view directory;
-    std::string_view base;
+/// The directories of a header, in the order of their names. Comparing places is cheap however long and alike
+/// the names are.
+class Directories {
+public:
+    explicit Directories(std::span<const char* const> names)
+        : sorted_(names.begin(), names.end()) {
+        std::sort(sorted_.begin(), sorted_.end());
+        sorted_.erase(std::unique(sorted_.begin(), sorted_.end()), sorted_.end());
+        for (const char* name : names) {
+            const auto place = std::lower_bound(sorted_.begin(), sorted_.end(), std::string_view(name));
+            places_.push_back(static_cast<std::size_t>(place - sorted_.begin()));
+        }
+        // What begins with a name follows right behind it.
+        last_.resize(sorted_.size(), sorted_.size() - 1);
+        std::vector<std::size_t> open;
+        for (std::size_t place = 0; place < sorted_.size(); ++place) {
+            while (!open.empty() && !sorted_[place].starts_with(sorted_[open.back()])) {
+                last_[open.back()] = place - 1;
+                open.pop_back();
+            }
+            open.push_back(place);
+        }
+    }
 
-    /// In the order of the full names' bytes.
-    bool operator<(const Name& other) const {
-        const auto common = std::min(directory.size(), other.directory.size());
-        if (const int order = directory.substr(0, common).compare(other.directory.substr(0, common))) {
-            return order < 0;
-        }
-        if (directory.size() == other.directory.size()) {
-            return base < other.base;
-        }
-        return directory.size() < other.directory.size() ? isBefore(base, other, common)
-                                                         : !isBefore(other.base, *this, common);
+    [[nodiscard]] std::size_t count() const { return places_.size(); }
+    [[nodiscard]] std::size_t placeOf(std::size_t index) const { return places_[index]; }
+    [[nodiscard]] std::string_view name(std::size_t place) const { return sorted_[place]; }
+    [[nodiscard]] bool beginsWith(std::size_t place, std::size_t outer) const {
+        return outer <= place && place <= last_[outer];
     }
 
 private:
-    /// Whether a text is less than what follows in the name of a longer directory.
-    static bool isBefore(std::string_view text, const Name& name, std::size_t start) {
-        const auto directory = name.directory.substr(start);
-        const int order = text.substr(0, directory.size()).compare(directory);
-        return order != 0 ? order < 0 : text.substr(directory.size()) < name.base;
-    }
+    std::vector<std::string_view> sorted_;
+    std::vector<std::size_t> places_; ///< by the header's index
+    std::vector<std::size_t> last_;   ///< the last place whose name begins with this one's
 };
 
-std::vector<Name> namesIn(Header header) {
-    const Values bases(header, RPMTAG_BASENAMES);
-    const Values directories(header, RPMTAG_DIRNAMES);
-    const Values indexes(header, RPMTAG_DIRINDEXES);
-    if (indexes.size() != bases.size() || directories.size() > bases.size() || bases.size() > INT_MAX) {
-        throwUnusable();
+struct Name {
+    std::string_view base;
+    std::uint32_t directory; ///< its place
+    int file;                ///< the header's index
+};
+
+/// Whether a full name comes before another in the order of their bytes.
+bool isBefore(const Directories& directories, const Name& left, const Name& right) {
+    if (left.directory == right.directory) {
+        return left.base < right.base;
     }
-    std::vector<std::string_view> directoryNames;
-    for (const char* text : directories.as<const char*>()) {
-        directoryNames.emplace_back(text);
+    if (left.directory > right.directory) {
+        return directories.beginsWith(left.directory, right.directory) && !isBefore(directories, right, left);
     }
+    if (!directories.beginsWith(right.directory, left.directory)) {
+        return true;
+    }
+    const auto rest = directories.name(right.directory).substr(directories.name(left.directory).size());
+    const int order = left.base.substr(0, rest.size()).compare(rest);
+    return order != 0 ? order < 0 : left.base.substr(rest.size()) < right.base;
+}
+
+std::vector<Name> namesIn(const Values& bases, const Values& indexes, const Directories& directories) {
     std::vector<Name> names;
     names.reserve(bases.size());
     for (std::size_t file = 0; file < bases.size(); ++file) {
         const auto directory = indexes.as<std::uint32_t>()[file];
-        if (directory >= directoryNames.size()) {
+        if (directory >= directories.count()) {
             throwUnusable();
         }
-        names.push_back({directoryNames[directory], bases.as<const char*>()[file]});
-        if (names.back().directory.size() + names.back().base.size() >= PATH_MAX) {
+        const auto place = directories.placeOf(directory);
+        names.push_back(
+            {bases.as<const char*>()[file], static_cast<std::uint32_t>(place), static_cast<int>(file)});
+        if (directories.name(place).size() + names.back().base.size() >= PATH_MAX) {
             throw Error(ErrorCode::BadPackage, "the rpm package has a file name that is too long");
         }
     }
     return names;
 }
 
-std::vector<int> sorted(const std::vector<Name>& names) {
-    std::vector<int> order(names.size());
-    std::iota(order.begin(), order.end(), 0);
-    if (!std::is_sorted(names.begin(), names.end())) {
-        std::sort(order.begin(), order.end(), [&names](int left, int right) {
-            return names[static_cast<std::size_t>(left)] < names[static_cast<std::size_t>(right)];
-        });
+/// The indexes of a header's files in the order of their full names.
+std::vector<int> sortedFiles(Header header) {
+    const Values bases(header, RPMTAG_BASENAMES);
+    const Values directoryNames(header, RPMTAG_DIRNAMES);
+    const Values indexes(header, RPMTAG_DIRINDEXES);
+    if (indexes.size() != bases.size() || directoryNames.size() > bases.size() || bases.size() > INT_MAX) {
+        throwUnusable();
     }
+    const Directories directories(directoryNames.as<const char*>());
+    auto names = namesIn(bases, indexes, directories);
+    const auto before = [&](const Name& left, const Name& right) {
+        return isBefore(directories, left, right);
+    };
+    if (!std::is_sorted(names.begin(), names.end(), before)) {
+        std::sort(names.begin(), names.end(), before);
+    }
+    std::vector<int> order(names.size());
+    std::transform(names.begin(), names.end(), order.begin(), [](const Name& name) { return name.file; });
     return order;
 }
 
@@ -182,7 +216,7 @@ rpmfiles makeFiles(Header header, const std::vector<int>& order) {
 } // namespace
 
 FileList::FileList(Header header)
-    : order_(sorted(namesIn(header)))
+    : order_(sortedFiles(header))
     , files_(makeFiles(header, order_), rpmfilesFree) {
     if (!files_) {
         throwUnusable();

@@ -1,4 +1,5 @@
 #include "common/Error.h"
+#include "common/rpm/FileList.h"
 #include "common/rpm/Reader.h"
 #include "testbed/CraftedPackage.h"
 #include "testbed/LogCapture.h"
@@ -150,6 +151,30 @@ TEST_F(PackageReader, KeepsToTheBoundOnHeaders) {
     bytes.replace(104, 8, "\xff\xff\xff\xff\xff\xff\xff\xff", 8);
     Testbed::writeFile(in("cut.rpm"), bytes);
     expectRefusal(in("cut.rpm"), Common::ErrorCode::BadPackage, refusal);
+}
+
+TEST_F(PackageReader, ListsFilesInTheOrderOfTheirFullNames) {
+    std::vector<Testbed::CraftedEntry> entries;
+    for (const auto* directory : {"/", "/a/", "/a", "/a/b/", "/a-b/", "/ab/", "", "/a/b/c/", "/\xff/"}) {
+        for (const auto* name : {"", "b", "b/c", "b/c/d", "-b/x", "/b", "\xff", "ab/b"}) {
+            entries.push_back({directory, name});
+        }
+    }
+    std::shuffle(entries.begin(), entries.end(), std::mt19937(1)); // NOLINT: the same order in every run
+    Testbed::craftPackage(in("package.rpm"), entries);
+    const Reader reader(in("package.rpm").string());
+    const Common::Rpm::FileList list(reader.header());
+    ASSERT_EQ(list.size(), static_cast<int>(entries.size()));
+    std::vector<std::string> names;
+    for (int file = 0; file < list.size(); ++file) {
+        const std::unique_ptr<char, void (*)(void*)> name(rpmfilesFN(list.get(), file), std::free);
+        const auto& entry = entries[static_cast<std::size_t>(list.headerIndex(file))];
+        EXPECT_EQ(name.get(), entry.directory + entry.name);
+        names.emplace_back(name.get());
+        EXPECT_GE(list.find(names.back()), 0);
+    }
+    EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+    EXPECT_EQ(list.find("/nowhere"), -1);
 }
 
 TEST_F(PackageReader, StartsNoProcessAndLeavesTheHomeDirectoryAlone) {
