@@ -79,6 +79,18 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
     writeFile(scratch.path() / "damaged.rpm", damaged);
     writeFile(scratch.path() / "b.rpm", plain);
     writeFile(scratch.path() / "text.rpm", "text");
+    writeFile(scratch.path() / "cut.rpm", plain.substr(0, plain.size() - 4));
+    writeFile(scratch.path() / "longer.rpm", plain + "garbage");
+    writeFile(scratch.path() / "changed.rpm", std::string(plain).replace(plain.size() - 40, 1, "\1"));
+    writeFile(scratch.path() / "twice.rpm", readFile(file) + "x");
+    const auto topDirectory = "_topdir " + (scratch.path() / "build").native();
+    const auto sourceDirectory = "_srcrpmdir " + scratch.path().native();
+    writeFile(scratch.path() / "s.spec",
+              "Name: s\nVersion: 1\nRelease: 1\nSummary: S\nLicense: None\n%description\nS.\n%files\n");
+    ASSERT_EQ(run({"rpmbuild", "-bs", "--define", topDirectory, "--define", sourceDirectory, "s.spec"},
+                  {.environment = {{"HOME", scratch.path()}}, .directory = scratch.path()})
+                  .status,
+              0);
     const auto withOption = [](const std::string& name, const std::string& value) {
         return by("developer", "developer", "b.rpm", {name, value});
     };
@@ -94,6 +106,14 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         {by("developer", "developer", "a.rpm"), "a.rpm: the package has a developer's signature already"},
         {by("developer", "developer", "missing.rpm"), "missing.rpm: No such file"},
         {by("developer", "developer", "text.rpm"), "text.rpm: file is no rpm package"},
+        {by("developer", "developer", "cut.rpm"), "cut.rpm: the rpm package is cut off"},
+        {by("developer", "developer", "longer.rpm"),
+         "longer.rpm: the rpm package has something behind its end"},
+        {by("developer", "developer", "changed.rpm"),
+         "changed.rpm: the payload of the rpm package is not what"},
+        {by("developer", "developer", "s-1-1.src.rpm"), "s-1-1.src.rpm: the package is a source package"},
+        {by("developer", "developer", "twice.rpm"),
+         "twice.rpm: the rpm package has something behind its end"},
         {by("developer", "client", "b.rpm"), "b.rpm: the certificate given for the developer is not one"},
         {by("client", "ca", "b.rpm"), "ca/ca.pem: certificate"},
         {by("client", "client", "damaged.rpm"), "damaged.rpm"},

@@ -7,6 +7,7 @@
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
+#include "tools/vendara-sign/PackageSigner.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -27,9 +28,10 @@ protected:
     }
 
     void sign(const fs::path& package, const std::string& as, const std::string& who) const {
-        const auto result = run({VENDARA_SIGN, "--" + as + "-key", keys / (who + ".key"), "--" + as + "-cert",
-                                 keys / (who + ".pem"), package});
-        ASSERT_EQ(result.status, 0) << result.output;
+        Signing::SignRequest request{.package = package, .output = package, .evenBroken = true};
+        (as == "developer" ? request.developer : request.client) =
+            Signing::loadIdentity(keys / (who + ".key"), keys / (who + ".pem"));
+        Signing::signPackage(request);
     }
 
     fs::path signedPackage(const PackageSpec& spec) const {

@@ -2,6 +2,7 @@
 
 #include "common/Files.h"
 #include "common/rpm/Reader.h"
+#include "common/rpm/WholePackage.h"
 #include "platform/reference/pkgverify/OpenPackage.h"
 #include "platform/reference/signcms/SignedBlob.h"
 #include "tools/vendara-sign/FileSigner.h"
@@ -90,6 +91,9 @@ void writeSigned(const SignRequest& request) {
     // From here on it is the copy that is read: nobody else writes to that.
     const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), package.packageLength());
     const Common::Rpm::Reader reader("/proc/self/fd/" + std::to_string(output.descriptor()));
+    if (!request.evenBroken) {
+        Common::Rpm::requireWholePackage(reader, package.packageLength());
+    }
     auto cmses = existingCmses(package, digest);
     if (request.developer) {
         addCms(cmses, Role::Developer, *request.developer,

@@ -15,13 +15,14 @@ struct SignRequest {
     std::optional<Identity> developer{};  ///< signs the package and its files
     std::optional<Identity> client{};     ///< signs the package
     std::vector<std::string> trustlets{}; ///< see signFiles()
+    bool evenBroken = false; ///< signs what is not one whole binary package; for tests of devices
 };
 
 /// Writes the package with the signatures that it has and those that are asked for. The output is replaced as
 /// a whole, and only when all went well; a link stays, and what it leads to is replaced. Throws
-/// std::exception, whose text names the path, for a package that librpm does not accept, that has a signature
-/// of the same role already or a damaged one, for an identity of another role, and for an output that is
-/// there and no regular file.
+/// std::exception, whose text names the path, for a package that librpm does not accept, that is not one
+/// whole binary package (Common::Rpm::requireWholePackage()), that has a signature of the same role already
+/// or a damaged one, for an identity of another role, and for an output that is there and no regular file.
 void signPackage(const SignRequest& request);
 
 } // namespace Signing

@@ -1,4 +1,6 @@
+#include "common/Error.h"
 #include "common/PrintableText.h"
+#include "common/rpm/WholePackage.h"
 #include "platform/reference/pkgverify/OpenPackage.h"
 #include "platform/reference/signcms/SignedBlob.h"
 #include "tools/CommandLine.h"
@@ -157,6 +159,12 @@ void verify(const Arguments& arguments) {
         throw std::runtime_error(arguments.package + ": not signed by a developer");
     }
     package.requireVerified(arguments.authority);
+    try {
+        const Common::Rpm::Reader reader("/proc/self/fd/" + std::to_string(package.descriptor()));
+        Common::Rpm::requireWholePackage(reader, package.packageLength());
+    } catch (const Common::Error& error) {
+        throw std::runtime_error(arguments.package + ": " + error.what());
+    }
     printSigners(package);
 }
 
