@@ -1,5 +1,7 @@
 #include "common/bus/BusConnection.h"
 
+#include "common/Guard.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -35,6 +37,15 @@ BusConnection::BusConnection(Loop& loop, std::shared_ptr<sdbus::IConnection> con
 }
 
 BusConnection::~BusConnection() = default;
+
+void BusConnection::post(std::function<void()> task) {
+    asio::post(loop_.context(), [weak = std::weak_ptr(self_), task = std::move(task)] {
+        if (const auto self = weak.lock()) {
+            guarded("couldn't run a task of the loop", task);
+            (*self)->sent();
+        }
+    });
+}
 
 void BusConnection::sent() {
     if (!isUpdateDue_ && !isHandling_) {

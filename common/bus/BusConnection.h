@@ -35,6 +35,10 @@ public:
     /// The same, for those that hold messages.
     [[nodiscard]] std::shared_ptr<sdbus::IConnection> sharedBus() { return connection_; }
 
+    /// Has the loop run a task that may send, after those posted before. What it throws is logged. Any
+    /// thread.
+    void post(std::function<void()> task);
+
     /// To be called after a message was handed to the bus library other than from one of its handlers.
     void sent();
     /// To be called with the error of a call or of sending.

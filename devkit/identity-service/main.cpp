@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
     }
     return Devkit::serve([] { return sdbus::createSessionBusConnection(); },
                          Common::Names::Identification::service,
-                         [&](sdbus::IConnection& connection, Daemon::MainLoop& /*loop*/) {
-                             return std::make_unique<Devkit::IdentityService>(connection, packageRoot);
+                         [&](Common::BusConnection& bus) {
+                             return std::make_unique<Devkit::IdentityService>(bus.bus(), packageRoot);
                          });
 }

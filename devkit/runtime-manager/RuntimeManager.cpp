@@ -40,11 +40,11 @@ std::string endOf(int status) {
 
 } // namespace
 
-RuntimeManager::RuntimeManager(sdbus::IConnection& connection, Daemon::MainLoop& loop, Settings settings)
-    : loop_(loop)
+RuntimeManager::RuntimeManager(Common::BusConnection& bus, Settings settings)
+    : bus_(bus)
     , settings_(std::move(settings))
-    , control_(sdbus::createObject(connection, Names::controlPath))
-    , intents_(sdbus::createObject(connection, Names::intentsPath)) {
+    , control_(sdbus::createObject(bus.bus(), Names::controlPath))
+    , intents_(sdbus::createObject(bus.bus(), Names::intentsPath)) {
     control_->registerMethod(Names::terminate)
         .onInterface(Names::controlInterface)
         .withInputParamNames("application")
@@ -104,7 +104,7 @@ void RuntimeManager::start(const std::string& id) {
         const auto serial = ++lastSerial_;
         applications_.emplace(id, Application{process, serial});
         watcher_.whenReadable(processDescriptor(process), [this, id, serial] {
-            loop_.post([this, id, serial] { applicationEnded(id, serial); });
+            bus_.post([this, id, serial] { applicationEnded(id, serial); });
         });
     } catch (...) {
         // Nobody would notice its end.
@@ -125,7 +125,7 @@ void RuntimeManager::terminate(const std::string& id) {
         return;
     }
     watcher_.whenReadable(timerDescriptor(settings_.patience), [this, id, serial = found->second.serial] {
-        loop_.post([this, id, serial] { killIfStillRunning(id, serial); });
+        bus_.post([this, id, serial] { killIfStillRunning(id, serial); });
     });
     found->second.ending = true;
     kill(-found->second.process, SIGTERM);

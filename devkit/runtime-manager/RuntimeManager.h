@@ -1,6 +1,6 @@
 #pragma once
 
-#include "daemon/MainLoop.h"
+#include "common/bus/BusConnection.h"
 #include "devkit/support/Watcher.h"
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -23,7 +23,7 @@ public:
     };
 
     /// Puts the two objects on the bus. Throws sdbus::Error, std::system_error.
-    RuntimeManager(sdbus::IConnection& connection, Daemon::MainLoop& loop, Settings settings);
+    RuntimeManager(Common::BusConnection& bus, Settings settings);
     /// Kills the applications that still run.
     ~RuntimeManager();
     RuntimeManager(const RuntimeManager&) = delete;
@@ -43,7 +43,7 @@ private:
     void applicationEnded(const std::string& id, std::uint64_t serial);
     [[nodiscard]] std::vector<std::string> commandFor(const std::string& id) const;
 
-    Daemon::MainLoop& loop_;
+    Common::BusConnection& bus_;
     Settings settings_;
     std::map<std::string, Application> applications_;
     std::uint64_t lastSerial_ = 0;

@@ -18,9 +18,8 @@ int main(int argc, char** argv) {
     }
     return Devkit::serve(
         [] { return sdbus::createSessionBusConnection(); }, Common::Names::RuntimeManager::service,
-        [&](sdbus::IConnection& connection, Daemon::MainLoop& loop) {
+        [&](Common::BusConnection& bus) {
             return std::make_unique<Devkit::RuntimeManager>(
-                connection, loop,
-                Devkit::RuntimeManager::Settings{systemRoot, std::chrono::milliseconds(patience)});
+                bus, Devkit::RuntimeManager::Settings{systemRoot, std::chrono::milliseconds(patience)});
         });
 }

@@ -2,7 +2,7 @@
 
 #include "common/BusText.h"
 #include "common/LogLine.h"
-#include "daemon/MainLoop.h"
+#include "common/bus/BusConnection.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -11,25 +11,40 @@
 
 namespace Devkit {
 
+/// Runs what has been posted and writes out what is queued, at most for two seconds.
+inline void flush(Common::BusConnection& bus) {
+    const auto write = [](Common::BusConnection& connection) -> asio::awaitable<void> {
+        co_await connection.flushed(Common::TimePoint::clock::now() + std::chrono::seconds(2));
+        connection.loop().stop();
+    };
+    bus.loop().context().restart();
+    bus.post([&] { bus.loop().spawn("couldn't write to the bus", write(bus)); });
+    bus.loop().run();
+}
+
 /// Carries a service on a bus until SIGTERM, SIGINT or the loss of the bus.
 /// @param connect  opens the connection, for example sdbus::createSessionBusConnection
 /// @param name  well-known name
-/// @param make  makes the service, given the connection and its loop, and returns it as a unique_ptr. A
-///              member finish() of it is called when the loop has ended, while replies can still be sent.
+/// @param make  makes the service on a bus connection, and returns it as a unique_ptr. A member finish() of
+/// it is
+///              called when the loop has ended, while replies can still be sent.
 /// @return the program's exit status: 1, with two lines in the log, when the bus refuses or is lost
 template<typename Connect, typename Make>
 int serve(Connect connect, const std::string& name, Make make) {
     try {
-        const auto connection = connect();
-        Daemon::MainLoop loop(*connection);
+        const std::shared_ptr<sdbus::IConnection> connection = connect();
+        Common::Loop loop;
+        Common::BusConnection bus(
+            loop, connection, [&](const sdbus::Error& error) { loop.fail(std::make_exception_ptr(error)); });
         // Requests that come before the object is there wait for the loop.
         connection->requestName(name);
-        const auto service = make(*connection, loop);
+        const auto service = make(bus);
+        loop.onTermination([&loop] { loop.stop(); });
         loop.run();
         if constexpr (requires { service->finish(); }) {
             service->finish();
         }
-        loop.drain();
+        flush(bus);
         return EXIT_SUCCESS;
     } catch (const std::exception& error) {
         Common::logFailure(Common::LogLevel::Error, "couldn't serve " + name, error);

@@ -6,7 +6,6 @@
 #include "common/Names.h"
 #include "devkit/support/Service.h"
 
-#include <future>
 #include <optional>
 #include <system_error>
 
@@ -39,12 +38,11 @@ std::optional<sdbus::Error> failureOf(const std::function<void()>& work) {
 
 } // namespace
 
-ZulService::ZulService(sdbus::IConnection& connection, Daemon::MainLoop& loop, PackageManager manager)
-    : loop_(loop)
+ZulService::ZulService(Common::BusConnection& bus, PackageManager manager)
+    : bus_(bus)
     , packages_(manager.list())
-    , object_(sdbus::createObject(connection, Names::objectPath))
-    , manager_(std::move(manager))
-    , worker_([](Work& work) { work(); }) {
+    , object_(sdbus::createObject(bus.bus(), Names::objectPath))
+    , manager_(std::move(manager)) {
     registerInterface();
     announceRecovered();
 }
@@ -53,9 +51,7 @@ ZulService::~ZulService() { object_->unregister(); }
 
 void ZulService::finish() {
     object_->unregister();
-    std::promise<void> done;
-    worker_.add([&done] { done.set_value(); });
-    done.get_future().wait();
+    worker_.join();
 }
 
 void ZulService::registerInterface() {
@@ -117,13 +113,18 @@ PackageManager::PackageList ZulService::presentPackages() const {
     return packages;
 }
 
+// On the worker's thread, after what it was given before.
+void ZulService::haveDone(Work work) {
+    asio::post(worker_, [work = std::move(work)] { Common::guarded("couldn't do what was asked", work); });
+}
+
 // The reply precedes the signals about what was done, and the list that is told by then includes it.
 void ZulService::answerWhenDone(Reply reply, Request request) {
-    worker_.add([this, reply = std::make_shared<Reply>(std::move(reply)), request = std::move(request)] {
+    haveDone([this, reply = std::make_shared<Reply>(std::move(reply)), request = std::move(request)] {
         Work after = [] {};
         const auto failure = failureOf([&] { after = request(); });
         tellList();
-        loop_.post([reply, failure] {
+        bus_.post([reply, failure] {
             if (failure) {
                 reply->returnError(*failure);
             } else {
@@ -144,7 +145,7 @@ void ZulService::completeWhenUnused(const std::string& id) {
         completeNow(id);
         return;
     }
-    const auto again = [this, id] { worker_.add([this, id] { completeWhenUnused(id); }); };
+    const auto again = [this, id] { haveDone([this, id] { completeWhenUnused(id); }); };
     try {
         watcher_.whenReadable(processDescriptor(*user), again);
     } catch (const std::system_error& error) {
@@ -170,17 +171,17 @@ void ZulService::completeNow(const std::string& id) {
 
 void ZulService::tellList() {
     Common::guarded("couldn't list the packages",
-                    [this] { loop_.post([this, list = manager_.list()] { packages_ = list; }); });
+                    [this] { bus_.post([this, list = manager_.list()] { packages_ = list; }); });
 }
 
 void ZulService::tellPackage(const std::string& signal, const Core::ZUL::PackageData& package) {
-    loop_.post([this, signal, package] {
+    bus_.post([this, signal, package] {
         object_->emitSignal(signal).onInterface(Names::interface).withArguments(package);
     });
 }
 
 void ZulService::tellRemoved(const std::string& id) {
-    loop_.post([this, id] {
+    bus_.post([this, id] {
         object_->emitSignal(Names::packageRemoved).onInterface(Names::interface).withArguments(id);
     });
 }

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "core/TaskQueue.h"
-#include "daemon/MainLoop.h"
+#include "common/bus/BusConnection.h"
 #include "devkit/support/Watcher.h"
 #include "devkit/zul-service/PackageManager.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <asio/thread_pool.hpp>
 #include <functional>
 #include <map>
 #include <memory>
@@ -23,7 +23,7 @@ namespace Devkit {
 /// waits for nobody; the watcher's thread for nobody.
 class ZulService {
 public:
-    ZulService(sdbus::IConnection& connection, Daemon::MainLoop& loop, PackageManager manager);
+    ZulService(Common::BusConnection& bus, PackageManager manager);
     ~ZulService();
     ZulService(const ZulService&) = delete;
     ZulService& operator=(const ZulService&) = delete;
@@ -41,17 +41,18 @@ private:
     [[nodiscard]] PackageManager::PackageList presentPackages() const;
     Work install(const std::string& path);
     void answerWhenDone(Reply reply, Request request);
+    void haveDone(Work work);
     void completeWhenUnused(const std::string& id);
     void completeNow(const std::string& id);
     void tellList();
     void tellPackage(const std::string& signal, const Core::ZUL::PackageData& package);
     void tellRemoved(const std::string& id);
 
-    Daemon::MainLoop& loop_;
+    Common::BusConnection& bus_;
     PackageManager::PackageList packages_; // main thread's
     std::unique_ptr<sdbus::IObject> object_;
     PackageManager manager_; // worker's, but for what any thread may ask
-    Core::TaskQueue<Work> worker_;
+    asio::thread_pool worker_{1};
     // Last: its thread hands work to the worker.
     Watcher watcher_;
 };

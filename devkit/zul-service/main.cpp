@@ -64,8 +64,7 @@ int main(int argc, char** argv) {
         return *status;
     }
     return Devkit::serve([] { return sdbus::createSystemBusConnection(); }, Common::Names::Zul::service,
-                         [&](sdbus::IConnection& connection, Daemon::MainLoop& loop) {
-                             return std::make_unique<Devkit::ZulService>(connection, loop,
-                                                                         makeManager(options));
+                         [&](Common::BusConnection& bus) {
+                             return std::make_unique<Devkit::ZulService>(bus, makeManager(options));
                          });
 }
