@@ -25,8 +25,9 @@ using Common::Rpm::FileIterator;
 
 namespace {
 
-// Bytes to unpack at most in search of the manifest of a package that is refused anyway.
-constexpr std::uint64_t searchLimit = 64UL * 1024 * 1024;
+// Bytes to unpack at most in search of the manifest of a package that is refused anyway: the slowest
+// compression takes a second for them.
+constexpr std::uint64_t searchLimit = 8UL * 1024 * 1024;
 
 /// The bytes of the entry that the iterator is at, checked.
 std::string readEntry(FileIterator& files, const std::string& path) {

@@ -38,7 +38,7 @@ public:
 
     /// Reads and validates a package file: header, manifest, signatures. Unpacks nothing to disk, and nothing
     /// at all beyond the manifest; reads the whole file where the signatures hold. When the signatures do not
-    /// hold no more than 64 MiB are unpacked in search of the manifest; what lies further is not found at
+    /// hold no more than 8 MiB are unpacked in search of the manifest; what lies further is not found at
     /// fault.
     ///
     /// A payload without "/usr/share/applications/ID.desktop", or an unreadable file of the system
