@@ -13,8 +13,8 @@ foreach(folder a another/one)
     run(${CMAKE_COMMAND} -G ${GENERATOR} -S ${source} -B ${source}/build -D CMAKE_CXX_COMPILER=${COMPILER}
         -D CMAKE_BUILD_TYPE=RelWithDebInfo -D VENDARA_TESTS=OFF)
     run(${CMAKE_COMMAND} --build ${source}/build
-        --target vendara-pkgverify vendara-manifestkit vendara-eventlog vendara-interface-manual)
-    file(GLOB_RECURSE files RELATIVE ${source}/build ${source}/build/*.o ${source}/build/*.so.* ${source}/build/vendara-*-manual)
+        --target vendara-pkgverify vendara-manifestkit vendara-eventlog vendara-sample)
+    file(GLOB_RECURSE files RELATIVE ${source}/build ${source}/build/*.o ${source}/build/*.so.* ${source}/build/vendara-sample)
     foreach(file IN LISTS files)
         file(SHA256 ${source}/build/${file} digest)
         list(APPEND digests-${folder} "${file} ${digest}")
