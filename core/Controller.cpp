@@ -4,6 +4,8 @@
 #include "common/Names.h"
 #include "core/zul/Database.h"
 
+#include <asio/use_awaitable.hpp>
+
 #include <algorithm>
 
 namespace Core {
@@ -111,7 +113,9 @@ asio::awaitable<void> Controller::upgradeSettled(std::string packageId) {
     }
 }
 
+// Not before enqueue() has returned: nobody shall wait for more than the status that it sets.
 asio::awaitable<void> Controller::work() {
+    co_await asio::post(loop_.context(), asio::use_awaitable);
     while (!queue_.empty() && !isFinishing_) {
         takeNext();
         co_await carryOut();
