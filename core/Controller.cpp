@@ -4,9 +4,8 @@
 #include "common/Names.h"
 #include "core/zul/Database.h"
 
-#include <asio/use_awaitable.hpp>
-
 #include <algorithm>
+#include <asio/use_awaitable.hpp>
 
 namespace Core {
 

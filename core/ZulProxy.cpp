@@ -56,14 +56,13 @@ void relayTo(Common::SignalSource& source, const Handlers& handlers, const std::
 } // namespace
 
 struct ZulProxy::Subscriptions {
-    std::unique_ptr<sdbus::IConnection> connection;
+    std::shared_ptr<sdbus::IConnection> connection; // outlives the signals
     std::unique_ptr<Common::SignalSource> signals;
 };
 
 struct ZulProxy::Link {
     Link(ZulProxy& owner, Subscriptions made)
-        : connection(owner.loop_, std::move(made.connection),
-                     [&owner](const sdbus::Error& error) { owner.lost(error); })
+        : connection(owner.loop_, made.connection, [&owner](const sdbus::Error& error) { owner.lost(error); })
         , service(connection, Peer::service, Peer::objectPath, Peer::interface)
         , signals(std::move(made.signals)) {}
 

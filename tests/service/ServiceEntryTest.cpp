@@ -81,6 +81,31 @@ TEST_F(TheService, DoesNotStartWithoutItsBuses) {
     }
 }
 
+// From nothing at all up to enough: it comes up, or says why it does not, and never crashes.
+TEST_F(TheService, WithTooFewResourcesSaysSoAndEnds) {
+    const auto comesUp = [](const std::string& limit) {
+        Testbed::Process daemon({"bash", "-c", "ulimit " + limit + " && exec " VENDARA_DAEMON});
+        EXPECT_TRUE(Testbed::waitUntil([&] { return !daemon.isRunning() || isOnTheBus(); })) << limit;
+        daemon.signal(SIGTERM);
+        const int status = daemon.wait();
+        if (status == 1) {
+            EXPECT_THAT(daemon.output(), MatchesRegex(twoLines)) << limit;
+        } else if (status != 0) {
+            EXPECT_THAT(daemon.output(), HasSubstr("error while loading shared libraries"))
+                << limit << status;
+        }
+        return status == 0;
+    };
+    for (int descriptors = 4; !comesUp("-n " + std::to_string(descriptors)); ++descriptors) {
+        ASSERT_LT(descriptors, 64);
+    }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    for (int memory = 8000; !comesUp("-v " + std::to_string(memory)); memory += 1000) {
+        ASSERT_LT(memory, 200000);
+    }
+#endif
+}
+
 TEST_F(TheService, EndsWithTheSessionBusEveryTime) {
     for (int round = 0; round < 10; ++round) {
         Testbed::PrivateBus session;
