@@ -192,8 +192,9 @@ asio::awaitable<void> ZulProxy::reconnect() {
     const auto attempt = std::make_shared<Common::Event>(loop_.context());
     connecting_ = attempt;
     try {
-        auto made = co_await loop_.offload([this] { return subscribe(); },
-                                           Common::TimePoint::clock::now() + Common::defaultTimeout);
+        const auto job = loop_.begin([this] { return subscribe(); });
+        auto made =
+            co_await Common::Loop::finish(job, Common::TimePoint::clock::now() + Common::defaultTimeout);
         link_ = std::make_unique<Link>(*this, std::move(made));
         Common::logWarning() << "made the connection to " << Peer::service << " anew";
         if (appeared_) {

@@ -37,6 +37,16 @@ sdbus::Error refusalFor(const std::exception_ptr& failure, const std::string& te
     return refusal(text);
 }
 
+struct PackageHeader {
+    explicit PackageHeader(const std::string& path) {
+        const Common::Rpm::Reader reader(path);
+        id = reader.getStringTag(RPMTAG_NAME);
+        version = reader.getStringTag(RPMTAG_VERSION) + "-" + reader.getStringTag(RPMTAG_RELEASE);
+    }
+    std::string id;
+    std::string version;
+};
+
 // A text out of a file, about to be sent.
 std::string requireBusText(std::string text, const char* what) {
     if (!Common::isBusText(text)) {
@@ -196,9 +206,12 @@ void VendaraDbusInterface::requireRunning() const {
 asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Request request,
                                                     std::string packagePath) {
     Core::Operation operation;
+    // The file is read meanwhile. A file system that does not answer holds up those alone whose files it has.
+    const auto reading = loop_.begin([packagePath] { return PackageHeader(packagePath); });
     const auto initiator = co_await determineInitiator(request.sender, request.deadline);
     operation.setInitiator(initiator);
-    const auto header = co_await readHeader(packagePath, request.deadline);
+    const auto header = co_await Common::Loop::finish(reading, request.deadline);
+    Common::requirePackageId(header.id);
     operation.setPackageId(header.id);
     operation.setPackageVersion(header.version);
     operation.setPackagePath(std::move(packagePath));
@@ -280,19 +293,6 @@ asio::awaitable<Common::CallerIdentity> VendaraDbusInterface::determineInitiator
     } catch (const Common::Error&) {
         throw refusalFor(std::current_exception(), "Couldn't determinate operation initiator");
     }
-}
-
-// A file system that does not answer holds up the helper thread, and nobody but those whose files it reads.
-asio::awaitable<VendaraDbusInterface::PackageHeader> VendaraDbusInterface::readHeader(std::string packagePath,
-                                                                                      TimePoint deadline) {
-    const auto read = [packagePath] {
-        const Common::Rpm::Reader reader(packagePath);
-        return PackageHeader{reader.getStringTag(RPMTAG_NAME),
-                             reader.getStringTag(RPMTAG_VERSION) + "-" + reader.getStringTag(RPMTAG_RELEASE)};
-    };
-    auto header = co_await loop_.offload(read, deadline);
-    Common::requirePackageId(header.id);
-    co_return header;
 }
 
 asio::awaitable<std::vector<Common::PackageRecord>>

@@ -46,10 +46,6 @@ private:
         std::string sender;
         Common::TimePoint deadline;
     };
-    struct PackageHeader {
-        std::string id;
-        std::string version;
-    };
 
     void Install(OperationResult&& result, std::string packagePath) override;
     void Remove(OperationResult&& result, std::string packageID) override;
@@ -77,7 +73,6 @@ private:
     void storeAgain(const std::vector<Core::Operation>& completed);
     asio::awaitable<Common::CallerIdentity> determineInitiator(std::string sender,
                                                                Common::TimePoint deadline);
-    asio::awaitable<PackageHeader> readHeader(std::string packagePath, Common::TimePoint deadline);
     asio::awaitable<std::vector<Common::PackageRecord>> getInstalledPackages(Common::TimePoint deadline);
     asio::awaitable<void> findInstalledPackage(std::string id, Common::TimePoint deadline);
     asio::awaitable<Common::OperationRecord> enqueue(Core::Operation operation, Common::TimePoint deadline);

@@ -20,22 +20,28 @@ std::shared_ptr<sdbus::IConnection> connectToSessionBus() {
     return connection;
 }
 
-void serve() {
+int fail(const std::string& message) {
+    Common::logError() << "couldn't register service: " << Own::service;
+    Common::logError() << message;
+    return EXIT_FAILURE;
+}
+
+int serve() {
     const auto connection = connectToSessionBus(); // first: coroutines that never end hold messages of it
     Common::Loop loop;
     Common::BusConnection session(
         loop, connection, [&](const sdbus::Error& error) { loop.fail(std::make_exception_ptr(error)); });
     const Daemon::VendaraDbusInterface service(session, Own::objectPath);
-    loop.run();
-    if (loop.isHelperBusy()) {
-        std::_Exit(EXIT_SUCCESS); // it may read a file system that never answers
+    int status = EXIT_SUCCESS;
+    try {
+        loop.run();
+    } catch (const sdbus::Error& error) {
+        status = fail(error.getMessage());
     }
-}
-
-int fail(const std::string& message) {
-    Common::logError() << "couldn't register service: " << Own::service;
-    Common::logError() << message;
-    return EXIT_FAILURE;
+    if (loop.isHelperBusy()) {
+        std::_Exit(status); // it may read a file system that never answers
+    }
+    return status;
 }
 
 } // namespace
@@ -43,8 +49,7 @@ int fail(const std::string& message) {
 int main() {
     std::signal(SIGPIPE, SIG_IGN); // whoever reads the log may go away
     try {
-        serve();
-        return EXIT_SUCCESS;
+        return serve();
     } catch (const sdbus::Error& error) {
         return fail(error.getMessage());
     } catch (const std::exception& error) {

@@ -25,6 +25,30 @@ namespace Common {
 /// Everything belongs to the thread that calls run(), unless a function says something else.
 class Loop {
 public:
+    /// Something that the helper thread does once.
+    template<typename Work>
+    struct Job {
+        using Result = decltype(std::declval<Work>()());
+        Job(asio::io_context& loop, Work&& toDo)
+            : work(std::move(toDo))
+            , ended(loop) {}
+        void run() noexcept {
+            if (isAbandoned) {
+                return;
+            }
+            try {
+                result = work();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+        }
+        Work work;
+        std::optional<Result> result;
+        std::exception_ptr failure;
+        std::atomic<bool> isAbandoned = false;
+        Event ended;
+    };
+
     /// Starts the helper thread. Throws std::system_error when the system has no more threads or descriptors.
     Loop();
     /// Joins the helper thread; see isHelperBusy().
@@ -46,11 +70,10 @@ public:
     /// Starts a coroutine that nobody waits for. An exception is logged, after the words.
     void spawn(std::string_view words, asio::awaitable<void> coroutine);
 
-    /// Runs work() on the helper thread and returns its result or throws its exception. Jobs run one after
-    /// the other. One that has not begun at its deadline is not run. Throws Error, code Internal: at the
-    /// deadline, and at once when maximumJobs wait already.
+    /// Has the helper thread run work(), after the jobs that were begun before.
+    /// Throws Error, code Internal, when maximumJobs have not ended.
     template<typename Work>
-    [[nodiscard]] asio::awaitable<decltype(std::declval<Work>()())> offload(Work work, TimePoint deadline) {
+    [[nodiscard]] std::shared_ptr<Job<Work>> begin(Work work) {
         const auto job = std::make_shared<Job<Work>>(context_, std::move(work));
         countJob();
         asio::post(helper_, [this, job] {
@@ -60,6 +83,14 @@ public:
                 job->ended.set();
             });
         });
+        return job;
+    }
+
+    /// Returns the result of a job or throws its exception. One that has not begun at the deadline is not
+    /// run. Throws Error, code Internal, at the deadline.
+    template<typename Work>
+    [[nodiscard]] static asio::awaitable<typename Job<Work>::Result> finish(std::shared_ptr<Job<Work>> job,
+                                                                            TimePoint deadline) {
         const bool hasEnded = co_await job->ended.wait(deadline);
         if (!hasEnded) {
             job->isAbandoned = true;
@@ -78,28 +109,6 @@ public:
     static constexpr std::size_t maximumJobs = 64;
 
 private:
-    template<typename Work>
-    struct Job {
-        Job(asio::io_context& loop, Work&& toDo)
-            : work(std::move(toDo))
-            , ended(loop) {}
-        void run() noexcept {
-            if (isAbandoned) {
-                return;
-            }
-            try {
-                result = work();
-            } catch (...) {
-                failure = std::current_exception();
-            }
-        }
-        Work work;
-        std::optional<decltype(std::declval<Work>()())> result;
-        std::exception_ptr failure;
-        std::atomic<bool> isAbandoned = false;
-        Event ended;
-    };
-
     void countJob();
 
     asio::io_context context_{1};

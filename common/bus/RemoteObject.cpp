@@ -1,5 +1,7 @@
 #include "common/bus/RemoteObject.h"
 
+#include "common/Guard.h"
+
 namespace Common {
 
 RemoteObject::RemoteObject(BusConnection& connection, const std::string& service,
@@ -14,12 +16,14 @@ std::shared_ptr<RemoteObject::Answer> RemoteObject::send(const sdbus::MethodCall
     proxy_->callMethod(
         message,
         [answer, &connection = connection_](sdbus::MethodReply& reply, const sdbus::Error* error) {
-            if (error != nullptr) {
-                static_cast<void>(connection.isLoss(*error));
-                answer->error = *error;
-            } else {
-                answer->reply = reply;
-            }
+            guarded("couldn't take a reply", [&] {
+                if (error != nullptr) {
+                    static_cast<void>(connection.isLoss(*error));
+                    answer->error = *error;
+                } else {
+                    answer->reply = reply;
+                }
+            });
             answer->arrived.set();
         },
         static_cast<std::uint64_t>(timeout.count()));

@@ -159,6 +159,20 @@ TEST_F(AFileSystemThatDoesNotAnswer, DoesNotKeepTheServiceFromEnding) {
     EXPECT_THAT(stalled.get(), HasSubstr("NoReply"));
 }
 
+TEST_F(AFileSystemThatDoesNotAnswer, DoesNotKeepTheServiceFromEndingWithTheBus) {
+    auto stalled = std::async(std::launch::async, [this] {
+        try {
+            return Client().errorOf("Install", (mountPoint / "x.rpm").string());
+        } catch (const sdbus::Error& error) {
+            return error.getName();
+        }
+    });
+    ASSERT_TRUE(waitUntil([&] { return isHelperWaiting(); }));
+    buses.session.stop();
+    expectedStatus = 1;
+    EXPECT_EQ(daemon->wait(), 1);
+}
+
 class ARestartOfThePackageManager : public DaemonTest {
 protected:
     Client client;

@@ -44,7 +44,7 @@ TEST_F(TheDaemon, FinishesAnUpgradeThatIsReportedBeforeTheCallReturns) {
     const auto file = packageFile();
     const auto early = [&](std::size_t count, const std::string& errorName) {
         auto operation = client.install(file);
-        EXPECT_TRUE(zul.waitForCalls("Install", count));
+        EXPECT_TRUE(zul.waitForCalls("Install", count) && client.waitForStatus(operation, 10));
         client.forget();
         zul.emit("PackageUpgraded", PackageManager::package("com.example.app"));
         zul.emit("PackageUpgraded", PackageManager::package("com.example.other"));
