@@ -61,7 +61,9 @@ std::vector<Operation> Controller::operationsOf(const Common::CallerIdentity& in
         addOwn(std::vector{*current_});
     }
     addOwn(awaiting_);
-    addOwn(ended_);
+    for (const auto& [id, ended] : ended_) {
+        addOwn(std::vector{ended});
+    }
     return operations;
 }
 
@@ -84,12 +86,20 @@ void Controller::addCompletedOperation(const Operation& operation) {
     reported(operation);
 }
 
+void Controller::returnCompletedOperations(const std::vector<Operation>& operations) {
+    for (auto operation = operations.rbegin(); operation != operations.rend(); ++operation) {
+        auto& store = completed_[operation->initiator().key()];
+        if (store.size() < maximumCompleted) {
+            store.push_front(*operation);
+        }
+    }
+}
+
 void Controller::reported(const Operation& operation) {
-    const auto isMeant = [&](const Operation& other) { return other.id() == operation.id(); };
-    if (current_ && isMeant(*current_) && !isCurrentReported_) {
+    if (current_ && current_->id() == operation.id() && !isCurrentReported_) {
         isCurrentReported_ = true;
         uncount(operation);
-    } else if (std::erase_if(ended_, isMeant) > 0) {
+    } else if (ended_.erase(operation.id()) > 0) {
         uncount(operation);
     }
 }
@@ -101,8 +111,9 @@ asio::awaitable<void> Controller::finish() {
     }
     for (auto& operation : queue_) {
         fail(operation, Common::ErrorCode::Internal);
+        ended_.emplace(operation.id(), operation);
     }
-    ended_.splice(ended_.end(), queue_);
+    queue_.clear();
 }
 
 asio::awaitable<void> Controller::upgradeSettled(std::string packageId) {
@@ -114,19 +125,23 @@ asio::awaitable<void> Controller::upgradeSettled(std::string packageId) {
 
 // Not before enqueue() has returned: nobody shall wait for more than the status that it sets.
 asio::awaitable<void> Controller::work() {
-    co_await asio::post(loop_.context(), asio::use_awaitable);
-    while (!queue_.empty() && !isFinishing_) {
-        takeNext();
-        co_await carryOut();
+    try {
+        co_await asio::post(loop_.context(), asio::use_awaitable);
+        while (!queue_.empty() && !isFinishing_) {
+            takeNext();
+            co_await carryOut();
+        }
+        isWorking_ = false;
+    } catch (...) {
+        loop_.fail(std::current_exception()); // nothing would be carried out any more
     }
-    isWorking_ = false;
 }
 
 void Controller::takeNext() {
     if (current_ && !current_->isCompleted()) {
         uncount(*current_); // of an unknown type
     } else if (current_ && !isCurrentReported_) {
-        ended_.push_back(std::move(*current_));
+        ended_.emplace(current_->id(), std::move(*current_));
     }
     current_ = std::move(queue_.front());
     queue_.pop_front();
@@ -171,7 +186,7 @@ asio::awaitable<void> Controller::callPackageManager() {
 
 void Controller::finishCurrent() {
     current_->setStatus(OperationStatus::Finished);
-    ended_.push_back(std::move(*current_));
+    ended_.emplace(current_->id(), std::move(*current_));
     current_.reset();
 }
 
@@ -191,7 +206,8 @@ void Controller::endAwaiting(std::list<Operation>::iterator awaiting, Common::Er
     } else {
         fail(*awaiting, code);
     }
-    ended_.splice(ended_.end(), awaiting_, awaiting);
+    ended_.emplace(awaiting->id(), *awaiting);
+    awaiting_.erase(awaiting);
 }
 
 void Controller::uncount(const Operation& operation) {
@@ -220,26 +236,49 @@ void Controller::packageUpgraded(const Common::PackageProperties& package) {
 }
 
 // A package manager that has started again may have completed an upgrade, or given it up, without a report.
+// Until it says what is installed it is asked again.
 asio::awaitable<void> Controller::checkAwaiting() {
+    using std::chrono::seconds;
+    for (seconds pause{1}; !isChecking_ && !awaiting_.empty(); pause = std::min(pause * 2, seconds(30))) {
+        isChecking_ = true;
+        const auto ids = notPrepared();
+        try {
+            const auto packages =
+                co_await zul_.getPackageList(Common::TimePoint::clock::now() + Common::defaultTimeout);
+            for (const auto& id : ids) {
+                checkAwaiting(id, *packages);
+            }
+            isChecking_ = false;
+            co_return;
+        } catch (const std::exception& error) {
+            Common::logFailure(Common::LogLevel::Warning, "couldn't check the awaiting upgrades", error);
+        }
+        Common::Event never(loop_.context());
+        co_await never.wait(Common::TimePoint::clock::now() + pause);
+        isChecking_ = false;
+    }
+}
+
+// The disk first, then the list: what is completed in between is in the list already.
+std::vector<std::string> Controller::notPrepared() const {
     std::vector<std::string> ids;
     for (const auto& awaiting : awaiting_) {
-        ids.push_back(awaiting.id());
+        try {
+            if (!ZUL::Database().hasPreparedNextVersion(awaiting.packageId())) {
+                ids.push_back(awaiting.id());
+            }
+        } catch (const std::exception& error) {
+            Common::logWarning() << error;
+        }
     }
-    if (ids.empty()) {
-        co_return;
-    }
-    const auto packages =
-        co_await zul_.getPackageList(Common::TimePoint::clock::now() + Common::defaultTimeout);
-    for (const auto& id : ids) {
-        checkAwaiting(id, *packages);
-    }
+    return ids;
 }
 
 void Controller::checkAwaiting(const std::string& id,
                                const std::vector<Common::PackageProperties>& packages) {
     const auto awaiting = std::find_if(awaiting_.begin(), awaiting_.end(),
                                        [&](const Operation& operation) { return operation.id() == id; });
-    if (awaiting == awaiting_.end() || ZUL::Database().hasPreparedNextVersion(awaiting->packageId())) {
+    if (awaiting == awaiting_.end()) {
         return;
     }
     const auto package = std::find_if(packages.begin(), packages.end(), [&](const auto& properties) {

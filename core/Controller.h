@@ -52,6 +52,9 @@ public:
     /// holds maximumCompleted; the oldest goes first, with a line in the log.
     void addCompletedOperation(const Operation& operation);
 
+    /// Stores again what takeCompletedOperations() gave and could not be handed on.
+    void returnCompletedOperations(const std::vector<Operation>& operations);
+
     /// Forgets a completed operation: its initiator has been told of its end.
     void reported(const Operation& operation);
 
@@ -77,6 +80,7 @@ private:
     void uncount(const Operation& operation);
     void packageUpgraded(const Common::PackageProperties& package);
     asio::awaitable<void> checkAwaiting();
+    [[nodiscard]] std::vector<std::string> notPrepared() const;
     void checkAwaiting(const std::string& id, const std::vector<Common::PackageProperties>& packages);
 
     Common::Loop& loop_;
@@ -87,8 +91,9 @@ private:
     std::shared_ptr<Common::Event> running_; // while the call for current_ runs
     bool isWorking_ = false;
     bool isFinishing_ = false;
+    bool isChecking_ = false;
     std::list<Operation> awaiting_;
-    std::list<Operation> ended_;                          // not reported
+    std::unordered_map<std::string, Operation> ended_;    // by id, not reported
     std::unordered_map<std::string, std::size_t> counts_; // by application, of all the above
     std::unordered_map<std::string, std::deque<Operation>> completed_;
     LaunchControl launchControl_;

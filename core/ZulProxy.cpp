@@ -4,6 +4,7 @@
 #include "common/LogLine.h"
 #include "common/Names.h"
 
+#include <algorithm>
 #include <cctype>
 
 namespace Core {
@@ -14,8 +15,9 @@ namespace Peer = Common::Names::Zul;
 
 constexpr std::chrono::seconds operationTimeout{900};
 
-// A service that hangs must not use up the 128 replies that the system bus lets a connection wait for.
-constexpr std::size_t maximumListCalls = 16;
+// A service that hangs must not use up the 128 replies that the system bus lets a connection wait for: the
+// bus goes on waiting for those that the bus library has given up.
+constexpr std::size_t maximumListCalls = 4;
 
 Common::Error converted(const sdbus::Error& error) {
     std::string message = error.getMessage();
@@ -185,36 +187,47 @@ ZulProxy::Subscriptions ZulProxy::subscribe() {
 void ZulProxy::lost(const sdbus::Error& error) {
     Common::logError() << "lost the connection to " << Peer::service << ": " << error.getMessage();
     link_->isLost = true;
+    connecting_ = std::make_shared<Common::Event>(loop_.context());
     loop_.spawn("couldn't reconnect", reconnect());
 }
 
+// Tries at once, and when a call needs the connection or some time has passed.
 asio::awaitable<void> ZulProxy::reconnect() {
-    const auto attempt = std::make_shared<Common::Event>(loop_.context());
-    connecting_ = attempt;
-    try {
-        const auto job = loop_.begin([this] { return subscribe(); });
-        auto made =
-            co_await Common::Loop::finish(job, Common::TimePoint::clock::now() + Common::defaultTimeout);
-        link_ = std::make_unique<Link>(*this, std::move(made));
-        Common::logWarning() << "made the connection to " << Peer::service << " anew";
-        if (appeared_) {
-            appeared_();
+    using std::chrono::seconds;
+    for (seconds pause{1}; link_->isLost; pause = std::min(pause * 2, seconds(30))) {
+        const auto attempt = connecting_;
+        try {
+            const auto job = loop_.begin([this] { return subscribe(); });
+            auto made =
+                co_await Common::Loop::finish(job, Common::TimePoint::clock::now() + Common::defaultTimeout);
+            link_ = std::make_unique<Link>(*this, std::move(made));
+            Common::logWarning() << "made the connection to " << Peer::service << " anew";
+        } catch (const std::exception&) {
+            // The loss has been reported; a call that needs the connection gets an error.
         }
-    } catch (const std::exception&) {
-        // The loss has been reported; whoever calls gets an error, and the next attempt.
+        const auto needed = needed_ = std::make_shared<Common::Event>(loop_.context());
+        connecting_.reset();
+        attempt->set();
+        if (link_->isLost) {
+            co_await needed->wait(Common::TimePoint::clock::now() + pause);
+            if (!connecting_) {
+                connecting_ = std::make_shared<Common::Event>(loop_.context());
+            }
+        }
     }
-    connecting_.reset();
-    attempt->set();
+    if (appeared_) {
+        appeared_();
+    }
 }
 
 asio::awaitable<Common::RemoteObject*> ZulProxy::service(Common::TimePoint deadline) {
     if (link_->isLost) {
         if (!connecting_) {
-            loop_.spawn("couldn't reconnect", reconnect());
+            connecting_ = std::make_shared<Common::Event>(loop_.context());
+            needed_->set();
         }
-        if (const auto attempt = connecting_) {
-            co_await attempt->wait(deadline);
-        }
+        const auto attempt = connecting_;
+        co_await attempt->wait(deadline);
     }
     if (link_->isLost) {
         throw sdbus::Error("org.freedesktop.DBus.Error.Disconnected", "Not connected to the system bus");

@@ -67,8 +67,9 @@ private:
     std::vector<PackageIdHandler> packageRemovedHandlers_;
     std::function<void()> appeared_;
     std::size_t listCalls_ = 0;
-    std::shared_ptr<ListCall> nextList_; // to be sent when one of those on their way has ended
-    std::shared_ptr<Common::Event> connecting_;
+    std::shared_ptr<ListCall> nextList_;        // to be sent when one of those on their way has ended
+    std::shared_ptr<Common::Event> connecting_; // while an attempt is made or asked for
+    std::shared_ptr<Common::Event> needed_;     // ends the pause between two attempts
     std::unique_ptr<Link> link_;
 };
 

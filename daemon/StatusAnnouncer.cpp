@@ -4,6 +4,7 @@
 #include "common/Names.h"
 
 #include <algorithm>
+#include <asio/use_awaitable.hpp>
 #include <optional>
 
 namespace Daemon {
@@ -58,6 +59,7 @@ asio::awaitable<void> StatusAnnouncer::flushed(std::string busName, Common::Time
         co_return;
     }
     const auto last = lane->second.back();
+    deadline = std::max(deadline, Common::TimePoint::clock::now() + std::chrono::milliseconds(500));
     bool isHandled = co_await last->handled.wait(deadline);
     while (!isHandled) {
         batches_.at(busName).front()->identified.set();
@@ -87,7 +89,9 @@ void StatusAnnouncer::hurry() {
     }
 }
 
+// Not before add() has returned: who calls it has not finished with the operation.
 asio::awaitable<void> StatusAnnouncer::run(std::string busName) {
+    co_await asio::post(loop_.context(), asio::use_awaitable);
     auto& lane = batches_.at(busName); // stays where it is, whatever else is added
     while (!lane.empty()) {
         const auto batch = lane.front();

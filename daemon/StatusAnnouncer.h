@@ -28,8 +28,8 @@ public:
     /// The status hook: takes a copy of the operation as it is now.
     void add(const Core::Operation& operation);
 
-    /// Returns when what was added so far for a bus name has been sent, or could not be. At the deadline the
-    /// initiator counts as unavailable.
+    /// Returns when what was added so far for a bus name has been sent, or could not be. At the deadline,
+    /// half a second from now at the earliest, the initiator counts as unavailable.
     [[nodiscard]] asio::awaitable<void> flushed(std::string busName, Common::TimePoint deadline);
     /// The same for the operations of a package that have ended, and for all.
     [[nodiscard]] asio::awaitable<void> flushedEndsOf(std::string packageId);

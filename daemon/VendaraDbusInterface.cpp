@@ -14,6 +14,9 @@ namespace Daemon {
 
 namespace {
 
+constexpr auto noInitiator = "Couldn't determinate operation initiator";
+constexpr auto noList = "Failed to retrieve list of installed packages";
+
 namespace Own = Common::Names::Vendara;
 namespace Keys = Common::Names::PackageKeys;
 using Common::TimePoint;
@@ -99,102 +102,116 @@ VendaraDbusInterface::VendaraDbusInterface(Common::BusConnection& session, std::
 VendaraDbusInterface::~VendaraDbusInterface() { unregisterAdaptor(); }
 
 void VendaraDbusInterface::Install(OperationResult&& result, std::string packagePath) {
-    const auto check = [&] {
+    accept(std::move(result), {"Failed to retrieve id from the rpm package", noInitiator}, [&] {
         requireRunning();
         if (packagePath.size() >= PATH_MAX || !packagePath.starts_with('/')) {
             throw Common::Error(Common::ErrorCode::FileNotFound,
                                 "the package's path is not absolute, or too long");
         }
-    };
-    accept(std::move(result), "Failed to retrieve id from the rpm package", check,
-           [this, packagePath](auto& reply, Request request) {
-               return install(reply, std::move(request), packagePath);
-           });
+        return [this, packagePath](OperationResult& reply, Request request) {
+            return install(reply, std::move(request), packagePath);
+        };
+    });
 }
 
 void VendaraDbusInterface::Remove(OperationResult&& result, std::string packageID) {
-    const auto check = [&] {
+    accept(std::move(result), {"Failed to remove package", noList}, [&] {
         requireRunning();
         if (!Common::isPackageId(packageID)) {
             Common::logError() << "couldn't find package: " << packageID.substr(0, NAME_MAX);
             throw refusal("The package does not exist");
         }
-    };
-    accept(std::move(result), "Failed to remove package", check,
-           [this, packageID](auto& reply, Request request) {
-               return remove(reply, std::move(request), packageID);
-           });
+        return [this, packageID](OperationResult& reply, Request request) {
+            return remove(reply, std::move(request), packageID);
+        };
+    });
 }
 
 void VendaraDbusInterface::GetAllProperties(sdbus::Result<Properties>&& result) {
-    accept(
-        std::move(result), "Failed to retrieve properties", [] {},
-        [this](auto& reply, Request request) { return getAllProperties(reply, std::move(request)); });
+    accept(std::move(result), {"Failed to retrieve properties", noInitiator}, [&] {
+        return [this](sdbus::Result<Properties>& reply, Request request) {
+            return getAllProperties(reply, std::move(request));
+        };
+    });
 }
 
 void VendaraDbusInterface::Start(sdbus::Result<>&& result, std::string packageID) {
-    acceptLaunch(std::move(result), "Failed to start application", std::move(packageID),
+    acceptLaunch(std::move(result), {"Failed to start application", "Failed to start application"}, packageID,
                  &Core::LaunchControl::startApplication);
 }
 
 void VendaraDbusInterface::Restart(sdbus::Result<>&& result, std::string packageID) {
-    acceptLaunch(std::move(result), "Failed to restart application", std::move(packageID),
-                 &Core::LaunchControl::restartApplication);
+    acceptLaunch(std::move(result), {"Failed to restart application", "Failed to terminate application"},
+                 packageID, &Core::LaunchControl::restartApplication);
 }
 
 // Called by the bus library: nothing may leave it. What fails the check, or finds no room, is answered at
 // once.
-template<typename Result, typename Check, typename Handler>
-void VendaraDbusInterface::accept(Result&& result, const char* failure, const Check& check, Handler handler) {
-    const auto reply = std::make_shared<std::decay_t<Result>>(std::forward<Result>(result));
+template<typename Result, typename Check>
+void VendaraDbusInterface::accept(Result&& result, Texts texts, const Check& check) {
+    std::shared_ptr<std::decay_t<Result>> reply;
     try {
+        reply = std::make_shared<std::decay_t<Result>>(std::forward<Result>(result));
         const auto* message = getObject().getCurrentlyProcessedMessage();
         if (message == nullptr) {
             throw Common::Error(Common::ErrorCode::Internal, "couldn't retrieve currently processed message");
         }
         Request request{message->getSender(), TimePoint::clock::now() + requestLimit};
-        check();
         if (requests_.count(request.sender) >= maximumRequests) {
             throw refusal("Too many requests are waiting");
         }
-        requests_.add(request.sender, [this, reply, failure, request, handler] {
-            return answer(reply, failure, request, handler);
+        requests_.add(request.sender, [this, reply, texts, request, handler = check()] {
+            return answer(reply, texts, request, handler);
         });
     } catch (...) {
-        refuse(*reply, std::current_exception(), failure);
+        if (reply) {
+            refuse(*reply, std::current_exception(), texts.failure);
+        }
     }
 }
 
-void VendaraDbusInterface::acceptLaunch(sdbus::Result<>&& result, const char* failure, std::string packageID,
+void VendaraDbusInterface::acceptLaunch(sdbus::Result<>&& result, Texts texts, const std::string& packageID,
                                         Launch call) {
-    const auto check = [&] {
+    accept(std::move(result), texts, [&] {
         requireRunning();
         Common::requirePackageId(packageID);
-    };
-    accept(std::move(result), failure, check, [this, packageID, call](auto& reply, Request request) {
-        return launch(reply, request.deadline, packageID, call);
+        return [this, packageID, call](sdbus::Result<>& reply, Request request) {
+            return launch(reply, request.deadline, packageID, call);
+        };
     });
 }
 
 template<typename Result, typename Handler>
-asio::awaitable<void> VendaraDbusInterface::answer(std::shared_ptr<Result> reply, const char* failure,
+asio::awaitable<void> VendaraDbusInterface::answer(std::shared_ptr<Result> reply, Texts texts,
                                                    Request request, Handler handler) {
     std::exception_ptr cause;
     try {
+        if (TimePoint::clock::now() >= request.deadline) {
+            Common::logError() << "a request waited too long for those before it";
+            throw refusal(texts.late);
+        }
         auto handled = handler(*reply, request); // named: g++ 12 destroys temporaries of co_await twice
         co_await std::move(handled);
     } catch (...) {
         cause = std::current_exception();
     }
     if (cause) {
-        refuse(*reply, cause, failure);
+        refuse(*reply, cause, texts.failure);
     }
     session_.sent();
 }
 
 template<typename Result>
 void VendaraDbusInterface::refuse(const Result& reply, const std::exception_ptr& cause, const char* failure) {
-    Common::guarded("couldn't refuse a request", [&] { reply.returnError(refusalFor(cause, failure)); });
+    Common::guarded("couldn't refuse a request", [&] {
+        try {
+            reply.returnError(refusalFor(cause, failure));
+        } catch (const sdbus::Error& error) {
+            if (!session_.isLoss(error)) {
+                throw;
+            }
+        }
+    });
 }
 
 void VendaraDbusInterface::requireRunning() const {
@@ -257,7 +274,7 @@ asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Prope
         properties[Own::completedOperations] = recordsOf(completed);
         reply.returnResults(properties);
     } catch (...) {
-        storeAgain(completed);
+        controller_.returnCompletedOperations(completed);
         throw;
     }
     if (!completed.empty()) {
@@ -276,13 +293,7 @@ asio::awaitable<void> VendaraDbusInterface::confirm(std::string busName,
                                                     std::vector<Core::Operation> completed) {
     const bool isOnBus = co_await announcer_.isOnBus(busName);
     if (!isOnBus) {
-        storeAgain(completed);
-    }
-}
-
-void VendaraDbusInterface::storeAgain(const std::vector<Core::Operation>& completed) {
-    for (const auto& operation : completed) {
-        controller_.addCompletedOperation(operation);
+        controller_.returnCompletedOperations(completed);
     }
 }
 
@@ -291,7 +302,7 @@ asio::awaitable<Common::CallerIdentity> VendaraDbusInterface::determineInitiator
     try {
         co_return co_await identification_.identify(sender, deadline);
     } catch (const Common::Error&) {
-        throw refusalFor(std::current_exception(), "Couldn't determinate operation initiator");
+        throw refusalFor(std::current_exception(), noInitiator);
     }
 }
 
@@ -302,7 +313,7 @@ VendaraDbusInterface::getInstalledPackages(TimePoint deadline) {
         packages = co_await controller_.packageManager().getPackageList(deadline);
     } catch (const Common::Error& error) {
         Common::logFailure(Common::LogLevel::Error, "couldn't retrieve list of installed packages", error);
-        throw refusal("Failed to retrieve list of installed packages");
+        throw refusal(noList);
     }
     std::vector<Common::PackageRecord> records;
     records.reserve(packages->size());
@@ -400,11 +411,15 @@ void VendaraDbusInterface::sendOperationStatus(const Core::Operation& operation)
 
 asio::awaitable<void> VendaraDbusInterface::end() {
     isEnding_ = true;
-    co_await controller_.finish();
-    announcer_.hurry();
-    co_await announcer_.flushedAll();
-    co_await session_.flushed(TimePoint::clock::now() + std::chrono::seconds(2));
-    loop_.stop();
+    try {
+        co_await controller_.finish();
+        announcer_.hurry();
+        co_await announcer_.flushedAll();
+        co_await session_.flushed(TimePoint::clock::now() + std::chrono::seconds(2));
+        loop_.stop();
+    } catch (...) {
+        loop_.fail(std::current_exception());
+    }
 }
 
 } // namespace Daemon

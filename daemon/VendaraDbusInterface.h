@@ -54,14 +54,18 @@ private:
     void Restart(sdbus::Result<>&& result, std::string packageID) override;
 
     using Launch = asio::awaitable<void> (Core::LaunchControl::*)(std::string, Common::TimePoint);
-    template<typename Result, typename Check, typename Handler>
-    void accept(Result&& result, const char* failure, const Check& check, Handler handler);
-    void acceptLaunch(sdbus::Result<>&& result, const char* failure, std::string packageID, Launch call);
+    struct Texts {
+        const char* failure; ///< for what has no text of its own
+        const char* late; ///< for a request that has waited for others of its connection until its deadline
+    };
+    template<typename Result, typename Check>
+    void accept(Result&& result, Texts texts, const Check& check);
+    void acceptLaunch(sdbus::Result<>&& result, Texts texts, const std::string& packageID, Launch call);
     template<typename Result, typename Handler>
-    asio::awaitable<void> answer(std::shared_ptr<Result> reply, const char* failure, Request request,
+    asio::awaitable<void> answer(std::shared_ptr<Result> reply, Texts texts, Request request,
                                  Handler handler);
     template<typename Result>
-    static void refuse(const Result& reply, const std::exception_ptr& cause, const char* failure);
+    void refuse(const Result& reply, const std::exception_ptr& cause, const char* failure);
     void requireRunning() const;
 
     asio::awaitable<void> install(OperationResult& reply, Request request, std::string packagePath);
@@ -70,7 +74,6 @@ private:
     asio::awaitable<void> launch(sdbus::Result<>& reply, Common::TimePoint deadline, std::string packageID,
                                  Launch call);
     asio::awaitable<void> confirm(std::string busName, std::vector<Core::Operation> completed);
-    void storeAgain(const std::vector<Core::Operation>& completed);
     asio::awaitable<Common::CallerIdentity> determineInitiator(std::string sender,
                                                                Common::TimePoint deadline);
     asio::awaitable<std::vector<Common::PackageRecord>> getInstalledPackages(Common::TimePoint deadline);

@@ -29,19 +29,15 @@ int fail(const std::string& message) {
 int serve() {
     const auto connection = connectToSessionBus(); // first: coroutines that never end hold messages of it
     Common::Loop loop;
-    Common::BusConnection session(
-        loop, connection, [&](const sdbus::Error& error) { loop.fail(std::make_exception_ptr(error)); });
+    // At once: whatever else fails without the bus has nothing to add to the two lines.
+    Common::BusConnection session(loop, connection,
+                                  [](const sdbus::Error& error) { std::_Exit(fail(error.getMessage())); });
     const Daemon::VendaraDbusInterface service(session, Own::objectPath);
-    int status = EXIT_SUCCESS;
-    try {
-        loop.run();
-    } catch (const sdbus::Error& error) {
-        status = fail(error.getMessage());
-    }
+    loop.run();
     if (loop.isHelperBusy()) {
-        std::_Exit(status); // it may read a file system that never answers
+        std::_Exit(EXIT_SUCCESS); // it may read a file system that never answers
     }
-    return status;
+    return EXIT_SUCCESS;
 }
 
 } // namespace

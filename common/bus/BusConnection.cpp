@@ -65,7 +65,9 @@ bool BusConnection::isLoss(const sdbus::Error& error) {
     const bool isLoss = std::find(names.begin(), names.end(), error.getName()) != names.end() ||
                         (error.getName() == "org.freedesktop.DBus.Error.NoReply" &&
                          error.getMessage() == "Connection terminated");
-    isClosing_ = isClosing_ || isLoss;
+    if (isLoss) {
+        reportLoss(error);
+    }
     return isLoss;
 }
 
@@ -81,27 +83,32 @@ asio::awaitable<void> BusConnection::flushed(TimePoint deadline) {
 }
 
 void BusConnection::handleMessages() {
-    if (!lost_) {
+    if (isClosed_) {
         return;
     }
     isHandling_ = true;
     try {
-        // A connection that closes gives every pending call its error first; the loss is told before any of
-        // them.
         bool handled = true;
-        for (int count = 0; handled && (isClosing_ || count < batchSize); ++count) {
+        for (int count = 0; handled && count < batchSize; ++count) {
             handled = connection_->processPendingRequest();
         }
         isHandling_ = false;
         waitForEvents();
     } catch (const sdbus::Error& error) {
         isHandling_ = false;
-        std::exchange(lost_, nullptr)(error);
+        isClosed_ = true;
+        reportLoss(error);
+    }
+}
+
+void BusConnection::reportLoss(const sdbus::Error& error) {
+    if (const auto lost = std::exchange(lost_, nullptr)) {
+        lost(error);
     }
 }
 
 void BusConnection::waitForEvents() {
-    if (!lost_) {
+    if (isClosed_) {
         return;
     }
     try {
@@ -123,7 +130,7 @@ void BusConnection::waitForInput() {
     socket_.async_wait(asio::posix::stream_descriptor::wait_read,
                        [weak = std::weak_ptr(self_)](const asio::error_code& error) {
                            const auto self = weak.lock();
-                           if (self && !error && (*self)->lost_) {
+                           if (self && !error && !(*self)->isClosed_) {
                                (*self)->handleMessages();
                                (*self)->waitForInput();
                            }

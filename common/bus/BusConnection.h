@@ -22,8 +22,9 @@ public:
     /// @param connection  not run by anybody else. Coroutines that wait hold messages of it, which must not
     /// outlive
     ///                    it: what owns the loop's last coroutine keeps it, so share it.
-    /// @param lost        called once when the bus is gone. Pending calls have got their error, and those who
-    ///                    wait for them go on afterwards. The connection must not be destroyed in it.
+    /// @param lost        called once, when it is first seen that the bus is gone. Pending calls get their
+    /// error
+    ///                    afterwards. The connection must not be destroyed in it.
     /// Throws std::system_error when the system has no descriptors left.
     BusConnection(Loop& loop, std::shared_ptr<sdbus::IConnection> connection, LostHandler lost);
     ~BusConnection();
@@ -41,8 +42,8 @@ public:
 
     /// To be called after a message was handed to the bus library other than from one of its handlers.
     void sent();
-    /// To be called with the error of a call or of sending.
-    /// @return whether it means that the bus is gone, which the lost handler reports
+    /// To be called with the error of a call or of sending, before anything is made of it.
+    /// @return whether it means that the bus is gone; the lost handler has been called then
     bool isLoss(const sdbus::Error& error);
 
     /// Returns when all that was sent has been written to the bus, or at the deadline.
@@ -50,6 +51,7 @@ public:
 
 private:
     void handleMessages();
+    void reportLoss(const sdbus::Error& error);
     void waitForEvents();
     void waitForInput();
     void waitForOutput();
@@ -64,7 +66,7 @@ private:
     bool isWaitingForOutput_ = false;
     bool isHandling_ = false;
     bool isUpdateDue_ = false;
-    bool isClosing_ = false;
+    bool isClosed_ = false; // the bus library has nothing more to handle
     std::shared_ptr<Event> written_;
     std::shared_ptr<BusConnection*> self_; // what handlers of the loop hold weakly
 };

@@ -13,20 +13,25 @@ RemoteObject::RemoteObject(BusConnection& connection, const std::string& service
 std::shared_ptr<RemoteObject::Answer> RemoteObject::send(const sdbus::MethodCall& message,
                                                          std::chrono::microseconds timeout) {
     const auto answer = std::make_shared<Answer>(connection_);
-    proxy_->callMethod(
-        message,
-        [answer, &connection = connection_](sdbus::MethodReply& reply, const sdbus::Error* error) {
-            guarded("couldn't take a reply", [&] {
-                if (error != nullptr) {
-                    static_cast<void>(connection.isLoss(*error));
-                    answer->error = *error;
-                } else {
-                    answer->reply = reply;
-                }
-            });
-            answer->arrived.set();
-        },
-        static_cast<std::uint64_t>(timeout.count()));
+    try {
+        proxy_->callMethod(
+            message,
+            [answer, &connection = connection_](sdbus::MethodReply& reply, const sdbus::Error* error) {
+                guarded("couldn't take a reply", [&] {
+                    if (error != nullptr) {
+                        static_cast<void>(connection.isLoss(*error));
+                        answer->error = *error;
+                    } else {
+                        answer->reply = reply;
+                    }
+                });
+                answer->arrived.set();
+            },
+            static_cast<std::uint64_t>(timeout.count()));
+    } catch (const sdbus::Error& error) {
+        static_cast<void>(connection_.isLoss(error));
+        throw;
+    }
     connection_.sent();
     return answer;
 }

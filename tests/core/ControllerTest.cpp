@@ -74,7 +74,7 @@ TEST_F(AController, ListsWhatHasEndedUntilItIsReportedOrStored) {
         controller.enqueue(operation(type, note));
     }
     ASSERT_TRUE(driver.runUntil([&] { return ended.size() == 3; }));
-    EXPECT_THAT(listed(), ElementsAre(Finished, Failed, Finished));
+    EXPECT_THAT(listed(), testing::UnorderedElementsAre(Finished, Failed, Finished));
     controller.reported(ended[0]);
     controller.addCompletedOperation(ended[1]);
     EXPECT_THAT(listed(), ElementsAre(Finished));

@@ -1,7 +1,10 @@
 #include "tests/daemon/DaemonTest.h"
 
+#include <atomic>
 #include <csignal>
 #include <future>
+#include <sstream>
+#include <thread>
 
 using testing::ElementsAre;
 using testing::EndsWith;
@@ -160,6 +163,56 @@ TEST_F(TheDaemon, EndsAtOnceWithTheSessionBus) {
     EXPECT_EQ(zul.calls("Install").size(), 1);
     EXPECT_THAT(daemon->output().substr(before.size()),
                 testing::MatchesRegex("ERROR: couldn't register service: norvane.Vendara\nERROR: [^\n]*\n"));
+}
+
+TEST_F(TheDaemon, EndsWithTwoLinesWhateverItsClientsWaitFor) {
+    const auto file = packageFile();
+    std::vector<std::thread> callers;
+    std::atomic<int> calls = 0;
+    for (int number = 0; number < 8; ++number) {
+        callers.emplace_back([&] {
+            try {
+                Client caller;
+                for (;;) {
+                    caller.install(file);
+                    caller.operations();
+                    ++calls;
+                }
+            } catch (const sdbus::Error&) {
+                // The bus is gone.
+            }
+        });
+    }
+    EXPECT_TRUE(waitUntil([&] { return calls > 50; }));
+    buses.session.stop();
+    expectedStatus = 1;
+    EXPECT_EQ(daemon->wait(), expectedStatus);
+    for (auto& caller : callers) {
+        caller.join();
+    }
+    std::string lines;
+    std::istringstream stream(daemon->output());
+    for (std::string line; std::getline(stream, line);) {
+        lines += line == "ERROR: couldn't find package: com.example.app" ? "" : line + "\n";
+    }
+    EXPECT_THAT(lines,
+                testing::MatchesRegex("ERROR: couldn't register service: norvane.Vendara\nERROR: [^\n]*\n"));
+}
+
+TEST_F(TheDaemon, DoesNotCarryOutWhatItHasRefusedAsTooLate) {
+    runtime.hold("InvokeIntent");
+    runtime.hold("Terminate");
+    auto first = std::async(std::launch::async, [&] { return client.errorOf("Start", "first"); });
+    ASSERT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
+    std::vector<std::future<std::string>> late;
+    for (int number = 0; number < 20; ++number) {
+        late.push_back(std::async(std::launch::async, [&] { return client.errorOf("Restart", "late"); }));
+    }
+    EXPECT_EQ(first.get(), "Failed to start application");
+    for (auto& each : late) {
+        EXPECT_EQ(each.get(), "Failed to terminate application");
+    }
+    EXPECT_LT(runtime.calls("Terminate").size(), 20);
 }
 
 TEST_F(TheDaemon, GoesOnWithoutTheSystemBus) {

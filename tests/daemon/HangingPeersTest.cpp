@@ -74,7 +74,6 @@ TEST_F(WhileAPeerHoldsACaller, ItsOwnRequestsKeepTheirOrder) {
     auto first = hold(runtime, "InvokeIntent", [&] { return client.errorOf("Start", "first"); });
     auto second = std::async(std::launch::async, [&] { return client.errorOf("Start", "second"); });
     EXPECT_EQ(other.errorOf("Start", "other"), "");
-    EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     EXPECT_TRUE(runtime.answer("InvokeIntent"));
     EXPECT_EQ(first.get() + second.get(), "");
     EXPECT_THAT(runtime.calls("InvokeIntent"), ElementsAre("Start first", "Start other", "Start second"));
@@ -115,7 +114,12 @@ TEST_F(WhileAPeerHoldsACaller, ItIsRefusedWithinTheTimeLimitOfTheBus) {
     auto read = refused("GetAllProperties");
     auto removal = refused("Remove", "a");
     ASSERT_TRUE(zul.waitForCalls("GetPackageList", 2));
-    auto installed = std::async(std::launch::async, [this] { return Client().install(file).get<2>(); });
+    auto installed = std::async(std::launch::async, [this] {
+        Client caller;
+        const auto operation = caller.install(file);
+        EXPECT_EQ(operation.get<2>(), 0) << "without a list it counts as an installation";
+        return caller.statusesOf(operation);
+    });
     ASSERT_TRUE(zul.waitForCalls("GetPackageList", 3));
     identification.hold("IdentifyByBusName");
     std::vector<std::future<std::string>> unidentified;
@@ -128,7 +132,6 @@ TEST_F(WhileAPeerHoldsACaller, ItIsRefusedWithinTheTimeLimitOfTheBus) {
     EXPECT_EQ(restart.get(), "Failed to terminate application");
     EXPECT_EQ(read.get(), "Failed to retrieve list of installed packages");
     EXPECT_EQ(removal.get(), "Failed to retrieve list of installed packages");
-    EXPECT_EQ(installed.get(), 0) << "without a list it counts as an installation";
     for (auto& error : unidentified) {
         EXPECT_EQ(error.get(), "Couldn't determinate operation initiator");
     }
