@@ -5,11 +5,14 @@
 #include <rpm/rpmlib.h>
 #include <rpm/rpmmacro.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <glob.h>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
 
 namespace Common::Rpm {
 
@@ -61,13 +64,28 @@ std::string stampOfFiles() {
     return stamp;
 }
 
+// All macros, as the load has left them.
+std::string macroTable() {
+    char* text = nullptr;
+    std::size_t size = 0;
+    std::FILE* stream = open_memstream(&text, &size);
+    if (stream == nullptr) {
+        return {};
+    }
+    rpmDumpMacroTable(nullptr, stream);
+    std::fclose(stream);
+    const std::unique_ptr<char, decltype(&std::free)> owner(text, std::free);
+    return {text, size};
+}
+
 } // namespace
 
 void readRpmConfiguration() {
-    static std::string loaded; // the stamp of what was loaded
+    static std::string trusted;      // the stamp of a load that needs no repetition
+    static std::size_t previous = 0; // what the last load has given
     // Taken before the load, so that a change during it is seen at the next one.
     auto stamp = stampOfFiles();
-    if (!stamp.empty() && stamp == loaded) {
+    if (!stamp.empty() && stamp == trusted) {
         return;
     }
     // Each load pushes the macros once more on those that stand already, some 72 kB a time.
@@ -75,10 +93,12 @@ void readRpmConfiguration() {
     rpmFreeRpmrc();
     if (rpmReadConfigFiles(nullptr, nullptr) != 0) {
         logWarning() << "cannot read RPM configuration files";
-        loaded.clear();
+        trusted.clear();
         return;
     }
-    loaded = std::move(stamp);
+    // librpm does not report a file that it could not read this time. Two loads that agree are trusted.
+    const auto loaded = std::hash<std::string>()(macroTable());
+    trusted = loaded == std::exchange(previous, loaded) ? std::move(stamp) : std::string();
 }
 
 } // namespace Common::Rpm

@@ -19,8 +19,8 @@ namespace Common::Rpm {
 /// An open package file and its checked header. Copies share both; the file stays open as long as a copy
 /// lives.
 ///
-/// librpm's configuration is process-wide and is loaded anew for each read. So every thread of a process may
-/// construct, use and destroy readers, and one thread may go on with the reader of another, but no two
+/// librpm's configuration is process-wide and may be loaded anew for each read. So every thread of a process
+/// may construct, use and destroy readers, and one thread may go on with the reader of another, but no two
 /// threads at the same time, not even with readers of different files.
 class Reader {
 public:

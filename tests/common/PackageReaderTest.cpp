@@ -1,4 +1,5 @@
 #include "common/Error.h"
+#include "common/rpm/Configuration.h"
 #include "common/rpm/FileList.h"
 #include "common/rpm/Reader.h"
 #include "testbed/CraftedPackage.h"
@@ -9,6 +10,7 @@
 
 #include <gmock/gmock.h>
 #include <rpm/header.h>
+#include <rpm/rpmmacro.h>
 #include <rpm/rpmtag.h>
 
 #include <fstream>
@@ -213,6 +215,24 @@ TEST_F(PackageReader, TakesAnRpmSignatureOnlyWithItsKeyInTheDatabase) {
     damaged[damaged.find("com.example.app", 200)] = 'C';
     Testbed::writeFile(file, damaged);
     expectNotRead(file);
+}
+
+TEST_F(PackageReader, SeesChangedMacrosThoughItLoadsUnchangedOnesOnce) {
+    const auto value = [] {
+        Common::Rpm::readRpmConfiguration();
+        const std::unique_ptr<char, decltype(&std::free)> text(rpmExpand("%vendara_test", nullptr),
+                                                               std::free);
+        return std::string(text.get());
+    };
+    for (const auto* expected : {"1", "2", "3"}) {
+        Testbed::writeFile(in(".rpmmacros"), std::string("%vendara_test ") + expected + "\n");
+        for (int times = 0; times < 4; ++times) {
+            EXPECT_EQ(value(), expected);
+        }
+    }
+    // What others have defined stays while nothing is loaded.
+    rpmPushMacro(nullptr, "vendara_test", nullptr, "pushed", RMIL_CMDLINE);
+    EXPECT_EQ(value(), "pushed");
 }
 
 TEST_F(PackageReader, LeavesNoDescriptorOpen) {
