@@ -12,6 +12,7 @@
 #include <cstring>
 #include <span>
 #include <string_view>
+#include <utility>
 
 namespace Common::Rpm {
 
@@ -25,10 +26,9 @@ constexpr rpmfiFlags unusedTags =
     RPMFI_NOFILECAPS | RPMFI_NOFILESTATES | RPMFI_NOFILEVERIFYFLAGS | RPMFI_NOFILESIGNATURES |
     RPMFI_NOVERITYSIGNATURES | RPMFI_NOFILECOLORS | RPMFI_NOFILERDEVS | RPMFI_NOFILEMTIMES;
 
-// The arrays with one value a file that are left.
-constexpr std::array perFile{RPMTAG_BASENAMES,     RPMTAG_DIRINDEXES, RPMTAG_FILEMODES,  RPMTAG_FILESIZES,
-                             RPMTAG_LONGFILESIZES, RPMTAG_FILEFLAGS,  RPMTAG_FILEINODES, RPMTAG_FILEDEVICES,
-                             RPMTAG_FILEDIGESTS,   RPMTAG_FILELINKTOS};
+// The arrays with one value a file that are left and copied as they are.
+constexpr std::array perFile{RPMTAG_BASENAMES,     RPMTAG_DIRINDEXES, RPMTAG_FILEMODES,   RPMTAG_FILESIZES,
+                             RPMTAG_LONGFILESIZES, RPMTAG_FILEFLAGS,  RPMTAG_FILEDIGESTS, RPMTAG_FILELINKTOS};
 
 [[noreturn]] void throwUnusable() {
     throw Error(ErrorCode::BadPackage, "couldn't open rpm package for extraction");
@@ -193,6 +193,46 @@ void copyArranged(Header from, Header to, rpmTag tag, const std::vector<int>& or
     }
 }
 
+/// Numbers from 1 up, one for each pair of device and inode. Inode 0 stays: librpm takes it for no link.
+std::vector<std::uint32_t> numbersOf(const std::vector<std::uint32_t>& inodes,
+                                     const std::vector<std::uint32_t>& devices) {
+    std::vector<std::pair<std::uint64_t, std::size_t>> pairs; // with the file's place
+    pairs.reserve(inodes.size());
+    for (std::size_t file = 0; file < inodes.size(); ++file) {
+        const std::uint64_t device = devices.empty() ? 0 : devices[file];
+        pairs.emplace_back(device << 32U | inodes[file], file);
+    }
+    std::sort(pairs.begin(), pairs.end());
+    std::vector<std::uint32_t> numbers(inodes.size());
+    std::uint32_t number = 0;
+    for (std::size_t place = 0; place < pairs.size(); ++place) {
+        const auto& [pair, file] = pairs[place];
+        number += place == 0 || pair != pairs[place - 1].first ? 1 : 0;
+        numbers[file] = inodes[file] == 0 ? 0 : number;
+    }
+    return numbers;
+}
+
+// librpm finds hard links by a hash of device and inode that is easy to compute. A header whose pairs all
+// have one hash would keep it busy for minutes, so it gets pairs that the header does not choose.
+void putFileNumbers(Header from, Header to, const std::vector<int>& order) {
+    const Values inodes(from, RPMTAG_FILEINODES);
+    const Values devices(from, RPMTAG_FILEDEVICES);
+    if (!inodes.exists()) {
+        return;
+    }
+    if (inodes.size() != order.size() || (devices.exists() && devices.size() != order.size())) {
+        throwUnusable();
+    }
+    const auto numbers =
+        numbersOf(arranged<std::uint32_t>(inodes, order),
+                  devices.exists() ? arranged<std::uint32_t>(devices, order) : std::vector<std::uint32_t>{});
+    const std::vector<std::uint32_t> oneDevice(order.size(), 1);
+    const auto count = static_cast<rpm_count_t>(order.size());
+    headerPutUint32(to, RPMTAG_FILEINODES, numbers.data(), count);
+    headerPutUint32(to, RPMTAG_FILEDEVICES, oneDevice.data(), count);
+}
+
 void copyWhole(Header from, Header to, rpmTag tag) {
     rpmtd_s values{};
     if (headerGet(from, tag, &values, HEADERGET_MINMEM) != 0) {
@@ -209,6 +249,7 @@ rpmfiles makeFiles(Header header, const std::vector<int>& order) {
         for (const auto tag : perFile) {
             copyArranged(header, ordered.get(), tag, order);
         }
+        putFileNumbers(header, ordered.get(), order);
     }
     return rpmfilesNew(nullptr, ordered.get(), RPMTAG_BASENAMES, unusedTags);
 }

@@ -18,7 +18,7 @@ public:
     /// Throws Error, code BadPackage, where the header's arrays do not go together, one of them is of the
     /// wrong type, a name has PATH_MAX bytes or more, or the names of a hard-link set are not in order.
     /// librpm never gives back the memory of some lists that it refuses, and does not limit the number of
-    /// directories: such lists do not reach it.
+    /// directories: such lists do not reach it. Nor do the header's own inode and device numbers.
     explicit FileList(Header header);
 
     [[nodiscard]] rpmfiles get() const { return files_.get(); }

@@ -15,6 +15,7 @@
 
 #include <fstream>
 #include <random>
+#include <set>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -177,6 +178,39 @@ TEST_F(PackageReader, ListsFilesInTheOrderOfTheirFullNames) {
     }
     EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
     EXPECT_EQ(list.find("/nowhere"), -1);
+}
+
+// All of these pairs have the same hash in librpm, which then compares each with each.
+TEST_F(PackageReader, HandsNoPairsOfDeviceAndInodeToLibrpmThatThePackageChose) {
+    constexpr std::uint32_t count = 2000;
+    std::vector<Testbed::CraftedEntry> entries;
+    std::vector<std::uint32_t> inodes;
+    std::vector<std::uint32_t> devices;
+    for (std::uint32_t number = 0; number < count; ++number) {
+        entries.push_back({"/a/", std::to_string(10000 + number)});
+        devices.push_back(number);
+        inodes.push_back(0x7fffffffU - (number << 16U) - (number >> 16U));
+    }
+    inodes[11] = inodes[10]; // with devices of their own
+    inodes[20] = inodes[21] = 0;
+    devices[20] = devices[21];
+    inodes[31] = inodes[30];
+    devices[31] = devices[30];
+    Testbed::craftPackage(in("package.rpm"), entries, {.adjust = [&](Header header) {
+                              headerDel(header, RPMTAG_FILEINODES);
+                              headerDel(header, RPMTAG_FILEDEVICES);
+                              headerPutUint32(header, RPMTAG_FILEINODES, inodes.data(), count);
+                              headerPutUint32(header, RPMTAG_FILEDEVICES, devices.data(), count);
+                          }});
+    const Reader reader(in("package.rpm").string());
+    const Common::Rpm::FileList list(reader.header());
+    std::set<unsigned> numbers;
+    for (int file = 0; file < list.size(); ++file) {
+        numbers.insert(static_cast<unsigned>(rpmfilesFInode(list.get(), file)));
+        EXPECT_EQ(list.firstLink(file), file == 31 ? 30 : file);
+    }
+    EXPECT_EQ(numbers.size(), count - 2);
+    EXPECT_LE(*numbers.rbegin(), count);
 }
 
 TEST_F(PackageReader, StartsNoProcessAndLeavesTheHomeDirectoryAlone) {
