@@ -1,7 +1,7 @@
 #include "common/rpm/Configuration.h"
 #include "fuzz/ExtractionSandbox.h"
-#include "platform/pkgverify/Container.h"
-#include "platform/signcms/SignedBlob.h"
+#include "platform/reference/pkgverify/Container.h"
+#include "platform/reference/signcms/SignedBlob.h"
 #include "testbed/CraftedPackage.h"
 #include "tools/vendara-sign/TestAuthority.h"
 
