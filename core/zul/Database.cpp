@@ -183,7 +183,8 @@ std::vector<std::pair<fs::path, PackageData>> Database::packages() try {
 MappingList Database::removeMappingsOf(const PackageDirectory& directory, const std::string& message) const {
     MappingList left;
     for (const auto& holder : directory.listHolders()) {
-        if (const auto leftOfThis = mappings_.removeMappings(holder)) {
+        // Most of what other versions list is gone or was never made.
+        if (const auto leftOfThis = mappings_.removeMappings(holder, holder != directory.current())) {
             left = mergedMappingList(std::move(left), *leftOfThis);
         } else {
             Common::logWarning() << message << "couldn't find package symlink list";

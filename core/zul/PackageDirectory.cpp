@@ -2,7 +2,7 @@
 
 #include "common/Files.h"
 #include "common/LogLine.h"
-#include "core/zul/MappingList.h"
+#include "core/zul/Mappings.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -71,15 +71,15 @@ bool PackageDirectory::pointsToExistingVersion(const fs::path& link) const {
 
 std::vector<fs::path> PackageDirectory::listHolders() const {
     std::vector<fs::path> holders;
-    // Whichever version was installed, its list is still in its directory.
-    if (!pointsToExistingVersion(current()) && isReal()) {
-        holders = Common::entriesOf(path_);
-        std::erase_if(holders, [](const auto& entry) {
-            return !isRealDirectory(entry) || !Common::exists(entry / mappingListName);
-        });
-    }
     if (Common::exists(current())) {
         holders.push_back(current());
+    }
+    // The list of a version that was installed once may name mappings that could not be removed.
+    const auto installed = versionOf(current());
+    for (const auto& entry : isReal() ? Common::entriesOf(path_) : std::vector<fs::path>()) {
+        if (entry != installed && isRealDirectory(entry) && Common::exists(entry / mappingListName)) {
+            holders.push_back(entry);
+        }
     }
     return holders;
 }
@@ -93,9 +93,18 @@ void PackageDirectory::discardPreparedUpgrade(const std::string& versionWords,
     const bool isOurs = !version.empty() && version != versionOf(current());
     // The link first: were it to outlive its version, recovery would put nothing into service.
     tryTo(linkWords, [this] { Common::removeTree(next()); });
-    if (isOurs) {
-        tryTo(versionWords, [&version] { Common::removeTree(version); });
+    if (!isOurs) {
+        return;
     }
+    tryTo(versionWords, [this, &version] {
+        // Its list may name mappings that could not be removed when its completion failed.
+        if (pointsToExistingVersion(current())) {
+            Mappings::keepListOf(version, current());
+        } else if (Common::exists(version / mappingListName)) {
+            return;
+        }
+        Common::removeTree(version);
+    });
 }
 
 void PackageDirectory::sweep(const std::string& words,

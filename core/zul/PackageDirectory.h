@@ -37,13 +37,14 @@ public:
     [[nodiscard]] std::string versionNameOf(const std::filesystem::path& link) const;
 
     /// The directories whose mapping lists name what the package has in the system directories: "current" if
-    /// it leads to something and, unless that is a version of this package, every version that has a list. No
-    /// versions in a directory that is reached through a link.
+    /// it leads to something, then every other version that has a list. No versions in a directory that is
+    /// reached through a link.
     [[nodiscard]] std::vector<std::filesystem::path> listHolders() const;
 
-    /// Deletes the link "next" and then the version it leads to. That is kept when it is the installed one,
-    /// and when it is not a direct child of this directory: then it is not ours. Nothing is deleted in a
-    /// directory that is reached through a link.
+    /// Deletes the link "next" and then the version it leads to, whose mapping list is added to that of the
+    /// installed one. The version is kept when it is the installed one, when it has a list and no version is
+    /// installed, and when it is not a direct child of this directory: then it is not ours. Nothing is
+    /// deleted in a directory that is reached through a link.
     /// @param versionWords, linkWords  begin the warning about a failure of either
     void discardPreparedUpgrade(const std::string& versionWords, const std::string& linkWords) const;
 

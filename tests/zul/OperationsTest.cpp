@@ -163,4 +163,46 @@ TEST_F(ADatabase, RemovesAPackageWhoseMappingListIsLost) {
                  "couldn't find package directory: com.example.app");
 }
 
+TEST_F(ADatabase, RemovesLaterWhatARemovalCouldNot) {
+    for (const std::string operation : {"remove", "complete", "recover"}) {
+        SCOPED_TRACE(operation);
+        install(app, {{"bin/tool", "1"}});
+        fs::permissions(system / "usr/bin", fs::perms(0555));
+        {
+            const HeedingModes modes;
+            database.remove(app.id());
+        }
+        EXPECT_THAT(entriesIn(dir()), ElementsAre("1.0-1"));
+        fs::permissions(system / "usr/bin", fs::perms(0755));
+        install(newer, {{"data/x", "2"}});
+        if (operation != "remove") {
+            const Package newest(app.id(), "3.0-1");
+            prepare(newest, {{"data/x", "3"}});
+            operation == "complete" ? database.completeUpgrade(newest)
+                                    : static_cast<void>(database.recoverDatabase());
+            EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "3.0-1"));
+            database.refreshMappings(app.id());
+            EXPECT_THAT(mappings(),
+                        ElementsAre(Pair("/usr/share/com.example.app/x", path("current/data/x"))));
+        }
+        const LogCapture log;
+        database.remove(app.id());
+        EXPECT_THAT(mappings(), IsEmpty());
+        EXPECT_THAT(entriesIn(root), IsEmpty());
+        EXPECT_THAT(log.lines(), IsEmpty());
+    }
+}
+
+TEST_F(ADatabase, KnowsTheMappingsOfAnUpgradeThatItGaveUp) {
+    install(app);
+    prepare(newer, {{"bin/left", "2"}});
+    // As when the completion failed and then the removal of what it had made.
+    fs::create_symlink(dir() / "current/bin/left", system / "usr/bin/left");
+    writeFile(dir() / "2.0-1/quenra.pkg", "damaged");
+    database.recoverDatabase();
+    EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "1.0-1"));
+    database.refreshMappings(app.id());
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
+}
+
 } // namespace Testbed
