@@ -112,7 +112,14 @@ UniqueFd openWithin(int directory, const std::filesystem::path& path, int flags,
     open_how how{};
     how.flags = static_cast<unsigned>(flags) | O_CLOEXEC;
     how.resolve = RESOLVE_NO_MAGICLINKS | (outside == Outside::Refuse ? RESOLVE_BENEATH : RESOLVE_IN_ROOT);
-    return UniqueFd(static_cast<int>(syscall(SYS_openat2, directory, path.c_str(), &how, sizeof how)));
+    // EAGAIN: somebody renamed or mounted anything during a step upwards, and the kernel cannot vouch for it.
+    constexpr unsigned attempts = 500;
+    long fd = -1;
+    unsigned attempt = 0;
+    do {
+        fd = syscall(SYS_openat2, directory, path.c_str(), &how, sizeof how);
+    } while (fd < 0 && errno == EAGAIN && ++attempt < attempts);
+    return UniqueFd(static_cast<int>(fd));
 }
 
 UniqueFd openRegularFile(const std::filesystem::path& file) noexcept {
