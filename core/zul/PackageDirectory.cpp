@@ -24,6 +24,9 @@ void tryTo(const std::string& words, Action action) {
     }
 }
 
+/// A path that ends with a slash has an empty last part.
+fs::path withoutSlash(const fs::path& path) { return path.has_filename() ? path : path.parent_path(); }
+
 bool isRealDirectory(const fs::path& path) {
     const auto status = Common::statusOf(path, AT_SYMLINK_NOFOLLOW);
     return status && S_ISDIR(status->st_mode);
@@ -42,7 +45,7 @@ void PackageDirectory::requireNotSymlink() const {
 bool PackageDirectory::hasNextLink() const { return Common::linkTarget(next()).has_value(); }
 
 std::string PackageDirectory::versionNameOf(const fs::path& link) const {
-    return Common::linkTarget(link).value_or(fs::path()).filename();
+    return withoutSlash(Common::linkTarget(link).value_or(fs::path())).filename();
 }
 
 fs::path PackageDirectory::versionOf(const fs::path& link) const {
@@ -50,10 +53,7 @@ fs::path PackageDirectory::versionOf(const fs::path& link) const {
     if (!target) {
         return {};
     }
-    auto version = (path_ / *target).lexically_normal();
-    if (!version.has_filename()) {
-        version = version.parent_path();
-    }
+    const auto version = withoutSlash((path_ / *target).lexically_normal());
     const auto name = version.filename();
     if (!Common::isOrdinaryName(name.native()) || name == "current" || name == "next") {
         return {};

@@ -96,10 +96,23 @@ TEST_F(ADatabase, CompletesOnlyWhatIsPreparedAndPreparesInThePlaceOfRubbish) {
     EXPECT_EQ(installedVersion(app.id()), "1.0-1");
 }
 
+TEST_F(ADatabase, TakesLinksWithASlashAtTheirEnd) {
+    install(app);
+    prepare(newer);
+    for (const auto& [link, version] : {std::pair("current", "1.0-1//"), std::pair("next", "2.0-1/")}) {
+        fs::remove(dir() / link);
+        fs::create_directory_symlink(path(version), dir() / link);
+    }
+    EXPECT_ERROR(database.checkUpgrade(newer), UpgradeAlreadyPrepared, HasSubstr("2.0-1"));
+    fs::remove(dir() / "next");
+    EXPECT_ERROR(database.checkUpgrade(app), DowngradeAttempt, HasSubstr("1.0-1"));
+    database.checkUpgrade(newer);
+    EXPECT_EQ(database.packages().size(), 1U);
+}
+
 TEST_F(ADatabase, GivesUpAnUpgradeWhoseVersionCannotBeParsed) {
     install(app);
-    fs::create_directory(dir() / "2.0-1");
-    fs::create_symlink(path("2.0-1/"), dir() / "next");
+    fs::create_directory_symlink("/", dir() / "next");
     const LogCapture log;
     database.checkUpgrade(Package(app.id(), "1.5-1"));
     EXPECT_THAT(log.lines(), ElementsAre("WARN: corrupted package upgrade found: \"" + path("next") + "\"",
@@ -109,10 +122,10 @@ TEST_F(ADatabase, GivesUpAnUpgradeWhoseVersionCannotBeParsed) {
     for (const bool isPrepared : {false, true}) {
         fs::create_directories(dir());
         fs::remove(dir() / "current");
-        fs::create_symlink(path("1.0-1/"), dir() / "current");
+        fs::create_directory_symlink("/", dir() / "current");
         fs::create_directories(dir() / "1.0-1");
         if (isPrepared) {
-            fs::create_symlink(path("1.0-1/"), dir() / "next");
+            fs::create_directory_symlink("/", dir() / "next");
         }
         EXPECT_ERROR(database.checkUpgrade(newer), CorruptedInstalledPackage,
                      "couldn't parse actual package version: ");
