@@ -40,10 +40,13 @@ void makeAccessible(const UniqueFd& parent, const std::filesystem::path& name) {
     std::filesystem::permissions(self, std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
                                  denied);
     // All at once: an open iterator per level would need a second descriptor.
-    const std::vector<std::filesystem::directory_entry> entries(
-        std::filesystem::directory_iterator(self, denied), {});
-    for (const auto& entry : entries) {
-        makeAccessible(directory, entry.path().filename());
+    std::vector<std::filesystem::path> inner;
+    for (std::filesystem::directory_iterator entry(self, denied), end; !denied && entry != end;
+         entry.increment(denied)) {
+        inner.push_back(entry->path().filename());
+    }
+    for (const auto& entry : inner) {
+        makeAccessible(directory, entry);
     }
 }
 

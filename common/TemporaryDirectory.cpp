@@ -1,7 +1,7 @@
 #include "common/TemporaryDirectory.h"
 
 #include "common/Files.h"
-#include "common/LogLine.h"
+#include "common/Guard.h"
 
 #include <cstdlib>
 
@@ -18,11 +18,7 @@ TemporaryDirectory::TemporaryDirectory(const std::filesystem::path& parent, cons
 }
 
 TemporaryDirectory::~TemporaryDirectory() {
-    try {
-        removeTree(path_);
-    } catch (const Error& error) {
-        logWarning() << error;
-    }
+    guarded("couldn't remove a temporary directory", [this] { removeTree(path_); });
 }
 
 } // namespace Common

@@ -3,6 +3,7 @@
 #include "common/BusText.h"
 #include "common/Error.h"
 #include "common/Files.h"
+#include "common/Guard.h"
 #include "common/LogLine.h"
 #include "common/Names.h"
 #include "devkit/zul-service/ProcessScan.h"
@@ -32,11 +33,7 @@ public:
         path_ = name;
     }
     ~ExtractionDirectory() {
-        try {
-            Common::removeTree(path_);
-        } catch (const Common::Error& error) {
-            Common::logWarning() << error;
-        }
+        Common::guarded("couldn't remove an extraction directory", [this] { Common::removeTree(path_); });
     }
     ExtractionDirectory(const ExtractionDirectory&) = delete;
     ExtractionDirectory& operator=(const ExtractionDirectory&) = delete;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <optional>
 #include <regex>
 
 namespace Testbed {
@@ -204,6 +205,20 @@ TEST(LookingAtPackagesAndRecovery, LoseNothingWhenACallFails) {
             }
         });
     }
+}
+
+TEST(TemporaryDirectories, EndWithoutAnExceptionWhenACallFails) {
+    forEachFault(1, [](const Fault& fault, unsigned point) {
+        std::optional<ScratchDirectory> directory(std::in_place);
+        writeFile(directory->path() / "closed/inner/file", "x");
+        fs::permissions(directory->path() / "closed/inner", fs::perms(0));
+        fs::permissions(directory->path() / "closed", fs::perms(0));
+        const auto end = [&directory] {
+            const HeedingModes modes;
+            directory.reset();
+        };
+        return runWithFault(point, fault, end).second;
+    });
 }
 
 /// The place of the first of these calls from a place on.
