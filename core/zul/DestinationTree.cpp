@@ -97,7 +97,8 @@ void DestinationTree::descend(const std::string& name) {
         if (fstatat(current(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode)) {
             refuse("the rpm package has an entry below a symbolic link: ", path);
         }
-        if (made_.contains(path)) {
+        const auto made = made_.find(path);
+        if (made != made_.end() && made->second != Made::Directory) {
             refuse("the rpm package has an entry below a file: ", path);
         }
         errno = error;
