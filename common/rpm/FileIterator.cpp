@@ -51,11 +51,14 @@ const Compressor& compressorOf(Header header) {
 
 // A second open file: its position is its own, whereas that of a duplicated descriptor is shared.
 UniqueFd openAtPayload(const Reader& reader) {
-    const int original = reader.file() != nullptr ? Fileno(reader.file()) : -1;
+    if (reader.file() == nullptr) {
+        throwNotOpened();
+    }
+    const int original = Fileno(reader.file());
     const off_t offset = lseek(original, 0, SEEK_CUR);
     UniqueFd file(open(("/proc/self/fd/" + std::to_string(original)).c_str(), O_RDONLY | O_CLOEXEC));
     if (offset < 0 || !file || lseek(file.get(), offset, SEEK_SET) != offset) {
-        throwNotOpened();
+        throw filesystemError("couldn't open rpm package for extraction");
     }
     return file;
 }
@@ -64,8 +67,12 @@ UniqueFd openAtPayload(const Reader& reader) {
 // passes through.
 bool isGzip(const UniqueFd& file) {
     std::array<char, 2> start{};
-    const auto count = pread(file.get(), start.data(), start.size(), lseek(file.get(), 0, SEEK_CUR));
-    return count == start.size() && start == std::array{'\x1f', '\x8b'};
+    const auto offset = static_cast<std::uint64_t>(lseek(file.get(), 0, SEEK_CUR));
+    const auto count = readAll(file.get(), std::as_writable_bytes(std::span(start)), offset);
+    if (!count) {
+        throw filesystemError("couldn't read payload of rpm package");
+    }
+    return *count == start.size() && start == std::array{'\x1f', '\x8b'};
 }
 
 /// Keeps this thread from running signal handlers: librpm takes a read that one interrupts for a failed one.
@@ -110,9 +117,12 @@ void FileIterator::openPayload(const Reader& reader) {
         stream_ = std::make_unique<GzipStream>(file_.get());
     }
     payload_.reset(fdDup(stream_ ? stream_->descriptor() : file_.get()));
+    if (!payload_) {
+        throw filesystemError("couldn't open rpm package for extraction");
+    }
     // librpm's gzip reader passes the stream's content through, and whole: without it librpm would take a
     // short read, which SIGSTOP is enough for, for the end.
-    if (!payload_ || Fdopen(payload_.get(), compressor.mode) == nullptr) {
+    if (Fdopen(payload_.get(), compressor.mode) == nullptr) {
         throwNotOpened();
     }
 }

@@ -1,11 +1,11 @@
 #include "common/rpm/PackageLayout.h"
 
+#include "common/Files.h"
+
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <span>
-#include <unistd.h>
 
 namespace Common::Rpm {
 
@@ -15,16 +15,13 @@ constexpr std::uint64_t introSize = 16;   // magic and two counts
 constexpr std::uint64_t entrySize = 16;   // of a header's index
 constexpr std::uint64_t mostEntries = 64; // more than librpm lets a signature header have
 
-bool readAt(int file, std::uint64_t offset, std::span<unsigned char> bytes) noexcept {
-    while (!bytes.empty()) {
-        const auto count = pread(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (count <= 0 && !(count < 0 && errno == EINTR)) {
-            return false;
-        }
-        bytes = bytes.subspan(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-        offset += static_cast<std::uint64_t>(std::max<ssize_t>(count, 0));
+/// @return false where the file ends before
+bool readAt(int file, std::uint64_t offset, std::span<unsigned char> bytes) {
+    const auto count = readAll(file, std::as_writable_bytes(bytes), offset);
+    if (!count) {
+        throw filesystemError("couldn't read rpm package");
     }
-    return true;
+    return *count == bytes.size();
 }
 
 std::uint64_t bigEndian(std::span<const unsigned char> bytes) noexcept {
@@ -42,7 +39,7 @@ struct HeaderSize {
     [[nodiscard]] std::uint64_t bytes() const { return introSize + entries * entrySize + data; }
 };
 
-std::optional<HeaderSize> headerSizeAt(int file, std::uint64_t offset) noexcept {
+std::optional<HeaderSize> headerSizeAt(int file, std::uint64_t offset) {
     constexpr std::array<unsigned char, 8> magic{0x8e, 0xad, 0xe8, 0x01, 0, 0, 0, 0};
     std::array<unsigned char, introSize> intro{};
     if (!readAt(file, offset, intro) || !std::equal(magic.begin(), magic.end(), intro.begin())) {
@@ -52,7 +49,7 @@ std::optional<HeaderSize> headerSizeAt(int file, std::uint64_t offset) noexcept 
 }
 
 /// The size in bytes of main header and payload.
-std::optional<std::uint64_t> sizeInSignature(int file, const HeaderSize& signature) noexcept {
+std::optional<std::uint64_t> sizeInSignature(int file, const HeaderSize& signature) {
     constexpr std::uint64_t index = PackageLayout::signatureOffset + introSize;
     for (std::uint64_t place = 0; place < std::min(signature.entries, mostEntries); ++place) {
         std::array<unsigned char, entrySize> entry{};
@@ -75,7 +72,7 @@ std::optional<std::uint64_t> sizeInSignature(int file, const HeaderSize& signatu
 
 } // namespace
 
-std::optional<PackageLayout> readPackageLayout(int file) noexcept {
+std::optional<PackageLayout> readPackageLayout(int file) {
     const auto signature = headerSizeAt(file, PackageLayout::signatureOffset);
     if (!signature) {
         return {};

@@ -16,8 +16,8 @@ struct PackageLayout {
 
 /// Reads the layout without touching the file's position, and nothing but the sizes: whether the package is
 /// one remains to be seen.
-/// @return nothing where there is no signature header, or the file cannot be read
-/// Any thread.
-[[nodiscard]] std::optional<PackageLayout> readPackageLayout(int file) noexcept;
+/// @return nothing where there is no signature header
+/// Throws Error, code Filesystem, when the file cannot be read. Any thread.
+[[nodiscard]] std::optional<PackageLayout> readPackageLayout(int file);
 
 } // namespace Common::Rpm

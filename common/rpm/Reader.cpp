@@ -1,6 +1,7 @@
 #include "common/rpm/Reader.h"
 
 #include "common/Error.h"
+#include "common/Files.h"
 #include "common/rpm/PackageLayout.h"
 #include "common/rpm/Transaction.h"
 
@@ -8,6 +9,7 @@
 #include <rpm/rpmkeyring.h>
 #include <rpm/rpmtd.h>
 
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -18,6 +20,11 @@ namespace {
 void freeTagData(rpmtd container) {
     rpmtdFreeData(container);
     rpmtdFree(container);
+}
+
+/// Whether an open() that failed so may succeed another time.
+bool isPassing(int error) {
+    return error == EIO || error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR;
 }
 
 void requireHeadersWithinBound(FD_t file) {
@@ -41,9 +48,14 @@ rpmRC readHeader(const Transaction& transaction, FD_t file, const std::string& p
 UniqueFd openPackageFile(const std::string& path) {
     // The descriptor is checked, not the path, and O_NONBLOCK keeps a FIFO from waiting for its writer.
     UniqueFd descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!descriptor && isPassing(errno)) {
+        throw filesystemError("couldn't open rpm package");
+    }
     struct stat status {};
-    if (!descriptor || path.find('\0') != std::string::npos || fstat(descriptor.get(), &status) != 0 ||
-        !S_ISREG(status.st_mode)) {
+    if (descriptor && fstat(descriptor.get(), &status) != 0) {
+        throw filesystemError("couldn't look at rpm package");
+    }
+    if (!descriptor || path.find('\0') != std::string::npos || !S_ISREG(status.st_mode)) {
         throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
     }
     return descriptor;
@@ -55,7 +67,7 @@ Reader::Reader(const std::string& path)
 Reader::Reader(const UniqueFd& file, const std::string& path)
     : file_(fdDup(file.get()), Fclose) {
     if (!file_) {
-        throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
+        throw filesystemError("couldn't open rpm package");
     }
     requireHeadersWithinBound(file_.get());
     const Transaction transaction; // loads the configuration that the read needs
@@ -68,6 +80,10 @@ Reader::Reader(const UniqueFd& file, const std::string& path)
     if ((result == RPMRC_NOKEY || result == RPMRC_NOTTRUSTED) && Fseek(file_.get(), 0, SEEK_SET) == 0) {
         rpmtsSetKeyring(transaction.get(), nullptr);
         result = readHeader(transaction, file_.get(), path, header_);
+    }
+    if (result != RPMRC_OK && Ferror(file_.get()) != 0) {
+        throw Error(ErrorCode::Filesystem,
+                    std::string("couldn't read rpm package: ") + Fstrerror(file_.get()));
     }
     if (result != RPMRC_OK || !header_) {
         throw Error(ErrorCode::BadPackage, "couldn't read rpm package");

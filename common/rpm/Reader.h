@@ -13,7 +13,8 @@
 namespace Common::Rpm {
 
 /// Opens a package file for reading. Never blocks on something that is no regular file. Any thread.
-/// Throws Error, code FileNotFound, for what cannot be opened or is no regular file.
+/// Throws Error, code FileNotFound, for what cannot be opened or is no regular file; code Filesystem for an
+/// input or output error, and when there are no descriptors or no memory.
 [[nodiscard]] UniqueFd openPackageFile(const std::string& path);
 
 /// An open package file and its checked header. Copies share both; the file stays open as long as a copy
@@ -34,12 +35,13 @@ public:
     /// something that is no regular file. Starts no process and touches no file but the package and librpm's
     /// configuration, unless the package has an rpm signature: librpm's key database is opened for that.
     /// Throws Error: FileNotFound for what cannot be opened or is no regular file, BadPackage for a file
-    /// whose headers are larger than maximumHeaderSize or that librpm does not accept as a package.
+    /// whose headers are larger than maximumHeaderSize or that librpm does not accept as a package,
+    /// Filesystem when the file cannot be read or opened this time.
     explicit Reader(const std::string& path);
 
     /// Reads the header of a file from openPackageFile(). The reader's descriptor is a duplicate: locks,
     /// leases and the position belong to both. The path is for librpm's messages. Throws Error, code
-    /// BadPackage.
+    /// BadPackage or Filesystem.
     Reader(const UniqueFd& file, const std::string& path);
 
     /// Wraps a header that was read elsewhere, taking over the caller's reference. There is no file then.

@@ -1,6 +1,7 @@
 #include "common/rpm/WholePackage.h"
 
 #include "common/Error.h"
+#include "common/Files.h"
 #include "common/rpm/PackageLayout.h"
 
 #include <rpm/header.h>
@@ -8,11 +9,11 @@
 #include <rpm/rpmtd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <cstddef>
 #include <cstdlib>
-#include <string_view>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <span>
+#include <string>
+#include <type_traits>
 #include <vector>
 
 namespace Common::Rpm {
@@ -33,28 +34,29 @@ PackageLayout layoutOf(const Reader& reader) {
     return *layout;
 }
 
-/// The digest in hexadecimal digits of the bytes from start to end.
+void freeContext(DIGEST_CTX context) { rpmDigestFinal(context, nullptr, nullptr, 0); }
+
+/// The digest in hexadecimal digits of the bytes from start to end; of fewer where the file ends before.
 std::string digestOf(int file, std::uint64_t start, std::uint64_t end, int algorithm) {
-    auto* context = rpmDigestInit(algorithm, RPMDIGEST_NONE);
-    if (context == nullptr) {
+    std::unique_ptr<std::remove_pointer_t<DIGEST_CTX>, void (*)(DIGEST_CTX)> context(
+        rpmDigestInit(algorithm, RPMDIGEST_NONE), freeContext);
+    if (!context) {
         refuse("the payload digest of the rpm package is of an unknown kind");
     }
-    std::vector<char> piece(pieceSize);
+    std::vector<std::byte> piece(pieceSize);
     while (start < end) {
         const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), end - start));
-        const auto count = pread(file, piece.data(), wanted, static_cast<off_t>(start));
-        if (count <= 0 && !(count < 0 && errno == EINTR)) {
-            break; // another digest comes of it
+        const auto count = readAll(file, std::span(piece).first(wanted), start);
+        if (!count) {
+            throw filesystemError("couldn't read rpm package");
         }
-        if (count > 0) {
-            rpmDigestUpdate(context, piece.data(), static_cast<std::size_t>(count));
-            start += static_cast<std::uint64_t>(count);
-        }
+        rpmDigestUpdate(context.get(), piece.data(), *count);
+        start += wanted;
     }
     void* text = nullptr;
-    rpmDigestFinal(context, &text, nullptr, 1);
+    rpmDigestFinal(context.release(), &text, nullptr, 1);
     const std::unique_ptr<char, void (*)(void*)> owner(static_cast<char*>(text), std::free);
-    return start == end && owner ? owner.get() : "";
+    return owner ? owner.get() : "";
 }
 
 } // namespace
@@ -64,9 +66,7 @@ std::uint64_t packageLength(const Reader& reader) {
         refuse("the package is a source package");
     }
     const auto layout = layoutOf(reader);
-    struct stat status {};
-    if (fstat(descriptorOf(reader), &status) != 0 ||
-        *layout.endOffset > static_cast<std::uint64_t>(status.st_size)) {
+    if (*layout.endOffset > sizeOf(descriptorOf(reader))) {
         refuse("the rpm package is cut off");
     }
     return *layout.endOffset;

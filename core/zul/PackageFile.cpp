@@ -1,6 +1,7 @@
 #include "core/zul/PackageFile.h"
 
 #include "common/Error.h"
+#include "common/Files.h"
 
 #include <cerrno>
 #include <csignal>
@@ -15,18 +16,10 @@ using Common::ErrorCode;
 
 namespace {
 
-struct stat statusOf(const std::filesystem::path& path) {
+struct stat statusOf(int file) {
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0) {
-        throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
-    }
-    return status;
-}
-
-struct stat statusOf(const Common::UniqueFd& file) {
-    struct stat status {};
-    if (fstat(file.get(), &status) != 0) {
-        throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
+    if (fstat(file, &status) != 0) {
+        throw Common::filesystemError("couldn't look at rpm package");
     }
     return status;
 }
@@ -60,7 +53,7 @@ PackageFile::PackageFile(const std::filesystem::path& path)
 // the file's. The reader's descriptor shares the lease and keeps it.
 PackageFile::PackageFile(const Common::UniqueFd& file, const std::filesystem::path& path)
     : isLeased_(takeLease(file, path))
-    , opened_(statusOf(file))
+    , opened_(statusOf(file.get()))
     , reader_(file, path.native()) {
     requireUnchanged();
 }
@@ -71,16 +64,19 @@ std::filesystem::path PackageFile::openFile() const {
 
 void PackageFile::requireUnchanged() const {
     const int file = Fileno(reader_.file());
-    struct stat status {};
     const bool isLeaseLost = isLeased_ && fcntl(file, F_GETLEASE) != F_RDLCK;
-    if (isLeaseLost || fstat(file, &status) != 0 || identity(status) != identity(opened_)) {
+    if (isLeaseLost || identity(statusOf(file)) != identity(opened_)) {
         throw Error(ErrorCode::BadPackage,
                     "the package file was replaced or opened for writing while it was in use");
     }
 }
 
 void PackageFile::requireSame(const std::filesystem::path& path) const {
-    if (identity(statusOf(path)) != identity(opened_)) {
+    const auto status = Common::statusOf(path);
+    if (!status) {
+        throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
+    }
+    if (identity(*status) != identity(opened_)) {
         throw Error(ErrorCode::BadPackage,
                     "the package file is not the one that was validated: " + path.native());
     }

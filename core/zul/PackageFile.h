@@ -30,11 +30,11 @@ public:
     [[nodiscard]] std::filesystem::path openFile() const;
 
     /// Throws Common::Error, code BadPackage, when the file was written to, or opened for it, since it was
-    /// opened here.
+    /// opened here; Filesystem when that cannot be found out.
     void requireUnchanged() const;
 
     /// Throws Common::Error, code BadPackage, when the path leads to anything but this file, unchanged;
-    /// FileNotFound when it leads nowhere.
+    /// FileNotFound when it leads nowhere; Filesystem when that cannot be found out.
     void requireSame(const std::filesystem::path& path) const;
 
 private:
