@@ -262,14 +262,17 @@ FileList::FileList(Header header)
     if (!files_) {
         throwUnusable();
     }
-    requireLinksInOrder();
+    requireUsableLinks();
 }
 
 // librpm expects the content of a hard-link set at the last of its names in the list.
-void FileList::requireLinksInOrder() const {
+void FileList::requireUsableLinks() const {
     for (int file = 0; file < size(); ++file) {
         const int* links = nullptr;
         const auto count = rpmfilesFLinks(files_.get(), file, &links);
+        if (count > mostLinks) {
+            throw Error(ErrorCode::BadPackage, "the rpm package has a file with too many hard links");
+        }
         const bool isFirst = count > 1 && links != nullptr && *links == file;
         if (isFirst && !std::is_sorted(links, links + count, [this](int left, int right) {
                 return headerIndex(left) < headerIndex(right);

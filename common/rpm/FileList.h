@@ -3,6 +3,7 @@
 #include <rpm/rpmfiles.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -15,8 +16,12 @@ namespace Common::Rpm {
 /// a time.
 class FileList {
 public:
+    /// The names that one file may have. librpm compares each name of a set with each when it reads them.
+    static constexpr std::uint32_t mostLinks = 1000;
+
     /// Throws Error, code BadPackage, where the header's arrays do not go together, one of them is of the
-    /// wrong type, a name has PATH_MAX bytes or more, or the names of a hard-link set are not in order.
+    /// wrong type, a name has PATH_MAX bytes or more, or a hard-link set has more than mostLinks names or
+    /// does not have them in order.
     /// librpm never gives back the memory of some lists that it refuses, and does not limit the number of
     /// directories: such lists do not reach it. Nor do the header's own inode and device numbers.
     explicit FileList(Header header);
@@ -36,7 +41,7 @@ public:
     }
 
 private:
-    void requireLinksInOrder() const;
+    void requireUsableLinks() const;
 
     std::vector<int> order_;
     std::unique_ptr<std::remove_pointer_t<rpmfiles>, rpmfiles (*)(rpmfiles)> files_;

@@ -213,6 +213,23 @@ TEST_F(PackageReader, HandsNoPairsOfDeviceAndInodeToLibrpmThatThePackageChose) {
     EXPECT_LE(*numbers.rbegin(), count);
 }
 
+TEST_F(PackageReader, TakesOnlySoManyNamesOfOneFile) {
+    std::vector<Testbed::CraftedEntry> entries(Common::Rpm::FileList::mostLinks);
+    for (auto& entry : entries) {
+        entry = {.directory = "/a/", .name = std::to_string(10000 + (&entry - entries.data())), .inode = 7};
+    }
+    const auto list = [&] {
+        Testbed::craftPackage(in("package.rpm"), entries);
+        return Common::Rpm::FileList(Reader(in("package.rpm").string()).header());
+    };
+    EXPECT_EQ(list().firstLink(999), 0);
+    entries.push_back({.directory = "/b/", .name = "b"});
+    EXPECT_EQ(list().size(), 1001);
+    entries.back().inode = 7;
+    EXPECT_THAT(list,
+                testing::ThrowsMessage<Common::Error>("the rpm package has a file with too many hard links"));
+}
+
 TEST_F(PackageReader, StartsNoProcessAndLeavesTheHomeDirectoryAlone) {
     const Testbed::LogCapture librpmsOwnLines;
     const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", "x"}}});
