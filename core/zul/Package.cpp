@@ -5,6 +5,7 @@
 #include "common/rpm/ExtractFileIterator.h"
 #include "common/rpm/FileIterator.h"
 #include "common/rpm/WholePackage.h"
+#include "core/zul/Edge.h"
 #include "core/zul/Extraction.h"
 #include "core/zul/PackageFile.h"
 #include "core/zul/PackageNames.h"
@@ -85,7 +86,7 @@ bool isSystemDeveloperKey(const std::string& keyId, const std::filesystem::path&
 
 } // namespace
 
-Package Package::fromFile(const std::filesystem::path& file, const Authorities& authorities) {
+Package Package::fromFile(const std::filesystem::path& file, const Authorities& authorities) try {
     auto opened = std::make_shared<PackageFile>(file);
     const auto& header = opened->reader();
     const auto id = header.getStringTag(RPMTAG_NAME);
@@ -113,6 +114,8 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     // All that was looked at since the header was read came from one and the same file.
     package.file_->requireUnchanged();
     return package;
+} catch (...) {
+    throwAsError();
 }
 
 void Package::readManifest(const std::exception_ptr& refusal) {
@@ -156,7 +159,7 @@ void Package::readSignatures(const Authorities& authorities) {
 }
 
 void Package::extract(const std::filesystem::path& file, const std::filesystem::path& destination,
-                      const AttributeWriter& attributes) const {
+                      const AttributeWriter& attributes) const try {
     if (file_) {
         file_->requireSame(file);
     }
@@ -172,6 +175,8 @@ void Package::extract(const std::filesystem::path& file, const std::filesystem::
         Common::logError() << error;
         throw Error(ErrorCode::Filesystem, "couldn't make directory to extract package into");
     }
+} catch (...) {
+    throwAsError();
 }
 
 } // namespace Core::ZUL

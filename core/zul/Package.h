@@ -55,6 +55,7 @@ public:
     ///   BadPackageSignature
     /// - a payload that does not have the header's digest: BadPackage
     /// - a file that is written to, or opened for it, meanwhile: BadPackage
+    /// What cannot be read or done this time is Filesystem or Internal.
     [[nodiscard]] static Package fromFile(const std::filesystem::path& file,
                                           const Authorities& authorities = {});
 
@@ -67,7 +68,7 @@ public:
     /// one that is not, unchanged and unopened for writing to the end, the file that fromFile() validated;
     /// BadPackage for a payload that is damaged, not what its header says or that reaches for places outside;
     /// BadPackageSignature for a file to be signed in a package that has no developer's signature;
-    /// Filesystem.
+    /// Filesystem; Internal for whatever else the attribute writer or a library throws.
     /// @param destination  made with missing parents if it does not exist
     /// @param attributes   how attributes are attached; for tests and for systems that cannot hold them
     void extract(const std::filesystem::path& file, const std::filesystem::path& destination,

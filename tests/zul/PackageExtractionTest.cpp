@@ -5,9 +5,11 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <map>
+#include <stdexcept>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace Testbed {
@@ -160,6 +162,19 @@ TEST_F(AnExtraction, AttachesTheSignaturesThatEachFileShouldHave) {
     EXPECT_EQ(attributeOf(destination / "bin/tool", "security.appid"), "com.example.app");
     EXPECT_EQ(attributeOf(destination / "bin/tool", "security.ima"),
               package.developerCms()->fileSignature(2));
+}
+
+TEST_F(AnExtraction, ThrowsNothingButErrors) {
+    const auto file = signedPackage({.files = {{"/usr/bin/tool", "x", "0755"}}});
+    const auto package = Package::fromFile(file, authorities);
+    const auto failureWith = [&](const auto& exception) {
+        return failureOf(
+            [&] { package.extract(file, destination, [&](auto&&...) -> int { throw exception; }); });
+    };
+    EXPECT_EQ(failureWith(std::out_of_range("no such file")),
+              std::pair(ErrorCode::Internal, std::string("no such file")));
+    EXPECT_THAT(failureWith(std::system_error(EIO, std::generic_category(), "writer")),
+                testing::Pair(ErrorCode::Filesystem, HasSubstr("writer")));
 }
 
 TEST_F(AnExtraction, WorksOnTheFileThatWasValidatedAndNoOther) {
