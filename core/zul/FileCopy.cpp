@@ -66,7 +66,7 @@ void copyAttributes(int from, int to) {
 
 } // namespace
 
-void copyFile(int from, int to) {
+void copyFile(int from, int to, const std::map<std::string, std::string>& more) {
     const auto status = statusOf(from);
     copyContent(from, to, status.st_size);
     // In this order: writing and changing the owner take mode bits and capabilities away, the mode may forbid
@@ -75,6 +75,11 @@ void copyFile(int from, int to) {
         throw filesystemError("couldn't set owner");
     }
     copyAttributes(from, to);
+    for (const auto& [name, value] : more) {
+        if (fsetxattr(to, name.c_str(), value.data(), value.size(), 0) != 0) {
+            throw filesystemError("couldn't attach extended attribute " + name);
+        }
+    }
     if (fchmod(to, status.st_mode & 07777) != 0) {
         throw filesystemError("couldn't set mode");
     }

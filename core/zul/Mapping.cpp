@@ -187,12 +187,7 @@ void Mapping::createCopy(const MappedFile& file, int parent) const {
         throw filesystemError(message);
     }
     try {
-        copyFile(openPackageFile(file).get(), copy.get());
-        const auto path = file.path().native();
-        if (fsetxattr(copy.get(), marker, path.data(), path.size(), 0) != 0) {
-            throw filesystemError(std::string("couldn't attach ") + marker + " extended attribute to " +
-                                  target_.native());
-        }
+        copyFile(openPackageFile(file).get(), copy.get(), {{marker, file.path().native()}});
         // A name without the marker would be a system file for ever after a loss of power.
         if (fsync(copy.get()) != 0 || renameat(parent, SystemTree::pendingName, parent, name_.c_str()) != 0) {
             throw filesystemError(message);

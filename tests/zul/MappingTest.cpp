@@ -71,6 +71,19 @@ TEST_F(AMapping, OfAPackageWithADirectoryToCopyIsACopyWithEverythingTheFileHas) 
     EXPECT_THAT(mappings(), IsEmpty());
 }
 
+TEST_F(AMapping, CanBeACopyOfAFileThatItsOwnerMayNotWrite) {
+    const auto unpacked = extract({{"connman/plugin/vpn.so", "v"}});
+    fs::permissions(unpacked / "connman/plugin/vpn.so", fs::perms(0444));
+    const HeedingModes heeding;
+    database.install(app, entries, unpacked);
+    const auto copy = system / "usr/lib/connman/plugins-vpn/vpn.so";
+    EXPECT_EQ(fs::status(copy).permissions(), fs::perms(0444));
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/lib/connman/plugins-vpn/vpn.so",
+                                             path("current/connman/plugin/vpn.so"))));
+    database.remove(app.id());
+    EXPECT_FALSE(fs::exists(copy));
+}
+
 TEST_F(AMapping, ReplacesAnotherPackagesButRollsBackAtASystemFile) {
     install(Package("other", "1-1"), {{"bin/tool", "other"}});
     install(app, {{"bin/tool", "x"}});
