@@ -74,11 +74,17 @@ fs::path openSystem(const fs::path& directory) {
     return fs::canonical(directory);
 }
 
-/// Clears away what a process left that was killed, and brings the mappings in line.
+/// Clears away what a process left that was killed, and brings the mappings in line. A package whose mappings
+/// cannot be made does not keep the others from theirs.
 void recover(Database& database) {
     static_cast<void>(database.recoverDatabase());
     for (const auto& [directory, record] : database.packages()) {
-        database.refreshMappings(record.at("general.id"));
+        const auto& id = record.at("general.id");
+        try {
+            database.refreshMappings(id);
+        } catch (const Common::Error& error) {
+            std::cerr << id << ": " << Common::errorNameOf(error.code()) << ": " << error.what() << '\n';
+        }
     }
 }
 

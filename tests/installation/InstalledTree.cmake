@@ -125,6 +125,10 @@ file(GLOB versions RELATIVE ${system}/apps/com.example.sample ${system}/apps/com
 if(NOT versions STREQUAL "2.0-1;current")
     message(FATAL_ERROR "the upgrade leaves ${versions}")
 endif()
+# A package whose mappings cannot be made does not keep the program from its work.
+file(WRITE ${system}/apps/com.example.sample/current/bin/tool text)
+file(WRITE ${system}/system/usr/bin text)
+expect(0 "com.example.sample: norvane.ZUL.Error.Filesystem.*com.example.sample 2.0-1\n" ${manager})
 run(${manager} remove com.example.sample)
 if(EXISTS ${system}/apps/com.example.sample)
     message(FATAL_ERROR "the package is not removed")
