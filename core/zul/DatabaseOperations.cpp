@@ -156,6 +156,7 @@ void Database::completeUpgrade(const Package& package) try {
         }
     }
     const auto plan = planMappings(package, directory.next());
+    const auto newName = directory.versionNameOf(directory.next());
     if (const auto installed = directory.versionOf(directory.current()); !installed.empty()) {
         Common::replaceLink(directory.fallback(), installed);
     }
@@ -172,7 +173,7 @@ void Database::completeUpgrade(const Package& package) try {
         throw;
     }
     recordEvent(Event::PackageUpgraded, ErrorCode::None,
-                "package " + package.id() + " upgraded to " + directory.versionNameOf(directory.current()));
+                "package " + package.id() + " upgraded to " + newName);
     try {
         directory.sweep("couldn't cleanup previous version of the package: ");
     } catch (const std::exception& error) {

@@ -56,12 +56,13 @@ void Database::recoverPackage(const PackageDirectory& directory, std::vector<std
                                          "couldn't cleanup corrupted next symlink: ");
     }
     if (isUsable) {
+        const auto newName = directory.versionNameOf(directory.next());
         if (rename(directory.next().c_str(), directory.current().c_str()) == 0) {
             const auto name = directory.path().filename().native();
             completed.push_back(name);
             Common::logInfo() << "package " << name << " successfully upgraded";
             recordEvent(Event::PackageUpgraded, ErrorCode::None,
-                        "package " + name + " upgraded to " + directory.versionNameOf(directory.current()));
+                        "package " + name + " upgraded to " + newName);
             Common::flushDirectory(directory.path());
         } else {
             Common::logWarning() << "couldn't rename next symlink to the current: "
