@@ -140,7 +140,7 @@ private:
     [[nodiscard]] MappingList removeMappingsOf(const PackageDirectory& directory,
                                                const std::string& message) const;
     void removeAll(const PackageDirectory& directory, bool isUnmapped) const;
-    void putBack(const PackageDirectory& directory);
+    void putBack(const PackageDirectory& directory) noexcept;
     void removeTempDirectory() const;
     void recoverPackage(const PackageDirectory& directory, std::vector<std::string>& completed);
 

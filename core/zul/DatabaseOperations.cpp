@@ -1,4 +1,5 @@
 #include "common/Files.h"
+#include "common/Guard.h"
 #include "common/LogLine.h"
 #include "common/rpm/Version.h"
 #include "core/zul/Database.h"
@@ -183,28 +184,41 @@ void Database::completeUpgrade(const Package& package) try {
     throwAsError();
 }
 
-/// After a completion that failed: the old version is installed and the new one prepared again.
-void Database::putBack(const PackageDirectory& directory) {
-    const auto& current = directory.current();
-    if (!Common::exists(directory.fallback()) || rename(current.c_str(), directory.next().c_str()) != 0 ||
-        rename(directory.fallback().c_str(), current.c_str()) != 0) {
-        if (unlink(current.c_str()) != 0 && errno != ENOENT) {
-            Common::logWarning() << "couldn't clean up current directory after interrupted upgrade: "
-                                 << quoted(current) << std::generic_category().message(errno);
+/// After a completion that failed: the old version is installed and the new one prepared again. If that is
+/// impossible the new one stays installed: a package without "current" would be lost.
+void Database::putBack(const PackageDirectory& directory) noexcept {
+    const auto current = directory.current();
+    const auto fallback = directory.fallback();
+    const auto exchange = [&] {
+        if (renameat2(AT_FDCWD, fallback.c_str(), AT_FDCWD, current.c_str(), RENAME_EXCHANGE) != 0) {
+            throw Common::filesystemError("couldn't put back " + current.native());
         }
-        return;
-    }
+    };
+    const auto putLinksBack = [&] {
+        if (!Common::linkTarget(fallback)) {
+            if (unlink(current.c_str()) != 0 && errno != ENOENT) {
+                Common::logWarning() << "couldn't clean up current directory after interrupted upgrade: "
+                                     << quoted(current) << std::generic_category().message(errno);
+            }
+            return;
+        }
+        // There is a "current" all the time.
+        exchange();
+        if (rename(fallback.c_str(), directory.next().c_str()) != 0) {
+            const auto failure = Common::filesystemError("couldn't put back " + directory.next().native());
+            exchange();
+            throw failure;
+        }
+        Common::flushDirectory(directory.path());
+        Mappings::keepListOf(directory.next(), current);
+    };
     // What fails here is made up for by the next refresh, which knows of mappings that could not be removed.
-    const std::function<void()> steps[] = {[&] { Common::flushDirectory(directory.path()); },
-                                           [&] { Mappings::keepListOf(directory.next(), current); },
-                                           [&] { refreshMappings(directory.path().filename()); }};
-    for (const auto& step : steps) {
-        try {
-            step();
-        } catch (const Error& error) {
-            Common::logFailure(Common::LogLevel::Warning, "couldn't refresh the previous version", error);
+    Common::guarded("couldn't put back the previous version", putLinksBack);
+    Common::guarded("couldn't refresh the previous version", [&] {
+        if (Common::exists(current)) {
+            refreshMappings(directory.path().filename());
         }
-    }
+    });
 }
 
 void Database::remove(const std::string& packageId) try {

@@ -1,3 +1,4 @@
+#include "common/Files.h"
 #include "tests/zul/DatabaseTest.h"
 #include "tests/zul/InterruptedProcess.h"
 
@@ -187,6 +188,62 @@ TEST_P(DatabaseOperations, LoseNothingWhenACallFails) {
     loseNothing(operation, isCopying,
                 [&](DatabaseOnDisk& disk) { makeStateBefore(disk, operation, isCopying); });
 }
+
+/// What a package and its neighbour have in the system directories.
+Files mappingsWithNeighbour(const DatabaseOnDisk& disk, const std::string& version, bool isCopying) {
+    auto expected = mappingsOf(disk.root / id, filesOf(version, isCopying));
+    expected.merge(mappingsOf(disk.root / "neighbour", neighbour));
+    return expected;
+}
+
+class ACompletionThatFails : public testing::TestWithParam<std::tuple<bool, bool>> {};
+
+TEST_P(ACompletionThatFails, LeavesAVersionInServiceAndSucceedsLaterWithoutARestart) {
+    const auto operation = *std::find_if(operations.begin(), operations.end(),
+                                         [](const auto& one) { return one.run == completeUpgrade; });
+    const auto [isCopying, isObstructed] = GetParam();
+    forEachFault(
+        17, [&, isCopying = isCopying, isObstructed = isObstructed](const Fault& fault, unsigned point) {
+            DatabaseOnDisk disk;
+            EXPECT_EQ(runInChild([&] { makeStateBefore(disk, operation, isCopying); }), End::Finished);
+            const Package package(id, "2");
+            const auto obstacle = disk.system / "usr/bin/only-in-2";
+            if (isObstructed) {
+                // Then the call that fails may be one that puts the old version back.
+                fs::create_directory(obstacle);
+            }
+            const auto [end, wasMet] = runWithFault(point, fault, [&] { completeUpgrade(disk, package); });
+            EXPECT_EQ(disk.database.packages().size(), 2U);
+            const auto installed = disk.installedVersion(id);
+            const bool isPrepared = Common::linkTarget(disk.root / id / "next").has_value();
+            const bool isGivenUp = installed == "1" && !isPrepared;
+            EXPECT_TRUE(!isGivenUp || (isObstructed && fault.goesOn));
+            // When one call failed, all that followed from it worked.
+            if (end == End::Failed && !fault.goesOn && !isObstructed) {
+                EXPECT_EQ(installed, "1");
+                EXPECT_EQ(disk.mappings(), mappingsWithNeighbour(disk, "1", isCopying));
+            }
+            if (isObstructed) {
+                EXPECT_EQ(end, End::Failed);
+                fs::remove(obstacle);
+            }
+            // Mappings that could not be removed are left to the next refresh.
+            EXPECT_EQ(runInChild([&] {
+                          isPrepared ? completeUpgrade(disk, package) : disk.database.refreshMappings(id);
+                      }),
+                      End::Finished);
+            const auto* last = isGivenUp ? "1" : "2";
+            EXPECT_EQ(disk.installedVersion(id), last);
+            EXPECT_EQ(disk.mappings(), mappingsWithNeighbour(disk, last, isCopying));
+            return wasMet;
+        });
+}
+
+INSTANTIATE_TEST_SUITE_P(With, ACompletionThatFails, testing::Combine(testing::Bool(), testing::Bool()),
+                         [](const auto& parameter) {
+                             return std::string(std::get<0>(parameter.param) ? "Copies" : "Links") +
+                                    (std::get<1>(parameter.param) ? "AndAnObstacle" : "");
+                         });
 
 TEST(LookingAtPackagesAndRecovery, LoseNothingWhenACallFails) {
     const auto look = [](DatabaseOnDisk& disk, const Package& /*package*/) {
