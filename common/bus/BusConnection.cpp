@@ -60,8 +60,9 @@ void BusConnection::sent() {
 }
 
 bool BusConnection::isLoss(const sdbus::Error& error) {
-    static constexpr std::array names{"System.Error.ENOTCONN", "System.Error.ECONNRESET",
-                                      "System.Error.EPIPE", "System.Error.ESHUTDOWN"};
+    static constexpr std::array names{"org.freedesktop.DBus.Error.Disconnected", "System.Error.ENOTCONN",
+                                      "System.Error.ECONNRESET", "System.Error.EPIPE",
+                                      "System.Error.ESHUTDOWN"};
     const bool isLoss = std::find(names.begin(), names.end(), error.getName()) != names.end() ||
                         (error.getName() == "org.freedesktop.DBus.Error.NoReply" &&
                          error.getMessage() == "Connection terminated");
