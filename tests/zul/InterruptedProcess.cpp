@@ -15,6 +15,7 @@
 #include <iostream>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <random>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -262,11 +263,15 @@ End runInterrupted(unsigned callsBefore, const std::function<void()>& action) {
 void forEachFault(unsigned stride, const std::function<bool(const Fault&, unsigned callsBefore)>& attempt) {
     constexpr std::array faults{Fault{"EIO", EIO, false, false}, Fault{"ENOSPC", ENOSPC, false, true},
                                 Fault{"full disk", ENOSPC, true, true}, Fault{"EROFS", EROFS, true, true}};
+    const unsigned step = getenv("VENDARA_ALL_FAULTS") != nullptr ? 1 : stride;
+    const char* given = getenv("VENDARA_FAULT_SEED");
+    const auto seed =
+        given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device()();
+    std::cout << "VENDARA_FAULT_SEED=" << seed << std::endl;
     unsigned count = 0;
     for (const auto& fault : faults) {
         bool wasMet = true;
-        for (unsigned point = 0; wasMet && !testing::Test::HasFailure();
-             point += getenv("VENDARA_ALL_FAULTS") != nullptr ? 1 : stride) {
+        for (unsigned point = seed % step; wasMet && !testing::Test::HasFailure(); point += step) {
             SCOPED_TRACE(std::string(fault.name) + " at call " + std::to_string(point));
             wasMet = attempt(fault, point);
             count += wasMet ? 1 : 0;
