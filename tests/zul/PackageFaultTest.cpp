@@ -1,4 +1,4 @@
-#include "tests/zul/InterruptedProcess.h"
+#include "testbed/InterruptedProcess.h"
 #include "tests/zul/SignedPackage.h"
 
 #include <algorithm>

@@ -34,8 +34,7 @@ struct Fault {
 };
 
 /// Calls a function for each kind of fault and each n-th call until it returns that there was no such call.
-/// The first of them follows from a random seed, so that repeated runs try all. The seed is printed, and
-/// given by VENDARA_FAULT_SEED in the environment.
+/// Where the first of them is follows from VENDARA_FAULT_SEED in the environment, a number.
 /// @param stride  distance of the calls that are tried; 1 when the environment has VENDARA_ALL_FAULTS
 /// @param attempt  returns whether the call to fail was met
 void forEachFault(unsigned stride, const std::function<bool(const Fault&, unsigned callsBefore)>& attempt);
