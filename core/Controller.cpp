@@ -5,8 +5,6 @@
 #include "core/zul/Database.h"
 
 #include <algorithm>
-#include <asio/use_awaitable.hpp>
-
 namespace Core {
 
 namespace {
@@ -123,10 +121,8 @@ asio::awaitable<void> Controller::upgradeSettled(std::string packageId) {
     }
 }
 
-// Not before enqueue() has returned: nobody shall wait for more than the status that it sets.
 asio::awaitable<void> Controller::work() {
     try {
-        co_await asio::post(loop_.context(), asio::use_awaitable);
         while (!queue_.empty() && !isFinishing_) {
             takeNext();
             co_await carryOut();

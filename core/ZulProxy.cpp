@@ -117,6 +117,7 @@ asio::awaitable<ZulProxy::PackageList> ZulProxy::getPackageList(Common::TimePoin
     if (!call) {
         call = std::make_shared<ListCall>(loop_.context());
         if (listCalls_ < maximumListCalls) {
+            ++listCalls_;
             loop_.spawn("couldn't list packages", listPackages(call));
         } else {
             nextList_ = call;
@@ -145,7 +146,6 @@ asio::awaitable<void> ZulProxy::callOperation(std::string method, Arguments... a
 
 asio::awaitable<void> ZulProxy::listPackages(std::shared_ptr<ListCall> call) {
     using Packages = std::vector<Common::PackageProperties>;
-    ++listCalls_;
     try {
         Common::RemoteObject* object =
             co_await service(Common::TimePoint::clock::now() + Common::defaultTimeout);
@@ -159,6 +159,7 @@ asio::awaitable<void> ZulProxy::listPackages(std::shared_ptr<ListCall> call) {
     --listCalls_;
     call->ended.set();
     if (nextList_) {
+        ++listCalls_;
         loop_.spawn("couldn't list packages", listPackages(std::exchange(nextList_, nullptr)));
     }
 }

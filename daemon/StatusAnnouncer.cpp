@@ -4,7 +4,6 @@
 #include "common/Names.h"
 
 #include <algorithm>
-#include <asio/use_awaitable.hpp>
 #include <optional>
 
 namespace Daemon {
@@ -89,9 +88,7 @@ void StatusAnnouncer::hurry() {
     }
 }
 
-// Not before add() has returned: who calls it has not finished with the operation.
 asio::awaitable<void> StatusAnnouncer::run(std::string busName) {
-    co_await asio::post(loop_.context(), asio::use_awaitable);
     auto& lane = batches_.at(busName); // stays where it is, whatever else is added
     while (!lane.empty()) {
         const auto batch = lane.front();

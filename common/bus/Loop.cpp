@@ -39,12 +39,14 @@ void Loop::onTermination(std::function<void()> handler) {
 }
 
 void Loop::spawn(std::string_view words, asio::awaitable<void> coroutine) {
-    asio::co_spawn(context_, std::move(coroutine),
-                   [words = std::string(words)](const std::exception_ptr& failure) {
-                       if (failure) {
-                           guarded(words, [&] { std::rethrow_exception(failure); });
-                       }
-                   });
+    asio::post(context_, [this, words = std::string(words), coroutine = std::move(coroutine)]() mutable {
+        asio::co_spawn(context_, std::move(coroutine),
+                       [words = std::move(words)](const std::exception_ptr& failure) {
+                           if (failure) {
+                               guarded(words, [&] { std::rethrow_exception(failure); });
+                           }
+                       });
+    });
 }
 
 void Loop::countJob() {

@@ -67,7 +67,8 @@ public:
     /// Calls the handler at the first SIGTERM or SIGINT; a second one kills the process. Once.
     void onTermination(std::function<void()> handler);
 
-    /// Starts a coroutine that nobody waits for. An exception is logged, after the words.
+    /// Starts a coroutine that nobody waits for, in a later turn of the loop: never inside a handler of a
+    /// bus, which holds that connection's lock. An exception is logged, after the words.
     void spawn(std::string_view words, asio::awaitable<void> coroutine);
 
     /// Has the helper thread run work(), after the jobs that were begun before.
