@@ -251,4 +251,17 @@ std::vector<std::string> Client::packageSignals() const {
     return packageSignals_;
 }
 
+bool waitForService() {
+    const auto service =
+        sdbus::createProxy(sdbus::createSessionBusConnection(), "norvane.Vendara", "/norvane/Vendara");
+    return waitUntil([&] {
+        try {
+            service->callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
+            return true;
+        } catch (const sdbus::Error&) {
+            return false;
+        }
+    });
+}
+
 } // namespace Testbed

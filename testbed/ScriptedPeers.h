@@ -178,4 +178,7 @@ private:
     std::unique_ptr<sdbus::IProxy> proxy_;
 };
 
+/// @return whether the service answers on the session bus within the limit of waitUntil()
+[[nodiscard]] bool waitForService();
+
 } // namespace Testbed

@@ -37,16 +37,7 @@ void DaemonTest::startDaemon() {
     const auto command =
         "mount --bind " + etc.string() + " /etc && " + preparation + " && exec " VENDARA_DAEMON;
     daemon.emplace(inNamespace(command), Process::Options{{{"HOME", scratch.path()}}, {}, {}});
-    auto service =
-        sdbus::createProxy(sdbus::createSessionBusConnection(), "norvane.Vendara", "/norvane/Vendara");
-    ASSERT_TRUE(waitUntil([&] {
-        try {
-            service->callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
-            return true;
-        } catch (const sdbus::Error&) {
-            return false;
-        }
-    })) << daemon->output();
+    ASSERT_TRUE(waitForService()) << daemon->output();
 }
 
 std::vector<std::string> DaemonTest::inNamespace(const std::string& command) {

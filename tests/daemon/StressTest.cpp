@@ -120,16 +120,7 @@ TEST(UnderASoak, TheDaemonAccountsForEveryOperation) {
     const PrivateBuses buses;
     const auto package = buildPackage(scratch.path(), {});
     Process daemon({VENDARA_DAEMON}, {{{"HOME", scratch.path()}}, {}, {}});
-    const auto connection = sdbus::createSessionBusConnection();
-    const auto service = sdbus::createProxy(*connection, "norvane.Vendara", "/norvane/Vendara");
-    ASSERT_TRUE(waitUntil([&] {
-        try {
-            service->callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
-            return true;
-        } catch (const sdbus::Error&) {
-            return false;
-        }
-    }));
+    ASSERT_TRUE(waitForService()) << daemon.output();
     EXPECT_EQ(soak({}, package), "") << daemon.output().substr(0, 3000);
     daemon.signal(SIGTERM);
     EXPECT_EQ(daemon.wait(), 0) << daemon.output();
