@@ -5,14 +5,20 @@
 #include <rpm/rpmlib.h>
 #include <rpm/rpmmacro.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <glob.h>
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <utility>
+#include <vector>
 
 namespace Common::Rpm {
 
@@ -34,34 +40,50 @@ std::string configurationFiles() {
     return files;
 }
 
-void append(std::string& stamp, const char* path) {
+// Paths, each with what tells its state from any other; -1 where nothing is.
+using Stamps = std::map<std::string, std::array<long, 6>>;
+
+std::array<long, 6> stampOf(const std::string& path) {
     struct stat status {};
-    if (stat(path, &status) == 0) {
-        for (const auto number :
-             {static_cast<long>(status.st_ino), static_cast<long>(status.st_size), status.st_mtim.tv_sec,
-              status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec}) {
-            stamp += std::to_string(number) + ' ';
-        }
-        stamp += path;
+    if (stat(path.c_str(), &status) != 0) {
+        return {-1};
     }
+    return {static_cast<long>(status.st_ino), status.st_size,        status.st_mtim.tv_sec,
+            status.st_mtim.tv_nsec,           status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
 }
 
-// Differs when any of the files has changed.
-std::string stampOfFiles() {
-    std::string stamp;
-    const auto files = configurationFiles();
-    for (std::size_t begin = 0; begin < files.size();) {
-        const auto end = files.find(':', begin);
-        glob_t found{};
-        if (glob(files.substr(begin, end - begin).c_str(), GLOB_TILDE, nullptr, &found) == 0) {
-            for (std::size_t index = 0; index < found.gl_pathc; ++index) {
-                append(stamp, found.gl_pathv[index]);
+std::vector<std::string> matches(const std::string& pattern) {
+    glob_t found{};
+    std::vector<std::string> paths;
+    if (glob(pattern.c_str(), GLOB_TILDE | GLOB_NOCHECK, nullptr, &found) == 0) {
+        paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
+    }
+    globfree(&found);
+    return paths;
+}
+
+// The state of all files of the configuration, and of the directories in which further ones may appear.
+Stamps stampsOfFiles() {
+    Stamps stamps;
+    std::istringstream patterns(configurationFiles());
+    for (std::string pattern; std::getline(patterns, pattern, ':');) {
+        const std::filesystem::path path(pattern);
+        for (const auto& directory : matches(path.parent_path() / "")) {
+            const auto files = matches(directory + path.filename().string());
+            for (const auto& file : files) {
+                stamps[file] = stampOf(file);
+            }
+            if (path.filename().string().find_first_of("*?[") != std::string::npos) {
+                stamps[directory] = stampOf(directory);
             }
         }
-        globfree(&found);
-        begin = end + 1;
     }
-    return stamp;
+    return stamps;
+}
+
+bool haveChanged(const Stamps& stamps) {
+    return std::any_of(stamps.begin(), stamps.end(),
+                       [](const auto& entry) { return stampOf(entry.first) != entry.second; });
 }
 
 // All macros, as the load has left them.
@@ -81,13 +103,13 @@ std::string macroTable() {
 } // namespace
 
 void readRpmConfiguration() {
-    static std::string trusted;      // the stamp of a load that needs no repetition
+    static Stamps trusted;           // of a load that needs no repetition
     static std::size_t previous = 0; // what the last load has given
-    // Taken before the load, so that a change during it is seen at the next one.
-    auto stamp = stampOfFiles();
-    if (!stamp.empty() && stamp == trusted) {
+    if (!trusted.empty() && !haveChanged(trusted)) {
         return;
     }
+    // Taken before the load, so that a change during it is seen at the next one.
+    auto stamps = stampsOfFiles();
     // Each load pushes the macros once more on those that stand already, some 72 kB a time.
     rpmFreeMacros(nullptr);
     rpmFreeRpmrc();
@@ -98,7 +120,7 @@ void readRpmConfiguration() {
     }
     // librpm does not report a file that it could not read this time. Two loads that agree are trusted.
     const auto loaded = std::hash<std::string>()(macroTable());
-    trusted = loaded == std::exchange(previous, loaded) ? std::move(stamp) : std::string();
+    trusted = loaded == std::exchange(previous, loaded) ? std::move(stamps) : Stamps();
 }
 
 } // namespace Common::Rpm
