@@ -123,6 +123,11 @@ asio::awaitable<ZulProxy::PackageList> ZulProxy::getPackageList(Common::TimePoin
             nextList_ = call;
         }
     }
+    return packagesOf(std::move(call), deadline);
+}
+
+asio::awaitable<ZulProxy::PackageList> ZulProxy::packagesOf(std::shared_ptr<ListCall> call,
+                                                            Common::TimePoint deadline) {
     const bool isListed = co_await call->ended.wait(deadline);
     if (!isListed) {
         throw Common::Error(Common::ErrorCode::Internal, "method call timed out");

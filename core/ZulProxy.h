@@ -44,8 +44,8 @@ public:
     /// Removes a package; takes up to 900 s.
     [[nodiscard]] asio::awaitable<void> remove(std::string packageId);
 
-    /// The installed packages, in the service's order, as they are after this was called. Requests share a
-    /// call when many are on their way.
+    /// The installed packages, in the service's order, as they are after this was called. The call is sent
+    /// even if the result is awaited later. Requests share a call when many are on their way.
     [[nodiscard]] asio::awaitable<PackageList> getPackageList(Common::TimePoint deadline);
 
 private:
@@ -60,6 +60,8 @@ private:
     template<typename... Arguments>
     asio::awaitable<void> callOperation(std::string method, Arguments... arguments);
     asio::awaitable<void> listPackages(std::shared_ptr<ListCall> call);
+    [[nodiscard]] static asio::awaitable<PackageList> packagesOf(std::shared_ptr<ListCall> call,
+                                                                 Common::TimePoint deadline);
 
     Common::Loop& loop_;
     std::vector<PackageHandler> packageInstalledHandlers_;

@@ -223,8 +223,10 @@ void VendaraDbusInterface::requireRunning() const {
 asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Request request,
                                                     std::string packagePath) {
     Core::Operation operation;
-    // The file is read meanwhile. A file system that does not answer holds up those alone whose files it has.
+    // The three questions are asked at once. A file system that does not answer holds up only the requests
+    // for its files.
     const auto reading = loop_.begin([packagePath] { return PackageHeader(packagePath); });
+    auto listing = controller_.packageManager().getPackageList(request.deadline);
     const auto initiator = co_await determineInitiator(request.sender, request.deadline);
     operation.setInitiator(initiator);
     const auto header = co_await Common::Loop::finish(reading, request.deadline);
@@ -233,7 +235,7 @@ asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Requ
     operation.setPackageVersion(header.version);
     operation.setPackagePath(std::move(packagePath));
     try {
-        co_await findInstalledPackage(header.id, request.deadline);
+        co_await findInstalledPackage(header.id, std::move(listing));
         operation.setType(Core::OperationType::Upgrade);
     } catch (const std::exception&) {
         // Not installed, or it cannot be known: the package manager decides.
@@ -245,7 +247,8 @@ asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Requ
 
 asio::awaitable<void> VendaraDbusInterface::remove(OperationResult& reply, Request request,
                                                    std::string packageID) {
-    co_await findInstalledPackage(packageID, request.deadline);
+    auto listing = controller_.packageManager().getPackageList(request.deadline);
+    co_await findInstalledPackage(packageID, std::move(listing));
     Core::Operation operation;
     const auto initiator = co_await determineInitiator(request.sender, request.deadline);
     operation.setInitiator(initiator);
@@ -258,6 +261,7 @@ asio::awaitable<void> VendaraDbusInterface::remove(OperationResult& reply, Reque
 // What is taken is gone, so the completed operations come last, when nothing else can fail but the reply.
 asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Properties>& reply,
                                                              Request request) {
+    auto listing = controller_.packageManager().getPackageList(request.deadline);
     const auto initiator = co_await determineInitiator(request.sender, request.deadline);
     Properties properties;
     try {
@@ -266,7 +270,7 @@ asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Prope
     } catch (const std::exception&) {
         throw refusalFor(std::current_exception(), "Failed to retrieve the platform architecture");
     }
-    const auto packages = co_await getInstalledPackages(request.deadline);
+    const auto packages = co_await installedPackages(std::move(listing));
     properties[Own::packages] = packages;
     properties[Own::operations] = recordsOf(controller_.operationsOf(initiator));
     auto completed = controller_.takeCompletedOperations(initiator);
@@ -307,10 +311,10 @@ asio::awaitable<Common::CallerIdentity> VendaraDbusInterface::determineInitiator
 }
 
 asio::awaitable<std::vector<Common::PackageRecord>>
-VendaraDbusInterface::getInstalledPackages(TimePoint deadline) {
+VendaraDbusInterface::installedPackages(PackageListing listing) {
     Core::ZulProxy::PackageList packages;
     try {
-        packages = co_await controller_.packageManager().getPackageList(deadline);
+        packages = co_await std::move(listing);
     } catch (const Common::Error& error) {
         Common::logFailure(Common::LogLevel::Error, "couldn't retrieve list of installed packages", error);
         throw refusal(noList);
@@ -327,8 +331,8 @@ VendaraDbusInterface::getInstalledPackages(TimePoint deadline) {
     co_return records;
 }
 
-asio::awaitable<void> VendaraDbusInterface::findInstalledPackage(std::string id, TimePoint deadline) {
-    const auto packages = co_await getInstalledPackages(deadline);
+asio::awaitable<void> VendaraDbusInterface::findInstalledPackage(std::string id, PackageListing listing) {
+    const auto packages = co_await installedPackages(std::move(listing));
     if (std::none_of(packages.begin(), packages.end(),
                      [&](const auto& package) { return std::get<0>(package) == id; })) {
         Common::logError() << "couldn't find package: " << id;

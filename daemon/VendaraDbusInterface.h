@@ -41,6 +41,7 @@ public:
 
 private:
     using Properties = std::map<std::string, sdbus::Variant>;
+    using PackageListing = asio::awaitable<Core::ZulProxy::PackageList>;
     using OperationResult = sdbus::Result<Common::OperationRecord>;
     struct Request {
         std::string sender;
@@ -76,8 +77,8 @@ private:
     asio::awaitable<void> confirm(std::string busName, std::vector<Core::Operation> completed);
     asio::awaitable<Common::CallerIdentity> determineInitiator(std::string sender,
                                                                Common::TimePoint deadline);
-    asio::awaitable<std::vector<Common::PackageRecord>> getInstalledPackages(Common::TimePoint deadline);
-    asio::awaitable<void> findInstalledPackage(std::string id, Common::TimePoint deadline);
+    asio::awaitable<std::vector<Common::PackageRecord>> installedPackages(PackageListing listing);
+    asio::awaitable<void> findInstalledPackage(std::string id, PackageListing listing);
     asio::awaitable<Common::OperationRecord> enqueue(Core::Operation operation, Common::TimePoint deadline);
 
     void relayPackageSignals();
