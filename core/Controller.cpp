@@ -40,11 +40,13 @@ bool Controller::isFull(const Common::CallerIdentity& initiator) const {
 void Controller::enqueue(Operation operation) {
     ++counts_[operation.initiator().key()];
     queue_.push_back(std::move(operation));
-    queue_.back().setStatus(OperationStatus::Queued);
+    // Before the hook: what it has the loop do comes after the first step, so that both statuses are announced
+    // together.
     if (!isWorking_) {
         isWorking_ = true;
         loop_.spawn("couldn't carry out operations", work());
     }
+    queue_.back().setStatus(OperationStatus::Queued);
 }
 
 std::vector<Operation> Controller::operationsOf(const Common::CallerIdentity& initiator) const {
