@@ -23,6 +23,11 @@ void ScriptedPeer::refuse(const std::string& method, const std::string& errorNam
     methods_[method].refusal = errorName;
 }
 
+void ScriptedPeer::answerWrongType(const std::string& method, bool wrong) {
+    const std::lock_guard guard(lock_);
+    methods_[method].isWrong = wrong;
+}
+
 bool ScriptedPeer::answer(const std::string& method, const std::string& errorName) {
     Reply reply;
     {
@@ -75,7 +80,12 @@ void ScriptedPeer::handle(const std::string& method, const std::string& argument
     const std::lock_guard guard(lock_);
     auto& script = methods_[method];
     script.calls.push_back(argument);
-    if (script.holds) {
+    if (script.isWrong) {
+        const auto* call = peer_.object().getCurrentlyProcessedMessage();
+        auto wrong = static_cast<const sdbus::MethodCall*>(call)->createReply();
+        wrong << std::uint32_t{7};
+        wrong.send();
+    } else if (script.holds) {
         script.held.push_back(std::move(reply));
         mostHeld_ = std::max(mostHeld_, script.held.size());
     } else {

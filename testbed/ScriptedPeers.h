@@ -27,6 +27,9 @@ public:
     void hold(const std::string& method, bool held = true);
     /// Calls of the method are refused from now on; an empty error name ends that.
     void refuse(const std::string& method, const std::string& errorName);
+    /// Calls of the method are answered with a value of another type from now on, or not any more. Not for
+    /// "InvokeIntent".
+    void answerWrongType(const std::string& method, bool wrong = true);
     /// Answers the oldest call that waits: with an error, if it has a name. False when none waits.
     bool answer(const std::string& method, const std::string& errorName = {});
     /// Gives the service's name up and takes it again, as a service does that starts again.
@@ -75,6 +78,7 @@ private:
         std::vector<Reply> held;
         bool holds = false;
         std::string refusal;
+        bool isWrong = false;
     };
     void handle(const std::string& method, const std::string& argument, Reply reply);
 

@@ -95,6 +95,12 @@ TEST_F(ARequest, ThatCannotBeMetIsRefusedWithItsReason) {
     zul.refuse("GetPackageList", "norvane.ZUL.Error.Internal");
     EXPECT_EQ(client->errorOf("Remove", "id"), "Failed to retrieve list of installed packages");
     EXPECT_TRUE(logged("ERROR: couldn't retrieve list of installed packages\nERROR: refused by the test"));
+    zul.answerWrongType("GetPackageList");
+    EXPECT_EQ(client->errorOf("Remove", "id"), "Failed to retrieve list of installed packages");
+    zul.answerWrongType("GetPackageList", false);
+    identification.answerWrongType("IdentifyByBusName");
+    EXPECT_EQ(client->errorOf("Install", "/x"), "Couldn't determinate operation initiator");
+    identification.answerWrongType("IdentifyByBusName", false);
     identification.set(client->busName(), "");
     EXPECT_EQ(client->errorOf("Remove", "id"), "Failed to retrieve list of installed packages");
     for (const auto* method : {"Install", "GetAllProperties"}) {
