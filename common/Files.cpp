@@ -193,6 +193,22 @@ void removeTree(const std::filesystem::path& path) {
     }
 }
 
+bool makePublicDirectory(int parent, const std::filesystem::path& path) noexcept {
+    return mkdirat(parent, path.c_str(), 0755) == 0 &&
+           fchmodat(parent, path.c_str(), 0755, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+void makePublicDirectories(const std::filesystem::path& path) {
+    bool isMade = makePublicDirectory(AT_FDCWD, path);
+    if (!isMade && errno == ENOENT && path.has_parent_path()) {
+        makePublicDirectories(path.parent_path());
+        isMade = makePublicDirectory(AT_FDCWD, path);
+    }
+    if (!isMade && errno != EEXIST) {
+        throw filesystemError("couldn't create directory " + path.native());
+    }
+}
+
 void flushDirectory(const std::filesystem::path& directory) {
     if (fsync(openDirectory(directory).get()) != 0) {
         throw filesystemError("couldn't flush directory " + directory.native());
@@ -260,13 +276,12 @@ NewFile::NewFile(const std::filesystem::path& directory, const std::string& name
     , final_(directory / name)
     , pending_(directory / ("." + name + "." + (options.contended ? std::to_string(getpid()) : "new")))
     , mode_(options.mode) {
-    const mode_t mode = mode_ ? 0600 : 0644;
     removeTree(pending_);
     if (options.contended) {
-        file_ = UniqueFd(open(directory_.c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, mode));
+        file_ = UniqueFd(open(directory_.c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
     }
     if (!file_) {
-        file_ = UniqueFd(open(pending_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+        file_ = UniqueFd(open(pending_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         named_ = true;
     }
     if (!file_) {
@@ -293,7 +308,7 @@ void NewFile::giveName() {
 }
 
 void NewFile::commit(Durability durability) {
-    if (mode_ && fchmod(file_.get(), *mode_) != 0) {
+    if (fchmod(file_.get(), mode_) != 0) {
         throw filesystemError("couldn't set the mode of " + pending_.native());
     }
     // The content first: a name on disk without it would be an empty file.

@@ -82,6 +82,14 @@ enum class Outside {
 /// level of directories takes a file descriptor (RLIMIT_NOFILE).
 void removeTree(const std::filesystem::path& path);
 
+/// Makes a directory that every user may read, mode 0755 whatever the umask is.
+/// @param parent  descriptor of the directory that a relative path starts from, or AT_FDCWD
+/// @return false with errno set when it cannot be made, EEXIST when something is there
+[[nodiscard]] bool makePublicDirectory(int parent, const std::filesystem::path& path) noexcept;
+
+/// The same for a directory with its missing parents. A directory that exists keeps its mode.
+void makePublicDirectories(const std::filesystem::path& path);
+
 /// Waits until a directory's own entries are on disk.
 void flushDirectory(const std::filesystem::path& directory);
 
@@ -111,12 +119,12 @@ enum class Durability {
 };
 
 /// A file that appears under its name whole or not at all, in place of whatever file or link had the name.
-/// Until then it lies beside it under another name or none, readable and writable for its owner alone if a
-/// mode is asked for. Used by one thread.
+/// Until then it is beside it under another name or none, readable and writable for its owner alone. Used by
+/// one thread.
 class NewFile {
 public:
     struct Options {
-        std::optional<mode_t> mode = {}; ///< its permission bits; else 0644 as far as the umask lets them be
+        mode_t mode = 0644; ///< its permission bits, whatever the umask is
         /// Whether other processes may write the same file at the same time. If none does, the other name is
         /// always the same, and what an interrupted process left is replaced. Else the file has no name
         /// before commit(), so that an interruption until then leaves nothing; where the file system has no
@@ -143,7 +151,7 @@ private:
     std::filesystem::path directory_;
     std::filesystem::path final_;
     std::filesystem::path pending_;
-    std::optional<mode_t> mode_;
+    mode_t mode_;
     UniqueFd file_;
     bool named_ = false;
 };

@@ -46,9 +46,13 @@ fs::path Database::moveToVersionedDirectory(const Package& package, const fs::pa
         throw Error(ErrorCode::Internal, "extracted package directory doesn't exist: " + extracted.native());
     }
     PackageDirectory(version.parent_path()).requireNotSymlink();
-    std::error_code error;
-    fs::create_directories(version.parent_path(), error);
-    if (error || rename(extracted.c_str(), version.c_str()) != 0) {
+    try {
+        Common::makePublicDirectories(version.parent_path());
+        if (rename(extracted.c_str(), version.c_str()) != 0) {
+            throw Common::filesystemError("couldn't rename " + extracted.native());
+        }
+    } catch (const Error& error) {
+        Common::logError() << error;
         throw Error(ErrorCode::Filesystem, "couldn't create versioned directory: " + version.native());
     }
     return version;

@@ -1,6 +1,7 @@
 #include "core/zul/DestinationTree.h"
 
 #include "common/Error.h"
+#include "common/Files.h"
 #include "common/LogLine.h"
 
 #include <algorithm>
@@ -16,7 +17,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Each level costs a descriptor while it is open; no package of good will comes near.
+// Each level takes a descriptor while it is open, also when the tree is mapped and removed. Packages have far
+// fewer levels.
 constexpr std::size_t deepest = 256;
 
 constexpr mode_t ownersAll = 0700;
@@ -85,7 +87,7 @@ void DestinationTree::descend(const std::string& name) {
     const auto path = openPath() + "/" + name;
     Common::UniqueFd next(openat(current(), name.c_str(), flags));
     if (!next && errno == ENOENT) {
-        if (mkdirat(current(), name.c_str(), 0755) != 0) {
+        if (!Common::makePublicDirectory(current(), name)) {
             fail("cannot create directory", path);
         }
         made_.emplace(path, Made::Directory);

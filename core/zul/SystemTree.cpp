@@ -37,7 +37,7 @@ int SystemTree::make(const std::filesystem::path& directory) {
     std::filesystem::path made = "/";
     for (const auto& component : directory.relative_path()) {
         const int parent = open(made);
-        if (parent < 0 || (mkdirat(parent, component.c_str(), 0755) != 0 && errno != EEXIST)) {
+        if (parent < 0 || (!Common::makePublicDirectory(parent, component) && errno != EEXIST)) {
             return -1;
         }
         made /= component;

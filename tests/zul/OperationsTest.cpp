@@ -1,5 +1,7 @@
 #include "tests/zul/DatabaseTest.h"
 
+#include <sys/stat.h>
+
 namespace Testbed {
 
 using ADatabase = DatabaseTest;
@@ -157,10 +159,18 @@ TEST_F(ADatabase, GoesBackWhenAnUpgradeCannotBeMapped) {
     }
 }
 
-TEST_F(ADatabase, MakesAVersionReadableForEverybody) {
-    fs::permissions(extract({{"bin/tool", "x"}}), fs::perms(0700));
-    install(app);
-    EXPECT_EQ(fs::status(dir() / "1.0-1").permissions(), fs::perms(0755));
+TEST_F(ADatabase, IsReadableForEverybodyWhateverTheUmaskIs) {
+    fs::permissions(extract({{"data/sub/file", "x"}}), fs::perms(0700));
+    fs::remove(root);
+    umask(077);
+    install(app, {{"data/sub/file", "x"}});
+    for (const auto& directory :
+         {root, dir(), dir() / "1.0-1", system / "usr", system / "usr/share/com.example.app/sub"}) {
+        EXPECT_EQ(fs::status(directory).permissions(), fs::perms(0755)) << directory;
+    }
+    for (const auto& file : {"quenra.pkg", "symlink.list"}) {
+        EXPECT_EQ(fs::status(dir() / "current" / file).permissions(), fs::perms(0644)) << file;
+    }
 }
 
 TEST_F(ADatabase, RemovesAPackageWhoseMappingListIsLost) {

@@ -88,7 +88,9 @@ TEST_P(Payloads, AreUnpackedAsTheUsualToolsDo) {
              "%dir %attr(0500,-,-) /usr/share/com.example.app/shut\n/usr/share/com.example.app/shut/inner"});
     const auto reference = unpackedByTheUsualTools(file);
     const auto package = Package::fromFile(file, authorities);
+    umask(077);
     package.extract(file, destination);
+    EXPECT_EQ(fs::status(destination / "opt/x").permissions(), fs::perms(0755));
     EXPECT_EQ(filesOf(destination, PackagePath(Package("none", "1"))),
               filesOf(reference, PackagePath(package)));
     EXPECT_EQ(fs::status(destination / "data/shut").permissions(), fs::perms(0500));
