@@ -125,8 +125,10 @@ public:
     /// package's directory and when some mapping cannot be made; the others are made all the same.
     void refreshMappings(const std::string& packageId);
 
-    /// Renames an extracted directory to the package's version directory. Throws Internal when it does not
-    /// exist, Filesystem when it cannot be renamed, as onto a version directory that holds something.
+    /// Renames an extracted directory to the package's version directory. A version of that
+    /// name that is neither installed nor prepared is replaced, and its mapping list kept. Throws Internal
+    /// when the extracted directory does not exist, Filesystem when it cannot be renamed, as onto the
+    /// installed version.
     std::filesystem::path moveToVersionedDirectory(const Package& package,
                                                    const std::filesystem::path& extracted) const;
 

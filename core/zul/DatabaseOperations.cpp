@@ -45,11 +45,22 @@ fs::path Database::moveToVersionedDirectory(const Package& package, const fs::pa
     if (!Common::exists(extracted)) {
         throw Error(ErrorCode::Internal, "extracted package directory doesn't exist: " + extracted.native());
     }
-    PackageDirectory(version.parent_path()).requireNotSymlink();
+    const PackageDirectory directory(version.parent_path());
+    directory.requireNotSymlink();
     try {
-        Common::makePublicDirectories(version.parent_path());
-        if (rename(extracted.c_str(), version.c_str()) != 0) {
+        Common::makePublicDirectories(directory.path());
+        const bool isReplacing = directory.isAbandoned(version);
+        if (isReplacing) {
+            // Its list may name mappings that could not be removed.
+            Mappings::keepListOf(version, extracted);
+        }
+        if (renameat2(AT_FDCWD, extracted.c_str(), AT_FDCWD, version.c_str(),
+                      isReplacing ? RENAME_EXCHANGE : 0) != 0) {
             throw Common::filesystemError("couldn't rename " + extracted.native());
+        }
+        if (isReplacing) {
+            Common::flushDirectory(directory.path());
+            Common::guarded("couldn't remove the replaced version", [&] { Common::removeTree(extracted); });
         }
     } catch (const Error& error) {
         Common::logError() << error;

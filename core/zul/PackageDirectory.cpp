@@ -69,6 +69,10 @@ bool PackageDirectory::pointsToExistingVersion(const fs::path& link) const {
     return !version.empty() && isRealDirectory(version);
 }
 
+bool PackageDirectory::isAbandoned(const fs::path& version) const {
+    return isRealDirectory(version) && version != versionOf(current()) && version != versionOf(next());
+}
+
 std::vector<fs::path> PackageDirectory::listHolders() const {
     std::vector<fs::path> holders;
     if (Common::exists(current())) {

@@ -33,6 +33,9 @@ public:
     /// Whether one of the links leads to a version of this package that exists.
     [[nodiscard]] bool pointsToExistingVersion(const std::filesystem::path& link) const;
 
+    /// Whether there is a version in this directory that neither link leads to.
+    [[nodiscard]] bool isAbandoned(const std::filesystem::path& version) const;
+
     /// The last part of the target of one of the links, which names the version.
     [[nodiscard]] std::string versionNameOf(const std::filesystem::path& link) const;
 

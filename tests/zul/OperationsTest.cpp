@@ -187,7 +187,7 @@ TEST_F(ADatabase, RemovesAPackageWhoseMappingListIsLost) {
 }
 
 TEST_F(ADatabase, RemovesLaterWhatARemovalCouldNot) {
-    for (const std::string operation : {"remove", "complete", "recover"}) {
+    for (const std::string operation : {"remove", "complete", "recover", "reinstall", "prepare"}) {
         SCOPED_TRACE(operation);
         install(app, {{"bin/tool", "1"}});
         fs::permissions(system / "usr/bin", fs::perms(0555));
@@ -197,8 +197,20 @@ TEST_F(ADatabase, RemovesLaterWhatARemovalCouldNot) {
         }
         EXPECT_THAT(entriesIn(dir()), ElementsAre("1.0-1"));
         fs::permissions(system / "usr/bin", fs::perms(0755));
-        install(newer, {{"data/x", "2"}});
-        if (operation != "remove") {
+        const bool isSameVersion = operation == "reinstall" || operation == "prepare";
+        install(operation == "reinstall" ? app
+                                         : Package(app.id(), operation == "prepare" ? "0.9-1" : "2.0-1"),
+                {{"data/x", "2"}});
+        if (operation == "prepare") {
+            prepare(app, {{"data/x", "3"}});
+            database.completeUpgrade(app);
+        }
+        if (isSameVersion) {
+            EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "1.0-1"));
+            EXPECT_THAT(entriesIn(temp), IsEmpty());
+            EXPECT_THAT(mappings(),
+                        ElementsAre(Pair("/usr/share/com.example.app/x", path("current/data/x"))));
+        } else if (operation != "remove") {
             const Package newest(app.id(), "3.0-1");
             prepare(newest, {{"data/x", "3"}});
             operation == "complete" ? database.completeUpgrade(newest)
