@@ -9,7 +9,9 @@
 #include <rpm/rpmtd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <span>
 #include <string>
@@ -32,6 +34,33 @@ PackageLayout layoutOf(const Reader& reader) {
         refuse("the rpm package does not say how long it is");
     }
     return *layout;
+}
+
+/// Whether an unpacker could take what is at the offset for more of the payload: a further gzip member or
+/// Zstandard frame, also behind frames that are skipped, as those that hold signatures may be.
+bool continuesPayload(int file, std::uint64_t offset) {
+    constexpr std::array<std::uint8_t, 2> gzip{0x1f, 0x8b};
+    constexpr std::uint32_t frame = 0xfd2fb528;
+    constexpr std::uint32_t skippableFrame = 0x184d2a50; // the last four bits are free
+    constexpr int mostSkipped = 16;
+    for (int skipped = 0; skipped < mostSkipped; ++skipped) {
+        std::array<std::uint8_t, 8> start{};
+        if (!readAll(file, std::as_writable_bytes(std::span(start)), offset)) {
+            throw filesystemError("couldn't read rpm package");
+        }
+        const auto numberAt = [&start](std::size_t place) {
+            return start[place] | start[place + 1] << 8U | start[place + 2] << 16U |
+                   static_cast<std::uint32_t>(start[place + 3]) << 24U;
+        };
+        if (std::equal(gzip.begin(), gzip.end(), start.begin()) || numberAt(0) == frame) {
+            return true;
+        }
+        if ((numberAt(0) & ~0xfU) != skippableFrame) {
+            return false;
+        }
+        offset += start.size() + numberAt(4);
+    }
+    return true;
 }
 
 void freeContext(DIGEST_CTX context) { rpmDigestFinal(context, nullptr, nullptr, 0); }
@@ -68,6 +97,9 @@ std::uint64_t packageLength(const Reader& reader) {
     const auto layout = layoutOf(reader);
     if (*layout.endOffset > sizeOf(descriptorOf(reader))) {
         refuse("the rpm package is cut off");
+    }
+    if (continuesPayload(descriptorOf(reader), *layout.endOffset)) {
+        refuse("the payload of the rpm package continues behind its end");
     }
     return *layout.endOffset;
 }

@@ -10,9 +10,11 @@ namespace Common::Rpm {
 // at nothing behind the header. The thread rules of Reader apply; the file's position is not touched.
 
 /// The length in bytes of the package at the beginning of the reader's file, from its lead to the end of its
-/// payload, as its header says. What the file has behind that is for the caller to judge.
-/// Throws Error, code BadPackage, for a source package, for a package without a size, and for one that the
-/// file has not all of; code Filesystem when the file cannot be read.
+/// payload, as its header says. Behind that the file may have anything that no unpacker takes for more of the
+/// payload: signatures in a form that only the platform's library knows.
+/// Throws Error, code BadPackage, for a source package, for a package without a size, for one that the file
+/// has not all of, and for a payload that continues behind its end; code Filesystem when the file cannot be
+/// read.
 [[nodiscard]] std::uint64_t packageLength(const Reader& reader);
 
 /// Reads the whole payload and compares it with the digest that the header has; an old package without such a

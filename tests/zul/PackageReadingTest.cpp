@@ -132,6 +132,13 @@ TEST_F(APackage, IsABinaryPackageFromItsFirstByteToItsSignatures) {
     EXPECT_EQ(refusalWith(whole.substr(0, whole.size() - 4)).first, ErrorCode::BadPackage);
     EXPECT_EQ(refusalWith(whole + "garbage").first, ErrorCode::BadPackage);
     EXPECT_EQ(refusalWith(signedOnce + "x").first, ErrorCode::BadPackage);
+    const std::string skipped("\x51\x2a\x4d\x18\x01\0\0\0x", 9);
+    for (const std::string more : {"\x1f\x8b", "\x28\xb5\x2f\xfd"}) {
+        const std::pair refusal(ErrorCode::BadPackage,
+                                std::string("the payload of the rpm package continues behind its end"));
+        EXPECT_EQ(refusalWith(whole + more), refusal);
+        EXPECT_EQ(refusalWith(whole + skipped + more), refusal);
+    }
     const auto place = whole.rfind("content");
     EXPECT_THAT(refusalWith(std::string(whole).replace(place, 7, "CONTENT")),
                 testing::Pair(ErrorCode::BadPackage, HasSubstr("not what its header says")));
