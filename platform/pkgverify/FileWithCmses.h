@@ -21,8 +21,9 @@ public:
     ///              of its own. Never blocks, also not on a FIFO.
     /// @return nothing when the file cannot be opened, is no regular file, does not begin as an rpm package
     ///         does, or carries signatures that are not in the one form that the format allows or do not
-    ///         begin where the package's own headers say that it ends; a value with
-    ///         an empty list for a package that ends without signatures
+    ///         begin where the package's own headers say that it ends; the reason and the file's path are
+    ///         then written to standard error, a line that begins with "WARN: ". A value with an empty list
+    ///         for a package that ends without signatures
     [[nodiscard]] static std::optional<FileWithCmses> fromPath(const std::filesystem::path& path);
 
     /// Whether all signatures hold, now: each is made with its certificate's key over this file's very bytes,

@@ -12,19 +12,20 @@ namespace PackageSignatures {
 
 namespace {
 
-/// The file's path as it is now, in ASCII: a name must not write log lines of its own.
-std::string nameOf(const OpenPackage& file) {
-    std::error_code error;
-    const auto path =
-        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file.descriptor()), error);
+/// Writes why the signatures of a file could not be read or do not hold.
+/// @param path  of the file, or a link to it. It is written in ASCII: a name must not write log lines itself.
+void warn(const char* words, const std::filesystem::path& path, const std::exception& reason) {
+    std::error_code isNotALink;
+    const auto target = std::filesystem::read_symlink(path, isNotALink);
     std::ostringstream text;
-    text << '"' << std::hex;
-    for (const unsigned char character : path.native()) {
+    text << "WARN: " << words << " the signatures of \"" << std::hex;
+    for (const unsigned char character : (isNotALink ? path : target).native()) {
         const bool isPlain = character >= ' ' && character < 0x7f && character != '"' && character != '\\';
         isPlain ? text << static_cast<char>(character)
                 : text << "\\x" << std::setw(2) << std::setfill('0') << static_cast<int>(character);
     }
-    return text.str() + '"';
+    text << "\": " << reason.what() << '\n';
+    std::cerr << text.str();
 }
 
 } // namespace
@@ -35,7 +36,8 @@ FileWithCmses::FileWithCmses(std::shared_ptr<const OpenPackage> file)
 std::optional<FileWithCmses> FileWithCmses::fromPath(const std::filesystem::path& path) {
     try {
         return FileWithCmses(std::make_shared<const OpenPackage>(path));
-    } catch (const std::exception&) {
+    } catch (const std::exception& error) {
+        warn("couldn't read", path, error);
         return {};
     }
 }
@@ -45,7 +47,7 @@ bool FileWithCmses::verifyCmses(const std::filesystem::path& caPath) const {
         file_->requireVerified(caPath);
         return true;
     } catch (const std::exception& error) {
-        std::cerr << "WARN: couldn't verify the signatures of " + nameOf(*file_) + ": " + error.what() + "\n";
+        warn("couldn't verify", "/proc/self/fd/" + std::to_string(file_->descriptor()), error);
         return false;
     }
 }
