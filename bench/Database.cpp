@@ -19,8 +19,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using Core::ZUL::Database;
-using Core::ZUL::Package;
 using Core::ZUL::PackageData;
+using Core::ZUL::PackageIdentity;
 
 constexpr int packageCount = 1000;
 constexpr int directoryCount = 100;
@@ -65,7 +65,8 @@ private:
 
 void makeDatabase(const fs::path& root) {
     for (int number = 0; number < packageCount; ++number) {
-        const Package package("org.example.package" + std::to_string(number), "1.0-1", "Example", "Package");
+        const PackageIdentity package("org.example.package" + std::to_string(number), "1.0-1", "Example",
+                                      "Package");
         const auto version = root / package.id() / package.version();
         fs::create_directories(version);
         writeRecord(package, entries, version);
@@ -127,7 +128,7 @@ void benchmarkOperations(const fs::path& scratch, const std::string& source) {
     makeTree(tree + "/" + source);
     Database database(scratch / "app", scratch / "tmp", scratch / "system");
     fs::create_directories(scratch / "system");
-    const Package package("org.example.large", "1.0-1");
+    const PackageIdentity package("org.example.large", "1.0-1");
     const auto copyTree = "cp -a " + tree + " " + copy;
     const auto flushCopy = "sync -f " + copy;
     const auto unpack = "cp -a " + tree + " " + unpacked;

@@ -4,8 +4,9 @@
 // part of the titles, for example "large" or "gzdio". Works below the temporary directory. Run it alone, and
 // also on one processor, with taskset -c 0.
 
+#include "core/zul/package/Extraction.h"
+
 #include "common/rpm/ContentDigest.h"
-#include "core/zul/Package.h"
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
@@ -150,12 +151,15 @@ Times digestTimes(const fs::path& directory) {
 
 void compare(const char* title, const fs::path& scratch, const fs::path& package, int rounds) {
     const auto into = scratch / "unpacked";
-    const Core::ZUL::Package ours("com.example.app", "1-1");
+    const Core::ZUL::PackageIdentity ours("com.example.app", "1-1");
     const std::string file = package.string();
     const std::string go = "cd " + into.string() + " && ";
     std::array<std::vector<Times>, 3> times;
     for (int round = 0; round < rounds; ++round) {
-        times[0].push_back(measure(into, [&] { ours.extract(package, into); }));
+        times[0].push_back(measure(into, [&] {
+            Core::ZUL::unpack(Core::ZUL::PackageFile(package), ours, nullptr, into,
+                              Core::ZUL::attachAttribute);
+        }));
         times[1].push_back(measure(into, [&] { shell(go + "rpm2cpio " + file + " | cpio -idm --quiet"); }));
         times[2].push_back(measure(into, [&] { shell(go + "bsdtar -xf " + file); }));
     }

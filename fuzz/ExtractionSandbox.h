@@ -2,7 +2,8 @@
 
 #include "common/Error.h"
 #include "common/TemporaryDirectory.h"
-#include "core/zul/Package.h"
+#include "core/zul/package/Extraction.h"
+#include "core/zul/package/Package.h"
 
 #include <rpm/rpmlog.h>
 
@@ -39,21 +40,26 @@ public:
     /// Reads and validates a package, and unpacks it if it holds.
     void install(std::string_view bytes) const {
         write(package_, bytes);
-        tolerant([&] { unpack(Core::ZUL::Package::fromFile(package_, authorities_)); });
+        tolerant([&] {
+            Core::ZUL::Package::fromFile(package_, authorities_)
+                .extract(package_, destination_, noAttributes);
+        });
         lookAround();
     }
 
     /// Unpacks a package whatever its signatures are.
     void unpack(std::string_view bytes) const {
         write(package_, bytes);
-        tolerant([&] { unpack(Core::ZUL::Package("com.example.app", "1")); });
+        tolerant([&] {
+            Core::ZUL::unpack(Core::ZUL::PackageFile(package_), {"com.example.app", "1"}, nullptr,
+                              destination_, noAttributes);
+        });
         lookAround();
     }
 
 private:
-    void unpack(const Core::ZUL::Package& package) const {
-        package.extract(package_, destination_,
-                        [](int, const std::string&, const std::string&) { return 0; });
+    static int noAttributes(int /*file*/, const std::string& /*name*/, const std::string& /*value*/) {
+        return 0;
     }
 
     void lookAround() const {

@@ -1,5 +1,5 @@
 #include "common/Error.h"
-#include "core/zul/PackagePath.h"
+#include "core/zul/package/PackagePath.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -25,7 +25,8 @@ std::string textWithoutNul(FuzzedDataProvider& input) {
 /// Translates paths of hostile payloads: a place is relative, and a link that is not refused stays inside.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzedDataProvider input(data, size);
-    const Core::ZUL::PackagePath paths(Core::ZUL::Package("com.example.app", "1", "org.example", "tool"));
+    const Core::ZUL::PackagePath paths(
+        Core::ZUL::PackageIdentity("com.example.app", "1", "org.example", "tool"));
     const auto link = textWithoutNul(input);
     const auto target = textWithoutNul(input);
     const auto place = paths.toPackagePath(link);

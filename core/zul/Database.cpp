@@ -5,7 +5,6 @@
 #include "common/LogLine.h"
 #include "core/zul/Edge.h"
 #include "core/zul/Events.h"
-#include "core/zul/PackageNames.h"
 
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
@@ -83,8 +82,7 @@ fs::path Database::packageDirectory(const std::string& packageId) try {
     throwAsError();
 }
 
-fs::path Database::versionedDirectory(const Package& package) const try {
-    requireOrdinaryNames(package);
+fs::path Database::versionedDirectory(const PackageIdentity& package) const try {
     return directoryOf(package.id()).path() / package.version();
 } catch (...) {
     throwAsError();

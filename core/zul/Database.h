@@ -1,10 +1,10 @@
 #pragma once
 
 #include "common/Names.h"
-#include "core/zul/Mappings.h"
-#include "core/zul/Package.h"
 #include "core/zul/PackageDirectory.h"
+#include "core/zul/PackageIdentity.h"
 #include "core/zul/Record.h"
+#include "core/zul/mapping/Mappings.h"
 
 #include <filesystem>
 #include <optional>
@@ -62,7 +62,7 @@ public:
     [[nodiscard]] std::filesystem::path packageDirectory(const std::string& packageId);
 
     /// Where this version of the package lies or would lie. Looks at no file.
-    [[nodiscard]] std::filesystem::path versionedDirectory(const Package& package) const;
+    [[nodiscard]] std::filesystem::path versionedDirectory(const PackageIdentity& package) const;
 
     /// The record of the prepared upgrade or, without one, of the installed version. A prepared upgrade whose
     /// record cannot be read is given up. Throws CorruptedInstalledPackage, after removing the package, when
@@ -90,22 +90,23 @@ public:
     /// package's name.
     /// @param entries  further entries of the record; reading it back wants "certificate.id" and
     ///                 "certificate.subgroup" among them
-    void install(const Package& package, const PackageData& entries, const std::filesystem::path& extracted);
+    void install(const PackageIdentity& package, const PackageData& entries,
+                 const std::filesystem::path& extracted);
 
     /// Puts a higher version beside the installed one, which stays in service. Replaces an upgrade prepared
     /// before. Throws as checkUpgrade() and install().
-    void prepareUpgrade(const Package& package, const PackageData& entries,
+    void prepareUpgrade(const PackageIdentity& package, const PackageData& entries,
                         const std::filesystem::path& extracted);
 
     /// Checks that the package is higher than the prepared or else the installed version. Throws
     /// PackageNotExist, CorruptedInstalledPackage, DowngradeAttempt, UpgradeAlreadyPrepared.
-    void checkUpgrade(const Package& package);
+    void checkUpgrade(const PackageIdentity& package);
 
     /// Puts the prepared upgrade into service and deletes all other versions. When the new version's mappings
     /// cannot be made the old version is put back into service and the upgrade stays prepared; if that fails
     /// too, the package is left damaged, and gone with the next look at it. Throws Internal when no upgrade
     /// is prepared, else Filesystem or what packageDirectory() throws.
-    void completeUpgrade(const Package& package);
+    void completeUpgrade(const PackageIdentity& package);
 
     /// Removes a package with its mappings and any prepared upgrade. When a mapping cannot be removed the
     /// package is gone all the same, but its directory stays, as that of a damaged one, until a look at it
@@ -129,16 +130,16 @@ public:
     /// name that is neither installed nor prepared is replaced, and its mapping list kept. Throws Internal
     /// when the extracted directory does not exist, Filesystem when it cannot be renamed, as onto the
     /// installed version.
-    std::filesystem::path moveToVersionedDirectory(const Package& package,
+    std::filesystem::path moveToVersionedDirectory(const PackageIdentity& package,
                                                    const std::filesystem::path& extracted) const;
 
 private:
     [[nodiscard]] PackageDirectory directoryOf(const std::string& packageId) const;
     [[nodiscard]] std::optional<PackageData> readPrepared(const PackageDirectory& directory);
     [[nodiscard]] PackageData readInstalled(const PackageDirectory& directory);
-    MappingPlan stage(const Package& package, const PackageData& entries,
+    MappingPlan stage(const PackageIdentity& package, const PackageData& entries,
                       const std::filesystem::path& extracted) const;
-    void requireHigher(const Package& package, const PackageDirectory& directory);
+    void requireHigher(const PackageIdentity& package, const PackageDirectory& directory);
     [[nodiscard]] MappingList removeMappingsOf(const PackageDirectory& directory,
                                                const std::string& message) const;
     void removeAll(const PackageDirectory& directory, bool isUnmapped) const;

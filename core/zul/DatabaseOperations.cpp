@@ -5,8 +5,7 @@
 #include "core/zul/Database.h"
 #include "core/zul/Edge.h"
 #include "core/zul/Events.h"
-#include "core/zul/MappingPlan.h"
-#include "core/zul/PackageNames.h"
+#include "core/zul/mapping/MappingPlan.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -23,9 +22,8 @@ using Common::quoted;
 using Common::Rpm::Version;
 
 /// Makes an extracted directory ready to be renamed into the database: complete, and on disk.
-MappingPlan Database::stage(const Package& package, const PackageData& entries,
+MappingPlan Database::stage(const PackageIdentity& package, const PackageData& entries,
                             const fs::path& extracted) const {
-    requireOrdinaryNames(package);
     const auto status = Common::statusOf(extracted, AT_SYMLINK_NOFOLLOW);
     if (!status || !S_ISDIR(status->st_mode)) {
         throw Error(ErrorCode::Internal, "extracted package directory doesn't exist: " + extracted.native());
@@ -40,7 +38,8 @@ MappingPlan Database::stage(const Package& package, const PackageData& entries,
     return plan;
 }
 
-fs::path Database::moveToVersionedDirectory(const Package& package, const fs::path& extracted) const try {
+fs::path Database::moveToVersionedDirectory(const PackageIdentity& package, const fs::path& extracted) const
+    try {
     auto version = versionedDirectory(package);
     if (!Common::exists(extracted)) {
         throw Error(ErrorCode::Internal, "extracted package directory doesn't exist: " + extracted.native());
@@ -52,7 +51,7 @@ fs::path Database::moveToVersionedDirectory(const Package& package, const fs::pa
         const bool isReplacing = directory.isAbandoned(version);
         if (isReplacing) {
             // Its list may name mappings that could not be removed.
-            Mappings::keepListOf(version, extracted);
+            keepMappingListOf(version, extracted);
         }
         if (renameat2(AT_FDCWD, extracted.c_str(), AT_FDCWD, version.c_str(),
                       isReplacing ? RENAME_EXCHANGE : 0) != 0) {
@@ -71,7 +70,8 @@ fs::path Database::moveToVersionedDirectory(const Package& package, const fs::pa
     throwAsError();
 }
 
-void Database::install(const Package& package, const PackageData& entries, const fs::path& extracted) try {
+void Database::install(const PackageIdentity& package, const PackageData& entries,
+                       const fs::path& extracted) try {
     const auto plan = stage(package, entries, extracted);
     const auto version = moveToVersionedDirectory(package, extracted);
     const PackageDirectory directory(version.parent_path());
@@ -92,14 +92,13 @@ void Database::install(const Package& package, const PackageData& entries, const
     throwAsError();
 }
 
-void Database::checkUpgrade(const Package& package) try {
-    requireOrdinaryNames(package);
+void Database::checkUpgrade(const PackageIdentity& package) try {
     requireHigher(package, PackageDirectory(packageDirectory(package.id())));
 } catch (...) {
     throwAsError();
 }
 
-void Database::requireHigher(const Package& package, const PackageDirectory& directory) {
+void Database::requireHigher(const PackageIdentity& package, const PackageDirectory& directory) {
     bool isPrepared = directory.hasNextLink();
     auto existingName = directory.versionNameOf(isPrepared ? directory.next() : directory.current());
     const auto offered = Version::parse(package.version());
@@ -133,7 +132,7 @@ void Database::requireHigher(const Package& package, const PackageDirectory& dir
                                                  " to " + package.version() + " version");
 }
 
-void Database::prepareUpgrade(const Package& package, const PackageData& entries,
+void Database::prepareUpgrade(const PackageIdentity& package, const PackageData& entries,
                               const fs::path& extracted) try {
     checkUpgrade(package);
     static_cast<void>(stage(package, entries, extracted));
@@ -150,8 +149,7 @@ void Database::prepareUpgrade(const Package& package, const PackageData& entries
     throwAsError();
 }
 
-void Database::completeUpgrade(const Package& package) try {
-    requireOrdinaryNames(package);
+void Database::completeUpgrade(const PackageIdentity& package) try {
     const PackageDirectory directory(packageDirectory(package.id()));
     directory.requireNotSymlink();
     if (!directory.pointsToExistingVersion(directory.next())) {
@@ -166,7 +164,7 @@ void Database::completeUpgrade(const Package& package) try {
     // The new version takes over what the old one has in the system directories: what it wants as well stays
     // as it is, the rest goes when everything new is there.
     for (const auto& holder : directory.listHolders()) {
-        if (!Mappings::keepListOf(holder, directory.next())) {
+        if (!keepMappingListOf(holder, directory.next())) {
             Common::logWarning() << "couldn't remove package symlinks: " << package.id()
                                  << "couldn't find package symlink list";
         }
@@ -225,7 +223,7 @@ void Database::putBack(const PackageDirectory& directory) noexcept {
             throw failure;
         }
         Common::flushDirectory(directory.path());
-        Mappings::keepListOf(directory.next(), current);
+        keepMappingListOf(directory.next(), current);
     };
     // What fails here is made up for by the next refresh, which knows of mappings that could not be removed.
     Common::guarded("couldn't put back the previous version", putLinksBack);

@@ -4,8 +4,7 @@
 #include "core/zul/Database.h"
 #include "core/zul/Edge.h"
 #include "core/zul/Events.h"
-#include "core/zul/MappingPlan.h"
-#include "core/zul/PackageNames.h"
+#include "core/zul/mapping/MappingPlan.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -74,7 +73,7 @@ void Database::recoverPackage(const PackageDirectory& directory, std::vector<std
     if (directory.pointsToExistingVersion(directory.current())) {
         // What another version had in the system directories is known from its list alone.
         directory.sweep("couldn't remove outdated package versioned directory: ",
-                        [&](const fs::path& entry) { Mappings::keepListOf(entry, directory.current()); });
+                        [&](const fs::path& entry) { keepMappingListOf(entry, directory.current()); });
     }
 }
 
@@ -112,10 +111,9 @@ void Database::refreshMappings(const std::string& packageId) try {
                     "couldn't find current directory of " + packageId + " package");
     }
     const auto data = readRecord(directory.current() / recordName);
-    const Package package(directoryName(packageId), data.at(Common::Names::PackageKeys::version),
-                          valueOf(data, Common::Names::PackageKeys::orgName),
-                          valueOf(data, Common::Names::PackageKeys::appName));
-    requireOrdinaryNames(package);
+    const PackageIdentity package(packageId, data.at(Common::Names::PackageKeys::version),
+                                  valueOf(data, Common::Names::PackageKeys::orgName),
+                                  valueOf(data, Common::Names::PackageKeys::appName));
     mappings_.refreshMappings(planMappings(package, directory.current()), directory.current());
     mappings_.flush();
 } catch (...) {

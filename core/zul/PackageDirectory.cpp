@@ -2,7 +2,7 @@
 
 #include "common/Files.h"
 #include "common/LogLine.h"
-#include "core/zul/Mappings.h"
+#include "core/zul/mapping/MappingList.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -103,7 +103,7 @@ void PackageDirectory::discardPreparedUpgrade(const std::string& versionWords,
     tryTo(versionWords, [this, &version] {
         // Its list may name mappings that could not be removed when its completion failed.
         if (pointsToExistingVersion(current())) {
-            Mappings::keepListOf(version, current());
+            keepMappingListOf(version, current());
         } else if (Common::exists(version / mappingListName)) {
             return;
         }

@@ -59,7 +59,8 @@ void requireReadable(const std::string& text, const PackageData& given) {
 
 } // namespace
 
-void writeRecord(const Package& package, const PackageData& entries, const std::filesystem::path& directory) {
+void writeRecord(const PackageIdentity& package, const PackageData& entries,
+                 const std::filesystem::path& directory) {
     PackageData data{{Keys::id, package.id()}, {Keys::version, package.version()}};
     if (package.orgName() && package.appName()) {
         data.emplace(Keys::orgName, *package.orgName());

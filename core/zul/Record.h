@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/zul/Package.h"
+#include "core/zul/PackageIdentity.h"
 
 #include <filesystem>
 #include <map>
@@ -21,7 +21,8 @@ inline const std::string recordName = "quenra.pkg";
 /// written, and when an entry would not read back as it was given, for example one with a line break. Any
 /// thread.
 /// @param entries  dotted keys with exactly one full stop; values lose blanks at both ends when read
-void writeRecord(const Package& package, const PackageData& entries, const std::filesystem::path& directory);
+void writeRecord(const PackageIdentity& package, const PackageData& entries,
+                 const std::filesystem::path& directory);
 
 /// Reads a record and checks that it has "general.id", "general.version", "certificate.subgroup" and
 /// "certificate.id". Throws Error, code CorruptedInstalledPackage, when it is absent, is no regular file of

@@ -2,7 +2,7 @@
 
 #include "common/LogLine.h"
 #include "common/Names.h"
-#include "core/zul/AttributeWriter.h"
+#include "core/zul/package/AttributeWriter.h"
 #include "devkit/start/EtcOverlay.h"
 #include "devkit/support/NameWatch.h"
 #include "devkit/support/Programs.h"

@@ -45,7 +45,7 @@ private:
 };
 
 PackageData recordEntries(const Package& package) {
-    return {{Keys::certificateId, package.developerCms()->certificate().keyId()},
+    return {{Keys::certificateId, package.developerCms().certificate().keyId()},
             {Keys::certificateSubgroup, package.isSystemDeveloper() ? "system" : "developer"}};
 }
 
@@ -88,8 +88,7 @@ std::string PackageManager::install(const std::filesystem::path& packageFile) {
     if (upgrade) {
         database_.prepareUpgrade(package, recordEntries(package), extracted.path());
         // Without its file, whose writers would have to wait until the upgrade is complete.
-        prepared_.insert_or_assign(
-            package.id(), Package(package.id(), package.version(), package.orgName(), package.appName()));
+        prepared_.insert_or_assign(package.id(), static_cast<const Core::ZUL::PackageIdentity&>(package));
     } else {
         database_.install(package, recordEntries(package), extracted.path());
     }

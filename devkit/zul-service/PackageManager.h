@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/zul/Database.h"
-#include "core/zul/Package.h"
+#include "core/zul/package/Package.h"
 
 #include <filesystem>
 #include <map>
@@ -63,7 +63,7 @@ private:
     Core::ZUL::Database database_;
     Settings settings_;
     std::vector<std::string> recovered_;
-    std::map<std::string, Core::ZUL::Package> prepared_; // by identifier
+    std::map<std::string, Core::ZUL::PackageIdentity> prepared_; // by identifier
 };
 
 } // namespace Devkit

@@ -8,7 +8,7 @@
 
 #include "common/Error.h"
 #include "core/zul/Database.h"
-#include "core/zul/Package.h"
+#include "core/zul/package/Package.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -111,7 +111,7 @@ void install(Database& database, const fs::path& file, const fs::path& system) {
     const Unpacking unpacked(database.tempDirectory());
     package.extract(file, unpacked.path());
     const Core::ZUL::PackageData entries{
-        {"certificate.id", package.developerCms()->certificate().keyId()},
+        {"certificate.id", package.developerCms().certificate().keyId()},
         {"certificate.subgroup", package.isSystemDeveloper() ? "system" : "developer"}};
     if (upgrade) {
         database.prepareUpgrade(package, entries, unpacked.path());

@@ -57,16 +57,18 @@ Files payloadOf(const fs::path& directory) {
 /// A directory in the place of a mapping, so that an installation fails after others have been made.
 fs::path obstacleIn(const DatabaseOnDisk& disk) { return disk.system / "usr/share" / id / "sub/file"; }
 
-void install(DatabaseOnDisk& disk, const Package& package) {
+void install(DatabaseOnDisk& disk, const PackageIdentity& package) {
     disk.database.install(package, disk.entries, disk.temp / "next");
 }
-void prepareUpgrade(DatabaseOnDisk& disk, const Package& package) {
+void prepareUpgrade(DatabaseOnDisk& disk, const PackageIdentity& package) {
     disk.database.prepareUpgrade(package, disk.entries, disk.temp / "next");
 }
-void completeUpgrade(DatabaseOnDisk& disk, const Package& package) { disk.database.completeUpgrade(package); }
-void removeIt(DatabaseOnDisk& disk, const Package& /*package*/) { disk.database.remove(id); }
-void recover(DatabaseOnDisk& disk, const Package& /*package*/) { disk.database.recoverDatabase(); }
-void refuseInstall(DatabaseOnDisk& disk, const Package& package) {
+void completeUpgrade(DatabaseOnDisk& disk, const PackageIdentity& package) {
+    disk.database.completeUpgrade(package);
+}
+void removeIt(DatabaseOnDisk& disk, const PackageIdentity& /*package*/) { disk.database.remove(id); }
+void recover(DatabaseOnDisk& disk, const PackageIdentity& /*package*/) { disk.database.recoverDatabase(); }
+void refuseInstall(DatabaseOnDisk& disk, const PackageIdentity& package) {
     try {
         install(disk, package);
     } catch (const Error&) {
@@ -76,7 +78,7 @@ void refuseInstall(DatabaseOnDisk& disk, const Package& package) {
 }
 
 /// What a service does when it starts.
-void restart(DatabaseOnDisk& disk, const Package& /*package*/) {
+void restart(DatabaseOnDisk& disk, const PackageIdentity& /*package*/) {
     disk.database.recoverDatabase();
     for (const auto& [directory, data] : disk.database.packages()) {
         disk.database.refreshMappings(directory.filename());
@@ -88,7 +90,7 @@ struct Operation {
     std::string before;   ///< installed version, then prepared versions, a character each
     std::string unpacked; ///< version that lies ready in the temporary directory
     std::string after;    ///< versions that recovery may find, "-" for none; the last one after a success
-    void (*run)(DatabaseOnDisk&, const Package&);
+    void (*run)(DatabaseOnDisk&, const PackageIdentity&);
 };
 
 void PrintTo(const Operation& operation, std::ostream* stream) { *stream << operation.name; }
@@ -106,9 +108,9 @@ const std::vector<Operation> operations{
 };
 
 void makeStateBefore(DatabaseOnDisk& disk, const Operation& operation, bool isCopying) {
-    disk.install(Package("neighbour", "7"), neighbour);
+    disk.install(PackageIdentity("neighbour", "7"), neighbour);
     for (const char version : operation.before) {
-        const Package package(id, {version});
+        const PackageIdentity package(id, {version});
         const auto files = filesOf({version}, isCopying);
         version == '1' ? disk.install(package, files) : disk.prepare(package, files);
     }
@@ -126,7 +128,7 @@ void checkAfterRestart(DatabaseOnDisk& disk, const std::string& allowed, bool is
     if (fs::is_directory(fs::symlink_status(obstacleIn(disk)))) {
         fs::remove(obstacleIn(disk));
     }
-    ASSERT_EQ(runInChild([&] { restart(disk, Package(id, "")); }), End::Finished);
+    ASSERT_EQ(runInChild([&] { restart(disk, PackageIdentity(id, "1")); }), End::Finished);
     auto expected = mappingsOf(disk.root / "neighbour", neighbour);
     EXPECT_EQ(payloadOf(disk.root / "neighbour/7"), neighbour);
     std::string found = "-";
@@ -152,7 +154,7 @@ class DatabaseOperations : public testing::TestWithParam<std::tuple<Operation, b
 protected:
     const Operation& operation = std::get<0>(GetParam());
     const bool isCopying = std::get<1>(GetParam());
-    const Package package{id, operation.unpacked.empty() ? "2" : operation.unpacked};
+    const PackageIdentity package{id, operation.unpacked.empty() ? "2" : operation.unpacked};
 };
 
 TEST_P(DatabaseOperations, LeaveNothingHalfDoneWhenTheProcessIsKilled) {
@@ -172,7 +174,7 @@ TEST_P(DatabaseOperations, LeaveNothingHalfDoneWhenTheProcessIsKilled) {
 /// @param prepare  called in a child process before the operation
 void loseNothing(const Operation& operation, bool isCopying,
                  const std::function<void(DatabaseOnDisk&)>& prepare) {
-    const Package package(id, operation.unpacked.empty() ? "2" : operation.unpacked);
+    const PackageIdentity package(id, operation.unpacked.empty() ? "2" : operation.unpacked);
     forEachFault(17, [&](const Fault& fault, unsigned point) {
         DatabaseOnDisk disk;
         EXPECT_EQ(runInChild([&] { prepare(disk); }), End::Finished);
@@ -206,7 +208,7 @@ TEST_P(ACompletionThatFails, LeavesAVersionInServiceAndSucceedsLaterWithoutARest
         17, [&, isCopying = isCopying, isObstructed = isObstructed](const Fault& fault, unsigned point) {
             DatabaseOnDisk disk;
             EXPECT_EQ(runInChild([&] { makeStateBefore(disk, operation, isCopying); }), End::Finished);
-            const Package package(id, "2");
+            const PackageIdentity package(id, "2");
             const auto obstacle = disk.system / "usr/bin/only-in-2";
             if (isObstructed) {
                 // Then the call that fails may be one that puts the old version back.
@@ -246,10 +248,10 @@ INSTANTIATE_TEST_SUITE_P(With, ACompletionThatFails, testing::Combine(testing::B
                          });
 
 TEST(LookingAtPackagesAndRecovery, LoseNothingWhenACallFails) {
-    const auto look = [](DatabaseOnDisk& disk, const Package& /*package*/) {
+    const auto look = [](DatabaseOnDisk& disk, const PackageIdentity& /*package*/) {
         static_cast<void>(disk.database.packages());
         static_cast<void>(disk.database.packageData(id));
-        disk.database.checkUpgrade(Package(id, "3"));
+        disk.database.checkUpgrade(PackageIdentity(id, "3"));
     };
     for (const auto& operation :
          {Operation{"look", "12", "", "2", look}, Operation{"look at a damaged upgrade", "12", "", "1", look},

@@ -20,8 +20,8 @@ namespace Testbed {
 using Common::Error;
 using Common::ErrorCode;
 using Core::ZUL::Database;
-using Core::ZUL::Package;
 using Core::ZUL::PackageData;
+using Core::ZUL::PackageIdentity;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -82,11 +82,11 @@ struct DatabaseOnDisk {
         return temp / name;
     }
 
-    void install(const Package& package, const Files& files = {{"bin/tool", "#!"}}) {
+    void install(const PackageIdentity& package, const Files& files = {{"bin/tool", "#!"}}) {
         database.install(package, entries, extract(files));
     }
 
-    void prepare(const Package& package, const Files& files = {{"bin/tool", "#!"}}) {
+    void prepare(const PackageIdentity& package, const Files& files = {{"bin/tool", "#!"}}) {
         database.prepareUpgrade(package, entries, extract(files));
     }
 
@@ -130,8 +130,8 @@ protected:
     [[nodiscard]] fs::path dir() const { return root / app.id(); }
     [[nodiscard]] std::string path(const std::string& below) const { return (dir() / below).native(); }
 
-    const Package app{"com.example.app", "1.0-1"};
-    const Package newer{"com.example.app", "2.0-1"};
+    const PackageIdentity app{"com.example.app", "1.0-1"};
+    const PackageIdentity newer{"com.example.app", "2.0-1"};
 };
 
 } // namespace Testbed

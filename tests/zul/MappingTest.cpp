@@ -1,5 +1,5 @@
-#include "core/zul/MappingPlan.h"
-#include "core/zul/Mappings.h"
+#include "core/zul/mapping/MappingPlan.h"
+#include "core/zul/mapping/Mappings.h"
 #include "tests/zul/DatabaseTest.h"
 
 #include <sys/stat.h>
@@ -28,7 +28,7 @@ TEST_F(AMapping, FollowsTheRulesWithItsRelativePath) {
     fs::create_directories(unpacked / "data/empty");
     fs::create_directory_symlink("a", unpacked / "data/linked");
     fs::create_symlink("nowhere", unpacked / "data/dangling");
-    database.install(Package("com.example.app", "1.0-1", "Org", "App"), entries, unpacked);
+    database.install(PackageIdentity("com.example.app", "1.0-1", "Org", "App"), entries, unpacked);
     EXPECT_THAT(mappings(),
                 ElementsAre(Pair("/usr/libexec/com.example.app/d", path("current/libexec/d")),
                             Pair("/usr/share/applications/m.desktop", path("current/manifest/m.desktop")),
@@ -85,7 +85,7 @@ TEST_F(AMapping, CanBeACopyOfAFileThatItsOwnerMayNotWrite) {
 }
 
 TEST_F(AMapping, ReplacesAnotherPackagesButRollsBackAtASystemFile) {
-    install(Package("other", "1-1"), {{"bin/tool", "other"}});
+    install(PackageIdentity("other", "1-1"), {{"bin/tool", "other"}});
     install(app, {{"bin/tool", "x"}});
     EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
     // What became another package's is not removed with the one that had it before.
@@ -93,8 +93,8 @@ TEST_F(AMapping, ReplacesAnotherPackagesButRollsBackAtASystemFile) {
     EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
 
     writeFile(system / "usr/share/third/real", "system");
-    EXPECT_ERROR(install(Package("third", "1-1"), {{"bin/first", "x"}, {"data/real", "x"}}), Filesystem,
-                 "couldn't create mappings");
+    EXPECT_ERROR(install(PackageIdentity("third", "1-1"), {{"bin/first", "x"}, {"data/real", "x"}}),
+                 Filesystem, "couldn't create mappings");
     EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool")),
                                         Pair("/usr/share/third/real", "")));
 }

@@ -22,7 +22,7 @@ TEST_F(ADatabase, InstallsUpgradesInTwoStepsAndRemoves) {
     EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool")),
                                         Pair("/usr/share/com.example.app/new", path("current/data/new"))));
 
-    prepare(Package(app.id(), "3.0-1"));
+    prepare(PackageIdentity(app.id(), "3.0-1"));
     database.remove("/com.example.app");
     EXPECT_THAT(entriesIn(root), IsEmpty());
     EXPECT_THAT(mappings(), IsEmpty());
@@ -65,13 +65,13 @@ TEST_F(ADatabase, PreparesOnlyHigherVersions) {
     EXPECT_ERROR(prepare(app), DowngradeAttempt, "attempt to downgrade package from 2.0-1 to 1.0-1 version");
     EXPECT_ERROR(prepare(newer), DowngradeAttempt,
                  "attempt to downgrade package from 2.0-1 to 2.0-1 version");
-    const Package tenth(app.id(), "2.10-1");
+    const PackageIdentity tenth(app.id(), "2.10-1");
     prepare(tenth);
     EXPECT_ERROR(prepare(tenth), UpgradeAlreadyPrepared,
                  "package upgrade to version 2.10-1 already prepared");
-    EXPECT_ERROR(prepare(Package(app.id(), "2.9-1")), DowngradeAttempt,
+    EXPECT_ERROR(prepare(PackageIdentity(app.id(), "2.9-1")), DowngradeAttempt,
                  "attempt to downgrade package from 2.10-1 to 2.9-1 version");
-    prepare(Package(app.id(), "1:1.0-1"));
+    prepare(PackageIdentity(app.id(), "1:1.0-1"));
     EXPECT_EQ(fs::read_symlink(dir() / "next").filename(), "1:1.0-1");
     EXPECT_TRUE(fs::exists(dir() / "2.10-1"));
     EXPECT_EQ(installedVersion(app.id()), "2.0-1");
@@ -93,7 +93,7 @@ TEST_F(ADatabase, CompletesOnlyWhatIsPreparedAndPreparesInThePlaceOfRubbish) {
     EXPECT_EQ(fs::read_symlink(dir() / "next"), dir() / "2.0-1");
     fs::remove(dir() / "next");
     writeFile(dir() / "next/file", "x");
-    EXPECT_ERROR(prepare(Package(app.id(), "3.0-1")), Filesystem,
+    EXPECT_ERROR(prepare(PackageIdentity(app.id(), "3.0-1")), Filesystem,
                  "couldn't create next directory: " + path("next"));
     EXPECT_EQ(installedVersion(app.id()), "1.0-1");
 }
@@ -116,7 +116,7 @@ TEST_F(ADatabase, GivesUpAnUpgradeWhoseVersionCannotBeParsed) {
     install(app);
     fs::create_directory_symlink("/", dir() / "next");
     const LogCapture log;
-    database.checkUpgrade(Package(app.id(), "1.5-1"));
+    database.checkUpgrade(PackageIdentity(app.id(), "1.5-1"));
     EXPECT_THAT(log.lines(), ElementsAre("WARN: corrupted package upgrade found: \"" + path("next") + "\"",
                                          "INFO: cleaning up corrupted package upgrade"));
     EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "1.0-1"));
@@ -198,8 +198,9 @@ TEST_F(ADatabase, RemovesLaterWhatARemovalCouldNot) {
         EXPECT_THAT(entriesIn(dir()), ElementsAre("1.0-1"));
         fs::permissions(system / "usr/bin", fs::perms(0755));
         const bool isSameVersion = operation == "reinstall" || operation == "prepare";
-        install(operation == "reinstall" ? app
-                                         : Package(app.id(), operation == "prepare" ? "0.9-1" : "2.0-1"),
+        install(operation == "reinstall"
+                    ? app
+                    : PackageIdentity(app.id(), operation == "prepare" ? "0.9-1" : "2.0-1"),
                 {{"data/x", "2"}});
         if (operation == "prepare") {
             prepare(app, {{"data/x", "3"}});
@@ -211,7 +212,7 @@ TEST_F(ADatabase, RemovesLaterWhatARemovalCouldNot) {
             EXPECT_THAT(mappings(),
                         ElementsAre(Pair("/usr/share/com.example.app/x", path("current/data/x"))));
         } else if (operation != "remove") {
-            const Package newest(app.id(), "3.0-1");
+            const PackageIdentity newest(app.id(), "3.0-1");
             prepare(newest, {{"data/x", "3"}});
             operation == "complete" ? database.completeUpgrade(newest)
                                     : static_cast<void>(database.recoverDatabase());

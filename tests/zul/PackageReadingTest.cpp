@@ -24,8 +24,7 @@ TEST_F(APackage, TellsWhoItIsWhoMadeItAndWhereItComesFrom) {
     const auto fromClient = Package::fromFile(file, authorities);
     EXPECT_NE(fromClient.sourceKeyId(), ".no.source.apps");
     EXPECT_THAT(fromClient.sourceSubject(), HasSubstr("Test client"));
-    EXPECT_EQ(fromClient.developerCms()->certificate().keyId(),
-              package.developerCms()->certificate().keyId());
+    EXPECT_EQ(fromClient.developerCms().certificate().keyId(), package.developerCms().certificate().keyId());
 }
 
 TEST_F(APackage, WithoutManifestOrSystemDeveloperKeyIsAcceptedWithAWarning) {

@@ -13,7 +13,7 @@ TEST_F(ReadingADatabase, FindsPackagesByIdentifier) {
     install(app);
     EXPECT_EQ(database.packageDirectory("com.example.app"), dir());
     EXPECT_EQ(database.packageDirectory("/com.example.app"), dir());
-    EXPECT_EQ(database.versionedDirectory(Package("/x", "1-1")), root / "x/1-1");
+    EXPECT_EQ(database.versionedDirectory(PackageIdentity("/x", "1-1")), root / "x/1-1");
     EXPECT_EQ(database.packageData("com.example.app").at("general.version"), "1.0-1");
     EXPECT_ERROR(database.packageDirectory("other"), PackageNotExist,
                  "couldn't find package directory: other");

@@ -12,7 +12,7 @@ using Core::ZUL::writeRecord;
 
 class ARecord : public DatabaseTest {
 protected:
-    PackageData written(const Package& package, const PackageData& further) {
+    PackageData written(const PackageIdentity& package, const PackageData& further) {
         writeRecord(package, further, temp);
         return readRecord(temp / "quenra.pkg");
     }
@@ -31,12 +31,12 @@ TEST_F(ARecord, KeepsWhatItWasGiven) {
     auto further = entries;
     further["applicationdata.setupdata"] = " a = b ; c ";
     further["certificate.empty"] = "";
-    EXPECT_THAT(written(Package("app", "1-1", "Org", "Äpp"), further),
+    EXPECT_THAT(written(PackageIdentity("app", "1-1", "Org", "Äpp"), further),
                 ElementsAre(Pair("applicationdata.setupdata", "a = b ; c"), Pair("certificate.empty", ""),
                             Pair("certificate.id", "0a1b"), Pair("certificate.subgroup", "apps"),
                             Pair("general.appname", "Äpp"), Pair("general.id", "app"),
                             Pair("general.orgname", "Org"), Pair("general.version", "1-1")));
-    EXPECT_FALSE(written(Package("app", "1-1", "Org"), entries).contains("general.orgname"));
+    EXPECT_FALSE(written(PackageIdentity("app", "1-1", "Org"), entries).contains("general.orgname"));
 }
 
 TEST_F(ARecord, ReplacesALinkAndNeverWritesThroughIt) {

@@ -9,7 +9,7 @@ TEST_F(Recovery, CompletesAPreparedUpgradeAndSweeps) {
     prepare(newer, {{"bin/tool", "2"}, {"bin/new", "2"}});
     writeFile(dir() / "stray", "x");
     extract({{"left/over", "x"}});
-    install(Package("com.example.other", "1-1"), {});
+    install(PackageIdentity("com.example.other", "1-1"), {});
     const LogCapture log;
     EXPECT_THAT(database.recoverDatabase(), ElementsAre("com.example.app"));
     EXPECT_THAT(log.lines(), ElementsAre("INFO: package com.example.app successfully upgraded"));
@@ -30,7 +30,7 @@ TEST_F(Recovery, NeverPutsADamagedUpgradeIntoService) {
     install(app);
     prepare(newer);
     writeFile(dir() / "2.0-1/quenra.pkg", "damaged");
-    install(Package("org.example.dangling", "1-1"), {});
+    install(PackageIdentity("org.example.dangling", "1-1"), {});
     fs::create_symlink(root / "org.example.dangling/gone", root / "org.example.dangling/next");
     database.recoverDatabase();
     EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "1.0-1"));
@@ -38,9 +38,9 @@ TEST_F(Recovery, NeverPutsADamagedUpgradeIntoService) {
 }
 
 TEST_F(Recovery, CleansUpWhatCannotBeReadAndGoesOn) {
-    install(Package("a", "1-1"), {{"bin/a", "x"}});
-    install(Package("b", "1-1"), {{"bin/b", "x"}});
-    install(Package("c", "1-1"), {{"bin/c", "x"}});
+    install(PackageIdentity("a", "1-1"), {{"bin/a", "x"}});
+    install(PackageIdentity("b", "1-1"), {{"bin/b", "x"}});
+    install(PackageIdentity("c", "1-1"), {{"bin/c", "x"}});
     writeFile(root / "a/1-1/quenra.pkg", "damaged");
     writeFile(root / "b/current-is-missing", "x");
     fs::remove(root / "b/current");
@@ -66,7 +66,7 @@ TEST_F(Recovery, NeedsNoRootAndNeverDeletesItWithTheTemporaryDirectory) {
 }
 
 TEST_F(Recovery, RefreshesOnlyWhatBelongsToThePackage) {
-    const Package copying("copying", "1-1");
+    const PackageIdentity copying("copying", "1-1");
     install(copying,
             {{"connman/plugin/vpn.so", "1"}, {"bin/a", "1"}, {"bin/b", "1"}, {"bin/c", "1"}, {"bin/d", "1"}});
     const auto bin = system / "usr/bin";

@@ -1,7 +1,8 @@
 #pragma once
 
 #include "common/Error.h"
-#include "core/zul/Package.h"
+#include "core/zul/package/Extraction.h"
+#include "core/zul/package/Package.h"
 #include "testbed/CraftedPackage.h"
 #include "testbed/LogCapture.h"
 #include "testbed/Process.h"
@@ -38,6 +39,12 @@ protected:
         auto package = buildPackage(scratch.path(), spec);
         sign(package, "developer", "developer");
         return package;
+    }
+
+    /// Unpacks a package that nobody has signed or validated.
+    static void unpack(const fs::path& package, const fs::path& into) {
+        Core::ZUL::unpack(Core::ZUL::PackageFile(package), {"com.example.app", "1"}, nullptr, into,
+                          Core::ZUL::attachAttribute);
     }
 
     /// Reads a package that should be refused.

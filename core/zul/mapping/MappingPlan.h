@@ -1,8 +1,8 @@
 #pragma once
 
-#include "core/zul/MappingList.h"
-#include "core/zul/MappingRules.h"
-#include "core/zul/Package.h"
+#include "core/zul/PackageIdentity.h"
+#include "core/zul/mapping/MappingList.h"
+#include "core/zul/mapping/MappingRules.h"
 
 #include <filesystem>
 #include <vector>
@@ -28,6 +28,7 @@ struct MappingPlan {
 /// kind copy that applies makes all of them copies.
 /// Throws Error: BadPackage for a file name with a control character, which no mapping list can hold;
 /// Filesystem for a source directory that is a link out of the version, and for what cannot be read.
-[[nodiscard]] MappingPlan planMappings(const Package& package, const std::filesystem::path& versionDirectory);
+[[nodiscard]] MappingPlan planMappings(const PackageIdentity& package,
+                                       const std::filesystem::path& versionDirectory);
 
 } // namespace Core::ZUL

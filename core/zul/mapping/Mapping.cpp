@@ -1,8 +1,8 @@
-#include "core/zul/Mapping.h"
+#include "core/zul/mapping/Mapping.h"
 
 #include "common/Files.h"
 #include "common/LogLine.h"
-#include "core/zul/FileCopy.h"
+#include "core/zul/mapping/FileCopy.h"
 
 #include <algorithm>
 #include <array>

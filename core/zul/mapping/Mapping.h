@@ -1,7 +1,7 @@
 #pragma once
 
-#include "core/zul/MappingRules.h"
-#include "core/zul/SystemTree.h"
+#include "core/zul/mapping/MappingRules.h"
+#include "core/zul/mapping/SystemTree.h"
 
 #include <filesystem>
 #include <optional>

@@ -1,9 +1,11 @@
-#include "core/zul/PackageNames.h"
+#include "core/zul/PackageIdentity.h"
 
 #include "common/BusText.h"
 #include "common/Error.h"
 #include "common/Files.h"
 #include "common/PackageId.h"
+
+#include <utility>
 
 namespace Core::ZUL {
 
@@ -24,13 +26,16 @@ std::string directoryName(const std::string& packageId) {
     return name;
 }
 
-void requireOrdinaryNames(const Package& package) {
-    static_cast<void>(directoryName(package.id()));
-    const auto& version = package.version();
-    if (!isOrdinaryText(version) || version == "current" || version == "next" || version == "prev") {
-        throw Error(ErrorCode::BadPackage, "couldn't parse package version: " + version);
+PackageIdentity::PackageIdentity(const std::string& id, std::string version,
+                                 std::optional<std::string> orgName, std::optional<std::string> appName)
+    : id_(directoryName(id))
+    , version_(std::move(version))
+    , orgName_(std::move(orgName))
+    , appName_(std::move(appName)) {
+    if (!isOrdinaryText(version_) || version_ == "current" || version_ == "next" || version_ == "prev") {
+        throw Error(ErrorCode::BadPackage, "couldn't parse package version: " + version_);
     }
-    for (const auto& name : {package.orgName(), package.appName()}) {
+    for (const auto& name : {orgName_, appName_}) {
         if (name && !isOrdinaryText(*name)) {
             throw Error(ErrorCode::BadPackage, "application name can't be a directory's name: " + *name);
         }

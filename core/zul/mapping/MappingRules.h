@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/zul/Package.h"
+#include "core/zul/PackageIdentity.h"
 
 #include <string>
 #include <vector>
@@ -17,6 +17,6 @@ struct MappingRule {
 };
 
 /// The rules for a package, in the order in which they are tried. Any thread.
-[[nodiscard]] std::vector<MappingRule> mappingRules(const Package& package);
+[[nodiscard]] std::vector<MappingRule> mappingRules(const PackageIdentity& package);
 
 } // namespace Core::ZUL

@@ -1,4 +1,4 @@
-#include "core/zul/FileCopy.h"
+#include "core/zul/mapping/FileCopy.h"
 
 #include "common/Files.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/zul/MappingRules.h"
+#include "core/zul/mapping/MappingRules.h"
 
 #include <filesystem>
 #include <string>
@@ -12,7 +12,7 @@ namespace Core::ZUL {
 /// do. An immutable value; any thread.
 class PackagePath {
 public:
-    explicit PackagePath(const Package& package)
+    explicit PackagePath(const PackageIdentity& package)
         : rules_(mappingRules(package)) {}
 
     /// The place of a system path in the package: "/usr/bin/tool" gives "bin/tool", "/usr/bin" gives "bin".

@@ -1,4 +1,4 @@
-#include "core/zul/DestinationTree.h"
+#include "core/zul/package/DestinationTree.h"
 
 #include "common/Error.h"
 #include "common/Files.h"

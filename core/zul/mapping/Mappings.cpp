@@ -1,9 +1,9 @@
-#include "core/zul/Mappings.h"
+#include "core/zul/mapping/Mappings.h"
 
 #include "common/Files.h"
 #include "common/LogLine.h"
-#include "core/zul/Mapping.h"
-#include "core/zul/MappingPlan.h"
+#include "core/zul/mapping/Mapping.h"
+#include "core/zul/mapping/MappingPlan.h"
 
 #include <algorithm>
 #include <iterator>
@@ -153,21 +153,10 @@ private:
     std::vector<Mapping> created_;
 };
 
-MappingPlan Mappings::prepare(const Package& package, const std::filesystem::path& versionDirectory) {
+MappingPlan Mappings::prepare(const PackageIdentity& package, const std::filesystem::path& versionDirectory) {
     auto plan = planMappings(package, versionDirectory);
     writeMappingList(versionDirectory, plan.targets(), Common::Durability::Later);
     return plan;
-}
-
-bool Mappings::keepListOf(const std::filesystem::path& otherVersion,
-                          const std::filesystem::path& versionDirectory) {
-    const auto list = readMappingList(otherVersion);
-    if (list) {
-        writeMappingList(versionDirectory,
-                         mergedMappingList(readMappingList(versionDirectory).value_or(MappingList()), *list),
-                         Common::Durability::Now);
-    }
-    return list.has_value();
 }
 
 void Mappings::createMappings(const MappingPlan& plan, const std::filesystem::path& versionDirectory) const {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "core/zul/MappingList.h"
-#include "core/zul/Package.h"
+#include "core/zul/PackageIdentity.h"
+#include "core/zul/mapping/MappingList.h"
 
 #include <filesystem>
 
@@ -24,13 +24,7 @@ public:
 
     /// Plans the mappings of a version, wherever it lies now, and writes their list. The caller flushes it.
     /// Throws as planMappings().
-    static MappingPlan prepare(const Package& package, const std::filesystem::path& versionDirectory);
-
-    /// Adds another version's list to this one's, so that what is not wanted any more goes with the next
-    /// createMappings() or refreshMappings(). It is on disk when this returns.
-    /// @return false when the other version has no list
-    static bool keepListOf(const std::filesystem::path& otherVersion,
-                           const std::filesystem::path& versionDirectory);
+    static MappingPlan prepare(const PackageIdentity& package, const std::filesystem::path& versionDirectory);
 
     /// Makes the mappings of a version as planned, replaces those of other packages, and removes the
     /// package's that are in the list and no longer wanted. Throws Filesystem "couldn't create mappings"

@@ -1,8 +1,11 @@
-#include "core/zul/Extraction.h"
+#include "core/zul/package/Extraction.h"
 
 #include "common/Error.h"
 #include "common/Files.h"
 #include "common/LogLine.h"
+#include "common/rpm/ExtractFileIterator.h"
+#include "core/zul/package/DestinationTree.h"
+#include "core/zul/package/PackagePath.h"
 
 #include <cerrno>
 #include <sys/stat.h>
@@ -45,18 +48,32 @@ void writeContent(EntryContent& content, int file, const std::filesystem::path& 
     }
 }
 
-} // namespace
+/// Puts payload entries, one after the other, into the tree of a package.
+class Extraction {
+public:
+    Extraction(const PackageIdentity& package, const PackageSignatures::Cms* developer,
+               const std::filesystem::path& destination, const AttributeWriter& attributes)
+        : package_(package)
+        , developer_(developer)
+        , paths_(package)
+        , tree_(destination)
+        , attributes_(attributes) {}
 
-int attachAttribute(int file, const std::string& name, const std::string& value) {
-    return fsetxattr(file, name.c_str(), value.data(), value.size(), 0) == 0 ? 0 : errno;
-}
+    void extract(const PayloadEntry& entry, EntryContent& content);
+    void finish() {
+        reported("couldn't extract directory", [&] { tree_.finish(); });
+    }
 
-Extraction::Extraction(const Package& package, const std::filesystem::path& destination,
-                       const AttributeWriter& attributes)
-    : package_(package)
-    , paths_(package)
-    , tree_(destination)
-    , attributes_(attributes) {}
+private:
+    void extractFile(const PayloadEntry& entry, EntryContent& content);
+    void sign(const PayloadEntry& entry, int file, const std::filesystem::path& place);
+
+    const PackageIdentity& package_;
+    const PackageSignatures::Cms* developer_;
+    PackagePath paths_;
+    DestinationTree tree_;
+    const AttributeWriter& attributes_;
+};
 
 void Extraction::extract(const PayloadEntry& entry, EntryContent& content) {
     switch (entry.kind) {
@@ -68,7 +85,10 @@ void Extraction::extract(const PayloadEntry& entry, EntryContent& content) {
         reported("couldn't extract regular file", [&] { extractFile(entry, content); });
         break;
     case EntryKind::SymbolicLink:
-        reported("couldn't extract symlink", [&] { extractSymbolicLink(entry); });
+        reported("couldn't extract symlink", [&] {
+            tree_.makeSymbolicLink(paths_.toPackagePath(entry.path),
+                                   paths_.linkTarget(entry.path, entry.linkTarget));
+        });
         break;
     case EntryKind::HardLink:
         reported("couldn't extract hardlink", [&] {
@@ -96,13 +116,8 @@ void Extraction::extractFile(const PayloadEntry& entry, EntryContent& content) {
     }
 }
 
-void Extraction::extractSymbolicLink(const PayloadEntry& entry) {
-    tree_.makeSymbolicLink(paths_.toPackagePath(entry.path), paths_.linkTarget(entry.path, entry.linkTarget));
-}
-
 void Extraction::sign(const PayloadEntry& entry, int file, const std::filesystem::path& place) {
-    const auto& developer = package_.developerCms();
-    if (!developer) {
+    if (developer_ == nullptr) {
         throw Error(ErrorCode::BadPackageSignature, "package doesn't have developer signature");
     }
     const auto attach = [&](const std::string& name, const std::string& value) {
@@ -114,13 +129,28 @@ void Extraction::sign(const PayloadEntry& entry, int file, const std::filesystem
                                                    place.native() + ": " + errnoText(error));
         }
     };
-    attach("security.ima", developer->fileSignature(entry.fileIndex));
-    attach("user.TA.shdr", developer->trustletSignature(entry.fileIndex));
+    attach("security.ima", developer_->fileSignature(entry.fileIndex));
+    attach("user.TA.shdr", developer_->trustletSignature(entry.fileIndex));
     attach("security.appid", package_.id());
 }
 
-void Extraction::finish() {
-    reported("couldn't extract directory", [&] { tree_.finish(); });
+} // namespace
+
+int attachAttribute(int file, const std::string& name, const std::string& value) {
+    return fsetxattr(file, name.c_str(), value.data(), value.size(), 0) == 0 ? 0 : errno;
+}
+
+void unpack(const PackageFile& file, const PackageIdentity& package, const PackageSignatures::Cms* developer,
+            const std::filesystem::path& destination, const AttributeWriter& attributes) try {
+    Extraction extraction(package, developer, destination, attributes);
+    Common::Rpm::ExtractFileIterator(file.reader()).forEach([&](const auto& entry, auto& content) {
+        extraction.extract(entry, content);
+    });
+    file.requireUnchanged();
+    extraction.finish();
+} catch (const std::filesystem::filesystem_error& error) {
+    Common::logError() << error;
+    throw Error(ErrorCode::Filesystem, "couldn't make directory to extract package into");
 }
 
 } // namespace Core::ZUL

@@ -1,4 +1,4 @@
-#include "core/zul/MappingPlan.h"
+#include "core/zul/mapping/MappingPlan.h"
 
 #include "common/Files.h"
 
@@ -62,7 +62,7 @@ MappingList MappingPlan::targets() const {
     return list;
 }
 
-MappingPlan planMappings(const Package& package, const std::filesystem::path& versionDirectory) {
+MappingPlan planMappings(const PackageIdentity& package, const std::filesystem::path& versionDirectory) {
     const Common::UniqueFd version(open(versionDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!version) {
         throw Common::filesystemError("couldn't open version directory " + versionDirectory.native());

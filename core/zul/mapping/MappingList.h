@@ -25,6 +25,12 @@ inline const std::string mappingListName = "symlink.list";
 void writeMappingList(const std::filesystem::path& versionDirectory, const MappingList& list,
                       Common::Durability durability);
 
+/// Adds another version's list to this one's, so that mappings that are no longer wanted are removed when the
+/// version's are made or refreshed. On disk when it returns. Throws Error, code Filesystem. Any thread.
+/// @return false when the other version has no list
+bool keepMappingListOf(const std::filesystem::path& otherVersion,
+                       const std::filesystem::path& versionDirectory);
+
 /// The first list, and behind it what only the second has.
 [[nodiscard]] MappingList mergedMappingList(MappingList first, const MappingList& second);
 

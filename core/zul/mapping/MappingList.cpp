@@ -1,4 +1,4 @@
-#include "core/zul/MappingList.h"
+#include "core/zul/mapping/MappingList.h"
 
 #include "common/LogLine.h"
 
@@ -60,6 +60,17 @@ void writeMappingList(const std::filesystem::path& versionDirectory, const Mappi
         Common::logError() << "couldn't write package mapping list: " << error;
         throw Error(ErrorCode::Filesystem, failure);
     }
+}
+
+bool keepMappingListOf(const std::filesystem::path& otherVersion,
+                       const std::filesystem::path& versionDirectory) {
+    const auto list = readMappingList(otherVersion);
+    if (list) {
+        writeMappingList(versionDirectory,
+                         mergedMappingList(readMappingList(versionDirectory).value_or(MappingList()), *list),
+                         Common::Durability::Now);
+    }
+    return list.has_value();
 }
 
 MappingList mergedMappingList(MappingList first, const MappingList& second) {

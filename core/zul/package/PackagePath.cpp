@@ -1,4 +1,4 @@
-#include "core/zul/PackagePath.h"
+#include "core/zul/package/PackagePath.h"
 
 #include "common/Error.h"
 

@@ -1,4 +1,4 @@
-#include "core/zul/PackageFile.h"
+#include "core/zul/package/PackageFile.h"
 
 #include "common/Error.h"
 #include "common/Files.h"

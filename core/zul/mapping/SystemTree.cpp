@@ -1,4 +1,4 @@
-#include "core/zul/SystemTree.h"
+#include "core/zul/mapping/SystemTree.h"
 
 #include "common/Files.h"
 

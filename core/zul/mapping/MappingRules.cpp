@@ -1,8 +1,8 @@
-#include "core/zul/MappingRules.h"
+#include "core/zul/mapping/MappingRules.h"
 
 namespace Core::ZUL {
 
-std::vector<MappingRule> mappingRules(const Package& package) {
+std::vector<MappingRule> mappingRules(const PackageIdentity& package) {
     using enum MappingKind;
     const auto& id = package.id();
     std::vector<MappingRule> rules{

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace Core::ZUL {
+
+/// Which version of which package: an immutable value whose names can all be parts of paths and bus texts.
+/// Any thread.
+class PackageIdentity {
+public:
+    /// Throws Common::Error when a name is not one ordinary path component that a bus takes: code
+    /// BadPackageID for the identifier, which may begin with one "/" that is dropped; BadPackage for the
+    /// others, and for a version with a name that the database keeps for itself.
+    PackageIdentity(const std::string& id, std::string version, std::optional<std::string> orgName = {},
+                    std::optional<std::string> appName = {});
+
+    /// The rpm name; also the name of the package's directory in the database.
+    [[nodiscard]] const std::string& id() const { return id_; }
+    /// version "-" release, as the package carries them.
+    [[nodiscard]] const std::string& version() const { return version_; }
+    [[nodiscard]] const std::optional<std::string>& orgName() const { return orgName_; }
+    [[nodiscard]] const std::optional<std::string>& appName() const { return appName_; }
+
+private:
+    std::string id_;
+    std::string version_;
+    std::optional<std::string> orgName_;
+    std::optional<std::string> appName_;
+};
+
+/// The name of a package's directory: the identifier without the one "/" it may begin with. Throws
+/// Common::Error, code BadPackageID, for what Common::requirePackageId() refuses. Any thread.
+[[nodiscard]] std::string directoryName(const std::string& packageId);
+
+} // namespace Core::ZUL

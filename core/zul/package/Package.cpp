@@ -1,0 +1,184 @@
+#include "core/zul/package/Package.h"
+
+#include "common/Error.h"
+#include "common/LogLine.h"
+#include "common/rpm/FileIterator.h"
+#include "common/rpm/WholePackage.h"
+#include "core/zul/Edge.h"
+#include "core/zul/package/Extraction.h"
+#include "core/zul/package/PackageFile.h"
+#include "platform/manifestkit/AppManifest.h"
+#include "platform/pkgverify/FileWithCmses.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <fstream>
+#include <optional>
+#include <sys/stat.h>
+#include <utility>
+
+namespace Core::ZUL {
+
+using Common::Error;
+using Common::ErrorCode;
+using Common::Rpm::FileIterator;
+
+namespace {
+
+// Bytes to unpack at most in search of the manifest of a package that is refused anyway: the slowest
+// compression takes a second for them.
+constexpr std::uint64_t searchLimit = 8UL * 1024 * 1024;
+
+/// The bytes of the entry that the iterator is at, checked.
+std::string readEntry(FileIterator& files, const std::string& path) {
+    if (files.size() > AppManifest::ManifestEntry::maximumSize) {
+        throw Error(ErrorCode::BadPackage, "the package's manifest is too large: " + path);
+    }
+    std::string bytes(files.size(), '\0');
+    Common::Rpm::ContentDigest digest(files.digest());
+    const auto count = files.read(bytes);
+    digest.update(bytes);
+    if (count != bytes.size() || !digest.matches()) {
+        throw Error(ErrorCode::BadPackage, "couldn't read the package's manifest: " + path);
+    }
+    return bytes;
+}
+
+/// @param refusal  why the package is refused in the end, if it is; thrown when the search becomes too long
+/// @return nothing when the payload has no such file
+std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, const std::string& path,
+                                           const std::optional<Error>& refusal) {
+    FileIterator files(reader);
+    auto left = searchLimit;
+    const int wanted = files.fileOf(path);
+    while (wanted >= 0 && files.next()) {
+        // A file with several names has its content at the first of them that the archive has.
+        const bool isWanted = files.file() == wanted;
+        if (isWanted && S_ISREG(files.mode()) && files.hasContent()) {
+            return readEntry(files, path);
+        }
+        if (isWanted && files.path() == path) {
+            throw Error(ErrorCode::BadPackage, "the package's manifest is no regular file: " + path);
+        }
+        // The next step unpacks what this entry has: its content and a name.
+        const auto cost = std::min<std::uint64_t>(files.size(), searchLimit) + PATH_MAX;
+        if (refusal && cost > left) {
+            throw Error(*refusal);
+        }
+        left -= std::min(cost, left);
+    }
+    return {};
+}
+
+/// The identity with the names of the package's manifest, if it has one. Parameters as readFromPayload().
+PackageIdentity withManifest(const PackageIdentity& package, const Common::Rpm::Reader& reader,
+                             const std::optional<Error>& refusal) {
+    const auto path = "/usr/share/applications/" + package.id() + ".desktop";
+    const auto bytes = readFromPayload(reader, path, refusal);
+    if (!bytes) {
+        Common::logWarning() << "the package does not contain a manifest: " << path;
+        return package;
+    }
+    const auto names = [&bytes] {
+        try {
+            const auto manifest = AppManifest::ManifestEntry::fromBytes(*bytes);
+            return std::pair(manifest.appOrgname(), manifest.appName());
+        } catch (const std::exception& error) {
+            throw Error(ErrorCode::BadPackage,
+                        std::string("couldn't parse the package's manifest: ") + error.what());
+        }
+    }();
+    return {package.id(), package.version(), names.first, names.second};
+}
+
+struct Signatures {
+    std::optional<PackageSignatures::Cms> developer = {}; ///< exists unless the package is refused
+    std::optional<PackageSignatures::Cms> client = {};
+    std::optional<Error> refusal = {};
+};
+
+Signatures readSignatures(const PackageFile& file, const std::filesystem::path& authority) {
+    const auto refused = [](ErrorCode code, const char* text) {
+        return Signatures{.refusal = Error(code, text)};
+    };
+    const auto signedFile = PackageSignatures::FileWithCmses::fromPath(file.openFile());
+    if (!signedFile) {
+        return refused(ErrorCode::BadPackage, "couldn't open file for reading cmses");
+    }
+    if (!signedFile->verifyCmses(authority)) {
+        return refused(ErrorCode::BadPackageSignature, "package is signed with a non-legal key");
+    }
+    const auto& cmses = signedFile->cmses();
+    if (cmses.empty()) {
+        return refused(ErrorCode::BadPackageSignature, "couldn't retrieve cmses from package");
+    }
+    const auto developer = PackageSignatures::developerCmsFromVector(cmses);
+    if (!developer) {
+        return refused(ErrorCode::BadPackageSignature, "package doesn't have developer signature");
+    }
+    return {.developer = developer, .client = PackageSignatures::clientCmsFromVector(cmses)};
+}
+
+bool isSystemDeveloperKey(const std::string& keyId, const std::filesystem::path& file) {
+    std::ifstream stream(file);
+    std::string line;
+    if (stream.is_open()) {
+        std::getline(stream, line);
+    }
+    if (!stream.is_open() || stream.bad()) {
+        Common::logWarning() << "couldn't retrieve system developer key id";
+        return false;
+    }
+    return line == keyId;
+}
+
+} // namespace
+
+Package::Package(PackageIdentity identity, PackageSignatures::Cms developerCms,
+                 std::shared_ptr<const PackageFile> file)
+    : PackageIdentity(std::move(identity))
+    , developerCms_(std::move(developerCms))
+    , file_(std::move(file)) {}
+
+Package Package::fromFile(const std::filesystem::path& file, const Authorities& authorities) try {
+    auto opened = std::make_shared<const PackageFile>(file);
+    const auto& header = opened->reader();
+    const auto id = header.getStringTag(RPMTAG_NAME);
+    const auto version = header.getStringTag(RPMTAG_VERSION);
+    const auto release = header.getStringTag(RPMTAG_RELEASE);
+    auto architecture = header.getStringTag(RPMTAG_ARCH);
+    const PackageIdentity identity(id, version + "-" + release);
+    static_cast<void>(Common::Rpm::packageLength(header));
+    // What is wrong with the manifest is reported before what is wrong with the signatures, but how much may
+    // be unpacked to find it depends on them.
+    const auto signatures = readSignatures(*opened, authorities.certificates);
+    auto named = withManifest(identity, header, signatures.refusal);
+    if (signatures.refusal) {
+        throw Error(*signatures.refusal);
+    }
+    Common::Rpm::requirePayloadDigest(header);
+    Package package(std::move(named), *signatures.developer, std::move(opened));
+    package.architecture_ = std::move(architecture);
+    if (signatures.client) {
+        package.sourceKeyId_ = signatures.client->certificate().keyId();
+        package.sourceSubject_ = signatures.client->certificate().subject();
+    }
+    package.isSystemDeveloper_ =
+        isSystemDeveloperKey(package.developerCms_.certificate().keyId(), authorities.systemDeveloperKeyId);
+    // All that was looked at since the header was read came from one and the same file.
+    package.file_->requireUnchanged();
+    return package;
+} catch (...) {
+    throwAsError();
+}
+
+void Package::extract(const std::filesystem::path& file, const std::filesystem::path& destination,
+                      const AttributeWriter& attributes) const try {
+    file_->requireSame(file);
+    unpack(*file_, *this, &developerCms_, destination, attributes);
+} catch (...) {
+    throwAsError();
+}
+
+} // namespace Core::ZUL

@@ -1,0 +1,87 @@
+#pragma once
+
+#include "common/Names.h"
+#include "core/zul/PackageIdentity.h"
+#include "core/zul/package/AttributeWriter.h"
+#include "platform/signcms/PackageSignatures.h"
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace Core::ZUL {
+
+class PackageFile;
+
+/// The source key identifier of a package that no client signed.
+inline const std::string noSource = ".no.source.apps";
+
+/// Files that say whom to trust.
+struct Authorities {
+    std::filesystem::path certificates = Common::Names::Files::packageAuthority;             ///< PEM
+    std::filesystem::path systemDeveloperKeyId = Common::Names::Files::systemDeveloperKeyId; ///< one line
+};
+
+/// A validated package file that is held open. Copies share the file, which stays open, and keeps writers
+/// waiting (see PackageFile), as long as one of them lives; the identity alone is a value without a file.
+/// Used by one thread at a time.
+class Package : public PackageIdentity {
+public:
+    /// Reads and validates a package file: header, manifest, signatures. Unpacks nothing to disk, and nothing
+    /// at all beyond the manifest; reads the whole file where the signatures hold. When the signatures do not
+    /// hold no more than 8 MiB are unpacked in search of the manifest; what is wrong behind that is not
+    /// found.
+    ///
+    /// A payload without "/usr/share/applications/ID.desktop", or an unreadable file of the system
+    /// developer's key, is a warning in the log. Everything else is refused, checked in this order:
+    /// - what Common::Rpm::Reader refuses, and missing tags: FileNotFound, BadPackage;
+    ///   BadPackage as well for a file that is open for writing
+    /// - names that PackageIdentity refuses: BadPackageID, BadPackage
+    /// - a source package, and a file that has not all of its package (Common::Rpm::packageLength()):
+    ///   BadPackage
+    /// - a manifest that is damaged, too large or not a regular file, or whose names PackageIdentity refuses:
+    ///   BadPackage
+    /// - signatures that cannot be read: BadPackage; that do not hold, are absent or are not a developer's:
+    ///   BadPackageSignature
+    /// - a payload that does not have the header's digest: BadPackage
+    /// - a file that is written to, or opened for it, meanwhile: BadPackage
+    /// What cannot be read or done this time is Filesystem or Internal.
+    [[nodiscard]] static Package fromFile(const std::filesystem::path& file,
+                                          const Authorities& authorities = {});
+
+    /// Unpacks the payload of the package file below a directory, system paths translated back by the mapping
+    /// rules (see PackagePath), with permissions and, on files that are to be signed, the attributes
+    /// "security.ima", "user.TA.shdr" and "security.appid". Nothing outside the directory is touched. After a
+    /// failure what was written so far stays; the caller removes it.
+    ///
+    /// Throws Common::Error: FileNotFound for a path that leads nowhere, and BadPackage for one that leads to
+    /// anything but the validated file, unchanged and not opened for writing to the end; BadPackage for a
+    /// payload that is damaged, not what its header says or that names places outside; Filesystem; Internal
+    /// for anything else that the attribute writer or a library throws.
+    /// @param file         the path that fromFile() was given, or another of the same file
+    /// @param destination  made with missing parents if it does not exist
+    /// @param attributes   how attributes are attached; for tests and for systems that cannot hold them
+    void extract(const std::filesystem::path& file, const std::filesystem::path& destination,
+                 const AttributeWriter& attributes = attachAttribute) const;
+
+    [[nodiscard]] const std::string& architecture() const { return architecture_; }
+    [[nodiscard]] const PackageSignatures::Cms& developerCms() const { return developerCms_; }
+    /// Key identifier and subject of the client's certificate; without one noSource and nothing.
+    [[nodiscard]] const std::string& sourceKeyId() const { return sourceKeyId_; }
+    [[nodiscard]] const std::string& sourceSubject() const { return sourceSubject_; }
+    /// Whether the developer is the platform's own.
+    [[nodiscard]] bool isSystemDeveloper() const { return isSystemDeveloper_; }
+
+private:
+    Package(PackageIdentity identity, PackageSignatures::Cms developerCms,
+            std::shared_ptr<const PackageFile> file);
+
+    std::string architecture_;
+    PackageSignatures::Cms developerCms_;
+    std::string sourceKeyId_ = noSource;
+    std::string sourceSubject_;
+    bool isSystemDeveloper_ = false;
+    std::shared_ptr<const PackageFile> file_;
+};
+
+} // namespace Core::ZUL
