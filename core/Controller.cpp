@@ -2,7 +2,7 @@
 
 #include "common/Guard.h"
 #include "common/Names.h"
-#include "core/zul/Database.h"
+#include "core/zul/DatabaseLocation.h"
 
 #include <algorithm>
 namespace Core {
@@ -262,7 +262,7 @@ std::vector<std::string> Controller::notPrepared() const {
     std::vector<std::string> ids;
     for (const auto& awaiting : awaiting_) {
         try {
-            if (!ZUL::Database().hasPreparedNextVersion(awaiting.packageId())) {
+            if (!ZUL::DatabaseLocation().hasPreparedNextVersion(awaiting.packageId())) {
                 ids.push_back(awaiting.id());
             }
         } catch (const std::exception& error) {

@@ -2,7 +2,7 @@
 
 #include "common/LogLine.h"
 #include "common/Names.h"
-#include "core/zul/Database.h"
+#include "core/zul/DatabaseLocation.h"
 
 #include <algorithm>
 
@@ -42,7 +42,8 @@ asio::awaitable<void> LaunchControl::startApplication(std::string packageId, Com
 }
 
 asio::awaitable<void> LaunchControl::restartApplication(std::string packageId, Common::TimePoint deadline) {
-    auto& waiting = ZUL::Database().hasPreparedNextVersion(packageId) ? afterUpgrade_ : afterTermination_;
+    auto& waiting =
+        ZUL::DatabaseLocation().hasPreparedNextVersion(packageId) ? afterUpgrade_ : afterTermination_;
     waiting.push_back(packageId);
     if (waiting.size() > maximumRestarts) {
         Common::logWarning() << "dropped the oldest of too many restarts: " << waiting.front();

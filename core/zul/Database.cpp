@@ -6,9 +6,6 @@
 #include "core/zul/Edge.h"
 #include "core/zul/Events.h"
 
-#include <boost/property_tree/ini_parser.hpp>
-#include <boost/property_tree/ptree.hpp>
-
 namespace Core::ZUL {
 
 namespace fs = std::filesystem;
@@ -17,24 +14,6 @@ using Common::ErrorCode;
 using Common::quoted;
 
 namespace {
-
-boost::property_tree::ptree readConfiguration(const fs::path& file) {
-    boost::property_tree::ptree tree;
-    try {
-        boost::property_tree::read_ini(file.native(), tree);
-        return tree;
-    } catch (const std::exception&) {
-        Common::logError() << "couldn't parse config file: " << file.native();
-        return {};
-    }
-}
-
-// Links in the database name whole paths, which a relative one would not be from where they lie.
-fs::path wholePath(const fs::path& path) {
-    std::error_code error;
-    auto result = fs::absolute(path, error);
-    return error ? path : result;
-}
 
 void removeUnexpected(const fs::path& entry) {
     Common::logWarning() << "unexpected entry found in database root directory: " << quoted(entry);
@@ -47,24 +26,12 @@ void removeUnexpected(const fs::path& entry) {
 
 } // namespace
 
-Database::Database(const fs::path& configuration) {
-    const auto tree = readConfiguration(configuration);
-    rootDirectory_ = wholePath(tree.get<std::string>("database.root_directory", "/opt/app"));
-    tempDirectory_ = wholePath(tree.get<std::string>("database.temp_directory", "/opt/zul/tmp"));
-}
-
 Database::Database(const fs::path& root, const fs::path& temp, const fs::path& systemRoot)
-    : rootDirectory_(wholePath(root))
-    , tempDirectory_(wholePath(temp))
+    : DatabaseLocation(root, temp)
     , mappings_(wholePath(systemRoot)) {}
 
-bool Database::hasPreparedNextVersion(const std::string& packageId) const {
-    const auto package = rootDirectory_ / fs::path(packageId).relative_path();
-    return fs::is_directory(package / "next");
-}
-
 PackageDirectory Database::directoryOf(const std::string& packageId) const {
-    return PackageDirectory(rootDirectory_ / directoryName(packageId));
+    return PackageDirectory(rootDirectory() / directoryName(packageId));
 }
 
 fs::path Database::packageDirectory(const std::string& packageId) try {
@@ -138,11 +105,11 @@ PackageData Database::packageData(const std::string& packageId) {
 
 std::vector<fs::path> Database::packageDirectories() try {
     std::vector<fs::path> directories;
-    if (!Common::exists(rootDirectory_)) {
+    if (!Common::exists(rootDirectory())) {
         Common::logWarning() << "database root directory doesn't exist";
         return directories;
     }
-    for (auto& entry : Common::entriesOf(rootDirectory_)) {
+    for (auto& entry : Common::entriesOf(rootDirectory())) {
         try {
             const auto status = Common::statusOf(entry);
             if (status && S_ISDIR(status->st_mode)) {
@@ -201,7 +168,7 @@ void Database::removeAll(const PackageDirectory& directory, bool isUnmapped) con
         directory.removeLinks();
         Common::logWarning() << "package directory stays for its mappings: " << quoted(directory.path());
     }
-    Common::flushDirectory(rootDirectory_);
+    Common::flushDirectory(rootDirectory());
 }
 
 void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcept {

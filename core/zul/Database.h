@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/Names.h"
+#include "core/zul/DatabaseLocation.h"
 #include "core/zul/PackageDirectory.h"
 #include "core/zul/PackageIdentity.h"
 #include "core/zul/Record.h"
@@ -23,8 +23,6 @@ namespace Core::ZUL {
 /// Files of an installed package appear in the system directories as mappings (see Mappings). The temporary
 /// directory, on the same file system as the root, is where callers unpack; recovery empties it.
 ///
-/// Relative directories count from the working directory at construction.
-///
 /// One process owns a database and one thread at a time uses it. Failures are Common::Error; every operation
 /// that takes an identifier or a package throws, before it touches anything, BadPackageID for an identifier
 /// and BadPackage for a version, organisation or application name that is not one ordinary path component. An
@@ -34,28 +32,17 @@ namespace Core::ZUL {
 /// A process killed at any moment leaves a database that recoverDatabase(), one packages() and a
 /// refreshMappings() of every package bring back to whole packages with their mappings. What an operation
 /// reported as done survives the loss of power.
-class Database {
+class Database : public DatabaseLocation {
 public:
-    /// Takes the directories from the configuration file, read afresh; never fails because of it. What is
-    /// absent, or a file that cannot be read or parsed, gives the defaults "/opt/app" and "/opt/zul/tmp".
-    /// @param configuration  INI file, section "database", keys "root_directory" and "temp_directory"
-    explicit Database(const std::filesystem::path& configuration = Common::Names::Files::zulConfiguration);
+    /// Takes the directories from the configuration file; see DatabaseLocation.
+    using DatabaseLocation::DatabaseLocation;
 
     /// Takes the directories as given, for images and tests.
     /// @param systemRoot  the directory that stands for "/" in every mapping's path. Mapping lists and
     ///                    messages name mappings as the running system will see them, without it. The links'
     ///                    targets are paths below `root` as it is given here, made absolute.
     Database(const std::filesystem::path& root, const std::filesystem::path& temp,
-             const std::filesystem::path& systemRoot = "/");
-
-    [[nodiscard]] const std::filesystem::path& rootDirectory() const { return rootDirectory_; }
-    [[nodiscard]] const std::filesystem::path& tempDirectory() const { return tempDirectory_; }
-
-    /// Whether an upgrade of the package is prepared and not yet completed: whether root / packageId / "next"
-    /// is a directory, links followed. The identifier is taken as a relative path and not checked. Throws
-    /// std::filesystem::filesystem_error for anything but absence, for example a root that may not be
-    /// searched or a name that is too long.
-    [[nodiscard]] bool hasPreparedNextVersion(const std::string& packageId) const;
+             const std::filesystem::path& systemRoot);
 
     /// The directory of an installed package. Throws PackageNotExist; CorruptedInstalledPackage, after
     /// removing the package, when its "current" leads nowhere.
@@ -147,8 +134,6 @@ private:
     void removeTempDirectory() const;
     void recoverPackage(const PackageDirectory& directory, std::vector<std::string>& completed);
 
-    std::filesystem::path rootDirectory_;
-    std::filesystem::path tempDirectory_;
     Mappings mappings_{"/"};
 };
 

@@ -81,7 +81,7 @@ void Database::install(const PackageIdentity& package, const PackageData& entrie
                         "couldn't create current directory: " + directory.current().native());
         }
         Common::flushDirectory(directory.path());
-        Common::flushDirectory(rootDirectory_);
+        Common::flushDirectory(rootDirectory());
         mappings_.createMappings(plan, directory.current());
         mappings_.flush();
     } catch (...) {

@@ -35,10 +35,10 @@ std::optional<std::string> valueOf(const PackageData& data, const std::string& k
 
 void Database::removeTempDirectory() const {
     try {
-        if (!tempDirectory_.empty() && holds(tempDirectory_, rootDirectory_)) {
+        if (!tempDirectory().empty() && holds(tempDirectory(), rootDirectory())) {
             throw Error(ErrorCode::Internal, "the database root directory lies in it");
         }
-        Common::removeTree(tempDirectory_);
+        Common::removeTree(tempDirectory());
     } catch (const std::exception& error) {
         Common::logWarning() << "couldn't cleanup database temporary directory" << error;
     }
@@ -80,18 +80,18 @@ void Database::recoverPackage(const PackageDirectory& directory, std::vector<std
 std::vector<std::string> Database::recoverDatabase() try {
     std::vector<std::string> completed;
     removeTempDirectory();
-    if (!Common::exists(rootDirectory_)) {
+    if (!Common::exists(rootDirectory())) {
         Common::logWarning() << "database root directory doesn't exist";
         return completed;
     }
-    for (const auto& entry : Common::entriesOf(rootDirectory_)) {
+    for (const auto& entry : Common::entriesOf(rootDirectory())) {
         try {
             recoverPackage(PackageDirectory(entry), completed);
         } catch (const std::exception& error) {
             Common::logWarning() << "couldn't recover package directory " << quoted(entry) << ": " << error;
         }
     }
-    for (const auto& entry : Common::entriesOf(rootDirectory_)) {
+    for (const auto& entry : Common::entriesOf(rootDirectory())) {
         try {
             static_cast<void>(readInstalled(PackageDirectory(entry)));
         } catch (const std::exception& error) {

@@ -1,4 +1,4 @@
-#include "core/zul/Database.h"
+#include "core/zul/DatabaseLocation.h"
 #include "testbed/LogCapture.h"
 #include "testbed/ScratchDirectory.h"
 
@@ -6,7 +6,7 @@
 
 namespace {
 
-using Core::ZUL::Database;
+using Database = Core::ZUL::DatabaseLocation;
 namespace fs = std::filesystem;
 
 class ADatabasesConfiguration : public testing::Test {
