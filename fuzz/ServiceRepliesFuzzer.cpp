@@ -1,0 +1,234 @@
+#include "fuzz/BusMessages.h"
+#include "testbed/PrivateBus.h"
+#include "tools/vendaractl/Commands.h"
+
+#include <atomic>
+#include <clocale>
+#include <iostream>
+#include <poll.h>
+#include <sstream>
+#include <sys/eventfd.h>
+#include <thread>
+
+namespace {
+
+using namespace Vendaractl;
+using Fuzz::Message;
+using Fuzz::require;
+
+constexpr auto service = "norvane.Vendara";
+constexpr auto endId = "no.more.signals";
+
+/// What is written to a standard stream. The line with endId is the last one that it takes.
+class Captured : public std::stringbuf {
+public:
+    explicit Captured(std::ostream& stream)
+        : stream_(stream)
+        , before_(stream.rdbuf(this)) {}
+    ~Captured() override {
+        stream_.rdbuf(before_);
+        stream_.clear();
+    }
+    int sync() override { return view().find(endId) == std::string_view::npos ? 0 : -1; }
+
+private:
+    std::ostream& stream_;
+    std::streambuf* before_;
+};
+
+/// The service as the program sees it: it answers, and says of its own accord, what the input holds, and
+/// leaves the bus when the program waits for more. Runs on a thread of its own.
+class Service {
+public:
+    Service(Fuzz::Connection& connection, FuzzedDataProvider& input, bool isMonitored)
+        : bus_(connection)
+        , input_(input)
+        , isMonitored_(isMonitored) {
+        require(sd_bus_request_name(bus_.get(), service, 0) >= 0);
+        sd_bus_slot* slot = nullptr;
+        require(sd_bus_add_filter(bus_.get(), &slot, &Service::handle, this) >= 0);
+        slot_.reset(slot);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~Service() {
+        eventfd_write(end_, 1);
+        thread_.join();
+        close(end_);
+    }
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+private:
+    void run() {
+        std::array<pollfd, 2> descriptors{pollfd{sd_bus_get_fd(bus_.get()), POLLIN, 0}, {end_, POLLIN, 0}};
+        while (descriptors[1].revents == 0) {
+            bus_.process();
+            descriptors[0].events = static_cast<short>(sd_bus_get_events(bus_.get()));
+            const int ready = poll(descriptors.data(), descriptors.size(), isMonitored_ ? 1 : -1);
+            if (ready == 0) {
+                sendPackageSignal();
+            }
+        }
+        sd_bus_release_name(bus_.get(), service);
+    }
+
+    static int handle(sd_bus_message* message, void* self, sd_bus_error*) {
+        if (sd_bus_message_is_method_call(message, service, nullptr) <= 0) {
+            return 0;
+        }
+        static_cast<Service*>(self)->answer(message);
+        return 1;
+    }
+
+    void answer(sd_bus_message* call) {
+        const std::string method = sd_bus_message_get_member(call);
+        const char* caller = sd_bus_message_get_sender(call);
+        const bool hasOperation = method == "Install" || method == "Remove";
+        sendStatuses(caller);
+        if (input_.ConsumeIntegralInRange(0, 7) == 0) {
+            sd_bus_reply_method_errorf(call, "norvane.Vendara.Error", "%s", values_.text().c_str());
+        } else {
+            sd_bus_message* made = nullptr;
+            require(sd_bus_message_new_method_return(call, &made) >= 0);
+            const Message message(made);
+            if (hasOperation) {
+                writeOperation(made);
+            } else if (method == "GetAllProperties") {
+                writeProperties(made);
+            } else {
+                values_.write(made, "");
+            }
+            sd_bus_send(bus_.get(), made, nullptr);
+        }
+        sendStatuses(caller);
+        if (hasOperation) {
+            sd_bus_release_name(bus_.get(), service);
+        }
+    }
+
+    void sendStatuses(const char* destination) {
+        for (auto count = input_.ConsumeIntegralInRange(0, 3); count > 0; --count) {
+            const Message message(newSignal("OperationStatusChanged"));
+            sd_bus_message_set_destination(message.get(), destination);
+            writeOperation(message.get());
+            sd_bus_send(bus_.get(), message.get(), nullptr);
+        }
+    }
+
+    /// The program is not heard when it begins to listen: the last signal is sent again and again.
+    void sendPackageSignal() {
+        constexpr std::array names{"PackageInstalled", "PackageUpgraded", "PackageRemoved"};
+        const bool isEnd = input_.remaining_bytes() == 0;
+        const std::string name = isEnd ? "PackageRemoved" : input_.PickValueInArray(names);
+        const Message message(newSignal(name.c_str()));
+        if (isEnd) {
+            sd_bus_message_append(message.get(), "s", endId);
+        } else if (name == "PackageRemoved") {
+            values_.write(message.get(), "s");
+        } else {
+            writePackage(message.get());
+        }
+        sd_bus_send(bus_.get(), message.get(), nullptr);
+    }
+
+    sd_bus_message* newSignal(const char* name) {
+        sd_bus_message* made = nullptr;
+        require(sd_bus_message_new_signal(bus_.get(), &made, "/norvane/Vendara", service, name) >= 0);
+        return made;
+    }
+
+    void writeOperation(sd_bus_message* message) {
+        if (input_.ConsumeBool()) {
+            values_.write(message, "(ssiii)");
+            return;
+        }
+        constexpr std::array statuses{0, 10, 90, 100, 101, 7};
+        sd_bus_message_append(message, "(ssiii)", "id", values_.text().c_str(),
+                              input_.ConsumeIntegralInRange(0, 3), input_.PickValueInArray(statuses),
+                              input_.ConsumeIntegralInRange(0, 20));
+    }
+
+    void writePackage(sd_bus_message* message) { values_.write(message, "(ssssa{sv})"); }
+
+    void writeProperties(sd_bus_message* message) {
+        if (input_.ConsumeIntegralInRange(0, 7) == 0) {
+            values_.write(message, "a{sv}");
+            return;
+        }
+        sd_bus_message_open_container(message, 'a', "{sv}");
+        const std::array<std::pair<const char*, const char*>, 5> entries{{{"Architecture", "s"},
+                                                                          {"QuenraVersion", "s"},
+                                                                          {"Operations", "a(ssiii)"},
+                                                                          {"CompletedOperations", "a(ssiii)"},
+                                                                          {"Packages", "a(ssssa{sv})"}}};
+        for (const auto& [key, type] : entries) {
+            sd_bus_message_open_container(message, 'e', "sv");
+            sd_bus_message_append(message, "s", key);
+            sd_bus_message_open_container(message, 'v', type);
+            values_.writeTyped(message, type);
+            sd_bus_message_close_container(message);
+            sd_bus_message_close_container(message);
+        }
+        sd_bus_message_close_container(message);
+    }
+
+    Fuzz::Connection& bus_;
+    FuzzedDataProvider& input_;
+    Fuzz::Values values_{input_};
+    bool isMonitored_;
+    int end_ = eventfd(0, EFD_CLOEXEC);
+    std::unique_ptr<sd_bus_slot, Fuzz::Releaser<sd_bus_slot_unref>> slot_;
+    std::thread thread_;
+};
+
+void carryOut(const Request& request) {
+    try {
+        static_cast<void>(run(request));
+    } catch (const sdbus::Error&) {
+        std::abort();
+    } catch (const OutputLost&) {
+        require(request.command == Command::Monitor);
+    } catch (const std::runtime_error& error) {
+        printFailure(request.format, {}, error.what());
+    }
+}
+
+/// Whether a terminal shows the text as it is, and a program that wants JSON can read it.
+void check(const std::string& text, Format format) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        require(std::all_of(line.begin(), line.end(), [](unsigned char byte) {
+            return byte == '\t' || (byte >= ' ' && byte != 0x7f);
+        }));
+        require(format == Format::Words || JsonValue::accept(line));
+    }
+}
+
+} // namespace
+
+/// Has the program carry out a request with a service that answers anything.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const Testbed::PrivateBuses buses;
+    static Fuzz::Connection connection("DBUS_SESSION_BUS_ADDRESS");
+    static const bool isPrepared =
+        std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr && setenv("TERM", "dumb", 1) == 0;
+    require(isPrepared);
+    FuzzedDataProvider input(data, size);
+    constexpr std::array commands{Command::Install, Command::Remove, Command::List,   Command::Operations,
+                                  Command::Info,    Command::Start,  Command::Monitor};
+    Request request{.command = input.PickValueInArray(commands), .arguments = {"/package.rpm"}};
+    request.format = input.ConsumeBool() ? Format::Json : Format::Words;
+    std::string output;
+    std::string errors;
+    {
+        const Service thread(connection, input, request.command == Command::Monitor);
+        Captured standardOutput(std::cout);
+        Captured standardError(std::cerr);
+        carryOut(request);
+        output = standardOutput.str();
+        errors = standardError.str();
+    }
+    check(output, request.format);
+    check(errors, Format::Words);
+    return 0;
+}
