@@ -15,7 +15,7 @@ std::string configuration(const std::filesystem::path& directory, const std::str
     return "<busconfig><type>session</type><listen>unix:path=" + (directory / "bus").string() +
            "</listen><auth>EXTERNAL</auth><policy context='default'>"
            "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>"
-           "<allow own='*'/></policy>" +
+           "<allow own='*'/><allow user='*'/></policy>" +
            limits + "</busconfig>";
 }
 
@@ -40,6 +40,10 @@ PrivateBus::PrivateBus(const std::string& limits)
         !isReady(daemon_->output())) {
         throw std::runtime_error("the bus does not start: " + daemon_->output());
     }
+}
+
+void PrivateBus::openToOthers() const {
+    std::filesystem::permissions(scratch_.path(), std::filesystem::perms{0711});
 }
 
 // The session bus has the limits of a desktop's.

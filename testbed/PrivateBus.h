@@ -15,6 +15,8 @@ public:
     explicit PrivateBus(const std::string& limits = {});
 
     [[nodiscard]] const std::string& address() const { return address_; }
+    /// Lets other users connect. The directory of the bus is the test's own otherwise.
+    void openToOthers() const;
     /// For example SIGSTOP: a bus that takes nothing.
     void signal(int number) const { daemon_->signal(number); }
     /// Kills the bus.

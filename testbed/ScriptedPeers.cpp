@@ -43,11 +43,6 @@ bool ScriptedPeer::answer(const std::string& method, const std::string& errorNam
     return true;
 }
 
-void ScriptedPeer::restart() {
-    peer_.connection().releaseName(service_);
-    peer_.connection().requestName(service_);
-}
-
 void ScriptedPeer::letGo() {
     for (const auto* method :
          {"Install", "Remove", "GetPackageList", "InvokeIntent", "Terminate", "IdentifyByBusName"}) {

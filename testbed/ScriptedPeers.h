@@ -32,8 +32,13 @@ public:
     void answerWrongType(const std::string& method, bool wrong = true);
     /// Answers the oldest call that waits: with an error, if it has a name. False when none waits.
     bool answer(const std::string& method, const std::string& errorName = {});
-    /// Gives the service's name up and takes it again, as a service does that starts again.
-    void restart();
+    /// Gives the service's name up, and takes it: both, as a service does that starts again.
+    void releaseName() { peer_.connection().releaseName(service_); }
+    void takeName() { peer_.connection().requestName(service_); }
+    void restart() {
+        releaseName();
+        takeName();
+    }
     /// Answers all that wait, and whatever comes from now on.
     void letGo();
     [[nodiscard]] bool waitForCalls(const std::string& method, std::size_t count) const;

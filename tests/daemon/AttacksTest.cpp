@@ -15,30 +15,55 @@ namespace {
 
 class AnAttacker : public DaemonTest {
 protected:
-    // Sends a signal as the object of a service to every connection of a bus, without owning the service's
-    // name.
-    template<typename Argument>
-    static void forge(std::unique_ptr<sdbus::IConnection> bus, const std::string& path,
-                      const std::string& interface, const std::string& signal, const Argument& argument) {
+    static std::vector<std::string> connectionsOn(sdbus::IConnection& bus) {
         std::vector<std::string> names;
-        sdbus::createProxy(*bus, "org.freedesktop.DBus", "/org/freedesktop/DBus")
+        sdbus::createProxy(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus")
             ->callMethod("ListNames")
             .onInterface("org.freedesktop.DBus")
             .storeResultsTo(names);
-        const auto object = sdbus::createObject(*bus, path);
-        for (const auto& name : names) {
-            if (name.starts_with(':')) {
-                auto message = object->createSignal(interface, signal);
-                message << argument;
-                message.setDestination(name);
-                message.send();
+        std::erase_if(names, [](const std::string& name) { return !name.starts_with(':'); });
+        return names;
+    }
+
+    // Sends a signal as the object of a service to every connection of a bus, without owning the service's
+    // name: as another user, where the test has the right to become one.
+    static void forge(const std::string& busOption, const std::string& path, const std::string& signal,
+                      const std::string& argument) {
+        const auto bus = busOption == "--system" ? sdbus::createSystemBusConnection()
+                                                 : sdbus::createSessionBusConnection();
+        for (const auto& name : connectionsOn(*bus)) {
+            std::vector<std::string> command{"gdbus",         "emit", busOption,  "--dest", name,
+                                             "--object-path", path,   "--signal", signal,   argument};
+            if (geteuid() == 0) {
+                command.insert(command.begin(), {"setpriv", "--reuid=65534", "--clear-groups"});
             }
+            const auto result = run(command);
+            EXPECT_EQ(result.status, 0) << result.output;
         }
+    }
+
+    // As the package manager does, but to every connection; returns when the bus has taken it.
+    static void sendRemoval(sdbus::IConnection& bus, const std::string& id) {
+        const auto object = sdbus::createObject(bus, "/norvane/ZUL");
+        for (const auto& name : connectionsOn(bus)) {
+            auto message = object->createSignal("norvane.ZUL", "PackageRemoved");
+            message << id;
+            message.setDestination(name);
+            message.send();
+        }
+        static_cast<void>(connectionsOn(bus));
         object->unregister();
     }
-    template<typename Argument>
-    static void forgePackageSignal(const std::string& signal, const Argument& argument) {
-        forge(sdbus::createSystemBusConnection(), "/norvane/ZUL", "norvane.ZUL", signal, argument);
+
+    // Takes the package manager's name.
+    static void takeName(sdbus::IConnection& bus, std::uint32_t flags) {
+        std::uint32_t reply = 0;
+        sdbus::createProxy(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus")
+            ->callMethod("RequestName")
+            .onInterface("org.freedesktop.DBus")
+            .withArguments("norvane.ZUL", flags)
+            .storeResultsTo(reply);
+        ASSERT_EQ(reply, 1) << "owner of the name";
     }
 
     [[nodiscard]] std::size_t occurrences(const std::string& text) const {
@@ -59,11 +84,15 @@ TEST_F(AnAttacker, IsNotTakenForThePackageManagerOrTheRuntimeManager) {
     ASSERT_TRUE(client.waitForStatus(upgrade, 90));
     EXPECT_EQ(client.errorOf("Restart", "a"), "");
     client.forget();
-    forgePackageSignal("PackageUpgraded", PackageManager::package("com.example.app"));
-    forgePackageSignal("PackageInstalled", PackageManager::package("com.example.app"));
-    forgePackageSignal("PackageRemoved", std::string("com.example.app"));
-    forge(sdbus::createSessionBusConnection(), "/norvane/RuntimeManager/Control1",
-          "norvane.RuntimeManager.Control1", "Terminated", std::string("a"));
+    buses.system.openToOthers();
+    buses.session.openToOthers();
+    const auto* const package = "{'general.id': 'com.example.app', 'general.version': '1.0-1', "
+                                "'certificate.subgroup': 'group', 'certificate.id': 'certificate'}";
+    forge("--system", "/norvane/ZUL", "norvane.ZUL.PackageUpgraded", package);
+    forge("--system", "/norvane/ZUL", "norvane.ZUL.PackageInstalled", package);
+    forge("--system", "/norvane/ZUL", "norvane.ZUL.PackageRemoved", "'com.example.app'");
+    forge("--session", "/norvane/RuntimeManager/Control1", "norvane.RuntimeManager.Control1.Terminated",
+          "'a'");
     for (const auto* service : {"norvane.RuntimeManager", "norvane.ZUL"}) {
         const auto line = std::string("dropped signals of others than ") + service;
         EXPECT_TRUE(waitUntil([&] { return occurrences(line) == 1; })) << service;
@@ -73,9 +102,31 @@ TEST_F(AnAttacker, IsNotTakenForThePackageManagerOrTheRuntimeManager) {
     EXPECT_THAT(client.events(), ElementsAre("removed last"));
     EXPECT_THAT(runtime.calls("InvokeIntent"), IsEmpty());
     EXPECT_EQ(client.operations().at(0).get<3>(), 90);
+    runtime.restart();
     runtime.emit("Terminated", std::string("a"));
     EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
     EXPECT_EQ(occurrences("dropped signals of others than norvane.ZUL"), 1) << daemon->output();
+}
+
+TEST_F(AnAttacker, IsBelievedOnlyWhileItOwnsThePackageManagersName) {
+    constexpr std::uint32_t allowReplacement = 1 | 4; // and do not queue for it afterwards
+    constexpr std::uint32_t replaceExisting = 2;
+    const auto replaced = sdbus::createSystemBusConnection();
+    auto replacing = sdbus::createSystemBusConnection();
+    zul.releaseName();
+    takeName(*replaced, allowReplacement);
+    sendRemoval(*replaced, "owner");
+    takeName(*replacing, replaceExisting);
+    sendRemoval(*replaced, "replaced");
+    sendRemoval(*replacing, "replacing");
+    replacing.reset();
+    zul.takeName();
+    sendRemoval(*replaced, "former");
+    zul.emit("PackageRemoved", std::string("returned"));
+    EXPECT_TRUE(client.waitForEvents(3));
+    EXPECT_THAT(client.events(), ElementsAre("removed owner", "removed replacing", "removed returned"));
+    setInstalled({"com.example.app"});
+    EXPECT_TRUE(client.waitForStatus(client.remove("com.example.app"), 100));
 }
 
 TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineAndStopsNobody) {
