@@ -18,10 +18,11 @@ std::string matchFor(const std::string& sender, const std::string& objectPath, c
 } // namespace
 
 SignalSource::SignalSource(sdbus::IConnection& connection, std::string service,
-                           std::function<void()> appeared)
+                           std::function<void()> appeared, std::function<void()> vanished)
     : connection_(connection)
     , service_(std::move(service))
-    , appeared_(std::move(appeared)) {
+    , appeared_(std::move(appeared))
+    , vanished_(std::move(vanished)) {
     followOwner();
     findOwner();
 }
@@ -51,8 +52,8 @@ void SignalSource::followOwner() {
             std::string name;
             std::string before;
             message >> name >> before >> owner_;
-            if (appeared_ && !owner_.empty()) {
-                appeared_();
+            if (const auto& handler = owner_.empty() ? vanished_ : appeared_) {
+                handler();
             }
         });
     }));

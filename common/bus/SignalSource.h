@@ -16,10 +16,14 @@ public:
     /// Asks the bus for the owner and follows it; waits for the bus, so before the loop runs or on its helper
     /// thread.
     /// @param appeared  called when another connection has got the name
+    /// @param vanished  called when no connection has it any more
     /// Throws sdbus::Error when the bus refuses.
-    SignalSource(sdbus::IConnection& connection, std::string service, std::function<void()> appeared = {});
+    SignalSource(sdbus::IConnection& connection, std::string service, std::function<void()> appeared = {},
+                 std::function<void()> vanished = {});
     SignalSource(const SignalSource&) = delete;
     SignalSource& operator=(const SignalSource&) = delete;
+
+    [[nodiscard]] bool hasOwner() const { return !owner_.empty(); }
 
     /// Has the handler called for each signal of this name. What it throws is logged. Waits and throws as the
     /// constructor does.
@@ -34,6 +38,7 @@ private:
     sdbus::IConnection& connection_;
     std::string service_;
     std::function<void()> appeared_;
+    std::function<void()> vanished_;
     std::string owner_; // unique name; empty: nobody
     bool hasLogged_ = false;
     std::vector<sdbus::Slot> slots_;

@@ -172,7 +172,7 @@ TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {
     const auto output = client->output();
     EXPECT_THAT(output,
                 AllOf(HasSubstr("the operations continue in the background"), Not(HasSubstr("finished"))));
-    const std::string warning = "WARN: dropped a signal ";
+    const std::string warning = "WARN: dropped signals of others than norvane.Vendara, first: ";
     EXPECT_THAT(output, HasSubstr(warning + Own::operationStatusChanged));
     EXPECT_EQ(output.find(warning), output.rfind(warning)) << output;
 }

@@ -2,33 +2,38 @@
 
 #include "common/Names.h"
 #include "common/PrintableText.h"
-#include "tools/vendaractl/Follower.h"
-#include "tools/vendaractl/ServiceClient.h"
+#include "tools/vendaractl/OperationView.h"
 
+#include <csignal>
 #include <iostream>
 
 namespace Vendaractl {
 
-namespace Own = Common::Names::Vendara;
+using Vendara::Client;
 
 namespace {
 
-ExitStatus carryOut(const Request& request) {
-    Follower follower(makeOperationView(request.format));
+using Begin = Vendara::Operation (Client::*)(const std::string&);
+
+ExitStatus carryOut(const Request& request, Begin begin) {
+    const auto view = makeOperationView(request.format);
+    Client client(*view, {SIGINT, SIGTERM, SIGHUP});
+    bool allTaken = true;
     for (const auto& subject : request.arguments) {
-        follower.begin(subject, [&](ServiceClient& client) {
-            return request.command == Command::Install ? client.install(subject) : client.remove(subject);
-        });
-    }
-    if (request.wait) {
         try {
-            follower.follow();
-        } catch (const Interrupted&) {
-            std::cerr << "vendaractl: the operations continue in the background" << std::endl;
-            throw;
+            (client.*begin)(subject);
+        } catch (const Vendara::CallRefused& error) {
+            allTaken = false;
+            view->refused(subject, error.what());
         }
     }
-    return follower.succeeded() ? Success : OperationFailed;
+    try {
+        const bool succeeded = !request.wait || client.follow();
+        return succeeded && allTaken ? Success : OperationFailed;
+    } catch (const Vendara::Interrupted&) {
+        std::cerr << "vendaractl: the operations continue in the background" << std::endl;
+        throw;
+    }
 }
 
 // The service passes the version on as os-release(5) has it, which may be in quotes.
@@ -38,123 +43,128 @@ std::string withoutQuotes(const std::string& text) {
     return quoted ? text.substr(1, text.size() - 2) : text;
 }
 
-ExitStatus showProperties(const Request& request) {
-    auto properties = ServiceClient({}).properties();
-    properties.quenraVersion = withoutQuotes(properties.quenraVersion);
-    JsonValue result;
-    std::vector<std::vector<std::string>> rows;
-    if (request.command == Command::Info) {
-        result = {{"architecture", properties.architecture}, {"quenraVersion", properties.quenraVersion}};
-        rows = {{"architecture", properties.architecture}, {"version", properties.quenraVersion}};
-    } else if (request.command == Command::List) {
-        result = {{"packages", toJson(properties.packages)}};
-        for (const auto& package : properties.packages) {
-            rows.push_back({package.get<0>(), package.get<1>(), package.get<2>(), package.get<3>()});
-        }
-    } else {
-        result = {{"operations", toJson(properties.operations)}};
-        for (const auto* list : {&properties.operations, &properties.completedOperations}) {
-            for (const auto& operation : *list) {
-                rows.push_back({idOf(operation), inWords(operation)});
-            }
-        }
-    }
-    if (request.format == Format::Json) {
-        result["completedOperations"] = toJson(properties.completedOperations);
-        printJson(result);
-        return Success;
-    }
-    if (request.command == Command::List) {
-        printTable({"PACKAGE", "VERSION", "SUBGROUP", "CERTIFICATE"}, rows);
-    } else if (request.command == Command::Info) {
-        printTable({"FACT", "VALUE"}, rows);
-    } else {
-        printTable({"OPERATION", "STATUS"}, rows);
-        return Success;
-    }
-    for (const auto& operation : properties.completedOperations) {
-        printEarlier(operation);
-    }
-    return Success;
+Vendara::Properties readProperties() {
+    Vendara::Listener nothing;
+    return Client(nothing).properties();
 }
 
-ExitStatus launch(const Request& request) {
+using Rows = std::vector<std::vector<std::string>>;
+
+// As JSON with the operations whose end is reported now; in a table they are on standard error.
+void show(const Request& request, JsonValue result, const std::vector<Vendara::Operation>& completed,
+          const std::vector<std::string>& header, const Rows& rows) {
+    if (request.format == Format::Json) {
+        result["completedOperations"] = toJson(completed);
+        printJson(result);
+        return;
+    }
+    printTable(header, rows);
+    for (const auto& operation : completed) {
+        printEarlier(operation);
+    }
+}
+
+using Launch = void (Client::*)(const std::string&);
+
+ExitStatus launch(const Request& request, Launch call, const std::string& done) {
     const auto& packageId = request.arguments.front();
-    const bool restart = request.command == Command::Restart;
     try {
-        ServiceClient client({});
-        restart ? client.restart(packageId) : client.start(packageId);
-    } catch (const CallRefused& error) {
+        Vendara::Listener nothing;
+        Client client(nothing);
+        (client.*call)(packageId);
+    } catch (const Vendara::CallRefused& error) {
         printFailure(request.format, packageId, error.what());
         return OperationFailed;
     }
     if (request.format == Format::Json) {
-        printJson(JsonValue{{restart ? "restarting" : "started", packageId}});
+        printJson(JsonValue{{done, packageId}});
     } else {
-        printLine((restart ? "restarting " : "started ") + Common::printable(packageId));
+        printLine(done + " " + Common::printable(packageId));
     }
     return Success;
 }
 
-// Tells events as they come: words and a subject, or a JSON text of the signal's name and its argument.
-[[noreturn]] void monitor(Format format) {
-    const auto tellPackage = [format](const std::string& signal, const char* words) {
-        return [=](const Common::PackageRecord& package) {
-            if (format == Format::Json) {
-                JsonValue event{{"event", signal}, {"package", package.get<0>()}};
-                auto record = toJson(package);
-                record.erase("id");
-                event.update(record);
-                printJson(event);
-            } else {
-                printLine(words + Common::printable(package.get<0>()) + " " +
-                          Common::printable(package.get<1>()));
-            }
-        };
-    };
-    ServiceClient client(
-        {.operationChanged = {},
-         .packageInstalled = tellPackage(Own::packageInstalled, "installed "),
-         .packageUpgraded = tellPackage(Own::packageUpgraded, "upgraded "),
-         .packageRemoved =
-             [format](const std::string& packageId) {
-                 if (format == Format::Json) {
-                     printJson(JsonValue{{"event", Own::packageRemoved}, {"package", packageId}});
-                 } else {
-                     printLine("removed " + Common::printable(packageId));
-                 }
-             },
-         .serviceChanged =
-             [format](bool present) {
-                 if (format == Format::Json) {
-                     printJson(JsonValue{{"event", present ? "ServiceCame" : "ServiceLeft"}});
-                 } else {
-                     printLine(present ? "the service is on the bus" : "the service left the bus");
-                 }
-             }});
-    for (;;) {
-        client.process(std::chrono::milliseconds(-1));
+// Prints each event: a sentence, or a JSON text of the signal's name and its argument.
+class Monitor : public Vendara::Listener {
+public:
+    explicit Monitor(Format format)
+        : format_(format) {}
+
+    void installed(const Vendara::Package& package) override {
+        print(Common::Names::Vendara::packageInstalled, "installed ", package);
     }
-}
+    void upgraded(const Vendara::Package& package) override {
+        print(Common::Names::Vendara::packageUpgraded, "upgraded ", package);
+    }
+    void removed(const std::string& packageId) override {
+        print({{"event", Common::Names::Vendara::packageRemoved}, {"package", packageId}},
+              "removed " + packageId);
+    }
+    void serviceChanged(bool present) override {
+        print({{"event", present ? "ServiceCame" : "ServiceLeft"}},
+              present ? "the service is on the bus" : "the service left the bus");
+    }
+
+private:
+    void print(const std::string& signal, const std::string& verb, const Vendara::Package& package) {
+        JsonValue event{{"event", signal}, {"package", package.id}};
+        auto record = toJson(package);
+        record.erase("id");
+        event.update(record);
+        print(event, verb + package.id + " " + package.version);
+    }
+    void print(const JsonValue& event, const std::string& sentence) {
+        format_ == Format::Json ? printJson(event) : printLine(Common::printable(sentence));
+    }
+
+    Format format_;
+};
 
 } // namespace
 
-ExitStatus run(const Request& request) {
-    switch (request.command) {
-    case Command::Install:
-    case Command::Remove:
-        return carryOut(request);
-    case Command::List:
-    case Command::Operations:
-    case Command::Info:
-        return showProperties(request);
-    case Command::Start:
-    case Command::Restart:
-        return launch(request);
-    case Command::Monitor:
-        break;
+ExitStatus install(const Request& request) { return carryOut(request, &Client::install); }
+ExitStatus remove(const Request& request) { return carryOut(request, &Client::remove); }
+ExitStatus start(const Request& request) { return launch(request, &Client::start, "started"); }
+ExitStatus restart(const Request& request) { return launch(request, &Client::restart, "restarting"); }
+
+ExitStatus list(const Request& request) {
+    const auto properties = readProperties();
+    Rows rows;
+    for (const auto& package : properties.packages) {
+        rows.push_back({package.id, package.version, package.certificateSubgroup, package.certificateId});
     }
-    monitor(request.format);
+    show(request, {{"packages", toJson(properties.packages)}}, properties.completedOperations,
+         {"PACKAGE", "VERSION", "SUBGROUP", "CERTIFICATE"}, rows);
+    return Success;
+}
+
+ExitStatus operations(const Request& request) {
+    const auto properties = readProperties();
+    Rows rows;
+    for (const auto* list : {&properties.operations, &properties.completedOperations}) {
+        for (const auto& operation : *list) {
+            rows.push_back({operation.id, inWords(operation)});
+        }
+    }
+    const bool isJson = request.format == Format::Json;
+    show(request, {{"operations", toJson(properties.operations)}},
+         isJson ? properties.completedOperations : std::vector<Vendara::Operation>(), {"OPERATION", "STATUS"},
+         rows);
+    return Success;
+}
+
+ExitStatus info(const Request& request) {
+    const auto properties = readProperties();
+    const auto version = withoutQuotes(properties.quenraVersion);
+    show(request, {{"architecture", properties.architecture}, {"quenraVersion", version}},
+         properties.completedOperations, {"FACT", "VALUE"},
+         {{"architecture", properties.architecture}, {"version", version}});
+    return Success;
+}
+
+ExitStatus monitor(const Request& request) {
+    Monitor printer(request.format);
+    Client(printer).listen();
 }
 
 } // namespace Vendaractl

@@ -1,11 +1,31 @@
 #pragma once
 
-#include "tools/vendaractl/CommandLine.h"
+#include "tools/vendaractl/Output.h"
+
+#include <string>
+#include <vector>
 
 namespace Vendaractl {
 
-/// Carries out a request; returns when it is done, `monitor` never. Throws what ServiceClient throws, and
-/// OutputLost.
-[[nodiscard]] ExitStatus run(const Request& request);
+/// The program's exit statuses, a part of its interface.
+enum ExitStatus : int { Success = 0, OperationFailed = 1, BadUsage = 2, NoService = 3 };
+
+/// The options and arguments of a command.
+struct Request {
+    Format format = Format::Words;
+    bool wait = true;
+    std::vector<std::string> arguments; ///< absolute paths of existing files, or package identifiers
+};
+
+// Each command returns when it is done, `monitor` never. All throw what Vendara::Client throws, and
+// OutputLost.
+[[nodiscard]] ExitStatus install(const Request& request);
+[[nodiscard]] ExitStatus remove(const Request& request);
+[[nodiscard]] ExitStatus list(const Request& request);
+[[nodiscard]] ExitStatus operations(const Request& request);
+[[nodiscard]] ExitStatus info(const Request& request);
+[[nodiscard]] ExitStatus start(const Request& request);
+[[nodiscard]] ExitStatus restart(const Request& request);
+[[nodiscard]] ExitStatus monitor(const Request& request);
 
 } // namespace Vendaractl

@@ -1,91 +1,93 @@
 #include "tools/vendaractl/OperationView.h"
 
-#include "tools/vendaractl/Text.h"
-
 #include <algorithm>
 #include <iostream>
 #include <sys/ioctl.h>
 #include <unistd.h>
-#include <vector>
 
 namespace Vendaractl {
 
 namespace {
 
-const std::string lostWords = "the service no longer knows the operation; its result is unknown";
+using Vendara::Operation;
 
-class JsonView final : public OperationView {
+class LineView : public OperationView {
 public:
-    void changed(const Common::OperationRecord& operation) override {
-        printJson(JsonValue{{"operation", toJson(operation)}});
-    }
-    void lost(const Common::OperationRecord& operation) override {
-        printFailure(Format::Json, operation.get<1>(), lostWords);
-    }
-    void earlier(const Common::OperationRecord& operation) override {
-        printJson(JsonValue{{"completedOperations", toJson(std::vector{operation})}});
-    }
-    void refused(const std::string& subject, const std::string& message) override {
-        printFailure(Format::Json, subject, message);
-    }
-};
+    explicit LineView(Format format)
+        : format_(format) {}
 
-class PlainView final : public OperationView {
-public:
-    void changed(const Common::OperationRecord& operation) override { printLine(inWords(operation)); }
-    void lost(const Common::OperationRecord& operation) override {
-        printFailure(Format::Words, operation.get<1>(), lostWords);
-    }
-    void earlier(const Common::OperationRecord& operation) override { printEarlier(operation); }
-    void refused(const std::string& subject, const std::string& message) override {
-        printFailure(Format::Words, subject, message);
-    }
-};
-
-// Operations that have ended stand above, for good; below them a line for each that goes on, rewritten in
-// place. A line that wrapped, or more lines than the screen has, could not be rewritten: both are cut.
-class TerminalView final : public OperationView {
-public:
-    ~TerminalView() override { std::cout.flush(); }
-
-    void changed(const Common::OperationRecord& operation) override {
-        const auto known = std::find_if(active_.begin(), active_.end(),
-                                        [&](const auto& other) { return idOf(other) == idOf(operation); });
-        if (hasEnded(operation)) {
-            if (known != active_.end()) {
-                active_.erase(known);
-            }
-            printAbove([&] { printLine("  " + inWords(operation)); });
-        } else if (known == active_.end()) {
-            active_.push_back(operation);
-            draw();
+    void changed(const Operation& operation) override {
+        if (format_ == Format::Json) {
+            printJson(JsonValue{{"operation", toJson(operation)}});
         } else {
-            *known = operation;
-            draw();
+            printLine(inWords(operation));
         }
     }
-
-    void lost(const Common::OperationRecord& operation) override {
-        active_.erase(std::remove_if(active_.begin(), active_.end(),
-                                     [&](const auto& other) { return idOf(other) == idOf(operation); }),
-                      active_.end());
-        refused(operation.get<1>(), lostWords);
+    void lost(const Operation& operation) override {
+        refused(operation.packageId, "the service no longer knows the operation; its result is unknown");
     }
-
-    void earlier(const Common::OperationRecord& operation) override {
-        printAbove([&] { printEarlier(operation); });
+    void earlier(const Operation& operation) override {
+        if (format_ == Format::Json) {
+            printJson(JsonValue{{"completedOperations", toJson(std::vector{operation})}});
+        } else {
+            printEarlier(operation);
+        }
     }
-
     void refused(const std::string& subject, const std::string& message) override {
-        printAbove([&] { printFailure(Format::Words, subject, message); });
-    }
-
-    void tick() override {
-        ++step_;
-        draw();
+        printFailure(format_, subject, message);
     }
 
 private:
+    Format format_;
+};
+
+// Operations that have ended stay above; below them each of the others has a line, which is rewritten in
+// place. A line that wrapped, or more lines than the screen has, could not be rewritten: both are cut.
+class TerminalView final : public LineView {
+public:
+    TerminalView()
+        : LineView(Format::Words) {}
+    ~TerminalView() override { std::cout.flush(); }
+
+    void changed(const Operation& operation) override {
+        if (operation.hasEnded()) {
+            erase(operation);
+            printAbove([&] { printLine("  " + inWords(operation)); });
+            return;
+        }
+        const auto known = find(operation);
+        known == active_.end() ? active_.push_back(operation) : static_cast<void>(*known = operation);
+        draw();
+    }
+
+    void lost(const Operation& operation) override {
+        erase(operation);
+        LineView::lost(operation);
+    }
+    void earlier(const Operation& operation) override {
+        printAbove([&] { LineView::earlier(operation); });
+    }
+    void refused(const std::string& subject, const std::string& message) override {
+        printAbove([&] { LineView::refused(subject, message); });
+    }
+
+    bool tick() override {
+        ++step_;
+        draw();
+        return true;
+    }
+
+private:
+    std::vector<Operation>::iterator find(const Operation& operation) {
+        return std::find_if(active_.begin(), active_.end(),
+                            [&](const auto& other) { return other.id == operation.id; });
+    }
+    void erase(const Operation& operation) {
+        if (const auto known = find(operation); known != active_.end()) {
+            active_.erase(known);
+        }
+    }
+
     template<typename Print>
     void printAbove(const Print& print) {
         clear();
@@ -110,7 +112,7 @@ private:
             if (drawn_ == rows) {
                 break;
             }
-            const bool moving = statusOf(operation) != Core::OperationStatus::Queued;
+            const bool moving = operation.status != Vendara::OperationStatus::Queued;
             // The indicator takes two columns; one stays free, so that the cursor does not wrap.
             std::cout << (moving ? "|/-\\"[step_ % 4] : ' ') << ' '
                       << inWords(operation, columns - std::min<std::size_t>(columns, 3)) << '\n';
@@ -119,7 +121,7 @@ private:
         std::cout << std::flush;
     }
 
-    std::vector<Common::OperationRecord> active_;
+    std::vector<Operation> active_;
     std::size_t drawn_ = 0;
     std::size_t step_ = 0;
 };
@@ -127,13 +129,10 @@ private:
 } // namespace
 
 std::unique_ptr<OperationView> makeOperationView(Format format) {
-    if (format == Format::Json) {
-        return std::make_unique<JsonView>();
-    }
-    if (onTerminal()) {
+    if (format == Format::Words && onTerminal()) {
         return std::make_unique<TerminalView>();
     }
-    return std::make_unique<PlainView>();
+    return std::make_unique<LineView>(format);
 }
 
 } // namespace Vendaractl

@@ -1,10 +1,11 @@
 #include "tools/vendaractl/Output.h"
 
 #include "common/PrintableText.h"
-#include "tools/vendaractl/Text.h"
+#include "common/Utf8.h"
 
 #include <algorithm>
 #include <cstdlib>
+#include <cwchar>
 #include <iostream>
 #include <unistd.h>
 
@@ -12,90 +13,86 @@ namespace Vendaractl {
 
 namespace {
 
-// A value of a package's further entries; types that JSON has no like of are told by their D-Bus signature.
-JsonValue toJson(const sdbus::Variant& value) {
-    const auto type = value.peekValueType();
-    if (type == "s") {
-        return value.get<std::string>();
+// How many columns the characters of a text take up to a byte offset; those of unknown width count as wide.
+struct Width {
+    std::size_t bytes = 0;
+    std::size_t columns = 0;
+};
+
+// The longest beginning of a printable text that fits. Needs a locale of UTF-8.
+Width widthOf(std::string_view text, std::size_t limit = std::string::npos) {
+    Width width;
+    while (width.bytes < text.size()) {
+        const auto character = Common::decodeUtf8(text.substr(width.bytes));
+        const int columns = wcwidth(static_cast<wchar_t>(character.code));
+        const auto next = width.columns + (columns < 0 ? 2 : static_cast<std::size_t>(columns));
+        if (next > limit) {
+            break;
+        }
+        width = {width.bytes + character.length, next};
     }
-    if (type == "b") {
-        return value.get<bool>();
-    }
-    if (type == "i") {
-        return value.get<std::int32_t>();
-    }
-    if (type == "u") {
-        return value.get<std::uint32_t>();
-    }
-    if (type == "x") {
-        return value.get<std::int64_t>();
-    }
-    if (type == "t") {
-        return value.get<std::uint64_t>();
-    }
-    if (type == "as") {
-        return value.get<std::vector<std::string>>();
-    }
-    return JsonValue{{"signature", type}};
+    return width;
 }
 
-std::string padded(const std::string& text, std::size_t width) {
-    return text + std::string(width - std::min(width, columnsOf(text)), ' ');
+std::string fitted(const std::string& text, std::size_t columns) {
+    return text.substr(0, widthOf(text, columns).bytes);
+}
+
+std::string padded(const std::string& text, std::size_t columns) {
+    return text + std::string(columns - std::min(columns, widthOf(text).columns), ' ');
+}
+
+JsonValue toJson(const Vendara::Package::Value& value) {
+    return std::visit(
+        [](const auto& content) -> JsonValue {
+            if constexpr (std::is_same_v<decltype(content), const Vendara::OtherValue&>) {
+                return JsonValue{{"signature", content.signature}};
+            } else {
+                return content;
+            }
+        },
+        value);
 }
 
 } // namespace
 
-const std::string& idOf(const Common::OperationRecord& operation) { return operation.get<0>(); }
-
-Core::OperationStatus statusOf(const Common::OperationRecord& operation) {
-    return static_cast<Core::OperationStatus>(operation.get<3>());
-}
-
-bool hasEnded(const Common::OperationRecord& operation) {
-    return statusOf(operation) == Core::OperationStatus::Finished ||
-           statusOf(operation) == Core::OperationStatus::Failed;
-}
-
-std::string inWords(const Common::OperationRecord& operation, std::size_t columns) {
-    const auto type = nameOf(static_cast<Core::OperationType>(operation.get<2>())) + " ";
-    auto package = Common::printable(operation.get<1>());
-    auto status = ": " + nameOf(statusOf(operation));
-    if (statusOf(operation) == Core::OperationStatus::Failed) {
-        const auto code = operation.get<4>();
-        status +=
-            ": " + describe(static_cast<Common::ErrorCode>(code)) + " (error " + std::to_string(code) + ")";
+std::string inWords(const Vendara::Operation& operation, std::size_t columns) {
+    const auto type = nameOf(operation.type) + " ";
+    auto package = Common::printable(operation.packageId);
+    auto status = ": " + nameOf(operation.status);
+    if (operation.status == Vendara::OperationStatus::Failed) {
+        status += ": " + Vendara::describe(operation.errorCode) + " (error " +
+                  std::to_string(static_cast<std::uint32_t>(operation.errorCode)) + ")";
     }
     const std::string omission = "...";
-    const auto others = columnsOf(type) + columnsOf(status);
-    if (others + columnsOf(package) > columns) {
-        const auto needed = others + omission.size();
-        package = fitted(package, columns - std::min(columns, needed)) + omission;
+    const auto others = widthOf(type + status).columns;
+    if (others + widthOf(package).columns > columns) {
+        package = fitted(package, columns - std::min(columns, others + omission.size())) + omission;
     }
     return fitted(type + package + status, columns);
 }
 
-JsonValue toJson(const Common::OperationRecord& operation) {
-    const auto code = operation.get<4>();
-    JsonValue result{{"id", idOf(operation)},
-                     {"package", operation.get<1>()},
-                     {"type", nameOf(static_cast<Core::OperationType>(operation.get<2>()))},
-                     {"status", nameOf(statusOf(operation))},
-                     {"errorCode", code}};
-    if (code != 0) {
-        result["error"] = describe(static_cast<Common::ErrorCode>(code));
+JsonValue toJson(const Vendara::Operation& operation) {
+    JsonValue result{{"id", operation.id},
+                     {"package", operation.packageId},
+                     {"type", nameOf(operation.type)},
+                     {"status", nameOf(operation.status)},
+                     {"errorCode", operation.errorCode}};
+    if (operation.errorCode != Common::ErrorCode::None) {
+        result["error"] = Vendara::describe(operation.errorCode);
     }
     return result;
 }
 
-JsonValue toJson(const Common::PackageRecord& package) {
+JsonValue toJson(const Vendara::Package& package) {
     JsonValue extra = JsonValue::object();
-    for (const auto& [key, value] : package.get<4>()) {
+    for (const auto& [key, value] : package.extra) {
         extra[key] = toJson(value);
     }
-    return JsonValue{{"id", package.get<0>()},
-                     {"version", package.get<1>()},
-                     {"certificateSubgroup", package.get<2>()},
-                     {"certificateId", package.get<3>()},
+    return JsonValue{{"id", package.id},
+                     {"version", package.version},
+                     {"certificateSubgroup", package.certificateSubgroup},
+                     {"certificateId", package.certificateId},
                      {"extra", extra}};
 }
 
@@ -124,7 +121,7 @@ void printTable(const std::vector<std::string>& header, const std::vector<std::v
         lines.insert(lines.begin(), header);
         for (const auto& line : lines) {
             for (std::size_t column = 0; column + 1 < line.size(); ++column) {
-                widths[column] = std::max(widths[column], columnsOf(line[column]) + 1);
+                widths[column] = std::max(widths[column], widthOf(line[column]).columns + 1);
             }
         }
     }
@@ -138,7 +135,7 @@ void printTable(const std::vector<std::string>& header, const std::vector<std::v
     }
 }
 
-void printEarlier(const Common::OperationRecord& operation) {
+void printEarlier(const Vendara::Operation& operation) {
     std::cerr << "earlier: " << inWords(operation) << std::endl;
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "common/WireTypes.h"
-#include "core/Operation.h"
+#include "tools/vendaractl/Records.h"
 
 #include <nlohmann/json.hpp>
 
@@ -16,22 +15,17 @@ using JsonValue = nlohmann::ordered_json;
 /// How results are shown: to people, or one JSON text (RFC 8259) a line.
 enum class Format { Words, Json };
 
-/// Standard output takes no more.
+/// Standard output cannot be written.
 class OutputLost : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-[[nodiscard]] const std::string& idOf(const Common::OperationRecord& operation);
-[[nodiscard]] Core::OperationStatus statusOf(const Common::OperationRecord& operation);
-/// Whether the status is final.
-[[nodiscard]] bool hasEnded(const Common::OperationRecord& operation);
-
 /// "install com.example.app: in progress"; a failure with its cause. Safe for a terminal.
-/// @param columns  of the terminal that it has to fit in: where it does not, the package is what is cut
-[[nodiscard]] std::string inWords(const Common::OperationRecord& operation,
+/// @param columns  of the terminal; where the text has more, the package is cut
+[[nodiscard]] std::string inWords(const Vendara::Operation& operation,
                                   std::size_t columns = std::string::npos);
-[[nodiscard]] JsonValue toJson(const Common::OperationRecord& operation);
-[[nodiscard]] JsonValue toJson(const Common::PackageRecord& package);
+[[nodiscard]] JsonValue toJson(const Vendara::Operation& operation);
+[[nodiscard]] JsonValue toJson(const Vendara::Package& package);
 template<typename Record>
 [[nodiscard]] JsonValue toJson(const std::vector<Record>& records) {
     JsonValue result = JsonValue::array();
@@ -44,20 +38,19 @@ template<typename Record>
 /// Whether standard output is a terminal that understands cursor movements.
 [[nodiscard]] bool onTerminal();
 
-/// Writes a line on standard output, at once. Throws OutputLost.
+/// Writes a line to standard output and flushes it. Throws OutputLost.
 void printLine(const std::string& line);
 /// The same for a value, in ASCII.
 void printJson(const JsonValue& value);
 
-/// A table on a terminal, with its header; lines of fields parted by tabs otherwise.
+/// A table on a terminal, with its header; lines of fields separated by tabs otherwise.
 void printTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows);
 
-/// Tells on standard error how an operation ended that nobody waited for. The service says so once: whoever
-/// asks passes it on.
-void printEarlier(const Common::OperationRecord& operation);
+/// Prints on standard error how an operation ended that the program did not follow.
+void printEarlier(const Vendara::Operation& operation);
 
-/// Tells on standard error, or as JSON on standard output, what could not be done.
-/// @param subject  the file or package that it is about, or nothing
+/// Prints a failure on standard error, or as JSON on standard output.
+/// @param subject  the file or package that it is about; empty: none
 void printFailure(Format format, const std::string& subject, const std::string& message);
 
 } // namespace Vendaractl

@@ -1,28 +1,127 @@
-#include "common/PrintableText.h"
-#include "tools/vendaractl/CommandLine.h"
+#include "common/BusText.h"
+#include "common/PackageId.h"
+#include "tools/CommandLine.h"
+#include "tools/vendaractl/Client.h"
 #include "tools/vendaractl/Commands.h"
-#include "tools/vendaractl/ServiceClient.h"
-#include "tools/vendaractl/SignalWatch.h"
 
+#include <cerrno>
 #include <clocale>
 #include <csignal>
-#include <iostream>
+#include <filesystem>
+#include <system_error>
+#include <unistd.h>
 
 namespace {
 
 using namespace Vendaractl;
+using Problem = std::optional<std::string>;
 
-ExitStatus runGuarded(const Request& request) {
-    try {
-        return run(request);
-    } catch (const ServiceAbsent& error) {
-        printFailure(request.format, {}, error.what());
-        return NoService;
-    } catch (const CallRefused& error) {
-        printFailure(request.format, {}, error.what());
-        return OperationFailed;
-    }
+Problem problemOfId(const std::string& id) {
+    return Common::isPackageId(id) ? Problem() : "not a package identifier";
 }
+
+// The service runs as the same user: what this program cannot read, it cannot either.
+Problem problemOfFile(const std::string& path) {
+    std::error_code error;
+    const auto status = std::filesystem::status(path, error);
+    if (error) {
+        return error.message();
+    }
+    if (!std::filesystem::is_regular_file(status)) {
+        return "not a regular file";
+    }
+    if (access(path.c_str(), R_OK) != 0) {
+        return std::generic_category().message(errno);
+    }
+    return Common::isBusText(std::filesystem::absolute(path).native())
+               ? Problem()
+               : "not valid UTF-8, or with a character that D-Bus does not allow";
+}
+
+class Program {
+public:
+    Program() {
+        app_.set_version_flag("--version", "vendaractl " VENDARA_VERSION);
+        app_.add_flag("--json", isJson_, "Show results as JSON, one text a line");
+        app_.require_subcommand(1);
+        app_.fallthrough();
+        auto* const installation = add("install", "Install or upgrade packages from files", install);
+        arguments(installation, "FILE", "Package files");
+        auto* const removal = add("remove", "Remove installed packages", remove);
+        arguments(removal, "ID", "Package identifiers");
+        for (auto* const command : {installation, removal}) {
+            command->add_flag("--no-wait{false}", request_.wait,
+                              "Return as soon as the operations are queued");
+        }
+        add("list", "List the installed packages", list);
+        add("operations", "List the operations that this program requested", operations);
+        add("info", "Show the platform's architecture and version", info);
+        for (auto* const command : {add("start", "Start an application", start),
+                                    add("restart", "End an application and start it again", restart)}) {
+            arguments(command, "ID", "Package identifier")->expected(1, 1);
+        }
+        add("monitor", "Show installations, upgrades and removals until interrupted", monitor);
+    }
+
+    int run(int argc, const char* const* argv) {
+        // The option is known as it was read, wherever the parser gave up.
+        const auto report = [this](const std::string& problem) {
+            if (app_.count("--json") > 0) {
+                printFailure(Format::Json, {}, problem);
+            } else {
+                Tools::tellWrongUsage(problem);
+            }
+        };
+        if (const auto ended = Tools::parse(app_, argc, argv, report)) {
+            return *ended;
+        }
+        request_.format = isJson_ ? Format::Json : Format::Words;
+        const bool takesFiles = command_ == install;
+        for (auto& argument : request_.arguments) {
+            if (const auto problem = takesFiles ? problemOfFile(argument) : problemOfId(argument)) {
+                printFailure(request_.format, argument, *problem);
+                return BadUsage;
+            }
+            if (takesFiles) {
+                argument = std::filesystem::absolute(argument);
+            }
+        }
+        return execute();
+    }
+
+private:
+    using Command = ExitStatus (*)(const Request&);
+
+    CLI::App* add(const std::string& name, const std::string& help, Command command) {
+        return app_.add_subcommand(name, help)->callback([this, command] { command_ = command; });
+    }
+
+    // Where any number of arguments may come, the parser takes "[a,b]" for a list of two, and no "--" after
+    // the first. So it is set to expect more than ever come, which it accepts.
+    CLI::Option* arguments(CLI::App* command, const std::string& name, const std::string& help) {
+        constexpr int many = CLI::detail::expected_max_vector_size;
+        auto* const option = command->add_option(name, request_.arguments, help)->required();
+        return option->take_all()->expected(many, many)->allow_extra_args(false)->option_text(" ");
+    }
+
+    [[nodiscard]] ExitStatus execute() const {
+        try {
+            return command_(request_);
+        } catch (const Vendara::ServiceAbsent& error) {
+            printFailure(request_.format, {}, error.what());
+            return NoService;
+        } catch (const Vendara::CallRefused& error) {
+            printFailure(request_.format, {}, error.what());
+            return OperationFailed;
+        }
+    }
+
+    CLI::App app_{"Installs, upgrades, removes and starts applications through the norvane.Vendara service.",
+                  "vendaractl"};
+    Request request_;
+    Command command_ = nullptr;
+    bool isJson_ = false;
+};
 
 // Ends as a program without a handler would, so that a shell sees what ended it.
 [[noreturn]] void endBy(int signal) {
@@ -37,10 +136,8 @@ int main(int argc, char** argv) {
     // Texts on the bus are UTF-8, whatever the user's locale.
     std::setlocale(LC_CTYPE, "C.UTF-8");
     try {
-        ExitStatus status = Success;
-        const auto request = parseCommandLine(argc, argv, status);
-        return request ? runGuarded(*request) : status;
-    } catch (const Interrupted& interruption) {
+        return Program().run(argc, argv);
+    } catch (const Vendara::Interrupted& interruption) {
         endBy(interruption.signal());
     } catch (const std::exception& error) {
         std::cerr << "vendaractl: " << Common::printable(error.what()) << std::endl;

@@ -1,0 +1,390 @@
+#include "tools/vendaractl/Client.h"
+
+#include "common/Names.h"
+#include "common/WireTypes.h"
+#include "common/bus/RemoteObject.h"
+#include "common/bus/SignalSource.h"
+
+#include <algorithm>
+#include <asio/co_spawn.hpp>
+#include <asio/redirect_error.hpp>
+#include <asio/use_awaitable.hpp>
+#include <csignal>
+#include <iterator>
+#include <utility>
+
+namespace Vendara {
+
+namespace Own = Common::Names::Vendara;
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using PropertyMap = std::map<std::string, sdbus::Variant>;
+
+// The bus takes up to two minutes to start the service, which replies within 24 seconds.
+constexpr std::chrono::microseconds callLimit = seconds(150);
+// How long no status arrives before the service is asked; twice as long after each reply.
+constexpr milliseconds firstPatience = seconds(1);
+constexpr milliseconds lastPatience = std::chrono::minutes(1);
+// An operation may be on its way from one list of the service to the other.
+constexpr int absencesOfALostOperation = 2;
+
+Operation fromBus(const Common::OperationRecord& record) {
+    return {record.get<0>(), record.get<1>(), static_cast<OperationType>(record.get<2>()),
+            static_cast<OperationStatus>(record.get<3>()), static_cast<Common::ErrorCode>(record.get<4>())};
+}
+
+template<typename... Types>
+std::variant<OtherValue, Types...> valueOf(const sdbus::Variant& value,
+                                           const std::variant<OtherValue, Types...>* /*type*/) {
+    std::variant<OtherValue, Types...> result = OtherValue{value.peekValueType()};
+    static_cast<void>(((value.containsValueOfType<Types>() && (result = value.get<Types>(), true)) || ...));
+    return result;
+}
+
+Package fromBus(const Common::PackageRecord& record) {
+    Package package{record.get<0>(), record.get<1>(), record.get<2>(), record.get<3>(), {}};
+    for (const auto& [key, value] : record.get<4>()) {
+        package.extra[key] = valueOf(value, static_cast<const Package::Value*>(nullptr));
+    }
+    return package;
+}
+
+const std::string& fromBus(const std::string& text) { return text; }
+
+template<typename Record>
+auto listFrom(const sdbus::Variant& list) {
+    std::vector<decltype(fromBus(Record()))> result;
+    for (const auto& record : list.get<std::vector<Record>>()) {
+        result.push_back(fromBus(record));
+    }
+    return result;
+}
+
+const Operation* findIn(const std::vector<Operation>& operations, const std::string& id) {
+    const auto found = std::find_if(operations.begin(), operations.end(),
+                                    [&](const auto& operation) { return operation.id == id; });
+    return found == operations.end() ? nullptr : &*found;
+}
+
+Properties propertiesFrom(const PropertyMap& map) {
+    try {
+        Properties properties{map.at(Own::architecture).get<std::string>(),
+                              map.at(Own::quenraVersion).get<std::string>(),
+                              listFrom<Common::OperationRecord>(map.at(Own::operations)),
+                              listFrom<Common::OperationRecord>(map.at(Own::completedOperations)),
+                              listFrom<Common::PackageRecord>(map.at(Own::packages))};
+        // An operation that failed stays in the first list until the next one begins.
+        std::erase_if(properties.operations, [&](const auto& operation) {
+            return findIn(properties.completedOperations, operation.id) != nullptr;
+        });
+        return properties;
+    } catch (const sdbus::Error& error) {
+        throw CallRefused("unexpected properties of the service: " + error.getMessage());
+    } catch (const std::out_of_range&) {
+        throw CallRefused("the service's properties are incomplete");
+    }
+}
+
+bool isIgnored(int signal) {
+    struct sigaction action {};
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+} // namespace
+
+class Client::Session {
+public:
+    Session(Listener& listener, const std::vector<int>& signals)
+        : listener_(listener)
+        , connection_(loop_, sdbus::createSessionBusConnection(),
+                      [this](const sdbus::Error& error) {
+                          fail(
+                              ServiceAbsent("lost the connection to the session bus: " + error.getMessage()));
+                      })
+        , source_(
+              connection_.bus(), Own::service, [this] { presenceChanged(true); },
+              [this] { presenceChanged(false); })
+        , service_(connection_, Own::service, Own::objectPath, Own::interface)
+        , wasStarted_(!source_.hasOwner()) {
+        onSignal<Common::OperationRecord>(Own::operationStatusChanged, &Session::update);
+        onSignal<Common::PackageRecord>(Own::packageInstalled, &Session::installed);
+        onSignal<Common::PackageRecord>(Own::packageUpgraded, &Session::upgraded);
+        onSignal<std::string>(Own::packageRemoved, &Session::removed);
+        for (const int signal : signals) {
+            if (!isIgnored(signal)) {
+                interruption_.add(signal);
+            }
+        }
+        interruption_.async_wait([this](const asio::error_code& error, int signal) {
+            if (!error) {
+                fail(Interrupted(signal));
+            }
+        });
+    }
+
+    template<typename... Results, typename... Arguments>
+    std::tuple<Results...> call(const std::string& method, const Arguments&... arguments) {
+        return run(service_.call<Results...>(method, callLimit, arguments...));
+    }
+
+    // The first status arrives before the reply.
+    Operation begin(const std::string& method, const std::string& argument) {
+        const auto operation = fromBus(std::get<0>(call<Common::OperationRecord>(method, argument)));
+        update(operation);
+        return operation;
+    }
+
+    bool follow() {
+        if (!allEnded()) {
+            isFollowing_ = true;
+            patience_ = firstPatience;
+            silence_.expires_after(patience_);
+            if (!std::exchange(isAsking_, true)) {
+                loop_.spawn("couldn't ask the service", askAfterSilence());
+            }
+            tickLater();
+            runLoop();
+            isFollowing_ = false;
+        }
+        return !hasFailed_;
+    }
+
+    // The ping has the bus start the service.
+    [[noreturn]] void listen() {
+        Common::RemoteObject peer(connection_, Own::service, Own::objectPath, "org.freedesktop.DBus.Peer");
+        run(peer.call<>("Ping", callLimit));
+        for (;;) {
+            runLoop();
+        }
+    }
+
+private:
+    struct Followed {
+        Operation operation;
+        int absences = 0;
+        bool isLost = false;
+
+        [[nodiscard]] bool isDone() const { return isLost || operation.hasEnded(); }
+    };
+
+    template<typename... Results>
+    std::tuple<Results...> run(asio::awaitable<std::tuple<Results...>> work) {
+        std::tuple<Results...> results;
+        std::exception_ptr failure;
+        asio::co_spawn(loop_.context(), std::move(work),
+                       [&](std::exception_ptr error, std::tuple<Results...> values) {
+                           failure = std::move(error);
+                           results = std::move(values);
+                           loop_.stop();
+                       });
+        runLoop();
+        try {
+            if (failure) {
+                std::rethrow_exception(failure);
+            }
+        } catch (const sdbus::Error& error) {
+            throwFor(error);
+        }
+        hasReplied_ = true;
+        return results;
+    }
+
+    // Runs until something stops the loop. After an exception it stays stopped: what waits in it refers to
+    // frames that are gone.
+    void runLoop() {
+        loop_.run();
+        loop_.context().restart();
+    }
+
+    template<typename Cause>
+    void fail(Cause cause) {
+        loop_.fail(std::make_exception_ptr(std::move(cause)));
+    }
+
+    // What a handler throws would only be logged.
+    template<typename Call>
+    void guarded(const Call& call) {
+        try {
+            call();
+        } catch (...) {
+            loop_.fail(std::current_exception());
+        }
+    }
+
+    // All error replies of the service have one name; by others the bus reports that it is absent.
+    [[noreturn]] void throwFor(const sdbus::Error& error) const {
+        const std::string prefix = "org.freedesktop.DBus.Error.";
+        const auto isOneOf = [&](std::initializer_list<const char*> names) {
+            return std::any_of(names.begin(), names.end(),
+                               [&](const char* name) { return error.getName() == prefix + name; });
+        };
+        const bool isNoReply = isOneOf({"NoReply"});
+        if (error.getName().starts_with(prefix + "Spawn.Child") ||
+            (isNoReply && wasStarted_ && !hasReplied_)) {
+            throw ServiceAbsent("the service ended while it started; its log says why");
+        }
+        if (isNoReply) {
+            throw ServiceAbsent("the service ended before it answered");
+        }
+        if (error.getName() != Own::error &&
+            (!source_.hasOwner() ||
+             isOneOf({"ServiceUnknown", "NameHasNoOwner", "Disconnected", "TimedOut", "Timeout"}))) {
+            throw ServiceAbsent(error.getMessage());
+        }
+        throw CallRefused(error.getMessage());
+    }
+
+    template<typename Record, typename Argument>
+    void onSignal(const std::string& signal, void (Session::*handler)(const Argument&)) {
+        source_.subscribe(Own::objectPath, Own::interface, signal, [this, handler](sdbus::Message& message) {
+            Record record;
+            message >> record;
+            guarded([&] { (this->*handler)(fromBus(record)); });
+        });
+    }
+
+    void installed(const Package& package) { listener_.installed(package); }
+    void upgraded(const Package& package) { listener_.upgraded(package); }
+    void removed(const std::string& packageId) { listener_.removed(packageId); }
+
+    // The service keeps its operations in memory only.
+    void presenceChanged(bool present) {
+        guarded([&] {
+            if (!present && !allEnded()) {
+                throw ServiceAbsent("the service left the bus; the result of the operation is unknown");
+            }
+            listener_.serviceChanged(present);
+        });
+    }
+
+    // Statuses are sent to this connection for what it requested, and may repeat what the reply said.
+    void update(const Operation& news) {
+        auto followed = find(news.id);
+        if (followed == operations_.end()) {
+            followed = operations_.insert(followed, {news});
+        } else {
+            followed->absences = 0;
+            if (news.status <= followed->operation.status || followed->operation.hasEnded()) {
+                return;
+            }
+            followed->operation = news;
+        }
+        patience_ = firstPatience;
+        silence_.expires_after(patience_);
+        hasFailed_ = hasFailed_ || news.status == OperationStatus::Failed;
+        listener_.changed(news);
+        stopAtEnd();
+    }
+
+    asio::awaitable<void> askAfterSilence() {
+        for (;;) {
+            asio::error_code moved;
+            co_await silence_.async_wait(asio::redirect_error(asio::use_awaitable, moved));
+            if (moved) {
+                continue;
+            }
+            try {
+                const auto [map] = co_await service_.call<PropertyMap>(Own::getAllProperties, callLimit);
+                const auto properties = propertiesFrom(map);
+                guarded([&] { compare(properties); });
+            } catch (const std::runtime_error&) {
+                // The service is asked again.
+            }
+            patience_ = std::min(patience_ * 2, lastPatience);
+            silence_.expires_after(patience_);
+        }
+    }
+
+    void compare(const Properties& properties) {
+        for (auto& followed : operations_) {
+            if (!followed.isDone()) {
+                compare(followed, properties);
+            }
+        }
+        for (const auto& operation : properties.completedOperations) {
+            if (find(operation.id) == operations_.end()) {
+                listener_.earlier(operation);
+            }
+        }
+        stopAtEnd();
+    }
+
+    void compare(Followed& followed, const Properties& properties) {
+        for (const auto* list : {&properties.completedOperations, &properties.operations}) {
+            if (const auto* news = findIn(*list, followed.operation.id)) {
+                return update(*news);
+            }
+        }
+        if (++followed.absences == absencesOfALostOperation) {
+            followed.isLost = true;
+            hasFailed_ = true;
+            listener_.lost(followed.operation);
+        }
+    }
+
+    void tickLater() {
+        ticker_.expires_after(milliseconds(100));
+        ticker_.async_wait([this](const asio::error_code& error) {
+            guarded([&] {
+                if (!error && isFollowing_ && listener_.tick()) {
+                    tickLater();
+                }
+            });
+        });
+    }
+
+    [[nodiscard]] std::vector<Followed>::iterator find(const std::string& id) {
+        return std::find_if(operations_.begin(), operations_.end(),
+                            [&](const auto& followed) { return followed.operation.id == id; });
+    }
+    [[nodiscard]] bool allEnded() const {
+        return std::all_of(operations_.begin(), operations_.end(),
+                           [](const auto& followed) { return followed.isDone(); });
+    }
+    void stopAtEnd() {
+        if (isFollowing_ && allEnded()) {
+            loop_.stop();
+        }
+    }
+
+    Listener& listener_;
+    Common::Loop loop_;
+    Common::BusConnection connection_;
+    Common::SignalSource source_;
+    Common::RemoteObject service_;
+    asio::signal_set interruption_{loop_.context()};
+    asio::steady_timer silence_{loop_.context(), Common::TimePoint::max()}; // until the service is asked
+    asio::steady_timer ticker_{loop_.context()};
+    milliseconds patience_ = firstPatience;
+    std::vector<Followed> operations_;
+    bool wasStarted_;         // by a call of this client
+    bool hasReplied_ = false; // to any call
+    bool isAsking_ = false;
+    bool isFollowing_ = false;
+    bool hasFailed_ = false;
+};
+
+Client::Client(Listener& listener, const std::vector<int>& signals) {
+    try {
+        session_ = std::make_unique<Session>(listener, signals);
+    } catch (const sdbus::Error& error) {
+        throw ServiceAbsent("there is no session bus: " + error.getMessage());
+    }
+}
+
+Client::~Client() = default;
+
+Operation Client::install(const std::string& path) { return session_->begin(Own::install, path); }
+Operation Client::remove(const std::string& packageId) { return session_->begin(Own::remove, packageId); }
+void Client::start(const std::string& packageId) { session_->call<>(Own::start, packageId); }
+void Client::restart(const std::string& packageId) { session_->call<>(Own::restart, packageId); }
+Properties Client::properties() {
+    return propertiesFrom(std::get<0>(session_->call<PropertyMap>(Own::getAllProperties)));
+}
+bool Client::follow() { return session_->follow(); }
+void Client::listen() { session_->listen(); }
+
+} // namespace Vendara

@@ -1,0 +1,94 @@
+#pragma once
+
+#include "tools/vendaractl/Records.h"
+
+#include <exception>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace Vendara {
+
+/// There is no session bus, or the service is not running and cannot be started, or it left the bus.
+class ServiceAbsent : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// The service refused a call, or its reply is not of its interface.
+class CallRefused : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// A signal of the system arrived.
+class Interrupted : public std::exception {
+public:
+    explicit Interrupted(int signal)
+        : signal_(signal) {}
+    [[nodiscard]] int signal() const { return signal_; }
+    [[nodiscard]] const char* what() const noexcept override { return "interrupted"; }
+
+private:
+    int signal_;
+};
+
+/// Is called while a function of Client runs, on its thread; must not call the client. What it throws leaves
+/// that function.
+class Listener {
+public:
+    virtual ~Listener() = default;
+
+    /// An operation that is followed has a new status.
+    virtual void changed(const Operation&) {}
+    /// The service no longer lists the operation, and its result is not known.
+    virtual void lost(const Operation&) {}
+    /// An operation that is not followed ended; the service reports it this once.
+    virtual void earlier(const Operation&) {}
+    /// A package was changed, regardless of who requested it.
+    virtual void installed(const Package&) {}
+    virtual void upgraded(const Package&) {}
+    virtual void removed(const std::string& /*packageId*/) {}
+    /// The service is on the bus, or has left it.
+    virtual void serviceChanged(bool /*present*/) {}
+    /// Ten times a second in Client::follow(), until it returns false.
+    virtual bool tick() { return false; }
+};
+
+/// Client of the service, on one session-bus connection. It follows the operations that it requests by the
+/// service's signals and, since one may be missed, by asking the service when none arrives. Signals are
+/// believed only from the owner of the service's name. The bus starts the service if it is not running.
+///
+/// One thread. Every function throws ServiceAbsent, CallRefused for an error reply, and Interrupted; after
+/// another exception than CallRefused the client must not be used.
+class Client {
+public:
+    /// Connects and subscribes.
+    /// @param signals  of the system, end the function that is running with Interrupted; those that the
+    ///                 program was started to ignore do not
+    /// Throws std::system_error when the system has no threads or descriptors left.
+    explicit Client(Listener& listener, const std::vector<int>& signals = {});
+    ~Client();
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    /// @param path  absolute path of a package file
+    /// @return the operation, followed from now on
+    Operation install(const std::string& path);
+    Operation remove(const std::string& packageId);
+    void start(const std::string& packageId);
+    void restart(const std::string& packageId);
+    Properties properties();
+
+    /// Waits until all operations that are followed have ended.
+    /// @return whether none of them, since the client was made, failed or was lost
+    [[nodiscard]] bool follow();
+
+    /// Handles signals until an exception ends it.
+    [[noreturn]] void listen();
+
+private:
+    class Session;
+    std::unique_ptr<Session> session_;
+};
+
+} // namespace Vendara
