@@ -1,6 +1,8 @@
 #include "testbed/PrivateBus.h"
 #include "testbed/Process.h"
+#include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
+#include "testbed/ScriptedPeers.h"
 #include "testbed/WaitUntil.h"
 #include "tests/tools/ScriptedService.h"
 
@@ -175,6 +177,55 @@ TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {
     const std::string warning = "WARN: dropped signals of others than norvane.Vendara, first: ";
     EXPECT_THAT(output, HasSubstr(warning + Own::operationStatusChanged));
     EXPECT_EQ(output.find(warning), output.rfind(warning)) << output;
+}
+
+bool showed(const Process& process, const std::string& text) {
+    return waitUntil([&] { return process.output().find(text) != std::string::npos; });
+}
+
+TEST_F(Vendaractl, FollowsOperationsThatAnotherProcessRequested) {
+    PackageManager zul;
+    RuntimeManager runtime;
+    Identification identification;
+    for (int connection = 0; connection < 100; ++connection) {
+        identification.set(":1." + std::to_string(connection), "vendaractl");
+    }
+    Process daemon({DAEMON});
+    const auto package = buildPackage(scratch.path(), {.name = "app"});
+    zul.hold("Install");
+    ASSERT_TRUE(waitForService()) << daemon.output();
+
+    // The first process is interrupted before the operation fails.
+    const auto first = begin({"install", package});
+    ASSERT_TRUE(showed(*first, "in progress")) << first->output();
+    const auto waiting = begin({"wait", "app"});
+    ASSERT_TRUE(showed(*waiting, "install app: in progress")) << waiting->output();
+    first->signal(SIGINT);
+    EXPECT_EQ(first->wait(), 128 + SIGINT);
+    const std::string hint = "in the background; to follow them: vendaractl wait ";
+    ASSERT_THAT(first->output(), HasSubstr(hint));
+    const auto id = first->output().substr(first->output().find(hint) + hint.size(), 36);
+    EXPECT_EQ(ctl({"wait", "other"}).output,
+              "vendaractl: other: there is no such operation, or its end was reported already\n");
+    ASSERT_TRUE(zul.answer("Install", "norvane.ZUL.Error.BadPackage"));
+    EXPECT_EQ(waiting->wait(), 1);
+    EXPECT_THAT(waiting->output(), HasSubstr("install app: failed: the file is damaged"));
+    const auto later = ctl({"wait", id, "--json"});
+    EXPECT_EQ(later.status, 1);
+    EXPECT_EQ(lastLine(later.output)["operation"]["errorCode"], 4);
+
+    // It is not interrupted: the end is sent to it alone.
+    zul.setPackages({PackageManager::package("app")});
+    const auto upgrade = begin({"install", package});
+    ASSERT_TRUE(zul.waitForCalls("Install", 2) && zul.answer("Install"));
+    ASSERT_TRUE(showed(*upgrade, "ends when the application ends; to end it now: vendaractl restart app\n"));
+    const auto follower = begin({"operations", "--follow"});
+    ASSERT_TRUE(showed(*follower, "upgrade app: awaiting upgrade"));
+    zul.emit("PackageUpgraded", PackageManager::package("app", "2.0-1"));
+    for (const auto& process : {upgrade.get(), follower.get()}) {
+        EXPECT_EQ(process->wait(), 0);
+        EXPECT_THAT(process->output(), testing::EndsWith("upgrade app: finished\n"));
+    }
 }
 
 TEST_F(Vendaractl, PrintsJsonForEveryCommand) {

@@ -28,6 +28,8 @@ constexpr std::chrono::microseconds callLimit = seconds(150);
 // How long no status arrives before the service is asked; twice as long after each reply.
 constexpr milliseconds firstPatience = seconds(1);
 constexpr milliseconds lastPatience = std::chrono::minutes(1);
+// The same after the announcement that ends an operation of another connection.
+constexpr milliseconds shortPatience(100);
 // An operation may be on its way from one list of the service to the other.
 constexpr int absencesOfALostOperation = 2;
 
@@ -137,6 +139,21 @@ public:
         return operation;
     }
 
+    void attach(const Operation& operation) {
+        update(operation);
+        find(operation.id)->isAttached = true;
+    }
+
+    std::vector<Operation> pending() const {
+        std::vector<Operation> operations;
+        for (const auto& followed : operations_) {
+            if (!followed.isDone()) {
+                operations.push_back(followed.operation);
+            }
+        }
+        return operations;
+    }
+
     bool follow() {
         if (!allEnded()) {
             isFollowing_ = true;
@@ -166,6 +183,9 @@ private:
         Operation operation;
         int absences = 0;
         bool isLost = false;
+        bool isAttached = false;
+        bool isAnnounced = false; // the change of its package
+        bool isKnownToWait = false;
 
         [[nodiscard]] bool isDone() const { return isLost || operation.hasEnded(); }
     };
@@ -246,9 +266,29 @@ private:
         });
     }
 
-    void installed(const Package& package) { listener_.installed(package); }
-    void upgraded(const Package& package) { listener_.upgraded(package); }
-    void removed(const std::string& packageId) { listener_.removed(packageId); }
+    void installed(const Package& package) {
+        announced(OperationType::Install, package.id);
+        listener_.installed(package);
+    }
+    void upgraded(const Package& package) {
+        announced(OperationType::Upgrade, package.id);
+        listener_.upgraded(package);
+    }
+    void removed(const std::string& packageId) {
+        announced(OperationType::Remove, packageId);
+        listener_.removed(packageId);
+    }
+
+    void announced(OperationType type, const std::string& packageId) {
+        for (auto& followed : operations_) {
+            const auto& operation = followed.operation;
+            if (followed.isAttached && operation.type == type && operation.packageId == packageId) {
+                followed.isAnnounced = true;
+                patience_ = shortPatience;
+                silence_.expires_after(patience_);
+            }
+        }
+    }
 
     // The service keeps its operations in memory only.
     void presenceChanged(bool present) {
@@ -286,6 +326,7 @@ private:
             if (moved) {
                 continue;
             }
+            guarded([&] { reportWaiting(); });
             try {
                 const auto [map] = co_await service_.call<PropertyMap>(Own::getAllProperties, callLimit);
                 const auto properties = propertiesFrom(map);
@@ -293,9 +334,26 @@ private:
             } catch (const std::runtime_error&) {
                 // The service is asked again.
             }
-            patience_ = std::min(patience_ * 2, lastPatience);
+            patience_ = std::min(patience_ * 2, longestPatience());
             silence_.expires_after(patience_);
         }
+    }
+
+    void reportWaiting() {
+        for (auto& followed : operations_) {
+            if (followed.operation.status == OperationStatus::AwaitingUpgrade &&
+                !std::exchange(followed.isKnownToWait, true)) {
+                listener_.waits(followed.operation);
+            }
+        }
+    }
+
+    // An operation that failed may be listed only until the next one begins.
+    [[nodiscard]] milliseconds longestPatience() const {
+        const bool mayFail = std::any_of(operations_.begin(), operations_.end(), [](const auto& followed) {
+            return followed.isAttached && followed.operation.status < OperationStatus::AwaitingUpgrade;
+        });
+        return mayFail ? firstPatience : lastPatience;
     }
 
     void compare(const Properties& properties) {
@@ -318,7 +376,14 @@ private:
                 return update(*news);
             }
         }
-        if (++followed.absences == absencesOfALostOperation) {
+        if (++followed.absences < absencesOfALostOperation) {
+            return;
+        }
+        if (followed.isAnnounced) {
+            auto ended = followed.operation;
+            ended.status = OperationStatus::Finished;
+            update(ended);
+        } else {
             followed.isLost = true;
             hasFailed_ = true;
             listener_.lost(followed.operation);
@@ -384,6 +449,8 @@ void Client::restart(const std::string& packageId) { session_->call<>(Own::resta
 Properties Client::properties() {
     return propertiesFrom(std::get<0>(session_->call<PropertyMap>(Own::getAllProperties)));
 }
+void Client::attach(const Operation& operation) { session_->attach(operation); }
+std::vector<Operation> Client::pending() const { return session_->pending(); }
 bool Client::follow() { return session_->follow(); }
 void Client::listen() { session_->listen(); }
 

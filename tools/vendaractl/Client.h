@@ -42,6 +42,8 @@ public:
     virtual void changed(const Operation&) {}
     /// The service no longer lists the operation, and its result is not known.
     virtual void lost(const Operation&) {}
+    /// An upgrade is still waiting for its application to end. Once per operation.
+    virtual void waits(const Operation&) {}
     /// An operation that is not followed ended; the service reports it this once.
     virtual void earlier(const Operation&) {}
     /// A package was changed, regardless of who requested it.
@@ -79,6 +81,13 @@ public:
     void restart(const std::string& packageId);
     Properties properties();
 
+    /// Follows an operation that another connection of this application requested. Its statuses are sent to
+    /// that connection, so the client asks for them. When the operation is no longer listed, the announcement
+    /// of its package's change means that it finished.
+    /// @param operation  from properties()
+    void attach(const Operation& operation);
+    /// The operations that are followed and have not ended.
+    [[nodiscard]] std::vector<Operation> pending() const;
     /// Waits until all operations that are followed have ended.
     /// @return whether none of them, since the client was made, failed or was lost
     [[nodiscard]] bool follow();

@@ -13,27 +13,41 @@ using Vendara::Client;
 
 namespace {
 
+// For commands that follow operations.
+const std::vector<int> interruptions{SIGINT, SIGTERM, SIGHUP};
+
+template<typename Work>
+ExitStatus interruptible(const Client& client, const Work& work) {
+    try {
+        return work() ? Success : OperationFailed;
+    } catch (const Vendara::Interrupted&) {
+        if (const auto pending = client.pending(); !pending.empty()) {
+            std::cerr
+                << "vendaractl: the operations continue in the background; to follow them: vendaractl wait"
+                << (pending.size() == 1 ? " " + Common::printable(pending.front().id) : "") << std::endl;
+        }
+        throw;
+    }
+}
+
 using Begin = Vendara::Operation (Client::*)(const std::string&);
 
 ExitStatus carryOut(const Request& request, Begin begin) {
     const auto view = makeOperationView(request.format);
-    Client client(*view, {SIGINT, SIGTERM, SIGHUP});
-    bool allTaken = true;
-    for (const auto& subject : request.arguments) {
-        try {
-            (client.*begin)(subject);
-        } catch (const Vendara::CallRefused& error) {
-            allTaken = false;
-            view->refused(subject, error.what());
+    Client client(*view, interruptions);
+    return interruptible(client, [&] {
+        bool allTaken = true;
+        for (const auto& subject : request.arguments) {
+            try {
+                (client.*begin)(subject);
+            } catch (const Vendara::CallRefused& error) {
+                allTaken = false;
+                view->refused(subject, error.what());
+            }
         }
-    }
-    try {
         const bool succeeded = !request.wait || client.follow();
-        return succeeded && allTaken ? Success : OperationFailed;
-    } catch (const Vendara::Interrupted&) {
-        std::cerr << "vendaractl: the operations continue in the background" << std::endl;
-        throw;
-    }
+        return succeeded && allTaken;
+    });
 }
 
 // The service passes the version on as os-release(5) has it, which may be in quotes.
@@ -138,7 +152,35 @@ ExitStatus list(const Request& request) {
     return Success;
 }
 
+// The statuses of an operation are sent to the connection that requested it. The others of the application
+// see it in the properties: while it goes on or, if that connection has left the bus, once after its end.
+ExitStatus wait(const Request& request) {
+    const auto view = makeOperationView(request.format);
+    Client client(*view, interruptions);
+    const auto properties = client.properties();
+    const auto& wanted = request.arguments;
+    bool isKnown = wanted.empty();
+    for (const auto* list : {&properties.completedOperations, &properties.operations}) {
+        for (const auto& operation : *list) {
+            if (wanted.empty() || operation.id == wanted.front() || operation.packageId == wanted.front()) {
+                isKnown = true;
+                client.attach(operation);
+            } else if (list == &properties.completedOperations) {
+                view->earlier(operation);
+            }
+        }
+    }
+    if (!isKnown) {
+        view->refused(wanted.front(), "there is no such operation, or its end was reported already");
+        return OperationFailed;
+    }
+    return interruptible(client, [&] { return client.follow(); });
+}
+
 ExitStatus operations(const Request& request) {
+    if (request.follow) {
+        return wait(request);
+    }
     const auto properties = readProperties();
     Rows rows;
     for (const auto* list : {&properties.operations, &properties.completedOperations}) {

@@ -14,7 +14,8 @@ enum ExitStatus : int { Success = 0, OperationFailed = 1, BadUsage = 2, NoServic
 struct Request {
     Format format = Format::Words;
     bool wait = true;
-    std::vector<std::string> arguments; ///< absolute paths of existing files, or package identifiers
+    bool follow = false;
+    std::vector<std::string> arguments; ///< absolute paths of existing files, or identifiers
 };
 
 // Each command returns when it is done, `monitor` never. All throw what Vendara::Client throws, and
@@ -23,6 +24,7 @@ struct Request {
 [[nodiscard]] ExitStatus remove(const Request& request);
 [[nodiscard]] ExitStatus list(const Request& request);
 [[nodiscard]] ExitStatus operations(const Request& request);
+[[nodiscard]] ExitStatus wait(const Request& request);
 [[nodiscard]] ExitStatus info(const Request& request);
 [[nodiscard]] ExitStatus start(const Request& request);
 [[nodiscard]] ExitStatus restart(const Request& request);

@@ -11,6 +11,13 @@ namespace {
 
 using Vendara::Operation;
 
+// As a word of a shell command, for a person to copy; a package chooses its identifier.
+std::string inShell(const std::string& id) {
+    const bool isPlain = id.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                              "0123456789.-_+") == std::string::npos;
+    return isPlain && !id.starts_with('-') ? id : "ID";
+}
+
 class LineView : public OperationView {
 public:
     explicit LineView(Format format)
@@ -25,6 +32,13 @@ public:
     }
     void lost(const Operation& operation) override {
         refused(operation.packageId, "the service no longer knows the operation; its result is unknown");
+    }
+    void waits(const Operation& operation) override {
+        if (format_ == Format::Words) {
+            printFailure(format_, operation.packageId,
+                         "the upgrade ends when the application ends; to end it now: vendaractl restart " +
+                             inShell(operation.packageId));
+        }
     }
     void earlier(const Operation& operation) override {
         if (format_ == Format::Json) {
@@ -63,6 +77,9 @@ public:
     void lost(const Operation& operation) override {
         erase(operation);
         LineView::lost(operation);
+    }
+    void waits(const Operation& operation) override {
+        printAbove([&] { LineView::waits(operation); });
     }
     void earlier(const Operation& operation) override {
         printAbove([&] { LineView::earlier(operation); });

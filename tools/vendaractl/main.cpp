@@ -17,7 +17,7 @@ using namespace Vendaractl;
 using Problem = std::optional<std::string>;
 
 Problem problemOfId(const std::string& id) {
-    return Common::isPackageId(id) ? Problem() : "not a package identifier";
+    return Common::isPackageId(id) ? Problem() : "not a valid identifier";
 }
 
 // The service runs as the same user: what this program cannot read, it cannot either.
@@ -54,7 +54,12 @@ public:
                               "Return as soon as the operations are queued");
         }
         add("list", "List the installed packages", list);
-        add("operations", "List the operations that this program requested", operations);
+        add("operations", "List the operations that this program requested", operations)
+            ->add_flag("--follow", request_.follow, "Follow them until all have ended");
+        arguments(add("wait", "Wait until operations that were requested earlier have ended", wait), "ID",
+                  "Identifier of an operation, or of a package; all operations without it")
+            ->required(false)
+            ->expected(1, 1);
         add("info", "Show the platform's architecture and version", info);
         for (auto* const command : {add("start", "Start an application", start),
                                     add("restart", "End an application and start it again", restart)}) {
