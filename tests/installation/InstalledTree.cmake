@@ -27,31 +27,67 @@ if(output)
 endif()
 run(systemd-analyze --user --offline=true --threshold=60 --no-pager security ${copy})
 
-# Manual pages have no errors, and the tool's completion loads and completes.
+# Manual pages have no errors.
 file(GLOB pages ${tree}/share/man/man?/*)
 foreach(page IN LISTS pages)
     run(man --warnings -l -Tutf8 ${page})
 endforeach()
-file(WRITE ${SCRATCH}/complete.sh [[
-    . /usr/share/bash-completion/bash_completion && . "$1"
-    COMP_WORDS=(vendaractl --json re) COMP_CWORD=2 COMP_LINE='vendaractl --json re' COMP_POINT=20
-    _vendaractl && [[ "${COMPREPLY[*]}" == 'remove restart' ]]
+
+# Completion works in each shell. In zsh a function prints the arguments of the completed line.
+set(ENV{PATH} ${tree}/bin:$ENV{PATH})
+set(ENV{XDG_DATA_DIRS} ${tree}/share)
+set(ENV{HOME} ${SCRATCH})
+run(bash -c [[. $0
+    COMP_WORDS=(vendaractl --json re) COMP_CWORD=2
+    _vendara vendaractl re --json
+    [ "${COMPREPLY[*]}" = 'remove restart' ] ]] ${tree}/share/bash-completion/completions/vendaractl)
+run(fish -c "complete -C 'vendaractl --json re' | cut -f 1")
+if(NOT output STREQUAL "remove\nrestart\n")
+    message(FATAL_ERROR "fish: ${output}")
+endif()
+file(WRITE ${SCRATCH}/complete.zsh [[
+    zmodload zsh/zpty && zpty shell zsh -fi
+    zpty -w shell "fpath=($1 \$fpath); autoload -U compinit; compinit -u -d $2; vendaractl() { print GOT:\$*: }"
+    zpty -w shell $'vendaractl --json rem\t'
+    zpty -r shell output '*GOT:--json remove:*'
 ]])
-run(bash ${SCRATCH}/complete.sh ${tree}/share/bash-completion/completions/vendaractl)
-# Each program for users has a manual page with all its options, and tells its version.
+run(zsh ${SCRATCH}/complete.zsh ${tree}/share/zsh/site-functions ${SCRATCH}/zcompdump)
+
+# Each program for users reports its version. Its --help, its manual page and the words of its completion agree.
 file(GLOB programs RELATIVE ${tree}/bin ${tree}/bin/*)
 foreach(program IN LISTS programs)
-    run(${tree}/bin/${program} --version)
+    run(${program} --version)
     if(NOT output MATCHES "^${program} [0-9.]+\n$")
         message(FATAL_ERROR "${program} --version: ${output}")
     endif()
-    run(${tree}/bin/${program} --help)
-    string(REGEX MATCHALL " --[a-z-]+|,--[a-z-]+" options "${output}")
     file(READ ${tree}/share/man/man1/${program}.1 manual)
-    foreach(option IN LISTS options)
-        string(SUBSTRING ${option} 2 -1 name)
-        if(NOT manual MATCHES "Fl ${name}[^a-z]" AND NOT manual MATCHES ", ${name}\n")
-            message(FATAL_ERROR "the manual of ${program} lacks ${option}")
+    run(${program} --help)
+    set(helps "${output}")
+    set(commands "")
+    if(output MATCHES "Subcommands:(.*)")
+        string(REGEX MATCHALL "\n  [a-z]+" commands "${CMAKE_MATCH_1}")
+    endif()
+    foreach(command IN LISTS commands ITEMS "")
+        string(STRIP "${command}" command)
+        if(command AND NOT manual MATCHES "\n.It Cm ${command}[ \n]")
+            message(FATAL_ERROR "the manual of ${program} lacks ${command}")
+        endif()
+        run(${program} ${command} --help)
+        string(APPEND helps "${output}")
+        string(REGEX MATCHALL "\n  (-h,)?--[a-z-]+" options "${output}")
+        run(sh ${tree}/share/vendara/words ${program} ${command} -)
+        foreach(option IN LISTS options)
+            string(REGEX REPLACE ".*--" "" option ${option})
+            if(NOT output MATCHES "--${option}\t" OR NOT manual MATCHES " -${option}[^a-z-]")
+                message(FATAL_ERROR "the manual or the completion of ${program} ${command} lacks --${option}")
+            endif()
+        endforeach()
+    endforeach()
+    string(REGEX MATCHALL "Fl -[a-z-]+|It Cm [a-z]+" documented "${manual}")
+    foreach(word IN LISTS documented)
+        string(REGEX REPLACE "Fl |It Cm " "" word ${word})
+        if(NOT helps MATCHES "-${word} |  ${word} ")
+            message(FATAL_ERROR "the manual of ${program} has ${word}, its help does not")
         endif()
     endforeach()
 endforeach()

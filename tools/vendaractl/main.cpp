@@ -50,8 +50,9 @@ public:
         auto* const removal = add("remove", "Remove installed packages", remove);
         arguments(removal, "ID", "Package identifiers");
         for (auto* const command : {installation, removal}) {
-            command->add_flag("--no-wait{false}", request_.wait,
-                              "Return as soon as the operations are queued");
+            command->add_flag_callback(
+                "--no-wait", [this] { request_.wait = false; },
+                "Return as soon as the operations are queued");
         }
         add("list", "List the installed packages", list);
         add("operations", "List the operations that this program requested", operations)
