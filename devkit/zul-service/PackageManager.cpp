@@ -71,7 +71,7 @@ PackageManager::PackageManager(Core::ZUL::Database database, Settings settings)
     }
 }
 
-std::string PackageManager::install(const std::filesystem::path& packageFile) {
+PackageManager::Installed PackageManager::install(const std::filesystem::path& packageFile) {
     if (!packageFile.is_absolute()) {
         throw Common::Error(ErrorCode::FileNotFound,
                             "the package file's path is not absolute: " + Common::quoted(packageFile));
@@ -94,7 +94,7 @@ std::string PackageManager::install(const std::filesystem::path& packageFile) {
     }
     Common::logInfo() << (upgrade ? "prepared the upgrade of " : "installed ") << package.id()
                       << " to version " << package.version();
-    return package.id();
+    return {package.id(), upgrade};
 }
 
 void PackageManager::remove(const std::string& id) {
@@ -103,16 +103,19 @@ void PackageManager::remove(const std::string& id) {
     Common::logInfo() << "removed " << id;
 }
 
+bool PackageManager::isUpgradePrepared(const std::string& id) const {
+    return prepared_.contains(id) && database_.hasPreparedNextVersion(id);
+}
+
 std::optional<pid_t> PackageManager::findUser(const std::string& id) {
-    std::error_code error;
-    const auto installed = std::filesystem::canonical(database_.packageDirectory(id) / "current", error);
-    return error ? std::nullopt : findProcessUsing(installed);
+    return findProcessUsing(std::filesystem::canonical(database_.packageDirectory(id) / "current"));
 }
 
 void PackageManager::completeUpgrade(const std::string& id) {
-    const auto package = prepared_.extract(id).mapped();
+    const auto& package = prepared_.at(id);
     database_.completeUpgrade(package);
     Common::logInfo() << "upgraded " << id << " to version " << package.version();
+    prepared_.erase(id);
 }
 
 bool PackageManager::isOnDisk(const std::string& id) const {

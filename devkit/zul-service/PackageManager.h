@@ -13,7 +13,7 @@
 namespace Devkit {
 
 /// The package manager's work on the package database, one operation at a time: used by one thread. Failures
-/// are Common::Error with the code that tells what is wrong, or std::exception for what nobody foresaw.
+/// are Common::Error with the code of the reason, or another std::exception for an unexpected one.
 class PackageManager {
 public:
     using PackageList = std::vector<Core::ZUL::PackageData>;
@@ -24,36 +24,39 @@ public:
         std::string architecture;              ///< what packages have to be built for, beside "noarch"
     };
 
+    struct Installed {
+        std::string id;
+        bool isPrepared; ///< whether it is an upgrade that waits for completeUpgrade()
+    };
+
     /// Brings the database in order after a restart.
     PackageManager(Core::ZUL::Database database, Settings settings);
 
     /// The packages whose upgrade the constructor completed.
     [[nodiscard]] const std::vector<std::string>& recovered() const { return recovered_; }
 
-    /// Installs a package file or, when the package is installed, prepares the upgrade: then it waits for
-    /// completeUpgrade().
-    /// @return the identifier of the package
-    std::string install(const std::filesystem::path& packageFile);
+    /// Installs a package file or, when the package is installed, prepares the upgrade.
+    Installed install(const std::filesystem::path& packageFile);
 
     /// Removes a package, with an upgrade that is prepared.
     void remove(const std::string& id);
 
-    [[nodiscard]] bool isUpgradePrepared(const std::string& id) const { return prepared_.contains(id); }
+    [[nodiscard]] bool isUpgradePrepared(const std::string& id) const;
 
-    /// A process that runs from the installed version of a package; nothing without one.
+    /// A process that uses the installed version of a package; nothing without one.
     [[nodiscard]] std::optional<pid_t> findUser(const std::string& id);
 
-    /// Puts the prepared upgrade into service.
+    /// Puts the prepared upgrade into service. After a failure it may be called again while
+    /// isUpgradePrepared().
     void completeUpgrade(const std::string& id);
 
-    /// What the database says about a package.
+    /// The record of a package's prepared upgrade or, without one, of the installed version.
     [[nodiscard]] Core::ZUL::PackageData describe(const std::string& id) { return database_.packageData(id); }
 
-    /// Whether the record of an installed package is there. What cannot be looked at counts as there. Any
-    /// thread.
+    /// Whether the record of an installed package exists; true when that cannot be read. Any thread.
     [[nodiscard]] bool isOnDisk(const std::string& id) const;
 
-    /// Every installed package that can be told on a bus.
+    /// Every installed package whose record can be sent on a bus.
     [[nodiscard]] PackageList list();
 
 private:

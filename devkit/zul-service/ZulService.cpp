@@ -5,6 +5,7 @@
 #include "common/LogLine.h"
 #include "common/Names.h"
 #include "devkit/support/Service.h"
+#include "devkit/support/Tasks.h"
 
 #include <optional>
 #include <system_error>
@@ -38,8 +39,10 @@ std::optional<sdbus::Error> failureOf(const std::function<void()>& work) {
 
 } // namespace
 
-ZulService::ZulService(Common::BusConnection& bus, PackageManager manager)
+ZulService::ZulService(Common::BusConnection& bus, PackageManager manager,
+                       std::chrono::milliseconds retryDelay)
     : bus_(bus)
+    , retryDelay_(retryDelay)
     , packages_(manager.list())
     , object_(sdbus::createObject(bus.bus(), Names::objectPath))
     , manager_(std::move(manager)) {
@@ -89,7 +92,7 @@ void ZulService::registerInterface() {
     object_->finishRegistration();
 }
 
-// Whoever prepared these upgrades ended without announcing them, and clients still wait.
+// The service that prepared these upgrades ended without announcing them, and clients still wait.
 void ZulService::announceRecovered() {
     for (const auto& id : manager_.recovered()) {
         Common::guarded("couldn't announce the upgrade of " + id,
@@ -98,27 +101,29 @@ void ZulService::announceRecovered() {
 }
 
 ZulService::Work ZulService::install(const std::string& path) {
-    const auto id = manager_.install(path);
-    if (manager_.isUpgradePrepared(id)) {
-        return [this, id] { completeWhenUnused(id); };
+    const auto installed = manager_.install(path);
+    if (installed.isPrepared) {
+        return [this, id = installed.id] { completeWhenUnused(id); };
     }
-    return [this, id] { tellPackage(Names::packageInstalled, manager_.describe(id)); };
+    return [this, id = installed.id] { tellPackage(Names::packageInstalled, manager_.describe(id)); };
 }
 
-// The list is of the last operation's end. Of a package that somebody has deleted since, an installation
-// would be a new one: clients must not take it for an upgrade, whose end they would wait for.
+// The list was made at the end of the last operation. A package that was deleted since then is left out: its
+// next installation is not an upgrade, and clients must not wait for the end of one.
 PackageManager::PackageList ZulService::presentPackages() const {
     auto packages = packages_;
     std::erase_if(packages, [this](const auto& package) { return !manager_.isOnDisk(package.at(Keys::id)); });
     return packages;
 }
 
-// On the worker's thread, after what it was given before.
+// On the worker's thread, after earlier work.
 void ZulService::haveDone(Work work) {
-    asio::post(worker_, [work = std::move(work)] { Common::guarded("couldn't do what was asked", work); });
+    asio::post(worker_, [work = std::move(work)] {
+        Common::guarded("couldn't run a job of the package manager", work);
+    });
 }
 
-// The reply precedes the signals about what was done, and the list that is told by then includes it.
+// The reply precedes the signals about the operation, and by then the list includes its result.
 void ZulService::answerWhenDone(Reply reply, Request request) {
     haveDone([this, reply = std::make_shared<Reply>(std::move(reply)), request = std::move(request)] {
         Work after = [] {};
@@ -135,37 +140,29 @@ void ZulService::answerWhenDone(Reply reply, Request request) {
     });
 }
 
-// Comes back each time a process that was in the way has ended. Another one may have been started meanwhile.
+// Called again each time a process that used the installed version has ended: there may be another one. After
+// a failure it is called again after a delay, since no event announces that, for example, a disk has space
+// again.
 void ZulService::completeWhenUnused(const std::string& id) {
-    if (!manager_.isUpgradePrepared(id)) {
-        return;
-    }
-    const auto user = manager_.findUser(id);
-    if (!user) {
-        completeNow(id);
-        return;
-    }
     const auto again = [this, id] { haveDone([this, id] { completeWhenUnused(id); }); };
-    try {
-        watcher_.whenReadable(processDescriptor(*user), again);
-    } catch (const std::system_error& error) {
-        if (error.code() != std::errc::no_such_process) {
-            throw;
+    const auto failure = failureOf([&] {
+        if (!manager_.isUpgradePrepared(id)) {
+            return;
         }
-        again();
-    }
-    Common::logInfo() << "the upgrade of " << id << " waits for process " << std::to_string(*user);
-}
-
-void ZulService::completeNow(const std::string& id) {
-    const auto failure = failureOf([this, id] {
+        if (const auto user = manager_.findUser(id)) {
+            postWhenEnded(bus_, *user, again);
+            Common::logInfo() << "the upgrade of " << id << " waits for process " << std::to_string(*user);
+            return;
+        }
+        const auto package = manager_.describe(id);
         manager_.completeUpgrade(id);
         tellList();
-        tellPackage(Names::packageUpgraded, manager_.describe(id));
+        tellPackage(Names::packageUpgraded, package);
     });
     if (failure) {
         Common::logError() << "couldn't complete the upgrade of " << id;
         tellList();
+        postAfter(bus_, retryDelay_, again);
     }
 }
 

@@ -16,6 +16,7 @@ struct Options {
     std::string systemRoot = "/";
     std::string keys = std::filesystem::path(Common::Names::Files::packageAuthority).parent_path();
     std::string architecture;
+    int retryDelay = 10000;
     bool withoutSecurityAttributes = false;
 };
 
@@ -58,6 +59,11 @@ int main(int argc, char** argv) {
     parser.add_option("--keys", options.keys, "Directory of the authority's certificate")
         ->capture_default_str();
     parser.add_option("--architecture", options.architecture, "What packages are built for [the platform's]");
+    parser
+        .add_option("--retry-delay", options.retryDelay,
+                    "Milliseconds from a failure to complete an upgrade to the next attempt")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 600000));
     parser.add_flag("--without-security-attributes", options.withoutSecurityAttributes,
                     "Leave out what only root may attach to files");
     if (const auto status = Tools::parse(parser, argc, argv)) {
@@ -65,6 +71,7 @@ int main(int argc, char** argv) {
     }
     return Devkit::serve([] { return sdbus::createSystemBusConnection(); }, Common::Names::Zul::service,
                          [&](Common::BusConnection& bus) {
-                             return std::make_unique<Devkit::ZulService>(bus, makeManager(options));
+                             return std::make_unique<Devkit::ZulService>(
+                                 bus, makeManager(options), std::chrono::milliseconds(options.retryDelay));
                          });
 }

@@ -1,6 +1,7 @@
 #include "common/BusClient.h"
 #include "common/Error.h"
 #include "common/Names.h"
+#include "devkit/zul-service/ProcessScan.h"
 #include "testbed/PrivateBus.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/WaitUntil.h"
@@ -9,6 +10,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <sys/resource.h>
 #include <unistd.h>
 
 using namespace Testbed;
@@ -56,8 +58,9 @@ protected:
         fs::create_directories(directory_ / "db/app");
         fs::create_directories(directory_ / "root");
         const std::string program = PROGRAMS "zul-service";
-        command.insert(command.end(), {program, "--configuration", directory_ / "zul.conf", "--system-root",
-                                       directory_ / "root", "--keys", directory_ / "keys"});
+        command.insert(command.end(),
+                       {program, "--configuration", directory_ / "zul.conf", "--system-root",
+                        directory_ / "root", "--keys", directory_ / "keys", "--retry-delay", "10"});
         if (geteuid() != 0) {
             command.emplace_back("--without-security-attributes");
         }
@@ -105,7 +108,7 @@ TEST_F(ThePackageManager, RefusesByTheNameOfTheReasonAndKeepsEverything) {
     EXPECT_EQ(digestOfTree(directory_ / "db"), before);
 }
 
-TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionEnds) {
+TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionHasEndedAndAgainAfterAFailure) {
     start();
     ASSERT_EQ(install(package({.version = "1.0"})), "");
     // The kernel executes the shell; only the open script tells whose process it is.
@@ -118,9 +121,35 @@ TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionEnd
     EXPECT_EQ(install(second), Common::errorNameOf(ErrorCode::UpgradeAlreadyPrepared));
     EXPECT_FALSE(upgraded_);
     EXPECT_EQ(current(), "1.0-1");
+    const auto mapping = directory_ / "root/usr/bin/app";
+    fs::remove(mapping);
+    writeFile(mapping, "a file of the system");
     application.signal(SIGKILL);
+    EXPECT_TRUE(waitUntil([this] {
+        return service_->output().find("couldn't complete the upgrade") != std::string::npos;
+    })) << service_->output();
+    EXPECT_FALSE(upgraded_);
+    EXPECT_EQ(current(), "1.0-1");
+    fs::remove(mapping);
     EXPECT_TRUE(waitUntil([this] { return upgraded_.load(); })) << service_->output();
     EXPECT_EQ(current(), "2.0-1");
+}
+
+TEST(AProcessScan, FailsWhenAProcessCannotBeRead) {
+    const ScratchDirectory scratch;
+    const std::string script = "exec <\"$1/file\"; rm \"$1/file\"; sleep 1000";
+    writeFile(scratch.path() / "file", "");
+    const Process user({"sh", "-c", script, "sh", scratch.path()});
+    ASSERT_TRUE(waitUntil([&] { return fs::is_empty(scratch.path()); }));
+    const auto directory = fs::canonical(scratch.path());
+    EXPECT_TRUE(Devkit::findProcessUsing(directory).has_value());
+    // One descriptor is left, for the list of the processes.
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = static_cast<rlim_t>(dup(STDIN_FILENO)) + 1;
+    close(static_cast<int>(limit.rlim_cur) - 1);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_THROW(static_cast<void>(Devkit::findProcessUsing(directory)), fs::filesystem_error);
 }
 
 TEST_F(ThePackageManager, AnnouncesTheUpgradeThatItsRestartCompletes) {

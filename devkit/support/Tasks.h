@@ -1,0 +1,20 @@
+#pragma once
+
+#include "common/bus/BusConnection.h"
+
+#include <chrono>
+#include <functional>
+#include <sys/types.h>
+
+namespace Devkit {
+
+using Task = std::function<void()>;
+
+/// Posts a task to the bus connection's loop when a process has ended, or at once when there is none. A child
+/// has ended before it is waited for. Any thread. Throws std::system_error.
+void postWhenEnded(Common::BusConnection& bus, pid_t process, Task task);
+
+/// Posts a task to the bus connection's loop after a time. Any thread.
+void postAfter(Common::BusConnection& bus, std::chrono::milliseconds time, Task task);
+
+} // namespace Devkit
