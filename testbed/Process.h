@@ -11,8 +11,8 @@
 
 namespace Testbed {
 
-/// A child process whose standard output and error are caught together in a file. Killed when the object
-/// ends.
+/// A child process whose standard output and error are written together to a file. Killed when the object
+/// ends. Throws std::system_error for a program that cannot be executed.
 class Process {
 public:
     struct Options {
@@ -24,6 +24,10 @@ public:
     explicit Process(const std::vector<std::string>& arguments)
         : Process(arguments, Options{}) {}
     Process(const std::vector<std::string>& arguments, const Options& options);
+    /// Takes over a child that writes to the file.
+    Process(pid_t child, Common::UniqueFd output)
+        : output_(std::move(output))
+        , pid_(child) {}
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
@@ -42,6 +46,9 @@ private:
     pid_t pid_ = -1;
     int status_ = -1;
 };
+
+/// A file in memory for a child's standard input or output.
+[[nodiscard]] Common::UniqueFd streamFile(const std::string& content = {});
 
 struct ProcessResult {
     int status;

@@ -2,9 +2,10 @@
 
 #include "common/LogLine.h"
 #include "common/Names.h"
+#include "common/Spawn.h"
 #include "devkit/runtime-manager/DesktopEntry.h"
 #include "devkit/support/Service.h"
-#include "devkit/support/Spawn.h"
+#include "devkit/support/Tasks.h"
 
 #include <csignal>
 #include <sys/wait.h>
@@ -85,29 +86,27 @@ void RuntimeManager::invokeIntent(const std::string& intent,
     requireApplicationId(id);
     auto found = applications_.find(id);
     if (found != applications_.end() && hasEnded(found->second.process)) {
-        // Others may know of its end before the watcher has reported it here, and ask for the next start.
+        // A client may see its end before the loop has reported it here, and request the next start.
         applicationEnded(id, found->second.serial);
         found = applications_.end();
     }
     if (found == applications_.end()) {
         start(id);
     } else if (found->second.ending) {
-        throw sdbus::Error(errorPrefix + "Failed", "application is being ended: " + Common::quoted(id));
+        throw sdbus::Error(errorPrefix + "Failed", "application is ending: " + Common::quoted(id));
     } else {
-        Common::logInfo() << id << " runs already";
+        Common::logInfo() << id << " is already running";
     }
 }
 
 void RuntimeManager::start(const std::string& id) {
-    const pid_t process = spawn(commandFor(id));
+    const pid_t process = Common::spawn(commandFor(id));
     try {
         const auto serial = ++lastSerial_;
         applications_.emplace(id, Application{process, serial});
-        watcher_.whenReadable(processDescriptor(process), [this, id, serial] {
-            bus_.post([this, id, serial] { applicationEnded(id, serial); });
-        });
+        postWhenEnded(bus_, process, [this, id, serial] { applicationEnded(id, serial); });
     } catch (...) {
-        // Nobody would notice its end.
+        // Its end would not be noticed.
         applications_.erase(id);
         kill(-process, SIGKILL);
         waitpid(process, nullptr, 0);
@@ -124,9 +123,8 @@ void RuntimeManager::terminate(const std::string& id) {
     if (found->second.ending) {
         return;
     }
-    watcher_.whenReadable(timerDescriptor(settings_.patience), [this, id, serial = found->second.serial] {
-        bus_.post([this, id, serial] { killIfStillRunning(id, serial); });
-    });
+    postAfter(bus_, settings_.patience,
+              [this, id, serial = found->second.serial] { killIfStillRunning(id, serial); });
     found->second.ending = true;
     kill(-found->second.process, SIGTERM);
 }
@@ -134,7 +132,7 @@ void RuntimeManager::terminate(const std::string& id) {
 void RuntimeManager::killIfStillRunning(const std::string& id, std::uint64_t serial) {
     const auto found = applications_.find(id);
     if (found != applications_.end() && found->second.serial == serial) {
-        Common::logWarning() << id << " doesn't end by itself, killing it";
+        Common::logWarning() << id << " doesn't end after SIGTERM, killing it";
         kill(-found->second.process, SIGKILL);
     }
 }
@@ -144,8 +142,8 @@ void RuntimeManager::applicationEnded(const std::string& id, std::uint64_t seria
     if (found == applications_.end() || found->second.serial != serial) {
         return;
     }
-    // What the application has left behind goes with it. The process is not reaped yet, so its number still
-    // names its own group.
+    // Processes that the application has left behind are killed as well. The process is not reaped yet, so
+    // its number still names its own group.
     kill(-found->second.process, SIGKILL);
     int status = 0;
     waitpid(found->second.process, &status, 0);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "common/bus/BusConnection.h"
-#include "devkit/support/Watcher.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -13,8 +12,8 @@
 
 namespace Devkit {
 
-/// Starts and ends applications, each a process in a session of its own, at most one per identifier. An
-/// application is what the desktop entry of its identifier starts. Main thread only.
+/// Starts and ends applications, each a process in a session of its own, at most one per identifier. The
+/// desktop entry of the identifier says how to start it. Main thread only.
 class RuntimeManager {
 public:
     struct Settings {
@@ -32,8 +31,8 @@ public:
 private:
     struct Application {
         pid_t process;
-        std::uint64_t serial; ///< tells it from a later one of the same identifier
-        bool ending = false;  ///< whether its end was asked for
+        std::uint64_t serial; ///< differs from that of a later one with the same identifier
+        bool ending = false;  ///< whether its end was requested
     };
 
     void invokeIntent(const std::string& intent, const std::map<std::string, sdbus::Variant>& hints);
@@ -49,7 +48,6 @@ private:
     std::uint64_t lastSerial_ = 0;
     std::unique_ptr<sdbus::IObject> control_;
     std::unique_ptr<sdbus::IObject> intents_;
-    Watcher watcher_;
 };
 
 } // namespace Devkit

@@ -1,24 +1,15 @@
 #include "devkit/support/Tasks.h"
 
-#include "common/UniqueFd.h"
-
-#include <cerrno>
-#include <sys/syscall.h>
-#include <system_error>
-#include <unistd.h>
+#include "common/Spawn.h"
 
 namespace Devkit {
 
 void postWhenEnded(Common::BusConnection& bus, pid_t process, Task task) {
     using Descriptor = asio::posix::stream_descriptor;
-    // The C library's own declaration is of no use to C++ in version 2.36.
-    Common::UniqueFd descriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0U)));
-    if (!descriptor && errno == ESRCH) {
+    auto descriptor = Common::openProcess(process);
+    if (!descriptor) {
         bus.post(std::move(task));
         return;
-    }
-    if (!descriptor) {
-        throw std::system_error(errno, std::generic_category(), "couldn't open a process");
     }
     const auto end = std::make_shared<Descriptor>(bus.loop().context());
     end->assign(descriptor.release());

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "common/UniqueFd.h"
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace Common {
+
+/// How a program is started. A descriptor of -1 means the default.
+struct SpawnOptions {
+    std::vector<std::string> environment; ///< further variables, "NAME=value"
+    std::filesystem::path directory;      ///< working directory; empty: this process's
+    int input = -1;                       ///< standard input [/dev/null]
+    int output = -1;                      ///< standard output and error [this process's]
+    int inherited = -1;                   ///< a descriptor that the program gets under its number [none]
+    bool terminal = false; ///< keeps this process's standard input and group, for a command in a terminal;
+                           ///< otherwise the program leads a session of its own
+};
+
+/// Starts a program with no signal blocked. It is killed when the thread that started it ends. Any thread.
+/// @param arguments  the program first, looked up in its own PATH when it has no "/"
+/// @return its process identifier; the caller waits for it
+/// Throws std::system_error when the program cannot be executed, with the reason as its code; Error, code
+/// Filesystem, when no process can be created.
+[[nodiscard]] pid_t spawn(const std::vector<std::string>& arguments, const SpawnOptions& options = {});
+
+/// A descriptor that becomes readable when the process has ended (pidfd_open(2)); nothing, with errno ESRCH,
+/// when there is no such process. Any thread. Throws Error, code Filesystem.
+[[nodiscard]] UniqueFd openProcess(pid_t process);
+
+/// Waits for the end of a child. Any thread. Throws as openProcess().
+/// @return its exit status as exitStatusOf() gives it; nothing when the limit has passed
+[[nodiscard]] std::optional<int> waitForEnd(pid_t child, std::chrono::milliseconds limit);
+
+/// The exit status in a wait status (wait(2)): the program's, or 128 and the signal's number.
+[[nodiscard]] int exitStatusOf(int waitStatus) noexcept;
+
+} // namespace Common

@@ -1,0 +1,44 @@
+#include "common/bus/PrivateBus.h"
+
+#include "common/Files.h"
+#include "common/Spawn.h"
+
+#include <array>
+#include <fcntl.h>
+#include <stdexcept>
+#include <sys/wait.h>
+
+namespace Common {
+
+pid_t startPrivateBus(const std::filesystem::path& socket, int output, const std::string& limits) {
+    const auto configuration = socket.native() + ".conf";
+    NewFile file(socket.parent_path(), socket.filename().native() + ".conf");
+    file.write("<busconfig><type>session</type><listen>unix:path=" + socket.native() +
+               "</listen><auth>EXTERNAL</auth><policy context='default'>"
+               "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>"
+               "<allow own='*'/></policy>" +
+               limits + "</busconfig>\n");
+    file.commit(Durability::Later);
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        throw filesystemError("couldn't create a pipe");
+    }
+    const UniqueFd reading(ends[0]);
+    UniqueFd writing(ends[1]);
+    SpawnOptions options;
+    options.output = output;
+    options.inherited = writing.get();
+    const pid_t bus = spawn({"dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + configuration,
+                             "--print-address=" + std::to_string(writing.get())},
+                            options);
+    writing = UniqueFd();
+    // It prints its address once it listens.
+    std::byte first{};
+    if (readAll(reading.get(), {&first, 1}) != 1U) {
+        waitpid(bus, nullptr, 0);
+        throw std::runtime_error("the bus " + socket.native() + " does not start");
+    }
+    return bus;
+}
+
+} // namespace Common
