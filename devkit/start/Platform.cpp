@@ -1,54 +1,37 @@
 #include "devkit/start/Platform.h"
 
-#include "common/LogLine.h"
+#include "common/Files.h"
+#include "common/Guard.h"
 #include "common/Names.h"
-#include "core/zul/package/AttributeWriter.h"
-#include "devkit/start/EtcOverlay.h"
-#include "devkit/support/NameWatch.h"
+#include "common/bus/PrivateBus.h"
+#include "core/zul/AttributeWriter.h"
+#include "devkit/start/Descendants.h"
 #include "devkit/support/Programs.h"
 
-#include <array>
 #include <cstdlib>
 #include <deque>
 #include <fcntl.h>
 #include <fstream>
 #include <iostream>
+#include <sys/wait.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace Devkit {
 
 namespace Names = Common::Names;
+namespace fs = std::filesystem;
 
 namespace {
 
-void writeFile(const std::filesystem::path& file, const std::string& content) {
-    std::ofstream stream(file);
-    stream << content;
-    stream.close();
-    if (!stream) {
-        throw std::runtime_error("couldn't write " + Common::quoted(file));
-    }
+void changeAllSignals(int how) {
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(how, &all, nullptr);
 }
 
-// A bus for one user, without any service of the host.
-std::string busConfiguration(const std::filesystem::path& socket) {
-    return R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <listen>unix:path=)" +
-           socket.native() + R"(</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-)";
-}
+void ignoreLoss(const sdbus::Error& /*error*/) {} // the end of the bus is noticed as that of a program
 
-std::string endOfLog(const std::filesystem::path& log) {
+std::string endOfLog(const fs::path& log) {
     constexpr std::size_t kept = 10;
     std::ifstream stream(log);
     std::deque<std::string> lines;
@@ -65,11 +48,41 @@ std::string endOfLog(const std::filesystem::path& log) {
     return result;
 }
 
+// A program with an "/etc" of its own, in which "zul" is another directory. A mount namespace takes
+// privileges or a user namespace; bwrap(1) finds out which.
+std::vector<std::string> withPrivateEtc(const fs::path& zul, const fs::path& program) {
+    std::vector<std::string> result{"bwrap", "--dev-bind", "/", "/", "--tmpfs", "/etc"};
+    for (const auto& entry : Common::entriesOf("/etc")) {
+        if (const auto target = Common::linkTarget(entry)) {
+            result.insert(result.end(), {"--symlink", *target, entry});
+        } else if (entry != "/etc/zul") {
+            result.insert(result.end(), {"--ro-bind-try", entry, entry});
+        }
+    }
+    result.insert(result.end(), {"--ro-bind", zul, "/etc/zul", "--remount-ro", "/etc", "--", program});
+    return result;
+}
+
 } // namespace
 
-Platform::Platform(Settings settings, Supervisor& supervisor)
+Platform::Platform(Settings settings)
     : settings_(std::move(settings))
-    , supervisor_(supervisor) {}
+    , signals_(loop_.context(), SIGINT, SIGTERM, SIGHUP) {
+    adoptDescendants();
+    signals_.add(SIGCHLD);
+    changeAllSignals(SIG_UNBLOCK);
+    handleSignals();
+}
+
+Platform::~Platform() {
+    changeAllSignals(SIG_BLOCK); // nothing interrupts the end
+    Common::guarded("couldn't end the platform", [this] {
+        for (; !programs_.empty(); programs_.pop_back()) {
+            stop(programs_.back());
+        }
+        killDescendants();
+    });
+}
 
 void Platform::start() {
     makeDirectories();
@@ -79,13 +92,11 @@ void Platform::start() {
     // For this process's own connections.
     setenv("DBUS_SYSTEM_BUS_ADDRESS", systemBus_.c_str(), 1);
     setenv("DBUS_SESSION_BUS_ADDRESS", sessionBus_.c_str(), 1);
-    NameWatch system(Common::Bus::System);
-    NameWatch session(Common::Bus::Session);
-    const auto untilOwned = [this](NameWatch& bus, const std::string& name) {
-        while (!bus.isOwned(name)) {
-            waitUntilReadable(bus.descriptor(), name);
-        }
-    };
+    Common::BusConnection system(loop_, sdbus::createSystemBusConnection(), ignoreLoss);
+    Common::BusConnection session(loop_, sdbus::createSessionBusConnection(), ignoreLoss);
+    const auto zul = expect(Names::Zul::service, system);
+    const auto identification = expect(Names::Identification::service, session);
+    const auto runtimeManager = expect(Names::RuntimeManager::service, session);
     const auto& directory = settings_.directory;
     std::vector<std::string> zulOptions{"--configuration", directory / "etc/zul/zul.conf",
                                         "--system-root",   directory / "root",
@@ -93,54 +104,45 @@ void Platform::start() {
     if (!mayAttachSecurityAttributes()) {
         zulOptions.emplace_back("--without-security-attributes");
     }
-    startService("zul-service", zulOptions, false);
-    startService("identity-service", {"--package-root", directory / "opt/app"}, false);
-    startService("runtime-manager", {"--system-root", directory / "root"}, false);
-    untilOwned(system, Names::Zul::service);
-    untilOwned(session, Names::Identification::service);
-    untilOwned(session, Names::RuntimeManager::service);
-    startService("vendara-daemon", {}, settings_.privateEtc);
-    untilOwned(session, Names::Vendara::service);
+    startService("zul-service", zulOptions);
+    startService("identity-service", {"--package-root", directory / "opt/app"});
+    startService("runtime-manager", {"--system-root", directory / "root"});
+    waitForNames();
+    const auto daemon = expect(Names::Vendara::service, session);
+    const auto program = findProgram("vendara-daemon");
+    startProgram("vendara-daemon", settings_.privateEtc ? withPrivateEtc(directory / "etc/zul", program)
+                                                        : std::vector<std::string>{program});
+    waitForNames();
 }
 
 int Platform::run(const std::vector<std::string>& command, int stopSignal) {
-    SpawnOptions options;
+    Common::SpawnOptions options;
     options.environment = environment();
     options.terminal = true;
     const std::string name = "command";
     try {
-        supervisor_.start(name, command, options, stopSignal);
-    } catch (const ExecutionError& error) {
+        const pid_t process = Common::spawn(command, options);
+        programs_.push_back({name, process, process, stopSignal});
+    } catch (const std::system_error& error) {
         // As env(1) does.
         constexpr int notExecuted = 126;
         constexpr int notFound = 127;
         std::cerr << "vendara-devkit: " << error.what() << std::endl;
         return error.code() == std::errc::no_such_file_or_directory ? notFound : notExecuted;
     }
-    for (;;) {
-        const auto event = supervisor_.wait();
-        if (event.kind == Event::Kind::Signal) {
-            throw Interruption{event.status};
-        }
-        if (event.program == name) {
-            return event.status;
-        }
-        throw failureOf(event);
-    }
+    return waitForEndOf(name);
 }
 
 void Platform::waitForTrouble() {
-    const auto event = supervisor_.wait();
-    if (event.kind == Event::Kind::Signal) {
-        throw Interruption{event.status};
+    for (;;) {
+        loop_.context().run_one();
     }
-    throw failureOf(event);
 }
 
 std::vector<std::string> Platform::environment() const {
     const char* path = std::getenv("PATH");
     std::string programs;
-    // The tour lies where the services do.
+    // The tour is beside the services.
     for (const auto* name : {"vendaractl", "vendara-sign", "zul-service"}) {
         programs += findProgram(name).parent_path().native() + ":";
     }
@@ -150,126 +152,151 @@ std::vector<std::string> Platform::environment() const {
             "PATH=" + programs + (path != nullptr ? path : "/usr/bin:/bin")};
 }
 
+void Platform::handleSignals() {
+    signals_.async_wait([this](const asio::error_code& error, int number) {
+        if (error) {
+            return;
+        }
+        handleSignals();
+        if (number != SIGCHLD) {
+            throw Interruption{number};
+        }
+        reap();
+    });
+}
+
+// Descendants that have become children are reaped as well.
+void Platform::reap() {
+    int waitStatus = 0;
+    for (pid_t process = 0; (process = waitpid(-1, &waitStatus, WNOHANG)) > 0;) {
+        const auto isEnded = [process](const Program& each) { return each.process == process; };
+        const auto program = std::find_if(programs_.begin(), programs_.end(), isEnded);
+        if (program == programs_.end()) {
+            continue;
+        }
+        const auto name = program->name;
+        const int status = Common::exitStatusOf(waitStatus);
+        programs_.erase(program);
+        if (name != awaited_) {
+            throw failureOf(name, status);
+        }
+        status_ = status;
+    }
+}
+
+void Platform::stop(const Program& program) {
+    kill(program.target, program.stopSignal);
+    if (!Common::waitForEnd(program.process, std::chrono::seconds(3)) && kill(program.target, SIGKILL) == 0) {
+        waitpid(program.process, nullptr, 0);
+    }
+}
+
 void Platform::makeDirectories() const {
     const auto& directory = settings_.directory;
     for (const auto* name : {"bus", "etc/zul", "home", "opt/app", "opt/zul/tmp", "root/usr/bin",
                              "root/usr/share/applications"}) {
-        std::filesystem::create_directories(directory / name);
+        fs::create_directories(directory / name);
     }
-    std::filesystem::create_directories(settings_.logs);
-    writeFile(directory / "etc/zul/zul.conf",
-              "[database]\nroot_directory=" + (directory / "opt/app").native() +
-                  "\ntemp_directory=" + (directory / "opt/zul/tmp").native() + "\n");
+    fs::create_directories(settings_.logs);
+    Common::NewFile configuration(directory / "etc/zul", "zul.conf");
+    configuration.write("[database]\nroot_directory=" + (directory / "opt/app").native() +
+                        "\ntemp_directory=" + (directory / "opt/zul/tmp").native() + "\n");
+    configuration.commit(Common::Durability::Later);
 }
 
-// A plain user may not, nor root in a container without CAP_SYS_ADMIN, nor does every file system take them.
+// An ordinary user may not, nor root in a container without CAP_SYS_ADMIN, and some file systems have none.
 bool Platform::mayAttachSecurityAttributes() const {
-    const auto file = settings_.directory / "opt/zul/tmp/attribute";
-    const Common::UniqueFd descriptor(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    checked(descriptor.get(), ("couldn't create " + Common::quoted(file)).c_str());
-    std::filesystem::remove(file);
+    const Common::NewFile file(settings_.directory / "opt/zul/tmp", "attribute");
     // The type of a signature, the one byte that the kernel looks at (ima.h of Linux).
-    return Core::ZUL::attachAttribute(descriptor.get(), "security.ima", "\x03") == 0;
+    return Core::ZUL::attachAttribute(file.descriptor(), "security.ima", "\x03") == 0;
 }
 
 void Platform::makeKeys() {
-    if (std::filesystem::exists(settings_.keys / "ca.pem")) {
+    if (fs::exists(settings_.keys / "ca.pem")) {
         return;
     }
-    startProgram("vendara-sign", {findProgram("vendara-sign"), "--make-test-ca", settings_.keys}, {});
-    const auto event = supervisor_.wait();
-    if (event.kind == Event::Kind::Signal) {
-        throw Interruption{event.status};
-    }
-    if (event.status != 0) {
-        throw failureOf(event);
+    const std::string name = "vendara-sign";
+    startProgram(name, {findProgram(name), "--make-test-ca", settings_.keys});
+    if (const int status = waitForEndOf(name); status != 0) {
+        throw failureOf(name, status);
     }
 }
 
-// Returns the bus's address, once it can be connected to.
+// Returns the bus's address.
 std::string Platform::startBus(const std::string& name) {
-    const auto configuration = settings_.directory / "bus" / (name + ".conf");
-    writeFile(configuration, busConfiguration(settings_.directory / "bus" / name));
-    std::array<int, 2> ends{};
-    checked(pipe(ends.data()), "couldn't create a pipe");
-    const Common::UniqueFd reading(ends[0]);
-    Common::UniqueFd writing(ends[1]);
-    checked(fcntl(reading.get(), F_SETFD, FD_CLOEXEC), "couldn't set up a pipe");
-    startProgram(name + "-bus",
-                 {"dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + configuration.native(),
-                  "--print-address=" + std::to_string(writing.get())},
-                 {});
-    writing = Common::UniqueFd();
-    std::string address;
-    while (!address.ends_with('\n')) {
-        waitUntilReadable(reading.get(), name + " bus");
-        std::array<char, 512> text{};
-        const auto length = read(reading.get(), text.data(), text.size());
-        if (length <= 0) {
-            throw std::runtime_error("the " + name + " bus doesn't print its address" +
-                                     endOfLog(settings_.logs / (name + "-bus.log")));
-        }
-        address.append(text.data(), static_cast<std::size_t>(length));
+    const auto socket = settings_.directory / "bus" / name;
+    const auto program = name + "-bus";
+    try {
+        const pid_t process = Common::startPrivateBus(socket, openLog(program).get());
+        programs_.push_back({program, process, -process, SIGTERM});
+    } catch (const std::exception& error) {
+        throw std::runtime_error(error.what() + endOfLog(settings_.logs / (program + ".log")));
     }
-    address.pop_back();
-    return address;
+    return "unix:path=" + socket.native();
 }
 
-void Platform::startService(const std::string& program, const std::vector<std::string>& options,
-                            bool privateEtc) {
+void Platform::startService(const std::string& program, const std::vector<std::string>& options) {
     std::vector<std::string> arguments{findProgram(program)};
     arguments.insert(arguments.end(), options.begin(), options.end());
-    SpawnOptions spawning;
+    startProgram(program, arguments);
+}
+
+void Platform::startProgram(const std::string& name, const std::vector<std::string>& arguments) {
+    const auto log = openLog(name);
+    Common::SpawnOptions options;
     // librpm keeps a database in the home directory.
-    spawning.environment = {"HOME=" + (settings_.directory / "home").native()};
-    if (!privateEtc) {
-        startProgram(program, arguments, spawning);
-        return;
-    }
-    const EtcOverlay overlay(settings_.directory / "etc");
-    spawning.prepare = [&overlay] { return overlay.enter(); };
-    try {
-        startProgram(program, arguments, spawning);
-    } catch (const PreparationError& error) {
-        throw std::runtime_error(std::string(error.what()) +
-                                 ", with an /etc/zul/zul.conf of its own. That takes " +
-                                 "a mount namespace, for a plain user also a user namespace; with " +
-                                 "--without-namespace it reads the host's.");
-    }
+    options.environment = {"HOME=" + (settings_.directory / "home").native()};
+    options.output = log.get();
+    const pid_t process = Common::spawn(arguments, options);
+    programs_.push_back({name, process, -process, SIGTERM});
 }
 
-void Platform::startProgram(const std::string& name, const std::vector<std::string>& arguments,
-                            SpawnOptions options) {
-    const auto log = settings_.logs / (name + ".log");
-    const Common::UniqueFd output(
-        open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644));
-    checked(output.get(), ("couldn't create the log " + Common::quoted(log)).c_str());
-    options.output = output.get();
-    supervisor_.start(name, arguments, options);
+Common::UniqueFd Platform::openLog(const std::string& program) const {
+    const auto log = settings_.logs / (program + ".log");
+    Common::UniqueFd result(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644));
+    if (!result) {
+        throw Common::filesystemError("couldn't create the log " + Common::quoted(log));
+    }
+    return result;
 }
 
-void Platform::waitUntilReadable(int descriptor, const std::string& forWhat) {
-    const auto event = supervisor_.wait(descriptor, Supervisor::Clock::now() + std::chrono::seconds(60));
-    switch (event.kind) {
-    case Event::Kind::Readable:
-        return;
-    case Event::Kind::Signal:
-        throw Interruption{event.status};
-    case Event::Kind::Ended:
-        throw failureOf(event);
-    case Event::Kind::TimedOut:
-        throw std::runtime_error("timed out after 60 s waiting for " + forWhat);
+std::unique_ptr<Common::SignalSource> Platform::expect(const std::string& name, Common::BusConnection& bus) {
+    missing_.insert(name);
+    return std::make_unique<Common::SignalSource>(bus.bus(), name, [this, name] { missing_.erase(name); });
+}
+
+void Platform::waitForNames() {
+    const auto deadline = Common::TimePoint::clock::now() + std::chrono::seconds(60);
+    while (!missing_.empty()) {
+        if (loop_.context().run_one_until(deadline) == 0) {
+            throw std::runtime_error("timed out after 60 s waiting for " + *missing_.begin());
+        }
     }
 }
 
-std::runtime_error Platform::failureOf(const Event& ended) const {
+// Waits for a program that is expected to end, and returns its status.
+int Platform::waitForEndOf(const std::string& name) {
+    awaited_ = name;
+    while (!status_) {
+        loop_.context().run_one();
+    }
+    awaited_.clear();
+    return *std::exchange(status_, std::nullopt);
+}
+
+std::runtime_error Platform::failureOf(const std::string& program, int status) const {
     std::error_code error;
-    // On a full disk there are no logs to tell.
-    const auto free = std::filesystem::space(settings_.directory, error).available;
+    // On a full disk the logs are empty.
+    const auto free = fs::space(settings_.directory, error).available;
+    const auto log = endOfLog(settings_.logs / (program + ".log"));
+    const bool isNamespaceRefused = log.find("\n    bwrap: ") != std::string::npos;
     return std::runtime_error(
-        ended.program + " ended with status " + std::to_string(ended.status) +
+        program + " ended with status " + std::to_string(status) +
         (!error && free == 0 ? ", no space is left in " + settings_.directory.native() : "") +
-        "; the end of its log:" + endOfLog(settings_.logs / (ended.program + ".log")));
+        (isNamespaceRefused ? ", it needs a mount namespace for an /etc/zul/zul.conf of its own; with "
+                              "--without-namespace it reads the host's"
+                            : "") +
+        "; the end of its log:" + log);
 }
 
 } // namespace Devkit

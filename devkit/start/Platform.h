@@ -1,28 +1,39 @@
 #pragma once
 
-#include "devkit/start/Supervisor.h"
+#include "common/Spawn.h"
+#include "common/bus/BusConnection.h"
+#include "common/bus/SignalSource.h"
 
+#include <csignal>
 #include <filesystem>
+#include <memory>
+#include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace Devkit {
 
-/// A signal asked for the end.
+/// A signal requested the end.
 struct Interruption {
     int signal;
 };
 
-/// A whole platform in a directory: two buses, keys, the peers and the daemon. Main thread only.
+/// A whole platform in a directory: two buses, keys, the peers and the daemon. Main thread only, one object
+/// per process. Its destructor ends the programs, the last one first, and everything that they have started.
 ///
 ///     bus/        sockets of the session and the system bus
-///     etc/        what the daemon finds in "/etc" first
+///     etc/zul/    what the daemon finds as "/etc/zul"
 ///     home/       home of the services
 ///     keys/       throw-away keys, unless others are given
 ///     logs/       a log per program
 ///     opt/        the package database and its temporary directory
 ///     root/       the system root: where packages' files appear
+///
+/// The signals SIGCHLD, SIGINT, SIGTERM and SIGHUP are blocked before its construction and after its end.
+/// Functions that wait throw Interruption at SIGINT, SIGTERM and SIGHUP, and std::runtime_error, with the end
+/// of its log, when a program of the platform ends.
 class Platform {
 public:
     struct Settings {
@@ -32,38 +43,60 @@ public:
         bool privateEtc = true;     ///< the daemon gets an "/etc" of its own
     };
 
-    Platform(Settings settings, Supervisor& supervisor);
+    explicit Platform(Settings settings);
+    ~Platform();
+    Platform(const Platform&) = delete;
+    Platform& operator=(const Platform&) = delete;
 
-    /// Starts everything, one after the other; each program is ready when it has taken its name on the bus.
-    /// Throws Interruption; std::exception when something cannot be started, with the end of its log.
+    /// Starts everything. A program is ready when it has its name on the bus. Throws std::exception when
+    /// something cannot be started.
     void start();
 
     /// Runs a command in the platform and waits for its end.
+    /// @param stopSignal  asks it to end
     /// @return its exit status, or 128 and the signal's number; 127 when there is no such command, and 126
-    ///         when it cannot be executed, after that was told
-    /// Throws Interruption; std::runtime_error when a program of the platform ends or no process can be made.
+    ///         when it cannot be executed, after a message
     int run(const std::vector<std::string>& command, int stopSignal);
 
-    /// Waits for a program of the platform to end: throws as run().
+    /// Waits for a signal or the end of a program: always throws.
     [[noreturn]] void waitForTrouble();
 
     /// The variables that a client needs, "NAME=value".
     [[nodiscard]] std::vector<std::string> environment() const;
 
 private:
+    struct Program {
+        std::string name;
+        pid_t process;
+        pid_t target; // of signals: the process or, negative, its group
+        int stopSignal;
+    };
+
+    void handleSignals();
+    void reap();
+    static void stop(const Program& program);
     void makeDirectories() const;
     [[nodiscard]] bool mayAttachSecurityAttributes() const;
     void makeKeys();
     std::string startBus(const std::string& name);
-    void startService(const std::string& program, const std::vector<std::string>& options, bool privateEtc);
-    void startProgram(const std::string& name, const std::vector<std::string>& arguments,
-                      SpawnOptions options);
-    void waitUntilReadable(int descriptor, const std::string& forWhat);
-    [[nodiscard]] std::runtime_error failureOf(const Event& ended) const;
+    void startService(const std::string& program, const std::vector<std::string>& options);
+    void startDaemon();
+    void startProgram(const std::string& name, const std::vector<std::string>& arguments);
+    [[nodiscard]] Common::UniqueFd openLog(const std::string& program) const;
+    [[nodiscard]] std::unique_ptr<Common::SignalSource> expect(const std::string& name,
+                                                               Common::BusConnection& bus);
+    void waitForNames();
+    [[nodiscard]] int waitForEndOf(const std::string& name);
+    [[nodiscard]] std::runtime_error failureOf(const std::string& program, int status) const;
 
     Settings settings_;
-    Supervisor& supervisor_;
-    std::string sessionBus_; // addresses
+    Common::Loop loop_;
+    asio::signal_set signals_;
+    std::vector<Program> programs_; // in the order of their start
+    std::set<std::string> missing_; // names that programs are about to own
+    std::string awaited_;           // the program that is expected to end
+    std::optional<int> status_;     // of that program, when it has ended
+    std::string sessionBus_;        // addresses
     std::string systemBus_;
 };
 

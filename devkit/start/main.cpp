@@ -1,23 +1,21 @@
 #include "common/Files.h"
-#include "common/LogLine.h"
-#include "common/UniqueFd.h"
+#include "common/Guard.h"
+#include "common/Spawn.h"
+#include "common/TemporaryDirectory.h"
+#include "devkit/start/Descendants.h"
 #include "devkit/start/Platform.h"
-#include "devkit/start/Supervisor.h"
-#include "devkit/support/Spawn.h"
 #include "tools/CommandLine.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <iostream>
 #include <string_view>
 #include <sys/prctl.h>
-#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
-
-using Devkit::Event;
 
 struct Options {
     std::string logs;
@@ -27,65 +25,23 @@ struct Options {
     std::vector<std::string> command;
 };
 
-// The path goes into bus addresses, mount options and configuration files.
-void requirePlainPath(const std::string& path) {
-    constexpr std::size_t longest = 80; // with what follows it, a socket's path has 108 bytes
+// Where the platform's directory is made. Its path goes into bus addresses and configuration files, which
+// have no way to escape other characters; the kernel knows processes by the real paths of their programs.
+std::filesystem::path scratchParent() {
+    auto path = std::filesystem::canonical(std::filesystem::temp_directory_path());
+    constexpr std::size_t longest = 58; // with what follows it, a socket's path has 108 bytes
     const auto* ordinary = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/_-.";
-    if (path.size() > longest || path.find_first_not_of(ordinary) != std::string::npos) {
+    if (path.native().size() > longest || path.native().find_first_not_of(ordinary) != std::string::npos) {
         throw std::runtime_error(
-            "the temporary directory's path has to be short and of letters, digits, \"/\", \"_\", "
-            "\"-\" and \".\": " +
+            "the path of the temporary directory is longer than " + std::to_string(longest) +
+            " bytes or has other characters than letters, digits, \"/\", \"_\", \"-\" and "
+            "\".\": " +
             Common::quoted(path));
-    }
-}
-
-std::filesystem::path makeScratchDirectory() {
-    // Processes are told by the real paths of their programs, and a relative path is no bus address.
-    const auto parent = std::filesystem::canonical(std::filesystem::temp_directory_path());
-    auto path = (parent / "vendara-devkit-XXXXXX").native();
-    requirePlainPath(path);
-    if (mkdtemp(path.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), "couldn't create " + path);
     }
     return path;
 }
 
-void removeScratch(const std::filesystem::path& directory) noexcept {
-    try {
-        Common::removeTree(directory);
-    } catch (const std::exception& error) {
-        Common::logError() << error;
-    }
-}
-
-/// The platform's directory: the keeper removes it, and the guard when the keeper did not come to it.
-class Scratch {
-public:
-    Scratch()
-        : path_(makeScratchDirectory())
-        , directory_(open(path_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
-    ~Scratch() { remove(); }
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
-
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-
-    // Nothing when it is gone, whoever has got its name since.
-    void remove() const noexcept {
-        struct stat own {};
-        struct stat named {};
-        if (fstat(directory_.get(), &own) == 0 && lstat(path_.c_str(), &named) == 0 &&
-            own.st_dev == named.st_dev && own.st_ino == named.st_ino) {
-            removeScratch(path_);
-        }
-    }
-
-private:
-    std::filesystem::path path_;
-    Common::UniqueFd directory_;
-};
-
-// A word as a shell reads it.
+// A text as one word of a shell's command.
 std::string inShell(const std::string& text) {
     std::string result = "'";
     for (const char character : text) {
@@ -98,7 +54,7 @@ int runPlatform(Devkit::Platform& platform, const Options& options) {
     platform.start();
     if (options.shell) {
         const char* shell = std::getenv("SHELL");
-        std::cout << "The platform runs. Leave this shell to end it.\n" << std::flush;
+        std::cout << "The platform is running. Exit this shell to end it.\n" << std::flush;
         // An interactive shell ignores SIGTERM.
         return platform.run({shell != nullptr ? shell : "/bin/sh"}, SIGHUP);
     }
@@ -114,54 +70,66 @@ int runPlatform(Devkit::Platform& platform, const Options& options) {
     platform.waitForTrouble();
 }
 
-// The process that all programs of the platform belong to.
+// The keeper: all programs of the platform are its children.
 int keep(const std::filesystem::path& scratch, const Options& options) {
-    int status = EXIT_FAILURE;
     try {
-        Devkit::Supervisor supervisor;
         const auto logs = options.logs.empty() ? scratch / "logs" : std::filesystem::absolute(options.logs);
         const auto keys = options.keys.empty() ? scratch / "keys" : std::filesystem::absolute(options.keys);
-        Devkit::Platform platform({scratch, logs, keys, !options.withoutNamespace}, supervisor);
-        status = runPlatform(platform, options);
+        Devkit::Platform platform({scratch, logs, keys, !options.withoutNamespace});
+        return runPlatform(platform, options);
     } catch (const Devkit::Interruption& interruption) {
-        status = 128 + interruption.signal;
+        return 128 + interruption.signal;
     } catch (const std::exception& error) {
         std::cerr << "vendara-devkit: " << error.what() << std::endl;
+        return EXIT_FAILURE;
     }
-    return status;
 }
 
-// Waits for the keeper's end. Signals go on to it: it tears the platform down.
-int waitForKeeper(Devkit::Supervisor& supervisor) {
-    int signal = 0;
-    for (;;) {
-        const auto event = supervisor.wait();
-        if (event.kind == Event::Kind::Ended) {
-            if (event.killed) {
-                std::cerr << "vendara-devkit: the platform's keeper was killed\n";
-            }
-            return signal != 0 ? 128 + signal : event.status;
+// Signals go on to the keeper: it tears the platform down.
+int waitForKeeper(pid_t keeper, const sigset_t& signals) {
+    for (int signal = 0;;) {
+        const int received = sigwaitinfo(&signals, nullptr);
+        if (received > 0 && received != SIGCHLD) {
+            signal = received;
+            kill(keeper, SIGTERM);
         }
-        signal = event.status;
-        supervisor.stop("keeper");
+        int status = 0;
+        for (pid_t process = 0; (process = waitpid(-1, &status, WNOHANG)) > 0;) {
+            if (process == keeper) {
+                if (WIFSIGNALED(status)) {
+                    std::cerr << "vendara-devkit: the keeper of the platform was killed\n";
+                }
+                return signal != 0 ? 128 + signal : Common::exitStatusOf(status);
+            }
+        }
     }
 }
 
-// Two processes look after the platform, so that one of them is there to clean up when the other is killed.
+// Two processes look after the platform, so that one of them can clean up when the other is killed.
 int guard(const Options& options) {
-    const Scratch scratch;
-    Devkit::Supervisor supervisor;
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP}) {
+        sigaddset(&signals, signal);
+    }
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    Devkit::adoptDescendants();
+    const Common::TemporaryDirectory scratch(scratchParent(), "vendara-devkit");
     const pid_t own = getpid();
-    const pid_t keeper = Devkit::checked(fork(), "couldn't create a process");
+    const pid_t keeper = fork();
+    if (keeper < 0) {
+        throw Common::filesystemError("couldn't create a process");
+    }
     if (keeper == 0) {
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         const int status = getppid() == own ? keep(scratch.path(), options) : EXIT_FAILURE;
-        scratch.remove();
+        if (getppid() != own) {
+            Common::guarded("couldn't clean up", [&] { Common::removeTree(scratch.path()); });
+        }
         _exit(status);
     }
-    supervisor.adopt("keeper", keeper);
-    const int status = waitForKeeper(supervisor);
-    for (const pid_t process : supervisor.stopAll()) {
+    const int status = waitForKeeper(keeper, signals);
+    for (const pid_t process : Devkit::killDescendants()) {
         std::cerr << "vendara-devkit: process " << process << " belongs to another user and is left behind\n";
     }
     return status;
@@ -176,7 +144,7 @@ int main(int argc, char** argv) {
         "After \"--\" comes a command to run in it. Without one it prints the variables that clients "
         "need and runs until Ctrl-C.",
         "vendara-devkit");
-    // Not the parser's: it would take arguments in brackets apart.
+    // The parser would split arguments in brackets.
     char** const end = argv + argc;
     char** const separator = std::find(argv, end, std::string_view("--"));
     Options options;
