@@ -1,7 +1,7 @@
 #include "bench/Chain.h"
 
 #include "common/Names.h"
-#include "common/WireTypes.h"
+#include "common/bus/WireTypes.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 

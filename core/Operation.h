@@ -1,8 +1,8 @@
 #pragma once
 
 #include "common/Error.h"
-#include "common/WireTypes.h"
 #include "common/bus/CallerIdentity.h"
+#include "common/bus/WireTypes.h"
 
 #include <cstdint>
 #include <functional>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "common/WireTypes.h"
 #include "common/bus/RemoteObject.h"
 #include "common/bus/SignalSource.h"
+#include "common/bus/WireTypes.h"
 
 #include <functional>
 #include <memory>

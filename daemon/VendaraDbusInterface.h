@@ -1,8 +1,8 @@
 #pragma once
 
-#include "common/WireTypes.h"
 #include "common/bus/CallerIdentity.h"
 #include "common/bus/Lanes.h"
+#include "common/bus/WireTypes.h"
 #include "core/Controller.h"
 #include "daemon/StatusAnnouncer.h"
 #include "daemon/Vendara_adaptor.h"

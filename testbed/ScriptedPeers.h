@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/WireTypes.h"
+#include "common/bus/WireTypes.h"
 #include "testbed/BusPeer.h"
 
 #include <sdbus-c++/sdbus-c++.h>

@@ -1,11 +1,11 @@
 #include "common/rpm/GzipStream.h"
 
 #include "common/Files.h"
-#include "common/StartThread.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <sys/socket.h>
+#include <system_error>
 
 namespace Common::Rpm {
 
@@ -22,10 +22,14 @@ GzipStream::GzipStream(int file)
     writeEnd_ = UniqueFd(ends[1]);
     isal_inflate_init(&state_);
     state_.crc_flag = ISAL_GZIP;
-    thread_ = startThread([this] {
-        run();
-        shutdown(writeEnd_.get(), SHUT_WR);
-    });
+    try {
+        thread_ = std::thread([this] {
+            run();
+            shutdown(writeEnd_.get(), SHUT_WR);
+        });
+    } catch (const std::system_error& error) {
+        throw Error(ErrorCode::Internal, std::string("couldn't start a thread: ") + error.what());
+    }
 }
 
 int GzipStream::stop() {

@@ -1,4 +1,3 @@
-#include "common/BusClient.h"
 #include "common/Error.h"
 #include "common/Names.h"
 #include "devkit/zul-service/ProcessScan.h"
@@ -7,6 +6,7 @@
 #include "testbed/WaitUntil.h"
 
 #include <gmock/gmock.h>
+#include <sdbus-c++/sdbus-c++.h>
 
 #include <atomic>
 #include <csignal>
@@ -25,9 +25,10 @@ using Map = std::map<std::string, sdbus::Variant>;
 constexpr std::chrono::seconds limit(30);
 
 template<typename... Arguments>
-std::string errorOf(Common::BusClient& client, const std::string& method, const Arguments&... arguments) {
+std::string errorOf(sdbus::IProxy& proxy, const std::string& interface, const std::string& method,
+                    const Arguments&... arguments) {
     try {
-        client.call(method, limit, arguments...);
+        proxy.callMethod(method).onInterface(interface).withTimeout(limit).withArguments(arguments...);
         return {};
     } catch (const sdbus::Error& error) {
         return error.getName();
@@ -66,7 +67,9 @@ protected:
         }
         Peers::start(command, "--system", Zul::service);
         command_ = command;
-        client_.start({{Zul::packageUpgraded, [this](sdbus::Signal&) { upgraded_ = true; }}});
+        client_->registerSignalHandler(Zul::interface, Zul::packageUpgraded,
+                                       [this](sdbus::Signal&) { upgraded_ = true; });
+        client_->finishRegistration();
     }
 
     fs::path package(PackageSpec spec, const std::string& signer = "developer", std::size_t size = 10) {
@@ -79,12 +82,54 @@ protected:
         return file;
     }
 
-    std::string install(const fs::path& file) { return errorOf(client_, Zul::install, file.native(), Map()); }
+    std::string install(const fs::path& file) {
+        return errorOf(*client_, Zul::interface, Zul::install, file.native(), Map());
+    }
+    Packages list() {
+        Packages packages;
+        client_->callMethod(Zul::getPackageList).onInterface(Zul::interface).storeResultsTo(packages);
+        return packages;
+    }
     fs::path current() { return fs::read_symlink(directory_ / "db/app/com.example.app/current").filename(); }
 
     std::vector<std::string> command_;
     std::atomic<bool> upgraded_ = false;
-    Common::BusClient client_{{Common::Bus::System, Zul::service, Zul::objectPath, Zul::interface}};
+    std::unique_ptr<sdbus::IProxy> client_ =
+        sdbus::createProxy(sdbus::createSystemBusConnection(), Zul::service, Zul::objectPath);
+};
+
+class TheRuntimeManager : public Peers {
+protected:
+    /// @param script  the program "app"
+    void start(const std::string& script, const std::string& exec, const std::string& patience) {
+        writeFile(directory_ / "usr/bin/app", script);
+        fs::permissions(directory_ / "usr/bin/app", fs::perms::owner_all);
+        writeEntry("app", exec);
+        ASSERT_EQ(run({"mkfifo", directory_ / "fifo"}).status, 0);
+        const std::string program = PROGRAMS "runtime-manager";
+        Peers::start({"env", "-C", directory_, program, "--system-root", directory_, "--patience", patience},
+                     "--session", RuntimeManager::service);
+    }
+    void writeEntry(const std::string& id, const std::string& exec) const {
+        writeFile(directory_ / "usr/share/applications" / (id + ".desktop"),
+                  "[Desktop Entry]\nType=Application\nName=My App\nExec=" + exec + "\n");
+    }
+    static Map hintsFor(const std::string& id) {
+        return {{RuntimeManager::preferredHandler, sdbus::Variant(id)}};
+    }
+    std::string startApplication(const std::string& id) {
+        return errorOf(*intents_, RuntimeManager::intentsInterface, RuntimeManager::invokeIntent,
+                       RuntimeManager::startIntent, hintsFor(id), Map());
+    }
+    std::string terminateApplication() {
+        return errorOf(*control_, RuntimeManager::controlInterface, RuntimeManager::terminate,
+                       std::string("app"));
+    }
+
+    std::unique_ptr<sdbus::IProxy> control_ = sdbus::createProxy(
+        sdbus::createSessionBusConnection(), RuntimeManager::service, RuntimeManager::controlPath);
+    std::unique_ptr<sdbus::IProxy> intents_ = sdbus::createProxy(
+        sdbus::createSessionBusConnection(), RuntimeManager::service, RuntimeManager::intentsPath);
 };
 
 } // namespace
@@ -103,7 +148,7 @@ TEST_F(ThePackageManager, RefusesByTheNameOfTheReasonAndKeepsEverything) {
     for (const auto& [file, code] : refusals) {
         EXPECT_EQ(install(file), Common::errorNameOf(code)) << file << service_->output();
     }
-    EXPECT_EQ(errorOf(client_, Zul::remove, std::string("none")),
+    EXPECT_EQ(errorOf(*client_, Zul::interface, Zul::remove, std::string("none")),
               Common::errorNameOf(ErrorCode::PackageNotExist));
     EXPECT_EQ(digestOfTree(directory_ / "db"), before);
 }
@@ -172,17 +217,11 @@ TEST_F(ThePackageManager, ListsNoPackageThatIsGoneFromTheDisk) {
     start();
     const auto file = package({.version = "1.0"});
     ASSERT_EQ(install(file), "");
-    const auto listed = [this] {
-        Packages packages;
-        auto reply = client_.call(Zul::getPackageList, limit);
-        reply >> packages;
-        return packages.size();
-    };
-    EXPECT_EQ(listed(), 1U);
+    EXPECT_EQ(list().size(), 1U);
     fs::remove(directory_ / "db/app/com.example.app/current");
-    EXPECT_EQ(listed(), 0U);
+    EXPECT_EQ(list().size(), 0U);
     EXPECT_EQ(install(file), "");
-    EXPECT_EQ(listed(), 1U);
+    EXPECT_EQ(list().size(), 1U);
 }
 
 TEST_F(ThePackageManager, ListsPackagesWhileItInstallsAndReportsAFullDisk) {
@@ -191,111 +230,79 @@ TEST_F(ThePackageManager, ListsPackagesWhileItInstallsAndReportsAFullDisk) {
     }
     const std::string onSmallDisk = "mount -t tmpfs -o size=4m none \"$0\" && exec \"$@\"";
     start({"unshare", "-m", "sh", "-c", onSmallDisk, directory_ / "db"});
-    const auto proxy = sdbus::createProxy(sdbus::createSystemBusConnection(), Zul::service, Zul::objectPath);
     std::atomic<bool> answered = false;
     std::string error;
-    proxy->callMethodAsync(Zul::install)
+    client_->callMethodAsync(Zul::install)
         .onInterface(Zul::interface)
         .withArguments(package({.version = "1.0"}, "developer", 20'000'000).native(), Map())
         .uponReplyInvoke([&](const sdbus::Error* failure) {
             error = failure != nullptr ? failure->getName() : "";
             answered = true;
         });
-    Packages packages;
-    proxy->callMethod(Zul::getPackageList).onInterface(Zul::interface).storeResultsTo(packages);
+    EXPECT_TRUE(list().empty());
     EXPECT_FALSE(answered);
     ASSERT_TRUE(waitUntil([&] { return answered.load(); }));
     EXPECT_EQ(error, Common::errorNameOf(ErrorCode::Filesystem)) << service_->output();
 }
 
-TEST_F(Peers, StartAnApplicationWhoseEndIsStillQueued) {
-    writeFile(directory_ / "usr/bin/app", "#!/bin/sh\necho \"pid $$\"\ntrap : TERM\n"
-                                          "while :; do read line <>fifo; done\n");
-    fs::permissions(directory_ / "usr/bin/app", fs::perms::owner_all);
-    writeFile(directory_ / "usr/share/applications/app.desktop",
-              "[Desktop Entry]\nType=Application\nName=App\nExec=app\n");
-    ASSERT_EQ(run({"mkfifo", directory_ / "fifo"}).status, 0);
-    const std::string program = PROGRAMS "runtime-manager";
-    start({"env", "-C", directory_, program, "--system-root", directory_, "--patience", "60000"}, "--session",
-          RuntimeManager::service);
+TEST_F(TheRuntimeManager, StartsAnApplicationWhoseEndIsStillQueued) {
+    start("#!/bin/sh\necho \"pid $$\"\ntrap : TERM\nwhile :; do read line <>fifo; done\n", "app", "60000");
     const auto lastProcess = [this] {
         const auto output = service_->output();
         const auto found = output.rfind("pid ");
         return found == output.npos ? 0 : std::atoi(output.c_str() + found + 4);
     };
-    Common::BusClient control({Common::Bus::Session, RuntimeManager::service, RuntimeManager::controlPath,
-                               RuntimeManager::controlInterface});
-    control.start();
-    const auto intents = sdbus::createProxy(sdbus::createSessionBusConnection(), RuntimeManager::service,
-                                            RuntimeManager::intentsPath);
-    const Map hints{{RuntimeManager::preferredHandler, sdbus::Variant(std::string("app"))}};
     std::atomic<int> answers = 0;
-    const auto askForStart = [&] {
-        intents->callMethodAsync(RuntimeManager::invokeIntent)
+    const auto requestStart = [&] {
+        intents_->callMethodAsync(RuntimeManager::invokeIntent)
             .onInterface(RuntimeManager::intentsInterface)
-            .withArguments(RuntimeManager::startIntent, hints, Map())
+            .withArguments(RuntimeManager::startIntent, hintsFor("app"), Map())
             .uponReplyInvoke([&](const sdbus::Error* error) {
                 EXPECT_EQ(error, nullptr);
                 ++answers;
             });
     };
-    askForStart();
+    requestStart();
     // Which of the two the stalled program notices first is left to chance.
     pid_t process = 0;
     for (int round = 1; round <= 5; ++round) {
         ASSERT_TRUE(waitUntil([&] { return answers == round && lastProcess() != process; }));
         process = lastProcess();
-        control.call(RuntimeManager::terminate, limit, std::string("app"));
+        EXPECT_EQ(terminateApplication(), "");
         service_->signal(SIGSTOP);
         kill(process, SIGKILL);
         const auto status = "/proc/" + std::to_string(process) + "/stat";
         ASSERT_TRUE(waitUntil([&] { return readFile(status).find(") Z ") != std::string::npos; }));
-        askForStart();
+        requestStart();
         service_->signal(SIGCONT);
         ASSERT_TRUE(waitUntil([&] { return answers == round + 1 && lastProcess() != process; }))
             << service_->output();
     }
 }
 
-TEST_F(Peers, TellTheEndOfAnApplicationThatDoesNotEndPolitely) {
-    writeFile(directory_ / "usr/bin/app",
-              "#!/bin/sh\ntrap : TERM\nprintf '<%s>' \"$@\"\nread line <>fifo\nread line <>fifo\n");
-    fs::permissions(directory_ / "usr/bin/app", fs::perms::owner_all);
-    writeFile(directory_ / "usr/share/applications/app.desktop",
-              "[Desktop Entry]\nType=Application\nName=My App\nExec=app \"a \\\\$b\" %F %c 100%%\n");
-    ASSERT_EQ(run({"mkfifo", directory_ / "fifo"}).status, 0);
-    const std::string program = PROGRAMS "runtime-manager";
-    start({"env", "-C", directory_, program, "--system-root", directory_, "--patience", "100"}, "--session",
-          RuntimeManager::service);
+TEST_F(TheRuntimeManager, ReportsTheEndOfAnApplicationThatIgnoresSigtermAndRefusesBadEntries) {
+    start("#!/bin/sh\ntrap : TERM\nprintf '<%s>' \"$@\"\nread line <>fifo\nread line <>fifo\n",
+          "app \"a \\\\$b\" %F %c 100%%", "100");
     std::atomic<int> ends = 0;
-    Common::BusClient control({Common::Bus::Session, RuntimeManager::service, RuntimeManager::controlPath,
-                               RuntimeManager::controlInterface});
-    control.start({{RuntimeManager::terminated, [&](sdbus::Signal&) { ++ends; }}});
-    Common::BusClient intents({Common::Bus::Session, RuntimeManager::service, RuntimeManager::intentsPath,
-                               RuntimeManager::intentsInterface});
-    intents.start();
-    const Map hints{{RuntimeManager::preferredHandler, sdbus::Variant(std::string("app"))}};
+    control_->registerSignalHandler(RuntimeManager::controlInterface, RuntimeManager::terminated,
+                                    [&](sdbus::Signal&) { ++ends; });
+    control_->finishRegistration();
     const std::string arguments = "<a $b><My App><100%>";
     for (const int round : {1, 2}) {
-        intents.call(RuntimeManager::invokeIntent, limit, RuntimeManager::startIntent, hints, Map());
+        EXPECT_EQ(startApplication("app"), "");
         EXPECT_TRUE(waitUntil([&] {
             const auto output = service_->output();
             return output.find(arguments) != output.npos &&
                    (round == 1 || output.rfind(arguments) != output.find(arguments));
         })) << service_->output();
-        control.call(RuntimeManager::terminate, limit, std::string("app"));
+        EXPECT_EQ(terminateApplication(), "");
         EXPECT_TRUE(waitUntil([&] { return ends == round; })) << service_->output();
     }
-    EXPECT_NE(errorOf(control, RuntimeManager::terminate, std::string("app")), "");
-    // Whatever is wrong with an entry, there is an answer, and nothing is started outside of the system.
-    const Map oddHints{{RuntimeManager::preferredHandler, sdbus::Variant(std::string("odd"))}};
+    EXPECT_NE(terminateApplication(), "");
+    // Every wrong entry gets an error reply, and nothing outside of the system root is started.
     for (const auto* exec : {"app %\u00e9", "./\ufffe", "/../../bin/true"}) {
-        writeFile(directory_ / "usr/share/applications/odd.desktop",
-                  std::string("[Desktop Entry]\nType=Application\nName=Odd\nExec=") + exec + "\n");
-        EXPECT_EQ(
-            errorOf(intents, RuntimeManager::invokeIntent, RuntimeManager::startIntent, oddHints, Map()),
-            RuntimeManager::service + ".Error.Failed")
-            << exec;
+        writeEntry("odd", exec);
+        EXPECT_EQ(startApplication("odd"), RuntimeManager::service + ".Error.Failed") << exec;
     }
     EXPECT_THAT(service_->output(), testing::HasSubstr("ended by signal 9"));
 }

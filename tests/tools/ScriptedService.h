@@ -1,7 +1,7 @@
 #pragma once
 
 #include "common/Names.h"
-#include "common/WireTypes.h"
+#include "common/bus/WireTypes.h"
 #include "testbed/BusPeer.h"
 
 #include <atomic>

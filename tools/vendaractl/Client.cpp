@@ -1,7 +1,7 @@
 #include "tools/vendaractl/Client.h"
 
 #include "common/Names.h"
-#include "common/WireTypes.h"
+#include "common/bus/WireTypes.h"
 #include "common/bus/RemoteObject.h"
 #include "common/bus/SignalSource.h"
 
