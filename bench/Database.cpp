@@ -5,6 +5,7 @@
 #include "core/zul/Database.h"
 
 #include "common/TemporaryDirectory.h"
+#include "core/zul/Record.h"
 
 #include <algorithm>
 #include <chrono>

@@ -91,9 +91,6 @@ inline const std::string certificateSubgroup = "certificate.subgroup";
 namespace Files {
 inline const std::string rpmPlatform = "/etc/rpm/platform";
 inline const std::string osRelease = "/etc/os-release";
-inline const std::string zulConfiguration = "/etc/zul/zul.conf";
-inline const std::string packageAuthority = "/etc/keys/packages/ca.pem";
-inline const std::string systemDeveloperKeyId = "/etc/keys/packages/system-developer-keyid";
 } // namespace Files
 
 } // namespace Common::Names

@@ -5,6 +5,9 @@
 #include "common/LogLine.h"
 #include "core/zul/Edge.h"
 #include "core/zul/Events.h"
+#include "core/zul/PackageDirectory.h"
+#include "core/zul/Record.h"
+#include "core/zul/mapping/Mappings.h"
 
 namespace Core::ZUL {
 
@@ -26,9 +29,13 @@ void removeUnexpected(const fs::path& entry) {
 
 } // namespace
 
+Database::Database(const fs::path& configuration)
+    : DatabaseLocation(configuration)
+    , mappings_(std::make_shared<const Mappings>("/")) {}
+
 Database::Database(const fs::path& root, const fs::path& temp, const fs::path& systemRoot)
     : DatabaseLocation(root, temp)
-    , mappings_(wholePath(systemRoot)) {}
+    , mappings_(std::make_shared<const Mappings>(wholePath(systemRoot))) {}
 
 PackageDirectory Database::directoryOf(const std::string& packageId) const {
     return PackageDirectory(rootDirectory() / directoryName(packageId));
@@ -149,7 +156,7 @@ MappingList Database::removeMappingsOf(const PackageDirectory& directory, const 
     MappingList left;
     for (const auto& holder : directory.listHolders()) {
         // Most of what other versions list is gone or was never made.
-        if (const auto leftOfThis = mappings_.removeMappings(holder, holder != directory.current())) {
+        if (const auto leftOfThis = mappings_->removeMappings(holder, holder != directory.current())) {
             left = mergedMappingList(std::move(left), *leftOfThis);
         } else {
             Common::logWarning() << message << "couldn't find package symlink list";
@@ -162,7 +169,7 @@ MappingList Database::removeMappingsOf(const PackageDirectory& directory, const 
 void Database::removeAll(const PackageDirectory& directory, bool isUnmapped) const {
     if (isUnmapped || !directory.isReal()) {
         // Mappings that came back with the power would have no list any more.
-        mappings_.flush();
+        mappings_->flush();
         directory.remove();
     } else {
         directory.removeLinks();

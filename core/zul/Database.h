@@ -1,18 +1,20 @@
 #pragma once
 
 #include "core/zul/DatabaseLocation.h"
-#include "core/zul/PackageDirectory.h"
-#include "core/zul/PackageIdentity.h"
-#include "core/zul/Record.h"
-#include "core/zul/mapping/Mappings.h"
+#include "core/zul/package/Package.h"
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace Core::ZUL {
+
+class Mappings;
+class PackageDirectory;
+struct MappingPlan;
 
 /// The on-disk database of installed packages.
 ///
@@ -35,14 +37,14 @@ namespace Core::ZUL {
 class Database : public DatabaseLocation {
 public:
     /// Takes the directories from the configuration file; see DatabaseLocation.
-    using DatabaseLocation::DatabaseLocation;
+    explicit Database(const std::filesystem::path& configuration = configurationFile);
 
     /// Takes the directories as given, for images and tests.
     /// @param systemRoot  the directory that stands for "/" in every mapping's path. Mapping lists and
     ///                    messages name mappings as the running system will see them, without it. The links'
     ///                    targets are paths below `root` as it is given here, made absolute.
     Database(const std::filesystem::path& root, const std::filesystem::path& temp,
-             const std::filesystem::path& systemRoot);
+             const std::filesystem::path& systemRoot = "/");
 
     /// The directory of an installed package. Throws PackageNotExist; CorruptedInstalledPackage, after
     /// removing the package, when its "current" leads nowhere.
@@ -79,6 +81,16 @@ public:
     ///                 "certificate.subgroup" among them
     void install(const PackageIdentity& package, const PackageData& entries,
                  const std::filesystem::path& extracted);
+
+    /// Installs a validated package file or, when a version of the package is installed, prepares the
+    /// upgrade: what has to be checked is checked before anything is unpacked. The record gets the
+    /// developer's key identifier as "certificate.id", and "system" or "developer" as "certificate.subgroup".
+    /// Throws as checkUpgrade(), Package::extract(), prepareUpgrade() and install().
+    /// @param file        as Package::extract() takes it
+    /// @param attributes  as Package::extract() takes it
+    /// @return whether an upgrade is prepared, which completeUpgrade() puts into service
+    bool installFile(const Package& package, const std::filesystem::path& file,
+                     const AttributeWriter& attributes = attachAttribute);
 
     /// Puts a higher version beside the installed one, which stays in service. Replaces an upgrade prepared
     /// before. Throws as checkUpgrade() and install().
@@ -126,15 +138,17 @@ private:
     [[nodiscard]] PackageData readInstalled(const PackageDirectory& directory);
     MappingPlan stage(const PackageIdentity& package, const PackageData& entries,
                       const std::filesystem::path& extracted) const;
+    void placeNext(const PackageIdentity& package, const PackageData& entries,
+                   const std::filesystem::path& extracted);
     void requireHigher(const PackageIdentity& package, const PackageDirectory& directory);
-    [[nodiscard]] MappingList removeMappingsOf(const PackageDirectory& directory,
-                                               const std::string& message) const;
+    [[nodiscard]] std::vector<std::string> removeMappingsOf(const PackageDirectory& directory,
+                                                            const std::string& message) const;
     void removeAll(const PackageDirectory& directory, bool isUnmapped) const;
     void putBack(const PackageDirectory& directory) noexcept;
     void removeTempDirectory() const;
     void recoverPackage(const PackageDirectory& directory, std::vector<std::string>& completed);
 
-    Mappings mappings_{"/"};
+    std::shared_ptr<const Mappings> mappings_;
 };
 
 } // namespace Core::ZUL

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "common/Names.h"
-
 #include <filesystem>
 #include <string>
 
@@ -11,11 +9,12 @@ namespace Core::ZUL {
 /// value; any thread.
 class DatabaseLocation {
 public:
+    static constexpr const char* configurationFile = "/etc/zul/zul.conf";
+
     /// Takes the directories from the configuration file, read afresh; never fails because of it. For what is
     /// absent, or a file that cannot be read or parsed, the defaults are used, "/opt/app" and "/opt/zul/tmp".
     /// @param configuration  INI file, section "database", keys "root_directory" and "temp_directory"
-    explicit DatabaseLocation(
-        const std::filesystem::path& configuration = Common::Names::Files::zulConfiguration);
+    explicit DatabaseLocation(const std::filesystem::path& configuration = configurationFile);
 
     /// Takes the directories as given, made absolute from the working directory.
     DatabaseLocation(const std::filesystem::path& root, const std::filesystem::path& temp);

@@ -1,11 +1,16 @@
 #include "common/Files.h"
 #include "common/Guard.h"
 #include "common/LogLine.h"
+#include "common/Names.h"
+#include "common/TemporaryDirectory.h"
 #include "common/rpm/Version.h"
 #include "core/zul/Database.h"
 #include "core/zul/Edge.h"
 #include "core/zul/Events.h"
+#include "core/zul/PackageDirectory.h"
+#include "core/zul/Record.h"
 #include "core/zul/mapping/MappingPlan.h"
+#include "core/zul/mapping/Mappings.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -16,6 +21,7 @@
 namespace Core::ZUL {
 
 namespace fs = std::filesystem;
+namespace Keys = Common::Names::PackageKeys;
 using Common::Error;
 using Common::ErrorCode;
 using Common::quoted;
@@ -82,8 +88,8 @@ void Database::install(const PackageIdentity& package, const PackageData& entrie
         }
         Common::flushDirectory(directory.path());
         Common::flushDirectory(rootDirectory());
-        mappings_.createMappings(plan, directory.current());
-        mappings_.flush();
+        mappings_->createMappings(plan, directory.current());
+        mappings_->flush();
     } catch (...) {
         cleanupCorruptedPackage(directory.path());
         throw;
@@ -135,6 +141,13 @@ void Database::requireHigher(const PackageIdentity& package, const PackageDirect
 void Database::prepareUpgrade(const PackageIdentity& package, const PackageData& entries,
                               const fs::path& extracted) try {
     checkUpgrade(package);
+    placeNext(package, entries, extracted);
+} catch (...) {
+    throwAsError();
+}
+
+void Database::placeNext(const PackageIdentity& package, const PackageData& entries,
+                         const fs::path& extracted) {
     static_cast<void>(stage(package, entries, extracted));
     const auto version = moveToVersionedDirectory(package, extracted);
     const PackageDirectory directory(version.parent_path());
@@ -145,6 +158,30 @@ void Database::prepareUpgrade(const PackageIdentity& package, const PackageData&
         throw Error(ErrorCode::Filesystem, "couldn't create next directory: " + directory.next().native());
     }
     Common::flushDirectory(directory.path());
+}
+
+bool Database::installFile(const Package& package, const fs::path& file,
+                           const AttributeWriter& attributes) try {
+    const bool isUpgrade = [&] {
+        try {
+            checkUpgrade(package);
+            return true;
+        } catch (const Error& error) {
+            // A damaged package is gone with this look at it.
+            if (error.code() != ErrorCode::PackageNotExist &&
+                error.code() != ErrorCode::CorruptedInstalledPackage) {
+                throw;
+            }
+            return false;
+        }
+    }();
+    const Common::TemporaryDirectory extracted(tempDirectory(), "package");
+    package.extract(file, extracted.path(), attributes);
+    const PackageData entries{
+        {Keys::certificateId, package.developerKeyId()},
+        {Keys::certificateSubgroup, package.isSystemDeveloper() ? "system" : "developer"}};
+    isUpgrade ? placeNext(package, entries, extracted.path()) : install(package, entries, extracted.path());
+    return isUpgrade;
 } catch (...) {
     throwAsError();
 }
@@ -180,8 +217,8 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
     }
     try {
         Common::flushDirectory(directory.path());
-        mappings_.createMappings(plan, directory.current());
-        mappings_.flush();
+        mappings_->createMappings(plan, directory.current());
+        mappings_->flush();
     } catch (...) {
         putBack(directory);
         throw;

@@ -4,7 +4,10 @@
 #include "core/zul/Database.h"
 #include "core/zul/Edge.h"
 #include "core/zul/Events.h"
+#include "core/zul/PackageDirectory.h"
+#include "core/zul/Record.h"
 #include "core/zul/mapping/MappingPlan.h"
+#include "core/zul/mapping/Mappings.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -114,8 +117,8 @@ void Database::refreshMappings(const std::string& packageId) try {
     const PackageIdentity package(packageId, data.at(Common::Names::PackageKeys::version),
                                   valueOf(data, Common::Names::PackageKeys::orgName),
                                   valueOf(data, Common::Names::PackageKeys::appName));
-    mappings_.refreshMappings(planMappings(package, directory.current()), directory.current());
-    mappings_.flush();
+    mappings_->refreshMappings(planMappings(package, directory.current()), directory.current());
+    mappings_->flush();
 } catch (...) {
     throwAsError();
 }

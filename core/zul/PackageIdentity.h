@@ -1,9 +1,13 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 
 namespace Core::ZUL {
+
+/// What a package record holds: dotted key ("section.key") to value, in byte order of the keys.
+using PackageData = std::map<std::string, std::string>;
 
 /// Which version of which package: an immutable value whose names can all be parts of paths and bus texts.
 /// Any thread.

@@ -3,13 +3,9 @@
 #include "core/zul/PackageIdentity.h"
 
 #include <filesystem>
-#include <map>
 #include <string>
 
 namespace Core::ZUL {
-
-/// What a package record holds: dotted key ("section.key") to value, in byte order of the keys.
-using PackageData = std::map<std::string, std::string>;
 
 /// Name of the record in a version directory: an INI file as Boost.PropertyTree reads and writes it.
 inline const std::string recordName = "quenra.pkg";

@@ -4,7 +4,7 @@
 #include "common/Guard.h"
 #include "common/Names.h"
 #include "common/bus/PrivateBus.h"
-#include "core/zul/package/AttributeWriter.h"
+#include "core/zul/package/Package.h"
 #include "devkit/start/Descendants.h"
 #include "devkit/support/Programs.h"
 

@@ -6,11 +6,10 @@
 #include "common/Guard.h"
 #include "common/LogLine.h"
 #include "common/Names.h"
+#include "core/zul/Record.h"
 #include "devkit/zul-service/ProcessScan.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 
 namespace Devkit {
 
@@ -20,34 +19,6 @@ using Core::ZUL::Package;
 using Core::ZUL::PackageData;
 
 namespace {
-
-/// A fresh directory for one extraction. Removed, with what is left in it, when the object ends.
-class ExtractionDirectory {
-public:
-    explicit ExtractionDirectory(const std::filesystem::path& parent) {
-        std::filesystem::create_directories(parent);
-        auto name = (parent / "package-XXXXXX").native();
-        if (mkdtemp(name.data()) == nullptr) {
-            throw Common::filesystemError("couldn't create " + Common::quoted(name));
-        }
-        path_ = name;
-    }
-    ~ExtractionDirectory() {
-        Common::guarded("couldn't remove an extraction directory", [this] { Common::removeTree(path_); });
-    }
-    ExtractionDirectory(const ExtractionDirectory&) = delete;
-    ExtractionDirectory& operator=(const ExtractionDirectory&) = delete;
-
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
-
-PackageData recordEntries(const Package& package) {
-    return {{Keys::certificateId, package.developerCms().certificate().keyId()},
-            {Keys::certificateSubgroup, package.isSystemDeveloper() ? "system" : "developer"}};
-}
 
 bool canTravel(const PackageData& package) {
     return std::all_of(package.begin(), package.end(), [](const auto& entry) {
@@ -76,21 +47,12 @@ PackageManager::Installed PackageManager::install(const std::filesystem::path& p
         throw Common::Error(ErrorCode::FileNotFound,
                             "the package file's path is not absolute: " + Common::quoted(packageFile));
     }
-    auto package = Package::fromFile(packageFile, settings_.authorities);
+    const auto package = Package::fromFile(packageFile, settings_.authorities);
     requireArchitecture(package);
-    const bool upgrade = isInstalled(package.id());
+    const bool upgrade = database_.installFile(package, packageFile, settings_.attributes);
     if (upgrade) {
-        // Also checked by the preparation, but nothing has to be unpacked for a refusal.
-        database_.checkUpgrade(package);
-    }
-    const ExtractionDirectory extracted(database_.tempDirectory());
-    package.extract(packageFile, extracted.path(), settings_.attributes);
-    if (upgrade) {
-        database_.prepareUpgrade(package, recordEntries(package), extracted.path());
         // Without its file, whose writers would have to wait until the upgrade is complete.
         prepared_.insert_or_assign(package.id(), static_cast<const Core::ZUL::PackageIdentity&>(package));
-    } else {
-        database_.install(package, recordEntries(package), extracted.path());
     }
     Common::logInfo() << (upgrade ? "prepared the upgrade of " : "installed ") << package.id()
                       << " to version " << package.version();
@@ -141,20 +103,6 @@ void PackageManager::requireArchitecture(const Package& package) const {
         throw Common::Error(ErrorCode::BadPackageArchitecture, "package " + package.id() + " is built for " +
                                                                    package.architecture() + ", not for " +
                                                                    settings_.architecture);
-    }
-}
-
-// A package that turns out to be damaged is gone with the look at it, and can be installed afresh.
-bool PackageManager::isInstalled(const std::string& id) {
-    try {
-        static_cast<void>(database_.packageDirectory(id));
-        return true;
-    } catch (const Common::Error& error) {
-        if (error.code() != ErrorCode::PackageNotExist &&
-            error.code() != ErrorCode::CorruptedInstalledPackage) {
-            throw;
-        }
-        return false;
     }
 }
 

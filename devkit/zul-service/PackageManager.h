@@ -1,7 +1,6 @@
 #pragma once
 
 #include "core/zul/Database.h"
-#include "core/zul/package/Package.h"
 
 #include <filesystem>
 #include <map>
@@ -61,7 +60,6 @@ public:
 
 private:
     void requireArchitecture(const Core::ZUL::Package& package) const;
-    [[nodiscard]] bool isInstalled(const std::string& id);
 
     Core::ZUL::Database database_;
     Settings settings_;

@@ -12,9 +12,9 @@
 namespace {
 
 struct Options {
-    std::string configuration = Common::Names::Files::zulConfiguration;
+    std::string configuration = Core::ZUL::DatabaseLocation::configurationFile;
     std::string systemRoot = "/";
-    std::string keys = std::filesystem::path(Common::Names::Files::packageAuthority).parent_path();
+    std::string keys = Core::ZUL::Authorities().certificates.parent_path();
     std::string architecture;
     int retryDelay = 10000;
     bool withoutSecurityAttributes = false;
@@ -25,13 +25,13 @@ int attachOrdinaryAttribute(int file, const std::string& name, const std::string
 }
 
 Devkit::PackageManager makeManager(const Options& options) {
-    const Core::ZUL::Database configured(options.configuration);
+    const Core::ZUL::DatabaseLocation configured(options.configuration);
     const std::filesystem::path keys = options.keys;
-    const std::filesystem::path authority = Common::Names::Files::packageAuthority;
-    const std::filesystem::path developer = Common::Names::Files::systemDeveloperKeyId;
-    Devkit::PackageManager::Settings settings{{keys / authority.filename(), keys / developer.filename()},
-                                              Core::ZUL::attachAttribute,
-                                              options.architecture};
+    const Core::ZUL::Authorities ofSystem;
+    Devkit::PackageManager::Settings settings{
+        {keys / ofSystem.certificates.filename(), keys / ofSystem.systemDeveloperKeyId.filename()},
+        Core::ZUL::attachAttribute,
+        options.architecture};
     if (settings.architecture.empty()) {
         settings.architecture = Common::getPlatformArchitecture();
     }

@@ -8,47 +8,18 @@
 
 #include "common/Error.h"
 #include "core/zul/Database.h"
-#include "core/zul/package/Package.h"
 
-#include <cerrno>
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
 namespace fs = std::filesystem;
-using Common::ErrorCode;
 using Core::ZUL::Database;
 using Core::ZUL::Package;
 
 namespace {
-
-/// A fresh directory to unpack one package in. What a refused package leaves there goes with it.
-class Unpacking {
-public:
-    explicit Unpacking(const fs::path& parent) {
-        fs::create_directories(parent);
-        auto name = (parent / "package-XXXXXX").native();
-        if (mkdtemp(name.data()) == nullptr) {
-            throw std::system_error(errno, std::generic_category(), "couldn't create " + name);
-        }
-        path_ = name;
-    }
-    ~Unpacking() {
-        std::error_code ignored; // recovery empties the temporary directory
-        fs::remove_all(path_, ignored);
-    }
-    Unpacking(const Unpacking&) = delete;
-    Unpacking& operator=(const Unpacking&) = delete;
-
-    [[nodiscard]] const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
 
 constexpr const char* usage = "usage: package-manager DIRECTORY [install FILE | remove ID]\n";
 
@@ -88,37 +59,11 @@ void recover(Database& database) {
     }
 }
 
-bool isInstalled(Database& database, const std::string& id) {
-    try {
-        static_cast<void>(database.packageDirectory(id));
-        return true;
-    } catch (const Common::Error& error) {
-        // A damaged package is gone with this look at it.
-        if (error.code() != ErrorCode::PackageNotExist &&
-            error.code() != ErrorCode::CorruptedInstalledPackage) {
-            throw;
-        }
-        return false;
-    }
-}
-
 void install(Database& database, const fs::path& file, const fs::path& system) {
     const auto package = Package::fromFile(file, {system / "ca.pem", system / "system-developer-keyid"});
-    const bool upgrade = isInstalled(database, package.id());
-    if (upgrade) {
-        database.checkUpgrade(package);
-    }
-    const Unpacking unpacked(database.tempDirectory());
-    package.extract(file, unpacked.path());
-    const Core::ZUL::PackageData entries{
-        {"certificate.id", package.developerCms().certificate().keyId()},
-        {"certificate.subgroup", package.isSystemDeveloper() ? "system" : "developer"}};
-    if (upgrade) {
-        database.prepareUpgrade(package, entries, unpacked.path());
+    if (database.installFile(package, file)) {
         // A real one waits here until the application has ended.
         database.completeUpgrade(package);
-    } else {
-        database.install(package, entries, unpacked.path());
     }
 }
 

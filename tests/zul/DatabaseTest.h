@@ -2,6 +2,7 @@
 
 #include "common/Error.h"
 #include "core/zul/Database.h"
+#include "core/zul/Record.h"
 #include "testbed/LogCapture.h"
 #include "testbed/ScratchDirectory.h"
 

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "core/zul/PackageIdentity.h"
-#include "core/zul/package/AttributeWriter.h"
+#include "core/zul/package/Package.h"
 #include "core/zul/package/PackageFile.h"
 #include "platform/signcms/PackageSignatures.h"
 

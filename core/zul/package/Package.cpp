@@ -135,10 +135,10 @@ bool isSystemDeveloperKey(const std::string& keyId, const std::filesystem::path&
 
 } // namespace
 
-Package::Package(PackageIdentity identity, PackageSignatures::Cms developerCms,
+Package::Package(PackageIdentity identity, const PackageSignatures::Cms& developerCms,
                  std::shared_ptr<const PackageFile> file)
     : PackageIdentity(std::move(identity))
-    , developerCms_(std::move(developerCms))
+    , developerCms_(std::make_shared<const PackageSignatures::Cms>(developerCms))
     , file_(std::move(file)) {}
 
 Package Package::fromFile(const std::filesystem::path& file, const Authorities& authorities) try {
@@ -165,7 +165,7 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
         package.sourceSubject_ = signatures.client->certificate().subject();
     }
     package.isSystemDeveloper_ =
-        isSystemDeveloperKey(package.developerCms_.certificate().keyId(), authorities.systemDeveloperKeyId);
+        isSystemDeveloperKey(package.developerKeyId(), authorities.systemDeveloperKeyId);
     // All that was looked at since the header was read came from one and the same file.
     package.file_->requireUnchanged();
     return package;
@@ -173,10 +173,12 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     throwAsError();
 }
 
+const std::string& Package::developerKeyId() const { return developerCms_->certificate().keyId(); }
+
 void Package::extract(const std::filesystem::path& file, const std::filesystem::path& destination,
                       const AttributeWriter& attributes) const try {
     file_->requireSame(file);
-    unpack(*file_, *this, &developerCms_, destination, attributes);
+    unpack(*file_, *this, developerCms_.get(), destination, attributes);
 } catch (...) {
     throwAsError();
 }

@@ -1,25 +1,34 @@
 #pragma once
 
-#include "common/Names.h"
 #include "core/zul/PackageIdentity.h"
-#include "core/zul/package/AttributeWriter.h"
-#include "platform/signcms/PackageSignatures.h"
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
+
+namespace PackageSignatures {
+class Cms;
+} // namespace PackageSignatures
 
 namespace Core::ZUL {
 
 class PackageFile;
+
+/// Attaches an extended attribute to a file that is open for writing.
+/// @return 0, or the errno value that says why not
+using AttributeWriter = std::function<int(int file, const std::string& name, const std::string& value)>;
+
+/// The writer that extraction uses unless it is given another: fsetxattr(2). Any thread.
+[[nodiscard]] int attachAttribute(int file, const std::string& name, const std::string& value);
 
 /// The source key identifier of a package that no client signed.
 inline const std::string noSource = ".no.source.apps";
 
 /// Files that say whom to trust.
 struct Authorities {
-    std::filesystem::path certificates = Common::Names::Files::packageAuthority;             ///< PEM
-    std::filesystem::path systemDeveloperKeyId = Common::Names::Files::systemDeveloperKeyId; ///< one line
+    std::filesystem::path certificates = "/etc/keys/packages/ca.pem";                         ///< PEM
+    std::filesystem::path systemDeveloperKeyId = "/etc/keys/packages/system-developer-keyid"; ///< one line
 };
 
 /// A validated package file that is held open. Copies share the file, which stays open, and keeps writers
@@ -65,7 +74,10 @@ public:
                  const AttributeWriter& attributes = attachAttribute) const;
 
     [[nodiscard]] const std::string& architecture() const { return architecture_; }
-    [[nodiscard]] const PackageSignatures::Cms& developerCms() const { return developerCms_; }
+    /// The developer's signature, a type of the platform's library libsigncms.
+    [[nodiscard]] const PackageSignatures::Cms& developerCms() const { return *developerCms_; }
+    /// Key identifier of the developer's certificate.
+    [[nodiscard]] const std::string& developerKeyId() const;
     /// Key identifier and subject of the client's certificate; without one noSource and nothing.
     [[nodiscard]] const std::string& sourceKeyId() const { return sourceKeyId_; }
     [[nodiscard]] const std::string& sourceSubject() const { return sourceSubject_; }
@@ -73,11 +85,11 @@ public:
     [[nodiscard]] bool isSystemDeveloper() const { return isSystemDeveloper_; }
 
 private:
-    Package(PackageIdentity identity, PackageSignatures::Cms developerCms,
+    Package(PackageIdentity identity, const PackageSignatures::Cms& developerCms,
             std::shared_ptr<const PackageFile> file);
 
     std::string architecture_;
-    PackageSignatures::Cms developerCms_;
+    std::shared_ptr<const PackageSignatures::Cms> developerCms_;
     std::string sourceKeyId_ = noSource;
     std::string sourceSubject_;
     bool isSystemDeveloper_ = false;
