@@ -35,6 +35,7 @@ function(vendara_library name)
     add_library(${name} STATIC ${arg_SOURCES})
     target_include_directories(${name} PUBLIC
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/vendara>)
+    target_compile_features(${name} PUBLIC cxx_std_20)
     target_link_libraries(${name} PUBLIC ${arg_DEPENDS} PRIVATE $<BUILD_INTERFACE:vendara-options> ${arg_PRIVATE})
 endfunction()
 

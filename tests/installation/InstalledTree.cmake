@@ -105,6 +105,18 @@ endif()
 run(${CMAKE_COMMAND} -S ${EXAMPLE} -B ${SCRATCH}/build -D CMAKE_PREFIX_PATH=${tree} -D CMAKE_CXX_COMPILER=${COMPILER}
     ${flags})
 run(${CMAKE_COMMAND} --build ${SCRATCH}/build)
+# The same by pkg-config.
+file(GLOB_RECURSE module ${tree}/vendara-zul.pc)
+cmake_path(GET module PARENT_PATH modules)
+set(ENV{PKG_CONFIG_PATH} ${modules})
+run(pkg-config --cflags --libs vendara-zul)
+separate_arguments(flags UNIX_COMMAND "${output}")
+if(SANITIZE)
+    list(APPEND flags -fsanitize=${SANITIZE})
+endif()
+run(${COMPILER} -std=c++20 ${EXAMPLE}/main.cpp -o ${SCRATCH}/package-manager ${flags} -Wl,-rpath,${modules}/..)
+run(${SCRATCH}/package-manager --help)
+
 set(ENV{HOME} ${SCRATCH})
 set(system ${SCRATCH}/system)
 set(manager ${SCRATCH}/build/package-manager ${system})
