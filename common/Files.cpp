@@ -133,11 +133,13 @@ UniqueFd openRegularFile(const std::filesystem::path& file) noexcept {
     }
     // Without O_NONBLOCK a FIFO would hold us until somebody writes to it.
     UniqueFd fd(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!fd || fstat(fd.get(), &status) != 0 || S_ISREG(status.st_mode)) {
+    const bool isKnown = fd && fstat(fd.get(), &status) == 0;
+    if (!fd || (isKnown && S_ISREG(status.st_mode))) {
         return fd;
     }
+    const int error = !isKnown ? errno : S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     fd = UniqueFd();
-    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    errno = error;
     return fd;
 }
 

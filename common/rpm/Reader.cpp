@@ -10,8 +10,6 @@
 #include <rpm/rpmtd.h>
 
 #include <cerrno>
-#include <fcntl.h>
-#include <sys/stat.h>
 
 namespace Common::Rpm {
 
@@ -46,16 +44,11 @@ rpmRC readHeader(const Transaction& transaction, FD_t file, const std::string& p
 } // namespace
 
 UniqueFd openPackageFile(const std::string& path) {
-    // The descriptor is checked, not the path, and O_NONBLOCK keeps a FIFO from waiting for its writer.
-    UniqueFd descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    auto descriptor = openRegularFile(path);
     if (!descriptor && isPassing(errno)) {
         throw filesystemError("couldn't open rpm package");
     }
-    struct stat status {};
-    if (descriptor && fstat(descriptor.get(), &status) != 0) {
-        throw filesystemError("couldn't look at rpm package");
-    }
-    if (!descriptor || path.find('\0') != std::string::npos || !S_ISREG(status.st_mode)) {
+    if (!descriptor) {
         throw Error(ErrorCode::FileNotFound, "couldn't open rpm package");
     }
     return descriptor;
