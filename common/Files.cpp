@@ -111,10 +111,10 @@ std::vector<std::filesystem::path> entriesOf(const std::filesystem::path& direct
     return entries;
 }
 
-UniqueFd openWithin(int directory, const std::filesystem::path& path, int flags, Outside outside) noexcept {
+UniqueFd openWithin(int directory, const std::filesystem::path& path, int flags, Resolve resolve) noexcept {
     open_how how{};
     how.flags = static_cast<unsigned>(flags) | O_CLOEXEC;
-    how.resolve = RESOLVE_NO_MAGICLINKS | (outside == Outside::Refuse ? RESOLVE_BENEATH : RESOLVE_IN_ROOT);
+    how.resolve = RESOLVE_NO_MAGICLINKS | (resolve == Resolve::Beneath ? RESOLVE_BENEATH : RESOLVE_IN_ROOT);
     // EAGAIN: somebody renamed or mounted anything during a step upwards, and the kernel cannot vouch for it.
     constexpr unsigned attempts = 500;
     long fd = -1;
@@ -273,13 +273,15 @@ void writeAll(int descriptor, std::string_view bytes, const std::filesystem::pat
     }
 }
 
-NewFile::NewFile(const std::filesystem::path& directory, const std::string& name, const Options& options)
+AtomicFile::AtomicFile(const std::filesystem::path& directory, const std::string& name,
+                       const Options& options)
     : directory_(directory.empty() ? "." : directory)
     , final_(directory / name)
-    , pending_(directory / ("." + name + "." + (options.contended ? std::to_string(getpid()) : "new")))
+    , pending_(directory /
+               ("." + name + "." + (options.concurrentWriters ? std::to_string(getpid()) : "new")))
     , mode_(options.mode) {
     removeTree(pending_);
-    if (options.contended) {
+    if (options.concurrentWriters) {
         file_ = UniqueFd(open(directory_.c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
     }
     if (!file_) {
@@ -291,14 +293,14 @@ NewFile::NewFile(const std::filesystem::path& directory, const std::string& name
     }
 }
 
-NewFile::~NewFile() {
+AtomicFile::~AtomicFile() {
     if (file_ && named_) {
         unlink(pending_.c_str());
     }
 }
 
 // Only what has a name can take the place of another.
-void NewFile::giveName() {
+void AtomicFile::giveName() {
     if (named_) {
         return;
     }
@@ -309,7 +311,7 @@ void NewFile::giveName() {
     named_ = true;
 }
 
-void NewFile::commit(Durability durability) {
+void AtomicFile::commit(Durability durability) {
     if (fchmod(file_.get(), mode_) != 0) {
         throw filesystemError("couldn't set the mode of " + pending_.native());
     }

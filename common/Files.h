@@ -16,18 +16,18 @@
 
 namespace Common {
 
-// File operations for trees whose content nobody vouches for. All may be called by any thread, and all throw
-// Error, code Filesystem, unless told otherwise.
+// File operations for trees whose content is not trusted. All may be called by any thread, and all throw
+// Error, code Filesystem, unless stated otherwise.
 
-/// A Filesystem error: the words, ": " and the text of the current errno.
+/// A Filesystem error: the text, ": " and the text of the current errno.
 [[nodiscard]] Error filesystemError(const std::string& words);
 
 /// Whether a text is one ordinary path component: 1 to 255 bytes, neither "." nor "..", without "/" and
 /// control characters.
 [[nodiscard]] bool isOrdinaryName(std::string_view name) noexcept;
 
-// The next five throw when the answer cannot be had this time, as after an input or output error. Only what
-// certainly is not there counts as absent: also below a file, or behind links that lead in a circle.
+// The next five throw when the question cannot be answered this time, as after an input or output error.
+// Absent is only what certainly does not exist, also below a file or behind links in a circle.
 
 /// The status of what is at a path; nothing when there is nothing.
 /// @param flags  of fstatat(2): AT_SYMLINK_NOFOLLOW for a link's own
@@ -46,17 +46,17 @@ namespace Common {
 /// The paths of a directory's entries, in directory order.
 [[nodiscard]] std::vector<std::filesystem::path> entriesOf(const std::filesystem::path& directory);
 
-/// What openWithin() does with links that lead out of the directory.
-enum class Outside {
-    Refuse,   ///< fails with EXDEV, also for any absolute link
-    IsInside, ///< the directory stands for "/": absolute links and ".." start over at it, as after chroot(2)
+/// What openWithin() does with links that lead out of the directory, in openat2(2)'s terms.
+enum class Resolve {
+    Beneath, ///< fails with EXDEV, also for any absolute link
+    InRoot,  ///< the directory stands for "/": absolute links and ".." start over at it, as after chroot(2)
 };
 
 /// Opens a path below a directory by openat2(2), which needs Linux 5.6.
 /// @param flags  of open(2); close-on-exec is added
 /// @return nothing with errno set when it cannot be opened
 [[nodiscard]] UniqueFd openWithin(int directory, const std::filesystem::path& path, int flags,
-                                  Outside outside) noexcept;
+                                  Resolve resolve) noexcept;
 
 /// Opens a regular file for reading, links followed. It is the descriptor that is checked, and a FIFO or a
 /// device is not waited for.
@@ -69,7 +69,7 @@ enum class Outside {
 /// Reads a regular file; never blocks on anything else.
 /// @param limit  the largest size in bytes that is accepted
 /// @return nothing when there is no such file or a link leads nowhere
-/// Throws FileNotFound as well, for what is no regular file or too large.
+/// Throws FileNotFound as well, for what is not a regular file or too large.
 [[nodiscard]] std::optional<std::string> readRegularFile(const std::filesystem::path& file,
                                                          std::size_t limit);
 
@@ -118,10 +118,10 @@ enum class Durability {
     Now,   ///< content and name, before anything goes on
 };
 
-/// A file that appears under its name whole or not at all, in place of whatever file or link had the name.
+/// A file that appears under its name whole or not at all, in place of an existing file or link of that name.
 /// Until then it is beside it under another name or none, readable and writable for its owner alone. Used by
 /// one thread.
-class NewFile {
+class AtomicFile {
 public:
     struct Options {
         mode_t mode = 0644; ///< its permission bits, whatever the umask is
@@ -129,16 +129,16 @@ public:
         /// always the same, and what an interrupted process left is replaced. Else the file has no name
         /// before commit(), so that an interruption until then leaves nothing; where the file system has no
         /// such files (open(2), O_TMPFILE), it has one of this process.
-        bool contended = false;
+        bool concurrentWriters = false;
     };
 
     /// @param directory  of the file; empty: the working directory, as parent_path() of a mere name
-    NewFile(const std::filesystem::path& directory, const std::string& name)
-        : NewFile(directory, name, Options{}) {}
-    NewFile(const std::filesystem::path& directory, const std::string& name, const Options& options);
-    ~NewFile();
-    NewFile(const NewFile&) = delete;
-    NewFile& operator=(const NewFile&) = delete;
+    AtomicFile(const std::filesystem::path& directory, const std::string& name)
+        : AtomicFile(directory, name, Options{}) {}
+    AtomicFile(const std::filesystem::path& directory, const std::string& name, const Options& options);
+    ~AtomicFile();
+    AtomicFile(const AtomicFile&) = delete;
+    AtomicFile& operator=(const AtomicFile&) = delete;
 
     /// To read what was written; it is appended at the descriptor's offset.
     [[nodiscard]] int descriptor() const { return file_.get(); }

@@ -72,7 +72,7 @@ void writeRecord(const PackageIdentity& package, const PackageData& entries,
     try {
         const auto text = format(data);
         requireReadable(text, data);
-        Common::NewFile file(directory, recordName);
+        Common::AtomicFile file(directory, recordName);
         file.write(text);
         file.commit(Common::Durability::Later);
     } catch (const std::exception& error) {

@@ -49,7 +49,7 @@ void addCms(CmsesByRole& cmses, Role role, const Identity& identity,
     cmses.emplace(role, PackageSignatures::makeCms(*identity.certificate, *identity.key, content));
 }
 
-void copyBytes(int source, std::uint64_t length, Common::NewFile& output) {
+void copyBytes(int source, std::uint64_t length, Common::AtomicFile& output) {
     std::string piece(std::size_t{1024} * 1024, '\0');
     for (std::uint64_t offset = 0; offset < length;) {
         const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), length - offset));
@@ -85,8 +85,8 @@ void writeSigned(const SignRequest& request) {
         throw std::system_error(errno, std::generic_category(), "couldn't read");
     }
     const auto path = placeOf(request.output);
-    Common::NewFile output(path.parent_path(), path.filename().native(),
-                           {.mode = status.st_mode & 0777, .contended = true});
+    Common::AtomicFile output(path.parent_path(), path.filename().native(),
+                              {.mode = status.st_mode & 0777, .concurrentWriters = true});
     copyBytes(package.descriptor(), package.packageLength(), output);
     // From here on it is the copy that is read: nobody else writes to that.
     const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), package.packageLength());

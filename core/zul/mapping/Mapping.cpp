@@ -30,7 +30,7 @@ const char* const marker = "user.zul.mapping.target";
 UniqueFd openPackageFile(const MappedFile& file) {
     const UniqueFd version(open(file.versionDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     auto fd =
-        Common::openWithin(version.get(), file.relative, O_RDONLY | O_NONBLOCK, Common::Outside::Refuse);
+        Common::openWithin(version.get(), file.relative, O_RDONLY | O_NONBLOCK, Common::Resolve::Beneath);
     struct stat status {};
     if (!fd || fstat(fd.get(), &status) != 0) {
         throw filesystemError("couldn't open " + file.path().native());

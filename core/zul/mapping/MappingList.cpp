@@ -52,7 +52,7 @@ void writeMappingList(const std::filesystem::path& versionDirectory, const Mappi
         if (!Common::linkTarget(versionDirectory / mappingListName) && readText(versionDirectory) == text) {
             return;
         }
-        Common::NewFile file(versionDirectory, mappingListName);
+        Common::AtomicFile file(versionDirectory, mappingListName);
         failure = "couldn't write lines to mapping list";
         file.write(text);
         file.commit(durability);

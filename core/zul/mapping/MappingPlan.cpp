@@ -14,7 +14,7 @@ using Common::Error;
 using Common::ErrorCode;
 
 bool hasDirectory(int version, const std::string& source) {
-    if (Common::openWithin(version, source, O_PATH | O_DIRECTORY, Common::Outside::Refuse)) {
+    if (Common::openWithin(version, source, O_PATH | O_DIRECTORY, Common::Resolve::Beneath)) {
         return true;
     }
     if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {

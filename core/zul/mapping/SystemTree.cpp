@@ -21,7 +21,7 @@ int SystemTree::open(const std::filesystem::path& directory) {
     if (!last_ || lastPath_.native() != directory.native()) {
         const auto below = directory.relative_path();
         last_ = Common::openWithin(root_.get(), below.empty() ? "." : below, O_PATH | O_DIRECTORY,
-                                   Common::Outside::IsInside);
+                                   Common::Resolve::InRoot);
         lastPath_ = directory;
         if (last_) {
             unlinkat(last_.get(), pendingName, 0);
