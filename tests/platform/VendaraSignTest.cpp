@@ -1,5 +1,6 @@
 #include "common/UniqueFd.h"
 #include "platform/reference/signcms/SignedBlob.h"
+#include "testbed/CraftedPackage.h"
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
@@ -91,6 +92,11 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
                   {.environment = {{"HOME", scratch.path()}}, .directory = scratch.path()})
                   .status,
               0);
+    std::vector<CraftedEntry> links(1001);
+    for (std::size_t place = 0; place < links.size(); ++place) {
+        links[place] = {.directory = "/usr/", .name = std::to_string(10'000 + place), .inode = 1};
+    }
+    craftPackage(scratch.path() / "links.rpm", links);
     const auto withOption = [](const std::string& name, const std::string& value) {
         return by("developer", "developer", "b.rpm", {name, value});
     };
@@ -114,6 +120,7 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         {by("developer", "developer", "s-1-1.src.rpm"), "s-1-1.src.rpm: the package is a source package"},
         {by("developer", "developer", "twice.rpm"),
          "twice.rpm: the rpm package has something behind its end"},
+        {by("developer", "developer", "links.rpm"), "links.rpm: the rpm package has a file with too many"},
         {by("developer", "client", "b.rpm"), "b.rpm: the certificate given for the developer is not one"},
         {by("client", "ca", "b.rpm"), "ca/ca.pem: certificate"},
         {by("client", "client", "damaged.rpm"), "damaged.rpm"},

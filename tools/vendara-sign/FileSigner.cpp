@@ -1,10 +1,11 @@
 #include "tools/vendara-sign/FileSigner.h"
 
+#include "common/rpm/FileList.h"
 #include "platform/reference/signcms/Bytes.h"
 
 #include <rpm/rpmcrypto.h>
-#include <rpm/rpmfiles.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <set>
@@ -32,10 +33,7 @@ struct FileDigest {
     std::string bytes;
 };
 
-template<auto release>
-using Releaser = OpenSsl::Releaser<release>;
-using Files = std::unique_ptr<std::remove_pointer_t<rpmfiles>, Releaser<rpmfilesFree>>;
-using Name = std::unique_ptr<char, Releaser<std::free>>;
+using Name = OpenSsl::Owned<char, std::free>;
 
 std::string nameOf(rpmfiles files, int index) {
     const Name name(rpmfilesFN(files, index));
@@ -121,24 +119,21 @@ std::vector<PackageSignatures::FileSignatures> signFiles(const Common::Rpm::Read
                                                          const Identity& developer,
                                                          const std::vector<std::string>& trustlets) {
     const OpenSsl::ErrorMark mark;
-    const Files files(rpmfilesNew(nullptr, package.header(), RPMTAG_BASENAMES, 0));
-    if (!files) {
-        throw std::runtime_error("couldn't read the package's file list");
-    }
+    const Common::Rpm::FileList list(package.header());
+    auto* files = list.get();
     const Signer signer(developer);
     std::set<std::string> unused(trustlets.begin(), trustlets.end());
     std::vector<PackageSignatures::FileSignatures> signatures;
-    const auto count = static_cast<int>(rpmfilesFC(files.get()));
-    for (int i = 0; i < count; ++i) {
-        const bool isInPayload = (rpmfilesFFlags(files.get(), i) & RPMFILE_GHOST) == 0;
-        if (!isInPayload || !S_ISREG(rpmfilesFMode(files.get(), i))) {
+    for (int i = 0; i < list.size(); ++i) {
+        const bool isInPayload = (rpmfilesFFlags(files, i) & RPMFILE_GHOST) == 0;
+        if (!isInPayload || !S_ISREG(rpmfilesFMode(files, i))) {
             continue;
         }
-        const auto digest = digestOf(files.get(), i);
+        const auto digest = digestOf(files, i);
         auto& file = signatures.emplace_back();
-        file.index = static_cast<std::uint32_t>(i);
+        file.index = static_cast<std::uint32_t>(list.headerIndex(i));
         file.integrity = signer.integrity(digest);
-        const auto name = nameOf(files.get(), i);
+        const auto name = nameOf(files, i);
         for (const auto& path : trustlets) {
             if (isAtOrBelow(name, path)) {
                 file.trustlet = signer.trustlet(digest);
@@ -149,6 +144,8 @@ std::vector<PackageSignatures::FileSignatures> signFiles(const Common::Rpm::Read
     if (!unused.empty()) {
         throw std::runtime_error("the package has no file at or below " + *unused.begin());
     }
+    std::sort(signatures.begin(), signatures.end(),
+              [](const auto& left, const auto& right) { return left.index < right.index; });
     return signatures;
 }
 

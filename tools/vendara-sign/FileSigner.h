@@ -13,7 +13,8 @@ namespace Signing {
 /// The layouts of both signatures are described in docs/package-signatures.md.
 /// @param trustlets  absolute paths; the file that is there, or all files below, get a trustlet signature
 /// @return by rising index in the package's file list
-/// Throws std::runtime_error for file digests that are not SHA-2, and for a trustlet path without a file.
+/// Throws std::runtime_error for a file list that no device takes (Common::Rpm::FileList), for file digests
+/// that are not SHA-2, and for a trustlet path without a file.
 [[nodiscard]] std::vector<PackageSignatures::FileSignatures>
 signFiles(const Common::Rpm::Reader& package, const Identity& developer,
           const std::vector<std::string>& trustlets);
