@@ -2,6 +2,8 @@
 
 #include "platform/reference/signcms/Bytes.h"
 
+#include <openssl/sha.h>
+
 #include <cstdint>
 #include <utility>
 
@@ -32,18 +34,25 @@ CMS_SignerInfo& onlySignerOf(CMS_ContentInfo& cms) {
     return *sk_CMS_SignerInfo_value(signers, 0);
 }
 
-/// The one encoding of what a CMS holds.
-std::string canonicalDer(CMS_ContentInfo& read, X509& certificate, const ASN1_OCTET_STRING& content) {
-    auto cms = unsignedCms(certificate, *X509_get0_pubkey(&certificate));
+/// The one encoding of a CMS with this content and signature.
+std::string encodedCms(X509& certificate, std::string_view content, std::string_view signature) {
+    const auto cms = unsignedCms(certificate, *X509_get0_pubkey(&certificate));
     ASN1_OCTET_STRING** place = CMS_get0_content(cms.get());
-    OpenSsl::OctetString copy(ASN1_OCTET_STRING_dup(&content));
-    require(place != nullptr && copy != nullptr, "out of memory");
+    OpenSsl::OctetString copy(ASN1_OCTET_STRING_new());
+    require(place != nullptr && copy != nullptr && content.size() <= maximumBlobSize &&
+                ASN1_OCTET_STRING_set(copy.get(), OpenSsl::octets(content),
+                                      static_cast<int>(content.size())) == 1 &&
+                ASN1_STRING_set(CMS_SignerInfo_get0_signature(&onlySignerOf(*cms)), signature.data(),
+                                static_cast<int>(signature.size())) == 1,
+            "couldn't make a CMS");
     ASN1_OCTET_STRING_free(*place);
     *place = copy.release();
-    require(ASN1_STRING_copy(CMS_SignerInfo_get0_signature(&onlySignerOf(*cms)),
-                             CMS_SignerInfo_get0_signature(&onlySignerOf(read))) == 1,
-            "out of memory");
     return OpenSsl::derOf<const CMS_ContentInfo>(cms.get(), i2d_CMS_ContentInfo);
+}
+
+std::string_view bytesOf(const ASN1_OCTET_STRING& text) {
+    return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(&text)),
+            static_cast<std::size_t>(ASN1_STRING_length(&text))};
 }
 
 /// The octets of the next DER element (ITU-T X.690, 8.1), which has this tag and no more of them than that.
@@ -115,25 +124,54 @@ Cms readCms(std::string der) {
     checkIsStrongRsa(*certificate);
     ASN1_OCTET_STRING** content = CMS_get0_content(cms.get());
     require(content != nullptr && *content != nullptr, "CMS has no content");
+    const auto bytes = bytesOf(**content);
     // Whatever could be said in two ways, or is not covered by the signature, is so compared at once.
-    require(canonicalDer(*cms, *certificate, **content) == der, "CMS is not in its one allowed encoding");
-    const std::string_view bytes(reinterpret_cast<const char*>(ASN1_STRING_get0_data(*content)),
-                                 static_cast<std::size_t>(ASN1_STRING_length(*content)));
+    require(encodedCms(*certificate, bytes, bytesOf(*CMS_SignerInfo_get0_signature(&onlySignerOf(*cms)))) ==
+                der,
+            "CMS is not in its one allowed encoding");
     return Cms(std::make_shared<const CmsData>(
         CmsData{certificateOf(*certificate), SignedContent::parse(bytes), std::move(der)}));
 }
 
-std::string makeCms(X509& certificate, EVP_PKEY& key, const SignedContent& content) {
+OpenSsl::Certificate x509Of(const Cms& cms) {
+    const OpenSsl::ErrorMark mark;
+    return onlyCertificateOf(*decoded(cms.data().der));
+}
+
+std::string signDigest(EVP_PKEY& key, const EVP_MD& algorithm, std::string_view digest) {
+    const OpenSsl::ErrorMark mark;
+    const OpenSsl::KeyContext context(EVP_PKEY_CTX_new(&key, nullptr));
+    std::string signature(static_cast<std::size_t>(EVP_PKEY_get_size(&key)), '\0');
+    auto size = signature.size();
+    require(context && EVP_PKEY_sign_init(context.get()) == 1 &&
+                EVP_PKEY_CTX_set_signature_md(context.get(), &algorithm) == 1 &&
+                EVP_PKEY_sign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &size,
+                              OpenSsl::octets(digest), digest.size()) == 1,
+            "couldn't sign");
+    signature.resize(size);
+    return signature;
+}
+
+std::string makeCms(X509& certificate, const DigestSigner& sign, const SignedContent& content) {
     const OpenSsl::ErrorMark mark;
     checkMaySign(certificate);
-    require(X509_check_private_key(&certificate, &key) == 1, "the key does not belong to the certificate");
     const auto bytes = content.encoded();
-    const auto source = OpenSsl::reading(bytes);
-    const auto cms = unsignedCms(certificate, key);
-    require(CMS_final(cms.get(), source.get(), nullptr, signingFlags) == 1, "couldn't sign");
-    auto der = OpenSsl::derOf<const CMS_ContentInfo>(cms.get(), i2d_CMS_ContentInfo);
+    std::string digest(SHA256_DIGEST_LENGTH, '\0');
+    require(EVP_Digest(bytes.data(), bytes.size(), reinterpret_cast<unsigned char*>(digest.data()), nullptr,
+                       EVP_sha256(), nullptr) == 1,
+            "couldn't compute a digest");
+    auto der = encodedCms(certificate, bytes, sign(*EVP_sha256(), digest));
     require(der.size() <= maximumBlobSize, "CMS is too large");
     return der;
+}
+
+std::string makeCms(X509& certificate, EVP_PKEY& key, const SignedContent& content) {
+    const OpenSsl::ErrorMark mark;
+    require(X509_check_private_key(&certificate, &key) == 1, "the key does not belong to the certificate");
+    const auto sign = [&key](const EVP_MD& algorithm, std::string_view digest) {
+        return signDigest(key, algorithm, digest);
+    };
+    return makeCms(certificate, sign, content);
 }
 
 void Authority::verify(const Cms& cms) const {

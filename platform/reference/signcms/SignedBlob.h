@@ -5,7 +5,9 @@
 #include "platform/signcms/PackageSignatures.h"
 
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <string_view>
 
 namespace PackageSignatures {
 
@@ -29,12 +31,26 @@ struct CmsData {
 /// Throws std::runtime_error. Any thread.
 [[nodiscard]] Cms readCms(std::string der);
 
+/// The certificate that a CMS has. Throws std::runtime_error. Any thread.
+[[nodiscard]] OpenSsl::Certificate x509Of(const Cms& cms);
+
+/// Signs a digest with PKCS #1 v1.5 padding (RFC 8017, 8.2), for example as signDigest() does.
+using DigestSigner = std::function<std::string(const EVP_MD& algorithm, std::string_view digest)>;
+
+/// Signs a digest with a private RSA key. Throws std::runtime_error. Any thread.
+[[nodiscard]] std::string signDigest(EVP_PKEY& key, const EVP_MD& algorithm, std::string_view digest);
+
 /// Signs a content. The same key and content give the same bytes every time.
 /// @param certificate  the signer's; its key is RSA with 2048 to 8192 bits
-/// @param key          the private key that belongs to it
+/// @param sign         signs with the private key that belongs to it; is called once
 /// @return the CMS in DER
 /// Throws std::runtime_error. Any thread.
+[[nodiscard]] std::string makeCms(X509& certificate, const DigestSigner& sign, const SignedContent& content);
+/// The same with the key.
 [[nodiscard]] std::string makeCms(X509& certificate, EVP_PKEY& key, const SignedContent& content);
+
+/// A distinguished name as RFC 2253 writes it, in UTF-8. Throws std::runtime_error.
+[[nodiscard]] std::string textOf(const X509_NAME& name);
 
 /// What is asked of a certificate, read from it; nothing is checked. Throws std::runtime_error.
 [[nodiscard]] Certificate certificateOf(X509& certificate);

@@ -52,15 +52,6 @@ std::optional<Role> roleOf(X509& certificate) {
     return developer ? Role::Developer : Role::Client;
 }
 
-std::string subjectOf(const X509& certificate) {
-    const OpenSsl::Bio text(BIO_new(BIO_s_mem()));
-    // Characters beyond ASCII as themselves, in UTF-8.
-    const auto flags = XN_FLAG_RFC2253 & ~static_cast<unsigned long>(ASN1_STRFLGS_ESC_MSB);
-    require(text && X509_NAME_print_ex(text.get(), X509_get_subject_name(&certificate), 0, flags) >= 0,
-            "couldn't read a certificate's subject");
-    return OpenSsl::contentOf(text.get());
-}
-
 // RSA with PKCS #1 v1.5 padding: exactly one signature of a content verifies. DSA and ECDSA have several, and
 // what is signed could be given other bytes by anybody.
 bool isSignedWithRsa(const X509& certificate) {
@@ -76,10 +67,19 @@ bool isSignedWithRsa(const X509& certificate) {
 
 } // namespace
 
+std::string textOf(const X509_NAME& name) {
+    const OpenSsl::Bio text(BIO_new(BIO_s_mem()));
+    // Characters beyond ASCII as themselves, in UTF-8.
+    const auto flags = XN_FLAG_RFC2253 & ~static_cast<unsigned long>(ASN1_STRFLGS_ESC_MSB);
+    require(text && X509_NAME_print_ex(text.get(), &name, 0, flags) >= 0,
+            "couldn't read a name of a certificate");
+    return OpenSsl::contentOf(text.get());
+}
+
 Certificate certificateOf(X509& certificate) {
     const OpenSsl::ErrorMark mark;
     return {sha256Hex(OpenSsl::derOf<const X509_PUBKEY>(X509_get_X509_PUBKEY(&certificate), i2d_X509_PUBKEY)),
-            subjectOf(certificate), roleOf(certificate)};
+            textOf(*X509_get_subject_name(&certificate)), roleOf(certificate)};
 }
 
 void checkIsStrongRsa(X509& certificate) {
