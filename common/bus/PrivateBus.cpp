@@ -12,7 +12,7 @@ namespace Common {
 
 pid_t startPrivateBus(const std::filesystem::path& socket, int output, const std::string& limits) {
     const auto configuration = socket.native() + ".conf";
-    NewFile file(socket.parent_path(), socket.filename().native() + ".conf");
+    AtomicFile file(socket.parent_path(), socket.filename().native() + ".conf");
     file.write("<busconfig><type>session</type><listen>unix:path=" + socket.native() +
                "</listen><auth>EXTERNAL</auth><policy context='default'>"
                "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>"

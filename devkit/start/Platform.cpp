@@ -198,7 +198,7 @@ void Platform::makeDirectories() const {
         fs::create_directories(directory / name);
     }
     fs::create_directories(settings_.logs);
-    Common::NewFile configuration(directory / "etc/zul", "zul.conf");
+    Common::AtomicFile configuration(directory / "etc/zul", "zul.conf");
     configuration.write("[database]\nroot_directory=" + (directory / "opt/app").native() +
                         "\ntemp_directory=" + (directory / "opt/zul/tmp").native() + "\n");
     configuration.commit(Common::Durability::Later);
@@ -206,7 +206,7 @@ void Platform::makeDirectories() const {
 
 // An ordinary user may not, nor root in a container without CAP_SYS_ADMIN, and some file systems have none.
 bool Platform::mayAttachSecurityAttributes() const {
-    const Common::NewFile file(settings_.directory / "opt/zul/tmp", "attribute");
+    const Common::AtomicFile file(settings_.directory / "opt/zul/tmp", "attribute");
     // The type of a signature, the one byte that the kernel looks at (ima.h of Linux).
     return Core::ZUL::attachAttribute(file.descriptor(), "security.ima", "\x03") == 0;
 }

@@ -7,9 +7,12 @@
 #include "tools/vendara-sign/TestAuthority.h"
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <csignal>
 #include <fcntl.h>
+#include <sstream>
 #include <sys/stat.h>
 
 namespace {
@@ -69,6 +72,134 @@ TEST_F(VendaraSign, SignsAsDeveloperAndLaterAsClient) {
     ASSERT_EQ(sign(by("developer", "developer", "b.rpm", client)).status, 0);
     EXPECT_EQ(readFile(scratch.path() / "b.rpm"), plain);
     EXPECT_EQ(readFile(scratch.path() / "c.rpm"), readFile(file));
+}
+
+TEST_F(VendaraSign, ReplacesAndRemovesSignaturesOfManyPackagesAndPrintsThemAsJson) {
+    const auto plain = readFile(file);
+    writeFile(scratch.path() / "b.rpm", plain);
+    ASSERT_EQ(sign(by("developer", "developer", "a.rpm", {"b.rpm"})).status, 0);
+    EXPECT_EQ(readFile(scratch.path() / "b.rpm"), readFile(file));
+    ASSERT_EQ(sign(by("client", "client", "a.rpm")).status, 0);
+    ASSERT_EQ(sign(by("developer", "system-developer", "a.rpm", {"--replace"})).status, 0);
+    const auto shown =
+        sign({"--verify", "--authority", "ca/ca.pem", "--json", "a.rpm", "missing.rpm", "b.rpm"});
+    EXPECT_EQ(shown.status, 1);
+    std::istringstream lines(shown.output);
+    std::string text;
+    std::getline(lines, text);
+    const auto signatures = nlohmann::json::parse(text).at("signatures");
+    ASSERT_EQ(signatures.size(), 2);
+    EXPECT_EQ(signatures[0].at("subject"), "CN=Test system developer");
+    EXPECT_EQ(signatures[0].at("issuer"), "CN=Test package authority");
+    EXPECT_EQ(signatures[0].at("signedFiles"), 1);
+    EXPECT_EQ(signatures[0].at("keyId").get<std::string>() + "\n",
+              readFile(scratch.path() / "ca/system-developer-keyid"));
+    EXPECT_EQ(signatures[1].at("role"), "client");
+    EXPECT_LT(signatures[1].at("validFrom"), signatures[1].at("validUntil"));
+    std::getline(lines, text);
+    EXPECT_THAT(text, HasSubstr("vendara-sign: missing.rpm: "));
+    std::getline(lines, text);
+    EXPECT_EQ(nlohmann::json::parse(text).at("package"), "b.rpm");
+    EXPECT_EQ(sign({"--strip", "a.rpm", "missing.rpm", "b.rpm"}).status, 1);
+    EXPECT_EQ(readFile(file), plain);
+    EXPECT_EQ(readFile(scratch.path() / "b.rpm"), plain);
+}
+
+TEST_F(VendaraSign, TakesKeysInTheFormsOfOpenSslAndTheirPassphrase) {
+    ASSERT_EQ(sign(by("developer", "developer", "a.rpm", {"--output", "signed.rpm"})).status, 0);
+    const auto openssl = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "openssl");
+        const auto result = run(arguments, {.directory = scratch.path()});
+        EXPECT_EQ(result.status, 0) << result.output;
+    };
+    openssl({"pkey", "-in", "ca/developer.key", "-outform", "DER", "-out", "key.der"});
+    openssl({"x509", "-in", "ca/developer.pem", "-outform", "DER", "-out", "cert.der"});
+    openssl({"pkcs8", "-topk8", "-in", "ca/developer.key", "-passout", "pass:secret", "-out", "secret.key"});
+    openssl({"pkcs12", "-export", "-inkey", "ca/developer.key", "-in", "ca/developer.pem", "-certfile",
+             "ca/ca.pem", "-passout", "pass:secret", "-out", "all.p12"});
+    writeFile(scratch.path() / "passphrase", "secret\nsomething else\n");
+    const std::vector<std::string> inOneFile{"--developer-key", "all.p12"};
+    const std::vector<std::string> encrypted{"--developer-key", "secret.key", "--developer-cert",
+                                             "ca/developer.pem"};
+    const auto signWith = [&](std::vector<std::string> arguments, const std::string& passphraseFile) {
+        if (!passphraseFile.empty()) {
+            arguments.insert(arguments.end(), {"--passphrase-file", passphraseFile});
+        }
+        arguments.insert(arguments.end(), {"--output", "b.rpm", "a.rpm"});
+        return sign(arguments);
+    };
+    const std::pair<std::vector<std::string>, const char*> good[] = {
+        {{"--developer-key", "key.der", "--developer-cert", "cert.der"}, ""},
+        {encrypted, "passphrase"},
+        {inOneFile, "passphrase"}};
+    for (const auto& [arguments, passphraseFile] : good) {
+        const auto result = signWith(arguments, passphraseFile);
+        EXPECT_EQ(result.status, 0) << result.output;
+        EXPECT_EQ(readFile(scratch.path() / "b.rpm"), readFile(scratch.path() / "signed.rpm"));
+        std::filesystem::remove(scratch.path() / "b.rpm");
+    }
+    const std::tuple<std::vector<std::string>, const char*, const char*> bad[] = {
+        {encrypted, "", "secret.key: is encrypted, and there is no passphrase for it"},
+        {encrypted, "ca/ca.pem", "secret.key: couldn't be decrypted with the passphrase"},
+        {inOneFile, "ca/ca.pem", "all.p12: couldn't be decrypted with the passphrase"},
+        {{"--developer-key", "ca/developer.key"}, "", "ca/developer.key: has no certificate"},
+        {{"--developer-key", "cert.der"}, "", "cert.der: has no private key"},
+        {{"--developer-key", "pkcs11:token=t"}, "", "pkcs11:token=t: OpenSSL couldn't open it, or has"}};
+    for (const auto& [arguments, passphraseFile, text] : bad) {
+        const auto result = signWith(arguments, passphraseFile);
+        EXPECT_EQ(result.status, 1) << text;
+        EXPECT_THAT(result.output, HasSubstr(text));
+    }
+    EXPECT_FALSE(std::filesystem::exists(scratch.path() / "b.rpm"));
+}
+
+TEST_F(VendaraSign, TakesSignaturesThatWereMadeOfItsDigestsElsewhere) {
+    auto arguments = by("developer", "developer", "a.rpm", {"--output", "signed.rpm", "--trustlet", "/usr"});
+    ASSERT_EQ(sign(arguments).status, 0);
+    const auto hexadecimal = [](const std::string& bytes) {
+        std::string text;
+        for (const unsigned char byte : bytes) {
+            constexpr std::string_view digits = "0123456789abcdef";
+            text += {digits[byte >> 4U], digits[byte & 15U]};
+        }
+        return text;
+    };
+    // What a token does.
+    const auto answer = [&](const std::string& signer, const std::string& from, const std::string& to) {
+        const auto key = (scratch.path() / "ca" / (signer + ".key")).string();
+        const auto identity = Signing::loadIdentity(key, key.substr(0, key.size() - 3) + "pem");
+        std::istringstream lines(readFile(scratch.path() / from));
+        std::string answers;
+        for (std::string algorithm, digest; lines >> algorithm >> digest;) {
+            std::string octets;
+            for (std::size_t at = 0; at < digest.size(); at += 2) {
+                octets += static_cast<char>(std::stoi(digest.substr(at, 2), nullptr, 16));
+            }
+            const auto signature = PackageSignatures::signDigest(*identity.key, *EVP_sha256(), octets);
+            answers += algorithm + " " + digest + " " + hexadecimal(signature) + "\n";
+        }
+        writeFile(scratch.path() / to, answers);
+        return std::count(answers.begin(), answers.end(), '\n');
+    };
+    const auto signWith = [&](std::vector<std::string> more) {
+        more.insert(more.begin(), {"--developer-cert", "ca/developer.pem", "--trustlet", "/usr"});
+        more.emplace_back("a.rpm");
+        return sign(more);
+    };
+    const auto before = readFile(file);
+    EXPECT_EQ(signWith({"--write-digest", "files"}).status, 0);
+    EXPECT_EQ(answer("developer", "files", "files.signed"), 2) << "a file's integrity and trustlet";
+    EXPECT_EQ(signWith({"--attach", "files.signed", "--write-digest", "package"}).status, 0);
+    EXPECT_THAT(signWith({"--attach", "files.signed"}).output,
+                HasSubstr("a.rpm: digests without a signature: 1"));
+    EXPECT_EQ(answer("client", "package", "package.signed"), 1);
+    EXPECT_THAT(signWith({"--attach", "files.signed", "--attach", "package.signed"}).output,
+                HasSubstr("the signature was not made with the certificate's key"));
+    EXPECT_EQ(readFile(file), before);
+    answer("developer", "package", "package.signed");
+    const auto result = signWith({"--attach", "files.signed", "--attach", "package.signed"});
+    EXPECT_EQ(result.status, 0) << result.output;
+    EXPECT_EQ(readFile(file), readFile(scratch.path() / "signed.rpm"));
 }
 
 TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
@@ -190,25 +321,41 @@ TEST_F(VendaraSign, MakesAuthoritiesWhoseKeysOnlyTheOwnerReads) {
 }
 
 TEST_F(VendaraSign, TellsWrongUsageFromFailure) {
-    const std::vector<std::string> wrong[] = {{},
-                                              {"a.rpm"},
-                                              {"--no-such-option"},
-                                              {"--show"},
-                                              {"--verify", "a.rpm"},
-                                              {"--show", "--verify", "--authority", "ca/ca.pem", "a.rpm"},
-                                              {"--developer-key", "ca/developer.key", "a.rpm"},
-                                              {"--make-test-ca", "new", "a.rpm"},
-                                              {"--make-test-ca", "new", "--not-after", "tomorrow"},
-                                              {"--make-test-ca", "new", "--not-after", "2027-02-31"},
-                                              {"--make-test-ca", "new", "--not-after", "2001-01-01"},
-                                              {"--show", "a.rpm", "--output", "b.rpm"},
-                                              {"--show", "a.rpm", "--allow-expired"},
-                                              by("developer", "developer", "a.rpm", {"--output", ""}),
-                                              {"--show", "a.rpm", "more.rpm"}};
+    const std::vector<std::string> wrong[] = {
+        {},
+        {"a.rpm"},
+        {"--no-such-option"},
+        {"--show"},
+        {"--verify", "a.rpm"},
+        {"--show", "--verify", "--authority", "ca/ca.pem", "a.rpm"},
+        {"--developer-cert", "ca/developer.pem", "a.rpm"},
+        {"--strip"},
+        {"--strip", "--show", "a.rpm"},
+        {"--strip", "--json", "a.rpm"},
+        {"--strip", "--replace", "a.rpm"},
+        {"--strip", "--output", "b.rpm", "a.rpm", "c.rpm"},
+        {"--strip", "--passphrase-file", "ca/ca.pem", "a.rpm"},
+        {"--write-digest", "b", "a.rpm"},
+        by("developer", "developer", "a.rpm", {"--write-digest", "b"}),
+        by("developer", "developer", "a.rpm", {"--passphrase-file", "b"}),
+        by("developer", "developer", "a.rpm", {"--passphrase-file", "empty"}),
+        {"--client-cert", "ca/client.pem", "--attach", "b", "a.rpm"},
+        {"--client-cert", "ca/client.pem", "--attach", "ca/ca.pem", "a.rpm"},
+        {"--client-cert", "ca/client.pem", "--attach", "empty", "--trustlet", "/b", "a.rpm"},
+        {"--client-cert", "ca/client.pem", "--write-digest", "b", "--output", "c.rpm", "a.rpm"},
+        {"--make-test-ca", "new", "a.rpm"},
+        {"--make-test-ca", "new", "--not-after", "tomorrow"},
+        {"--make-test-ca", "new", "--not-after", "2027-02-31"},
+        {"--make-test-ca", "new", "--not-after", "2001-01-01"},
+        {"--show", "a.rpm", "--output", "b.rpm"},
+        {"--show", "a.rpm", "--allow-expired"},
+        by("developer", "developer", "a.rpm", {"--output", ""})};
+    writeFile(scratch.path() / "empty", "");
+    const auto before = digestOfTree(scratch.path());
     for (const auto& arguments : wrong) {
         EXPECT_EQ(sign(arguments).status, 2) << testing::PrintToString(arguments);
     }
-    EXPECT_FALSE(std::filesystem::exists(scratch.path() / "new"));
+    EXPECT_EQ(digestOfTree(scratch.path()), before);
     const auto help = sign({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_THAT(help.output, HasSubstr("--make-test-ca DIRECTORY"));

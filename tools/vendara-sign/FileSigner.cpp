@@ -52,20 +52,6 @@ FileDigest digestOf(rpmfiles files, int index) {
     throw std::runtime_error("file " + nameOf(files, index) + " has no SHA-2 digest in the package");
 }
 
-/// A signature with PKCS #1 v1.5 padding (RFC 8017, 8.2) over a digest.
-std::string rawSignature(EVP_PKEY* key, const FileDigest& digest) {
-    const OpenSsl::KeyContext context(EVP_PKEY_CTX_new(key, nullptr));
-    std::string signature(static_cast<std::size_t>(EVP_PKEY_get_size(key)), '\0');
-    auto size = signature.size();
-    require(context && EVP_PKEY_sign_init(context.get()) == 1 &&
-                EVP_PKEY_CTX_set_signature_md(context.get(), digest.algorithm->openSsl()) == 1 &&
-                EVP_PKEY_sign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &size,
-                              OpenSsl::octets(digest.bytes), digest.bytes.size()) == 1,
-            "couldn't sign a file's digest");
-    signature.resize(size);
-    return signature;
-}
-
 /// The last four bytes of the SHA-1 of the public key, by which the kernel finds it in its keyring.
 std::string kernelKeyId(const X509& certificate) {
     std::array<unsigned char, 20> digest{};
@@ -79,16 +65,16 @@ std::string withSize(std::string header, const std::string& signature) {
     return header + signature;
 }
 
-class Signer {
+class FileSigner {
 public:
-    explicit Signer(const Identity& identity)
-        : key_(identity.key.get())
-        , keyId_(kernelKeyId(*identity.certificate)) {}
+    FileSigner(const X509& certificate, const PackageSignatures::DigestSigner& sign)
+        : sign_(sign)
+        , keyId_(kernelKeyId(certificate)) {}
 
     // struct signature_v2_hdr of the kernel's security/integrity: type 3 (a digital signature), version 2.
     [[nodiscard]] std::string integrity(const FileDigest& digest) const {
         return withSize(std::string("\x03\x02") + digest.algorithm->kernel + keyId_,
-                        rawSignature(key_, digest));
+                        sign_(*digest.algorithm->openSsl(), digest.bytes));
     }
 
     // Over a digest that an integrity signature is never made for, so that none can stand in for the other.
@@ -100,11 +86,11 @@ public:
         require(EVP_Digest(text.data(), text.size(), reinterpret_cast<unsigned char*>(outer.data()), &size,
                            EVP_sha256(), nullptr) == 1,
                 "couldn't compute a digest");
-        return withSize(header, rawSignature(key_, {&algorithms[0], outer.substr(0, size)}));
+        return withSize(header, sign_(*EVP_sha256(), std::string_view(outer).substr(0, size)));
     }
 
 private:
-    EVP_PKEY* key_;
+    const PackageSignatures::DigestSigner& sign_;
     std::string keyId_;
 };
 
@@ -116,12 +102,13 @@ bool isAtOrBelow(const std::string& name, const std::string& path) {
 } // namespace
 
 std::vector<PackageSignatures::FileSignatures> signFiles(const Common::Rpm::Reader& package,
-                                                         const Identity& developer,
+                                                         const X509& certificate,
+                                                         const PackageSignatures::DigestSigner& sign,
                                                          const std::vector<std::string>& trustlets) {
     const OpenSsl::ErrorMark mark;
     const Common::Rpm::FileList list(package.header());
     auto* files = list.get();
-    const Signer signer(developer);
+    const FileSigner signer(certificate, sign);
     std::set<std::string> unused(trustlets.begin(), trustlets.end());
     std::vector<PackageSignatures::FileSignatures> signatures;
     for (int i = 0; i < list.size(); ++i) {

@@ -4,10 +4,15 @@
 #include "platform/reference/signcms/SignedBlob.h"
 
 #include <openssl/pem.h>
+#include <openssl/store.h>
+#include <openssl/ui.h>
 
+#include <algorithm>
 #include <ctime>
 #include <iomanip>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 namespace Signing {
 
@@ -15,48 +20,131 @@ namespace OpenSsl = PackageSignatures::OpenSsl;
 
 namespace {
 
-constexpr std::size_t maximumPemSize = std::size_t{1024} * 1024;
+constexpr std::size_t maximumFileSize = std::size_t{1024} * 1024;
 
-// Instead of OpenSSL's own, which would ask at the terminal.
-int noPassphrase(char*, int, int, void*) { return -1; }
+using Store = OpenSsl::Owned<OSSL_STORE_CTX, OSSL_STORE_close>;
+using StoreInfo = OpenSsl::Owned<OSSL_STORE_INFO, OSSL_STORE_INFO_free>;
+using UserInterface = OpenSsl::Owned<UI_METHOD, UI_destroy_method>;
+
+/// What a file or token has.
+struct Contents {
+    OpenSsl::Key key;
+    std::vector<OpenSsl::Certificate> certificates;
+    const char* problem = nullptr; ///< why there may be nothing
+};
+
+/// Asks for a passphrase when OpenSSL needs one.
+struct Prompt {
+    const std::string& source;
+    const Passphrase& passphrase;
+    bool isAsked = false;
+    bool isAnswered = false;
+
+    static int answer(char* buffer, int size, int /*isWriting*/, void* self) {
+        auto& prompt = *static_cast<Prompt*>(self);
+        prompt.isAsked = true;
+        const auto text = prompt.passphrase ? prompt.passphrase(prompt.source) : std::nullopt;
+        prompt.isAnswered = text && text->size() < static_cast<std::size_t>(size);
+        if (!prompt.isAnswered) {
+            return -1;
+        }
+        std::copy(text->begin(), text->end(), buffer);
+        return static_cast<int>(text->size());
+    }
+};
+
+Contents contentsOf(const std::string& source, const Passphrase& passphrase) {
+    Prompt prompt{source, passphrase};
+    const UserInterface interface(UI_UTIL_wrap_read_pem_callback(Prompt::answer, 0));
+    OpenSsl::require(interface != nullptr, "out of memory");
+    std::string bytes;
+    OpenSsl::Bio file;
+    Store store;
+    if (source.starts_with("pkcs11:")) {
+        store.reset(OSSL_STORE_open(source.c_str(), interface.get(), &prompt, nullptr, nullptr));
+    } else {
+        bytes = Common::readExistingFile(source, maximumFileSize);
+        file = OpenSsl::reading(bytes);
+        store.reset(OSSL_STORE_attach(file.get(), "file", nullptr, nullptr, interface.get(), &prompt, nullptr,
+                                      nullptr, nullptr));
+    }
+    if (!store) {
+        OpenSsl::fail(source + ": OpenSSL couldn't open it, or has no provider for it");
+    }
+    Contents contents;
+    while (OSSL_STORE_eof(store.get()) == 0) {
+        const StoreInfo info(OSSL_STORE_load(store.get()));
+        if (!info) {
+            break;
+        }
+        if (OpenSsl::Key key(OSSL_STORE_INFO_get1_PKEY(info.get())); key && !contents.key) {
+            contents.key = std::move(key);
+        } else if (OpenSsl::Certificate certificate(OSSL_STORE_INFO_get1_CERT(info.get())); certificate) {
+            contents.certificates.push_back(std::move(certificate));
+        }
+    }
+    if (prompt.isAsked) {
+        contents.problem = prompt.isAnswered ? "couldn't be decrypted with the passphrase"
+                                             : "is encrypted, and there is no passphrase for it";
+    }
+    return contents;
+}
+
+[[noreturn]] void failWithout(const char* what, const std::string& source, const Contents& contents) {
+    throw std::runtime_error(source + (contents.problem != nullptr ? std::string(": ") + contents.problem
+                                                                   : std::string(": has no ") + what));
+}
 
 } // namespace
 
-Identity loadIdentity(const std::filesystem::path& key, const std::filesystem::path& certificate) {
+Identity loadIdentity(const std::string& key, const std::string& certificate, const Passphrase& passphrase) {
     const OpenSsl::ErrorMark mark;
     Identity identity;
-    const auto keyText = Common::readExistingFile(key, maximumPemSize);
-    identity.key.reset(
-        PEM_read_bio_PrivateKey(OpenSsl::reading(keyText).get(), nullptr, noPassphrase, nullptr));
-    if (!identity.key) {
-        throw std::runtime_error(key.string() + ": not a PEM file with an unencrypted private key");
+    Contents contents;
+    if (!key.empty()) {
+        contents = contentsOf(key, passphrase);
+        if (!contents.key) {
+            failWithout("private key", key, contents);
+        }
+        identity.key = std::move(contents.key);
     }
-    const auto certificateText = Common::readExistingFile(certificate, maximumPemSize);
-    identity.certificate.reset(
-        PEM_read_bio_X509(OpenSsl::reading(certificateText).get(), nullptr, nullptr, nullptr));
+    const auto& source = certificate.empty() ? key : certificate;
+    if (source != key) {
+        contents = contentsOf(source, passphrase);
+    }
+    if (contents.certificates.empty()) {
+        failWithout("certificate", source, contents);
+    }
+    for (auto& each : contents.certificates) {
+        if (!identity.certificate &&
+            (!identity.key || X509_check_private_key(each.get(), identity.key.get()) == 1)) {
+            identity.certificate = std::move(each);
+        }
+    }
     if (!identity.certificate) {
-        throw std::runtime_error(certificate.string() + ": not a PEM file with a certificate");
-    }
-    if (X509_check_private_key(identity.certificate.get(), identity.key.get()) != 1) {
-        throw std::runtime_error(key.string() + ": does not belong to the certificate " +
-                                 certificate.string());
+        throw std::runtime_error(key + ": does not belong to the certificate " + source);
     }
     try {
         PackageSignatures::checkMaySign(*identity.certificate);
     } catch (const std::runtime_error& error) {
-        throw std::runtime_error(certificate.string() + ": " + error.what());
+        throw std::runtime_error(source + ": " + error.what());
     }
     return identity;
 }
 
+std::string textOf(const ASN1_TIME& time) {
+    std::tm fields{};
+    ASN1_TIME_to_tm(&time, &fields);
+    std::ostringstream text;
+    text << std::put_time(&fields, "%Y-%m-%dT%H:%M:%SZ");
+    return text.str();
+}
+
 void requireValidNow(const X509& certificate) {
     const auto require = [](bool condition, const std::string& problem, const ASN1_TIME* time) {
-        std::tm fields{};
         if (!condition) {
-            ASN1_TIME_to_tm(time, &fields);
-            std::ostringstream day;
-            day << std::put_time(&fields, "%Y-%m-%d");
-            throw std::runtime_error(problem + day.str());
+            throw std::runtime_error(problem +
+                                     textOf(*time).substr(0, std::string_view("YYYY-MM-DD").size()));
         }
     };
     const auto* begin = X509_get0_notBefore(&certificate);

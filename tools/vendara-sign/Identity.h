@@ -2,22 +2,33 @@
 
 #include "platform/reference/signcms/OpenSsl.h"
 
-#include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
 
 namespace Signing {
 
-/// Somebody who signs: a private key and the certificate that belongs to it.
+/// Somebody who signs: a certificate and the private key that belongs to it.
 struct Identity {
-    PackageSignatures::OpenSsl::Key key;
+    PackageSignatures::OpenSsl::Key key; ///< none: it signs elsewhere, see DigestFile
     PackageSignatures::OpenSsl::Certificate certificate;
 };
 
-/// Reads an identity from PEM files; the key must not be encrypted.
-/// Throws std::runtime_error, whose text names the path, also for a key that does not belong to the
+/// Gives the passphrase of a file, or the PIN of a token; nothing when there is none. Throws nothing.
+using Passphrase = std::function<std::optional<std::string>(const std::string& source)>;
+
+/// Reads an identity by OpenSSL's OSSL_STORE: from files in PEM, DER or PKCS #12, or from a token that a
+/// provider of OpenSSL's configuration opens.
+/// @param key          path or "pkcs11:" URI (RFC 7512); empty: the identity has no key
+/// @param certificate  likewise; empty: it is where the key is
+/// @param passphrase   is asked where something is encrypted
+/// Throws std::runtime_error, whose text names the source, also for a key that does not belong to the
 /// certificate and for a certificate that may not sign packages.
-[[nodiscard]] Identity loadIdentity(const std::filesystem::path& key,
-                                    const std::filesystem::path& certificate);
+[[nodiscard]] Identity loadIdentity(const std::string& key, const std::string& certificate,
+                                    const Passphrase& passphrase = {});
+
+/// A time as "YYYY-MM-DDThh:mm:ssZ".
+[[nodiscard]] std::string textOf(const ASN1_TIME& time);
 
 /// Checks that a certificate is valid now. A device takes no signature of any other one.
 /// Throws std::runtime_error with the day on which its time begins or has ended.

@@ -23,17 +23,15 @@ using CmsesByRole = std::map<Role, std::string>;
 
 const char* nameOf(Role role) { return role == Role::Developer ? "developer" : "client"; }
 
-void requireRole(const std::optional<Identity>& identity, Role role) {
-    if (identity && PackageSignatures::certificateOf(*identity->certificate).role() != role) {
-        throw std::runtime_error(std::string("the certificate given for the ") + nameOf(role) +
-                                 " is not one of a " + nameOf(role));
-    }
-}
-
-CmsesByRole existingCmses(const OpenPackage& package, const PackageSignatures::PackageDigest& digest) {
+CmsesByRole existingCmses(const OpenPackage& package, const PackageSignatures::PackageDigest& digest,
+                          const SignRequest& request) {
     CmsesByRole cmses;
     for (const auto& cms : package.cmses()) {
         const auto role = cms.certificate().role();
+        const auto& successor = role == Role::Developer ? request.developer : request.client;
+        if (role && request.replaces && successor) {
+            continue;
+        }
         if (!role || cms.data().content.package != digest || !cmses.emplace(*role, cms.data().der).second) {
             throw std::runtime_error("the signature that the package has is not valid");
         }
@@ -41,13 +39,52 @@ CmsesByRole existingCmses(const OpenPackage& package, const PackageSignatures::P
     return cmses;
 }
 
-void addCms(CmsesByRole& cmses, Role role, const Identity& identity,
-            const PackageSignatures::SignedContent& content) {
-    if (cmses.contains(role)) {
-        throw std::runtime_error(std::string("the package has a ") + nameOf(role) + "'s signature already");
+/// Signs as the request's identity of one role; adds nothing while signatures are missing.
+class CmsMaker {
+public:
+    CmsMaker(const SignRequest& request, const Common::Rpm::Reader& package,
+             PackageSignatures::PackageDigest digest)
+        : request_(request)
+        , package_(package)
+        , digest_(digest) {}
+
+    void add(CmsesByRole& cmses, Role role) const {
+        const auto& identity = role == Role::Developer ? request_.developer : request_.client;
+        if (!identity) {
+            return;
+        }
+        auto& certificate = *identity->certificate;
+        if (PackageSignatures::certificateOf(certificate).role() != role) {
+            throw std::runtime_error(std::string("the certificate given for the ") + nameOf(role) +
+                                     " is not one of a " + nameOf(role));
+        }
+        if (cmses.contains(role)) {
+            throw std::runtime_error(std::string("the package has a ") + nameOf(role) +
+                                     "'s signature already");
+        }
+        const PackageSignatures::DigestSigner sign = [&](const EVP_MD& algorithm, std::string_view digest) {
+            return request_.digests != nullptr
+                       ? request_.digests->signatureOf(certificate, algorithm, digest)
+                       : PackageSignatures::signDigest(*identity->key, algorithm, digest);
+        };
+        PackageSignatures::SignedContent content{digest_, {}};
+        if (role == Role::Developer) {
+            content.files = signFiles(package_, certificate, sign, request_.trustlets);
+        }
+        if (!isMissing()) { // the package's signature is made over those of its files
+            cmses.emplace(role, PackageSignatures::makeCms(certificate, sign, content));
+        }
     }
-    cmses.emplace(role, PackageSignatures::makeCms(*identity.certificate, *identity.key, content));
-}
+
+    [[nodiscard]] bool isMissing() const {
+        return request_.digests != nullptr && !request_.digests->missing().empty();
+    }
+
+private:
+    const SignRequest& request_;
+    const Common::Rpm::Reader& package_;
+    PackageSignatures::PackageDigest digest_;
+};
 
 void copyBytes(int source, std::uint64_t length, Common::AtomicFile& output) {
     std::string piece(std::size_t{1024} * 1024, '\0');
@@ -63,7 +100,60 @@ void copyBytes(int source, std::uint64_t length, Common::AtomicFile& output) {
     }
 }
 
-/// What the output takes the place of: where it is a link, what that leads to.
+Common::AtomicFile newFile(const OpenPackage& package, const std::filesystem::path& output) {
+    struct stat status {};
+    if (fstat(package.descriptor(), &status) != 0) {
+        throw std::system_error(errno, std::generic_category(), "couldn't read");
+    }
+    const auto path = placeOf(output);
+    return {path.parent_path(),
+            path.filename().native(),
+            {.mode = status.st_mode & 0777, .concurrentWriters = true}};
+}
+
+void writeSigned(const SignRequest& request) {
+    const OpenPackage package(request.package);
+    auto output = newFile(package, request.output);
+    copyBytes(package.descriptor(), package.packageLength(), output);
+    // From here on it is the copy that is read: nobody else writes to that.
+    const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), package.packageLength());
+    const Common::Rpm::Reader reader("/proc/self/fd/" + std::to_string(output.descriptor()));
+    if (!request.evenBroken) {
+        Common::Rpm::requireWholePackage(reader, package.packageLength());
+    }
+    auto cmses = existingCmses(package, digest, request);
+    const CmsMaker maker(request, reader, digest);
+    maker.add(cmses, Role::Developer);
+    maker.add(cmses, Role::Client);
+    if (maker.isMissing()) {
+        return;
+    }
+    std::vector<std::string> ordered;
+    for (auto& [role, cms] : cmses) {
+        ordered.push_back(std::move(cms));
+    }
+    output.write(PackageSignatures::Container::encodedTail(package.packageLength(), ordered));
+    output.commit(Common::Durability::Now);
+}
+
+void writeStripped(const std::filesystem::path& path, const std::filesystem::path& output) {
+    const OpenPackage package(path);
+    auto copy = newFile(package, output);
+    copyBytes(package.descriptor(), package.packageLength(), copy);
+    copy.commit(Common::Durability::Now);
+}
+
+template<typename Action>
+void named(const std::string& words, const std::filesystem::path& package, const Action& action) {
+    try {
+        action();
+    } catch (const std::exception& error) {
+        throw std::runtime_error(words + package.string() + ": " + error.what());
+    }
+}
+
+} // namespace
+
 std::filesystem::path placeOf(const std::filesystem::path& output) {
     const auto type = std::filesystem::status(output).type();
     const bool isLink = std::filesystem::is_symlink(std::filesystem::symlink_status(output));
@@ -76,48 +166,12 @@ std::filesystem::path placeOf(const std::filesystem::path& output) {
     return std::filesystem::weakly_canonical(std::filesystem::absolute(output));
 }
 
-void writeSigned(const SignRequest& request) {
-    requireRole(request.developer, Role::Developer);
-    requireRole(request.client, Role::Client);
-    const OpenPackage package(request.package);
-    struct stat status {};
-    if (fstat(package.descriptor(), &status) != 0) {
-        throw std::system_error(errno, std::generic_category(), "couldn't read");
-    }
-    const auto path = placeOf(request.output);
-    Common::AtomicFile output(path.parent_path(), path.filename().native(),
-                              {.mode = status.st_mode & 0777, .concurrentWriters = true});
-    copyBytes(package.descriptor(), package.packageLength(), output);
-    // From here on it is the copy that is read: nobody else writes to that.
-    const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), package.packageLength());
-    const Common::Rpm::Reader reader("/proc/self/fd/" + std::to_string(output.descriptor()));
-    if (!request.evenBroken) {
-        Common::Rpm::requireWholePackage(reader, package.packageLength());
-    }
-    auto cmses = existingCmses(package, digest);
-    if (request.developer) {
-        addCms(cmses, Role::Developer, *request.developer,
-               {digest, signFiles(reader, *request.developer, request.trustlets)});
-    }
-    if (request.client) {
-        addCms(cmses, Role::Client, *request.client, {digest, {}});
-    }
-    std::vector<std::string> ordered;
-    for (auto& [role, cms] : cmses) {
-        ordered.push_back(std::move(cms));
-    }
-    output.write(PackageSignatures::Container::encodedTail(package.packageLength(), ordered));
-    output.commit(Common::Durability::Now);
+void signPackage(const SignRequest& request) {
+    named("couldn't sign ", request.package, [&] { writeSigned(request); });
 }
 
-} // namespace
-
-void signPackage(const SignRequest& request) {
-    try {
-        writeSigned(request);
-    } catch (const std::exception& error) {
-        throw std::runtime_error("couldn't sign " + request.package.string() + ": " + error.what());
-    }
+void stripPackage(const std::filesystem::path& package, const std::filesystem::path& output) {
+    named("couldn't strip ", package, [&] { writeStripped(package, output); });
 }
 
 } // namespace Signing

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tools/vendara-sign/DigestFile.h"
 #include "tools/vendara-sign/Identity.h"
 
 #include <filesystem>
@@ -15,14 +16,24 @@ struct SignRequest {
     std::optional<Identity> developer{};  ///< signs the package and its files
     std::optional<Identity> client{};     ///< signs the package
     std::vector<std::string> trustlets{}; ///< see signFiles()
-    bool evenBroken = false; ///< signs what is not one whole binary package; for tests of devices
+    bool replaces = false;                ///< signatures of the same roles, valid or not
+    bool evenBroken = false;       ///< signs what is not one whole binary package; for tests of devices
+    DigestFile* digests = nullptr; ///< has the signatures, where the identities have no keys
 };
 
 /// Writes the package with the signatures that it has and those that are asked for. The output is replaced as
-/// a whole, and only when all went well; a link stays, and what it leads to is replaced. Throws
-/// std::exception, whose text names the path, for a package that librpm does not accept, that is not one
-/// whole binary package (Common::Rpm::requireWholePackage()), that has a signature of the same role already
-/// or a damaged one, for an identity of another role, and for an output that is there and no regular file.
+/// a whole, and only when all went well; a link stays, and what it leads to is replaced. Nothing is written
+/// while request.digests misses signatures. Throws std::exception, whose text names the path, for a package
+/// that librpm does not accept, that is not one whole binary package (Common::Rpm::requireWholePackage()),
+/// that has a signature of the same role already or a damaged one, for an identity of another role, and for
+/// an output that is there and not a regular file.
 void signPackage(const SignRequest& request);
+
+/// What an output replaces: where it is a link, what that leads to. Throws std::exception for what is there
+/// and not a regular file.
+[[nodiscard]] std::filesystem::path placeOf(const std::filesystem::path& output);
+
+/// Writes the package without its signatures. Output and exceptions as for signPackage().
+void stripPackage(const std::filesystem::path& package, const std::filesystem::path& output);
 
 } // namespace Signing
