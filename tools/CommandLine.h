@@ -15,19 +15,23 @@ namespace Tools {
 /// The exit status of a program whose command line is wrong.
 inline constexpr int wrongUsage = 2;
 
-/// Tells on standard error what is wrong with a command line. Safe for a terminal.
-inline void tellWrongUsage(const std::string& problem) {
+/// Reports on standard error what is wrong with a command line. Safe for a terminal.
+inline void reportWrongUsage(const std::string& problem) {
     std::cerr << Common::printable(problem) << "\nRun with --help for more information." << std::endl;
 }
 
-/// What is wrong with a command line: what the parser does not know comes first, since what it misses may be
-/// just that.
+/// What is wrong with a command line. What the parser does not know comes first: it may be meant for what the
+/// parser misses.
 inline std::string problemOf(const CLI::App& parser, const CLI::ParseError& error) {
+    const std::string text = error.what();
+    if (const auto end = text.find(" was given a disallowed flag override"); end != std::string::npos) {
+        return "--" + text.substr(0, end) + " takes no value";
+    }
     const auto unknown = parser.remaining(true);
     const auto given = parser.get_subcommands();
     const bool takesCommand = !parser.get_subcommands([](const CLI::App*) { return true; }).empty();
     if (unknown.empty()) {
-        return takesCommand && given.empty() ? "a command is required" : error.what();
+        return takesCommand && given.empty() ? "a command is required" : text;
     }
     const auto command = given.empty() ? "" : given.front()->get_name() + ": ";
     const auto& first = unknown.front();
@@ -38,13 +42,26 @@ inline std::string problemOf(const CLI::App& parser, const CLI::ParseError& erro
            first;
 }
 
+/// Has "--flag=value" refused for every flag: the parser would take some values for the flag alone.
+inline void refuseValuesOfFlags(CLI::App& parser) {
+    for (auto* const option : parser.get_options()) {
+        if (option->get_items_expected_max() == 0) {
+            option->disable_flag_override();
+        }
+    }
+    for (auto* const command : parser.get_subcommands([](const CLI::App*) { return true; })) {
+        refuseValuesOfFlags(*command);
+    }
+}
+
 /// Parses a command line.
-/// @param tell  is given what is wrong with it
-/// @return nothing when the program is to go on; its exit status after help was asked for, or after the
-///         command line was wrong
+/// @param report  is called with what is wrong with it
+/// @return nothing when the program is to continue; its exit status after it printed help, or when the
+///         command line is wrong
 [[nodiscard]] inline std::optional<int>
 parse(CLI::App& parser, int argc, const char* const* argv,
-      const std::function<void(const std::string&)>& tell = tellWrongUsage) {
+      const std::function<void(const std::string&)>& report = reportWrongUsage) {
+    refuseValuesOfFlags(parser);
     try {
         parser.parse(argc, argv);
         return {};
@@ -52,7 +69,7 @@ parse(CLI::App& parser, int argc, const char* const* argv,
         if (error.get_exit_code() == EXIT_SUCCESS) {
             return parser.exit(error);
         }
-        tell(problemOf(parser, error));
+        report(problemOf(parser, error));
         return wrongUsage;
     }
 }

@@ -132,7 +132,10 @@ TEST_F(Vendaractl, NamesWhatIsWrongWithACommandLine) {
         {{"install", "--bogus"}, "install: unknown option: --bogus"},
         {{"info", "--no-wait"}, "info: unknown option: --no-wait"},
         {{"start", "a", "b"}, "start: unexpected argument: b"},
-        {{"remove"}, "ID is required"}};
+        {{"remove"}, "ID is required"},
+        {{"wait", "a", "b"}, "wait: unexpected argument: b"},
+        {{"wait", "a/b"}, "vendaractl: a/b: not a valid identifier"},
+        {{"operations", "--follow=3"}, "--follow takes no value"}};
     for (const auto& [arguments, problem] : cases) {
         const auto result = ctl(arguments);
         EXPECT_EQ(result.status, 2) << problem;

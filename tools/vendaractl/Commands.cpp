@@ -45,7 +45,7 @@ ExitStatus carryOut(const Request& request, Begin begin) {
                 view->refused(subject, error.what());
             }
         }
-        const bool succeeded = !request.wait || client.follow();
+        const bool succeeded = request.isDetached || client.follow();
         return succeeded && allTaken;
     });
 }

@@ -13,7 +13,7 @@ enum ExitStatus : int { Success = 0, OperationFailed = 1, BadUsage = 2, NoServic
 /// The options and arguments of a command.
 struct Request {
     Format format = Format::Words;
-    bool wait = true;
+    bool isDetached = false; ///< does not wait for the end
     bool follow = false;
     std::vector<std::string> arguments; ///< absolute paths of existing files, or identifiers
 };

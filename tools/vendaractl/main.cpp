@@ -50,9 +50,8 @@ public:
         auto* const removal = add("remove", "Remove installed packages", remove);
         arguments(removal, "ID", "Package identifiers");
         for (auto* const command : {installation, removal}) {
-            command->add_flag_callback(
-                "--no-wait", [this] { request_.wait = false; },
-                "Return as soon as the operations are queued");
+            command->add_flag("--no-wait", request_.isDetached,
+                              "Return as soon as the operations are queued");
         }
         add("list", "List the installed packages", list);
         add("operations", "List the operations that this program requested", operations)
@@ -75,7 +74,7 @@ public:
             if (app_.count("--json") > 0) {
                 printFailure(Format::Json, {}, problem);
             } else {
-                Tools::tellWrongUsage(problem);
+                Tools::reportWrongUsage(problem);
             }
         };
         if (const auto ended = Tools::parse(app_, argc, argv, report)) {
