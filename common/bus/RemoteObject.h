@@ -26,8 +26,8 @@ public:
     call(std::string method, std::chrono::microseconds timeout, Arguments... arguments) {
         const auto answer = send(method, timeout, arguments...);
         co_await answer->arrived.wait();
-        if (answer->error) {
-            throw sdbus::Error(*answer->error);
+        if (const auto& error = answer->error) {
+            throw sdbus::Error(*error);
         }
         std::tuple<Results...> results;
         std::apply([&](auto&... each) { static_cast<void>((answer->reply >> ... >> each)); }, results);

@@ -134,7 +134,7 @@ public:
 
     // The first status arrives before the reply.
     Operation begin(const std::string& method, const std::string& argument) {
-        const auto operation = fromBus(std::get<0>(call<Common::OperationRecord>(method, argument)));
+        auto operation = fromBus(std::get<0>(call<Common::OperationRecord>(method, argument)));
         update(operation);
         return operation;
     }
@@ -254,7 +254,8 @@ private:
              isOneOf({"ServiceUnknown", "NameHasNoOwner", "Disconnected", "TimedOut", "Timeout"}))) {
             throw ServiceAbsent(error.getMessage());
         }
-        throw CallRefused(error.getMessage());
+        const bool isUnreadable = error.getName().starts_with("System.Error.");
+        throw CallRefused((isUnreadable ? "unexpected reply of the service: " : "") + error.getMessage());
     }
 
     template<typename Record, typename Argument>
