@@ -352,7 +352,8 @@ private:
     // An operation that failed may be listed only until the next one begins.
     [[nodiscard]] milliseconds longestPatience() const {
         const bool mayFail = std::any_of(operations_.begin(), operations_.end(), [](const auto& followed) {
-            return followed.isAttached && followed.operation.status < OperationStatus::AwaitingUpgrade;
+            return followed.isAttached && !followed.isLost &&
+                   followed.operation.status < OperationStatus::AwaitingUpgrade;
         });
         return mayFail ? firstPatience : lastPatience;
     }
