@@ -7,7 +7,7 @@
 
 namespace Common {
 
-/// What went wrong, as clients see it in an operation's error code. The numbers are part of the bus
+/// The kind of a failure, as clients see it in an operation's error code. The numbers are part of the bus
 /// interface; 12 is unassigned and stays so.
 enum class ErrorCode : std::uint32_t {
     None = 0,

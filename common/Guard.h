@@ -7,16 +7,16 @@
 
 namespace Common {
 
-/// Calls what must not throw here: on a thread of our own or below a C library's frames. An exception becomes
-/// error lines that begin with the words, and goes no further.
+/// Makes a call that must not throw, for example on a thread of the program or below frames of a C library.
+/// An exception is logged as error lines that begin with `message`.
 template<typename Call>
-void guarded(std::string_view words, Call&& call) noexcept {
+void guarded(std::string_view message, Call&& call) noexcept {
     try {
         call();
     } catch (const std::exception& error) {
-        logFailure(LogLevel::Error, words, error);
+        logFailure(LogLevel::Error, message, error);
     } catch (...) {
-        logError() << words;
+        logError() << message;
     }
 }
 

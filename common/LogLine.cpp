@@ -54,8 +54,8 @@ LogLine& LogLine::operator<<(const std::exception& error) {
     return *this << std::string_view(text);
 }
 
-void logFailure(LogLevel level, std::string_view words, const std::exception& error) {
-    LogLine(level) << words;
+void logFailure(LogLevel level, std::string_view message, const std::exception& error) {
+    LogLine(level) << message;
     LogLine(level) << error;
 }
 

@@ -38,8 +38,8 @@ inline LogLine logInfo() { return LogLine(LogLevel::Info); }
 inline LogLine logWarning() { return LogLine(LogLevel::Warning); }
 inline LogLine logError() { return LogLine(LogLevel::Error); }
 
-/// Two lines at the same level about a caught failure: the caller's words, then the failure's own text.
-void logFailure(LogLevel level, std::string_view words, const std::exception& error);
+/// Two lines at the same level about a caught failure: the caller's message, then the failure's own text.
+void logFailure(LogLevel level, std::string_view message, const std::exception& error);
 
 /// The path in double quotes, '"' and '\' escaped with a backslash, as log texts carry paths.
 [[nodiscard]] std::string quoted(const std::filesystem::path& path);

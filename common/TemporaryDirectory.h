@@ -12,7 +12,7 @@ public:
     /// @param name    the first part of the directory's name
     /// Throws Error, code Filesystem.
     explicit TemporaryDirectory(const std::filesystem::path& parent, const std::string& name = "vendara");
-    /// A directory that cannot be removed is a warning in the log.
+    /// A failure to remove it is logged.
     ~TemporaryDirectory();
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;

@@ -19,12 +19,10 @@ class BusConnection {
 public:
     using LostHandler = std::function<void(const sdbus::Error&)>;
 
-    /// @param connection  not run by anybody else. Coroutines that wait hold messages of it, which must not
-    /// outlive
-    ///                    it: what owns the loop's last coroutine keeps it, so share it.
-    /// @param lost        called once, when it is first seen that the bus is gone. Pending calls get their
-    /// error
-    ///                    afterwards. The connection must not be destroyed in it.
+    /// @param connection  without another event loop. Waiting coroutines hold messages of it, which must not
+    ///                    outlive it: the owner of the loop's last coroutine shares it.
+    /// @param lost        called once, when the bus is first found to be gone. Pending calls get their errors
+    ///                    afterwards. It must not destroy the connection.
     /// Throws std::system_error when the system has no descriptors left.
     BusConnection(Loop& loop, std::shared_ptr<sdbus::IConnection> connection, LostHandler lost);
     ~BusConnection();
@@ -36,14 +34,13 @@ public:
     /// The same, for those that hold messages.
     [[nodiscard]] std::shared_ptr<sdbus::IConnection> sharedBus() { return connection_; }
 
-    /// Has the loop run a task that may send, after those posted before. What it throws is logged. Any
-    /// thread.
+    /// Posts a task to the loop, which may send messages. Its exceptions are logged. Any thread.
     void post(std::function<void()> task);
 
-    /// To be called after a message was handed to the bus library other than from one of its handlers.
+    /// To be called after a message was given to the bus library outside its handlers.
     void sent();
-    /// To be called with the error of a call or of sending, before anything is made of it.
-    /// @return whether it means that the bus is gone; the lost handler has been called then
+    /// To be called first with every error of a call or of sending.
+    /// @return whether the bus is gone; then the lost handler has been called
     bool isLoss(const sdbus::Error& error);
 
     /// Returns when all that was sent has been written to the bus, or at the deadline.

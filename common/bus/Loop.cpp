@@ -38,12 +38,12 @@ void Loop::onTermination(std::function<void()> handler) {
     });
 }
 
-void Loop::spawn(std::string_view words, asio::awaitable<void> coroutine) {
-    asio::post(context_, [this, words = std::string(words), coroutine = std::move(coroutine)]() mutable {
+void Loop::spawn(std::string_view message, asio::awaitable<void> coroutine) {
+    asio::post(context_, [this, message = std::string(message), coroutine = std::move(coroutine)]() mutable {
         asio::co_spawn(context_, std::move(coroutine),
-                       [words = std::move(words)](const std::exception_ptr& failure) {
+                       [message = std::move(message)](const std::exception_ptr& failure) {
                            if (failure) {
-                               guarded(words, [&] { std::rethrow_exception(failure); });
+                               guarded(message, [&] { std::rethrow_exception(failure); });
                            }
                        });
     });

@@ -67,9 +67,9 @@ public:
     /// Calls the handler at the first SIGTERM or SIGINT; a second one kills the process. Once.
     void onTermination(std::function<void()> handler);
 
-    /// Starts a coroutine that nobody waits for, in a later turn of the loop: never inside a handler of a
-    /// bus, which holds that connection's lock. An exception is logged, after the words.
-    void spawn(std::string_view words, asio::awaitable<void> coroutine);
+    /// Starts a coroutine whose end is not waited for, in a later turn of the loop: never inside a handler of
+    /// a bus, which holds that connection's lock. An exception is logged after `message`.
+    void spawn(std::string_view message, asio::awaitable<void> coroutine);
 
     /// Has the helper thread run work(), after the jobs that were begun before.
     /// Throws Error, code Internal, when maximumJobs have not ended.

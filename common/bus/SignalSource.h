@@ -39,7 +39,7 @@ private:
     std::string service_;
     std::function<void()> appeared_;
     std::function<void()> vanished_;
-    std::string owner_; // unique name; empty: nobody
+    std::string owner_; // unique name; empty without one
     bool hasLogged_ = false;
     std::vector<sdbus::Slot> slots_;
 };

@@ -8,13 +8,13 @@
 
 namespace Devkit {
 
-/// Tells who owns a bus name, from what the bus knows of the connection's process: the program that it
-/// executes and the user that it runs as. An executable in a package's directory counts as the package, so
-/// that an application stays the same one over its upgrades.
+/// Finds the application and the user of a bus name, from what the bus knows of the connection's process: the
+/// program that it executes and its user. An executable in a package's directory counts as the package, so
+/// that an application keeps its identity over its upgrades.
 ///
-/// What it tells is as good as these facts: programs of one interpreter are one application, the process may
-/// have executed something else since it connected, and processes of another user are hidden from a plain
-/// user. Good enough for development; a device asks the one who started the process. Main thread only.
+/// This suffices for development: programs of one interpreter are one application, the process may have
+/// executed another program since it connected, and an ordinary user cannot see processes of others. A device
+/// asks the service that started the process. Main thread only.
 class IdentityService {
 public:
     /// @param packageRoot  root directory of the package database

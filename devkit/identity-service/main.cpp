@@ -5,7 +5,7 @@
 
 int main(int argc, char** argv) {
     CLI::App options(
-        "Application identification for development: finds out who owns a name on the session bus.");
+        "Application identification for development: finds the owner of a name on the session bus.");
     std::string packageRoot = "/opt/app";
     options.add_option("--package-root", packageRoot, "Root directory of the package database")
         ->capture_default_str();

@@ -17,7 +17,7 @@ namespace Devkit {
 class RuntimeManager {
 public:
     struct Settings {
-        std::filesystem::path systemRoot;     ///< where desktop entries and programs are looked up
+        std::filesystem::path systemRoot;     ///< of desktop entries and programs
         std::chrono::milliseconds patience{}; ///< from SIGTERM to SIGKILL
     };
 

@@ -6,7 +6,7 @@
 int main(int argc, char** argv) {
     CLI::App options("Runtime manager for development: starts and ends applications on the session bus.");
     std::string systemRoot = "/";
-    options.add_option("--system-root", systemRoot, "Where desktop entries and programs are looked up")
+    options.add_option("--system-root", systemRoot, "Directory of the desktop entries and programs")
         ->capture_default_str()
         ->check(CLI::ExistingDirectory);
     int patience = 3000;

@@ -66,7 +66,7 @@ int runPlatform(Devkit::Platform& platform, const Options& options) {
         std::cout << "export " << variable.substr(0, equals) << '=' << inShell(variable.substr(equals + 1))
                   << '\n';
     }
-    std::cout << "# The platform runs until Ctrl-C.\n" << std::flush;
+    std::cout << "# The platform is running until Ctrl-C.\n" << std::flush;
     platform.waitForTrouble();
 }
 
@@ -153,11 +153,12 @@ int main(int argc, char** argv) {
     }
     parser.set_version_flag("--version", "vendara-devkit " VENDARA_VERSION);
     parser.add_flag("--shell", options.shell, "Run an interactive shell in it instead of a command");
-    parser.add_option("--logs", options.logs, "Directory for the programs' logs; they stay there");
+    parser.add_option("--logs", options.logs, "Directory for the programs' logs, which are kept");
     parser.add_option("--keys", options.keys,
-                      "Directory of the keys that sign packages; made by vendara-sign if missing");
-    parser.add_flag("--without-namespace", options.withoutNamespace,
-                    "Let the daemon read the host's /etc/zul/zul.conf; it then knows no prepared upgrades");
+                      "Directory of the keys that sign packages; vendara-sign makes missing ones");
+    parser.add_flag(
+        "--without-namespace", options.withoutNamespace,
+        "Let the daemon read the host's /etc/zul/zul.conf; it then does not see prepared upgrades");
     parser.callback([&options] {
         if (options.shell && !options.command.empty()) {
             throw CLI::ExcludesError("command", "--shell");

@@ -11,7 +11,7 @@
 
 namespace Devkit {
 
-/// Runs what has been posted and writes out what is queued, at most for two seconds.
+/// Runs the posted tasks and writes all queued messages, for at most two seconds.
 inline void flush(Common::BusConnection& bus) {
     const auto write = [](Common::BusConnection& connection) -> asio::awaitable<void> {
         co_await connection.flushed(Common::TimePoint::clock::now() + std::chrono::seconds(2));
@@ -22,7 +22,7 @@ inline void flush(Common::BusConnection& bus) {
     bus.loop().run();
 }
 
-/// Carries a service on a bus until SIGTERM, SIGINT or the loss of the bus.
+/// Runs a service on a bus until SIGTERM, SIGINT or the loss of the bus.
 /// @param connect  opens the connection, for example sdbus::createSessionBusConnection
 /// @param name  well-known name
 /// @param make  makes the service on a bus connection, and returns it as a unique_ptr. A member finish() of
@@ -52,13 +52,13 @@ int serve(Connect connect, const std::string& name, Make make) {
     }
 }
 
-/// An error to reply with. A text that cannot travel on a bus is replaced: the reply could not be sent.
+/// An error reply. A text that cannot be sent on a bus is replaced.
 [[nodiscard]] inline sdbus::Error busError(const std::string& name, const std::string& text) {
     return {name, Common::isBusText(text) ? text : "The error message is not valid UTF-8"};
 }
 
-/// Runs the body of a method handler. What it throws is logged and leaves as an sdbus::Error, the only kind
-/// of exception that may cross the bus library.
+/// Runs the body of a method handler. An exception is logged and becomes an sdbus::Error, the only type that
+/// may pass through the bus library.
 /// @param errorName  for an exception that has no bus error name of its own
 template<typename Body>
 auto withBusErrors(const std::string& errorName, Body body) {

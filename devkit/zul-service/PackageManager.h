@@ -19,8 +19,8 @@ public:
 
     struct Settings {
         Core::ZUL::Authorities authorities;
-        Core::ZUL::AttributeWriter attributes; ///< how extraction attaches extended attributes
-        std::string architecture;              ///< what packages have to be built for, beside "noarch"
+        Core::ZUL::AttributeWriter attributes; ///< attaches extended attributes to extracted files
+        std::string architecture;              ///< of the packages, beside "noarch"
     };
 
     struct Installed {

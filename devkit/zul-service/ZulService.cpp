@@ -74,7 +74,7 @@ void ZulService::registerInterface() {
         .implementedAs([this](Reply&& reply, const std::string& id) {
             answerWhenDone(std::move(reply), [this, id]() -> Work {
                 manager_.remove(id);
-                return [this, id] { tellRemoved(id); };
+                return [this, id] { announceRemoval(id); };
             });
         });
     object_->registerMethod(Names::getPackageList)
@@ -96,7 +96,7 @@ void ZulService::registerInterface() {
 void ZulService::announceRecovered() {
     for (const auto& id : manager_.recovered()) {
         Common::guarded("couldn't announce the upgrade of " + id,
-                        [&] { tellPackage(Names::packageUpgraded, manager_.describe(id)); });
+                        [&] { announce(Names::packageUpgraded, manager_.describe(id)); });
     }
 }
 
@@ -105,7 +105,7 @@ ZulService::Work ZulService::install(const std::string& path) {
     if (installed.isPrepared) {
         return [this, id = installed.id] { completeWhenUnused(id); };
     }
-    return [this, id = installed.id] { tellPackage(Names::packageInstalled, manager_.describe(id)); };
+    return [this, id = installed.id] { announce(Names::packageInstalled, manager_.describe(id)); };
 }
 
 // The list was made at the end of the last operation. A package that was deleted since then is left out: its
@@ -128,7 +128,7 @@ void ZulService::answerWhenDone(Reply reply, Request request) {
     haveDone([this, reply = std::make_shared<Reply>(std::move(reply)), request = std::move(request)] {
         Work after = [] {};
         const auto failure = failureOf([&] { after = request(); });
-        tellList();
+        updateList();
         bus_.post([reply, failure] {
             if (failure) {
                 reply->returnError(*failure);
@@ -156,28 +156,28 @@ void ZulService::completeWhenUnused(const std::string& id) {
         }
         const auto package = manager_.describe(id);
         manager_.completeUpgrade(id);
-        tellList();
-        tellPackage(Names::packageUpgraded, package);
+        updateList();
+        announce(Names::packageUpgraded, package);
     });
     if (failure) {
         Common::logError() << "couldn't complete the upgrade of " << id;
-        tellList();
+        updateList();
         postAfter(bus_, retryDelay_, again);
     }
 }
 
-void ZulService::tellList() {
+void ZulService::updateList() {
     Common::guarded("couldn't list the packages",
                     [this] { bus_.post([this, list = manager_.list()] { packages_ = list; }); });
 }
 
-void ZulService::tellPackage(const std::string& signal, const Core::ZUL::PackageData& package) {
+void ZulService::announce(const std::string& signal, const Core::ZUL::PackageData& package) {
     bus_.post([this, signal, package] {
         object_->emitSignal(signal).onInterface(Names::interface).withArguments(package);
     });
 }
 
-void ZulService::tellRemoved(const std::string& id) {
+void ZulService::announceRemoval(const std::string& id) {
     bus_.post([this, id] {
         object_->emitSignal(Names::packageRemoved).onInterface(Names::interface).withArguments(id);
     });

@@ -44,9 +44,9 @@ private:
     void answerWhenDone(Reply reply, Request request);
     void haveDone(Work work);
     void completeWhenUnused(const std::string& id);
-    void tellList();
-    void tellPackage(const std::string& signal, const Core::ZUL::PackageData& package);
-    void tellRemoved(const std::string& id);
+    void updateList();
+    void announce(const std::string& signal, const Core::ZUL::PackageData& package);
+    void announceRemoval(const std::string& id);
 
     Common::BusConnection& bus_;
     std::chrono::milliseconds retryDelay_;

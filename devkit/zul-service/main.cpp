@@ -50,15 +50,16 @@ int main(int argc, char** argv) {
         "Package manager for development: installs, upgrades and removes signed packages for the clients "
         "on the system bus.");
     Options options;
-    parser.add_option("--configuration", options.configuration, "Names the database's directories")
+    parser.add_option("--configuration", options.configuration, "File that names the database's directories")
         ->capture_default_str()
         ->check(CLI::ExistingFile);
-    parser.add_option("--system-root", options.systemRoot, "Where packages' files appear")
+    parser.add_option("--system-root", options.systemRoot, "Directory in which the packages' files appear")
         ->capture_default_str()
         ->check(CLI::ExistingDirectory);
     parser.add_option("--keys", options.keys, "Directory of the authority's certificate")
         ->capture_default_str();
-    parser.add_option("--architecture", options.architecture, "What packages are built for [the platform's]");
+    parser.add_option("--architecture", options.architecture,
+                      "Architecture of the packages, beside noarch [the platform's]");
     parser
         .add_option("--retry-delay", options.retryDelay,
                     "Milliseconds from a failure to complete an upgrade to the next attempt")

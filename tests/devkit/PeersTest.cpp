@@ -156,7 +156,7 @@ TEST_F(ThePackageManager, RefusesByTheNameOfTheReasonAndKeepsEverything) {
 TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionHasEndedAndAgainAfterAFailure) {
     start();
     ASSERT_EQ(install(package({.version = "1.0"})), "");
-    // The kernel executes the shell; only the open script tells whose process it is.
+    // The kernel executes the shell; only the open script shows the process's package.
     Process application({"sh", "-c", "mkfifo fifo; exec \"$0\" <>fifo", directory_ / "root/usr/bin/app"},
                         {.directory = directory_});
     const auto commandLine = "/proc/" + std::to_string(application.pid()) + "/cmdline";

@@ -47,7 +47,7 @@ pid_t childOf(pid_t parent, const std::string& name) {
     return found;
 }
 
-/// Ends a platform, whose command has left a process behind that nobody waits for, and looks for remains.
+/// Ends a platform whose command has left an orphan process behind, and looks for leftovers.
 void expectNothingLeftAfter(const std::function<void(pid_t platform, pid_t keeper)>& end, int status) {
     static const ScratchDirectory keys;
     const ScratchDirectory scratch;
@@ -84,7 +84,7 @@ TEST(TheTour, HoldsFromInstallationToRemoval) {
     EXPECT_THAT(result.output, HasSubstr("All steps held"));
 }
 
-TEST(APlatform, RunsACommandAsItStandsAndFindsItsOwn) {
+TEST(APlatform, PassesACommandsArgumentsUnchangedAndHasItsOwnProgramsInThePath) {
     EXPECT_EQ(run({program, "--", "echo", "[1,2]", "--", ""}).output, "[1,2] -- \n");
     EXPECT_EQ(run({program, "--", "vendaractl", "list"}).status, 0);
     EXPECT_EQ(run({program, "--", "no such command"}).status, 127);
@@ -109,7 +109,7 @@ TEST(APlatform, LeavesAProcessBehindThatItMayNotKill) {
     EXPECT_TRUE(left > 1 && kill(left, SIGKILL) == 0) << result.output;
 }
 
-TEST(APlatform, LeavesNothingBehindWhoeverEndsIt) {
+TEST(APlatform, LeavesNothingBehindHoweverItEnds) {
     expectNothingLeftAfter([](pid_t platform, pid_t) { kill(platform, SIGINT); }, 128 + SIGINT);
     expectNothingLeftAfter([](pid_t platform, pid_t) { kill(platform, SIGKILL); }, 128 + SIGKILL);
     expectNothingLeftAfter([](pid_t, pid_t keeper) { kill(keeper, SIGKILL); }, 128 + SIGKILL);
@@ -118,7 +118,7 @@ TEST(APlatform, LeavesNothingBehindWhoeverEndsIt) {
                            128 + SIGTERM);
 }
 
-TEST(APlatform, TellsThatTheDiskIsFull) {
+TEST(APlatform, ReportsAFullDisk) {
     const ScratchDirectory scratch;
     const std::string script = R"sh(mount -t tmpfs -o size=4k none "$1" || exit 77
         TMPDIR=$1 "$2" -- true; status=$?; [ -z "$(ls -A "$1")" ] && exit $status)sh";
