@@ -156,7 +156,7 @@ void benchmarkOperations(const fs::path& scratch, const std::string& source) {
                        }));
         removing.add("rm -rf", milliseconds([&] { shell(removeCopy); }));
     }
-    const auto title = source == "data" ? ", each of them mapped" : ", none of them mapped";
+    const auto title = source == "data" ? ", each of them mapped" : ", not mapped";
     installing.print(std::string("Installing 10,000 files") + title, "cp -a");
     removing.print(std::string("Removing 10,000 files") + title, "rm -rf");
 }

@@ -115,7 +115,7 @@ UniqueFd openWithin(int directory, const std::filesystem::path& path, int flags,
     open_how how{};
     how.flags = static_cast<unsigned>(flags) | O_CLOEXEC;
     how.resolve = RESOLVE_NO_MAGICLINKS | (resolve == Resolve::Beneath ? RESOLVE_BENEATH : RESOLVE_IN_ROOT);
-    // EAGAIN: somebody renamed or mounted anything during a step upwards, and the kernel cannot vouch for it.
+    // EAGAIN: a rename or mount during a step upwards; the kernel cannot say where the step led.
     constexpr unsigned attempts = 500;
     long fd = -1;
     unsigned attempt = 0;
@@ -131,7 +131,7 @@ UniqueFd openRegularFile(const std::filesystem::path& file) noexcept {
     if (file.native().find('\0') != std::string::npos) {
         return {};
     }
-    // Without O_NONBLOCK a FIFO would hold us until somebody writes to it.
+    // Without O_NONBLOCK a FIFO would block until another process writes to it.
     UniqueFd fd(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     const bool isKnown = fd && fstat(fd.get(), &status) == 0;
     if (!fd || (isKnown && S_ISREG(status.st_mode))) {

@@ -77,9 +77,9 @@ enum class Resolve {
 [[nodiscard]] std::string readExistingFile(const std::filesystem::path& file, std::size_t limit);
 
 /// Deletes a file, a link or a directory with all that is in it. Links are deleted, never followed, also not
-/// when one takes a directory's place meanwhile. Directories that deny their owner access are made accessible
-/// if the caller owns them. A path that does not exist is not a failure; the first failure ends it. Each
-/// level of directories takes a file descriptor (RLIMIT_NOFILE).
+/// when one replaces a directory during the call. Directories that deny their owner access are made
+/// accessible if the caller owns them. A path that does not exist is not a failure; the first failure ends
+/// it. Each level of directories takes a file descriptor (RLIMIT_NOFILE).
 void removeTree(const std::filesystem::path& path);
 
 /// Makes a directory that every user may read, mode 0755 whatever the umask is.

@@ -75,7 +75,7 @@ int becomeProgram(char* const* arguments, char** environment, const SpawnOptions
     if (getppid() != parent) {
         return ESRCH;
     }
-    // Before the lookup, which goes by the PATH that the program is to have.
+    // Before the lookup, which uses the PATH of the new environment.
     environ = environment;
     execvp(arguments[0], arguments);
     return errno;

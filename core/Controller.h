@@ -48,14 +48,14 @@ public:
     /// Hands over and forgets what addCompletedOperation() stored for the application, oldest first.
     [[nodiscard]] std::vector<Operation> takeCompletedOperations(const Common::CallerIdentity& initiator);
 
-    /// Stores a completed operation whose initiator could not be told of its end. An application's store
+    /// Stores a completed operation whose end could not be reported to its initiator. An application's store
     /// holds maximumCompleted; the oldest goes first, with a line in the log.
     void addCompletedOperation(const Operation& operation);
 
     /// Stores again what takeCompletedOperations() gave and could not be handed on.
     void returnCompletedOperations(const std::vector<Operation>& operations);
 
-    /// Forgets a completed operation: its initiator has been told of its end.
+    /// Forgets a completed operation: its end was reported to its initiator.
     void reported(const Operation& operation);
 
     /// Fails the queued operations with code 2 in their order, when the running one has ended, and takes no

@@ -89,7 +89,7 @@ void StatusAnnouncer::hurry() {
 }
 
 asio::awaitable<void> StatusAnnouncer::run(std::string busName) {
-    auto& lane = batches_.at(busName); // stays where it is, whatever else is added
+    auto& lane = batches_.at(busName); // references stay valid when keys are added
     while (!lane.empty()) {
         const auto batch = lane.front();
         batch->isStarted = true;

@@ -39,8 +39,8 @@ public:
     /// end, and a unique name is never given twice.
     void hurry();
 
-    /// Whether somebody has the unique name and so was sent what was sent to it before. A bus that does not
-    /// say so counts as no.
+    /// Whether the unique name is still on the bus, so that what was sent to it before has arrived. A bus
+    /// that does not say so counts as no.
     [[nodiscard]] asio::awaitable<bool> isOnBus(std::string busName);
 
 private:

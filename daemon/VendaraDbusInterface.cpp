@@ -23,8 +23,8 @@ using Common::TimePoint;
 
 sdbus::Error refusal(const std::string& text) { return {Own::error, text}; }
 
-// The edge: whatever a request throws becomes the interface's one error. A refusal has its text already; for
-// anything else the cause goes to the log and the caller gets the given text.
+// The edge: every exception of a request becomes the interface's one error. A refusal has its text already;
+// for anything else the cause goes to the log and the caller gets the given text.
 sdbus::Error refusalFor(const std::exception_ptr& failure, const std::string& text) noexcept {
     try {
         std::rethrow_exception(failure);
@@ -292,7 +292,7 @@ asio::awaitable<void> VendaraDbusInterface::launch(sdbus::Result<>& reply, TimeP
     reply.returnResults();
 }
 
-// A caller that had left when the reply was sent has not been told.
+// A caller that had left before the reply was sent did not receive it.
 asio::awaitable<void> VendaraDbusInterface::confirm(std::string busName,
                                                     std::vector<Core::Operation> completed) {
     const bool isOnBus = co_await announcer_.isOnBus(busName);

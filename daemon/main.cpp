@@ -29,7 +29,7 @@ int fail(const std::string& message) {
 int serve() {
     const auto connection = connectToSessionBus(); // first: coroutines that never end hold messages of it
     Common::Loop loop;
-    // At once: whatever else fails without the bus has nothing to add to the two lines.
+    // At once: the failures that follow from it have nothing to add to the two lines.
     Common::BusConnection session(loop, connection,
                                   [](const sdbus::Error& error) { std::_Exit(fail(error.getMessage())); });
     const Daemon::VendaraDbusInterface service(session, Own::objectPath);
@@ -43,7 +43,7 @@ int serve() {
 } // namespace
 
 int main() {
-    std::signal(SIGPIPE, SIG_IGN); // whoever reads the log may go away
+    std::signal(SIGPIPE, SIG_IGN); // the reader of the log may have gone
     try {
         return serve();
     } catch (const sdbus::Error& error) {

@@ -44,7 +44,7 @@ public:
         }
     }
 
-    /// Sends a signal of the object, to everybody.
+    /// Broadcasts a signal of the object.
     template<typename... Arguments>
     void send(const std::string& interface, const std::string& name, const Arguments&... arguments) {
         auto signal = object_->createSignal(interface, name);

@@ -18,7 +18,7 @@ struct ScratchDirectory : Common::TemporaryDirectory {
 void writeFile(const std::filesystem::path& file, const std::string& content);
 
 [[nodiscard]] std::string readFile(const std::filesystem::path& file);
-/// The same of an open file, wherever its offset is.
+/// The same of an open file, from its start.
 [[nodiscard]] std::string readFile(const Common::UniqueFd& file);
 
 /// A line for everything below a directory: path, mode, link target or content hash. Equal before and after

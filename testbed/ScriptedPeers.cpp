@@ -160,7 +160,7 @@ Identification::Identification()
             called("IdentifyByBusName", busName, std::move(result), [this, busName](auto& reply) {
                 const auto application = applicationOf(busName);
                 if (application.empty()) {
-                    reply.returnError(sdbus::Error("norvane.am.Error", "nobody has this name"));
+                    reply.returnError(sdbus::Error("norvane.am.Error", "no connection has this name"));
                 } else {
                     reply.returnResults(application, "user");
                 }

@@ -39,7 +39,7 @@ public:
         releaseName();
         takeName();
     }
-    /// Answers all that wait, and whatever comes from now on.
+    /// Answers all calls that wait, and all later ones.
     void letGo();
     [[nodiscard]] bool waitForCalls(const std::string& method, std::size_t count) const;
     /// The arguments of the calls so far, in their order.
@@ -118,12 +118,13 @@ private:
     std::unique_ptr<sdbus::IObject> intents_;
 };
 
-/// The identification service: everybody is an application named after the bus name, unless told otherwise.
+/// The identification service: every caller is an application named after its bus name, unless set() names
+/// another.
 class Identification : public ScriptedPeer {
 public:
     Identification();
     ~Identification() { peer_.stop(); }
-    /// @param application  empty: nobody has this bus name any more
+    /// @param application  empty: the bus name has no owner any more
     void set(const std::string& busName, const std::string& application);
 
 private:

@@ -28,7 +28,7 @@ template<typename Value>
 Value waitFor(std::promise<Value>& promise, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     auto future = promise.get_future();
     if (future.wait_for(limit) != std::future_status::ready) {
-        throw std::runtime_error("waited in vain");
+        throw std::runtime_error("timed out");
     }
     return future.get();
 }

@@ -33,7 +33,7 @@ BusConnection::BusConnection(Loop& loop, std::shared_ptr<sdbus::IConnection> con
     , timer_(loop.context())
     , self_(std::make_shared<BusConnection*>(this)) {
     waitForInput();
-    sent(); // whatever was read while the connection was made is waiting
+    sent(); // messages that were read while the connection was made are waiting
 }
 
 BusConnection::~BusConnection() = default;

@@ -18,7 +18,7 @@ std::size_t Lanes::count(const std::string& key) const {
 }
 
 asio::awaitable<void> Lanes::run(std::string key) {
-    auto& lane = lanes_.at(key); // stays where it is, whatever else is added
+    auto& lane = lanes_.at(key); // references stay valid when keys are added
     while (!lane.empty()) {
         try {
             co_await lane.front()();

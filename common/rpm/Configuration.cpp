@@ -40,7 +40,7 @@ std::string configurationFiles() {
     return files;
 }
 
-// Paths, each with what tells its state from any other; -1 where nothing is.
+// Paths with the inode, size and times of each; -1 where nothing is.
 using Stamps = std::map<std::string, std::array<long, 6>>;
 
 std::array<long, 6> stampOf(const std::string& path) {

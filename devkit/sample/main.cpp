@@ -12,7 +12,7 @@ namespace {
 
 const std::string name = "org.example.sample";
 
-// An installed package's files lie in one directory, and the program's real path leads there.
+// An installed package's files are in one directory, and the program's real path leads there.
 std::string readVersion() {
     const auto package = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
     std::ifstream file(package / "data/version");

@@ -29,7 +29,7 @@ public:
     /// The file is UTF-8 without NUL; its first group is "[Desktop Entry]"; comments and blank lines may
     /// stand anywhere. A group that appears twice, a key that appears twice in its group, a key outside a
     /// group, a name with characters that the format does not allow and a line of no known kind are refused,
-    /// so a manifest means the same to everybody who reads it. Lines end with a line feed; the last one need
+    /// so all readers of a manifest see the same values. Lines end with a line feed; the last one need
     /// not.
     /// @param bytes  the file's content, at most maximumSize bytes
     /// Throws std::runtime_error, whose text names the line, for anything that is no such file.

@@ -12,7 +12,7 @@ namespace PackageSignatures {
 class OpenPackage;
 
 /// A package file and the CMS signatures that it carries; libpkgverify.so.1. The file stays open as long as a
-/// copy lives, so what is verified is the file that was read whatever happens to its path. Copies share the
+/// copy lives, so what is verified is the file that was read, also when its path changes. Copies share the
 /// file; any thread may use them.
 class [[gnu::visibility("default")]] FileWithCmses {
 public:

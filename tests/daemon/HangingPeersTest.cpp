@@ -9,7 +9,7 @@ namespace Testbed {
 
 namespace {
 
-// One caller waits for a peer that does not answer it; everybody else gets answers.
+// One caller waits for a peer that does not answer; all others get answers.
 class WhileAPeerHoldsACaller : public DaemonTest {
 protected:
     void SetUp() override {
@@ -88,7 +88,7 @@ TEST_F(WhileAPeerHoldsACaller, StatusesOfOthersGoOnAndAnEndIsListedUntilItIsRepo
     ASSERT_TRUE(client.waitForStatus(operation, 10));
     hold(identification, "IdentifyByBusName", [&] { return zul.answer("Install"); }).get();
     const Client::Operation end(operation.get<0>(), operation.get<1>(), 0, 100, 0);
-    EXPECT_THAT(other.operations(), ElementsAre(end)) << "neither told nor stored";
+    EXPECT_THAT(other.operations(), ElementsAre(end)) << "neither reported nor stored";
     zul.hold("Install", false);
     EXPECT_TRUE(other.waitForStatus(other.install(file), 100));
     EXPECT_THAT(client.statusesOf(operation), ElementsAre(0, 10));

@@ -14,7 +14,7 @@ constexpr int requestsPerClient = 40;
 // Several clients that ask for all kinds of operations while packages, applications and clients come and go.
 class UnderStress : public DaemonTest {
 protected:
-    // One client's work. What it is told must fit what it reads meanwhile.
+    // One client's work. The statuses that it receives must agree with what it reads.
     void request(std::size_t number, const std::string& file) {
         Client client;
         const auto path = scratch.path() / ("client-" + std::to_string(number) + "-");

@@ -16,7 +16,7 @@ namespace Peer = Common::Names::Zul;
 using Common::PackageProperties;
 using testing::ElementsAre;
 
-// A package manager that refuses what it is told to refuse and can be made to send any signal.
+// A package manager that refuses calls on request and sends any signal.
 class ThePackageManagerClient : public testing::Test {
 protected:
     ThePackageManagerClient()

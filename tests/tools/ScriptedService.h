@@ -20,8 +20,8 @@ namespace Own = Common::Names::Vendara;
 struct Script {
     std::vector<int> statuses{0};
     int errorCode = 0;
-    bool completed = false; ///< told once as completed, without a signal
-    bool known = false;     ///< told as an operation that goes on
+    bool completed = false; ///< reported once as completed, without a signal
+    bool known = false;     ///< reported as an operation that goes on
     std::string refusal{};  ///< the call fails with this text
 };
 

@@ -84,7 +84,7 @@ Layout parseTrailer(std::string_view trailer) {
         }
     }
     checkLayout(layout);
-    // Whatever the fields above do not say has one value only.
+    // All other bytes have one valid value.
     if (encodedTrailer(layout) != trailer) {
         throw std::runtime_error("package has a trailer of an unknown form");
     }

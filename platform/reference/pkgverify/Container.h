@@ -34,14 +34,14 @@
 /// | 20 | 4 | version, 1 |
 /// | 24 | 8 | magic "VNDSIGNT" |
 ///
-/// The sizes have to add up to the file's very size: nothing lies in between or behind.
+/// The sizes must add up to the file's size: nothing is between the parts or behind them.
 namespace PackageSignatures::Container {
 
 constexpr std::size_t maximumCmses = 2;
 constexpr std::size_t trailerSize = 32;
 constexpr std::size_t frameHeaderSize = 8;
 
-/// Where a signed file's parts lie.
+/// The places of a signed file's parts.
 struct Layout {
     std::uint64_t packageLength = 0;     ///< bytes
     std::vector<std::uint32_t> cmsSizes; ///< bytes each

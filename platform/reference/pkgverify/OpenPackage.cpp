@@ -37,7 +37,7 @@ void OpenPackage::requireVerified(const std::filesystem::path& caPath) const {
     for (const auto& cms : cmses_) {
         authority.verify(cms);
     }
-    // Last, because it takes longest: nobody gets gigabytes hashed without a signature that holds.
+    // Last, because it takes longest: gigabytes are hashed only for a valid signature.
     const auto digest = Container::digestOf(descriptor(), packageLength());
     for (const auto& cms : cmses_) {
         if (cms.data().content.package != digest) {

@@ -40,7 +40,7 @@ using Store = Owned<X509_STORE, X509_STORE_free>;
 using StoreContext = Owned<X509_STORE_CTX, X509_STORE_CTX_free>;
 using ExtendedKeyUsage = Owned<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>;
 
-/// Leaves this thread's error queue as it was found, so that our failures are not taken for somebody else's.
+/// Leaves this thread's error queue as it was found, so that a caller does not see these errors as its own.
 class ErrorMark {
 public:
     ErrorMark() { ERR_set_mark(); }

@@ -70,8 +70,9 @@ std::string_view element(ByteReader& reader, std::uint8_t tag, std::size_t limit
     return reader.bytes(size);
 }
 
-/// Throws std::runtime_error unless a CMS (RFC 5652, 5.1) is of few elements: nobody has vouched for it yet,
-/// and OpenSSL spends many times their size on small ones. Only the content, one octet string, may be large.
+/// Throws std::runtime_error unless a CMS (RFC 5652, 5.1) is of few elements: its signature is not verified
+/// yet, and OpenSSL spends many times their size on small ones. Only the content, one octet string, may be
+/// large.
 void checkIsOfFewElements(std::string_view der) {
     constexpr std::uint8_t integer = 0x02;
     constexpr std::uint8_t octetString = 0x04;
@@ -125,7 +126,7 @@ Cms readCms(std::string der) {
     ASN1_OCTET_STRING** content = CMS_get0_content(cms.get());
     require(content != nullptr && *content != nullptr, "CMS has no content");
     const auto bytes = bytesOf(**content);
-    // Whatever could be said in two ways, or is not covered by the signature, is so compared at once.
+    // This compares at once everything that has two encodings or that the signature does not cover.
     require(encodedCms(*certificate, bytes, bytesOf(*CMS_SignerInfo_get0_signature(&onlySignerOf(*cms)))) ==
                 der,
             "CMS is not in its one allowed encoding");

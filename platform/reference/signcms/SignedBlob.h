@@ -15,7 +15,7 @@ namespace PackageSignatures {
 constexpr std::size_t maximumBlobSize = std::size_t{64} * 1024 * 1024;
 
 /// Object identifiers of the roles' extended key usages (RFC 5280, 4.2.1.12), below an arc made from a UUID
-/// (ITU-T X.667), which nobody else uses.
+/// (ITU-T X.667), which is unique.
 constexpr const char* developerUsage = "2.25.112490579696948806193479369598998375359.1";
 constexpr const char* clientUsage = "2.25.112490579696948806193479369598998375359.2";
 

@@ -73,7 +73,7 @@ SignedContent SignedContent::parse(std::string_view bytes) {
     std::copy(digest.begin(), digest.end(), content.package.sha256.begin());
     const auto count = reader.number<std::uint32_t>();
     checkCount(count);
-    // Never more room than what is there can fill, whatever the count says.
+    // Never more room than the bytes that are there can fill: the count is not verified.
     content.files.reserve(std::min<std::size_t>(count, reader.left() / fileEntryHeaderSize));
     for (std::uint32_t i = 0; i < count; ++i) {
         FileSignatures file;
