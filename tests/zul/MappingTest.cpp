@@ -210,4 +210,15 @@ TEST_F(AMapping, StaysBelowTheSystemRootWhoseLinksAreItsOwn) {
     EXPECT_THAT(entriesIn(system / "real/share/com.example.app"), IsEmpty());
 }
 
+TEST(TheGuideForPackageAuthors, HasARowForEachPlace) {
+    const auto guide = readFile(PACKAGING_GUIDE);
+    std::string table;
+    for (const auto& rule :
+         Core::ZUL::mappingRules(PackageIdentity("ID", "1.0-1", "ORGANIZATION", "APPLICATION"))) {
+        table += "| `" + rule.target + "` | `" + rule.source + "` | " +
+                 (rule.kind == Core::ZUL::MappingKind::Copy ? "copy" : "link") + " |\n";
+    }
+    EXPECT_THAT(guide, HasSubstr("|---|---|---|\n" + table + "\n"));
+}
+
 } // namespace Testbed
