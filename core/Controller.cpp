@@ -40,8 +40,8 @@ bool Controller::isFull(const Common::CallerIdentity& initiator) const {
 void Controller::enqueue(Operation operation) {
     ++counts_[operation.initiator().key()];
     queue_.push_back(std::move(operation));
-    // Before the hook: what it has the loop do comes after the first step, so that both statuses are announced
-    // together.
+    // Before the hook: what it has the loop do comes after the first step, so that both statuses are
+    // announced together.
     if (!isWorking_) {
         isWorking_ = true;
         loop_.spawn("couldn't carry out operations", work());

@@ -105,12 +105,9 @@ void Database::checkUpgrade(const PackageIdentity& package) try {
 }
 
 void Database::requireHigher(const PackageIdentity& package, const PackageDirectory& directory) {
+    static_cast<void>(requireVersion(package)); // before anything that is damaged is removed
     bool isPrepared = directory.hasNextLink();
     auto existingName = directory.versionNameOf(isPrepared ? directory.next() : directory.current());
-    const auto offered = Version::parse(package.version());
-    if (!offered) {
-        throw Error(ErrorCode::BadPackage, "couldn't parse package version: " + package.version());
-    }
     auto existing = Version::parse(existingName);
     if (!existing && isPrepared) {
         Common::logWarning() << "corrupted package upgrade found: " << quoted(directory.next());
@@ -126,16 +123,7 @@ void Database::requireHigher(const PackageIdentity& package, const PackageDirect
         throw Error(ErrorCode::CorruptedInstalledPackage,
                     "couldn't parse actual package version: " + existingName);
     }
-    const int order = offered->compare(*existing);
-    if (order > 0) {
-        return;
-    }
-    if (order == 0 && isPrepared) {
-        throw Error(ErrorCode::UpgradeAlreadyPrepared,
-                    "package upgrade to version " + package.version() + " already prepared");
-    }
-    throw Error(ErrorCode::DowngradeAttempt, "attempt to downgrade package from " + existing->text() +
-                                                 " to " + package.version() + " version");
+    ZUL::requireHigher(package, *existing, isPrepared);
 }
 
 void Database::prepareUpgrade(const PackageIdentity& package, const PackageData& entries,

@@ -4,6 +4,7 @@
 #include "common/Error.h"
 #include "common/Files.h"
 #include "common/PackageId.h"
+#include "common/rpm/Version.h"
 
 #include <utility>
 
@@ -39,6 +40,26 @@ PackageIdentity::PackageIdentity(const std::string& id, std::string version,
         if (name && !isOrdinaryText(*name)) {
             throw Error(ErrorCode::BadPackage, "application name can't be a directory's name: " + *name);
         }
+    }
+}
+
+Common::Rpm::Version requireVersion(const PackageIdentity& package) {
+    const auto version = Common::Rpm::Version::parse(package.version());
+    if (!version) {
+        throw Error(ErrorCode::BadPackage, "couldn't parse package version: " + package.version());
+    }
+    return *version;
+}
+
+void requireHigher(const PackageIdentity& package, const Common::Rpm::Version& existing, bool isPrepared) {
+    const int order = requireVersion(package).compare(existing);
+    if (order == 0 && isPrepared) {
+        throw Error(ErrorCode::UpgradeAlreadyPrepared,
+                    "package upgrade to version " + package.version() + " already prepared");
+    }
+    if (order <= 0) {
+        throw Error(ErrorCode::DowngradeAttempt, "attempt to downgrade package from " + existing.text() +
+                                                     " to " + package.version() + " version");
     }
 }
 

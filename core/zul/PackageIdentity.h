@@ -4,6 +4,10 @@
 #include <optional>
 #include <string>
 
+namespace Common::Rpm {
+class Version;
+} // namespace Common::Rpm
+
 namespace Core::ZUL {
 
 /// What a package record holds: dotted key ("section.key") to value, in byte order of the keys.
@@ -36,5 +40,12 @@ private:
 /// The name of a package's directory: the identifier without the one "/" it may begin with. Throws
 /// Common::Error, code BadPackageID, for what Common::requirePackageId() refuses. Any thread.
 [[nodiscard]] std::string directoryName(const std::string& packageId);
+
+/// The version as librpm orders it. Throws Common::Error, code BadPackage, when librpm cannot parse it.
+[[nodiscard]] Common::Rpm::Version requireVersion(const PackageIdentity& package);
+
+/// Throws Common::Error unless the package's version is higher than an existing one: DowngradeAttempt, or
+/// UpgradeAlreadyPrepared for the same version when that is prepared; as requireVersion().
+void requireHigher(const PackageIdentity& package, const Common::Rpm::Version& existing, bool isPrepared);
 
 } // namespace Core::ZUL

@@ -48,7 +48,7 @@ PackageManager::Installed PackageManager::install(const std::filesystem::path& p
                             "the package file's path is not absolute: " + Common::quoted(packageFile));
     }
     const auto package = Package::fromFile(packageFile, settings_.authorities);
-    requireArchitecture(package);
+    package.requireArchitecture(settings_.architecture);
     const bool upgrade = database_.installFile(package, packageFile, settings_.attributes);
     if (upgrade) {
         // Without its file, whose writers would have to wait until the upgrade is complete.
@@ -96,14 +96,6 @@ PackageManager::PackageList PackageManager::list() {
         }
     }
     return result;
-}
-
-void PackageManager::requireArchitecture(const Package& package) const {
-    if (package.architecture() != "noarch" && package.architecture() != settings_.architecture) {
-        throw Common::Error(ErrorCode::BadPackageArchitecture, "package " + package.id() + " is built for " +
-                                                                   package.architecture() + ", not for " +
-                                                                   settings_.architecture);
-    }
 }
 
 } // namespace Devkit

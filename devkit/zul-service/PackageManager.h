@@ -59,8 +59,6 @@ public:
     [[nodiscard]] PackageList list();
 
 private:
-    void requireArchitecture(const Core::ZUL::Package& package) const;
-
     Core::ZUL::Database database_;
     Settings settings_;
     std::vector<std::string> recovered_;

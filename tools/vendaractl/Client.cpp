@@ -1,9 +1,9 @@
 #include "tools/vendaractl/Client.h"
 
 #include "common/Names.h"
-#include "common/bus/WireTypes.h"
 #include "common/bus/RemoteObject.h"
 #include "common/bus/SignalSource.h"
+#include "common/bus/WireTypes.h"
 
 #include <algorithm>
 #include <asio/co_spawn.hpp>

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/zul/DatabaseLocation.h"
 #include "tools/vendaractl/Output.h"
 
 #include <string>
@@ -15,11 +16,15 @@ struct Request {
     Format format = Format::Words;
     bool isDetached = false; ///< does not wait for the end
     bool follow = false;
+    std::string authority;                                                      ///< of check
+    std::string configuration = Core::ZUL::DatabaseLocation::configurationFile; ///< of check
+    std::string systemRoot = "/";                                               ///< of check
     std::vector<std::string> arguments; ///< absolute paths of existing files, or identifiers
 };
 
 // Each command returns when it is done, `monitor` never. All throw what Vendara::Client throws, and
-// OutputLost.
+// OutputLost. `check` asks no service.
+[[nodiscard]] ExitStatus check(const Request& request);
 [[nodiscard]] ExitStatus install(const Request& request);
 [[nodiscard]] ExitStatus remove(const Request& request);
 [[nodiscard]] ExitStatus list(const Request& request);

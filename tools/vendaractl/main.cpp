@@ -1,4 +1,5 @@
 #include "common/BusText.h"
+#include "common/Error.h"
 #include "common/PackageId.h"
 #include "tools/CommandLine.h"
 #include "tools/vendaractl/Client.h"
@@ -53,6 +54,19 @@ public:
             command->add_flag("--no-wait", request_.isDetached,
                               "Return as soon as the operations are queued");
         }
+        auto* const inspection =
+            add("check", "Show what an installation of package files would do, and change nothing", check);
+        arguments(inspection, "FILE", "Package files");
+        inspection
+            ->add_option("--authority", request_.authority,
+                         "Certificates of the authorities, PEM [those of the device]")
+            ->check(CLI::ExistingFile);
+        inspection
+            ->add_option("--configuration", request_.configuration,
+                         "The database's configuration [/etc/zul/zul.conf]")
+            ->check(CLI::ExistingFile);
+        inspection->add_option("--system-root", request_.systemRoot, "Directory that stands for / [/]")
+            ->check(CLI::ExistingDirectory);
         add("list", "List the installed packages", list);
         add("operations", "List the operations that this program requested", operations)
             ->add_flag("--follow", request_.follow, "Follow them until all have ended");
@@ -81,7 +95,7 @@ public:
             return *ended;
         }
         request_.format = isJson_ ? Format::Json : Format::Words;
-        const bool takesFiles = command_ == install;
+        const bool takesFiles = command_ == install || command_ == check;
         for (auto& argument : request_.arguments) {
             if (const auto problem = takesFiles ? problemOfFile(argument) : problemOfId(argument)) {
                 printFailure(request_.format, argument, *problem);
@@ -117,8 +131,10 @@ private:
             return NoService;
         } catch (const Vendara::CallRefused& error) {
             printFailure(request_.format, {}, error.what());
-            return OperationFailed;
+        } catch (const Common::Error& error) {
+            printFailure(request_.format, {}, error.what());
         }
+        return OperationFailed;
     }
 
     CLI::App app_{"Installs, upgrades, removes and starts applications through the norvane.Vendara service.",

@@ -9,8 +9,9 @@
 
 namespace Core::ZUL {
 
-SystemTree::SystemTree(const std::filesystem::path& root)
-    : root_(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+SystemTree::SystemTree(const std::filesystem::path& root, Use use)
+    : root_(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC))
+    , use_(use) {
     if (!root_) {
         throw Common::filesystemError("couldn't open system root " + root.native());
     }
@@ -23,7 +24,7 @@ int SystemTree::open(const std::filesystem::path& directory) {
         last_ = Common::openWithin(root_.get(), below.empty() ? "." : below, O_PATH | O_DIRECTORY,
                                    Common::Resolve::InRoot);
         lastPath_ = directory;
-        if (last_) {
+        if (last_ && use_ == Use::Change) {
             unlinkat(last_.get(), pendingName, 0);
         }
     }

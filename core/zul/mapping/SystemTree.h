@@ -14,8 +14,10 @@ public:
     /// this name is deleted in each directory that is opened.
     static constexpr const char* pendingName = ".zul-mapping";
 
+    enum class Use { Change, Look }; ///< whether interrupted work is cleaned up
+
     /// Throws Error, code Filesystem, when the root cannot be opened.
-    explicit SystemTree(const std::filesystem::path& root);
+    explicit SystemTree(const std::filesystem::path& root, Use use = Use::Change);
 
     /// A descriptor of a directory, for the *at calls; good until the next call.
     /// @param directory  absolute path, as the running system sees it
@@ -27,6 +29,7 @@ public:
 
 private:
     Common::UniqueFd root_;
+    Use use_;
     std::filesystem::path lastPath_;
     Common::UniqueFd last_;
 };

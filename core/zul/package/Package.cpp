@@ -173,6 +173,13 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     throwAsError();
 }
 
+void Package::requireArchitecture(const std::string& platform) const {
+    if (architecture_ != "noarch" && architecture_ != platform) {
+        throw Error(ErrorCode::BadPackageArchitecture,
+                    "package " + id() + " is built for " + architecture_ + ", not for " + platform);
+    }
+}
+
 const std::string& Package::developerKeyId() const { return developerCms_->certificate().keyId(); }
 
 void Package::extract(const std::filesystem::path& file, const std::filesystem::path& destination,

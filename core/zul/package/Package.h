@@ -74,6 +74,8 @@ public:
                  const AttributeWriter& attributes = attachAttribute) const;
 
     [[nodiscard]] const std::string& architecture() const { return architecture_; }
+    /// Throws Common::Error, code BadPackageArchitecture, unless the package is for this one or "noarch".
+    void requireArchitecture(const std::string& platform) const;
     /// The developer's signature, a type of the platform's library libsigncms.
     [[nodiscard]] const PackageSignatures::Cms& developerCms() const { return *developerCms_; }
     /// Key identifier of the developer's certificate.

@@ -1,0 +1,92 @@
+#include "common/PlatformFacts.h"
+#include "common/PrintableText.h"
+#include "core/zul/Inspection.h"
+#include "platform/signcms/PackageSignatures.h"
+#include "tools/vendaractl/Commands.h"
+
+namespace Vendaractl {
+
+using Core::ZUL::Inspection;
+
+namespace {
+
+JsonValue toJson(const std::string& file, const Inspection& found) {
+    JsonValue result{{"file", file}, {"accepted", !found.refusal}};
+    if (found.refusal) {
+        result["errorCode"] = static_cast<int>(found.refusal->code());
+        result["error"] = found.refusal->what();
+    }
+    if (!found.package) {
+        return result;
+    }
+    const auto& package = *found.package;
+    const auto orNull = [](const auto& value) { return value ? JsonValue(*value) : JsonValue(); };
+    result.update({{"package", package.id()},
+                   {"version", package.version()},
+                   {"existingVersion", found.existingVersion},
+                   {"architecture", package.architecture()},
+                   {"organization", orNull(package.orgName())},
+                   {"application", orNull(package.appName())},
+                   {"developer",
+                    {{"subject", package.developerCms().certificate().subject()},
+                     {"keyId", package.developerKeyId()},
+                     {"system", package.isSystemDeveloper()}}},
+                   {"source", {{"subject", package.sourceSubject()}, {"keyId", package.sourceKeyId()}}},
+                   {"size", found.size},
+                   {"available", orNull(found.available)},
+                   {"files", JsonValue::array()}});
+    for (const auto& each : found.files) {
+        result["files"].push_back({{"path", each.path},
+                                   {"place", each.place.empty() ? JsonValue() : JsonValue(each.place)},
+                                   {"taken", each.isPlaceTaken}});
+    }
+    return result;
+}
+
+void print(const std::string& file, const Inspection& found) {
+    const auto line = [](const std::string& text) { printLine(Common::printable(text)); };
+    if (found.package) {
+        const auto& package = *found.package;
+        line(package.id() + " " + package.version() + ", " + package.architecture() +
+             (found.existingVersion.empty() ? ", a first installation"
+                                            : ", an upgrade of " + found.existingVersion));
+        line("  developer: " + package.developerCms().certificate().subject() +
+             (package.isSystemDeveloper() ? " (the platform's)" : ""));
+        line("  source: " + (package.sourceSubject().empty() ? "none" : package.sourceSubject()));
+        line("  size: " + std::to_string(found.size) + " bytes" +
+             (found.available ? ", " + std::to_string(*found.available) + " free" : ""));
+        for (const auto& each : found.files) {
+            line("  " + (each.place.empty() ? each.path + ", not mapped" : each.place) +
+                 (each.isPlaceTaken ? ", TAKEN by another file" : ""));
+        }
+    }
+    line(file + ": " +
+         (found.refusal ? "would be refused: " + std::string(found.refusal->what()) + " (error " +
+                              std::to_string(static_cast<int>(found.refusal->code())) + ")"
+                        : "would be installed"));
+}
+
+} // namespace
+
+ExitStatus check(const Request& request) {
+    Core::ZUL::InspectedSystem system{.database = Core::ZUL::DatabaseLocation(request.configuration),
+                                      .root = request.systemRoot,
+                                      .architecture = Common::getPlatformArchitecture(),
+                                      .authorities = {}};
+    if (!request.authority.empty()) {
+        system.authorities.certificates = request.authority;
+    }
+    bool areAllAccepted = true;
+    for (const auto& file : request.arguments) {
+        const auto found = Core::ZUL::inspect(file, system);
+        areAllAccepted = areAllAccepted && !found.refusal;
+        if (request.format == Format::Json) {
+            printJson(toJson(file, found));
+        } else {
+            print(file, found);
+        }
+    }
+    return areAllAccepted ? Success : OperationFailed;
+}
+
+} // namespace Vendaractl
