@@ -2,6 +2,8 @@
 #include "testbed/PrivateBus.h"
 #include "tools/vendaractl/Commands.h"
 
+#include <sdbus-c++/Error.h>
+
 #include <atomic>
 #include <clocale>
 #include <iostream>
@@ -101,7 +103,7 @@ private:
             sd_bus_send(bus_.get(), made, nullptr);
         }
         sendStatuses(caller);
-        if (hasOperation) {
+        if (hasOperation || method == "GetAllProperties") {
             sd_bus_release_name(bus_.get(), service);
         }
     }
@@ -181,13 +183,15 @@ private:
     std::thread thread_;
 };
 
-void carryOut(const Request& request) {
+using Command = ExitStatus (*)(const Request&);
+
+void carryOut(Command command, const Request& request) {
     try {
-        static_cast<void>(run(request));
+        static_cast<void>(command(request));
     } catch (const sdbus::Error&) {
         std::abort();
     } catch (const OutputLost&) {
-        require(request.command == Command::Monitor);
+        require(command == &monitor);
     } catch (const std::runtime_error& error) {
         printFailure(request.format, {}, error.what());
     }
@@ -214,17 +218,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr && setenv("TERM", "dumb", 1) == 0;
     require(isPrepared);
     FuzzedDataProvider input(data, size);
-    constexpr std::array commands{Command::Install, Command::Remove, Command::List,   Command::Operations,
-                                  Command::Info,    Command::Start,  Command::Monitor};
-    Request request{.command = input.PickValueInArray(commands), .arguments = {"/package.rpm"}};
+    constexpr std::array<Command, 8> commands{install,          remove, list,  operations,
+                                              Vendaractl::wait, info,   start, monitor};
+    const auto command = input.PickValueInArray(commands);
+    Request request;
+    if (command != &Vendaractl::wait) {
+        request.arguments = {"/package.rpm"};
+    }
     request.format = input.ConsumeBool() ? Format::Json : Format::Words;
     std::string output;
     std::string errors;
     {
-        const Service thread(connection, input, request.command == Command::Monitor);
+        const Service thread(connection, input, command == &monitor);
         Captured standardOutput(std::cout);
         Captured standardError(std::cerr);
-        carryOut(request);
+        carryOut(command, request);
         output = standardOutput.str();
         errors = standardError.str();
     }

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -23,6 +24,7 @@ struct Script {
     bool completed = false; ///< reported once as completed, without a signal
     bool known = false;     ///< reported as an operation that goes on
     std::string refusal{};  ///< the call fails with this text
+    std::function<void()> called{};
 };
 
 /// The service's interface on the session bus, with operations that go as scripted. Reads of what it received
@@ -69,6 +71,9 @@ private:
         requests.push_back(argument);
         client = peer_.object().getCurrentlyProcessedMessage()->getSender();
         const auto& script = scripts_.at(name);
+        if (script.called) {
+            script.called();
+        }
         if (!script.refusal.empty()) {
             throw sdbus::Error(Own::error, script.refusal);
         }

@@ -98,6 +98,19 @@ TEST_F(Vendaractl, EndsWithThreeWhenTheServiceIsNotThereOrLeaves) {
     service.reset();
     EXPECT_EQ(client->wait(), 3);
     EXPECT_THAT(client->output(), HasSubstr("the service left the bus"));
+    // The reply and the loss of the service arrive together.
+    std::atomic<pid_t> stopped = 0;
+    std::atomic<bool> isStopped = false;
+    service = std::make_unique<ScriptedService>(std::map<std::string, Script>{
+        {"app", {.statuses = {}, .called = [&] {
+                     isStopped = waitUntil([&] { return stopped != 0; }) && kill(stopped, SIGSTOP) == 0;
+                 }}}});
+    const auto late = begin({"remove", "app"});
+    stopped = late->pid();
+    ASSERT_TRUE(waitUntil([&] { return isStopped.load(); }));
+    service.reset();
+    late->signal(SIGCONT);
+    EXPECT_EQ(late->wait(), 3) << late->output();
     const auto other = beginRemoval();
     buses.session.stop();
     EXPECT_EQ(other->wait(), 3);

@@ -10,7 +10,7 @@
 #include <asio/redirect_error.hpp>
 #include <asio/use_awaitable.hpp>
 #include <csignal>
-#include <iterator>
+#include <set>
 #include <utility>
 
 namespace Vendara {
@@ -139,9 +139,17 @@ public:
         return operation;
     }
 
+    // An operation that the reply lists may end before attach().
+    Properties properties() {
+        announcements_.clear();
+        return propertiesFrom(std::get<0>(call<PropertyMap>(Own::getAllProperties)));
+    }
+
     void attach(const Operation& operation) {
         update(operation);
-        find(operation.id)->isAttached = true;
+        const auto followed = find(operation.id);
+        followed->isAttached = true;
+        followed->isAnnounced = announcements_.count({operation.type, operation.packageId}) > 0;
     }
 
     std::vector<Operation> pending() const {
@@ -156,6 +164,9 @@ public:
 
     bool follow() {
         if (!allEnded()) {
+            if (!source_.hasOwner()) { // it left right after it replied
+                throwUnknownResult();
+            }
             isFollowing_ = true;
             patience_ = firstPatience;
             silence_.expires_after(patience_);
@@ -281,6 +292,7 @@ private:
     }
 
     void announced(OperationType type, const std::string& packageId) {
+        announcements_.emplace(type, packageId);
         for (auto& followed : operations_) {
             const auto& operation = followed.operation;
             if (followed.isAttached && operation.type == type && operation.packageId == packageId) {
@@ -292,10 +304,14 @@ private:
     }
 
     // The service keeps its operations in memory only.
+    [[noreturn]] static void throwUnknownResult() {
+        throw ServiceAbsent("the service left the bus; the result of the operation is unknown");
+    }
+
     void presenceChanged(bool present) {
         guarded([&] {
             if (!present && !allEnded()) {
-                throw ServiceAbsent("the service left the bus; the result of the operation is unknown");
+                throwUnknownResult();
             }
             listener_.serviceChanged(present);
         });
@@ -427,8 +443,9 @@ private:
     asio::steady_timer ticker_{loop_.context()};
     milliseconds patience_ = firstPatience;
     std::vector<Followed> operations_;
-    bool wasStarted_;         // by a call of this client
-    bool hasReplied_ = false; // to any call
+    std::set<std::pair<OperationType, std::string>> announcements_; // since properties()
+    bool wasStarted_;                                               // by a call of this client
+    bool hasReplied_ = false;                                       // to any call
     bool isAsking_ = false;
     bool isFollowing_ = false;
     bool hasFailed_ = false;
@@ -448,9 +465,7 @@ Operation Client::install(const std::string& path) { return session_->begin(Own:
 Operation Client::remove(const std::string& packageId) { return session_->begin(Own::remove, packageId); }
 void Client::start(const std::string& packageId) { session_->call<>(Own::start, packageId); }
 void Client::restart(const std::string& packageId) { session_->call<>(Own::restart, packageId); }
-Properties Client::properties() {
-    return propertiesFrom(std::get<0>(session_->call<PropertyMap>(Own::getAllProperties)));
-}
+Properties Client::properties() { return session_->properties(); }
 void Client::attach(const Operation& operation) { session_->attach(operation); }
 std::vector<Operation> Client::pending() const { return session_->pending(); }
 bool Client::follow() { return session_->follow(); }
