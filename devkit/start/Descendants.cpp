@@ -19,10 +19,11 @@ void adoptDescendants() {
 
 std::vector<pid_t> killDescendants() {
     const auto own = std::to_string(getpid());
+    const auto list = "/proc/" + own + "/task/" + own + "/children";
     for (;;) {
         bool isAnyKilled = false;
         std::vector<pid_t> foreign;
-        std::ifstream children("/proc/" + own + "/task/" + own + "/children");
+        std::ifstream children(list);
         for (pid_t child = 0; children >> child;) {
             if (kill(child, SIGKILL) == 0) {
                 isAnyKilled = true;

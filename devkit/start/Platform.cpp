@@ -277,11 +277,11 @@ void Platform::waitForNames() {
 // Waits for a program that is expected to end, and returns its status.
 int Platform::waitForEndOf(const std::string& name) {
     awaited_ = name;
-    while (!status_) {
+    while (status_ < 0) {
         loop_.context().run_one();
     }
     awaited_.clear();
-    return *std::exchange(status_, std::nullopt);
+    return std::exchange(status_, -1);
 }
 
 std::runtime_error Platform::failureOf(const std::string& program, int status) const {

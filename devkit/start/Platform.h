@@ -7,7 +7,6 @@
 #include <csignal>
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -95,7 +94,7 @@ private:
     std::vector<Program> programs_; // in the order of their start
     std::set<std::string> missing_; // names that programs are about to own
     std::string awaited_;           // the program that is expected to end
-    std::optional<int> status_;     // of that program, when it has ended
+    int status_ = -1;               // of that program, when it has ended
     std::string sessionBus_;        // addresses
     std::string systemBus_;
 };

@@ -123,9 +123,8 @@ int guard(const Options& options) {
     if (keeper == 0) {
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         const int status = getppid() == own ? keep(scratch.path(), options) : EXIT_FAILURE;
-        if (getppid() != own) {
-            Common::guarded("couldn't clean up", [&] { Common::removeTree(scratch.path()); });
-        }
+        Common::guarded("couldn't remove the platform's directory",
+                        [&] { Common::removeTree(scratch.path()); });
         _exit(status);
     }
     const int status = waitForKeeper(keeper, signals);

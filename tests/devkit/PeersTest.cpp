@@ -189,11 +189,11 @@ TEST(AProcessScan, FailsWhenAProcessCannotBeRead) {
     const auto directory = fs::canonical(scratch.path());
     EXPECT_TRUE(Devkit::findProcessUsing(directory).has_value());
     // One descriptor is left, for the list of the processes.
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = static_cast<rlim_t>(dup(STDIN_FILENO)) + 1;
-    close(static_cast<int>(limit.rlim_cur) - 1);
-    setrlimit(RLIMIT_NOFILE, &limit);
+    rlimit descriptors{};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    descriptors.rlim_cur = static_cast<rlim_t>(dup(STDIN_FILENO)) + 1;
+    close(static_cast<int>(descriptors.rlim_cur) - 1);
+    setrlimit(RLIMIT_NOFILE, &descriptors);
     EXPECT_THROW(static_cast<void>(Devkit::findProcessUsing(directory)), fs::filesystem_error);
 }
 
@@ -250,7 +250,7 @@ TEST_F(TheRuntimeManager, StartsAnApplicationWhoseEndIsStillQueued) {
     const auto lastProcess = [this] {
         const auto output = service_->output();
         const auto found = output.rfind("pid ");
-        return found == output.npos ? 0 : std::atoi(output.c_str() + found + 4);
+        return found == std::string::npos ? 0 : std::atoi(output.c_str() + found + 4);
     };
     std::atomic<int> answers = 0;
     const auto requestStart = [&] {
