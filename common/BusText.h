@@ -5,7 +5,7 @@
 namespace Common {
 
 /// Whether the text can be sent as a D-Bus string by sd-bus: valid UTF-8 (RFC 3629) without NUL and Unicode
-/// noncharacters. The other libraries at hand accept noncharacters. Any thread.
+/// noncharacters. GLib and libdbus accept noncharacters, so their checks do not serve. Any thread.
 [[nodiscard]] bool isBusText(std::string_view text) noexcept;
 
 } // namespace Common
