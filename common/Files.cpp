@@ -143,13 +143,15 @@ UniqueFd openRegularFile(const std::filesystem::path& file) noexcept {
     return fd;
 }
 
-std::uint64_t sizeOf(int descriptor) {
+struct stat statusOf(int descriptor) {
     struct stat status {};
     if (fstat(descriptor, &status) != 0) {
         throw filesystemError("couldn't look at an open file");
     }
-    return static_cast<std::uint64_t>(status.st_size);
+    return status;
 }
+
+std::uint64_t sizeOf(int descriptor) { return static_cast<std::uint64_t>(statusOf(descriptor).st_size); }
 
 std::optional<std::string> readRegularFile(const std::filesystem::path& file, std::size_t limit) {
     const auto fd = openRegularFile(file);

@@ -63,6 +63,9 @@ enum class Resolve {
 /// @return nothing with errno set when it cannot be opened; EISDIR or EINVAL when it is not a regular file
 [[nodiscard]] UniqueFd openRegularFile(const std::filesystem::path& file) noexcept;
 
+/// The status of an open file.
+[[nodiscard]] struct stat statusOf(int descriptor);
+
 /// Bytes of an open file.
 [[nodiscard]] std::uint64_t sizeOf(int descriptor);
 

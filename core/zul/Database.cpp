@@ -79,8 +79,7 @@ std::optional<PackageData> Database::readPrepared(const PackageDirectory& direct
                     "damaged upgrade given up: " + directory.path().native() + ": " + error.what());
     }
     if (directory.hasNextLink()) {
-        directory.discardPreparedUpgrade("couldn't cleanup corrupted package version: ",
-                                         "couldn't cleanup corrupted next symlink: ");
+        directory.discardPreparedUpgrade();
     }
     return std::nullopt;
 }
@@ -152,17 +151,19 @@ std::vector<std::pair<fs::path, PackageData>> Database::packages() try {
     throwAsError();
 }
 
-MappingList Database::removeMappingsOf(const PackageDirectory& directory, const std::string& message) const {
-    MappingList left;
+/// @param message  begins the warning about a version without a list
+/// @return whether all mappings are removed
+bool Database::removeMappingsOf(const PackageDirectory& directory, const std::string& message) const {
+    bool areRemoved = true;
     for (const auto& holder : directory.listHolders()) {
         // Most of what other versions list is gone or was never made.
-        if (const auto leftOfThis = mappings_->removeMappings(holder, holder != directory.current())) {
-            left = mergedMappingList(std::move(left), *leftOfThis);
-        } else {
+        const auto isRemoved = mappings_->removeMappings(holder, holder != directory.current());
+        if (!isRemoved) {
             Common::logWarning() << message << "couldn't find package symlink list";
         }
+        areRemoved = areRemoved && isRemoved.value_or(true);
     }
-    return left;
+    return areRemoved;
 }
 
 /// Removes a package whose mappings have been removed. Those that are left are found again by its lists.
@@ -187,7 +188,7 @@ void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcep
             if (Common::exists(directory.current())) {
                 Common::logInfo() << "cleaning up corrupted package mapping: " << quoted(directory.current());
             }
-            isUnmapped = removeMappingsOf(directory, message).empty();
+            isUnmapped = removeMappingsOf(directory, message);
         } catch (const Error& error) {
             Common::logWarning() << message << error;
         }

@@ -141,8 +141,7 @@ private:
     void placeNext(const PackageIdentity& package, const PackageData& entries,
                    const std::filesystem::path& extracted);
     void requireHigher(const PackageIdentity& package, const PackageDirectory& directory);
-    [[nodiscard]] std::vector<std::string> removeMappingsOf(const PackageDirectory& directory,
-                                                            const std::string& message) const;
+    bool removeMappingsOf(const PackageDirectory& directory, const std::string& message) const;
     void removeAll(const PackageDirectory& directory, bool isUnmapped) const;
     void putBack(const PackageDirectory& directory) noexcept;
     void removeTempDirectory() const;

@@ -262,9 +262,9 @@ void Database::putBack(const PackageDirectory& directory) noexcept {
 void Database::remove(const std::string& packageId) try {
     const PackageDirectory directory(packageDirectory(packageId));
     // A package must not be unremovable because of a mapping that is.
-    const auto left = removeMappingsOf(directory, "couldn't remove package symlinks: " + packageId);
+    const bool isUnmapped = removeMappingsOf(directory, "couldn't remove package symlinks: " + packageId);
     try {
-        removeAll(directory, left.empty());
+        removeAll(directory, isUnmapped);
     } catch (const Error& error) {
         Common::logError() << error;
         throw Error(ErrorCode::Filesystem, "couldn't remove package directory: " + directory.path().native());

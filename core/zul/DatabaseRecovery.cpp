@@ -54,8 +54,7 @@ void Database::recoverPackage(const PackageDirectory& directory, std::vector<std
     // A prepared upgrade that cannot be read is given up: it must not take the installed version's place.
     const bool isUsable = directory.pointsToExistingVersion(directory.next()) && readPrepared(directory);
     if (!isUsable && directory.hasNextLink()) {
-        directory.discardPreparedUpgrade("couldn't cleanup corrupted package version: ",
-                                         "couldn't cleanup corrupted next symlink: ");
+        directory.discardPreparedUpgrade();
     }
     if (isUsable) {
         const auto newName = directory.versionNameOf(directory.next());

@@ -49,7 +49,9 @@ public:
     /// installed, and when it is not a direct child of this directory: then it is not ours. Nothing is
     /// deleted in a directory that is reached through a link.
     /// @param versionWords, linkWords  begin the warning about a failure of either
-    void discardPreparedUpgrade(const std::string& versionWords, const std::string& linkWords) const;
+    void
+    discardPreparedUpgrade(const std::string& versionWords = "couldn't cleanup corrupted package version: ",
+                           const std::string& linkWords = "couldn't cleanup corrupted next symlink: ") const;
 
     /// Deletes every entry but "current" and the version it leads to. Nothing is deleted in a directory that
     /// is reached through a link, nor when "current" leads to no version.

@@ -19,14 +19,6 @@ namespace {
 
 using Common::filesystemError;
 
-struct stat statusOf(int fd) {
-    struct stat status {};
-    if (fstat(fd, &status) != 0) {
-        throw filesystemError("couldn't look at file");
-    }
-    return status;
-}
-
 void copyContent(int from, int to, off_t size) {
     while (size > 0) {
         auto count = copy_file_range(from, nullptr, to, nullptr, static_cast<std::size_t>(size), 0);
@@ -67,7 +59,7 @@ void copyAttributes(int from, int to) {
 } // namespace
 
 void copyFile(int from, int to, const std::map<std::string, std::string>& more) {
-    const auto status = statusOf(from);
+    const auto status = Common::statusOf(from);
     copyContent(from, to, status.st_size);
     // In this order: writing and changing the owner take mode bits and capabilities away, the mode may forbid
     // attributes.
@@ -89,12 +81,10 @@ void copyFile(int from, int to, const std::map<std::string, std::string>& more) 
     }
 }
 
-bool isCopyOf(int copy, int file) {
-    const auto one = statusOf(copy);
-    const auto other = statusOf(file);
-    return one.st_size == other.st_size && one.st_mode == other.st_mode && one.st_uid == other.st_uid &&
-           one.st_gid == other.st_gid && one.st_mtim.tv_sec == other.st_mtim.tv_sec &&
-           one.st_mtim.tv_nsec == other.st_mtim.tv_nsec;
+bool isCopyOf(const struct stat& copy, const struct stat& file) noexcept {
+    return copy.st_size == file.st_size && copy.st_mode == file.st_mode && copy.st_uid == file.st_uid &&
+           copy.st_gid == file.st_gid && copy.st_mtim.tv_sec == file.st_mtim.tv_sec &&
+           copy.st_mtim.tv_nsec == file.st_mtim.tv_nsec;
 }
 
 } // namespace Core::ZUL

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <sys/stat.h>
 
 namespace Core::ZUL {
 
@@ -13,7 +14,7 @@ namespace Core::ZUL {
 void copyFile(int from, int to, const std::map<std::string, std::string>& more = {});
 
 /// Whether a file has the size, owner, mode and modification time of another, as its copy has while neither
-/// is changed. Throws as copyFile().
-[[nodiscard]] bool isCopyOf(int copy, int file);
+/// is changed. Whose copy it is its attributes have to say. Any thread.
+[[nodiscard]] bool isCopyOf(const struct stat& copy, const struct stat& file) noexcept;
 
 } // namespace Core::ZUL

@@ -31,11 +31,10 @@ UniqueFd openPackageFile(const MappedFile& file) {
     const UniqueFd version(open(file.versionDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     auto fd =
         Common::openWithin(version.get(), file.relative, O_RDONLY | O_NONBLOCK, Common::Resolve::Beneath);
-    struct stat status {};
-    if (!fd || fstat(fd.get(), &status) != 0) {
+    if (!fd) {
         throw filesystemError("couldn't open " + file.path().native());
     }
-    if (!S_ISREG(status.st_mode)) {
+    if (!S_ISREG(Common::statusOf(fd.get()).st_mode)) {
         throw Error(ErrorCode::Filesystem, "no regular file: " + file.path().native());
     }
     return fd;
@@ -90,11 +89,11 @@ std::string Mapping::throughDescriptor() const {
     return "/proc/self/fd/" + std::to_string(directory()) + "/" + name_;
 }
 
-std::optional<mode_t> Mapping::fileType() const {
+std::optional<struct stat> Mapping::status() const {
     const int parent = directory();
     struct stat status {};
     if (parent >= 0 && fstatat(parent, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
-        return status.st_mode & S_IFMT;
+        return status;
     }
     if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP && errno != ENAMETOOLONG) {
         throw filesystemError("couldn't look at " + target_.native());
@@ -103,9 +102,9 @@ std::optional<mode_t> Mapping::fileType() const {
 }
 
 bool Mapping::isMapping() const {
-    const auto type = fileType();
-    if (type != S_IFREG) {
-        return type == S_IFLNK;
+    const auto present = status();
+    if (!present || !S_ISREG(present->st_mode)) {
+        return present && S_ISLNK(present->st_mode);
     }
     if (lgetxattr(throughDescriptor().c_str(), marker, nullptr, 0) >= 0) {
         return true;
@@ -116,7 +115,7 @@ bool Mapping::isMapping() const {
     return false;
 }
 
-bool Mapping::exists() const { return fileType().has_value(); }
+bool Mapping::exists() const { return status().has_value(); }
 
 std::filesystem::path Mapping::mappingTarget() const {
     std::array<char, XATTR_SIZE_MAX> value; // NOLINT: filled below
@@ -139,22 +138,17 @@ bool Mapping::belongsTo(const path& packageDirectory) const {
 }
 
 bool Mapping::isReplaceable(const path& databaseRoot) const {
-    return isMapping() && (fileType() != S_IFLNK || isBelow(mappingTarget(), databaseRoot));
+    return isMapping() && (!isLink() || isBelow(mappingTarget(), databaseRoot));
 }
 
 bool Mapping::standsFor(const MappedFile& file, MappingKind kind) const {
-    const bool isLink = fileType() == S_IFLNK;
-    if (!isMapping() || isLink != (kind == MappingKind::Link) || mappingTarget() != file.path()) {
+    const auto present = status();
+    if (!present || !isMapping() || S_ISLNK(present->st_mode) != (kind == MappingKind::Link) ||
+        mappingTarget() != file.path()) {
         return false;
     }
-    if (isLink) {
-        return true;
-    }
-    const UniqueFd here(openat(directory(), name_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!here) {
-        throw filesystemError("couldn't open " + target_.native());
-    }
-    return isCopyOf(here.get(), openPackageFile(file).get());
+    // Another's file of the same size and times has no marker that names this one.
+    return kind == MappingKind::Link || isCopyOf(*present, Common::statusOf(openPackageFile(file).get()));
 }
 
 void Mapping::createMapping(const MappedFile& file, MappingKind kind) const {

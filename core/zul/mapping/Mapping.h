@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <sys/types.h>
+#include <sys/stat.h>
 
 namespace Core::ZUL {
 
@@ -64,8 +64,12 @@ private:
     [[nodiscard]] int directory() const { return tree_.open(parent_); }
     /// For calls that know only paths: the place by way of the open directory.
     [[nodiscard]] std::string throughDescriptor() const;
-    /// The type bits of what is at the place; nothing when nothing is.
-    [[nodiscard]] std::optional<mode_t> fileType() const;
+    /// The status of what is at the place; nothing when nothing is.
+    [[nodiscard]] std::optional<struct stat> status() const;
+    [[nodiscard]] bool isLink() const {
+        const auto present = status();
+        return present && S_ISLNK(present->st_mode);
+    }
     void createLink(const MappedFile& file, int parent) const;
     void createCopy(const MappedFile& file, int parent) const;
 

@@ -167,10 +167,10 @@ void Mappings::refreshMappings(const MappingPlan& plan, const std::filesystem::p
     Work(*this, versionDirectory).make(plan, /*isStrict=*/false);
 }
 
-std::optional<MappingList> Mappings::removeMappings(const std::filesystem::path& versionDirectory,
-                                                    bool areStale) const {
+std::optional<bool> Mappings::removeMappings(const std::filesystem::path& versionDirectory,
+                                             bool areStale) const {
     const auto list = readMappingList(versionDirectory);
-    return list ? std::optional(Work(*this, versionDirectory).remove(*list, areStale)) : std::nullopt;
+    return list ? std::optional(Work(*this, versionDirectory).remove(*list, areStale).empty()) : std::nullopt;
 }
 
 void Mappings::flush() const { Common::flushFileSystem(systemRoot_); }

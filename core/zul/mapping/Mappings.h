@@ -38,9 +38,9 @@ public:
 
     /// Removes the mappings in a version's list that are still the package's. Failures are logged.
     /// @param areStale  whether it is expected that others have their places, which is logged else
-    /// @return the targets at which that failed; nothing when there is no list
-    [[nodiscard]] std::optional<MappingList> removeMappings(const std::filesystem::path& versionDirectory,
-                                                            bool areStale = false) const;
+    /// @return whether all are removed; nothing when there is no list
+    [[nodiscard]] std::optional<bool> removeMappings(const std::filesystem::path& versionDirectory,
+                                                     bool areStale = false) const;
 
     /// Waits until the system directories are on disk.
     void flush() const;

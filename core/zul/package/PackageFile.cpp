@@ -16,14 +16,6 @@ using Common::ErrorCode;
 
 namespace {
 
-struct stat statusOf(int file) {
-    struct stat status {};
-    if (fstat(file, &status) != 0) {
-        throw Common::filesystemError("couldn't look at rpm package");
-    }
-    return status;
-}
-
 /// @return false where leases cannot be had
 bool takeLease(const Common::UniqueFd& file, const std::filesystem::path& path) {
     // The signal is chosen first: the one that the kernel sends otherwise, SIGIO, ends the process.
@@ -53,7 +45,7 @@ PackageFile::PackageFile(const std::filesystem::path& path)
 // the file's. The reader's descriptor shares the lease and keeps it.
 PackageFile::PackageFile(const Common::UniqueFd& file, const std::filesystem::path& path)
     : isLeased_(takeLease(file, path))
-    , opened_(statusOf(file.get()))
+    , opened_(Common::statusOf(file.get()))
     , reader_(file, path.native()) {
     requireUnchanged();
 }
@@ -65,7 +57,7 @@ std::filesystem::path PackageFile::openFile() const {
 void PackageFile::requireUnchanged() const {
     const int file = Fileno(reader_.file());
     const bool isLeaseLost = isLeased_ && fcntl(file, F_GETLEASE) != F_RDLCK;
-    if (isLeaseLost || identity(statusOf(file)) != identity(opened_)) {
+    if (isLeaseLost || identity(Common::statusOf(file)) != identity(opened_)) {
         throw Error(ErrorCode::BadPackage,
                     "the package file was replaced or opened for writing while it was in use");
     }
