@@ -24,8 +24,8 @@ class FileIterator {
 public:
     /// Opens the payload. Throws Error, code BadPackage, "couldn't open rpm package for extraction", for a
     /// file list that librpm does not take and for an unknown payload format or compressor; BadPackage as
-    /// well for a symbolic link of PATH_MAX bytes or more. Code Filesystem or Internal, when no descriptors
-    /// or no thread are to be had.
+    /// well for a symbolic link of PATH_MAX bytes or more. Code Filesystem or Internal, without descriptors
+    /// or threads.
     explicit FileIterator(const Reader& reader);
 
     /// Moves to the next entry, skipping what is left of the present one.
@@ -41,7 +41,7 @@ public:
     [[nodiscard]] std::string path() const;
     [[nodiscard]] mode_t mode() const { return rpmfiFMode(iterator_.get()); }
     [[nodiscard]] rpmfileAttrs flags() const { return rpmfiFFlags(iterator_.get()); }
-    /// Size in bytes as the header has it; librpm goes by this one and not by the archive's.
+    /// Size in bytes as the header has it; librpm uses this one and not the archive's.
     [[nodiscard]] std::uint64_t size() const { return rpmfiFSize(iterator_.get()); }
     [[nodiscard]] std::string linkTarget() const;
     /// Whether the archive carries content for this entry: not so for the further members of a hard-link set.

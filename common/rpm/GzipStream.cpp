@@ -86,7 +86,7 @@ void GzipStream::endMember() {
     isal_inflate_reset(&state_);
 }
 
-/// @return false when nobody reads any more
+/// @return false when the other end is closed
 bool GzipStream::send(std::span<const std::uint8_t> bytes) {
     while (!bytes.empty()) {
         const auto count = ::send(writeEnd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);

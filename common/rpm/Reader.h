@@ -12,9 +12,9 @@
 
 namespace Common::Rpm {
 
-/// Opens a package file for reading. Never blocks on something that is no regular file. Any thread.
-/// Throws Error, code FileNotFound, for what cannot be opened or is no regular file; code Filesystem for an
-/// input or output error, and when there are no descriptors or no memory.
+/// Opens a package file for reading. Any thread.
+/// Throws Error, code FileNotFound, for what cannot be opened or is not a regular file; code Filesystem for
+/// an input or output error, and when there are no descriptors or no memory.
 [[nodiscard]] UniqueFd openPackageFile(const std::string& path);
 
 /// An open package file and its checked header. Copies share both; the file stays open as long as a copy

@@ -22,14 +22,14 @@ struct MappingPlan;
 ///     root/ID/current      link to the installed VERSION directory
 ///     root/ID/next         link to the VERSION directory of a prepared upgrade
 ///
-/// Files of an installed package appear in the system directories as mappings (see Mappings). The temporary
-/// directory, on the same file system as the root, is where callers unpack; recovery empties it.
+/// Files of an installed package appear in the system directories as mappings: symbolic links or marked
+/// copies. The temporary directory, on the same file system as the root, is where packages are unpacked;
+/// recovery empties it.
 ///
-/// One process owns a database and one thread at a time uses it. Failures are Common::Error; every operation
-/// that takes an identifier or a package throws, before it touches anything, BadPackageID for an identifier
-/// and BadPackage for a version, organisation or application name that is not one ordinary path component. An
-/// identifier may begin with one "/", which does not count. Looking at a package that turns out to be damaged
-/// removes it; what could not be read this time is an error and no damage.
+/// A database is used by one process, one thread at a time. Failures are Common::Error. Every operation that
+/// takes an identifier throws BadPackageID, before it touches anything, for one that PackageIdentity refuses.
+/// An operation that finds a package damaged removes it; what could not be read this time is an error, not
+/// damage.
 ///
 /// A process killed at any moment leaves a database that recoverDatabase(), one packages() and a
 /// refreshMappings() of every package bring back to whole packages with their mappings. What an operation
@@ -47,22 +47,22 @@ public:
              const std::filesystem::path& systemRoot = "/");
 
     /// The directory of an installed package. Throws PackageNotExist; CorruptedInstalledPackage, after
-    /// removing the package, when its "current" leads nowhere.
+    /// removing the package, when its "current" is missing or dangling.
     [[nodiscard]] std::filesystem::path packageDirectory(const std::string& packageId);
 
-    /// Where this version of the package lies or would lie. Looks at no file.
+    /// The path of this version of the package, which need not exist.
     [[nodiscard]] std::filesystem::path versionedDirectory(const PackageIdentity& package) const;
 
     /// The record of the prepared upgrade or, without one, of the installed version. A prepared upgrade whose
-    /// record cannot be read is given up. Throws CorruptedInstalledPackage, after removing the package, when
-    /// the installed version's record cannot be read.
+    /// record is damaged is discarded. Throws CorruptedInstalledPackage, after removing the package, when
+    /// the installed version's record is damaged.
     [[nodiscard]] PackageData readPackageData(const std::filesystem::path& packageDirectory);
 
     /// packageDirectory() and readPackageData() in one.
     [[nodiscard]] PackageData packageData(const std::string& packageId);
 
-    /// The directories in the root, in directory order; none when there is no root. Whatever else is found
-    /// there is deleted. Throws Filesystem when the root cannot be read.
+    /// The directories in the root, in directory order; none when there is no root. Any other entry is
+    /// deleted. Throws Filesystem when the root cannot be read.
     [[nodiscard]] std::vector<std::filesystem::path> packageDirectories();
 
     /// Every package with its data, in directory order; damaged ones are removed and left out.
@@ -72,13 +72,12 @@ public:
     /// cannot be removed the directory stays, as with remove().
     void cleanupCorruptedPackage(const std::filesystem::path& packageDirectory) noexcept;
 
-    /// Installs a package that has no directory yet. Takes the extracted directory over: it is renamed into
-    /// the database. A failure after that leaves no trace of the package, also not of a version that was
-    /// installed before, so callers take prepareUpgrade() for what is installed.
-    /// Throws Internal when there is no such directory, else Filesystem, also when a link in the root has the
-    /// package's name.
-    /// @param entries  further entries of the record; reading it back wants "certificate.id" and
-    ///                 "certificate.subgroup" among them
+    /// Installs a package that is not installed. The extracted directory is renamed into the database. A
+    /// failure after that removes the package, with any version installed before: call prepareUpgrade() for
+    /// an installed package. Throws Internal when there is no such directory, otherwise Filesystem, also when
+    /// a link in the root has the package's name.
+    /// @param entries  further entries of the record; reading it back requires "certificate.id" and
+    ///                 "certificate.subgroup"
     void install(const PackageIdentity& package, const PackageData& entries,
                  const std::filesystem::path& extracted);
 
@@ -103,26 +102,27 @@ public:
 
     /// Puts the prepared upgrade into service and deletes all other versions. When the new version's mappings
     /// cannot be made the old version is put back into service and the upgrade stays prepared; if that fails
-    /// too, the package is left damaged, and gone with the next look at it. Throws Internal when no upgrade
-    /// is prepared, else Filesystem or what packageDirectory() throws.
+    /// too, the package is left damaged. Throws Internal when no upgrade is prepared, otherwise Filesystem or
+    /// what packageDirectory() throws.
     void completeUpgrade(const PackageIdentity& package);
 
     /// Removes a package with its mappings and any prepared upgrade. When a mapping cannot be removed the
-    /// package is gone all the same, but its directory stays, as that of a damaged one, until a look at it
-    /// can remove the mapping. Throws Filesystem or what packageDirectory() throws.
+    /// package is removed nevertheless, but its directory stays, as that of a damaged one, until a later
+    /// operation on it can remove the mapping. Throws Filesystem or what packageDirectory() throws.
     void remove(const std::string& packageId);
 
     /// Brings the database in order after a restart: empties the temporary directory, completes prepared
     /// upgrades, deletes versions that are not installed and packages that cannot be read. Leaves mappings
-    /// alone: refreshMappings() of each package is the next step. One package's trouble is logged, not
+    /// alone: refreshMappings() of each package is the next step. Failures of single packages are logged, not
     /// thrown.
-    /// @return the identifiers of the packages whose upgrade it completed, which is left to announce
+    /// @return the identifiers of the packages whose upgrade it completed, for the caller to announce
     std::vector<std::string> recoverDatabase();
 
     /// Brings the system directories in line with the installed version: missing mappings are made, those of
     /// the package's own that it no longer has are removed, what belongs to others is left.
-    /// Throws what packageDirectory() and readRecord() throw, and Filesystem for a link in place of the
-    /// package's directory and when some mapping cannot be made; the others are made all the same.
+    /// Throws what packageDirectory() throws, CorruptedInstalledPackage for a damaged record, and Filesystem
+    /// for a link in place of the package's directory and when a mapping cannot be made; the others are made
+    /// nevertheless.
     void refreshMappings(const std::string& packageId);
 
     /// Renames an extracted directory to the package's version directory. A version of that

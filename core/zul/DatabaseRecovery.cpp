@@ -22,7 +22,7 @@ using Common::quoted;
 
 namespace {
 
-/// Whether the second path is the first or lies below it.
+/// Whether the second path is the first or below it.
 bool holds(const fs::path& outer, const fs::path& inner) {
     const auto above = fs::weakly_canonical(outer);
     const auto below = fs::weakly_canonical(inner);

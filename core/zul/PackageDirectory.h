@@ -18,7 +18,7 @@ public:
     [[nodiscard]] const std::filesystem::path& path() const { return path_; }
     /// Whether the path leads to the directory itself and not through a link to one, which is not ours.
     [[nodiscard]] bool isReal() const;
-    /// Throws when the directory is reached through a link: what that leads to belongs to somebody else.
+    /// Throws when the directory is reached through a link: its target is not ours.
     void requireNotSymlink() const;
     [[nodiscard]] std::filesystem::path current() const { return path_ / "current"; }
     [[nodiscard]] std::filesystem::path next() const { return path_ / "next"; }

@@ -16,13 +16,14 @@ inline const std::string recordName = "quenra.pkg";
 /// Throws Error, code Filesystem, "couldn't create quenra.pkg file " and the path: when the file cannot be
 /// written, and when an entry would not read back as it was given, for example one with a line break. Any
 /// thread.
-/// @param entries  dotted keys with exactly one full stop; values lose blanks at both ends when read
+/// @param entries  dotted keys with exactly one full stop; whitespace at both ends of a value is ignored when
+/// it is read
 void writeRecord(const PackageIdentity& package, const PackageData& entries,
                  const std::filesystem::path& directory);
 
 /// Reads a record and checks that it has "general.id", "general.version", "certificate.subgroup" and
-/// "certificate.id". Throws Error, code CorruptedInstalledPackage, when it is absent, is no regular file of
-/// at most 1 MiB, is no INI file or lacks one of these keys. Any thread.
+/// "certificate.id". Throws Error, code CorruptedInstalledPackage, when it is absent, is not a regular file
+/// of at most 1 MiB, is not an INI file or lacks one of these keys. Any thread.
 [[nodiscard]] PackageData readRecord(const std::filesystem::path& file);
 
 /// The reading of a record's text, as readRecord() does it; the file's name goes into messages.

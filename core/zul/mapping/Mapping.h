@@ -41,8 +41,8 @@ public:
     /// The package file that the mapping stands for.
     [[nodiscard]] std::filesystem::path mappingTarget() const;
 
-    /// Whether it is a mapping of a file of the package, whatever name the way to the package's directory had
-    /// when it was made.
+    /// Whether it is a mapping of a file of the package, also when the package's directory was reached by
+    /// another path when it was made.
     [[nodiscard]] bool belongsTo(const std::filesystem::path& packageDirectory) const;
 
     /// Whether a mapping may take the place of what is there: of a marked copy or a link into the database.

@@ -23,8 +23,8 @@ struct MappingPlan {
     [[nodiscard]] MappingList targets() const;
 };
 
-/// Works out the mappings of a version from the rules and what lies in its directory: every entry below a
-/// rule's source that is no directory, in the order of the rules and then of the directories. One rule of
+/// Works out the mappings of a version from the rules and its directory's content: every entry below a
+/// rule's source that is not a directory, in the order of the rules and then of the directories. One rule of
 /// kind copy that applies makes all of them copies.
 /// Throws Error: BadPackage for a file name with a control character, which no mapping list can hold;
 /// Filesystem for a source directory that is a link out of the version, and for what cannot be read.

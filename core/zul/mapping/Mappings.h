@@ -13,17 +13,17 @@ struct MappingPlan;
 /// away again. What a version is about to have there is in its mapping list on disk before the first is made,
 /// so that an interrupted operation leaves nothing that could not be found again.
 ///
-/// A mapping belongs to the package in whose directory the file lies that it stands for; those of others are
-/// never removed on the word of a list, only replaced where a new mapping takes their place.
-/// Used by one thread at a time. Failures are Common::Error.
+/// A mapping belongs to the package whose directory has the file that it stands for. A list alone never
+/// removes another package's mapping; a new mapping replaces it. Used by one thread at a time. Failures are
+/// Common::Error.
 class Mappings {
 public:
     /// @param systemRoot  the directory that stands for "/" in every mapping's path
     explicit Mappings(std::filesystem::path systemRoot)
         : systemRoot_(std::move(systemRoot)) {}
 
-    /// Plans the mappings of a version, wherever it lies now, and writes their list. The caller flushes it.
-    /// Throws as planMappings().
+    /// Plans the mappings of a version, also one that is not in the database yet, and writes their list. The
+    /// caller flushes it. Throws as planMappings().
     static MappingPlan prepare(const PackageIdentity& package, const std::filesystem::path& versionDirectory);
 
     /// Makes the mappings of a version as planned, replaces those of other packages, and removes the

@@ -12,10 +12,10 @@
 namespace Core::ZUL {
 
 /// The directory into which a package is unpacked. Everything is made relative to its descriptor, one path
-/// component at a time and never through a symbolic link, so nothing outside can be reached whatever the
-/// paths say. Paths are relative to the directory. Used by one thread.
+/// component at a time and never through a symbolic link, so no path reaches anything
+/// outside. Paths are relative to the directory. Used by one thread.
 ///
-/// Unless told otherwise functions throw std::filesystem::filesystem_error, and Common::Error, code
+/// Unless stated otherwise functions throw std::filesystem::filesystem_error, and Common::Error, code
 /// BadPackage, for a path that would leave the directory, leads through a symbolic link or names what was
 /// already made.
 class DestinationTree {

@@ -103,7 +103,7 @@ void Extraction::extractFile(const PayloadEntry& entry, EntryContent& content) {
     const auto place = tree_.nameOf(path);
     auto file = tree_.makeFile(path);
     writeContent(content, file.get(), place);
-    // The permissions come last: nobody can run a file before it has its signature.
+    // The permissions come last: a file cannot be run before it has its signature.
     if (entry.isSigned) {
         sign(entry, file.get(), place);
     }
