@@ -22,7 +22,7 @@ if(platform)
 endif()
 
 # Nothing that others build with has a path of this machine in it.
-file(GLOB_RECURSE exported ${tree}/*.cmake ${tree}/*.h ${tree}/*.service)
+file(GLOB_RECURSE exported ${tree}/*.cmake ${tree}/*.h ${tree}/*.pc ${tree}/*.service)
 foreach(file IN LISTS exported)
     file(READ ${file} text)
     foreach(path ${SCRATCH} ${SOURCE})
