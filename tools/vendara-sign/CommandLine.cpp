@@ -1,0 +1,177 @@
+#include "tools/vendara-sign/CommandLine.h"
+
+#include "common/Error.h"
+#include "common/Files.h"
+#include "tools/CommandLine.h"
+
+#include <array>
+#include <ctime>
+#include <stdexcept>
+#include <string_view>
+
+namespace Signing {
+
+namespace {
+
+constexpr std::size_t maximumTextSize = std::size_t{64} * 1024 * 1024;
+
+std::optional<std::time_t> midnightOf(const std::string& date) {
+    std::tm fields{};
+    strptime(date.c_str(), "%Y-%m-%d", &fields);
+    const auto time = timegm(&fields);
+    // A day that its month does not have has become another one.
+    std::array<char, sizeof "YYYY-MM-DD"> written{};
+    const auto length = std::strftime(written.data(), written.size(), "%Y-%m-%d", &fields);
+    return std::string_view(written.data(), length) == date ? std::optional(time) : std::nullopt;
+}
+
+std::string checkDate(const std::string& date) {
+    return midnightOf(date) ? std::string() : "\"" + date + "\" is not a date (YYYY-MM-DD)";
+}
+
+Validity validityFrom(const Arguments& arguments) {
+    auto validity = Validity::usual();
+    validity.notBefore = midnightOf(arguments.notBefore).value_or(validity.notBefore);
+    validity.notAfter = midnightOf(arguments.notAfter).value_or(validity.notAfter);
+    return validity;
+}
+
+std::string checkPath(const std::string& path) { return path.empty() ? "the path is empty" : ""; }
+
+CLI::Option* addFile(CLI::App& app, const std::string& name, std::string& value, const std::string& help) {
+    return app.add_option(name, value, help)->type_name("FILE")->check(checkPath);
+}
+
+// A file that an option takes, as a part of the command line: what is wrong with it is wrong usage.
+std::string readArgument(const std::string& path) {
+    try {
+        return Common::readExistingFile(path, maximumTextSize);
+    } catch (const Common::Error& error) {
+        throw CLI::ValidationError(error.what());
+    }
+}
+
+void declareSigning(CLI::App& app, Arguments& arguments) {
+    addFile(app, "--developer-key", arguments.developerKey,
+            "Sign the package and its files with this private key: PEM, DER, PKCS #12 or a pkcs11: URI");
+    addFile(app, "--developer-cert", arguments.developerCertificate,
+            "The developer's certificate, unless it is where the key is");
+    addFile(app, "--client-key", arguments.clientKey, "Sign the package as client with this private key");
+    addFile(app, "--client-cert", arguments.clientCertificate,
+            "The client's certificate, unless it is where the key is");
+    addFile(app, "--passphrase-file", arguments.passphraseFile,
+            "The first line is the passphrase of the keys; without it the terminal is asked");
+    app.add_flag("--allow-expired", arguments.allowExpired,
+                 "Sign with a certificate that is not valid today; no device takes the package");
+    app.add_flag("--replace", arguments.replace, "Replace signatures of the same role");
+    app.add_option("--trustlet", arguments.trustlets,
+                   "Sign this file, or all files below this directory of the package, as trustlets too")
+        ->type_name("PATH")
+        ->allow_extra_args(false);
+    addFile(app, "--write-digest", arguments.digestOutput,
+            "Instead of signing, write the digests that lack a signature here");
+    app.add_option("--attach", arguments.signatureFiles,
+                   "Sign with the signatures in this file, which were made of such digests")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
+    addFile(app, "--output", arguments.output, "Write the package here instead of replacing PACKAGE");
+}
+
+void declare(CLI::App& app, Arguments& arguments) {
+    app.set_version_flag("--version", "vendara-sign " VENDARA_VERSION);
+    app.add_option("PACKAGE", arguments.packages, "The rpm packages")->type_name("FILE");
+    declareSigning(app, arguments);
+    app.add_flag("--strip", arguments.strip, "Remove all signatures");
+    auto* authority = addFile(app, "--authority", arguments.authority, "The authority's certificate (PEM)");
+    authority->needs(
+        app.add_flag("--verify", arguments.verify, "Verify the package's signatures")->needs(authority));
+    app.add_flag("--show", arguments.show, "Print who signed the package, without verifying it");
+    app.add_flag("--json", arguments.json, "Print the signers as JSON, one text for each package");
+    auto* testAuthority = addFile(app, "--make-test-ca", arguments.testAuthority,
+                                  "Make a throw-away authority and keys of a developer, a client and a "
+                                  "system developer in this directory")
+                              ->type_name("DIRECTORY");
+    const auto addDate = [&](const char* name, std::string& value, const char* help) {
+        app.add_option(name, value, help)->type_name("YYYY-MM-DD")->check(checkDate)->needs(testAuthority);
+    };
+    addDate("--not-before", arguments.notBefore, "First day of their certificates");
+    addDate("--not-after", arguments.notAfter, "Day on which their certificates end, at 0:00 UTC");
+    app.footer("Exit status: 0 success, 1 failure, 2 wrong usage.");
+}
+
+void require(bool isRight, const std::string& problem) {
+    if (!isRight) {
+        throw CLI::ValidationError(problem);
+    }
+}
+
+void checkSigning(const Arguments& arguments) {
+    const bool hasKey = !arguments.developerKey.empty() || !arguments.clientKey.empty();
+    const bool isDeveloper = !arguments.developerKey.empty() || !arguments.developerCertificate.empty();
+    if (arguments.usesDigests()) {
+        require(!hasKey, "--write-digest and --attach are for signing without a key");
+        require(arguments.packages.size() == 1, "--write-digest and --attach take one PACKAGE");
+        require(arguments.digestOutput.empty() || arguments.output.empty(),
+                "--write-digest writes no package");
+    } else {
+        require(arguments.developerCertificate.empty() || !arguments.developerKey.empty(),
+                "--developer-cert requires --developer-key");
+        require(arguments.clientCertificate.empty() || !arguments.clientKey.empty(),
+                "--client-cert requires --client-key");
+    }
+    require(arguments.trustlets.empty() || isDeveloper, "--trustlet is for the developer's signature");
+    for (const auto& trustlet : arguments.trustlets) {
+        require(trustlet.starts_with('/'), "--trustlet takes an absolute path of the package");
+    }
+}
+
+void checkUsage(Arguments& arguments) {
+    const bool sign = !arguments.developerKey.empty() || !arguments.developerCertificate.empty() ||
+                      !arguments.clientKey.empty() || !arguments.clientCertificate.empty();
+    const bool makeTestAuthority = !arguments.testAuthority.empty();
+    const bool reads = arguments.show || arguments.verify;
+    require(int{sign} + int{arguments.strip} + int{arguments.verify} + int{arguments.show} +
+                    int{makeTestAuthority} ==
+                1,
+            "give exactly one of: keys or certificates to sign with, --strip, --verify, --show, "
+            "--make-test-ca");
+    require(makeTestAuthority == arguments.packages.empty(),
+            makeTestAuthority ? "--make-test-ca takes no PACKAGE" : "PACKAGE is required");
+    for (const auto& package : arguments.packages) {
+        require(!package.empty(), "PACKAGE: the path is empty");
+    }
+    require(arguments.output.empty() || sign || arguments.strip, "--output is for signing and --strip");
+    require(arguments.output.empty() || arguments.packages.size() == 1, "--output takes one PACKAGE");
+    require(sign || (!arguments.allowExpired && !arguments.replace && arguments.passphraseFile.empty() &&
+                     !arguments.usesDigests() && arguments.trustlets.empty()),
+            "--allow-expired, --replace, --passphrase-file, --trustlet, --write-digest and --attach are for "
+            "signing");
+    require(!arguments.json || reads, "--json is for --show and --verify");
+    arguments.validity = validityFrom(arguments);
+    require(arguments.validity.notAfter > arguments.validity.notBefore,
+            "the certificates would end before they begin");
+    checkSigning(arguments);
+    for (const auto& file : arguments.signatureFiles) {
+        try {
+            arguments.digests.addSignatures(readArgument(file));
+        } catch (const std::runtime_error& error) {
+            throw CLI::ValidationError(file + ": " + error.what());
+        }
+    }
+    if (!arguments.passphraseFile.empty()) {
+        const auto text = readArgument(arguments.passphraseFile);
+        arguments.passphrase = text.substr(0, text.find('\n'));
+        require(!arguments.passphrase->empty(), arguments.passphraseFile + ": the first line is empty");
+    }
+}
+
+} // namespace
+
+std::optional<int> parseCommandLine(int argc, const char* const* argv, Arguments& arguments) {
+    CLI::App app("Signs packages for the device, and verifies them as the device does.", "vendara-sign");
+    declare(app, arguments);
+    app.callback([&arguments] { checkUsage(arguments); });
+    return Tools::parse(app, argc, argv);
+}
+
+} // namespace Signing
