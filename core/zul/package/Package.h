@@ -76,7 +76,7 @@ public:
     [[nodiscard]] const std::string& architecture() const { return architecture_; }
     /// Throws Common::Error, code BadPackageArchitecture, unless the package is for this one or "noarch".
     void requireArchitecture(const std::string& platform) const;
-    /// The developer's signature, a type of the platform's library libsigncms.
+    /// The developer's signature. To use it include "platform/signcms/PackageSignatures.h".
     [[nodiscard]] const PackageSignatures::Cms& developerCms() const { return *developerCms_; }
     /// Key identifier of the developer's certificate.
     [[nodiscard]] const std::string& developerKeyId() const;
