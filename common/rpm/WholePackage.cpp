@@ -40,6 +40,8 @@ PackageLayout layoutOf(const Reader& reader) {
 /// Zstandard frame, also behind frames that are skipped, as those that hold signatures may be.
 bool continuesPayload(int file, std::uint64_t offset) {
     constexpr std::array<std::uint8_t, 2> gzip{0x1f, 0x8b};
+    // Libraries that are built for older formats unpack their frames, too.
+    constexpr std::uint32_t oldestFrame = 0xfd2fb522;
     constexpr std::uint32_t frame = 0xfd2fb528;
     constexpr std::uint32_t skippableFrame = 0x184d2a50; // the last four bits are free
     constexpr int mostSkipped = 16;
@@ -52,7 +54,8 @@ bool continuesPayload(int file, std::uint64_t offset) {
             return start[place] | start[place + 1] << 8U | start[place + 2] << 16U |
                    static_cast<std::uint32_t>(start[place + 3]) << 24U;
         };
-        if (std::equal(gzip.begin(), gzip.end(), start.begin()) || numberAt(0) == frame) {
+        if (std::equal(gzip.begin(), gzip.end(), start.begin()) ||
+            (numberAt(0) >= oldestFrame && numberAt(0) <= frame)) {
             return true;
         }
         if ((numberAt(0) & ~0xfU) != skippableFrame) {

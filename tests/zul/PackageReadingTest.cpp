@@ -136,7 +136,7 @@ TEST_F(APackage, IsABinaryPackageFromItsFirstByteToItsSignatures) {
                                           "\": package's signatures do not begin where its payload ends\n"));
     }
     const std::string skipped("\x51\x2a\x4d\x18\x01\0\0\0x", 9);
-    for (const std::string more : {"\x1f\x8b", "\x28\xb5\x2f\xfd"}) {
+    for (const std::string more : {"\x1f\x8b", "\x22\xb5\x2f\xfd", "\x28\xb5\x2f\xfd"}) {
         const std::pair refusal(ErrorCode::BadPackage,
                                 std::string("the payload of the rpm package continues behind its end"));
         EXPECT_EQ(refusalWith(whole + more), refusal);
