@@ -164,7 +164,7 @@ std::optional<std::string> readRegularFile(const std::filesystem::path& file, st
     const auto size = fd ? sizeOf(fd.get()) : 0;
     if (!fd || size > limit) {
         throw Error(ErrorCode::FileNotFound,
-                    "no regular file of at most " + std::to_string(limit) + " bytes: " + file.native());
+                    "not a regular file of at most " + std::to_string(limit) + " bytes: " + file.native());
     }
     std::string text(static_cast<std::size_t>(size), '\0');
     const auto filled = readAll(fd.get(), std::as_writable_bytes(std::span(text)));

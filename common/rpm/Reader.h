@@ -32,9 +32,10 @@ public:
     static constexpr std::uint64_t maximumHeaderSize = 32UL * 1024 * 1024;
 
     /// Opens a package file and reads its header, checked by librpm's configured policy. Never blocks on
-    /// something that is no regular file. Starts no process and touches no file but the package and librpm's
-    /// configuration, unless the package has an rpm signature: librpm's key database is opened for that.
-    /// Throws Error: FileNotFound for what cannot be opened or is no regular file, BadPackage for a file
+    /// something that is not a regular file. Starts no process and touches no file but the package and
+    /// librpm's configuration, unless the package has an rpm signature: librpm's key database is opened for
+    /// that.
+    /// Throws Error: FileNotFound for what cannot be opened or is not a regular file, BadPackage for a file
     /// whose headers are larger than maximumHeaderSize or that librpm does not accept as a package,
     /// Filesystem when the file cannot be read or opened this time.
     explicit Reader(const std::string& path);

@@ -36,7 +36,7 @@ MappingPlan Database::stage(const PackageIdentity& package, const PackageData& e
     }
     writeRecord(package, entries, extracted);
     auto plan = Mappings::prepare(package, extracted);
-    // Unpacked in private, used by everybody.
+    // Unpacked for its owner alone, installed for every user.
     if (chmod(extracted.c_str(), 0755) != 0) {
         throw Common::filesystemError("couldn't set the mode of " + extracted.native());
     }
@@ -250,7 +250,7 @@ void Database::putBack(const PackageDirectory& directory) noexcept {
         Common::flushDirectory(directory.path());
         keepMappingListOf(directory.next(), current);
     };
-    // What fails here is made up for by the next refresh, which knows of mappings that could not be removed.
+    // The next refresh repairs what fails here: it knows the mappings that could not be removed.
     Common::guarded("couldn't put back the previous version", putLinksBack);
     Common::guarded("couldn't refresh the previous version", [&] {
         if (Common::exists(current)) {

@@ -19,9 +19,9 @@ public:
     /// Opens a package file and reads its signatures, without verifying them.
     /// @param path  the file; "/proc/self/fd/N" opens what the caller already holds open, with a position
     ///              of its own. Never blocks, also not on a FIFO.
-    /// @return nothing when the file cannot be opened, is no regular file, does not begin as an rpm package
-    ///         does, or carries signatures that are not in the one form that the format allows or do not
-    ///         begin where the package's own headers say that it ends; the reason and the file's path are
+    /// @return nothing when the file cannot be opened, is not a regular file, does not begin as an rpm
+    ///         package does, or carries signatures that are not in the one form that the format allows or do
+    ///         not begin where the package's own headers say that it ends; the reason and the file's path are
     ///         then written to standard error, a line that begins with "WARN: ". A value with an empty list
     ///         for a package that ends without signatures
     [[nodiscard]] static std::optional<FileWithCmses> fromPath(const std::filesystem::path& path);

@@ -107,7 +107,7 @@ TEST_F(APackage, HasAManifestThatCanBeTrustedOnlySoFar) {
     EXPECT_THAT(refusalWith({.content = evil}),
                 testing::Pair(ErrorCode::BadPackage, HasSubstr("../../../..")));
     EXPECT_THAT(refusalWith({.mode = S_IFLNK | 0777U, .content = "/etc/passwd"}).second,
-                HasSubstr("no regular file"));
+                HasSubstr("not a regular file"));
     EXPECT_THAT(refusalWith({.content = std::string(1024 * 1024 + 1, '#')}).second, HasSubstr("too large"));
     EXPECT_THAT(refusalWith({.promisedSize = 0xffffffffU}).second, HasSubstr("too large"));
     EXPECT_THAT(refusalWith({.mode = S_IFLNK | 0777U, .promisedSize = 0xffffffffU}).second,

@@ -87,11 +87,11 @@ TEST_F(ARecord, ThatIsDamagedIsRefusedWithTheReason) {
 
 TEST_F(ARecord, IsNeverWaitedForNorReadWithoutBound) {
     ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
-    EXPECT_ERROR(readRecord(file), CorruptedInstalledPackage, HasSubstr("no regular file of at most"));
+    EXPECT_ERROR(readRecord(file), CorruptedInstalledPackage, HasSubstr("not a regular file of at most"));
     fs::remove(file);
     writeFile(file, "");
     fs::resize_file(file, 1ULL << 40);
-    EXPECT_ERROR(readRecord(file), CorruptedInstalledPackage, HasSubstr("no regular file of at most"));
+    EXPECT_ERROR(readRecord(file), CorruptedInstalledPackage, HasSubstr("not a regular file of at most"));
 }
 
 } // namespace Testbed

@@ -35,7 +35,7 @@ UniqueFd openPackageFile(const MappedFile& file) {
         throw filesystemError("couldn't open " + file.path().native());
     }
     if (!S_ISREG(Common::statusOf(fd.get()).st_mode)) {
-        throw Error(ErrorCode::Filesystem, "no regular file: " + file.path().native());
+        throw Error(ErrorCode::Filesystem, "not a regular file: " + file.path().native());
     }
     return fd;
 }

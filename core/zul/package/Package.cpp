@@ -59,7 +59,7 @@ std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, co
             return readEntry(files, path);
         }
         if (isWanted && files.path() == path) {
-            throw Error(ErrorCode::BadPackage, "the package's manifest is no regular file: " + path);
+            throw Error(ErrorCode::BadPackage, "the package's manifest is not a regular file: " + path);
         }
         // The next step unpacks what this entry has: its content and a name.
         const auto cost = std::min<std::uint64_t>(files.size(), searchLimit) + PATH_MAX;
