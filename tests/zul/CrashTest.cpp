@@ -98,6 +98,7 @@ void PrintTo(const Operation& operation, std::ostream* stream) { *stream << oper
 const std::vector<Operation> operations{
     {"Install", "", "1", "-1", install},
     {"InstallThatFails", "", "1", "1-", refuseInstall},
+    {"InstallOverWhatARemovalLeft", "1", "1", "-1", install},
     {"PrepareUpgrade", "1", "2", "12", prepareUpgrade},
     {"PrepareHigherUpgrade", "12", "3", "23", prepareUpgrade},
     {"CompleteUpgrade", "12", "", "2", completeUpgrade},
@@ -107,12 +108,21 @@ const std::vector<Operation> operations{
     {"RefreshMappings", "12", "", "2", restart},
 };
 
+/// Whether the version that is installed was left without a "current" by a removal.
+bool isOverRemains(const Operation& operation) {
+    return !operation.before.empty() && operation.before == operation.unpacked;
+}
+
 void makeStateBefore(DatabaseOnDisk& disk, const Operation& operation, bool isCopying) {
     disk.install(PackageIdentity("neighbour", "7"), neighbour);
     for (const char version : operation.before) {
         const PackageIdentity package(id, {version});
-        const auto files = filesOf({version}, isCopying);
+        const auto files = filesOf(isOverRemains(operation) ? "2" : std::string{version}, isCopying);
         version == '1' ? disk.install(package, files) : disk.prepare(package, files);
+    }
+    if (isOverRemains(operation)) {
+        // As when no mapping could be removed.
+        fs::remove(disk.root / id / "current");
     }
     if (operation.run == refuseInstall) {
         fs::create_directories(obstacleIn(disk));
@@ -292,8 +302,10 @@ TEST_P(DatabaseOperations, FindOnDiskWhatTheyRelyOnAfterALossOfPower) {
     makeStateBefore(disk, operation, isCopying);
     const auto calls = recordCalls([&] { operation.run(disk, package); });
     // Of a removal the change that counts is that the links go.
-    const auto published =
-        find(calls, operation.run == removeIt ? "^remove .*/current$" : "^link .*/(current|next)$");
+    const bool isReplacing = isOverRemains(operation);
+    const auto published = find(calls, operation.run == removeIt ? "^remove .*/current$"
+                                       : isReplacing             ? "^link .*/1$"
+                                                                 : "^link .*/(current|next)$");
     ASSERT_LT(published, calls.size());
     const auto flushed = find(calls, "^(fsync|syncfs)$", published);
     ASSERT_LT(flushed, calls.size());
@@ -308,18 +320,20 @@ TEST_P(DatabaseOperations, FindOnDiskWhatTheyRelyOnAfterALossOfPower) {
     // Mappings are on disk before success is reported or the version goes whose list names old ones.
     if (operation.run != prepareUpgrade && operation.run != recover && operation.run != restart) {
         const auto mapped = find(calls, operation.run == removeIt ? "^remove tool$" : "^link only-in-.$");
-        EXPECT_LT(find(calls, "^syncfs$", mapped), std::min(deleted, calls.size()));
+        EXPECT_LT(find(calls, "^syncfs$", mapped),
+                  isReplacing ? calls.size() : std::min(deleted, calls.size()));
     }
-    if (operation.run == completeUpgrade || operation.run == recover || operation.run == restart) {
+    if (operation.run == completeUpgrade || operation.run == recover || operation.run == restart ||
+        isReplacing) {
         // The new version's list names the old one's mappings on disk before the old one's goes.
-        const auto kept = find(calls, "/symlink.list$");
+        const auto kept = find(calls, "/symlink.list$", isReplacing ? find(calls, "^syncfs$") : 0);
         ASSERT_LT(kept, deleted);
         EXPECT_EQ(calls.at(kept - 1), "fsync");
         EXPECT_EQ(calls.at(kept + 1), "fsync");
     }
-    if (operation.run == completeUpgrade || operation.run == restart) {
+    if (operation.run == completeUpgrade || operation.run == restart || isReplacing) {
         // They are gone on disk before they are on no list.
-        const auto stale = find(calls, "^remove only-in-1$");
+        const auto stale = find(calls, "^remove only-in-.$", find(calls, "^link .*/current$"));
         ASSERT_LT(stale, calls.size());
         EXPECT_LT(find(calls, "^syncfs$", stale), find(calls, "/symlink.list$", stale));
     }
