@@ -59,12 +59,21 @@ fs::path Database::moveToVersionedDirectory(const PackageIdentity& package, cons
             // Its list may name mappings that could not be removed.
             keepMappingListOf(version, extracted);
         }
-        if (renameat2(AT_FDCWD, extracted.c_str(), AT_FDCWD, version.c_str(),
-                      isReplacing ? RENAME_EXCHANGE : 0) != 0) {
-            throw Common::filesystemError("couldn't rename " + extracted.native());
-        }
+        const auto move = [&] {
+            if (renameat2(AT_FDCWD, extracted.c_str(), AT_FDCWD, version.c_str(),
+                          isReplacing ? RENAME_EXCHANGE : 0) != 0) {
+                throw Common::filesystemError("couldn't rename " + extracted.native());
+            }
+        };
+        move();
         if (isReplacing) {
-            Common::flushDirectory(directory.path());
+            try {
+                Common::flushDirectory(directory.path());
+            } catch (...) {
+                // Another attempt would install what is replaced.
+                Common::guarded("couldn't put back the replaced version", move);
+                throw;
+            }
             Common::guarded("couldn't remove the replaced version", [&] { Common::removeTree(extracted); });
         }
     } catch (const Error& error) {

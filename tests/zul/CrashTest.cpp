@@ -201,6 +201,22 @@ TEST_P(DatabaseOperations, LoseNothingWhenACallFails) {
                 [&](DatabaseOnDisk& disk) { makeStateBefore(disk, operation, isCopying); });
 }
 
+TEST(ReplacingAnAbandonedVersion, LeavesWhatWasExtractedForAnotherAttemptWhenACallFails) {
+    const auto operation = *std::find_if(operations.begin(), operations.end(), isOverRemains);
+    forEachFault(1, [&](const Fault& fault, unsigned point) {
+        DatabaseOnDisk disk;
+        EXPECT_EQ(runInChild([&] { makeStateBefore(disk, operation, false); }), End::Finished);
+        const auto move = [&] {
+            disk.database.moveToVersionedDirectory(PackageIdentity(id, "1"), disk.temp / "next");
+        };
+        const auto [end, wasMet] = runWithFault(point, fault, move);
+        if (end == End::Failed && !fault.goesOn) {
+            EXPECT_EQ(readFile(disk.temp / "next/unmapped"), "1");
+        }
+        return wasMet;
+    });
+}
+
 /// What a package and its neighbour have in the system directories.
 Files mappingsWithNeighbour(const DatabaseOnDisk& disk, const std::string& version, bool isCopying) {
     auto expected = mappingsOf(disk.root / id, filesOf(version, isCopying));
