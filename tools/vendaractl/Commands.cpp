@@ -72,10 +72,11 @@ void show(const Request& request, JsonValue result, const std::vector<Vendara::O
         printJson(result);
         return;
     }
-    printTable(header, rows);
+    // First: the service reports them once, and the reader of the table may stop reading, as head(1) does.
     for (const auto& operation : completed) {
         printEarlier(operation);
     }
+    printTable(header, rows);
 }
 
 using Launch = void (Client::*)(const std::string&);
