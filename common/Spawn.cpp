@@ -8,6 +8,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
+#include <span>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -113,6 +114,11 @@ std::optional<int> waitForEnd(pid_t child, std::chrono::milliseconds limit) {
     return exitStatusOf(status);
 }
 
+void reap(pid_t child) noexcept {
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
 pid_t spawn(const std::vector<std::string>& arguments, const SpawnOptions& options) {
     auto argumentStrings = arguments;
     auto environmentStrings = environmentWith(options.environment);
@@ -136,8 +142,8 @@ pid_t spawn(const std::vector<std::string>& arguments, const SpawnOptions& optio
         _exit(127);
     }
     writing = UniqueFd();
-    if (read(reading.get(), &failure, sizeof failure) == sizeof failure) {
-        waitpid(child, nullptr, 0);
+    if (readAll(reading.get(), std::as_writable_bytes(std::span(&failure, 1))) == sizeof failure) {
+        reap(child);
         throw std::system_error(failure, std::generic_category(), "couldn't start " + arguments.front());
     }
     return child;

@@ -37,6 +37,9 @@ struct SpawnOptions {
 /// @return its exit status as exitStatusOf() gives it; nothing when the limit has passed
 [[nodiscard]] std::optional<int> waitForEnd(pid_t child, std::chrono::milliseconds limit);
 
+/// Waits for the end of a child without a limit, also when signals interrupt it. Any thread.
+void reap(pid_t child) noexcept;
+
 /// The exit status in a wait status (wait(2)): the program's, or 128 and the signal's number.
 [[nodiscard]] int exitStatusOf(int waitStatus) noexcept;
 

@@ -6,7 +6,6 @@
 #include <array>
 #include <fcntl.h>
 #include <stdexcept>
-#include <sys/wait.h>
 
 namespace Common {
 
@@ -35,7 +34,7 @@ pid_t startPrivateBus(const std::filesystem::path& socket, int output, const std
     // It prints its address once it listens.
     std::byte first{};
     if (readAll(reading.get(), {&first, 1}) != 1U) {
-        waitpid(bus, nullptr, 0);
+        reap(bus);
         throw std::runtime_error("the bus " + socket.native() + " does not start");
     }
     return bus;

@@ -109,7 +109,7 @@ void RuntimeManager::start(const std::string& id) {
         // Its end would not be noticed.
         applications_.erase(id);
         kill(-process, SIGKILL);
-        waitpid(process, nullptr, 0);
+        Common::reap(process);
         throw;
     }
     Common::logInfo() << "started " << id << ", process " << std::to_string(process);
