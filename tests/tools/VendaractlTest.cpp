@@ -45,7 +45,7 @@ Json lastLine(const std::string& output) {
     return Json::parse(text.substr(text.rfind('\n') + 1));
 }
 
-TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndTellsCodesInWords) {
+TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndExplainsItsErrorCode) {
     for (const char* name : {"good.rpm", "unsigned.rpm", "text.rpm"}) {
         writeFile(scratch.path() / name, "package");
     }
@@ -53,8 +53,10 @@ TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndTellsCodesInWords) {
                              {"same", {{101}, 8}},
                              {"[a,b]", {{100}}},
                              {"-x", {{100}}},
+                             {"late", {.completed = true}},
                              {"unsigned.rpm", {{0, 10, 101}, 7}},
                              {"text.rpm", {.refusal = "Failed to retrieve id from the rpm package"}}});
+    EXPECT_THAT(ctl({"list"}).output, testing::StartsWith("earlier: install late: finished\nPACKAGE\t"));
     const auto result = ctl({"install", "good.rpm", "./unsigned.rpm", "text.rpm"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "install good.rpm: queued\ninstall good.rpm: in progress\n"
