@@ -186,8 +186,24 @@ void Platform::reap() {
 
 void Platform::stop(const Program& program) {
     kill(program.target, program.stopSignal);
-    if (!Common::waitForEnd(program.process, std::chrono::seconds(3)) && kill(program.target, SIGKILL) == 0) {
-        waitpid(program.process, nullptr, 0);
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGCHLD);
+    const auto deadline = Common::TimePoint::clock::now() + std::chrono::seconds(3);
+    int flags = WNOHANG;
+    // What outlives the leader of its group, as the daemon does bwrap(1), becomes a child of this process.
+    for (pid_t ended = 0; (ended = waitpid(program.target, nullptr, flags)) >= 0;) {
+        const std::chrono::nanoseconds left = deadline - Common::TimePoint::clock::now();
+        if (ended == 0 && left.count() > 0) {
+            const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+            const timespec limit{seconds.count(), (left - seconds).count()};
+            sigtimedwait(&ends, nullptr, &limit);
+        } else if (ended == 0) {
+            if (kill(program.target, SIGKILL) != 0) {
+                return;
+            }
+            flags = 0;
+        }
     }
 }
 
