@@ -195,8 +195,12 @@ TEST_F(VendaraSign, TakesSignaturesThatWereMadeOfItsDigestsElsewhere) {
     EXPECT_EQ(answer("client", "package", "package.signed"), 1);
     EXPECT_THAT(signWith({"--attach", "files.signed", "--attach", "package.signed"}).output,
                 HasSubstr("the signature was not made with the certificate's key"));
-    EXPECT_EQ(readFile(file), before);
     answer("developer", "package", "package.signed");
+    EXPECT_EQ(
+        signWith({"--attach", "files.signed", "--attach", "package.signed", "--write-digest", "rest"}).status,
+        0);
+    EXPECT_EQ(readFile(scratch.path() / "rest"), "");
+    EXPECT_EQ(readFile(file), before);
     const auto result = signWith({"--attach", "files.signed", "--attach", "package.signed"});
     EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_EQ(readFile(file), readFile(scratch.path() / "signed.rpm"));

@@ -18,6 +18,7 @@ struct SignRequest {
     std::vector<std::string> trustlets{}; ///< see signFiles()
     bool replaces = false;                ///< signatures of the same roles, valid or not
     bool evenBroken = false;       ///< signs what is not one whole binary package; for tests of devices
+    bool onlyDigests = false;      ///< finds the digests without a signature and writes no package
     DigestFile* digests = nullptr; ///< has the signatures, where the identities have no keys
 };
 

@@ -153,6 +153,7 @@ bool sign(Arguments& arguments) {
     Signing::SignRequest request;
     auto& digests = arguments.digests;
     request.digests = arguments.usesDigests() ? &digests : nullptr;
+    request.onlyDigests = !arguments.digestOutput.empty();
     request.trustlets = arguments.trustlets;
     request.replaces = arguments.replace;
     request.developer = signerFrom(arguments.developerKey, arguments.developerCertificate, arguments);
@@ -161,7 +162,7 @@ bool sign(Arguments& arguments) {
         request.package = package;
         request.output = arguments.output.empty() ? package : arguments.output;
         Signing::signPackage(request);
-        if (!arguments.digestOutput.empty()) {
+        if (request.onlyDigests) {
             writeDigests(digests, arguments.digestOutput);
         } else if (!digests.missing().empty()) {
             throw std::runtime_error(
