@@ -347,6 +347,10 @@ TEST_F(VendaraSign, TellsWrongUsageFromFailure) {
         {"--client-cert", "ca/client.pem", "--attach", "ca/ca.pem", "a.rpm"},
         {"--client-cert", "ca/client.pem", "--attach", "empty", "--trustlet", "/b", "a.rpm"},
         {"--client-cert", "ca/client.pem", "--write-digest", "b", "--output", "c.rpm", "a.rpm"},
+        {"--client-cert", "ca/client.pem", "--write-digest", "./a.rpm", "a.rpm"},
+        {"--client-cert", "ca/client.pem", "--write-digest", "ca/client.pem", "a.rpm"},
+        {"--client-cert", "ca/client.pem", "--attach", "empty", "--write-digest", "link", "a.rpm"},
+        by("developer", "developer", "a.rpm", {"--output", "ca/developer.key"}),
         {"--make-test-ca", "new", "a.rpm"},
         {"--make-test-ca", "new", "--not-after", "tomorrow"},
         {"--make-test-ca", "new", "--not-after", "2027-02-31"},
@@ -355,6 +359,7 @@ TEST_F(VendaraSign, TellsWrongUsageFromFailure) {
         {"--show", "a.rpm", "--allow-expired"},
         by("developer", "developer", "a.rpm", {"--output", ""})};
     writeFile(scratch.path() / "empty", "");
+    std::filesystem::create_symlink("empty", scratch.path() / "link");
     const auto before = digestOfTree(scratch.path());
     for (const auto& arguments : wrong) {
         EXPECT_EQ(sign(arguments).status, 2) << testing::PrintToString(arguments);

@@ -6,8 +6,10 @@
 
 #include <array>
 #include <ctime>
+#include <filesystem>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 
 namespace Signing {
 
@@ -125,6 +127,24 @@ void checkSigning(const Arguments& arguments) {
     }
 }
 
+void requireOther(const std::string& option, const std::string& output,
+                  const std::vector<std::string>& inputs) {
+    for (const auto& input : inputs) {
+        std::error_code notThere;
+        require(!std::filesystem::equivalent(output, input, notThere), option + " would overwrite " + input);
+    }
+}
+
+// What is read is not overwritten; only a package may be replaced by what is made of it.
+void checkOutputs(const Arguments& arguments) {
+    auto inputs = arguments.signatureFiles;
+    inputs.insert(inputs.end(), {arguments.developerKey, arguments.developerCertificate, arguments.clientKey,
+                                 arguments.clientCertificate, arguments.passphraseFile});
+    requireOther("--output", arguments.output, inputs);
+    inputs.insert(inputs.end(), arguments.packages.begin(), arguments.packages.end());
+    requireOther("--write-digest", arguments.digestOutput, inputs);
+}
+
 void checkUsage(Arguments& arguments) {
     const bool sign = !arguments.developerKey.empty() || !arguments.developerCertificate.empty() ||
                       !arguments.clientKey.empty() || !arguments.clientCertificate.empty();
@@ -151,6 +171,7 @@ void checkUsage(Arguments& arguments) {
     require(arguments.validity.notAfter > arguments.validity.notBefore,
             "the certificates would end before they begin");
     checkSigning(arguments);
+    checkOutputs(arguments);
     for (const auto& file : arguments.signatureFiles) {
         try {
             arguments.digests.addSignatures(readArgument(file));
