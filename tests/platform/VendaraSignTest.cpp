@@ -144,7 +144,9 @@ TEST_F(VendaraSign, TakesKeysInTheFormsOfOpenSslAndTheirPassphrase) {
         {inOneFile, "ca/ca.pem", "all.p12: couldn't be decrypted with the passphrase"},
         {{"--developer-key", "ca/developer.key"}, "", "ca/developer.key: has no certificate"},
         {{"--developer-key", "cert.der"}, "", "cert.der: has no private key"},
-        {{"--developer-key", "pkcs11:token=t"}, "", "pkcs11:token=t: OpenSSL couldn't open it, or has"}};
+        {{"--developer-key", "pkcs11:token=t?pin-value=1234"},
+         "",
+         "pkcs11:token=t: OpenSSL couldn't open it, or has"}};
     for (const auto& [arguments, passphraseFile, text] : bad) {
         const auto result = signWith(arguments, passphraseFile);
         EXPECT_EQ(result.status, 1) << text;

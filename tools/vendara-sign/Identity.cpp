@@ -11,6 +11,8 @@
 #include <ctime>
 #include <iomanip>
 #include <sstream>
+#include <string_view>
+#include <strings.h>
 #include <utility>
 #include <vector>
 
@@ -53,6 +55,11 @@ struct Prompt {
     }
 };
 
+bool isToken(const std::string& source) {
+    constexpr std::string_view scheme = "pkcs11:";
+    return strncasecmp(source.c_str(), scheme.data(), scheme.size()) == 0;
+}
+
 Contents contentsOf(const std::string& source, const Passphrase& passphrase) {
     Prompt prompt{source, passphrase};
     const UserInterface interface(UI_UTIL_wrap_read_pem_callback(Prompt::answer, 0));
@@ -60,7 +67,7 @@ Contents contentsOf(const std::string& source, const Passphrase& passphrase) {
     std::string bytes;
     OpenSsl::Bio file;
     Store store;
-    if (source.starts_with("pkcs11:")) {
+    if (isToken(source)) {
         store.reset(OSSL_STORE_open(source.c_str(), interface.get(), &prompt, nullptr, nullptr));
     } else {
         bytes = Common::readExistingFile(source, maximumFileSize);
@@ -69,7 +76,7 @@ Contents contentsOf(const std::string& source, const Passphrase& passphrase) {
                                       nullptr, nullptr));
     }
     if (!store) {
-        OpenSsl::fail(source + ": OpenSSL couldn't open it, or has no provider for it");
+        OpenSsl::fail(shown(source) + ": OpenSSL couldn't open it, or has no provider for it");
     }
     Contents contents;
     while (OSSL_STORE_eof(store.get()) == 0) {
@@ -91,8 +98,9 @@ Contents contentsOf(const std::string& source, const Passphrase& passphrase) {
 }
 
 [[noreturn]] void failWithout(const char* what, const std::string& source, const Contents& contents) {
-    throw std::runtime_error(source + (contents.problem != nullptr ? std::string(": ") + contents.problem
-                                                                   : std::string(": has no ") + what));
+    throw std::runtime_error(shown(source) + (contents.problem != nullptr
+                                                  ? std::string(": ") + contents.problem
+                                                  : std::string(": has no ") + what));
 }
 
 } // namespace
@@ -122,14 +130,18 @@ Identity loadIdentity(const std::string& key, const std::string& certificate, co
         }
     }
     if (!identity.certificate) {
-        throw std::runtime_error(key + ": does not belong to the certificate " + source);
+        throw std::runtime_error(shown(key) + ": does not belong to the certificate " + shown(source));
     }
     try {
         PackageSignatures::checkMaySign(*identity.certificate);
     } catch (const std::runtime_error& error) {
-        throw std::runtime_error(source + ": " + error.what());
+        throw std::runtime_error(shown(source) + ": " + error.what());
     }
     return identity;
+}
+
+std::string shown(const std::string& source) {
+    return isToken(source) ? source.substr(0, source.find('?')) : source;
 }
 
 std::string textOf(const ASN1_TIME& time) {

@@ -27,6 +27,10 @@ using Passphrase = std::function<std::optional<std::string>(const std::string& s
 [[nodiscard]] Identity loadIdentity(const std::string& key, const std::string& certificate,
                                     const Passphrase& passphrase = {});
 
+/// A key or certificate source for messages: of a "pkcs11:" URI what comes before its query, which may have
+/// a PIN.
+[[nodiscard]] std::string shown(const std::string& source);
+
 /// A time as "YYYY-MM-DDThh:mm:ssZ".
 [[nodiscard]] std::string textOf(const ASN1_TIME& time);
 

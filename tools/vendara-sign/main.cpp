@@ -99,7 +99,7 @@ std::optional<std::string> passphraseOf(const std::string& source, const Argumen
         return arguments.passphrase;
     }
     std::array<char, 1024> text{};
-    const auto prompt = "Passphrase of " + Common::printable(source) + ": ";
+    const auto prompt = "Passphrase of " + Common::printable(Signing::shown(source)) + ": ";
     if (EVP_read_pw_string(text.data(), text.size(), prompt.c_str(), 0) != 0) {
         return {};
     }
@@ -117,7 +117,8 @@ std::optional<Signing::Identity> signerFrom(const std::string& key, const std::s
         try {
             Signing::requireValidNow(*identity.certificate);
         } catch (const std::runtime_error& error) {
-            throw std::runtime_error((certificate.empty() ? key : certificate) + ": " + error.what());
+            throw std::runtime_error(Signing::shown(certificate.empty() ? key : certificate) + ": " +
+                                     error.what());
         }
     }
     return identity;
