@@ -198,8 +198,18 @@ void removeTree(const std::filesystem::path& path) {
 }
 
 bool makePublicDirectory(int parent, const std::filesystem::path& path) noexcept {
-    return mkdirat(parent, path.c_str(), 0755) == 0 &&
-           fchmodat(parent, path.c_str(), 0755, AT_SYMLINK_NOFOLLOW) == 0;
+    if (mkdirat(parent, path.c_str(), 0755) != 0) {
+        return false;
+    }
+    // fchmodat() that follows no link would need /proc.
+    const UniqueFd made(openat(parent, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (made && fchmod(made.get(), 0755) == 0) {
+        return true;
+    }
+    const int error = errno;
+    unlinkat(parent, path.c_str(), AT_REMOVEDIR);
+    errno = error;
+    return false;
 }
 
 void makePublicDirectories(const std::filesystem::path& path) {

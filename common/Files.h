@@ -85,7 +85,8 @@ enum class Resolve {
 /// it. Each level of directories takes a file descriptor (RLIMIT_NOFILE).
 void removeTree(const std::filesystem::path& path);
 
-/// Makes a directory that every user may read, mode 0755 whatever the umask is.
+/// Makes a directory that every user may read, mode 0755 whatever the umask is. A failure leaves none, but a
+/// process killed here may leave one with the umask's mode.
 /// @param parent  descriptor of the directory that a relative path starts from, or AT_FDCWD
 /// @return false with errno set when it cannot be made, EEXIST when something is there
 [[nodiscard]] bool makePublicDirectory(int parent, const std::filesystem::path& path) noexcept;

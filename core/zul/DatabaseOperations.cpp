@@ -27,6 +27,17 @@ using Common::ErrorCode;
 using Common::quoted;
 using Common::Rpm::Version;
 
+namespace {
+
+/// Lets every user read a directory of the database.
+void makePublic(const fs::path& directory) {
+    if (chmod(directory.c_str(), 0755) != 0) {
+        throw Common::filesystemError("couldn't set the mode of " + directory.native());
+    }
+}
+
+} // namespace
+
 /// Makes an extracted directory ready to be renamed into the database: complete, and on disk.
 MappingPlan Database::stage(const PackageIdentity& package, const PackageData& entries,
                             const fs::path& extracted) const {
@@ -37,9 +48,7 @@ MappingPlan Database::stage(const PackageIdentity& package, const PackageData& e
     writeRecord(package, entries, extracted);
     auto plan = Mappings::prepare(package, extracted);
     // Unpacked for its owner alone, installed for every user.
-    if (chmod(extracted.c_str(), 0755) != 0) {
-        throw Common::filesystemError("couldn't set the mode of " + extracted.native());
-    }
+    makePublic(extracted);
     Common::flushFileSystem(extracted);
     return plan;
 }
@@ -54,6 +63,7 @@ fs::path Database::moveToVersionedDirectory(const PackageIdentity& package, cons
     directory.requireNotSymlink();
     try {
         Common::makePublicDirectories(directory.path());
+        makePublic(directory.path()); // a killed process may have left another mode
         const bool isReplacing = directory.isAbandoned(version);
         if (isReplacing) {
             // Its list may name mappings that could not be removed.

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <optional>
 #include <regex>
+#include <sys/stat.h>
 
 namespace Testbed {
 
@@ -132,6 +133,12 @@ void makeStateBefore(DatabaseOnDisk& disk, const Operation& operation, bool isCo
     }
 }
 
+/// Runs an operation whose new files and directories would be for their owner alone.
+void runStrictly(const Operation& operation, DatabaseOnDisk& disk, const PackageIdentity& package) {
+    umask(077);
+    operation.run(disk, package);
+}
+
 /// Restarts the service and checks that what it finds is whole.
 /// @param allowed  versions, "-" for none
 void checkAfterRestart(DatabaseOnDisk& disk, const std::string& allowed, bool isCopying) {
@@ -153,6 +160,11 @@ void checkAfterRestart(DatabaseOnDisk& disk, const std::string& allowed, bool is
     EXPECT_EQ(disk.entriesIn(disk.root).size(), found == "-" ? 1U : 2U);
     EXPECT_FALSE(fs::exists(disk.temp));
     EXPECT_EQ(disk.mappings(), expected);
+    for (const auto& entry : fs::recursive_directory_iterator(disk.system)) {
+        EXPECT_TRUE(!entry.is_directory() || entry.path().filename() == ".zul-mapping" ||
+                    entry.status().permissions() == fs::perms(0755))
+            << entry.path();
+    }
     for (const auto& [target, file] : expected) {
         EXPECT_EQ(readFile(disk.system / target.substr(1)), readFile(file));
     }
@@ -173,7 +185,7 @@ TEST_P(DatabaseOperations, LeaveNothingHalfDoneWhenTheProcessIsKilled) {
         SCOPED_TRACE("killed before change " + std::to_string(point));
         DatabaseOnDisk disk;
         ASSERT_EQ(runInChild([&] { makeStateBefore(disk, operation, isCopying); }), End::Finished);
-        end = runInterrupted(point, [&] { operation.run(disk, package); });
+        end = runInterrupted(point, [&] { runStrictly(operation, disk, package); });
         ASSERT_NE(end, End::Failed);
         checkAfterRestart(disk, operation.after, isCopying);
     }
@@ -188,7 +200,7 @@ void loseNothing(const Operation& operation, bool isCopying,
     forEachFault(17, [&](const Fault& fault, unsigned point) {
         DatabaseOnDisk disk;
         EXPECT_EQ(runInChild([&] { prepare(disk); }), End::Finished);
-        const auto [end, wasMet] = runWithFault(point, fault, [&] { operation.run(disk, package); });
+        const auto [end, wasMet] = runWithFault(point, fault, [&] { runStrictly(operation, disk, package); });
         const bool isDone = end == End::Finished && operation.run != refuseInstall;
         checkAfterRestart(disk, isDone ? operation.after.substr(operation.after.size() - 1) : operation.after,
                           isCopying);

@@ -171,6 +171,9 @@ TEST_F(ADatabase, IsReadableForEverybodyWhateverTheUmaskIs) {
     for (const auto& file : {"quenra.pkg", "symlink.list"}) {
         EXPECT_EQ(fs::status(dir() / "current" / file).permissions(), fs::perms(0644)) << file;
     }
+    fs::permissions(dir(), fs::perms(0700)); // as a process leaves it that is killed when it made it
+    prepare(newer);
+    EXPECT_EQ(fs::status(dir()).permissions(), fs::perms(0755));
 }
 
 TEST_F(ADatabase, RemovesAPackageWhoseMappingListIsLost) {

@@ -3,6 +3,7 @@
 #include "common/Files.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,24 +25,29 @@ int SystemTree::open(const std::filesystem::path& directory) {
         last_ = Common::openWithin(root_.get(), below.empty() ? "." : below, O_PATH | O_DIRECTORY,
                                    Common::Resolve::InRoot);
         lastPath_ = directory;
-        if (last_ && use_ == Use::Change) {
-            unlinkat(last_.get(), pendingName, 0);
+        if (last_ && use_ == Use::Change && unlinkat(last_.get(), pendingName, 0) != 0 && errno == EISDIR) {
+            unlinkat(last_.get(), pendingName, AT_REMOVEDIR);
         }
     }
     return last_.get();
 }
 
 int SystemTree::make(const std::filesystem::path& directory) {
-    if (const int fd = open(directory); fd >= 0 || errno != ENOENT) {
+    if (const int fd = open(directory); fd >= 0 || errno != ENOENT || !directory.has_relative_path()) {
         return fd;
     }
-    std::filesystem::path made = "/";
-    for (const auto& component : directory.relative_path()) {
-        const int parent = open(made);
-        if (parent < 0 || (!Common::makePublicDirectory(parent, component) && errno != EEXIST)) {
+    // When it gets its name it has its mode.
+    const int parent = make(directory.parent_path());
+    if (parent < 0 || !Common::makePublicDirectory(parent, pendingName)) {
+        return -1;
+    }
+    if (renameat2(parent, pendingName, parent, directory.filename().c_str(), RENAME_NOREPLACE) != 0) {
+        const int error = errno;
+        unlinkat(parent, pendingName, AT_REMOVEDIR);
+        if (error != EEXIST) {
+            errno = error;
             return -1;
         }
-        made /= component;
     }
     return open(directory);
 }

@@ -10,8 +10,8 @@ namespace Core::ZUL {
 /// running system would follow them, and lead nowhere else. Made for one operation and used by one thread.
 class SystemTree {
 public:
-    /// Where a file is made, beside its place: there is one at a time. What an interrupted process left under
-    /// this name is deleted in each directory that is opened.
+    /// Where a file or directory is made, beside its place: there is one at a time. What an interrupted
+    /// process left under this name is deleted in each directory that is opened.
     static constexpr const char* pendingName = ".zul-mapping";
 
     enum class Use { Change, Look }; ///< whether interrupted work is cleaned up
