@@ -8,8 +8,7 @@
 namespace Common {
 
 TemporaryDirectory::TemporaryDirectory(const std::filesystem::path& parent, const std::string& name) {
-    std::error_code ignored; // mkdtemp() says why
-    std::filesystem::create_directories(parent, ignored);
+    makePublicDirectories(parent);
     auto pattern = (parent / (name + "-XXXXXX")).native();
     if (mkdtemp(pattern.data()) == nullptr) {
         throw filesystemError("couldn't create " + pattern);

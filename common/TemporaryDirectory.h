@@ -8,7 +8,7 @@ namespace Common {
 /// A new empty directory for its owner alone, removed with all that is in it. Used by one thread.
 class TemporaryDirectory {
 public:
-    /// @param parent  created if missing
+    /// @param parent  created if missing, with missing parents, mode 0755
     /// @param name    the first part of the directory's name
     /// Throws Error, code Filesystem.
     explicit TemporaryDirectory(const std::filesystem::path& parent, const std::string& name = "vendara");

@@ -173,7 +173,11 @@ TEST_F(ADatabase, IsReadableForEverybodyWhateverTheUmaskIs) {
     }
     fs::permissions(dir(), fs::perms(0700)); // as a process leaves it that is killed when it made it
     prepare(newer);
-    EXPECT_EQ(fs::status(dir()).permissions(), fs::perms(0755));
+    umask(0);
+    const Common::TemporaryDirectory unpacked(scratch.path() / "missing/temp", "package");
+    for (const auto& directory : {dir(), scratch.path() / "missing", scratch.path() / "missing/temp"}) {
+        EXPECT_EQ(fs::status(directory).permissions(), fs::perms(0755)) << directory;
+    }
 }
 
 TEST_F(ADatabase, RemovesAPackageWhoseMappingListIsLost) {
