@@ -141,6 +141,7 @@ TEST_F(VendaraSign, TakesKeysInTheFormsOfOpenSslAndTheirPassphrase) {
     const std::tuple<std::vector<std::string>, const char*, const char*> bad[] = {
         {encrypted, "", "secret.key: is encrypted, and there is no passphrase for it"},
         {encrypted, "ca/ca.pem", "secret.key: couldn't be decrypted with the passphrase"},
+        {{"--developer-key", "secret.key"}, "passphrase", "secret.key: has no certificate"},
         {inOneFile, "ca/ca.pem", "all.p12: couldn't be decrypted with the passphrase"},
         {{"--developer-key", "ca/developer.key"}, "", "ca/developer.key: has no certificate"},
         {{"--developer-key", "cert.der"}, "", "cert.der: has no private key"},

@@ -90,7 +90,7 @@ Contents contentsOf(const std::string& source, const Passphrase& passphrase) {
             contents.certificates.push_back(std::move(certificate));
         }
     }
-    if (prompt.isAsked) {
+    if (prompt.isAsked && OSSL_STORE_error(store.get()) != 0) {
         contents.problem = prompt.isAnswered ? "couldn't be decrypted with the passphrase"
                                              : "is encrypted, and there is no passphrase for it";
     }
