@@ -100,9 +100,21 @@ TEST_F(VendaraSign, ReplacesAndRemovesSignaturesOfManyPackagesAndPrintsThemAsJso
     EXPECT_THAT(text, HasSubstr("vendara-sign: missing.rpm: "));
     std::getline(lines, text);
     EXPECT_EQ(nlohmann::json::parse(text).at("package"), "b.rpm");
-    EXPECT_EQ(sign({"--strip", "a.rpm", "missing.rpm", "b.rpm"}).status, 1);
-    EXPECT_EQ(readFile(file), plain);
-    EXPECT_EQ(readFile(scratch.path() / "b.rpm"), plain);
+    const auto whole = readFile(file);
+    auto changed = whole;
+    changed[plain.size() + 30] ^= 1;
+    writeFile(file, changed);
+    const auto both = by("client", "client", "--replace");
+    EXPECT_EQ(sign(by("developer", "developer", "a.rpm", {"--replace"})).status, 1);
+    EXPECT_EQ(sign(by("developer", "system-developer", "a.rpm", both)).status, 0);
+    EXPECT_EQ(readFile(file), whole);
+    writeFile(file, whole.substr(0, whole.size() - 1));
+    writeFile(scratch.path() / "c.rpm", changed);
+    writeFile(scratch.path() / "cut.rpm", plain.substr(0, plain.size() - 1));
+    EXPECT_EQ(sign({"--strip", "a.rpm", "cut.rpm", "b.rpm", "c.rpm"}).status, 1);
+    for (const auto* name : {"a.rpm", "b.rpm", "c.rpm"}) {
+        EXPECT_EQ(readFile(scratch.path() / name), plain) << name;
+    }
 }
 
 TEST_F(VendaraSign, TakesKeysInTheFormsOfOpenSslAndTheirPassphrase) {

@@ -9,7 +9,8 @@
 
 #include <algorithm>
 #include <map>
-#include <sys/stat.h>
+#include <optional>
+#include <utility>
 
 namespace Signing {
 
@@ -23,10 +24,11 @@ using CmsesByRole = std::map<Role, std::string>;
 
 const char* nameOf(Role role) { return role == Role::Developer ? "developer" : "client"; }
 
-CmsesByRole existingCmses(const OpenPackage& package, const PackageSignatures::PackageDigest& digest,
-                          const SignRequest& request) {
+/// The signatures that stay.
+CmsesByRole existingCmses(const std::vector<PackageSignatures::Cms>& existing,
+                          const PackageSignatures::PackageDigest& digest, const SignRequest& request) {
     CmsesByRole cmses;
-    for (const auto& cms : package.cmses()) {
+    for (const auto& cms : existing) {
         const auto role = cms.certificate().role();
         const auto& successor = role == Role::Developer ? request.developer : request.client;
         if (role && request.replaces && successor) {
@@ -100,28 +102,40 @@ void copyBytes(int source, std::uint64_t length, Common::AtomicFile& output) {
     }
 }
 
-Common::AtomicFile newFile(const OpenPackage& package, const std::filesystem::path& output) {
-    struct stat status {};
-    if (fstat(package.descriptor(), &status) != 0) {
-        throw std::system_error(errno, std::generic_category(), "couldn't read");
-    }
+Common::AtomicFile newFile(const Common::UniqueFd& package, const std::filesystem::path& output) {
+    const auto mode = Common::statusOf(package.get()).st_mode & 0777;
     const auto path = placeOf(output);
-    return {path.parent_path(),
-            path.filename().native(),
-            {.mode = status.st_mode & 0777, .concurrentWriters = true}};
+    return {path.parent_path(), path.filename().native(), {.mode = mode, .concurrentWriters = true}};
+}
+
+Common::UniqueFd opened(const std::filesystem::path& package) {
+    auto file = Common::openRegularFile(package);
+    return file ? std::move(file) : throw Common::filesystemError(package.native());
+}
+
+std::string pathOf(int descriptor) { return "/proc/self/fd/" + std::to_string(descriptor); }
+
+/// Bytes of the package by its own header: what is behind it need not be readable.
+std::uint64_t lengthOf(const Common::UniqueFd& package) {
+    return Common::Rpm::packageLength(Common::Rpm::Reader(pathOf(package.get())));
 }
 
 void writeSigned(const SignRequest& request) {
-    const OpenPackage package(request.package);
-    auto output = newFile(package, request.output);
-    copyBytes(package.descriptor(), package.packageLength(), output);
-    // From here on it is the copy that is read: nobody else writes to that.
-    const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), package.packageLength());
-    const Common::Rpm::Reader reader("/proc/self/fd/" + std::to_string(output.descriptor()));
-    if (!request.evenBroken) {
-        Common::Rpm::requireWholePackage(reader, package.packageLength());
+    const auto file = opened(request.package);
+    std::optional<OpenPackage> package;
+    if (!request.replaces || !request.developer || !request.client) {
+        package.emplace(pathOf(file.get()));
     }
-    auto cmses = existingCmses(package, digest, request);
+    const auto length = package ? package->packageLength() : lengthOf(file);
+    auto output = newFile(file, request.output);
+    copyBytes(file.get(), length, output);
+    // From here on it is the copy that is read: nobody else writes to that.
+    const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), length);
+    const Common::Rpm::Reader reader(pathOf(output.descriptor()));
+    if (!request.evenBroken) {
+        Common::Rpm::requireWholePackage(reader, length);
+    }
+    auto cmses = package ? existingCmses(package->cmses(), digest, request) : CmsesByRole();
     const CmsMaker maker(request, reader, digest);
     maker.add(cmses, Role::Developer);
     maker.add(cmses, Role::Client);
@@ -132,14 +146,14 @@ void writeSigned(const SignRequest& request) {
     for (auto& [role, cms] : cmses) {
         ordered.push_back(std::move(cms));
     }
-    output.write(PackageSignatures::Container::encodedTail(package.packageLength(), ordered));
+    output.write(PackageSignatures::Container::encodedTail(length, ordered));
     output.commit(Common::Durability::Now);
 }
 
 void writeStripped(const std::filesystem::path& path, const std::filesystem::path& output) {
-    const OpenPackage package(path);
+    const auto package = opened(path);
     auto copy = newFile(package, output);
-    copyBytes(package.descriptor(), package.packageLength(), copy);
+    copyBytes(package.get(), lengthOf(package), copy);
     copy.commit(Common::Durability::Now);
 }
 

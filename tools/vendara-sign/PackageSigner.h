@@ -16,7 +16,7 @@ struct SignRequest {
     std::optional<Identity> developer{};  ///< signs the package and its files
     std::optional<Identity> client{};     ///< signs the package
     std::vector<std::string> trustlets{}; ///< see signFiles()
-    bool replaces = false;                ///< signatures of the same roles, valid or not
+    bool replaces = false;                ///< signatures of the same roles
     bool evenBroken = false;       ///< signs what is not one whole binary package; for tests of devices
     bool onlyDigests = false;      ///< finds the digests without a signature and writes no package
     DigestFile* digests = nullptr; ///< has the signatures, where the identities have no keys
@@ -27,14 +27,17 @@ struct SignRequest {
 /// while request.digests misses signatures. Throws std::exception, whose text names the path, for a package
 /// that librpm does not accept, that is not one whole binary package (Common::Rpm::requireWholePackage()),
 /// that has a signature of the same role already or a damaged one, for an identity of another role, and for
-/// an output that is there and not a regular file.
+/// an output that is there and not a regular file. Where both roles are replaced, what is behind the payload
+/// is not read: damaged signatures go too.
 void signPackage(const SignRequest& request);
 
 /// What an output replaces: where it is a link, what that leads to. Throws std::exception for what is there
 /// and not a regular file.
 [[nodiscard]] std::filesystem::path placeOf(const std::filesystem::path& output);
 
-/// Writes the package without its signatures. Output and exceptions as for signPackage().
+/// Writes the package without what is behind its payload: its signatures, also damaged ones. The output is as
+/// for signPackage(). Throws std::exception, whose text names the path, for a package whose length is not
+/// known (Common::Rpm::packageLength()).
 void stripPackage(const std::filesystem::path& package, const std::filesystem::path& output);
 
 } // namespace Signing
