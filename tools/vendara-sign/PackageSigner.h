@@ -12,7 +12,7 @@ namespace Signing {
 
 struct SignRequest {
     std::filesystem::path package;
-    std::filesystem::path output;         ///< may be the package itself
+    std::filesystem::path output;         ///< may be the package itself; its directory takes a copy
     std::optional<Identity> developer{};  ///< signs the package and its files
     std::optional<Identity> client{};     ///< signs the package
     std::vector<std::string> trustlets{}; ///< see signFiles()

@@ -159,9 +159,10 @@ bool sign(Arguments& arguments) {
     request.replaces = arguments.replace;
     request.developer = signerFrom(arguments.developerKey, arguments.developerCertificate, arguments);
     request.client = signerFrom(arguments.clientKey, arguments.clientCertificate, arguments);
+    const auto& output = request.onlyDigests ? arguments.digestOutput : arguments.output;
     return forEachPackage(arguments, [&](const std::string& package) {
         request.package = package;
-        request.output = arguments.output.empty() ? package : arguments.output;
+        request.output = output.empty() ? package : output;
         Signing::signPackage(request);
         if (request.onlyDigests) {
             writeDigests(digests, arguments.digestOutput);
