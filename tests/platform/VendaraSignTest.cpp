@@ -150,6 +150,9 @@ TEST_F(VendaraSign, TakesKeysInTheFormsOfOpenSslAndTheirPassphrase) {
         EXPECT_EQ(readFile(scratch.path() / "b.rpm"), readFile(scratch.path() / "signed.rpm"));
         std::filesystem::remove(scratch.path() / "b.rpm");
     }
+    const auto* fromPipe = "cat passphrase | " VENDARA_SIGN
+                           " --developer-key all.p12 --passphrase-file /dev/stdin --output c.rpm a.rpm";
+    EXPECT_EQ(run({"sh", "-c", fromPipe}, {.directory = scratch.path()}).status, 0);
     const std::tuple<std::vector<std::string>, const char*, const char*> bad[] = {
         {encrypted, "", "secret.key: is encrypted, and there is no passphrase for it"},
         {encrypted, "ca/ca.pem", "secret.key: couldn't be decrypted with the passphrase"},

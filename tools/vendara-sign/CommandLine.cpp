@@ -4,9 +4,15 @@
 #include "common/Files.h"
 #include "tools/CommandLine.h"
 
+#include <openssl/pem.h>
+
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <ctime>
+#include <fcntl.h>
 #include <filesystem>
+#include <span>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -16,6 +22,7 @@ namespace Signing {
 namespace {
 
 constexpr std::size_t maximumTextSize = std::size_t{64} * 1024 * 1024;
+constexpr std::size_t maximumPassphraseSize = PEM_BUFSIZE;
 
 std::optional<std::time_t> midnightOf(const std::string& date) {
     std::tm fields{};
@@ -44,6 +51,12 @@ CLI::Option* addFile(CLI::App& app, const std::string& name, std::string& value,
     return app.add_option(name, value, help)->type_name("FILE")->check(checkPath);
 }
 
+void require(bool isRight, const std::string& problem) {
+    if (!isRight) {
+        throw CLI::ValidationError(problem);
+    }
+}
+
 // A file that an option takes, as a part of the command line: what is wrong with it is wrong usage.
 std::string readArgument(const std::string& path) {
     try {
@@ -51,6 +64,22 @@ std::string readArgument(const std::string& path) {
     } catch (const Common::Error& error) {
         throw CLI::ValidationError(error.what());
     }
+}
+
+// Also of a pipe.
+Secret firstLineOf(const std::string& path) {
+    Secret text(maximumPassphraseSize);
+    const Common::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const auto count =
+        file ? Common::readAll(file.get(), std::as_writable_bytes(std::span(text))) : std::nullopt;
+    if (!count) {
+        throw CLI::ValidationError(Common::filesystemError(path).what());
+    }
+    const auto end = std::find(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(*count), '\n');
+    require(end != text.begin(), path + ": the first line is empty");
+    require(end != text.end(), path + ": the first line is too long");
+    text.erase(end, text.end());
+    return text;
 }
 
 void declareSigning(CLI::App& app, Arguments& arguments) {
@@ -99,12 +128,6 @@ void declare(CLI::App& app, Arguments& arguments) {
     addDate("--not-before", arguments.notBefore, "First day of their certificates");
     addDate("--not-after", arguments.notAfter, "Day on which their certificates end, at 0:00 UTC");
     app.footer("Exit status: 0 success, 1 failure, 2 wrong usage.");
-}
-
-void require(bool isRight, const std::string& problem) {
-    if (!isRight) {
-        throw CLI::ValidationError(problem);
-    }
 }
 
 void checkSigning(const Arguments& arguments) {
@@ -180,9 +203,7 @@ void checkUsage(Arguments& arguments) {
         }
     }
     if (!arguments.passphraseFile.empty()) {
-        const auto text = readArgument(arguments.passphraseFile);
-        arguments.passphrase = text.substr(0, text.find('\n'));
-        require(!arguments.passphrase->empty(), arguments.passphraseFile + ": the first line is empty");
+        arguments.passphrase = firstLineOf(arguments.passphraseFile);
     }
 }
 

@@ -16,7 +16,7 @@ struct Arguments {
     std::string developerKey, developerCertificate;
     std::string clientKey, clientCertificate;
     std::string passphraseFile;
-    std::optional<std::string> passphrase; ///< from that file
+    std::optional<Secret> passphrase; ///< from that file
     std::vector<std::string> trustlets;
     std::string digestOutput;
     std::vector<std::string> signatureFiles;

@@ -2,9 +2,14 @@
 
 #include "platform/reference/signcms/OpenSsl.h"
 
+#include <openssl/crypto.h>
+
+#include <cstddef>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Signing {
 
@@ -14,8 +19,20 @@ struct Identity {
     PackageSignatures::OpenSsl::Certificate certificate;
 };
 
+/// Wipes memory when it is freed.
+template<typename Value>
+struct WipingAllocator : std::allocator<Value> {
+    void deallocate(Value* values, std::size_t count) {
+        OPENSSL_cleanse(values, count * sizeof(Value));
+        std::allocator<Value>::deallocate(values, count);
+    }
+};
+
+/// A passphrase or a PIN. A vector, for a string keeps short texts within itself.
+using Secret = std::vector<char, WipingAllocator<char>>;
+
 /// Gives the passphrase of a file, or the PIN of a token; nothing when there is none. Throws nothing.
-using Passphrase = std::function<std::optional<std::string>(const std::string& source)>;
+using Passphrase = std::function<std::optional<Secret>(const std::string& source)>;
 
 /// Reads an identity by OpenSSL's OSSL_STORE: from files in PEM, DER or PKCS #12, or from a token that a
 /// provider of OpenSSL's configuration opens.

@@ -8,8 +8,10 @@
 #include "tools/vendara-sign/PackageSigner.h"
 
 #include <nlohmann/json.hpp>
+#include <openssl/pem.h>
 
 #include <array>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <iostream>
@@ -94,16 +96,17 @@ void makeTestAuthority(const Arguments& arguments) {
 }
 
 // From the file, or from a person at the terminal.
-std::optional<std::string> passphraseOf(const std::string& source, const Arguments& arguments) {
+std::optional<Signing::Secret> passphraseOf(const std::string& source, const Arguments& arguments) {
     if (arguments.passphrase || isatty(STDIN_FILENO) == 0) {
         return arguments.passphrase;
     }
-    std::array<char, 1024> text{};
+    Signing::Secret text(PEM_BUFSIZE);
     const auto prompt = "Passphrase of " + Common::printable(Signing::shown(source)) + ": ";
-    if (EVP_read_pw_string(text.data(), text.size(), prompt.c_str(), 0) != 0) {
+    if (EVP_read_pw_string(text.data(), static_cast<int>(text.size()), prompt.c_str(), 0) != 0) {
         return {};
     }
-    return std::string(text.data());
+    text.resize(std::strlen(text.data()));
+    return text;
 }
 
 std::optional<Signing::Identity> signerFrom(const std::string& key, const std::string& certificate,
