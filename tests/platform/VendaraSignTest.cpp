@@ -364,6 +364,7 @@ TEST_F(VendaraSign, TellsWrongUsageFromFailure) {
         {"--client-cert", "ca/client.pem", "--attach", "b", "a.rpm"},
         {"--client-cert", "ca/client.pem", "--attach", "ca/ca.pem", "a.rpm"},
         {"--client-cert", "ca/client.pem", "--attach", "empty", "--trustlet", "/b", "a.rpm"},
+        {"--client-cert", "ca/client.pem", "--attach", "lowercase", "a.rpm"},
         {"--client-cert", "ca/client.pem", "--write-digest", "b", "--output", "c.rpm", "a.rpm"},
         {"--client-cert", "ca/client.pem", "--write-digest", "./a.rpm", "a.rpm"},
         {"--client-cert", "ca/client.pem", "--write-digest", "ca/client.pem", "a.rpm"},
@@ -377,6 +378,7 @@ TEST_F(VendaraSign, TellsWrongUsageFromFailure) {
         {"--show", "a.rpm", "--allow-expired"},
         by("developer", "developer", "a.rpm", {"--output", ""})};
     writeFile(scratch.path() / "empty", "");
+    writeFile(scratch.path() / "lowercase", "sha256 " + std::string(64, 'a') + " 00\n");
     std::filesystem::create_symlink("empty", scratch.path() / "link");
     const auto before = digestOfTree(scratch.path());
     for (const auto& arguments : wrong) {
