@@ -13,7 +13,7 @@
 
 namespace Signing {
 
-/// Somebody who signs: a certificate and the private key that belongs to it.
+/// A signer: a certificate and the private key that belongs to it.
 struct Identity {
     PackageSignatures::OpenSsl::Key key; ///< none: it signs elsewhere, see DigestFile
     PackageSignatures::OpenSsl::Certificate certificate;

@@ -129,7 +129,7 @@ void writeSigned(const SignRequest& request) {
     const auto length = package ? package->packageLength() : lengthOf(file);
     auto output = newFile(file, request.output);
     copyBytes(file.get(), length, output);
-    // From here on it is the copy that is read: nobody else writes to that.
+    // From here on the copy is read: no other process writes to it.
     const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), length);
     const Common::Rpm::Reader reader(pathOf(output.descriptor()));
     if (!request.evenBroken) {

@@ -23,12 +23,12 @@ struct SignRequest {
 };
 
 /// Writes the package with the signatures that it has and those that are asked for. The output is replaced as
-/// a whole, and only when all went well; a link stays, and what it leads to is replaced. Nothing is written
-/// while request.digests misses signatures. Throws std::exception, whose text names the path, for a package
-/// that librpm does not accept, that is not one whole binary package (Common::Rpm::requireWholePackage()),
-/// that has a signature of the same role already or a damaged one, for an identity of another role, and for
-/// an output that is there and not a regular file. Where both roles are replaced, what is behind the payload
-/// is not read: damaged signatures go too.
+/// a whole, and only when all steps succeeded; a link stays, and what it leads to is replaced. Nothing is
+/// written while request.digests misses signatures. Throws std::exception, whose text names the path, for a
+/// package that librpm does not accept, that is not one whole binary package
+/// (Common::Rpm::requireWholePackage()), that has a signature of the same role already or a damaged one, for
+/// an identity of another role, and for an output that is there and not a regular file. Where both roles are
+/// replaced, what is behind the payload is not read: damaged signatures go too.
 void signPackage(const SignRequest& request);
 
 /// What an output replaces: where it is a link, what that leads to. Throws std::exception for what is there

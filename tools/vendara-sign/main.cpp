@@ -176,7 +176,7 @@ bool sign(Arguments& arguments) {
     });
 }
 
-/// @return whether all went well; failures of single packages have been reported
+/// @return whether all steps succeeded; failures of single packages have been reported
 bool run(Arguments& arguments) {
     if (!arguments.testAuthority.empty()) {
         makeTestAuthority(arguments);
