@@ -63,8 +63,12 @@ bool setUpStreams(const SpawnOptions& options) {
 // Runs in the child, where other threads of the parent may have held any lock: makes system calls only.
 // Returns the errno value of what failed.
 int becomeProgram(char* const* arguments, char** environment, const SpawnOptions& options, pid_t parent) {
-    for (const int signal : {SIGINT, SIGTERM, SIGPIPE, SIGCHLD, SIGHUP}) {
-        std::signal(signal, SIG_DFL);
+    for (const int signal : {SIGINT, SIGTERM, SIGPIPE, SIGCHLD, SIGHUP, SIGQUIT}) {
+        struct sigaction action {};
+        sigaction(signal, nullptr, &action);
+        if (!options.terminal || action.sa_handler != SIG_IGN) {
+            std::signal(signal, SIG_DFL);
+        }
     }
     sigset_t none;
     sigemptyset(&none);

@@ -18,8 +18,8 @@ struct SpawnOptions {
     int input = -1;                       ///< standard input [/dev/null]
     int output = -1;                      ///< standard output and error [this process's]
     int inherited = -1;                   ///< a descriptor that the program gets under its number [none]
-    bool terminal = false; ///< keeps this process's standard input and group, for a command in a terminal;
-                           ///< otherwise the program leads a session of its own
+    bool terminal = false; ///< keeps this process's standard input, group and ignored signals, for a command
+                           ///< in a terminal; otherwise the program leads a session of its own
 };
 
 /// Starts a program with no signal blocked. It is killed when the thread that started it ends. Any thread.

@@ -65,11 +65,24 @@ std::vector<std::string> withPrivateEtc(const fs::path& zul, const fs::path& pro
 
 } // namespace
 
+std::vector<int> interruptions() {
+    std::vector<int> result{SIGTERM};
+    for (const int signal : {SIGINT, SIGHUP, SIGQUIT}) {
+        struct sigaction action {};
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
+            result.push_back(signal);
+        }
+    }
+    return result;
+}
+
 Platform::Platform(Settings settings)
     : settings_(std::move(settings))
-    , signals_(loop_.context(), SIGINT, SIGTERM, SIGHUP) {
+    , signals_(loop_.context(), SIGCHLD) {
     adoptDescendants();
-    signals_.add(SIGCHLD);
+    for (const int signal : interruptions()) {
+        signals_.add(signal);
+    }
     changeAllSignals(SIG_UNBLOCK);
     handleSignals();
 }

@@ -19,6 +19,10 @@ struct Interruption {
     int signal;
 };
 
+/// The signals that end a platform: SIGTERM and, unless this process was started to ignore them, as by
+/// nohup(1), SIGINT, SIGHUP and SIGQUIT. Any thread.
+[[nodiscard]] std::vector<int> interruptions();
+
 /// A whole platform in a directory: two buses, keys, the peers and the daemon. Main thread only, one object
 /// per process. Its destructor ends the programs, the last one first, and everything that they have started.
 ///
@@ -30,9 +34,9 @@ struct Interruption {
 ///     opt/        the package database and its temporary directory
 ///     root/       the system root: where packages' files appear
 ///
-/// The signals SIGCHLD, SIGINT, SIGTERM and SIGHUP are blocked before its construction and after its end.
-/// Functions that wait throw Interruption at SIGINT, SIGTERM and SIGHUP, and std::runtime_error, with the end
-/// of its log, when a program of the platform ends.
+/// SIGCHLD and the interruptions() are blocked before its construction and after its end. Functions that wait
+/// throw Interruption at an interruption, and std::runtime_error, with the end of its log, when a program of
+/// the platform ends.
 class Platform {
 public:
     struct Settings {

@@ -107,9 +107,11 @@ int waitForKeeper(pid_t keeper, const sigset_t& signals) {
 
 // Two processes look after the platform, so that one of them can clean up when the other is killed.
 int guard(const Options& options) {
+    std::signal(SIGCHLD, SIG_DFL); // where it is ignored, the ends of children cannot be waited for
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP}) {
+    sigaddset(&signals, SIGCHLD);
+    for (const int signal : Devkit::interruptions()) {
         sigaddset(&signals, signal);
     }
     sigprocmask(SIG_BLOCK, &signals, nullptr);

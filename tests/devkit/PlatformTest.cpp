@@ -47,8 +47,10 @@ pid_t childOf(pid_t parent, const std::string& name) {
     return found;
 }
 
-/// Ends a platform whose command has left an orphan process behind, and looks for leftovers.
-void expectNothingLeftAfter(const std::function<void(pid_t platform, pid_t keeper)>& end, int status) {
+/// Ends a platform whose command leaves an orphan process behind, and looks for leftovers.
+/// @param awaited  the platform is ended when this exists in its directory
+void expectNothingLeftAfter(const std::function<void(pid_t platform)>& end, int status,
+                            const std::string& awaited = "ready") {
     static const ScratchDirectory keys;
     const ScratchDirectory scratch;
     const std::string script =
@@ -61,12 +63,12 @@ void expectNothingLeftAfter(const std::function<void(pid_t platform, pid_t keepe
             for (const auto& entry : fs::directory_iterator(scratch.path())) {
                 directory = entry.path();
             }
-            return !directory.empty() && fs::exists(directory + "/ready");
+            return !directory.empty() && fs::exists(directory + "/" + awaited);
         },
         std::chrono::minutes(1)))
         << platform.output();
-    ASSERT_GE(countProcessesOf(directory), 8U);
-    end(platform.pid(), childOf(platform.pid(), "vendara-devkit"));
+    ASSERT_GE(countProcessesOf(directory), awaited == "ready" ? 8U : 0U);
+    end(platform.pid());
     EXPECT_EQ(platform.wait(), status) << platform.output();
     EXPECT_TRUE(waitUntil([&] { return countProcessesOf(directory) == 0 && fs::is_empty(scratch.path()); }));
 }
@@ -91,6 +93,13 @@ TEST(APlatform, PassesACommandsArgumentsUnchangedAndHasItsOwnProgramsInThePath) 
     EXPECT_EQ(run({program, "vendaractl", "list"}).status, 2);
 }
 
+TEST(APlatform, StaysWhenItsTerminalGoesIfItWasStartedToIgnoreThat) {
+    // The signal goes to both processes of the platform and to its command.
+    const auto result =
+        run({"env", "--ignore-signal=CHLD,HUP", program, "--", "sh", "-c", "kill -HUP 0; exit 3"});
+    EXPECT_EQ(result.status, 3) << result.output;
+}
+
 TEST(APlatform, LeavesAProcessBehindThatItMayNotKill) {
     const std::vector<std::string> withoutPower{"setpriv", "--bounding-set=-kill"};
     auto command = withoutPower;
@@ -110,11 +119,16 @@ TEST(APlatform, LeavesAProcessBehindThatItMayNotKill) {
 }
 
 TEST(APlatform, LeavesNothingBehindHoweverItEnds) {
-    expectNothingLeftAfter([](pid_t platform, pid_t) { kill(platform, SIGINT); }, 128 + SIGINT);
-    expectNothingLeftAfter([](pid_t platform, pid_t) { kill(platform, SIGKILL); }, 128 + SIGKILL);
-    expectNothingLeftAfter([](pid_t, pid_t keeper) { kill(keeper, SIGKILL); }, 128 + SIGKILL);
-    expectNothingLeftAfter([](pid_t, pid_t keeper) { kill(childOf(keeper, "zul-service"), SIGKILL); }, 1);
-    expectNothingLeftAfter([](pid_t, pid_t keeper) { kill(childOf(keeper, "sleep"), SIGTERM); },
+    const auto keeperOf = [](pid_t platform) { return childOf(platform, "vendara-devkit"); };
+    for (const int signal : {SIGINT, SIGQUIT}) { // from a terminal
+        expectNothingLeftAfter([signal](pid_t platform) { kill(-platform, signal); }, 128 + signal);
+    }
+    expectNothingLeftAfter([](pid_t platform) { kill(platform, SIGTERM); }, 128 + SIGTERM, "");
+    expectNothingLeftAfter([](pid_t platform) { kill(platform, SIGKILL); }, 128 + SIGKILL);
+    expectNothingLeftAfter([&](pid_t platform) { kill(keeperOf(platform), SIGKILL); }, 128 + SIGKILL);
+    expectNothingLeftAfter([&](pid_t platform) { kill(childOf(keeperOf(platform), "zul-service"), SIGKILL); },
+                           1);
+    expectNothingLeftAfter([&](pid_t platform) { kill(childOf(keeperOf(platform), "sleep"), SIGTERM); },
                            128 + SIGTERM);
 }
 
