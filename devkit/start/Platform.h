@@ -83,7 +83,6 @@ private:
     void makeKeys();
     std::string startBus(const std::string& name);
     void startService(const std::string& program, const std::vector<std::string>& options);
-    void startDaemon();
     void startProgram(const std::string& name, const std::vector<std::string>& arguments);
     [[nodiscard]] Common::UniqueFd openLog(const std::string& program) const;
     [[nodiscard]] std::unique_ptr<Common::SignalSource> expect(const std::string& name,
