@@ -55,7 +55,7 @@ private:
     std::unique_ptr<sd_bus, Releaser<sd_bus_flush_close_unref>> bus_;
 };
 
-/// Puts values into messages of the bus, of whatever type the input asks for.
+/// Puts values into messages of the bus, of any type that the input asks for.
 class Values {
 public:
     explicit Values(FuzzedDataProvider& input)

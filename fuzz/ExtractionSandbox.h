@@ -52,7 +52,7 @@ public:
         lookAround();
     }
 
-    /// Unpacks a package whatever its signatures are.
+    /// Unpacks a package without a check of its signatures.
     void unpack(std::string_view bytes) const {
         write(package_, bytes);
         tolerant([&] {

@@ -33,8 +33,8 @@ const std::array<Signal, 6> signals{
      {"/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged", "sss"},
      {"/norvane/Vendara", "norvane.Vendara", "OperationStatusChanged", "(ssiii)"}}};
 
-// What a stranger says of packages is about this one, and nobody else says that: texts of the input that are
-// not from a list begin with "x".
+// What a stranger says of packages is about this one, and only a stranger sends it: texts of the input that
+// are not from a list begin with "x".
 constexpr auto forgedId = "forged";
 constexpr auto exampleId = "com.example.app";
 

@@ -129,7 +129,7 @@ TEST_F(AnAttacker, IsBelievedOnlyWhileItOwnsThePackageManagersName) {
     EXPECT_TRUE(client.waitForStatus(client.remove("com.example.app"), 100));
 }
 
-TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineAndStopsNobody) {
+TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineAndDisturbsNoOtherClient) {
     const std::string huge(8UL << 20U, 'x');
     const auto before = daemon->output().size();
     EXPECT_EQ(client.errorOf("Start", huge), "Failed to start application");
@@ -183,7 +183,7 @@ protected:
     const std::filesystem::path mountPoint = scratch.path() / "stalled";
 };
 
-TEST_F(AFileSystemThatDoesNotAnswer, HoldsUpNobodyButThoseWhoseFilesAreRead) {
+TEST_F(AFileSystemThatDoesNotAnswer, DelaysOnlyClientsWhoseFilesAreRead) {
     const auto install = [this] { return Client().errorOf("Install", (mountPoint / "x.rpm").string()); };
     std::vector<std::future<std::string>> stalled;
     for (std::size_t count = 0; count < Common::Loop::maximumJobs + 1; ++count) {

@@ -22,7 +22,7 @@ struct Script {
     std::vector<int> statuses{0};
     int errorCode = 0;
     bool completed = false; ///< reported once as completed, without a signal
-    bool known = false;     ///< reported as an operation that goes on
+    bool known = false;     ///< reported as an operation in progress
     std::string refusal{};  ///< the call fails with this text
     std::function<void()> called{};
 };

@@ -61,7 +61,7 @@ public:
 /// believed only from the owner of the service's name. The bus starts the service if it is not running.
 ///
 /// One thread. Every function throws ServiceAbsent, CallRefused for an error reply, and Interrupted; after
-/// another exception than CallRefused the client must not be used.
+/// another exception than CallRefused only pending() may be called.
 class Client {
 public:
     /// Connects and subscribes.

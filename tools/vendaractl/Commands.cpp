@@ -154,7 +154,8 @@ ExitStatus list(const Request& request) {
 }
 
 // The statuses of an operation are sent to the connection that requested it. The others of the application
-// see it in the properties: while it goes on or, if that connection has left the bus, once after its end.
+// see it in the properties: while it is in progress or, if that connection has left the bus, once after its
+// end.
 ExitStatus wait(const Request& request) {
     const auto view = makeOperationView(request.format);
     Client client(*view, interruptions);

@@ -83,7 +83,7 @@ public:
     }
 
     int run(int argc, const char* const* argv) {
-        // The option is known as it was read, wherever the parser gave up.
+        // The parser has counted the option as far as it read the command line.
         const auto report = [this](const std::string& problem) {
             if (app_.count("--json") > 0) {
                 printFailure(Format::Json, {}, problem);
