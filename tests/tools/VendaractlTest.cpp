@@ -56,7 +56,8 @@ TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndExplainsItsErrorCode) {
                              {"late", {.completed = true}},
                              {"unsigned.rpm", {{0, 10, 101}, 7}},
                              {"text.rpm", {.refusal = "Failed to retrieve id from the rpm package"}}});
-    EXPECT_THAT(ctl({"list"}).output, testing::StartsWith("earlier: install late: finished\nPACKAGE\t"));
+    EXPECT_THAT(ctl({"list"}).output,
+                testing::StartsWith("earlier: install late: finished\ncom.example.one\t"));
     const auto result = ctl({"install", "good.rpm", "./unsigned.rpm", "text.rpm"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "install good.rpm: queued\ninstall good.rpm: in progress\n"
