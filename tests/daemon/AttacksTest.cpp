@@ -153,7 +153,7 @@ TEST_F(AnAttacker, WhoLeavesAtTheEndOfAnOperationFindsItLater) {
     identification.set(name, "shop");
     identification.set(client.busName(), "shop");
     const auto operation = leaver->install(packageFile());
-    ASSERT_TRUE(leaver->waitForStatus(operation, 10));
+    ASSERT_TRUE(leaver->waitForStatus(operation, 10) && zul.waitForCalls("Install", 1));
     leaver.reset(); // the identification service still takes the name for the application's
     zul.answer("Install");
     std::vector<Client::Operation> completed;
