@@ -1,5 +1,6 @@
 #include "tests/daemon/DaemonTest.h"
 
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <future>
@@ -202,15 +203,21 @@ TEST_F(TheDaemon, EndsWithTwoLinesWhateverItsClientsWaitFor) {
 TEST_F(TheDaemon, DoesNotCarryOutWhatItHasRefusedAsTooLate) {
     runtime.hold("InvokeIntent");
     runtime.hold("Terminate");
-    auto first = std::async(std::launch::async, [&] { return client.errorOf("Start", "first"); });
-    ASSERT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
-    std::vector<std::future<std::string>> late;
-    for (int number = 0; number < 20; ++number) {
-        late.push_back(std::async(std::launch::async, [&] { return client.errorOf("Restart", "late"); }));
+    std::array<std::promise<std::string>, 21> errors;
+    const auto connection = sdbus::createSessionBusConnection();
+    const auto service = sdbus::createProxy(*connection, "norvane.Vendara", "/norvane/Vendara");
+    for (auto& error : errors) { // in one burst: when the first one is given up, so are the others
+        service->callMethodAsync(&error == errors.data() ? "Start" : "Restart")
+            .onInterface("norvane.Vendara")
+            .withArguments(std::string("late"))
+            .uponReplyInvoke([&error](const sdbus::Error* refusal) {
+                error.set_value(refusal != nullptr ? refusal->getMessage() : "");
+            });
     }
-    EXPECT_EQ(first.get(), "Failed to start application");
-    for (auto& each : late) {
-        EXPECT_EQ(each.get(), "Failed to terminate application");
+    connection->enterEventLoopAsync();
+    for (auto& error : errors) {
+        EXPECT_EQ(error.get_future().get(), &error == errors.data() ? "Failed to start application"
+                                                                    : "Failed to terminate application");
     }
     EXPECT_LT(runtime.calls("Terminate").size(), 20);
 }
