@@ -143,9 +143,7 @@ bool StatusAnnouncer::sendOrStore(const Core::Operation& operation, const Batch&
             send_(operation);
             return true;
         } catch (const sdbus::Error& error) {
-            if (!session_.isLoss(error)) {
-                warnNotSent(error.getMessage());
-            }
+            warnNotSent(error.getMessage());
         }
     }
     if (operation.isCompleted()) {

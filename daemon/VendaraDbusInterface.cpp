@@ -198,20 +198,12 @@ asio::awaitable<void> VendaraDbusInterface::answer(std::shared_ptr<Result> reply
     if (cause) {
         refuse(*reply, cause, texts.failure);
     }
-    session_.sent();
 }
 
 template<typename Result>
 void VendaraDbusInterface::refuse(const Result& reply, const std::exception_ptr& cause, const char* failure) {
-    Common::guarded("couldn't refuse a request", [&] {
-        try {
-            reply.returnError(refusalFor(cause, failure));
-        } catch (const sdbus::Error& error) {
-            if (!session_.isLoss(error)) {
-                throw;
-            }
-        }
-    });
+    Common::guarded("couldn't refuse a request",
+                    [&] { session_.send([&] { reply.returnError(refusalFor(cause, failure)); }); });
 }
 
 void VendaraDbusInterface::requireRunning() const {
@@ -242,7 +234,7 @@ asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Requ
         operation.setType(Core::OperationType::Install);
     }
     const auto record = co_await enqueue(std::move(operation), request.deadline);
-    reply.returnResults(record);
+    session_.send([&] { reply.returnResults(record); });
 }
 
 asio::awaitable<void> VendaraDbusInterface::remove(OperationResult& reply, Request request,
@@ -255,7 +247,7 @@ asio::awaitable<void> VendaraDbusInterface::remove(OperationResult& reply, Reque
     operation.setPackageId(std::move(packageID));
     operation.setType(Core::OperationType::Remove);
     const auto record = co_await enqueue(std::move(operation), request.deadline);
-    reply.returnResults(record);
+    session_.send([&] { reply.returnResults(record); });
 }
 
 // What is taken is gone, so the completed operations come last, when nothing else can fail but the reply.
@@ -276,7 +268,7 @@ asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Prope
     auto completed = controller_.takeCompletedOperations(initiator);
     try {
         properties[Own::completedOperations] = recordsOf(completed);
-        reply.returnResults(properties);
+        session_.send([&] { reply.returnResults(properties); });
     } catch (...) {
         controller_.returnCompletedOperations(completed);
         throw;
@@ -289,7 +281,7 @@ asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Prope
 asio::awaitable<void> VendaraDbusInterface::launch(sdbus::Result<>& reply, TimePoint deadline,
                                                    std::string packageID, Launch call) {
     co_await (controller_.launchControl().*call)(std::move(packageID), deadline);
-    reply.returnResults();
+    session_.send([&] { reply.returnResults(); });
 }
 
 // A caller that had left before the reply was sent did not receive it.
@@ -396,12 +388,9 @@ void VendaraDbusInterface::broadcast(const std::string& signal, const std::strin
     try {
         auto message = getObject().createSignal(Own::interface, signal);
         message << argument;
-        message.send();
-        session_.sent();
-    } catch (const sdbus::Error& error) {
-        if (!session_.isLoss(error)) {
-            Common::logError() << "couldn't emit package " << event << " signal";
-        }
+        session_.send([&] { message.send(); });
+    } catch (const sdbus::Error&) {
+        Common::logError() << "couldn't emit package " << event << " signal";
     }
 }
 
@@ -409,8 +398,7 @@ void VendaraDbusInterface::sendOperationStatus(const Core::Operation& operation)
     auto message = getObject().createSignal(Own::interface, Own::operationStatusChanged);
     message << operation.record();
     message.setDestination(operation.initiator().busName());
-    message.send();
-    session_.sent();
+    session_.send([&] { message.send(); });
 }
 
 asio::awaitable<void> VendaraDbusInterface::end() {

@@ -33,7 +33,7 @@ BusConnection::BusConnection(Loop& loop, std::shared_ptr<sdbus::IConnection> con
     , timer_(loop.context())
     , self_(std::make_shared<BusConnection*>(this)) {
     waitForInput();
-    sent(); // messages that were read while the connection was made are waiting
+    watchOutput(); // messages that were read while the connection was made are waiting
 }
 
 BusConnection::~BusConnection() = default;
@@ -42,12 +42,12 @@ void BusConnection::post(std::function<void()> task) {
     asio::post(loop_.context(), [weak = std::weak_ptr(self_), task = std::move(task)] {
         if (const auto self = weak.lock()) {
             guarded("couldn't run a task of the loop", task);
-            (*self)->sent();
+            (*self)->watchOutput();
         }
     });
 }
 
-void BusConnection::sent() {
+void BusConnection::watchOutput() {
     if (!isUpdateDue_ && !isHandling_) {
         isUpdateDue_ = true;
         asio::post(loop_.context(), [weak = std::weak_ptr(self_)] {
@@ -59,17 +59,15 @@ void BusConnection::sent() {
     }
 }
 
-bool BusConnection::isLoss(const sdbus::Error& error) {
+void BusConnection::reportIfLost(const sdbus::Error& error) {
     static constexpr std::array names{"org.freedesktop.DBus.Error.Disconnected", "System.Error.ENOTCONN",
                                       "System.Error.ECONNRESET", "System.Error.EPIPE",
                                       "System.Error.ESHUTDOWN"};
-    const bool isLoss = std::find(names.begin(), names.end(), error.getName()) != names.end() ||
-                        (error.getName() == "org.freedesktop.DBus.Error.NoReply" &&
-                         error.getMessage() == "Connection terminated");
-    if (isLoss) {
+    if (std::find(names.begin(), names.end(), error.getName()) != names.end() ||
+        (error.getName() == "org.freedesktop.DBus.Error.NoReply" &&
+         error.getMessage() == "Connection terminated")) {
         reportLoss(error);
     }
-    return isLoss;
 }
 
 asio::awaitable<void> BusConnection::flushed(TimePoint deadline) {
@@ -78,7 +76,7 @@ asio::awaitable<void> BusConnection::flushed(TimePoint deadline) {
         co_return;
     }
     written_ = std::make_shared<Event>(loop_.context());
-    sent();
+    watchOutput();
     const auto written = written_;
     co_await written->wait(deadline);
 }

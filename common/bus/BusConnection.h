@@ -37,16 +37,26 @@ public:
     /// Posts a task to the loop, which may send messages. Its exceptions are logged. Any thread.
     void post(std::function<void()> task);
 
-    /// To be called after a message was given to the bus library outside its handlers.
-    void sent();
-    /// To be called first with every error of a call or of sending.
-    /// @return whether the bus is gone; then the lost handler has been called
-    bool isLoss(const sdbus::Error& error);
+    /// Runs a function that gives a message to the bus library. Its exceptions are passed on; when one means
+    /// that the bus is gone, the lost handler is called first.
+    template<typename Send>
+    void send(const Send& give) {
+        try {
+            give();
+        } catch (const sdbus::Error& error) {
+            reportIfLost(error);
+            throw;
+        }
+        watchOutput();
+    }
+    /// To be called first with an error reply of the bus itself: a peer can send any name.
+    void reportIfLost(const sdbus::Error& error);
 
     /// Returns when all that was sent has been written to the bus, or at the deadline.
     [[nodiscard]] asio::awaitable<void> flushed(TimePoint deadline);
 
 private:
+    void watchOutput();
     void handleMessages();
     void reportLoss(const sdbus::Error& error);
     void waitForEvents();

@@ -1,6 +1,7 @@
 #include "common/bus/RemoteObject.h"
 
 #include "common/Guard.h"
+#include "common/Names.h"
 
 namespace Common {
 
@@ -13,13 +14,15 @@ RemoteObject::RemoteObject(BusConnection& connection, const std::string& service
 std::shared_ptr<RemoteObject::Answer> RemoteObject::send(const sdbus::MethodCall& message,
                                                          std::chrono::microseconds timeout) {
     const auto answer = std::make_shared<Answer>(connection_);
-    try {
+    connection_.send([&] {
         proxy_->callMethod(
             message,
             [answer, &connection = connection_](sdbus::MethodReply& reply, const sdbus::Error* error) {
                 guarded("couldn't take a reply", [&] {
                     if (error != nullptr) {
-                        static_cast<void>(connection.isLoss(*error));
+                        if (reply.getSender() == Names::MessageBus::service) {
+                            connection.reportIfLost(*error);
+                        }
                         answer->error = *error;
                     } else {
                         answer->reply = reply;
@@ -28,11 +31,7 @@ std::shared_ptr<RemoteObject::Answer> RemoteObject::send(const sdbus::MethodCall
                 answer->arrived.set();
             },
             static_cast<std::uint64_t>(timeout.count()));
-    } catch (const sdbus::Error& error) {
-        static_cast<void>(connection_.isLoss(error));
-        throw;
-    }
-    connection_.sent();
+    });
     return answer;
 }
 

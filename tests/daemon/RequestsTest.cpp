@@ -175,7 +175,7 @@ TEST_F(ARequest, StartsAndRestartsApplications) {
     zul.emit("PackageUpgraded", PackageManager::package("c"));
     ASSERT_TRUE(runtime.waitForCalls("InvokeIntent", 3));
 
-    runtime.refuse("InvokeIntent", "norvane.RuntimeManager.Error");
+    runtime.refuse("InvokeIntent", "org.freedesktop.DBus.Error.Disconnected"); // a name that the bus uses
     runtime.refuse("Terminate", "norvane.RuntimeManager.Error");
     EXPECT_EQ(client->errorOf("Start", "d"), "Failed to start application");
     EXPECT_EQ(client->errorOf("Restart", "d"), "Failed to terminate application");
