@@ -193,6 +193,7 @@ Client::Client()
     subscribe("OperationStatusChanged", [this](const Operation& operation) {
         const std::lock_guard guard(lock_);
         received_.push_back(operation);
+        statuses_[operation.get<0>()].push_back(operation.get<3>());
         events_.push_back(std::to_string(operation.get<3>()));
     });
     using Package = Common::PackageRecord;
@@ -221,18 +222,14 @@ std::vector<Client::Operation> Client::received() const {
 void Client::forget() {
     const std::lock_guard guard(lock_);
     received_.clear();
+    statuses_.clear();
     events_.clear();
 }
 
 std::vector<int> Client::statusesOf(const Operation& operation) const {
-    std::vector<int> statuses;
     const std::lock_guard guard(lock_);
-    for (const auto& record : received_) {
-        if (record.get<0>() == operation.get<0>()) {
-            statuses.push_back(record.get<3>());
-        }
-    }
-    return statuses;
+    const auto statuses = statuses_.find(operation.get<0>());
+    return statuses == statuses_.end() ? std::vector<int>() : statuses->second;
 }
 
 bool Client::waitForStatus(const Operation& operation, int status) const {

@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace Testbed {
@@ -183,6 +184,7 @@ private:
     BusPeer peer_{sdbus::createSessionBusConnection(), "/client"};
     mutable std::mutex lock_;
     std::vector<Operation> received_;
+    std::unordered_map<std::string, std::vector<int>> statuses_; // by operation
     std::vector<std::string> packageSignals_;
     std::vector<std::string> events_;
     std::unique_ptr<sdbus::IProxy> proxy_;

@@ -227,7 +227,7 @@ void servePeers() {
     std::fflush(stdout);
     for (;;) {
         manager.emit("PackageUpgraded", PackageManager::package("com.example.app"));
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
 }
 
