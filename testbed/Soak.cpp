@@ -49,7 +49,9 @@ public:
     // To be called when the peers work again.
     void account() {
         for (const auto& operation : asked_) {
-            const auto hasEnded = [&] { return isTold(operation) || isStored(operation); };
+            const auto hasEnded = [&] {
+                return isTold(operation) || (!areAllExpected_ && isStored(operation));
+            };
             if (!waitUntil(hasEnded, patience)) {
                 fail("an operation was lost: " + describe(operation));
                 return; // the others would take as long
