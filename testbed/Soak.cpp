@@ -11,6 +11,7 @@
 #include <random>
 #include <set>
 #include <thread>
+#include <utility>
 
 namespace Testbed {
 
@@ -43,12 +44,15 @@ public:
                 }
             }
             latencies_.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+            if (asked_.size() >= 50) { // a client that does not wait for ends makes the service list them all
+                account();
+            }
         }
     }
 
-    // To be called when the peers work again.
     void account() {
-        for (const auto& operation : asked_) {
+        operations_ += asked_.size();
+        for (const auto& operation : std::exchange(asked_, {})) {
             const auto hasEnded = [&] {
                 return isTold(operation) || (!areAllExpected_ && isStored(operation));
             };
@@ -69,7 +73,7 @@ public:
 
     [[nodiscard]] const std::vector<double>& latencies() const { return latencies_; }
     [[nodiscard]] const std::string& failures() const { return failures_; }
-    [[nodiscard]] std::size_t operations() const { return asked_.size(); }
+    [[nodiscard]] std::size_t operations() const { return operations_; }
 
 private:
     void request() {
@@ -141,7 +145,8 @@ private:
     std::mt19937 random_;
     std::string package_;
     bool areAllExpected_;
-    std::vector<Operation> asked_;
+    std::vector<Operation> asked_; // and not accounted for
+    std::size_t operations_ = 0;
     std::set<std::string> stored_;
     std::vector<double> latencies_;
     std::string failures_;
