@@ -2,24 +2,35 @@
 
 #include "common/PrintableText.h"
 
+#include <array>
+#include <cstdlib>
+#include <cstring>
 #include <iomanip>
 #include <iostream>
 #include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace Common {
 
 namespace {
 
+// Whether standard error is a stream of the journal (JOURNAL_STREAM in systemd.exec(5)).
+bool isJournal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    return stream != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
+           stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
+// With the priority for the journal first (sd-daemon(3)).
 std::string_view prefixOf(LogLevel level) {
-    switch (level) {
-    case LogLevel::Info:
-        return "INFO: ";
-    case LogLevel::Warning:
-        return "WARN: ";
-    case LogLevel::Error:
-        return "ERROR: ";
+    constexpr std::array<std::string_view, 3> prefixes{"<6>INFO: ", "<4>WARN: ", "<3>ERROR: "};
+    const auto index = static_cast<std::size_t>(level);
+    if (index >= prefixes.size()) {
+        return "";
     }
-    return "";
+    return prefixes[index].substr(isJournal() ? 0 : std::strlen("<6>"));
 }
 
 } // namespace

@@ -6,7 +6,9 @@
 
 #include <iostream>
 #include <set>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -21,6 +23,16 @@ TEST(ALogLine, HasItsPrefixAndOneNewline) {
     { const Common::LogLine silent(Common::LogLevel::Error); }
     Common::LogLine(static_cast<Common::LogLevel>(7)) << "bare";
     EXPECT_EQ(log.text(), "INFO: one and two\nWARN: words\nWARN: its text\n\nbare\n");
+
+    struct stat stream {};
+    fstat(STDERR_FILENO, &stream);
+    setenv("JOURNAL_STREAM", (std::to_string(stream.st_dev) + ":" + std::to_string(stream.st_ino)).c_str(),
+           1);
+    Common::logError() << "one";
+    const Testbed::LogCapture other;
+    Common::logError() << "two";
+    EXPECT_EQ(log.lines().back(), "<3>ERROR: one");
+    EXPECT_EQ(other.text(), "ERROR: two\n");
 }
 
 TEST(ALogLine, CannotBeForgedByWhatItReports) {
