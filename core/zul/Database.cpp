@@ -41,6 +41,13 @@ PackageDirectory Database::directoryOf(const std::string& packageId) const {
     return PackageDirectory(rootDirectory() / directoryName(packageId));
 }
 
+bool Database::isInstalled(const std::string& packageId) const try {
+    const auto directory = directoryOf(packageId);
+    return directory.pointsToExistingVersion(directory.current());
+} catch (...) {
+    throwAsError();
+}
+
 fs::path Database::packageDirectory(const std::string& packageId) try {
     const auto directory = directoryOf(packageId);
     if (!Common::exists(directory.path())) {

@@ -50,6 +50,10 @@ public:
     /// removing the package, when its "current" is missing or dangling.
     [[nodiscard]] std::filesystem::path packageDirectory(const std::string& packageId);
 
+    /// Whether a version of the package is in service. Changes nothing, also where the package is damaged.
+    /// Throws Filesystem when that cannot be read.
+    [[nodiscard]] bool isInstalled(const std::string& packageId) const;
+
     /// The path of this version of the package, which need not exist.
     [[nodiscard]] std::filesystem::path versionedDirectory(const PackageIdentity& package) const;
 

@@ -49,6 +49,7 @@ PackageManager::Installed PackageManager::install(const std::filesystem::path& p
     }
     const auto package = Package::fromFile(packageFile, settings_.authorities);
     package.requireArchitecture(settings_.architecture);
+    requireInstalledDeveloper(package);
     const bool upgrade = database_.installFile(package, packageFile, settings_.attributes);
     if (upgrade) {
         // Without its file, whose writers would have to wait until the upgrade is complete.
@@ -57,6 +58,15 @@ PackageManager::Installed PackageManager::install(const std::filesystem::path& p
     Common::logInfo() << (upgrade ? "prepared the upgrade of " : "installed ") << package.id()
                       << " to version " << package.version();
     return {package.id(), upgrade};
+}
+
+// The certificate authority vouches for many developers; none of them may replace another's application.
+void PackageManager::requireInstalledDeveloper(const Package& package) {
+    if (database_.isInstalled(package.id()) &&
+        database_.packageData(package.id()).at(Keys::certificateId) != package.developerKeyId()) {
+        throw Common::Error(ErrorCode::BadPackageSignature,
+                            "the installed version is from another developer: " + package.id());
+    }
 }
 
 void PackageManager::remove(const std::string& id) {

@@ -34,7 +34,8 @@ public:
     /// The packages whose upgrade the constructor completed.
     [[nodiscard]] const std::vector<std::string>& recovered() const { return recovered_; }
 
-    /// Installs a package file or, when the package is installed, prepares the upgrade.
+    /// Installs a package file or, when the package is installed, prepares the upgrade. It has to be from the
+    /// developer of the installed version.
     Installed install(const std::filesystem::path& packageFile);
 
     /// Removes a package, with an upgrade that is prepared.
@@ -59,6 +60,8 @@ public:
     [[nodiscard]] PackageList list();
 
 private:
+    void requireInstalledDeveloper(const Core::ZUL::Package& package);
+
     Core::ZUL::Database database_;
     Settings settings_;
     std::vector<std::string> recovered_;

@@ -151,6 +151,9 @@ TEST_F(ThePackageManager, RefusesByTheNameOfTheReasonAndKeepsEverything) {
     EXPECT_EQ(errorOf(*client_, Zul::interface, Zul::remove, std::string("none")),
               Common::errorNameOf(ErrorCode::PackageNotExist));
     EXPECT_EQ(digestOfTree(directory_ / "db"), before);
+    const auto record = directory_ / "db/app/com.example.app/current/quenra.pkg";
+    ASSERT_EQ(run({"sed", "-i", "/certificate/,$s/^id=.*/id=of another developer/", record}).status, 0);
+    EXPECT_EQ(install(package({.version = "3.0"})), Common::errorNameOf(ErrorCode::BadPackageSignature));
 }
 
 TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionHasEndedAndAgainAfterAFailure) {
