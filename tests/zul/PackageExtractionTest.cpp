@@ -321,8 +321,8 @@ TEST_F(AnExtraction, UnpacksALargeFileAndManyFiles) {
     const auto file = buildPackage(
         scratch.path(), {.payload = "w1.zstdio",
                          .installScript = "mkdir -p %{buildroot}" + data + "; cd %{buildroot}" + data +
-                                          "; seq 99999999 | head -c 209715200 > large; "
-                                          "seq 20000 | split -l 1 -a 4 - small.",
+                                          "; seq 99999999 | head -c 67108864 > large; "
+                                          "seq 5000 | split -l 1 -a 4 - small.",
                          .fileList = "%config " + data});
     const auto reference = unpackedByTheUsualTools(file);
     unpack(file, destination);
