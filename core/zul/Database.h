@@ -90,10 +90,10 @@ public:
     /// developer's key identifier as "certificate.id", and "system" or "developer" as "certificate.subgroup".
     /// Throws as checkUpgrade(), Package::extract(), prepareUpgrade() and install().
     /// @param file        as Package::extract() takes it
-    /// @param attributes  as Package::extract() takes it
+    /// @param attributes, watch  as Package::extract() takes them
     /// @return whether an upgrade is prepared, which completeUpgrade() puts into service
     bool installFile(const Package& package, const std::filesystem::path& file,
-                     const AttributeWriter& attributes = attachAttribute);
+                     const AttributeWriter& attributes = attachAttribute, const ExtractionWatch& watch = {});
 
     /// Puts a higher version beside the installed one, which stays in service. Replaces an upgrade prepared
     /// before. Throws as checkUpgrade() and install().

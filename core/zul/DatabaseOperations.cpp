@@ -167,8 +167,8 @@ void Database::placeNext(const PackageIdentity& package, const PackageData& entr
     Common::flushDirectory(directory.path());
 }
 
-bool Database::installFile(const Package& package, const fs::path& file,
-                           const AttributeWriter& attributes) try {
+bool Database::installFile(const Package& package, const fs::path& file, const AttributeWriter& attributes,
+                           const ExtractionWatch& watch) try {
     const bool isUpgrade = [&] {
         try {
             checkUpgrade(package);
@@ -183,7 +183,7 @@ bool Database::installFile(const Package& package, const fs::path& file,
         }
     }();
     const Common::TemporaryDirectory extracted(tempDirectory(), "package");
-    package.extract(file, extracted.path(), attributes);
+    package.extract(file, extracted.path(), attributes, watch);
     const PackageData entries{
         {Keys::certificateId, package.developerKeyId()},
         {Keys::certificateSubgroup, package.isSystemDeveloper() ? "system" : "developer"}};

@@ -10,6 +10,7 @@
 #include "devkit/zul-service/ProcessScan.h"
 
 #include <algorithm>
+#include <chrono>
 
 namespace Devkit {
 
@@ -24,6 +25,17 @@ bool canTravel(const PackageData& package) {
     return std::all_of(package.begin(), package.end(), [](const auto& entry) {
         return Common::isBusText(entry.first) && Common::isBusText(entry.second);
     });
+}
+
+// A line every three seconds: short extractions need none.
+auto progressLogger(const std::string& id) {
+    using Clock = std::chrono::steady_clock;
+    return [id, last = Clock::now()](std::uint64_t done, std::uint64_t total) mutable {
+        if (total > 0 && Clock::now() - last >= std::chrono::seconds(3)) {
+            last = Clock::now();
+            Common::logInfo() << "unpacked " << std::to_string(done * 100 / total) << " % of " << id;
+        }
+    };
 }
 
 } // namespace
@@ -50,7 +62,8 @@ PackageManager::Installed PackageManager::install(const std::filesystem::path& p
     const auto package = Package::fromFile(packageFile, settings_.authorities);
     package.requireArchitecture(settings_.architecture);
     requireInstalledDeveloper(package);
-    const bool upgrade = database_.installFile(package, packageFile, settings_.attributes);
+    const bool upgrade = database_.installFile(package, packageFile, settings_.attributes,
+                                               {progressLogger(package.id()), stop_.get_token()});
     if (upgrade) {
         // Without its file, whose writers would have to wait until the upgrade is complete.
         prepared_.insert_or_assign(package.id(), static_cast<const Core::ZUL::PackageIdentity&>(package));

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -38,6 +39,9 @@ public:
     /// developer of the installed version.
     Installed install(const std::filesystem::path& packageFile);
 
+    /// Ends an extraction that is going on, and makes later ones fail. Any thread.
+    void stop() { stop_.request_stop(); }
+
     /// Removes a package, with an upgrade that is prepared.
     void remove(const std::string& id);
 
@@ -64,6 +68,7 @@ private:
 
     Core::ZUL::Database database_;
     Settings settings_;
+    std::stop_source stop_;
     std::vector<std::string> recovered_;
     std::map<std::string, Core::ZUL::PackageIdentity> prepared_; // by identifier
 };

@@ -54,6 +54,7 @@ ZulService::~ZulService() { object_->unregister(); }
 
 void ZulService::finish() {
     object_->unregister();
+    manager_.stop();
     worker_.join();
 }
 

@@ -29,7 +29,8 @@ public:
     ZulService(const ZulService&) = delete;
     ZulService& operator=(const ZulService&) = delete;
 
-    /// Accepts no further requests and returns when all accepted ones are done. Main thread only.
+    /// Accepts no further requests, stops an extraction that is going on, and returns when all accepted
+    /// requests are done, those with another extraction with an error. Main thread only.
     void finish();
 
 private:
@@ -52,7 +53,7 @@ private:
     std::chrono::milliseconds retryDelay_;
     PackageManager::PackageList packages_; // main thread's
     std::unique_ptr<sdbus::IObject> object_;
-    PackageManager manager_; // worker's, except isOnDisk()
+    PackageManager manager_; // worker's, except isOnDisk() and stop()
     asio::thread_pool worker_{1};
 };
 

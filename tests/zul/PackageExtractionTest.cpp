@@ -148,6 +148,17 @@ TEST_F(AnExtraction, AttachesTheSignaturesThatEachFileShouldHave) {
     writeFile(scratch.path() / ".rpmmacros", "%_ima_sign_config_files 1\n");
     package.extract(file, destination, counting);
     EXPECT_EQ(count["security.ima"], 5);
+    std::stop_source stop;
+    const auto stopAtPlain = [&](std::uint64_t done, std::uint64_t total) {
+        EXPECT_EQ(total, 3);
+        done < 2 || stop.request_stop();
+    };
+    fs::remove_all(destination);
+    EXPECT_EQ(failureOf([&] {
+                  package.extract(file, destination, counting, {stopAtPlain, stop.get_token()});
+              }),
+              std::pair(ErrorCode::Internal, std::string("the extraction was stopped")));
+    EXPECT_FALSE(fs::exists(destination / "bin/tool"));
     const auto refusing = [](int, const std::string&, const std::string&) { return EPERM; };
     EXPECT_EQ(failureOf([&] { package.extract(file, destination, refusing); }),
               std::pair(ErrorCode::Filesystem, "couldn't attach security.ima extended attribute to " +

@@ -40,24 +40,19 @@ std::string errnoText(int error) { return std::error_code(error, std::generic_ca
     throw Error(ErrorCode::Filesystem, "couldn't write rpm package content to " + place.native());
 }
 
-void writeContent(EntryContent& content, int file, const std::filesystem::path& place) {
-    for (auto piece = content.next(); !piece.empty(); piece = content.next()) {
-        if (!Common::writeAll(file, piece)) {
-            throwNotWritten(place);
-        }
-    }
-}
-
 /// Puts payload entries, one after the other, into the tree of a package.
 class Extraction {
 public:
     Extraction(const PackageIdentity& package, const PackageSignatures::Cms* developer,
-               const std::filesystem::path& destination, const AttributeWriter& attributes)
+               const std::filesystem::path& destination, const AttributeWriter& attributes,
+               const ExtractionWatch& watch, std::uint64_t size)
         : package_(package)
         , developer_(developer)
         , paths_(package)
         , tree_(destination)
-        , attributes_(attributes) {}
+        , attributes_(attributes)
+        , watch_(watch)
+        , size_(size) {}
 
     void extract(const PayloadEntry& entry, EntryContent& content);
     void finish() {
@@ -65,7 +60,9 @@ public:
     }
 
 private:
+    void requireNotStopped() const;
     void extractFile(const PayloadEntry& entry, EntryContent& content);
+    void writeContent(EntryContent& content, int file, const std::filesystem::path& place);
     void sign(const PayloadEntry& entry, int file, const std::filesystem::path& place);
 
     const PackageIdentity& package_;
@@ -73,9 +70,19 @@ private:
     PackagePath paths_;
     DestinationTree tree_;
     const AttributeWriter& attributes_;
+    const ExtractionWatch& watch_;
+    std::uint64_t size_;
+    std::uint64_t written_ = 0;
 };
 
+void Extraction::requireNotStopped() const {
+    if (watch_.stop.stop_requested()) {
+        throw Error(ErrorCode::Internal, "the extraction was stopped");
+    }
+}
+
 void Extraction::extract(const PayloadEntry& entry, EntryContent& content) {
+    requireNotStopped();
     switch (entry.kind) {
     case EntryKind::Directory:
         reported("couldn't extract directory",
@@ -116,6 +123,19 @@ void Extraction::extractFile(const PayloadEntry& entry, EntryContent& content) {
     }
 }
 
+void Extraction::writeContent(EntryContent& content, int file, const std::filesystem::path& place) {
+    for (auto piece = content.next(); !piece.empty(); piece = content.next()) {
+        if (!Common::writeAll(file, piece)) {
+            throwNotWritten(place);
+        }
+        written_ += piece.size();
+        if (watch_.progress) {
+            watch_.progress(written_, size_);
+        }
+        requireNotStopped();
+    }
+}
+
 void Extraction::sign(const PayloadEntry& entry, int file, const std::filesystem::path& place) {
     if (developer_ == nullptr) {
         throw Error(ErrorCode::BadPackageSignature, "package doesn't have developer signature");
@@ -141,8 +161,10 @@ int attachAttribute(int file, const std::string& name, const std::string& value)
 }
 
 void unpack(const PackageFile& file, const PackageIdentity& package, const PackageSignatures::Cms* developer,
-            const std::filesystem::path& destination, const AttributeWriter& attributes) try {
-    Extraction extraction(package, developer, destination, attributes);
+            const std::filesystem::path& destination, const AttributeWriter& attributes,
+            const ExtractionWatch& watch) try {
+    const auto size = headerGetNumber(file.reader().header(), RPMTAG_LONGSIZE);
+    Extraction extraction(package, developer, destination, attributes, watch, size);
     Common::Rpm::ExtractFileIterator(file.reader()).forEach([&](const auto& entry, auto& content) {
         extraction.extract(entry, content);
     });

@@ -13,6 +13,7 @@ namespace Core::ZUL {
 /// @param developer  has the signatures of files that are to be signed; where it is null, such a file is
 ///                   BadPackageSignature
 void unpack(const PackageFile& file, const PackageIdentity& package, const PackageSignatures::Cms* developer,
-            const std::filesystem::path& destination, const AttributeWriter& attributes);
+            const std::filesystem::path& destination, const AttributeWriter& attributes,
+            const ExtractionWatch& watch = {});
 
 } // namespace Core::ZUL

@@ -183,9 +183,9 @@ void Package::requireArchitecture(const std::string& platform) const {
 const std::string& Package::developerKeyId() const { return developerCms_->certificate().keyId(); }
 
 void Package::extract(const std::filesystem::path& file, const std::filesystem::path& destination,
-                      const AttributeWriter& attributes) const try {
+                      const AttributeWriter& attributes, const ExtractionWatch& watch) const try {
     file_->requireSame(file);
-    unpack(*file_, *this, developerCms_.get(), destination, attributes);
+    unpack(*file_, *this, developerCms_.get(), destination, attributes, watch);
 } catch (...) {
     throwAsError();
 }

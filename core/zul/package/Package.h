@@ -2,9 +2,11 @@
 
 #include "core/zul/PackageIdentity.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <stop_token>
 #include <string>
 
 namespace PackageSignatures {
@@ -21,6 +23,15 @@ using AttributeWriter = std::function<int(int file, const std::string& name, con
 
 /// The writer that extraction uses unless it is given another: fsetxattr(2). Any thread.
 [[nodiscard]] int attachAttribute(int file, const std::string& name, const std::string& value);
+
+/// How a person, or a program that has to end, follows an extraction.
+struct ExtractionWatch {
+    /// Called on the extracting thread after each piece of content: how many bytes are written, and how many
+    /// there are by the package's header, 0 where it has no number. May throw, which ends the extraction.
+    std::function<void(std::uint64_t done, std::uint64_t total)> progress = {};
+    /// Ends the extraction with code Internal, "the extraction was stopped".
+    std::stop_token stop = {};
+};
 
 /// The source key identifier of a package that no client signed.
 inline const std::string noSource = ".no.source.apps";
@@ -71,7 +82,8 @@ public:
     /// @param destination  made with missing parents if it does not exist
     /// @param attributes   how attributes are attached; for tests and for systems that cannot hold them
     void extract(const std::filesystem::path& file, const std::filesystem::path& destination,
-                 const AttributeWriter& attributes = attachAttribute) const;
+                 const AttributeWriter& attributes = attachAttribute,
+                 const ExtractionWatch& watch = {}) const;
 
     [[nodiscard]] const std::string& architecture() const { return architecture_; }
     /// Throws Common::Error, code BadPackageArchitecture, unless the package is for this one or "noarch".
