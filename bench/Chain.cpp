@@ -40,7 +40,7 @@ class Chain {
 public:
     Chain() {
         const auto add = [this](const char* method, const char* in, const char* out, auto body) {
-            object_->registerMethod("norvane.Vendara", method, in, out, [this, body](sdbus::MethodCall call) {
+            object_->registerMethod("norvane.Vendara", method, in, out, [body](sdbus::MethodCall call) {
                 auto reply = call.createReply();
                 body(call, reply);
                 reply.send();

@@ -21,6 +21,7 @@ endif()
 
 add_library(vendara-options INTERFACE)
 target_compile_options(vendara-options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast
+    -Wconversion -Wsign-conversion
     $<$<BOOL:${VENDARA_WERROR}>:-Werror>)
 target_include_directories(vendara-options INTERFACE ${PROJECT_SOURCE_DIR})
 if(VENDARA_SANITIZE)

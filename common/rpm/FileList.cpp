@@ -207,7 +207,9 @@ std::vector<std::uint32_t> numbersOf(const std::vector<std::uint32_t>& inodes,
     std::uint32_t number = 0;
     for (std::size_t place = 0; place < pairs.size(); ++place) {
         const auto& [pair, file] = pairs[place];
-        number += place == 0 || pair != pairs[place - 1].first ? 1 : 0;
+        if (place == 0 || pair != pairs[place - 1].first) {
+            ++number;
+        }
         numbers[file] = inodes[file] == 0 ? 0 : number;
     }
     return numbers;

@@ -51,7 +51,7 @@ void GzipStream::run() {
 
 bool GzipStream::fill() {
     state_.next_out = plain_.data();
-    state_.avail_out = plain_.size();
+    state_.avail_out = sizeof plain_;
     while (state_.avail_out > 0 && !ended_) {
         const auto in = state_.avail_in;
         const auto out = state_.avail_out;

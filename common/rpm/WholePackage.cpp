@@ -13,6 +13,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <endian.h>
 #include <span>
 #include <string>
 #include <type_traits>
@@ -51,8 +53,9 @@ bool continuesPayload(int file, std::uint64_t offset) {
             throw filesystemError("couldn't read rpm package");
         }
         const auto numberAt = [&start](std::size_t place) {
-            return start[place] | start[place + 1] << 8U | start[place + 2] << 16U |
-                   static_cast<std::uint32_t>(start[place + 3]) << 24U;
+            std::uint32_t number = 0;
+            std::memcpy(&number, &start[place], sizeof number);
+            return le32toh(number);
         };
         if (std::equal(gzip.begin(), gzip.end(), start.begin()) ||
             (numberAt(0) >= oldestFrame && numberAt(0) <= frame)) {

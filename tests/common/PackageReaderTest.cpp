@@ -110,7 +110,7 @@ TEST_F(PackageReader, RefusesAFileThatIsNoWholePackage) {
     const Testbed::LogCapture librpmsOwnLines;
     const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", std::string(5000, 'x')}}});
     const auto package = Testbed::readFile(file);
-    for (const std::size_t length : {0, 1, 95, 96, 200, 1000}) {
+    for (const std::size_t length : {0U, 1U, 95U, 96U, 200U, 1000U}) {
         Testbed::writeFile(in("short"), package.substr(0, length));
         expectNotRead(in("short"));
     }

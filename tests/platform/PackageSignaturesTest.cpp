@@ -58,7 +58,8 @@ TEST_F(SignedPackages, AreRefusedWithAnyByteChanged) {
     auto bytes = package + Container::encodedTail(package.size(), {cmsOver(content(package), developer),
                                                                    cmsOver(content(package), client)});
     ASSERT_TRUE(accepts(bytes));
-    for (std::size_t i = 0; i < bytes.size(); i += i < package.size() ? 53 : i + 100 < bytes.size() ? 7 : 1) {
+    for (std::size_t i = 0, step = 0; i < bytes.size(); i += step) {
+        step = i < package.size() ? 53U : i + 100 < bytes.size() ? 7U : 1U;
         for (const char bit : {'\x01', '\x80'}) {
             bytes[i] = static_cast<char>(bytes[i] ^ bit);
             EXPECT_FALSE(accepts(bytes)) << "byte " << i << " of " << bytes.size();

@@ -176,9 +176,10 @@ TEST_F(VendaraSign, TakesSignaturesThatWereMadeOfItsDigestsElsewhere) {
     ASSERT_EQ(sign(arguments).status, 0);
     const auto hexadecimal = [](const std::string& bytes) {
         std::string text;
-        for (const unsigned char byte : bytes) {
+        for (const char byte : bytes) {
             constexpr std::string_view digits = "0123456789abcdef";
-            text += {digits[byte >> 4U], digits[byte & 15U]};
+            const auto value = static_cast<unsigned char>(byte);
+            text += {digits[value >> 4U], digits[value & 15U]};
         }
         return text;
     };

@@ -175,12 +175,13 @@ TEST_F(APackage, IsReadInTimeWhateverTheOrderOfItsFiles) {
 
 TEST_F(APackage, WithArraysThatDoNotGoTogetherLeavesNoMemoryBehind) {
     const auto file = scratch.path() / "package.rpm";
-    const std::vector<std::uint32_t> million(1'000'000);
+    constexpr rpm_count_t count = 1'000'000;
+    const std::vector<std::uint32_t> million(count);
     const LogCapture librpmsOwnLines;
     for (const auto tag : {RPMTAG_FILEFLAGS, RPMTAG_DIRINDEXES, RPMTAG_FILEINODES}) {
         craftPackage(file, {{"/usr/bin/", "tool"}}, {.adjust = [&](Header header) {
                          headerDel(header, tag);
-                         headerPutUint32(header, tag, million.data(), million.size());
+                         headerPutUint32(header, tag, million.data(), count);
                      }});
         sign(file, "client", "client");
         const std::pair refusal(ErrorCode::BadPackage,

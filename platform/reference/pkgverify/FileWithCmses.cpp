@@ -19,10 +19,11 @@ void warn(const char* words, const std::filesystem::path& path, const std::excep
     const auto target = std::filesystem::read_symlink(path, isNotALink);
     std::ostringstream text;
     text << "WARN: " << words << " the signatures of \"" << std::hex;
-    for (const unsigned char character : (isNotALink ? path : target).native()) {
+    for (const char character : (isNotALink ? path : target).native()) {
         const bool isPlain = character >= ' ' && character < 0x7f && character != '"' && character != '\\';
-        isPlain ? text << static_cast<char>(character)
-                : text << "\\x" << std::setw(2) << std::setfill('0') << static_cast<int>(character);
+        isPlain ? text << character
+                : text << "\\x" << std::setw(2) << std::setfill('0')
+                       << static_cast<int>(static_cast<unsigned char>(character));
     }
     text << "\": " << reason.what() << '\n';
     std::cerr << text.str();
