@@ -50,18 +50,17 @@ public:
             identify(call);
             list();
             identify(call);
-            reply << Common::OperationRecord{"", "", 0, 0, 0};
+            reply << Common::OperationRecord();
         });
         add("GetAllProperties", "", "a(ssssa{sv})",
             [this](sdbus::MethodCall& call, sdbus::MethodReply& reply) {
                 identify(call);
                 std::vector<Common::PackageRecord> packages;
                 for (const auto& package : list()) {
-                    packages.emplace_back(package.at(Names::PackageKeys::id),
-                                          package.at(Names::PackageKeys::version),
-                                          package.at(Names::PackageKeys::certificateSubgroup),
-                                          package.at(Names::PackageKeys::certificateId),
-                                          std::map<std::string, sdbus::Variant>());
+                    packages.push_back({package.at(Names::PackageKeys::id),
+                                        package.at(Names::PackageKeys::version),
+                                        package.at(Names::PackageKeys::certificateSubgroup),
+                                        package.at(Names::PackageKeys::certificateId)});
                 }
                 reply << packages;
             });

@@ -13,8 +13,7 @@ bool Operation::isCompleted() const {
 }
 
 Common::OperationRecord Operation::record() const {
-    return {id_, packageId_, static_cast<std::int32_t>(type_), static_cast<std::int32_t>(status_),
-            static_cast<std::int32_t>(errorCode_)};
+    return {id_, packageId_, type_, status_, static_cast<Common::ErrorCode>(errorCode_)};
 }
 
 void Operation::setStatusChanged(StatusHook hook) {

@@ -1,8 +1,7 @@
 #pragma once
 
-#include "common/Error.h"
+#include "common/Records.h"
 #include "common/bus/CallerIdentity.h"
-#include "common/bus/WireTypes.h"
 
 #include <cstdint>
 #include <functional>
@@ -10,17 +9,8 @@
 
 namespace Core {
 
-/// What the worker is to do. The numbers are part of the bus interface.
-enum class OperationType : std::int32_t { Install = 0, Upgrade = 1, Remove = 2 };
-
-/// Where an operation stands. The numbers are part of the bus interface, gaps included.
-enum class OperationStatus : std::int32_t {
-    Queued = 0,
-    InProgress = 10,
-    AwaitingUpgrade = 90,
-    Finished = 100,
-    Failed = 101,
-};
+using Common::OperationStatus;
+using Common::OperationType;
 
 /// One install, upgrade or removal that an application asked for. A plain value: a copy carries the status
 /// hook and notifies as the original does.
@@ -42,7 +32,7 @@ public:
     [[nodiscard]] const std::string& packageVersion() const { return packageVersion_; }
     /// Whether the status is final: Finished or Failed.
     [[nodiscard]] bool isCompleted() const;
-    /// The operation as it travels on the bus.
+    /// The operation as it is reported to clients.
     [[nodiscard]] Common::OperationRecord record() const;
 
     void setType(OperationType type) { type_ = type; }

@@ -234,7 +234,7 @@ asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Requ
         operation.setType(Core::OperationType::Install);
     }
     const auto record = co_await enqueue(std::move(operation), request.deadline);
-    session_.send([&] { reply.returnResults(record); });
+    session_.send([&] { reply.returnResults(Common::toWire(record)); });
 }
 
 asio::awaitable<void> VendaraDbusInterface::remove(OperationResult& reply, Request request,
@@ -247,7 +247,7 @@ asio::awaitable<void> VendaraDbusInterface::remove(OperationResult& reply, Reque
     operation.setPackageId(std::move(packageID));
     operation.setType(Core::OperationType::Remove);
     const auto record = co_await enqueue(std::move(operation), request.deadline);
-    session_.send([&] { reply.returnResults(record); });
+    session_.send([&] { reply.returnResults(Common::toWire(record)); });
 }
 
 // What is taken is gone, so the completed operations come last, when nothing else can fail but the reply.
@@ -326,7 +326,7 @@ VendaraDbusInterface::installedPackages(PackageListing listing) {
 asio::awaitable<void> VendaraDbusInterface::findInstalledPackage(std::string id, PackageListing listing) {
     const auto packages = co_await installedPackages(std::move(listing));
     if (std::none_of(packages.begin(), packages.end(),
-                     [&](const auto& package) { return std::get<0>(package) == id; })) {
+                     [&](const auto& package) { return package.id == id; })) {
         Common::logError() << "couldn't find package: " << id;
         throw refusal("The package does not exist");
     }
@@ -366,7 +366,7 @@ void VendaraDbusInterface::relayPackage(const std::string& signal, const std::st
                                         const Common::PackageProperties& properties) {
     try {
         const auto package = packageFromProperties(properties);
-        relay(package.get<0>(), signal, event, package);
+        relay(package.id, signal, event, package);
     } catch (const Common::Error& error) {
         Common::logError() << error;
     }

@@ -42,7 +42,7 @@ public:
 private:
     using Properties = std::map<std::string, sdbus::Variant>;
     using PackageListing = asio::awaitable<Core::ZulProxy::PackageList>;
-    using OperationResult = sdbus::Result<Common::OperationRecord>;
+    using OperationResult = sdbus::Result<Common::WireOperation>;
     struct Request {
         std::string sender;
         Common::TimePoint deadline;

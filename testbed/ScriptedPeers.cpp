@@ -4,6 +4,12 @@
 
 #include <algorithm>
 
+void Common::PrintTo(const OperationRecord& operation, std::ostream* output) {
+    *output << operation.id << " of " << operation.packageId << ": type " << static_cast<int>(operation.type)
+            << ", status " << static_cast<int>(operation.status) << ", error "
+            << static_cast<int>(operation.errorCode);
+}
+
 namespace Testbed {
 
 namespace {
@@ -193,12 +199,13 @@ Client::Client()
     subscribe("OperationStatusChanged", [this](const Operation& operation) {
         const std::lock_guard guard(lock_);
         received_.push_back(operation);
-        statuses_[operation.get<0>()].push_back(operation.get<3>());
-        events_.push_back(std::to_string(operation.get<3>()));
+        const int status = static_cast<int>(operation.status);
+        statuses_[operation.id].push_back(status);
+        events_.push_back(std::to_string(status));
     });
     using Package = Common::PackageRecord;
-    subscribe("PackageInstalled", [note](const Package& package) { note("installed " + package.get<0>()); });
-    subscribe("PackageUpgraded", [note](const Package& package) { note("upgraded " + package.get<0>()); });
+    subscribe("PackageInstalled", [note](const Package& package) { note("installed " + package.id); });
+    subscribe("PackageUpgraded", [note](const Package& package) { note("upgraded " + package.id); });
     subscribe("PackageRemoved", [note](const std::string& id) { note("removed " + id); });
     proxy_->finishRegistration();
     // A call made before the loop runs would have its reply overtake signals, so the loop delivers one first.
@@ -212,6 +219,13 @@ Client::Client()
 
 std::vector<Client::Operation> Client::operations(const std::string& key) {
     return call<Properties>("GetAllProperties").at(key).get<std::vector<Operation>>();
+}
+
+Client::Operation Client::ended(Operation operation, Common::ErrorCode errorCode) {
+    using enum OperationStatus;
+    operation.status = errorCode == Common::ErrorCode::None ? Finished : Failed;
+    operation.errorCode = errorCode;
+    return operation;
 }
 
 std::vector<Client::Operation> Client::received() const {
@@ -228,7 +242,7 @@ void Client::forget() {
 
 std::vector<int> Client::statusesOf(const Operation& operation) const {
     const std::lock_guard guard(lock_);
-    const auto statuses = statuses_.find(operation.get<0>());
+    const auto statuses = statuses_.find(operation.id);
     return statuses == statuses_.end() ? std::vector<int>() : statuses->second;
 }
 

@@ -13,7 +13,15 @@
 #include <unordered_map>
 #include <vector>
 
+namespace Common {
+/// Used by GoogleTest.
+void PrintTo(const OperationRecord& operation, std::ostream* output);
+} // namespace Common
+
 namespace Testbed {
+
+using Common::OperationStatus;
+using Common::OperationType;
 
 /// A service that is called, records the calls and answers: at once, or when the test says so.
 class ScriptedPeer {
@@ -158,6 +166,8 @@ public:
     Operation install(const std::string& path) { return call<Operation>("Install", path); }
     Operation remove(const std::string& id) { return call<Operation>("Remove", id); }
     std::vector<Operation> operations(const std::string& key = "Operations");
+    /// The operation as it is reported after its end: Failed with an error code, else Finished.
+    static Operation ended(Operation operation, Common::ErrorCode errorCode = {});
     /// The text of the service's error reply, empty when there was none.
     template<typename... Arguments>
     std::string errorOf(const std::string& method, const Arguments&... arguments) {

@@ -111,13 +111,14 @@ private:
     }
 
     std::string describe(const Operation& operation) {
-        auto text = operation.get<0>() + ", type " + std::to_string(operation.get<2>()) + ", received";
+        auto text =
+            operation.id + ", type " + std::to_string(static_cast<int>(operation.type)) + ", received";
         for (const auto status : client_.statusesOf(operation)) {
             text += " " + std::to_string(status);
         }
         for (const auto& listed : client_.operations()) {
-            if (listed.get<0>() == operation.get<0>()) {
-                text += ", listed with " + std::to_string(listed.get<3>());
+            if (listed.id == operation.id) {
+                text += ", listed with " + std::to_string(static_cast<int>(listed.status));
             }
         }
         return text;
@@ -129,13 +130,13 @@ private:
         } catch (const sdbus::Error&) {
             // Asked again.
         }
-        return stored_.contains(operation.get<0>());
+        return stored_.contains(operation.id);
     }
 
     // What is read is gone from the service's store.
     void readStore() {
         for (const auto& each : client_.operations("CompletedOperations")) {
-            stored_.insert(each.get<0>());
+            stored_.insert(each.id);
         }
     }
 

@@ -1,6 +1,8 @@
 #pragma once
 
-#include <sdbus-c++/Types.h>
+#include "common/Records.h"
+
+#include <sdbus-c++/Message.h>
 
 #include <cstdint>
 #include <map>
@@ -8,15 +10,27 @@
 
 namespace Common {
 
-/// An operation on the bus, signature (ssiii): id, packageId, type, status, errorCode.
-using OperationRecord = sdbus::Struct<std::string, std::string, std::int32_t, std::int32_t, std::int32_t>;
-
-/// An installed package on the bus, signature (ssssa{sv}): id, version, certificateSubgroup, certificateId,
-/// extra.
-using PackageRecord =
-    sdbus::Struct<std::string, std::string, std::string, std::string, std::map<std::string, sdbus::Variant>>;
-
 /// A package as the package manager describes it, signature a{ss}: dotted key to value.
 using PackageProperties = std::map<std::string, std::string>;
 
+/// An operation on the bus: id, packageId, type, status, errorCode.
+using WireOperation = sdbus::Struct<std::string, std::string, std::int32_t, std::int32_t, std::int32_t>;
+[[nodiscard]] WireOperation toWire(const OperationRecord& operation);
+
+sdbus::Message& operator<<(sdbus::Message& message, const OperationRecord& operation);
+sdbus::Message& operator>>(sdbus::Message& message, OperationRecord& operation);
+
+/// Throws std::bad_variant_access for a package with an OtherValue.
+sdbus::Message& operator<<(sdbus::Message& message, const PackageRecord& package);
+sdbus::Message& operator>>(sdbus::Message& message, PackageRecord& package);
+
 } // namespace Common
+
+template<>
+struct sdbus::signature_of<Common::OperationRecord> : signature_of<Common::WireOperation> {};
+
+/// id, version, certificateSubgroup, certificateId, extra.
+template<>
+struct sdbus::signature_of<Common::PackageRecord>
+    : signature_of<
+          Struct<std::string, std::string, std::string, std::string, std::map<std::string, Variant>>> {};

@@ -101,7 +101,7 @@ TEST_F(AnAttacker, IsNotTakenForThePackageManagerOrTheRuntimeManager) {
     EXPECT_TRUE(client.waitForEvents(1));
     EXPECT_THAT(client.events(), ElementsAre("removed last"));
     EXPECT_THAT(runtime.calls("InvokeIntent"), IsEmpty());
-    EXPECT_EQ(client.operations().at(0).get<3>(), 90);
+    EXPECT_EQ(client.operations().at(0).status, OperationStatus::AwaitingUpgrade);
     runtime.restart();
     runtime.emit("Terminated", std::string("a"));
     EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
@@ -158,7 +158,7 @@ TEST_F(AnAttacker, WhoLeavesAtTheEndOfAnOperationFindsItLater) {
     zul.answer("Install");
     std::vector<Client::Operation> completed;
     EXPECT_TRUE(waitUntil([&] { return !(completed = client.operations("CompletedOperations")).empty(); }));
-    EXPECT_THAT(completed, ElementsAre(Client::Operation(operation.get<0>(), "com.example.app", 0, 100, 0)));
+    EXPECT_THAT(completed, ElementsAre(Client::ended(operation)));
     EXPECT_THAT(client.operations(), IsEmpty());
 }
 

@@ -31,7 +31,7 @@ TEST_F(TheDaemon, AnswersWhileAnOperationRuns) {
     ASSERT_TRUE(zul.waitForCalls("Install", 1));
     const auto second = other.install(packageFile());
     EXPECT_THAT(other.operations(), ElementsAre(second));
-    EXPECT_EQ(client.operations().at(0).get<3>(), 10);
+    EXPECT_EQ(client.operations().at(0).status, OperationStatus::InProgress);
     EXPECT_EQ(other.errorOf("Start", "a") + other.errorOf("Restart", "a"), "");
     EXPECT_THAT(other.statusesOf(second), ElementsAre(0));
     zul.answer("Install");
@@ -144,10 +144,9 @@ TEST_F(TheDaemon, EndsInOrderWhenItIsTold) {
     EXPECT_TRUE(client.waitForStatus(queued.back(), 101));
     auto received = client.received();
     received.erase(received.begin(), received.end() - 4);
-    EXPECT_EQ(received.at(0), Client::Operation(running.get<0>(), running.get<1>(), 0, 100, 0));
+    EXPECT_EQ(received.at(0), Client::ended(running));
     for (std::size_t index = 0; index < 3; ++index) {
-        EXPECT_EQ(received.at(index + 1),
-                  Client::Operation(queued[index].get<0>(), running.get<1>(), 0, 101, 2));
+        EXPECT_EQ(received.at(index + 1), Client::ended(queued[index], Common::ErrorCode::Internal));
     }
 }
 
@@ -228,7 +227,7 @@ TEST_F(TheDaemon, GoesOnWithoutTheSystemBus) {
     ASSERT_TRUE(zul.waitForCalls("Install", 1));
     buses.system.stop();
     EXPECT_TRUE(client.waitForStatus(running, 101));
-    EXPECT_EQ(client.received().back().get<4>(), 2);
+    EXPECT_EQ(client.received().back().errorCode, Common::ErrorCode::Internal);
     EXPECT_EQ(client.errorOf("GetAllProperties"), "Failed to retrieve list of installed packages");
     EXPECT_EQ(client.errorOf("Start", "a"), "");
 }

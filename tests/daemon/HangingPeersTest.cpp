@@ -87,8 +87,7 @@ TEST_F(WhileAPeerHoldsACaller, StatusesOfOthersGoOnAndAnEndIsListedUntilItIsRepo
     ASSERT_TRUE(zul.waitForCalls("Install", 1));
     ASSERT_TRUE(client.waitForStatus(operation, 10));
     hold(identification, "IdentifyByBusName", [&] { return zul.answer("Install"); }).get();
-    const Client::Operation end(operation.get<0>(), operation.get<1>(), 0, 100, 0);
-    EXPECT_THAT(other.operations(), ElementsAre(end)) << "neither reported nor stored";
+    EXPECT_THAT(other.operations(), ElementsAre(Client::ended(operation))) << "neither reported nor stored";
     zul.hold("Install", false);
     EXPECT_TRUE(other.waitForStatus(other.install(file), 100));
     EXPECT_THAT(client.statusesOf(operation), ElementsAre(0, 10));
@@ -117,7 +116,7 @@ TEST_F(WhileAPeerHoldsACaller, ItIsRefusedWithinTheTimeLimitOfTheBus) {
     auto installed = std::async(std::launch::async, [this] {
         Client caller;
         const auto operation = caller.install(file);
-        EXPECT_EQ(operation.get<2>(), 0) << "without a list it counts as an installation";
+        EXPECT_EQ(operation.type, OperationType::Install) << "without a list it counts as an installation";
         return caller.statusesOf(operation);
     });
     ASSERT_TRUE(zul.waitForCalls("GetPackageList", 3));

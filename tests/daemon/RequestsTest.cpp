@@ -20,14 +20,14 @@ TEST_F(ARequest, TakesARealPackageFromInstallationToRemoval) {
     const auto file = packageFile();
     const auto installation = client->install(file);
     EXPECT_THAT(client->statusesOf(installation), testing::Contains(0)) << "announced before the reply";
-    EXPECT_EQ(installation, Client::Operation(installation.get<0>(), "com.example.app", 0, 0, 0));
+    EXPECT_EQ(installation, (Client::Operation{installation.id, "com.example.app"}));
     EXPECT_TRUE(client->waitForStatus(installation, 100));
     EXPECT_TRUE(logged("ERROR: couldn't find package: com.example.app"));
     setInstalled({"com.example.other", "com.example.app"});
     zul.emit("PackageInstalled", PackageManager::package("com.example.app"));
 
     const auto upgrade = client->install(file);
-    EXPECT_EQ(upgrade.get<2>(), 1);
+    EXPECT_EQ(upgrade.type, OperationType::Upgrade);
     EXPECT_TRUE(client->waitForStatus(upgrade, 90));
     EXPECT_EQ(client->operations(), std::vector{client->received().back()});
     zul.emit("PackageUpgraded", PackageManager::package("com.example.other"));
@@ -37,7 +37,7 @@ TEST_F(ARequest, TakesARealPackageFromInstallationToRemoval) {
     EXPECT_TRUE(logged("WARN: couldn't retrieve package id from upgraded package"));
 
     const auto removal = client->remove("com.example.app");
-    EXPECT_EQ(removal.get<2>(), 2);
+    EXPECT_EQ(removal.type, OperationType::Remove);
     EXPECT_TRUE(client->waitForStatus(removal, 100));
     zul.emit("PackageRemoved", std::string("com.example.app"));
     EXPECT_TRUE(waitUntil([&] { return client->packageSignals().size() == 4; }));
@@ -63,10 +63,8 @@ TEST_F(ARequest, TellsThePlatformAndThePackages) {
     EXPECT_EQ(properties["QuenraVersion"].get<std::string>(), "4.2");
     const auto packages = properties["Packages"].get<std::vector<Common::PackageRecord>>();
     ASSERT_EQ(packages.size(), 2);
-    EXPECT_EQ(packages[0].get<0>() + packages[0].get<1>() + packages[0].get<2>() + packages[0].get<3>(),
-              "b2-1groupcertificate");
-    EXPECT_EQ(packages[1].get<0>(), "a");
-    EXPECT_THAT(packages[0].get<4>(), IsEmpty());
+    EXPECT_EQ(packages[0], (Common::PackageRecord{"b", "2-1", "group", "certificate"}));
+    EXPECT_EQ(packages[1].id, "a");
     EXPECT_TRUE(logged("WARN: couldn't retrieve required properties from ZUL package"));
 
     zul.emit("PackageInstalled", incomplete);
@@ -115,9 +113,9 @@ TEST_F(ARequest, FailsLaterWithThePackageManagersCode) {
     zul.refuse("GetPackageList", "norvane.ZUL.Error.Internal");
     zul.refuse("Install", "norvane.ZUL.Error.DowngradeAttempt");
     const auto operation = client->install(packageFile());
-    EXPECT_EQ(operation.get<2>(), 0) << "without a list it counts as an installation";
+    EXPECT_EQ(operation.type, OperationType::Install) << "without a list it counts as an installation";
     EXPECT_TRUE(client->waitForStatus(operation, 101));
-    EXPECT_EQ(client->received().back().get<4>(), 8);
+    EXPECT_EQ(client->received().back().errorCode, Common::ErrorCode::DowngradeAttempt);
     EXPECT_TRUE(logged("ERROR: refused by the test"));
     zul.refuse("GetPackageList", {});
     EXPECT_EQ(client->operations(), std::vector{client->received().back()})
@@ -154,7 +152,7 @@ TEST_F(ARequest, WhoseInitiatorHasLeftIsToldOnceWhenTheApplicationAsksAgain) {
     std::vector<Client::Operation> completed;
     EXPECT_TRUE(waitUntil([&] { return !(completed = client->operations("CompletedOperations")).empty(); }))
         << "and a failed request loses nothing";
-    EXPECT_THAT(completed, ElementsAre(Client::Operation(operation.get<0>(), "com.example.app", 0, 100, 0)));
+    EXPECT_THAT(completed, ElementsAre(Client::ended(operation)));
     EXPECT_THAT(client->operations("CompletedOperations"), IsEmpty());
     EXPECT_THAT(client->received(), IsEmpty());
 }

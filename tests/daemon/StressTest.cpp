@@ -35,8 +35,8 @@ protected:
         for (const auto& operation : asked) {
             ASSERT_TRUE(waitUntil([&] { return client.statusesOf(operation).back() >= 100; }, limit));
             const std::vector failed{0, 10, 101};
-            const auto succeeded =
-                operation.get<2>() == 1 ? std::vector{0, 10, 90, 100} : std::vector{0, 10, 100};
+            const auto succeeded = operation.type == OperationType::Upgrade ? std::vector{0, 10, 90, 100}
+                                                                            : std::vector{0, 10, 100};
             EXPECT_THAT(client.statusesOf(operation), testing::AnyOf(succeeded, failed));
         }
         std::vector<std::string> installed;
@@ -51,15 +51,15 @@ protected:
     static void checkRead(Client& client, const std::vector<Operation>& asked) {
         std::map<std::string, int> before;
         for (const auto& operation : asked) {
-            before[operation.get<0>()] = client.statusesOf(operation).back();
+            before[operation.id] = client.statusesOf(operation).back();
         }
-        std::map<std::string, int> listed;
+        std::set<std::string> listed;
         for (const auto& operation : client.operations()) {
-            EXPECT_TRUE(listed.emplace(operation.get<0>(), operation.get<3>()).second) << "listed twice";
-            EXPECT_GE(operation.get<3>(), before[operation.get<0>()]) << "read after its signal";
+            EXPECT_TRUE(listed.insert(operation.id).second) << "listed twice";
+            EXPECT_GE(static_cast<int>(operation.status), before[operation.id]) << "read after its signal";
         }
         for (const auto& operation : asked) {
-            if (client.statusesOf(operation).back() < 100 && listed.count(operation.get<0>()) == 0) {
+            if (client.statusesOf(operation).back() < 100 && !listed.contains(operation.id)) {
                 // Finished while the list was read, and its signal is on the way; else it got lost.
                 EXPECT_TRUE(waitUntil([&] { return client.statusesOf(operation).back() >= 100; }, limit));
             }

@@ -59,10 +59,14 @@ public:
     std::atomic<int> propertyReads = 0;
 
     static Common::OperationRecord operation(const std::string& package, int status, int error) {
-        return Common::OperationRecord{"id of " + package, package, 0, status, status == 101 ? error : 0};
+        return {"id of " + package,
+                package,
+                {},
+                static_cast<Common::OperationStatus>(status),
+                static_cast<Common::ErrorCode>(status == 101 ? error : 0)};
     }
     static Common::PackageRecord package(const std::string& id) {
-        return Common::PackageRecord{id, "1.0-1", "apps", "cert", {{"size", sdbus::Variant(7U)}}};
+        return {id, "1.0-1", "apps", "cert", {{"size", 7U}}};
     }
 
 private:

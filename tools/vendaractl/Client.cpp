@@ -33,38 +33,6 @@ constexpr milliseconds shortPatience(100);
 // An operation may be on its way from one list of the service to the other.
 constexpr int absencesOfALostOperation = 2;
 
-Operation fromBus(const Common::OperationRecord& record) {
-    return {record.get<0>(), record.get<1>(), static_cast<OperationType>(record.get<2>()),
-            static_cast<OperationStatus>(record.get<3>()), static_cast<Common::ErrorCode>(record.get<4>())};
-}
-
-template<typename... Types>
-std::variant<OtherValue, Types...> valueOf(const sdbus::Variant& value,
-                                           const std::variant<OtherValue, Types...>* /*type*/) {
-    std::variant<OtherValue, Types...> result = OtherValue{value.peekValueType()};
-    static_cast<void>(((value.containsValueOfType<Types>() && (result = value.get<Types>(), true)) || ...));
-    return result;
-}
-
-Package fromBus(const Common::PackageRecord& record) {
-    Package package{record.get<0>(), record.get<1>(), record.get<2>(), record.get<3>(), {}};
-    for (const auto& [key, value] : record.get<4>()) {
-        package.extra[key] = valueOf(value, static_cast<const Package::Value*>(nullptr));
-    }
-    return package;
-}
-
-const std::string& fromBus(const std::string& text) { return text; }
-
-template<typename Record>
-auto listFrom(const sdbus::Variant& list) {
-    std::vector<decltype(fromBus(Record()))> result;
-    for (const auto& record : list.get<std::vector<Record>>()) {
-        result.push_back(fromBus(record));
-    }
-    return result;
-}
-
 const Operation* findIn(const std::vector<Operation>& operations, const std::string& id) {
     const auto found = std::find_if(operations.begin(), operations.end(),
                                     [&](const auto& operation) { return operation.id == id; });
@@ -75,9 +43,9 @@ Properties propertiesFrom(const PropertyMap& map) {
     try {
         Properties properties{map.at(Own::architecture).get<std::string>(),
                               map.at(Own::quenraVersion).get<std::string>(),
-                              listFrom<Common::OperationRecord>(map.at(Own::operations)),
-                              listFrom<Common::OperationRecord>(map.at(Own::completedOperations)),
-                              listFrom<Common::PackageRecord>(map.at(Own::packages))};
+                              map.at(Own::operations).get<std::vector<Operation>>(),
+                              map.at(Own::completedOperations).get<std::vector<Operation>>(),
+                              map.at(Own::packages).get<std::vector<Package>>()};
         // An operation that failed stays in the first list until the next one begins.
         std::erase_if(properties.operations, [&](const auto& operation) {
             return findIn(properties.completedOperations, operation.id) != nullptr;
@@ -111,10 +79,10 @@ public:
               [this] { presenceChanged(false); })
         , service_(connection_, Own::service, Own::objectPath, Own::interface)
         , wasStarted_(!source_.hasOwner()) {
-        onSignal<Common::OperationRecord>(Own::operationStatusChanged, &Session::update);
-        onSignal<Common::PackageRecord>(Own::packageInstalled, &Session::installed);
-        onSignal<Common::PackageRecord>(Own::packageUpgraded, &Session::upgraded);
-        onSignal<std::string>(Own::packageRemoved, &Session::removed);
+        onSignal(Own::operationStatusChanged, &Session::update);
+        onSignal(Own::packageInstalled, &Session::installed);
+        onSignal(Own::packageUpgraded, &Session::upgraded);
+        onSignal(Own::packageRemoved, &Session::removed);
         for (const int signal : signals) {
             if (!isIgnored(signal)) {
                 interruption_.add(signal);
@@ -134,7 +102,7 @@ public:
 
     // The first status arrives before the reply.
     Operation begin(const std::string& method, const std::string& argument) {
-        auto operation = fromBus(std::get<0>(call<Common::OperationRecord>(method, argument)));
+        auto operation = std::get<0>(call<Operation>(method, argument));
         update(operation);
         return operation;
     }
@@ -269,12 +237,12 @@ private:
         throw CallRefused((isUnreadable ? "unexpected reply of the service: " : "") + error.getMessage());
     }
 
-    template<typename Record, typename Argument>
+    template<typename Argument>
     void onSignal(const std::string& signal, void (Session::*handler)(const Argument&)) {
         source_.subscribe(Own::objectPath, Own::interface, signal, [this, handler](sdbus::Message& message) {
-            Record record;
-            message >> record;
-            guarded([&] { (this->*handler)(fromBus(record)); });
+            Argument argument;
+            message >> argument;
+            guarded([&] { (this->*handler)(argument); });
         });
     }
 

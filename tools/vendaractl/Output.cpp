@@ -57,9 +57,9 @@ JsonValue toJson(const Vendara::Package::Value& value) {
 } // namespace
 
 std::string inWords(const Vendara::Operation& operation, std::size_t columns) {
-    const auto type = nameOf(operation.type) + " ";
+    const auto type = Vendara::nameOf(operation.type) + " ";
     auto package = Common::printable(operation.packageId);
-    auto status = ": " + nameOf(operation.status);
+    auto status = ": " + Vendara::nameOf(operation.status);
     if (operation.status == Vendara::OperationStatus::Failed) {
         status += ": " + Vendara::describe(operation.errorCode) + " (error " +
                   std::to_string(static_cast<std::uint32_t>(operation.errorCode)) + ")";
@@ -75,8 +75,8 @@ std::string inWords(const Vendara::Operation& operation, std::size_t columns) {
 JsonValue toJson(const Vendara::Operation& operation) {
     JsonValue result{{"id", operation.id},
                      {"package", operation.packageId},
-                     {"type", nameOf(operation.type)},
-                     {"status", nameOf(operation.status)},
+                     {"type", Vendara::nameOf(operation.type)},
+                     {"status", Vendara::nameOf(operation.status)},
                      {"errorCode", operation.errorCode}};
     if (operation.errorCode != Common::ErrorCode::None) {
         result["error"] = Vendara::describe(operation.errorCode);

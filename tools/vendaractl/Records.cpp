@@ -1,5 +1,7 @@
 #include "tools/vendaractl/Records.h"
 
+#include <map>
+
 namespace Vendara {
 
 namespace {

@@ -1,54 +1,17 @@
 #pragma once
 
-#include "common/Error.h"
+#include "common/Records.h"
 
-#include <cstdint>
-#include <map>
 #include <string>
-#include <variant>
 #include <vector>
 
 namespace Vendara {
 
-/// What an operation does. The numbers are those of the bus interface.
-enum class OperationType : std::int32_t { Install = 0, Upgrade = 1, Remove = 2 };
-
-/// Where an operation stands. The numbers are those of the bus interface.
-enum class OperationStatus : std::int32_t {
-    Queued = 0,
-    InProgress = 10,
-    AwaitingUpgrade = 90,
-    Finished = 100,
-    Failed = 101,
-};
-
-struct Operation {
-    std::string id;
-    std::string packageId;
-    OperationType type{};
-    OperationStatus status{};
-    Common::ErrorCode errorCode{}; ///< None while nothing failed
-
-    /// Whether the status is final.
-    [[nodiscard]] bool hasEnded() const {
-        return status == OperationStatus::Finished || status == OperationStatus::Failed;
-    }
-};
-
-/// A value of a type that Package::extra does not hold: its D-Bus signature.
-struct OtherValue {
-    std::string signature;
-};
-
-struct Package {
-    using Value = std::variant<OtherValue, std::string, bool, std::int32_t, std::uint32_t, std::int64_t,
-                               std::uint64_t, std::vector<std::string>>;
-    std::string id;
-    std::string version;
-    std::string certificateSubgroup;
-    std::string certificateId;
-    std::map<std::string, Value> extra;
-};
+using Common::OperationStatus;
+using Common::OperationType;
+using Common::OtherValue;
+using Operation = Common::OperationRecord;
+using Package = Common::PackageRecord;
 
 /// The service's state as the calling application sees it.
 struct Properties {
