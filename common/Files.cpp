@@ -15,10 +15,6 @@ namespace Common {
 
 namespace {
 
-bool meansAbsence(int error) {
-    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
-}
-
 UniqueFd openDirectory(const std::filesystem::path& directory) {
     UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd) {
@@ -63,6 +59,10 @@ bool isOrdinaryName(std::string_view name) noexcept {
     };
     return !name.empty() && name.size() <= NAME_MAX && name != "." && name != ".." &&
            std::none_of(name.begin(), name.end(), isForbidden);
+}
+
+bool meansAbsence(int error) noexcept {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
 }
 
 std::optional<struct stat> statusOf(const std::filesystem::path& path, int flags) {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -26,8 +27,11 @@ namespace Common {
 /// control characters.
 [[nodiscard]] bool isOrdinaryName(std::string_view name) noexcept;
 
-// The next five throw when the question cannot be answered this time, as after an input or output error.
+// The next throw when the question cannot be answered this time, as after an input or output error.
 // Absent is only what certainly does not exist, also below a file or behind links in a circle.
+
+/// Whether an errno says that.
+[[nodiscard]] bool meansAbsence(int error) noexcept;
 
 /// The status of what is at a path; nothing when there is nothing.
 /// @param flags  of fstatat(2): AT_SYMLINK_NOFOLLOW for a link's own
@@ -75,6 +79,9 @@ enum class Resolve {
 /// Throws FileNotFound as well, for what is not a regular file or too large.
 [[nodiscard]] std::optional<std::string> readRegularFile(const std::filesystem::path& file,
                                                          std::size_t limit);
+
+/// How readRegularFile() or one like it is called.
+using FileReader = std::function<std::optional<std::string>(const std::filesystem::path&, std::size_t)>;
 
 /// The same for a file that has to exist: otherwise throws FileNotFound.
 [[nodiscard]] std::string readExistingFile(const std::filesystem::path& file, std::size_t limit);

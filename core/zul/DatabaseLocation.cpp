@@ -5,24 +5,12 @@
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
+#include <fstream>
+#include <stdexcept>
+
 namespace Core::ZUL {
 
 namespace fs = std::filesystem;
-
-namespace {
-
-boost::property_tree::ptree readConfiguration(const fs::path& file) {
-    boost::property_tree::ptree tree;
-    try {
-        boost::property_tree::read_ini(file.native(), tree);
-        return tree;
-    } catch (const std::exception&) {
-        Common::logError() << "couldn't parse config file: " << file.native();
-        return {};
-    }
-}
-
-} // namespace
 
 // Links in the database name whole paths, which a relative one would not be from where they are.
 fs::path wholePath(const fs::path& path) {
@@ -32,7 +20,21 @@ fs::path wholePath(const fs::path& path) {
 }
 
 DatabaseLocation::DatabaseLocation(const fs::path& configuration) {
-    const auto tree = readConfiguration(configuration);
+    std::ifstream stream(configuration);
+    *this = DatabaseLocation(stream, configuration);
+}
+
+DatabaseLocation::DatabaseLocation(std::istream& configuration, const fs::path& name) {
+    boost::property_tree::ptree tree;
+    try {
+        if (!configuration.good()) {
+            throw std::runtime_error("not readable");
+        }
+        boost::property_tree::read_ini(configuration, tree);
+    } catch (const std::exception&) {
+        Common::logError() << "couldn't parse config file: " << name.native();
+        tree.clear();
+    }
     rootDirectory_ = wholePath(tree.get<std::string>("database.root_directory", "/opt/app"));
     tempDirectory_ = wholePath(tree.get<std::string>("database.temp_directory", "/opt/zul/tmp"));
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <iosfwd>
 #include <string>
 
 namespace Core::ZUL {
@@ -15,6 +16,10 @@ public:
     /// absent, or a file that cannot be read or parsed, the defaults are used, "/opt/app" and "/opt/zul/tmp".
     /// @param configuration  INI file, section "database", keys "root_directory" and "temp_directory"
     explicit DatabaseLocation(const std::filesystem::path& configuration = configurationFile);
+
+    /// The same for the text of a configuration.
+    /// @param name  of the file, for the log
+    DatabaseLocation(std::istream& configuration, const std::filesystem::path& name);
 
     /// Takes the directories as given, made absolute from the working directory.
     DatabaseLocation(const std::filesystem::path& root, const std::filesystem::path& temp);

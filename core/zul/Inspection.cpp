@@ -10,7 +10,6 @@
 #include "core/zul/mapping/MappingRules.h"
 #include "core/zul/package/PackagePath.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <sys/stat.h>
@@ -21,14 +20,6 @@ namespace {
 
 using Common::Error;
 using Common::ErrorCode;
-
-/// Where the system sees a file of a package; empty when no rule maps it.
-std::string placeOf(const std::string& inPackage, const std::vector<MappingRule>& rules) {
-    const auto rule = std::find_if(rules.begin(), rules.end(), [&](const MappingRule& each) {
-        return inPackage.starts_with(each.source + "/");
-    });
-    return rule == rules.end() ? std::string() : rule->target + inPackage.substr(rule->source.size() + 1);
-}
 
 /// Whether something is at the place that a mapping never replaces.
 bool isTaken(SystemTree& tree, const std::string& place, const std::filesystem::path& packageDirectory) {
@@ -51,7 +42,7 @@ void listFiles(const std::filesystem::path& file, const InspectedSystem& system,
             continue;
         }
         const std::unique_ptr<char, decltype(&std::free)> name(rpmfilesFN(list.get(), index), std::free);
-        Inspection::File found{name.get(), placeOf(paths.toPackagePath(name.get()), rules)};
+        Inspection::File found{name.get(), placeOf(paths.toPackagePath(name.get()).native(), rules)};
         found.isPlaceTaken = !found.place.empty() &&
                              isTaken(tree, found.place, system.database.rootDirectory() / package.id());
         result.files.push_back(std::move(found));

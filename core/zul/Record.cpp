@@ -100,10 +100,10 @@ PackageData parseRecord(const std::string& text, const std::filesystem::path& fi
     return data;
 }
 
-PackageData readRecord(const std::filesystem::path& file) {
+PackageData readRecord(const std::filesystem::path& file, const Common::FileReader& read) {
     std::optional<std::string> text;
     try {
-        text = Common::readRegularFile(file, sizeLimit);
+        text = read(file, sizeLimit);
     } catch (const Error& error) {
         // A file that could not be read this time says nothing about the package.
         if (error.code() != ErrorCode::FileNotFound) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/Files.h"
 #include "core/zul/PackageIdentity.h"
 
 #include <filesystem>
@@ -24,7 +25,9 @@ void writeRecord(const PackageIdentity& package, const PackageData& entries,
 /// Reads a record and checks that it has "general.id", "general.version", "certificate.subgroup" and
 /// "certificate.id". Throws Error, code CorruptedInstalledPackage, when it is absent, is not a regular file
 /// of at most 1 MiB, is not an INI file or lacks one of these keys. Any thread.
-[[nodiscard]] PackageData readRecord(const std::filesystem::path& file);
+/// @param read  reads the file
+[[nodiscard]] PackageData readRecord(const std::filesystem::path& file,
+                                     const Common::FileReader& read = Common::readRegularFile);
 
 /// The reading of a record's text, as readRecord() does it; the file's name goes into messages.
 [[nodiscard]] PackageData parseRecord(const std::string& text, const std::filesystem::path& file);

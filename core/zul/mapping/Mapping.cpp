@@ -95,7 +95,7 @@ std::optional<struct stat> Mapping::status() const {
     if (parent >= 0 && fstatat(parent, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
         return status;
     }
-    if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP && errno != ENAMETOOLONG) {
+    if (!Common::meansAbsence(errno)) {
         throw filesystemError("couldn't look at " + target_.native());
     }
     return std::nullopt;

@@ -15,9 +15,10 @@ using Common::ErrorCode;
 
 constexpr std::size_t sizeLimit = 256UL * 1024UL * 1024UL;
 
-std::optional<std::string> readText(const std::filesystem::path& versionDirectory) {
+std::optional<std::string> readText(const std::filesystem::path& versionDirectory,
+                                    const Common::FileReader& read = Common::readRegularFile) {
     try {
-        return Common::readRegularFile(versionDirectory / mappingListName, sizeLimit);
+        return read(versionDirectory / mappingListName, sizeLimit);
     } catch (const Error& error) {
         if (error.code() != ErrorCode::FileNotFound) {
             throw;
@@ -28,8 +29,9 @@ std::optional<std::string> readText(const std::filesystem::path& versionDirector
 
 } // namespace
 
-std::optional<MappingList> readMappingList(const std::filesystem::path& versionDirectory) {
-    const auto text = readText(versionDirectory);
+std::optional<MappingList> readMappingList(const std::filesystem::path& versionDirectory,
+                                           const Common::FileReader& read) {
+    const auto text = readText(versionDirectory, read);
     if (!text) {
         return std::nullopt;
     }

@@ -18,7 +18,10 @@ inline const std::string mappingListName = "symlink.list";
 
 /// Reads a version's list; nothing when it has none, which is a regular file of at most 256 MiB. Throws
 /// Error, code Filesystem, when it cannot be read this time. Any thread.
-[[nodiscard]] std::optional<MappingList> readMappingList(const std::filesystem::path& versionDirectory);
+/// @param read  reads the file
+[[nodiscard]] std::optional<MappingList>
+readMappingList(const std::filesystem::path& versionDirectory,
+                const Common::FileReader& read = Common::readRegularFile);
 
 /// Replaces a version's list in one step, unless it says the same already. Throws Error, code Filesystem. Any
 /// thread.

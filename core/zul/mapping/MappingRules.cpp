@@ -1,5 +1,7 @@
 #include "core/zul/mapping/MappingRules.h"
 
+#include <algorithm>
+
 namespace Core::ZUL {
 
 std::vector<MappingRule> mappingRules(const PackageIdentity& package) {
@@ -31,6 +33,13 @@ std::vector<MappingRule> mappingRules(const PackageIdentity& package) {
             {"/usr/share/common/" + *package.orgName() + "/" + *package.appName() + "/", "common", Link});
     }
     return rules;
+}
+
+std::string placeOf(const std::string& file, const std::vector<MappingRule>& rules) {
+    const auto rule = std::find_if(rules.begin(), rules.end(), [&](const MappingRule& each) {
+        return file.starts_with(each.source + "/");
+    });
+    return rule == rules.end() ? std::string() : rule->target + file.substr(rule->source.size() + 1);
 }
 
 } // namespace Core::ZUL

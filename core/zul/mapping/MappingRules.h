@@ -19,4 +19,8 @@ struct MappingRule {
 /// The rules for a package, in the order in which they are tried. Any thread.
 [[nodiscard]] std::vector<MappingRule> mappingRules(const PackageIdentity& package);
 
+/// Where the system sees a file of a package; empty when no rule maps it. Any thread.
+/// @param file  relative to the version directory
+[[nodiscard]] std::string placeOf(const std::string& file, const std::vector<MappingRule>& rules);
+
 } // namespace Core::ZUL
