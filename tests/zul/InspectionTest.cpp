@@ -1,11 +1,15 @@
 #include "core/zul/Inspection.h"
 
-#include "core/zul/Database.h"
+#include "core/zul/DatabaseInspection.h"
+#include "tests/zul/DatabaseTest.h"
 #include "tests/zul/SignedPackage.h"
+
+#include <functional>
 
 namespace Testbed {
 
 using Core::ZUL::inspect;
+using Core::ZUL::InspectedDatabase;
 
 class AnInspection : public SignedPackage {
 protected:
@@ -63,6 +67,169 @@ TEST_F(AnInspection, RefusesWhatAnInstallationRefuses) {
     const auto unsignedPackage = buildPackage(scratch.path(), {.version = "4.0"});
     EXPECT_EQ(codeFor(unsignedPackage), ErrorCode::BadPackageSignature);
     EXPECT_EQ(codeFor(scratch.path() / "absent"), ErrorCode::FileNotFound);
+}
+
+struct InspectedOnDisk : DatabaseOnDisk {
+    InspectedOnDisk() {
+        install(app, {{"bin/tool", "#!"}, {"data/a/b.txt", "text"}, {"opt/own", "1"}});
+        install({"com.example.vpn", "1"}, {{"bin/vpn", "123"}, {"connman/plugin/vpn.so", "45"}});
+    }
+
+    void startManager() {
+        static_cast<void>(database.recoverDatabase());
+        for (const auto& [directory, data] : database.packages()) {
+            database.refreshMappings(data.at("general.id"));
+        }
+    }
+
+    const PackageIdentity app{"com.example.app", "1-1"};
+    const fs::path version = root / "com.example.app/1-1";
+    const InspectedDatabase inspected{.directory = root, .systemRoot = system};
+};
+
+TEST(Verification, FindsNothingInAHealthyDatabaseAndChangesNothing) {
+    InspectedOnDisk disk;
+    disk.prepare({"com.example.app", "2-1"}, {{"bin/tool", "12345"}});
+    const auto before = digestOfTree(disk.scratch.path());
+    const auto result = verify(disk.inspected);
+    EXPECT_TRUE(result.findings.empty()) << result.findings[0].path << ": " << result.findings[0].problem;
+    EXPECT_TRUE(result.unread.empty());
+    ASSERT_EQ(result.packages.size(), 2U);
+    EXPECT_EQ(result.packages[0].version + " " + result.packages[0].prepared, "1-1 2-1");
+
+    const auto files = filesOf("com.example.app", disk.inspected);
+    ASSERT_EQ(files.size(), 3U);
+    EXPECT_EQ(files[0].path + files[1].place + files[2].place,
+              (disk.version / "bin/tool").native() + "/usr/share/com.example.app/a/b.txt");
+    const auto ownerOfPath = [&](const std::string& path) {
+        const auto owner = ownerOf(path, disk.inspected);
+        return owner ? owner->package + " " + owner->version : "none";
+    };
+    fs::create_symlink("usr/bin", disk.system / "bin");
+    EXPECT_EQ(ownerOfPath("/bin/vpn"), "com.example.vpn 1");
+    EXPECT_EQ(ownerOfPath(disk.root / "com.example.app/next/bin/tool"), "com.example.app 2-1");
+    EXPECT_EQ(ownerOfPath(disk.root), "none");
+    EXPECT_ERROR(ownerOf("/usr/bin/absent", disk.inspected), FileNotFound, HasSubstr("/usr/bin/absent"));
+    const auto sizes = sizesOf(disk.inspected);
+    EXPECT_THAT((std::array{sizes[0].installed, sizes[0].others, sizes[0].copies}), ElementsAre(7, 5, 0));
+    EXPECT_EQ(sizes[1].copies, 5U);
+    EXPECT_ERROR(sizesOf(disk.inspected, "absent"), PackageNotExist, HasSubstr("absent"));
+    fs::remove(disk.system / "bin");
+    EXPECT_EQ(digestOfTree(disk.scratch.path()), before);
+}
+
+// What a finding says mends it does.
+TEST(Verification, FindsEachDamageAndWhatMendsIt) {
+    struct Damage {
+        const char* problem;
+        const char* mend;
+        std::function<void(InspectedOnDisk&)> make;
+    };
+    const auto replace = [](const fs::path& path, const fs::path& target) {
+        fs::remove_all(path);
+        fs::create_symlink(target, path);
+    };
+    const Damage damages[] = {
+        {"the mapping is missing", "start", [](auto& disk) { fs::remove(disk.system / "usr/bin/tool"); }},
+        {"the copy differs from", "start", [](auto& disk) { writeFile(disk.system / "usr/bin/vpn", "124"); }},
+        {"it stands for", "start",
+         [&](auto& disk) { replace(disk.system / "usr/bin/tool", disk.version / "opt/own"); }},
+        {"it is a link instead of a copy", "start",
+         [&](auto& disk) {
+             replace(disk.system / "usr/bin/vpn", disk.root / "com.example.vpn/current/bin/vpn");
+         }},
+        {"a file that is not a mapping has the mapping's place", "delete it and start",
+         [](auto& disk) {
+             fs::remove(disk.system / "usr/bin/tool");
+             writeFile(disk.system / "usr/bin/tool", "another's");
+         }},
+        {"a link to /usr/lib/tool has", "delete it and start",
+         [&](auto& disk) { replace(disk.system / "usr/bin/tool", "/usr/lib/tool"); }},
+        {"the mapping list is missing", "start",
+         [](auto& disk) { fs::remove(disk.version / "symlink.list"); }},
+        {"the mapping list lacks /usr/bin/tool", "start",
+         [](auto& disk) {
+             writeFile(disk.version / "symlink.list", "/usr/share/com.example.app/a/b.txt\n");
+         }},
+        {"the package has no file for this mapping: bin/tool", "install com.example.app again",
+         [](auto& disk) { fs::remove(disk.version / "bin/tool"); }},
+        {"the record is damaged: quenra.pkg doesn't exist", "install com.example.app again",
+         [](auto& disk) { fs::remove(disk.version / "quenra.pkg"); }},
+        {"it leads to /elsewhere, which is not a version", "install com.example.app again",
+         [&](auto& disk) { replace(disk.root / "com.example.app/current", "/elsewhere"); }},
+        {"the link to the installed version is missing", "start the package manager: recovery completes",
+         [](auto& disk) {
+             disk.prepare({"com.example.app", "2-1"});
+             fs::remove(disk.root / "com.example.app/current");
+         }},
+        {"it does not lead to a prepared version", "start",
+         [&](auto& disk) { replace(disk.root / "com.example.app/next", "/elsewhere"); }},
+        {"it is neither installed nor prepared", "start",
+         [](auto& disk) { fs::create_directory(disk.root / "com.example.app/0-1"); }},
+        {"it is not a package's directory", "start", [](auto& disk) { writeFile(disk.root / "stray", ""); }},
+        {"it is a mapping of a package that is not installed", "delete it",
+         [&](auto& disk) { replace(disk.system / "usr/share/x", disk.root / "gone/current/data/x"); }},
+        {"it is a mapping of the package, which does not list it", "delete it",
+         [&](auto& disk) { replace(disk.system / "usr/bin/x", disk.version / "bin/tool"); }},
+    };
+    for (const auto& damage : damages) {
+        SCOPED_TRACE(damage.problem);
+        const LogCapture log;
+        InspectedOnDisk disk;
+        damage.make(disk);
+        const auto result = verify(disk.inspected);
+        EXPECT_TRUE(result.unread.empty());
+        ASSERT_EQ(result.findings.size(), 1U);
+        const auto& found = result.findings[0];
+        EXPECT_THAT(found.problem, testing::StartsWith(damage.problem));
+        EXPECT_THAT(found.mend, testing::StartsWith(damage.mend));
+        if (found.mend.starts_with("delete it")) {
+            fs::remove(disk.system / fs::path(found.path).relative_path());
+        }
+        disk.startManager();
+        EXPECT_TRUE(verify(disk.inspected).findings.empty());
+    }
+}
+
+TEST(Verification, TakesWhatItCannotReadForAnErrorAndNotForDamage) {
+    for (const char* name :
+         {"com.example.app", "com.example.app/1-1/bin", "com.example.app/1-1/quenra.pkg"}) {
+        const InspectedOnDisk disk;
+        fs::permissions(disk.root / name, fs::perms::none);
+        const HeedingModes heeding;
+        const auto result = verify(disk.inspected);
+        EXPECT_TRUE(result.findings.empty()) << name << ": " << result.findings[0].problem;
+        ASSERT_FALSE(result.unread.empty()) << name;
+        EXPECT_EQ(result.unread[0].package, "com.example.app");
+        EXPECT_THAT(result.unread[0].message, HasSubstr("Permission denied"));
+        EXPECT_TRUE(verify(disk.inspected, "com.example.vpn").unread.empty());
+    }
+}
+
+TEST(Verification, FindsSecurityAttributesThatAreGone) {
+    const InspectedOnDisk disk;
+    const auto set = [](const fs::path& file, const char* name, const std::string& value) {
+        return setxattr(file.c_str(), name, value.data(), value.size(), 0) == 0;
+    };
+    const auto vpn = disk.root / "com.example.vpn/1";
+    for (const char* name : {"bin/vpn", "connman/plugin/vpn.so"}) {
+        fs::permissions(vpn / name, fs::perms::all);
+        if (!set(vpn / name, "security.appid", "com.example.vpn")) {
+            GTEST_SKIP() << "only root may set attributes in the namespace \"security\"";
+        }
+    }
+    Database(disk.root, disk.temp, disk.system).refreshMappings("com.example.vpn");
+    EXPECT_TRUE(verify(disk.inspected).findings.empty());
+    removexattr((disk.system / "usr/bin/vpn").c_str(), "security.appid");
+    removexattr((vpn / "connman/plugin/vpn.so").c_str(), "security.appid");
+    const auto result = verify(disk.inspected);
+    ASSERT_EQ(result.findings.size(), 2U);
+    EXPECT_THAT(result.findings[0].problem,
+                testing::StartsWith("the copy lacks the attribute security.appid"));
+    EXPECT_EQ(result.findings[1].path, vpn / "connman/plugin/vpn.so");
+    removexattr((vpn / "bin/vpn").c_str(), "security.appid");
+    EXPECT_EQ(verify(disk.inspected).findings[0].problem, "no file has the attribute security.appid");
+    EXPECT_TRUE(verify(disk.inspected, {}, Core::ZUL::SecurityAttributes::Ignored).findings.empty());
 }
 
 } // namespace Testbed

@@ -1,0 +1,142 @@
+#include "core/zul/DatabaseInspection.h"
+
+#include "common/Error.h"
+#include "core/zul/DatabaseLocation.h"
+#include "core/zul/DatabaseView.h"
+#include "core/zul/Edge.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <set>
+#include <sstream>
+
+namespace Core::ZUL {
+
+namespace fs = std::filesystem;
+using Common::Error;
+using Common::ErrorCode;
+
+namespace {
+
+std::uint64_t sizeOf(const std::vector<InstalledPackage::File>& files) {
+    std::uint64_t size = 0;
+    std::set<ino_t> counted;
+    for (const auto& [relative, status] : files) {
+        if (S_ISREG(status.st_mode) && counted.insert(status.st_ino).second) {
+            size += static_cast<std::uint64_t>(status.st_size);
+        }
+    }
+    return size;
+}
+
+std::uint64_t sizeOfCopies(DatabaseView& view, const InstalledPackage& package, const std::string& version) {
+    std::uint64_t size = 0;
+    const auto list = package.mappingList(version).value_or(MappingList());
+    for (const auto& place : std::set<std::string>(list.begin(), list.end())) {
+        if (!Mapping::isPlace(place)) {
+            continue;
+        }
+        const auto status = view.system().status(place, O_NOFOLLOW);
+        const auto mapping = view.mappingAt(place);
+        if (status && S_ISREG(status->st_mode) && mapping.isMapping() &&
+            view.packageOf(mapping.mappingTarget()) == package.id()) {
+            size += static_cast<std::uint64_t>(status->st_size);
+        }
+    }
+    return size;
+}
+
+InstalledSize sizeOf(DatabaseView& view, const InstalledPackage& package) {
+    InstalledSize size{package.id(), package.versionOf("current")};
+    for (const auto& version : package.versions()) {
+        (version == size.version ? size.installed : size.others) += sizeOf(package.files(version));
+    }
+    if (!size.version.empty()) {
+        size.copies = sizeOfCopies(view, package, size.version);
+    }
+    return size;
+}
+
+} // namespace
+
+InspectedDatabase InspectedDatabase::ofImage(const fs::path& image) try {
+    constexpr std::size_t sizeLimit = 1024UL * 1024UL;
+    const auto text = ReadTree(image).readFile(DatabaseLocation::configurationFile, sizeLimit);
+    std::istringstream configuration(text.value_or(""));
+    if (!text) {
+        configuration.setstate(std::ios::failbit);
+    }
+    const DatabaseLocation location(configuration,
+                                    image / fs::path(DatabaseLocation::configurationFile).relative_path());
+    return {location.rootDirectory(), image, image};
+} catch (...) {
+    throwAsError();
+}
+
+std::vector<InstalledFile> filesOf(const std::string& packageId, const InspectedDatabase& database) try {
+    const DatabaseView view(database);
+    const InstalledPackage package(view, packageId);
+    package.requireExists();
+    const auto version = package.versionOf("current");
+    if (version.empty()) {
+        throw Error(ErrorCode::CorruptedInstalledPackage,
+                    "no version of the package is installed: " + package.id());
+    }
+    const auto files = package.files(version);
+    std::map<std::string, std::string> places;
+    for (const auto& [place, file] : package.plan(package.identity(version), files)) {
+        places.emplace(file, place);
+    }
+    std::vector<InstalledFile> result;
+    for (const auto& file : files) {
+        result.push_back({package.path() / version / file.relative, places[file.relative.native()]});
+    }
+    return result;
+} catch (...) {
+    throwAsError();
+}
+
+std::optional<Owner> ownerOf(const fs::path& path, const InspectedDatabase& database) try {
+    DatabaseView view(database);
+    auto file = path;
+    if (Mapping::isPlace(path) && view.mappingAt(path).exists()) {
+        if (const auto mapping = view.mappingAt(path); mapping.isMapping()) {
+            file = mapping.mappingTarget();
+        }
+    } else if (!view.tree().status(path, O_NOFOLLOW)) {
+        throw Error(ErrorCode::FileNotFound, "there is nothing at " + path.native());
+    }
+    const auto id = view.packageOf(file);
+    if (id.empty() || !InstalledPackage(view, id).exists()) {
+        return std::nullopt;
+    }
+    const InstalledPackage package(view, id);
+    const auto inPackage = view.belowDirectory(file).lexically_relative(id);
+    const auto first = inPackage.begin()->native();
+    const auto version = package.versionOf(first);
+    const auto versions = package.versions();
+    const bool isVersion = std::find(versions.begin(), versions.end(), first) != versions.end();
+    return Owner{id, isVersion ? first : version, file};
+} catch (...) {
+    throwAsError();
+}
+
+std::vector<InstalledSize> sizesOf(const InspectedDatabase& database,
+                                   const std::optional<std::string>& packageId) try {
+    DatabaseView view(database);
+    std::vector<InstalledSize> sizes;
+    if (packageId) {
+        const InstalledPackage package(view, *packageId);
+        package.requireExists();
+        sizes.push_back(sizeOf(view, package));
+        return sizes;
+    }
+    for (const auto& name : view.packages()) {
+        sizes.push_back(sizeOf(view, InstalledPackage(view, name)));
+    }
+    return sizes;
+} catch (...) {
+    throwAsError();
+}
+
+} // namespace Core::ZUL

@@ -1,0 +1,361 @@
+#include "common/Error.h"
+#include "common/Names.h"
+#include "common/PackageId.h"
+#include "core/zul/DatabaseInspection.h"
+#include "core/zul/DatabaseView.h"
+#include "core/zul/Edge.h"
+#include "core/zul/Record.h"
+#include "core/zul/mapping/FileCopy.h"
+#include "core/zul/mapping/MappingRules.h"
+#include "core/zul/package/PackagePath.h"
+
+#include <fcntl.h>
+#include <set>
+
+namespace Core::ZUL {
+
+namespace fs = std::filesystem;
+using Common::Error;
+using Common::ErrorCode;
+
+namespace {
+
+const std::string startManager = "start the package manager: ";
+const char* const integrityAttribute = "security.ima";
+const char* const identityAttribute = "security.appid";
+
+/// The system directories in which mappings can be, for any package.
+std::set<std::string> mappedDirectories() {
+    const std::string any = "*";
+    std::set<std::string> directories;
+    for (const auto& rule : mappingRules(PackageIdentity(any, any, any, any))) {
+        directories.insert(rule.target.substr(0, rule.target.find(any)));
+    }
+    // Each walk includes what is below.
+    for (auto outer = directories.begin(); outer != directories.end(); ++outer) {
+        for (auto inner = std::next(outer); inner != directories.end() && inner->starts_with(*outer);) {
+            inner = directories.erase(inner);
+        }
+    }
+    return directories;
+}
+
+class Verifier {
+public:
+    Verifier(const InspectedDatabase& database, SecurityAttributes attributes)
+        : view_(database)
+        , attributes_(attributes) {}
+
+    Verification verify(const std::optional<std::string>& only);
+
+private:
+    /// What a version has in the system directories.
+    struct Mapped {
+        const InstalledPackage& package;
+        std::string version;
+        MappingKind kind;
+    };
+
+    void verifyEntry(const std::string& name);
+    void verifyPackage(const InstalledPackage& package);
+    bool verifyUpgrade(const InstalledPackage& package, const Verification::Package& state);
+    bool verifyRecord(const InstalledPackage& package, const std::string& version, const std::string& mend);
+    void verifyMappings(const InstalledPackage& package, const std::string& version);
+    void verifyPlace(const Mapped& mapped, const std::string& place, const fs::path& file);
+    void verifyCopy(const Mapped& mapped, const std::string& place, const fs::path& file);
+    void verifyAttributes(const InstalledPackage& package, const std::string& version,
+                          const std::vector<InstalledPackage::File>& files);
+    void findLeftovers(const std::optional<std::string>& only);
+
+    void report(const std::string& id, const fs::path& path, const std::string& problem,
+                const std::string& mend) {
+        result_.findings.push_back({id, path, problem, mend});
+    }
+    template<typename Action>
+    void attempt(const std::string& id, const Action& action) {
+        try {
+            action();
+        } catch (const Error& error) {
+            result_.unread.push_back({id, error.what()});
+            unknown_.insert(id);
+        }
+    }
+
+    DatabaseView view_;
+    SecurityAttributes attributes_;
+    Verification result_;
+    std::map<std::string, std::set<std::string>> places_; ///< of each package, known from lists and rules
+    std::set<std::string> unknown_;                       ///< packages that could not be read
+};
+
+Verification Verifier::verify(const std::optional<std::string>& only) {
+    if (only) {
+        const InstalledPackage package(view_, *only);
+        package.requireExists();
+        verifyEntry(package.id());
+        findLeftovers(package.id());
+    } else {
+        for (const auto& name : view_.tree().namesIn(view_.directory())) {
+            verifyEntry(name);
+        }
+        findLeftovers({});
+    }
+    return std::move(result_);
+}
+
+void Verifier::verifyEntry(const std::string& name) {
+    const auto path = view_.directory() / name;
+    attempt(name, [&] {
+        const auto status = view_.tree().status(path);
+        if (!status || !S_ISDIR(status->st_mode)) {
+            report("", path, "it is not a package's directory", startManager + "it deletes it");
+        } else if (!Common::isPackageId(name)) {
+            report("", path, "its name is not an identifier", "delete it");
+        } else if (view_.tree().linkTarget(path)) {
+            report(name, path,
+                   "the package's directory is a link, behind which the package manager works no more",
+                   "delete the link and install " + name + " again");
+        } else {
+            verifyPackage(InstalledPackage(view_, name));
+        }
+    });
+}
+
+void Verifier::verifyPackage(const InstalledPackage& package) {
+    const auto& id = package.id();
+    // First: they say which mappings are known, also of a damaged package.
+    for (const auto& version : package.versions()) {
+        const auto list = package.mappingList(version).value_or(MappingList());
+        places_[id].insert(list.begin(), list.end());
+    }
+    Verification::Package state{id, package.versionOf("current"), package.versionOf("next")};
+    const bool isCompletable = verifyUpgrade(package, state);
+    const auto mend = isCompletable ? startManager + "recovery completes the upgrade"
+                                    : "install " + id + " again; the package manager deletes what is damaged";
+    if (state.version.empty()) {
+        const auto target = view_.tree().linkTarget(package.path() / "current");
+        report(id, package.path() / "current",
+               target ? "it leads to " + target->native() + ", which is not a version of the package"
+                      : "the link to the installed version is missing",
+               mend);
+    } else if (verifyRecord(package, state.version, mend)) {
+        verifyMappings(package, state.version);
+    }
+    result_.packages.push_back(std::move(state));
+}
+
+/// Looks at everything but the installed version.
+/// @return whether there is an upgrade that recovery would complete
+bool Verifier::verifyUpgrade(const InstalledPackage& package, const Verification::Package& state) {
+    const auto discarded = startManager + "recovery discards the upgrade";
+    for (const auto& name : view_.tree().namesIn(package.path())) {
+        const auto path = package.path() / name;
+        if (name == "next" && state.prepared.empty()) {
+            report(package.id(), path, "it does not lead to a prepared version", discarded);
+        } else if (!state.version.empty() && name != "next" && name != "current" && name != state.version &&
+                   name != state.prepared) {
+            report(package.id(), path, "it is neither installed nor prepared",
+                   startManager + "recovery deletes it");
+        }
+    }
+    return !state.prepared.empty() && verifyRecord(package, state.prepared, discarded);
+}
+
+/// @return whether there is a record to work with
+bool Verifier::verifyRecord(const InstalledPackage& package, const std::string& version,
+                            const std::string& mend) {
+    namespace Keys = Common::Names::PackageKeys;
+    const auto path = package.path() / version / recordName;
+    bool isUsable = false;
+    attempt(package.id(), [&] {
+        try {
+            const auto record = package.record(version);
+            for (const auto& [key, expected] :
+                 {std::pair(Keys::id, package.id()), std::pair(Keys::version, version)}) {
+                if (record.at(key) != expected) {
+                    report(package.id(), path,
+                           "the record has the " + key + " " + record.at(key) + " instead of " + expected,
+                           mend);
+                }
+            }
+            static_cast<void>(package.identity(version));
+            isUsable = true;
+        } catch (const Error& error) {
+            if (error.code() == ErrorCode::Filesystem) {
+                throw;
+            }
+            report(package.id(), path, "the record is damaged: " + std::string(error.what()), mend);
+        }
+    });
+    return isUsable;
+}
+
+void Verifier::verifyMappings(const InstalledPackage& package, const std::string& version) {
+    const auto identity = package.identity(version);
+    const auto files = package.files(version);
+    const auto plan = package.plan(identity, files);
+    const auto list = package.mappingList(version);
+    const auto listPath = package.path() / version / mappingListName;
+    const auto anew = startManager + "recovery makes it anew";
+    if (!list) {
+        report(package.id(), listPath, "the mapping list is missing", anew);
+    }
+    std::map<std::string, std::string> all = plan;
+    const PackagePath paths(identity);
+    std::set<std::string> listed;
+    for (const auto& place : list.value_or(MappingList())) {
+        listed.insert(place);
+        if (Mapping::isPlace(place)) {
+            all.emplace(place, paths.toPackagePath(place));
+        } else {
+            report(package.id(), listPath, "the mapping list has a line that is not a place: " + place, anew);
+        }
+    }
+    const Mapped mapped{package, version, package.kindOf(identity)};
+    for (const auto& [place, file] : all) {
+        places_[package.id()].insert(place);
+        if (list && !listed.contains(place)) {
+            report(package.id(), listPath, "the mapping list lacks " + place, anew);
+        }
+        attempt(package.id(), [&] { verifyPlace(mapped, place, file); });
+    }
+    if (attributes_ == SecurityAttributes::Expected) {
+        verifyAttributes(package, version, files);
+    }
+}
+
+void Verifier::verifyPlace(const Mapped& mapped, const std::string& place, const fs::path& file) {
+    const auto& id = mapped.package.id();
+    const auto& tree = view_.tree();
+    const auto mapping = view_.mappingAt(place);
+    const auto expected = mapped.package.path() / "current" / file;
+    const bool isPresent = mapping.exists();
+    const auto target = isPresent && mapping.isMapping() ? mapping.mappingTarget() : fs::path();
+    const auto holder = view_.packageOf(target);
+    if (!tree.status(mapped.package.path() / mapped.version / file, O_NOFOLLOW)) {
+        // A list may name more than there is, as after a removal that failed.
+        if (holder == id) {
+            report(id, place, "the package has no file for this mapping: " + file.native(),
+                   "install " + id + " again; starting the package manager removes the mapping only");
+        }
+        return;
+    }
+    const bool isLink = view_.system().linkTarget(place).has_value();
+    if (!isPresent) {
+        report(id, place, "the mapping is missing", startManager + "recovery makes it anew");
+    } else if (target.empty() || (holder.empty() && isLink)) {
+        report(id, place,
+               target.empty() ? "a file that is not a mapping has the mapping's place"
+                              : "a link to " + target.native() + " has the mapping's place",
+               "delete it and start the package manager: recovery makes the mapping anew");
+    } else if (holder != id) {
+        report(id, place, "a mapping of " + target.native() + " has the mapping's place",
+               "install " + id + " again: it takes the place");
+    } else if (isLink != (mapped.kind == MappingKind::Link)) {
+        report(id, place, isLink ? "it is a link instead of a copy" : "it is a copy instead of a link",
+               startManager + "recovery makes it anew");
+    } else if (target != expected && !(isLink && tree.isSameFile(target, expected))) {
+        report(id, place, "it stands for " + target.native() + " instead of " + expected.native(),
+               startManager + "recovery makes it anew");
+    } else if (!isLink) {
+        verifyCopy(mapped, place, file);
+    }
+}
+
+void Verifier::verifyCopy(const Mapped& mapped, const std::string& place, const fs::path& file) {
+    const auto& id = mapped.package.id();
+    const auto original = mapped.package.path() / mapped.version / file;
+    const auto status = view_.tree().status(original);
+    const auto copy = view_.system().status(place, O_NOFOLLOW);
+    if (!status || !copy || !isCopyOf(*copy, *status)) {
+        report(id, place, "the copy differs from " + original.native() + " in size, owner, mode or time",
+               startManager + "recovery makes it anew");
+        return;
+    }
+    const auto attributes = view_.system().securityAttributes(place);
+    for (const auto& [name, value] : view_.tree().securityAttributes(original)) {
+        const auto found = attributes.find(name);
+        // The system itself sets others anew on each file, as labels.
+        const bool isSignature = name == integrityAttribute || name == identityAttribute;
+        if (found == attributes.end() || (isSignature && found->second != value)) {
+            report(id, place,
+                   "the copy " + std::string(found == attributes.end() ? "lacks" : "has another value of") +
+                       " the attribute " + name + " of " + original.native(),
+                   "delete it and start the package manager: recovery makes the copy anew");
+        }
+    }
+}
+
+/// Extraction gives the attributes to every executable file. Which of the others have them is not recorded.
+void Verifier::verifyAttributes(const InstalledPackage& package, const std::string& version,
+                                const std::vector<InstalledPackage::File>& files) {
+    constexpr mode_t executable = 0111;
+    const auto mend = "install " + package.id() + " again with a package manager that may set it";
+    std::map<std::string, std::vector<fs::path>> lacking;
+    std::set<std::string> used;
+    for (const auto& [relative, status] : files) {
+        if (!S_ISREG(status.st_mode)) {
+            continue;
+        }
+        const auto path = package.path() / version / relative;
+        const auto attributes = view_.tree().securityAttributes(path);
+        for (const auto* name : {identityAttribute, integrityAttribute}) {
+            const auto found = attributes.find(name);
+            if (found != attributes.end()) {
+                used.insert(name);
+            } else if ((status.st_mode & executable) != 0) {
+                lacking[name].push_back(path);
+            }
+        }
+        const auto identity = attributes.find(identityAttribute);
+        if (identity != attributes.end() && identity->second != package.id()) {
+            report(package.id(), path,
+                   std::string("the attribute ") + identityAttribute + " names another package", mend);
+        }
+    }
+    for (const auto& [name, paths] : lacking) {
+        if (used.contains(name)) {
+            for (const auto& path : paths) {
+                report(package.id(), path, "the attribute " + name + " is missing", mend);
+            }
+        } else if (name == identityAttribute) {
+            // The signatures of files are the signer's choice, the identity is not.
+            report(package.id(), package.path() / version, "no file has the attribute " + name, mend);
+        }
+    }
+}
+
+/// Mappings that are on no list: nothing would remove them.
+void Verifier::findLeftovers(const std::optional<std::string>& only) {
+    const auto judge = [&](const fs::path& path, const struct stat& status) {
+        if (!Mapping::isPlace(path) || (!S_ISLNK(status.st_mode) && !S_ISREG(status.st_mode))) {
+            return;
+        }
+        const auto mapping = view_.mappingAt(path);
+        const auto id = mapping.isMapping() ? view_.packageOf(mapping.mappingTarget()) : std::string();
+        if (id.empty() || (only && id != *only) || unknown_.contains(id) || places_[id].contains(path)) {
+            return;
+        }
+        const bool isInstalled = view_.tree().status(view_.directory() / id).has_value();
+        report(id, path,
+               isInstalled ? "it is a mapping of the package, which does not list it"
+                           : "it is a mapping of a package that is not installed",
+               "delete it");
+    };
+    for (const auto& directory : mappedDirectories()) {
+        view_.system().walk(directory, judge, [this](const Error& error) {
+            result_.unread.push_back({"", error.what()});
+        });
+    }
+}
+
+} // namespace
+
+Verification verify(const InspectedDatabase& database, const std::optional<std::string>& packageId,
+                    SecurityAttributes attributes) try {
+    return Verifier(database, attributes).verify(packageId);
+} catch (...) {
+    throwAsError();
+}
+
+} // namespace Core::ZUL
