@@ -325,4 +325,53 @@ TEST_F(Vendaractl, RewritesALinePerOperationOnATerminal) {
                 HasSubstr("OPERATION  STATUS\r\nid of \u00e4\u00f6   install"));
 }
 
+TEST_F(Vendaractl, LooksIntoAnImageAndNeverOutOfIt) {
+    namespace fs = std::filesystem;
+    const auto image = scratch.path() / "image";
+    const auto install = [](const fs::path& root, const std::string& id) {
+        const auto version = root / "opt/app" / id / "1-1";
+        writeFile(version / "bin" / id, "12345");
+        writeFile(version / "quenra.pkg",
+                  "[general]\nid=" + id + "\nversion=1-1\n[certificate]\nid=a\nsubgroup=b\n");
+        writeFile(version / "symlink.list", "/usr/bin/" + id + "\n");
+        const auto inside = "/opt/app/" + id;
+        fs::create_symlink(inside + "/1-1", root / "opt/app" / id / "current");
+        fs::create_directories(root / "usr/bin");
+        fs::create_symlink(inside + "/current/bin/" + id, root / "usr/bin" / id);
+    };
+    install(image, "app");
+    const auto look = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.end(), {"--root", image});
+        return ctl(arguments);
+    };
+    const auto clean = look({"verify", "--json"});
+    EXPECT_EQ(clean.status, 0);
+    EXPECT_EQ(lastLine(clean.output), Json::parse(R"({"errors": [], "findings": [],
+        "packages": [{"package": "app", "version": "1-1", "prepared": null}]})"));
+    EXPECT_THAT(look({"files", "app"}).output, testing::EndsWith("/opt/app/app/1-1/bin/app\t/usr/bin/app\n"));
+    EXPECT_THAT(look({"owner", "/usr/bin/app"}).output,
+                testing::EndsWith("app\t1-1\t/opt/app/app/current/bin/app\n"));
+    EXPECT_EQ(lastLine(look({"size", "--json"}).output)["packages"][0]["total"], 5);
+    EXPECT_EQ(look({"files", "gone"}).status, 1);
+    EXPECT_EQ(look({"owner", "/usr"}).status, 1);
+    EXPECT_EQ(look({"owner", "usr"}).status, 2);
+    EXPECT_EQ(look({"verify", "--system-root", "/"}).status, 2);
+
+    // A package that is complete by links to what is outside.
+    const auto outside = scratch.path() / "outside";
+    install(outside, "evil");
+    fs::create_directories(image / "opt/app/evil");
+    fs::create_directory_symlink(outside / "opt/app/evil/1-1", image / "opt/app/evil/1-1");
+    fs::create_directory_symlink(outside / "opt/app/evil/1-1", image / "opt/app/evil/current");
+    fs::create_directory_symlink(outside / "usr/bin", image / "usr/share");
+    fs::create_directories(image / "etc/zul");
+    writeFile(outside / "zul.conf", "[database]\nroot_directory=/elsewhere\n");
+    fs::create_symlink(outside / "zul.conf", image / "etc/zul/zul.conf");
+    const auto damaged = look({"verify"});
+    EXPECT_EQ(damaged.status, 1);
+    EXPECT_THAT(damaged.output, AllOf(HasSubstr("evil/current: it leads to"), HasSubstr("evil again"),
+                                      testing::EndsWith("2 packages, 1 finding\n")));
+    EXPECT_EQ(look({"files", "evil"}).status, 1);
+}
+
 } // namespace

@@ -16,14 +16,16 @@ struct Request {
     Format format = Format::Words;
     bool isDetached = false; ///< does not wait for the end
     bool follow = false;
-    std::string authority;                                                      ///< of check
-    std::string configuration = Core::ZUL::DatabaseLocation::configurationFile; ///< of check
-    std::string systemRoot = "/";                                               ///< of check
-    std::vector<std::string> arguments; ///< absolute paths of existing files, or identifiers
+    bool withoutSecurityAttributes = false;
+    std::string authority; ///< of check
+    std::string configuration = Core::ZUL::DatabaseLocation::configurationFile;
+    std::string systemRoot = "/";
+    std::string image;                  ///< takes the place of the two; empty: none
+    std::vector<std::string> arguments; ///< absolute paths, of existing files but for owner, or identifiers
 };
 
 // Each command returns when it is done, `monitor` never. All throw what Vendara::Client throws, and
-// OutputLost. `check` asks no service.
+// OutputLost. `check` and those that look into the database ask no service.
 [[nodiscard]] ExitStatus check(const Request& request);
 [[nodiscard]] ExitStatus install(const Request& request);
 [[nodiscard]] ExitStatus remove(const Request& request);
@@ -34,5 +36,9 @@ struct Request {
 [[nodiscard]] ExitStatus start(const Request& request);
 [[nodiscard]] ExitStatus restart(const Request& request);
 [[nodiscard]] ExitStatus monitor(const Request& request);
+[[nodiscard]] ExitStatus files(const Request& request);
+[[nodiscard]] ExitStatus owner(const Request& request);
+[[nodiscard]] ExitStatus size(const Request& request);
+[[nodiscard]] ExitStatus verify(const Request& request);
 
 } // namespace Vendaractl

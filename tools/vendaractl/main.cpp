@@ -5,6 +5,7 @@
 #include "tools/vendaractl/Client.h"
 #include "tools/vendaractl/Commands.h"
 
+#include <array>
 #include <cerrno>
 #include <clocale>
 #include <csignal>
@@ -39,6 +40,13 @@ Problem problemOfFile(const std::string& path) {
                : "not valid UTF-8, or with a character that D-Bus does not allow";
 }
 
+Problem problemOfPlace(const std::string& path, bool isInImage) {
+    if (path.empty()) {
+        return "not a path";
+    }
+    return isInImage && !path.starts_with('/') ? Problem("not an absolute path") : Problem();
+}
+
 class Program {
 public:
     Program() {
@@ -61,12 +69,7 @@ public:
             ->add_option("--authority", request_.authority,
                          "Certificates of the authorities, PEM [those of the device]")
             ->check(CLI::ExistingFile);
-        inspection
-            ->add_option("--configuration", request_.configuration,
-                         "The database's configuration [/etc/zul/zul.conf]")
-            ->check(CLI::ExistingFile);
-        inspection->add_option("--system-root", request_.systemRoot, "Directory that stands for / [/]")
-            ->check(CLI::ExistingDirectory);
+        addDatabase(inspection);
         add("list", "List the installed packages", list);
         add("operations", "List the operations that this program requested", operations)
             ->add_flag("--follow", request_.follow, "Follow them until all have ended");
@@ -80,6 +83,7 @@ public:
             arguments(command, "ID", "Package identifier")->expected(1, 1);
         }
         add("monitor", "Show installations, upgrades and removals until interrupted", monitor);
+        addDatabaseCommands();
     }
 
     int run(int argc, const char* const* argv) {
@@ -96,12 +100,15 @@ public:
         }
         request_.format = isJson_ ? Format::Json : Format::Words;
         const bool takesFiles = command_ == install || command_ == check;
+        const bool takesPlace = command_ == owner;
         for (auto& argument : request_.arguments) {
-            if (const auto problem = takesFiles ? problemOfFile(argument) : problemOfId(argument)) {
+            if (const auto problem = takesFiles   ? problemOfFile(argument)
+                                     : takesPlace ? problemOfPlace(argument, !request_.image.empty())
+                                                  : problemOfId(argument)) {
                 printFailure(request_.format, argument, *problem);
                 return BadUsage;
             }
-            if (takesFiles) {
+            if (takesFiles || takesPlace) {
                 argument = std::filesystem::absolute(argument);
             }
         }
@@ -109,6 +116,40 @@ public:
     }
 
 private:
+    void addDatabaseCommands() {
+        auto* const listing = add("files", "List the files of an installed package", files);
+        arguments(listing, "ID", "Package identifier")->expected(1, 1);
+        auto* const search = add("owner", "Show the package that a file belongs to", owner);
+        arguments(search, "PATH", "File in a system directory or in the database")->expected(1, 1);
+        auto* const measurement = add("size", "Show the bytes that packages take", size);
+        auto* const verification =
+            add("verify", "Compare the database and the system directories, and change nothing", verify);
+        for (auto* const command : {measurement, verification}) {
+            arguments(command, "ID", "Package identifier; all packages without it")
+                ->required(false)
+                ->expected(1, 1);
+        }
+        verification->add_flag("--without-security-attributes", request_.withoutSecurityAttributes,
+                               "Do not expect what only root may attach to files");
+        for (auto* const command : {listing, search, measurement, verification}) {
+            auto* const image =
+                command->add_option("--root", request_.image, "Root directory of a system image to look into")
+                    ->check(CLI::ExistingDirectory);
+            for (auto* const option : addDatabase(command)) {
+                image->excludes(option);
+            }
+        }
+    }
+
+    std::array<CLI::Option*, 2> addDatabase(CLI::App* command) {
+        return {command
+                    ->add_option("--configuration", request_.configuration,
+                                 "The database's configuration [/etc/zul/zul.conf]")
+                    ->check(CLI::ExistingFile),
+                command->add_option("--system-root", request_.systemRoot, "Directory that stands for / [/]")
+                    ->check(CLI::ExistingDirectory)};
+    }
+
     using Command = ExitStatus (*)(const Request&);
 
     CLI::App* add(const std::string& name, const std::string& help, Command command) {
