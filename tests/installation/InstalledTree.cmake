@@ -98,6 +98,15 @@ foreach(header IN LISTS headers)
     run(${COMPILER} -std=c++20 -fsyntax-only -x c++ -I ${tree}/include/vendara ${header})
 endforeach()
 
+# expect(STATUS TEXT COMMAND...) runs a command in SCRATCH, which ends with the status and writes what matches the text.
+function(expect status text)
+    execute_process(COMMAND ${ARGN} WORKING_DIRECTORY ${SCRATCH}
+        RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+    if(NOT result EQUAL status OR NOT output MATCHES "${text}")
+        message(FATAL_ERROR "${ARGN}: ${result}, not ${status} and \"${text}\"\n${output}")
+    endif()
+endfunction()
+
 # A package manager outside this project, from the installed headers and libraries alone, installs a package.
 if(SANITIZE)
     set(flags -D CMAKE_CXX_FLAGS=-fsanitize=${SANITIZE})
@@ -109,13 +118,31 @@ run(${CMAKE_COMMAND} --build ${SCRATCH}/build)
 file(GLOB_RECURSE module ${tree}/vendara-zul.pc)
 cmake_path(GET module PARENT_PATH modules)
 set(ENV{PKG_CONFIG_PATH} ${modules})
-run(pkg-config --cflags --libs vendara-zul)
-separate_arguments(flags UNIX_COMMAND "${output}")
-if(SANITIZE)
-    list(APPEND flags -fsanitize=${SANITIZE})
-endif()
-run(${COMPILER} -std=c++20 ${EXAMPLE}/main.cpp -o ${SCRATCH}/package-manager ${flags} -Wl,-rpath,${modules}/..)
-run(${SCRATCH}/package-manager --help)
+function(build_with module source)
+    run(pkg-config --cflags --libs ${module})
+    separate_arguments(flags UNIX_COMMAND "${output}")
+    if(SANITIZE)
+        list(APPEND flags -fsanitize=${SANITIZE})
+    endif()
+    run(${COMPILER} -std=c++20 ${source} -o ${SCRATCH}/with-${module} ${flags} -Wl,-rpath,${modules}/..)
+endfunction()
+build_with(vendara-zul ${EXAMPLE}/main.cpp)
+run(${SCRATCH}/with-vendara-zul --help)
+
+# The README's client runs with what is installed alone.
+build_with(vendara-client ${CLIENT}.cpp)
+file(WRITE ${SCRATCH}/client/CMakeLists.txt "cmake_minimum_required(VERSION 3.25)
+    project(client LANGUAGES CXX)
+    find_package(vendara-client 1.0 REQUIRED)
+    add_executable(client ${CLIENT}.cpp)
+    target_link_libraries(client PRIVATE Vendara::client)")
+run(${CMAKE_COMMAND} -S ${SCRATCH}/client -B ${SCRATCH}/client -D CMAKE_PREFIX_PATH=${tree}
+    -D CMAKE_CXX_COMPILER=${COMPILER} ${flags})
+run(${CMAKE_COMMAND} --build ${SCRATCH}/client)
+set(ENV{DBUS_SESSION_BUS_ADDRESS} unix:path=${SCRATCH}/none)
+foreach(client ${SCRATCH}/with-vendara-client ${SCRATCH}/client/client)
+    expect(2 "there is no session bus" ${client} sample.rpm)
+endforeach()
 
 set(ENV{HOME} ${SCRATCH})
 set(system ${SCRATCH}/system)
@@ -126,15 +153,6 @@ foreach(version 1.0 2.0)
         --define "sample_version ${version}" ${CMAKE_CURRENT_LIST_DIR}/sample.spec)
     set(package-${version} ${SCRATCH}/rpm/RPMS/sample-${version}.rpm)
 endforeach()
-
-# expect(STATUS TEXT COMMAND...) runs a command in SCRATCH, which ends with the status and writes what matches the text.
-function(expect status text)
-    execute_process(COMMAND ${ARGN} WORKING_DIRECTORY ${SCRATCH}
-        RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
-    if(NOT result EQUAL status OR NOT output MATCHES "${text}")
-        message(FATAL_ERROR "${ARGN}: ${result}, not ${status} and \"${text}\"\n${output}")
-    endif()
-endfunction()
 
 # It touches no directory that it was not given, and none of somebody else's.
 file(WRITE ${SCRATCH}/foreign/apps/precious text)

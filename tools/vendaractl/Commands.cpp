@@ -57,10 +57,7 @@ std::string withoutQuotes(const std::string& text) {
     return quoted ? text.substr(1, text.size() - 2) : text;
 }
 
-Vendara::Properties readProperties() {
-    Vendara::Listener nothing;
-    return Client(nothing).properties();
-}
+Vendara::Properties readProperties() { return Client().properties(); }
 
 using Rows = std::vector<std::vector<std::string>>;
 
@@ -84,8 +81,7 @@ using Launch = void (Client::*)(const std::string&);
 ExitStatus launch(const Request& request, Launch call, const std::string& done) {
     const auto& packageId = request.arguments.front();
     try {
-        Vendara::Listener nothing;
-        Client client(nothing);
+        Client client;
         (client.*call)(packageId);
     } catch (const Vendara::CallRefused& error) {
         printFailure(request.format, packageId, error.what());

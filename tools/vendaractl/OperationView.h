@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/vendaractl/Client.h"
+#include "client/Client.h"
 #include "tools/vendaractl/Output.h"
 
 namespace Vendaractl {

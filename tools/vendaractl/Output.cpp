@@ -57,19 +57,18 @@ JsonValue toJson(const Vendara::Package::Value& value) {
 } // namespace
 
 std::string inWords(const Vendara::Operation& operation, std::size_t columns) {
-    const auto type = Vendara::nameOf(operation.type) + " ";
-    auto package = Common::printable(operation.packageId);
-    auto status = ": " + Vendara::nameOf(operation.status);
-    if (operation.status == Vendara::OperationStatus::Failed) {
-        status += ": " + Vendara::describe(operation.errorCode) + " (error " +
-                  std::to_string(static_cast<std::uint32_t>(operation.errorCode)) + ")";
+    const auto text = Vendara::describe(operation);
+    const auto width = widthOf(text).columns;
+    if (width <= columns) {
+        return text;
     }
     const std::string omission = "...";
-    const auto others = widthOf(type + status).columns;
-    if (others + widthOf(package).columns > columns) {
-        package = fitted(package, columns - std::min(columns, others + omission.size())) + omission;
-    }
-    return fitted(type + package + status, columns);
+    const auto package = Common::printable(operation.packageId);
+    const auto begin = Vendara::nameOf(operation.type).size() + 1;
+    const auto others = width - widthOf(package).columns + omission.size();
+    return fitted(text.substr(0, begin) + fitted(package, columns - std::min(columns, others)) + omission +
+                      text.substr(begin + package.size()),
+                  columns);
 }
 
 JsonValue toJson(const Vendara::Operation& operation) {

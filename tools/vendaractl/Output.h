@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/vendaractl/Records.h"
+#include "client/Records.h"
 
 #include <nlohmann/json.hpp>
 

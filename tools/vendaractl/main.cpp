@@ -1,8 +1,8 @@
+#include "client/Client.h"
 #include "common/BusText.h"
 #include "common/Error.h"
 #include "common/PackageId.h"
 #include "tools/CommandLine.h"
-#include "tools/vendaractl/Client.h"
 #include "tools/vendaractl/Commands.h"
 
 #include <array>

@@ -1,4 +1,6 @@
-#include "tools/vendaractl/Records.h"
+#include "client/Records.h"
+
+#include "common/PrintableText.h"
 
 #include <map>
 
@@ -38,6 +40,16 @@ std::string describe(Common::ErrorCode code) {
     };
     const auto phrase = phrases.find(code);
     return phrase == phrases.end() ? "an unknown error" : phrase->second;
+}
+
+std::string describe(const Operation& operation) {
+    auto text = nameOf(operation.type) + " " + Common::printable(operation.packageId) + ": " +
+                nameOf(operation.status);
+    if (operation.status == OperationStatus::Failed) {
+        text += ": " + describe(operation.errorCode) + " (error " +
+                std::to_string(static_cast<std::uint32_t>(operation.errorCode)) + ")";
+    }
+    return text;
 }
 
 std::string nameOf(OperationType type) {

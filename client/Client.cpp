@@ -1,5 +1,6 @@
-#include "tools/vendaractl/Client.h"
+#include "client/Client.h"
 
+#include "common/BusText.h"
 #include "common/Names.h"
 #include "common/bus/RemoteObject.h"
 #include "common/bus/SignalSource.h"
@@ -10,6 +11,7 @@
 #include <asio/redirect_error.hpp>
 #include <asio/use_awaitable.hpp>
 #include <csignal>
+#include <filesystem>
 #include <set>
 #include <utility>
 
@@ -58,6 +60,26 @@ Properties propertiesFrom(const PropertyMap& map) {
     }
 }
 
+// For a program that has no listener.
+class StatusListener final : public Listener {
+public:
+    explicit StatusListener(std::function<void(const Operation&)> changed)
+        : changed_(std::move(changed)) {}
+    void changed(const Operation& operation) override {
+        if (changed_) {
+            changed_(operation);
+        }
+    }
+    void lost(const Operation& operation) override {
+        throw ServiceAbsent(operation.packageId +
+                            ": the service no longer knows the operation; its result is unknown");
+    }
+    void earlier(const Operation& operation) override { changed(operation); }
+
+private:
+    std::function<void(const Operation&)> changed_;
+};
+
 bool isIgnored(int signal) {
     struct sigaction action {};
     return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
@@ -100,9 +122,17 @@ public:
         return run(service_.call<Results...>(method, callLimit, arguments...));
     }
 
+    template<typename... Results>
+    std::tuple<Results...> request(const std::string& method, const std::string& argument) {
+        if (!Common::isBusText(argument)) {
+            throw CallRefused("not valid UTF-8, or with a character that D-Bus does not allow");
+        }
+        return call<Results...>(method, argument);
+    }
+
     // The first status arrives before the reply.
     Operation begin(const std::string& method, const std::string& argument) {
-        auto operation = std::get<0>(call<Operation>(method, argument));
+        auto operation = std::get<0>(request<Operation>(method, argument));
         update(operation);
         return operation;
     }
@@ -419,20 +449,31 @@ private:
     bool hasFailed_ = false;
 };
 
-Client::Client(Listener& listener, const std::vector<int>& signals) {
+std::unique_ptr<Client::Session> Client::connect(Listener& listener, const std::vector<int>& signals) {
     try {
-        session_ = std::make_unique<Session>(listener, signals);
+        return std::make_unique<Session>(listener, signals);
     } catch (const sdbus::Error& error) {
         throw ServiceAbsent("there is no session bus: " + error.getMessage());
     }
 }
 
+Client::Client(Listener& listener, const std::vector<int>& signals)
+    : session_(connect(listener, signals)) {}
+
+Client::Client(std::function<void(const Operation&)> changed)
+    : listener_(std::make_unique<StatusListener>(std::move(changed)))
+    , session_(connect(*listener_, {})) {}
+
 Client::~Client() = default;
 
-Operation Client::install(const std::string& path) { return session_->begin(Own::install, path); }
+Operation Client::install(const std::string& path) {
+    std::error_code error;
+    const auto absolute = std::filesystem::absolute(path, error);
+    return session_->begin(Own::install, error ? path : absolute.native());
+}
 Operation Client::remove(const std::string& packageId) { return session_->begin(Own::remove, packageId); }
-void Client::start(const std::string& packageId) { session_->call<>(Own::start, packageId); }
-void Client::restart(const std::string& packageId) { session_->call<>(Own::restart, packageId); }
+void Client::start(const std::string& packageId) { session_->request<>(Own::start, packageId); }
+void Client::restart(const std::string& packageId) { session_->request<>(Own::restart, packageId); }
 Properties Client::properties() { return session_->properties(); }
 void Client::attach(const Operation& operation) { session_->attach(operation); }
 std::vector<Operation> Client::pending() const { return session_->pending(); }

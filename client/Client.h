@@ -1,8 +1,9 @@
 #pragma once
 
-#include "tools/vendaractl/Records.h"
+#include "client/Records.h"
 
 #include <exception>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -10,12 +11,14 @@
 
 namespace Vendara {
 
-/// There is no session bus, or the service is not running and cannot be started, or it left the bus.
+/// There is no session bus, or the service is not running and cannot be started, or it left the bus or lost
+/// an operation, whose result is then unknown.
 class ServiceAbsent : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// The service refused a call, or its reply is not of its interface.
+/// The service refused a call: its sentence. Or its reply is not of its interface, or an argument is not
+/// valid UTF-8.
 class CallRefused : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -69,16 +72,22 @@ public:
     ///                 program was started to ignore do not
     /// Throws std::system_error when the system has no threads or descriptors left.
     explicit Client(Listener& listener, const std::vector<int>& signals = {});
+    /// The same without a listener; follow() throws ServiceAbsent when an operation is lost.
+    /// @param changed  called as Listener::changed() and Listener::earlier() are; may be empty
+    explicit Client(std::function<void(const Operation&)> changed = {});
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    /// @param path  absolute path of a package file
-    /// @return the operation, followed from now on
+    /// @param path  of a package file; a relative one begins in the working directory
+    /// @return the operation, followed from now on: an installation, or an upgrade of what is installed
     Operation install(const std::string& path);
     Operation remove(const std::string& packageId);
+    /// Starts the application of an installed package.
     void start(const std::string& packageId);
+    /// Ends the application and starts it again, after an upgrade that waits for its end.
     void restart(const std::string& packageId);
+    /// The completed operations are reported once.
     Properties properties();
 
     /// Follows an operation that another connection of this application requested. Its statuses are sent to
@@ -97,6 +106,9 @@ public:
 
 private:
     class Session;
+    static std::unique_ptr<Session> connect(Listener& listener, const std::vector<int>& signals);
+
+    std::unique_ptr<Listener> listener_; // where the program has none
     std::unique_ptr<Session> session_;
 };
 

@@ -25,6 +25,10 @@ struct Properties {
 /// An error code as a phrase, also one that is not assigned.
 [[nodiscard]] std::string describe(Common::ErrorCode code);
 
+/// "install com.example.app: failed: the file is damaged or not a package (error 4)", safe for a terminal and
+/// for one line of a log.
+[[nodiscard]] std::string describe(const Operation& operation);
+
 /// "install", "upgrade" or "remove"; "type N" for another number N.
 [[nodiscard]] std::string nameOf(OperationType type);
 /// "queued", "in progress", "awaiting upgrade", "finished" or "failed"; "status N" for another number N.

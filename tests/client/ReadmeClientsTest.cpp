@@ -1,0 +1,83 @@
+#include "testbed/PrivateBus.h"
+#include "testbed/Process.h"
+#include "testbed/ScratchDirectory.h"
+#include "testbed/WaitUntil.h"
+#include "tests/tools/ScriptedService.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using namespace Testbed;
+
+class AClientOfTheReadme : public testing::TestWithParam<std::string> {
+protected:
+    [[nodiscard]] std::unique_ptr<Process> begin(const std::string& path) const {
+        std::vector<std::string> arguments{CPP_CLIENT, path};
+        Process::Options options;
+        options.directory = scratch.path();
+        return std::make_unique<Process>(arguments, options);
+    }
+    [[nodiscard]] ProcessResult install(const std::string& path) const {
+        const auto process = begin(path);
+        const int status = process->wait();
+        return {status, process->output()};
+    }
+
+    PrivateBuses buses;
+    ScratchDirectory scratch;
+};
+
+TEST_P(AClientOfTheReadme, FollowsItsOperationToTheEnd) {
+    ScriptedService service({{"good.rpm", {{0, 10, 90, 100}}},
+                             {"bad.rpm", {{0, 10, 101}, 4}},
+                             {"missed.rpm", {{0}, 0, true}},
+                             {"forgotten.rpm", {}},
+                             {"late", {.completed = true}},
+                             {"text.rpm", {.refusal = "Failed to retrieve id from the rpm package"}}});
+    const auto good = install("good.rpm");
+    EXPECT_EQ(good.status, 0);
+    EXPECT_EQ(good.output, "install good.rpm: queued\ninstall good.rpm: in progress\n"
+                           "install good.rpm: awaiting upgrade\ninstall good.rpm: finished\n");
+    EXPECT_EQ(service.requests.back(), scratch.path() / "good.rpm");
+    const auto bad = install("bad.rpm");
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_THAT(bad.output, AllOf(HasSubstr("\ninstall bad.rpm: failed"), HasSubstr("(error 4)\n")));
+    const auto missed = install("missed.rpm");
+    EXPECT_EQ(missed.status, 0);
+    EXPECT_THAT(missed.output,
+                AllOf(HasSubstr("install missed.rpm: finished\n"), HasSubstr("install late: ")));
+    const auto forgotten = install("forgotten.rpm");
+    EXPECT_EQ(forgotten.status, 2);
+    EXPECT_THAT(forgotten.output, HasSubstr("the service no longer knows the operation"));
+    const auto text = install("text.rpm");
+    EXPECT_EQ(text.status, 2);
+    EXPECT_EQ(text.output, "Failed to retrieve id from the rpm package\n");
+    const auto invalid = install("\xff.rpm");
+    EXPECT_EQ(invalid.status, 2);
+    EXPECT_THAT(invalid.output, testing::StartsWith("not "));
+}
+
+TEST_P(AClientOfTheReadme, ReportsThatTheServiceOrTheBusIsGone) {
+    EXPECT_EQ(install("good.rpm").status, 2) << "nothing starts the service";
+    for (const bool isBus : {false, true}) {
+        auto service =
+            std::make_unique<ScriptedService>(std::map<std::string, Script>{{"app", {.known = true}}});
+        const auto client = begin("app");
+        ASSERT_TRUE(waitUntil([&] { return client->output().find("queued") != std::string::npos; }));
+        isBus ? buses.session.stop() : service.reset();
+        EXPECT_EQ(client->wait(), 2);
+        EXPECT_THAT(client->output(), HasSubstr(isBus ? "bus" : "the service left the bus; the result of"));
+    }
+    const auto client = install("good.rpm");
+    EXPECT_EQ(client.status, 2);
+    EXPECT_THAT(client.output, testing::StartsWith("there is no session bus: "));
+}
+
+INSTANTIATE_TEST_SUITE_P(In, AClientOfTheReadme, testing::Values("Cpp"),
+                         [](const auto& language) { return language.param; });
+
+} // namespace
