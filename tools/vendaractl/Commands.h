@@ -16,7 +16,7 @@ struct Request {
     Format format = Format::Words;
     bool isDetached = false; ///< does not wait for the end
     bool follow = false;
-    bool withoutSecurityAttributes = false;
+    bool ignoresAttributes = false;
     std::string authority; ///< of check
     std::string configuration = Core::ZUL::DatabaseLocation::configurationFile;
     std::string systemRoot = "/";

@@ -131,8 +131,8 @@ ExitStatus size(const Request& request) {
 ExitStatus verify(const Request& request) {
     const auto database = databaseOf(request);
     const auto result = Core::ZUL::verify(database, onlyPackage(request),
-                                          request.withoutSecurityAttributes ? SecurityAttributes::Ignored
-                                                                            : SecurityAttributes::Expected);
+                                          request.ignoresAttributes ? SecurityAttributes::Ignored
+                                                                    : SecurityAttributes::Expected);
     if (request.format == Format::Json) {
         printJson(toJson(result));
     } else {

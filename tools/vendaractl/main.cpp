@@ -129,8 +129,8 @@ private:
                 ->required(false)
                 ->expected(1, 1);
         }
-        verification->add_flag("--without-security-attributes", request_.withoutSecurityAttributes,
-                               "Do not expect what only root may attach to files");
+        verification->add_flag("--no-attributes", request_.ignoresAttributes,
+                               "Do not expect security attributes, which only root may attach");
         for (auto* const command : {listing, search, measurement, verification}) {
             auto* const image =
                 command->add_option("--root", request_.image, "Root directory of a system image to look into")
