@@ -24,12 +24,16 @@ const std::string startManager = "start the package manager: ";
 const char* const integrityAttribute = "security.ima";
 const char* const identityAttribute = "security.appid";
 
-/// The system directories in which mappings can be, for any package.
-std::set<std::string> mappedDirectories() {
-    const std::string any = "*";
+std::string reinstall(const std::string& id) { return "remove " + id + " and install it again"; }
+
+const std::string anyName = "*";
+
+/// The system directories in which mappings of a package can be.
+std::set<std::string> mappedDirectories(const std::string& packageId) {
     std::set<std::string> directories;
-    for (const auto& rule : mappingRules(PackageIdentity(any, any, any, any))) {
-        directories.insert(rule.target.substr(0, rule.target.find(any)));
+    for (const auto& [target, source, kind] :
+         mappingRules(PackageIdentity(packageId, anyName, anyName, anyName))) {
+        directories.insert(target.substr(0, target.rfind('/', target.find(anyName)) + 1));
     }
     // Each walk includes what is below.
     for (auto outer = directories.begin(); outer != directories.end(); ++outer) {
@@ -113,8 +117,9 @@ void Verifier::verifyEntry(const std::string& name) {
             report("", path, "its name is not an identifier", "delete it");
         } else if (view_.tree().linkTarget(path)) {
             report(name, path,
-                   "the package's directory is a link, behind which the package manager works no more",
+                   "the package's directory is a link, and the package manager changes nothing behind it",
                    "delete the link and install " + name + " again");
+            unknown_.insert(name);
         } else {
             verifyPackage(InstalledPackage(view_, name));
         }
@@ -130,8 +135,10 @@ void Verifier::verifyPackage(const InstalledPackage& package) {
     }
     Verification::Package state{id, package.versionOf("current"), package.versionOf("next")};
     const bool isCompletable = verifyUpgrade(package, state);
-    const auto mend = isCompletable ? startManager + "recovery completes the upgrade"
-                                    : "install " + id + " again; the package manager deletes what is damaged";
+    const auto mend =
+        isCompletable
+            ? startManager + "recovery completes the upgrade"
+            : "install " + id + " again; the package manager deletes what is damaged when it starts";
     if (state.version.empty()) {
         const auto target = view_.tree().linkTarget(package.path() / "current");
         report(id, package.path() / "current",
@@ -175,7 +182,7 @@ bool Verifier::verifyRecord(const InstalledPackage& package, const std::string& 
                 if (record.at(key) != expected) {
                     report(package.id(), path,
                            "the record has the " + key + " " + record.at(key) + " instead of " + expected,
-                           mend);
+                           reinstall(package.id()));
                 }
             }
             static_cast<void>(package.identity(version));
@@ -236,7 +243,7 @@ void Verifier::verifyPlace(const Mapped& mapped, const std::string& place, const
         // A list may name more than there is, as after a removal that failed.
         if (holder == id) {
             report(id, place, "the package has no file for this mapping: " + file.native(),
-                   "install " + id + " again; starting the package manager removes the mapping only");
+                   reinstall(id) + "; starting the package manager removes the mapping only");
         }
         return;
     }
@@ -250,7 +257,7 @@ void Verifier::verifyPlace(const Mapped& mapped, const std::string& place, const
                "delete it and start the package manager: recovery makes the mapping anew");
     } else if (holder != id) {
         report(id, place, "a mapping of " + target.native() + " has the mapping's place",
-               "install " + id + " again: it takes the place");
+               reinstall(id) + ": it takes the place");
     } else if (isLink != (mapped.kind == MappingKind::Link)) {
         report(id, place, isLink ? "it is a link instead of a copy" : "it is a copy instead of a link",
                startManager + "recovery makes it anew");
@@ -290,7 +297,7 @@ void Verifier::verifyCopy(const Mapped& mapped, const std::string& place, const 
 void Verifier::verifyAttributes(const InstalledPackage& package, const std::string& version,
                                 const std::vector<InstalledPackage::File>& files) {
     constexpr mode_t executable = 0111;
-    const auto mend = "install " + package.id() + " again with a package manager that may set it";
+    const auto mend = reinstall(package.id()) + " with a package manager that may set it";
     std::map<std::string, std::vector<fs::path>> lacking;
     std::set<std::string> used;
     for (const auto& [relative, status] : files) {
@@ -342,7 +349,7 @@ void Verifier::findLeftovers(const std::optional<std::string>& only) {
                            : "it is a mapping of a package that is not installed",
                "delete it");
     };
-    for (const auto& directory : mappedDirectories()) {
+    for (const auto& directory : mappedDirectories(only.value_or(anyName))) {
         view_.system().walk(directory, judge, [this](const Error& error) {
             result_.unread.push_back({"", error.what()});
         });

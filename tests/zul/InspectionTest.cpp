@@ -151,7 +151,7 @@ TEST(Verification, FindsEachDamageAndWhatMendsIt) {
          [](auto& disk) {
              writeFile(disk.version / "symlink.list", "/usr/share/com.example.app/a/b.txt\n");
          }},
-        {"the package has no file for this mapping: bin/tool", "install com.example.app again",
+        {"the package has no file for this mapping: bin/tool", "remove com.example.app",
          [](auto& disk) { fs::remove(disk.version / "bin/tool"); }},
         {"the record is damaged: quenra.pkg doesn't exist", "install com.example.app again",
          [](auto& disk) { fs::remove(disk.version / "quenra.pkg"); }},
