@@ -13,11 +13,16 @@ using testing::AllOf;
 using testing::HasSubstr;
 using namespace Testbed;
 
+// The same program in two languages.
 class AClientOfTheReadme : public testing::TestWithParam<std::string> {
 protected:
     [[nodiscard]] std::unique_ptr<Process> begin(const std::string& path) const {
         std::vector<std::string> arguments{CPP_CLIENT, path};
+        if (GetParam() == "Python") {
+            arguments = {"/usr/bin/python3", PYTHON_CLIENT, path};
+        }
         Process::Options options;
+        options.environment = {{"PYTHONPATH", PYTHON_MODULES}, {"PYTHONDONTWRITEBYTECODE", "1"}};
         options.directory = scratch.path();
         return std::make_unique<Process>(arguments, options);
     }
@@ -77,7 +82,7 @@ TEST_P(AClientOfTheReadme, ReportsThatTheServiceOrTheBusIsGone) {
     EXPECT_THAT(client.output, testing::StartsWith("there is no session bus: "));
 }
 
-INSTANTIATE_TEST_SUITE_P(In, AClientOfTheReadme, testing::Values("Cpp"),
+INSTANTIATE_TEST_SUITE_P(In, AClientOfTheReadme, testing::Values("Cpp", "Python"),
                          [](const auto& language) { return language.param; });
 
 } // namespace

@@ -129,7 +129,7 @@ endfunction()
 build_with(vendara-zul ${EXAMPLE}/main.cpp)
 run(${SCRATCH}/with-vendara-zul --help)
 
-# The README's client runs with what is installed alone.
+# The README's clients run with what is installed alone.
 build_with(vendara-client ${CLIENT}.cpp)
 file(WRITE ${SCRATCH}/client/CMakeLists.txt "cmake_minimum_required(VERSION 3.25)
     project(client LANGUAGES CXX)
@@ -140,7 +140,10 @@ run(${CMAKE_COMMAND} -S ${SCRATCH}/client -B ${SCRATCH}/client -D CMAKE_PREFIX_P
     -D CMAKE_CXX_COMPILER=${COMPILER} ${flags})
 run(${CMAKE_COMMAND} --build ${SCRATCH}/client)
 set(ENV{DBUS_SESSION_BUS_ADDRESS} unix:path=${SCRATCH}/none)
-foreach(client ${SCRATCH}/with-vendara-client ${SCRATCH}/client/client)
+file(GLOB_RECURSE python ${tree}/__init__.py)
+cmake_path(GET python PARENT_PATH python)
+set(ENV{PYTHONPATH} ${python}/..)
+foreach(client ${SCRATCH}/with-vendara-client ${SCRATCH}/client/client "/usr/bin/python3;${CLIENT}.python")
     expect(2 "there is no session bus" ${client} sample.rpm)
 endforeach()
 

@@ -1,0 +1,157 @@
+"""Client of the installation service on the session bus: the library vendara-client for Python. One thread."""
+
+import os
+from typing import NamedTuple
+
+from gi.repository import Gio, GLib
+
+TYPES = {0: "install", 1: "upgrade", 2: "remove"}
+STATUSES = {0: "queued", 10: "in progress", 90: "awaiting upgrade", 100: "finished", 101: "failed"}
+FINISHED, FAILED = 100, 101  # A lower status is followed by another one.
+
+_NAME = "norvane.Vendara"
+_CALL_LIMIT = 150_000  # ms: the bus takes up to two minutes to start the service, which replies within 24 seconds
+_INTERVAL = 3  # s: how often the service is asked for an end whose signal was missed
+
+
+class Error(Exception):
+    """Base of the other two, which every function of Client raises."""
+
+
+class CallRefused(Error):
+    """The service refused a call: its sentence."""
+
+
+class ServiceAbsent(Error):
+    """There is no session bus, or the service cannot be started, left the bus or lost an operation."""
+
+
+class Operation(NamedTuple):
+    id: str
+    package_id: str
+    type: int
+    status: int
+    error_code: int  # 0 while nothing failed
+
+    def __str__(self):
+        package = self.package_id if self.package_id.isprintable() else ascii(self.package_id)
+        error = f" (error {self.error_code})" if self.error_code else ""
+        return f"{TYPES.get(self.type, self.type)} {package}: {STATUSES.get(self.status, self.status)}{error}"
+
+
+class Client:
+    """On one session-bus connection. The bus starts the service if it is not running."""
+
+    def __init__(self, changed=lambda operation: None):
+        """Connects. changed is called with each new status of an operation, in install(), remove() and follow(),
+        and with operations of the application that completed earlier and are reported only once."""
+        self._changed = changed
+        self._operations = {}  # by id
+        self._absent = set()  # those that the service did not list
+        self._failure = None
+        self._loop = GLib.MainLoop()
+        flags, of_proxy = Gio.DBusConnectionFlags, Gio.DBusProxyFlags
+        try:
+            address = Gio.dbus_address_get_for_bus_sync(Gio.BusType.SESSION)
+            self._bus = Gio.DBusConnection.new_for_address_sync(
+                address, flags.AUTHENTICATION_CLIENT | flags.MESSAGE_BUS_CONNECTION)
+            self._service = Gio.DBusProxy.new_sync(
+                self._bus, of_proxy.DO_NOT_LOAD_PROPERTIES | of_proxy.DO_NOT_AUTO_START_AT_CONSTRUCTION, None,
+                _NAME, "/norvane/Vendara", _NAME)
+        except GLib.Error as error:
+            raise ServiceAbsent(f"there is no session bus: {error.message}") from None
+        self._service.connect("g-signal", self._guarded(self._signalled))
+        self._service.connect("notify::g-name-owner", self._guarded(self._require_service))
+        self._bus.connect("closed", self._guarded(self._require_service))
+
+    def install(self, path):
+        """Queues the installation or upgrade of a package file. Returns the operation, followed from now on."""
+        return self._begin("Install", os.path.abspath(path))
+
+    def remove(self, package_id):
+        """Queues the removal of a package. Returns the operation, followed from now on."""
+        return self._begin("Remove", package_id)
+
+    def start(self, package_id):
+        self._call("Start", package_id)
+
+    def restart(self, package_id):
+        """Ends the application and starts it again, after an upgrade that waits for its end."""
+        self._call("Restart", package_id)
+
+    def properties(self):
+        """Returns what GetAllProperties reports. Completed operations are reported once."""
+        properties, = self._call("GetAllProperties")
+        for key in ("Operations", "CompletedOperations"):
+            properties[key] = [Operation(*operation) for operation in properties[key]]
+        return properties
+
+    def follow(self):
+        """Waits until all operations of this client have ended. Returns whether all of them succeeded."""
+        if self._pending():
+            timer = GLib.timeout_add_seconds(_INTERVAL, self._guarded(self._ask))
+            try:
+                self._loop.run()
+            finally:
+                GLib.source_remove(timer)
+            if self._failure:
+                raise self._failure
+        return all(operation.status == FINISHED for operation in self._operations.values())
+
+    def _begin(self, method, argument):
+        operation = Operation(*self._call(method, argument)[0])
+        self._operations[operation.id] = operation
+        self._changed(operation)
+        return operation
+
+    def _call(self, method, *arguments):
+        try:
+            values = GLib.Variant(f"({'s' * len(arguments)})", arguments)
+            return self._service.call_sync(method, values, Gio.DBusCallFlags.NONE, _CALL_LIMIT, None).unpack()
+        except (TypeError, UnicodeError) as error:
+            raise CallRefused(f"not a valid argument: {error}") from None
+        except GLib.Error as error:
+            name = Gio.DBusError.get_remote_error(error) or ""
+            kind = CallRefused if name == _NAME + ".Error" else ServiceAbsent
+            raise kind(error.message.removeprefix(f"GDBus.Error:{name}: ")) from None
+
+    def _pending(self):
+        return {key for key, operation in self._operations.items() if operation.status < FINISHED}
+
+    def _update(self, operation):  # Statuses may repeat what the reply said.
+        if operation.id in self._pending() and operation.status > self._operations[operation.id].status:
+            self._operations[operation.id] = operation
+            self._changed(operation)
+            if not self._pending():
+                self._loop.quit()
+
+    def _signalled(self, _proxy, _sender, signal, arguments):
+        if signal == "OperationStatusChanged" and arguments.get_type_string() == "((ssiii))":
+            self._update(Operation(*arguments.unpack()[0]))
+
+    def _require_service(self, *_):
+        if self._pending() and (self._bus.is_closed() or not self._service.get_name_owner()):
+            raise ServiceAbsent("the service left the bus; the result of the operation is unknown")
+
+    def _ask(self):
+        properties = self.properties()
+        completed = properties["CompletedOperations"]
+        absent = self._pending() - {operation.id for operation in properties["Operations"] + completed}
+        for operation in properties["Operations"] + completed:
+            self._update(operation)
+        for operation in completed:
+            if operation.id not in self._operations:
+                self._changed(operation)
+        if absent & self._absent:
+            raise ServiceAbsent("the service no longer knows the operation; its result is unknown")
+        self._absent = absent  # An operation may be on its way from one list to the other.
+
+    def _guarded(self, handler):  # What a handler raises leaves follow().
+        def call(*arguments):
+            try:
+                handler(*arguments)
+            except BaseException as failure:
+                self._failure = failure
+                self._loop.quit()
+            return True
+        return call
