@@ -1,5 +1,6 @@
 #include "client/Client.h"
 
+#include "client/FollowedOperations.h"
 #include "common/BusText.h"
 #include "common/Names.h"
 #include "common/bus/RemoteObject.h"
@@ -12,7 +13,6 @@
 #include <asio/use_awaitable.hpp>
 #include <csignal>
 #include <filesystem>
-#include <set>
 #include <utility>
 
 namespace Vendara {
@@ -32,14 +32,6 @@ constexpr milliseconds firstPatience = seconds(1);
 constexpr milliseconds lastPatience = std::chrono::minutes(1);
 // The same after the announcement that ends an operation of another connection.
 constexpr milliseconds shortPatience(100);
-// An operation may be on its way from one list of the service to the other.
-constexpr int absencesOfALostOperation = 2;
-
-const Operation* findIn(const std::vector<Operation>& operations, const std::string& id) {
-    const auto found = std::find_if(operations.begin(), operations.end(),
-                                    [&](const auto& operation) { return operation.id == id; });
-    return found == operations.end() ? nullptr : &*found;
-}
 
 Properties propertiesFrom(const PropertyMap& map) {
     try {
@@ -50,7 +42,9 @@ Properties propertiesFrom(const PropertyMap& map) {
                               map.at(Own::packages).get<std::vector<Package>>()};
         // An operation that failed stays in the first list until the next one begins.
         std::erase_if(properties.operations, [&](const auto& operation) {
-            return findIn(properties.completedOperations, operation.id) != nullptr;
+            const auto& completed = properties.completedOperations;
+            return std::any_of(completed.begin(), completed.end(),
+                               [&](const auto& other) { return other.id == operation.id; });
         });
         return properties;
     } catch (const sdbus::Error& error) {
@@ -91,6 +85,7 @@ class Client::Session {
 public:
     Session(Listener& listener, const std::vector<int>& signals)
         : listener_(listener)
+        , operations_(listener)
         , connection_(loop_, sdbus::createSessionBusConnection(),
                       [this](const sdbus::Error& error) {
                           fail(
@@ -139,35 +134,24 @@ public:
 
     // An operation that the reply lists may end before attach().
     Properties properties() {
-        announcements_.clear();
+        operations_.forgetAnnouncements();
         return propertiesFrom(std::get<0>(call<PropertyMap>(Own::getAllProperties)));
     }
 
     void attach(const Operation& operation) {
         update(operation);
-        const auto followed = find(operation.id);
-        followed->isAttached = true;
-        followed->isAnnounced = announcements_.count({operation.type, operation.packageId}) > 0;
+        operations_.attach(operation);
     }
 
-    std::vector<Operation> pending() const {
-        std::vector<Operation> operations;
-        for (const auto& followed : operations_) {
-            if (!followed.isDone()) {
-                operations.push_back(followed.operation);
-            }
-        }
-        return operations;
-    }
+    std::vector<Operation> pending() const { return operations_.pending(); }
 
     bool follow() {
-        if (!allEnded()) {
+        if (!operations_.allEnded()) {
             if (!source_.hasOwner()) { // it left right after it replied
                 throwUnknownResult();
             }
             isFollowing_ = true;
-            patience_ = firstPatience;
-            silence_.expires_after(patience_);
+            wait(firstPatience);
             if (!std::exchange(isAsking_, true)) {
                 loop_.spawn("couldn't ask the service", askAfterSilence());
             }
@@ -175,7 +159,7 @@ public:
             runLoop();
             isFollowing_ = false;
         }
-        return !hasFailed_;
+        return !operations_.hasFailed();
     }
 
     // The ping has the bus start the service.
@@ -188,17 +172,6 @@ public:
     }
 
 private:
-    struct Followed {
-        Operation operation;
-        int absences = 0;
-        bool isLost = false;
-        bool isAttached = false;
-        bool isAnnounced = false; // the change of its package
-        bool isKnownToWait = false;
-
-        [[nodiscard]] bool isDone() const { return isLost || operation.hasEnded(); }
-    };
-
     template<typename... Results>
     std::tuple<Results...> run(asio::awaitable<std::tuple<Results...>> work) {
         std::tuple<Results...> results;
@@ -290,14 +263,8 @@ private:
     }
 
     void announced(OperationType type, const std::string& packageId) {
-        announcements_.emplace(type, packageId);
-        for (auto& followed : operations_) {
-            const auto& operation = followed.operation;
-            if (followed.isAttached && operation.type == type && operation.packageId == packageId) {
-                followed.isAnnounced = true;
-                patience_ = shortPatience;
-                silence_.expires_after(patience_);
-            }
+        if (operations_.announced(type, packageId)) {
+            wait(shortPatience);
         }
     }
 
@@ -308,7 +275,7 @@ private:
 
     void presenceChanged(bool present) {
         guarded([&] {
-            if (!present && !allEnded()) {
+            if (!present && !operations_.allEnded()) {
                 throwUnknownResult();
             }
             listener_.serviceChanged(present);
@@ -317,21 +284,16 @@ private:
 
     // Statuses are sent to this connection for what it requested, and may repeat what the reply said.
     void update(const Operation& news) {
-        auto followed = find(news.id);
-        if (followed == operations_.end()) {
-            followed = operations_.insert(followed, {news});
-        } else {
-            followed->absences = 0;
-            if (news.status <= followed->operation.status || followed->operation.hasEnded()) {
-                return;
-            }
-            followed->operation = news;
+        if (operations_.update(news)) {
+            wait(firstPatience);
+            stopAtEnd();
         }
-        patience_ = firstPatience;
+    }
+
+    // Until the service is asked.
+    void wait(milliseconds patience) {
+        patience_ = patience;
         silence_.expires_after(patience_);
-        hasFailed_ = hasFailed_ || news.status == OperationStatus::Failed;
-        listener_.changed(news);
-        stopAtEnd();
     }
 
     asio::awaitable<void> askAfterSilence() {
@@ -341,7 +303,7 @@ private:
             if (moved) {
                 continue;
             }
-            guarded([&] { reportWaiting(); });
+            guarded([&] { operations_.reportWaiting(); });
             try {
                 const auto [map] = co_await service_.call<PropertyMap>(Own::getAllProperties, callLimit);
                 const auto properties = propertiesFrom(map);
@@ -349,61 +311,15 @@ private:
             } catch (const std::runtime_error&) {
                 // The service is asked again.
             }
-            patience_ = std::min(patience_ * 2, longestPatience());
-            silence_.expires_after(patience_);
+            wait(std::min(patience_ * 2, operations_.mayFailUnnoticed() ? firstPatience : lastPatience));
         }
-    }
-
-    void reportWaiting() {
-        for (auto& followed : operations_) {
-            if (followed.operation.status == OperationStatus::AwaitingUpgrade &&
-                !std::exchange(followed.isKnownToWait, true)) {
-                listener_.waits(followed.operation);
-            }
-        }
-    }
-
-    // An operation that failed may be listed only until the next one begins.
-    [[nodiscard]] milliseconds longestPatience() const {
-        const bool mayFail = std::any_of(operations_.begin(), operations_.end(), [](const auto& followed) {
-            return followed.isAttached && !followed.isLost &&
-                   followed.operation.status < OperationStatus::AwaitingUpgrade;
-        });
-        return mayFail ? firstPatience : lastPatience;
     }
 
     void compare(const Properties& properties) {
-        for (auto& followed : operations_) {
-            if (!followed.isDone()) {
-                compare(followed, properties);
-            }
-        }
-        for (const auto& operation : properties.completedOperations) {
-            if (find(operation.id) == operations_.end()) {
-                listener_.earlier(operation);
-            }
+        if (operations_.compare(properties)) {
+            patience_ = firstPatience;
         }
         stopAtEnd();
-    }
-
-    void compare(Followed& followed, const Properties& properties) {
-        for (const auto* list : {&properties.completedOperations, &properties.operations}) {
-            if (const auto* news = findIn(*list, followed.operation.id)) {
-                return update(*news);
-            }
-        }
-        if (++followed.absences < absencesOfALostOperation) {
-            return;
-        }
-        if (followed.isAnnounced) {
-            auto ended = followed.operation;
-            ended.status = OperationStatus::Finished;
-            update(ended);
-        } else {
-            followed.isLost = true;
-            hasFailed_ = true;
-            listener_.lost(followed.operation);
-        }
     }
 
     void tickLater() {
@@ -417,21 +333,14 @@ private:
         });
     }
 
-    [[nodiscard]] std::vector<Followed>::iterator find(const std::string& id) {
-        return std::find_if(operations_.begin(), operations_.end(),
-                            [&](const auto& followed) { return followed.operation.id == id; });
-    }
-    [[nodiscard]] bool allEnded() const {
-        return std::all_of(operations_.begin(), operations_.end(),
-                           [](const auto& followed) { return followed.isDone(); });
-    }
     void stopAtEnd() {
-        if (isFollowing_ && allEnded()) {
+        if (isFollowing_ && operations_.allEnded()) {
             loop_.stop();
         }
     }
 
     Listener& listener_;
+    FollowedOperations operations_;
     Common::Loop loop_;
     Common::BusConnection connection_;
     Common::SignalSource source_;
@@ -440,13 +349,10 @@ private:
     asio::steady_timer silence_{loop_.context(), Common::TimePoint::max()}; // until the service is asked
     asio::steady_timer ticker_{loop_.context()};
     milliseconds patience_ = firstPatience;
-    std::vector<Followed> operations_;
-    std::set<std::pair<OperationType, std::string>> announcements_; // since properties()
-    bool wasStarted_;                                               // by a call of this client
-    bool hasReplied_ = false;                                       // to any call
+    bool wasStarted_;         // by a call of this client
+    bool hasReplied_ = false; // to any call
     bool isAsking_ = false;
     bool isFollowing_ = false;
-    bool hasFailed_ = false;
 };
 
 std::unique_ptr<Client::Session> Client::connect(Listener& listener, const std::vector<int>& signals) {
