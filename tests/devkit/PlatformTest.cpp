@@ -25,7 +25,7 @@ std::size_t countProcessesOf(const std::string& directory) {
             std::ifstream stream(entry.path() / file);
             text.append(std::istreambuf_iterator<char>(stream), {});
         }
-        count += text.find(directory + "/") != std::string::npos ? 1 : 0;
+        count += text.find(directory + "/") != std::string::npos ? 1U : 0U;
     }
     return count;
 }

@@ -1,6 +1,6 @@
 #include "core/zul/package/DestinationTree.h"
 #include "core/zul/package/PackagePath.h"
-#include "tests/zul/SignedPackage.h"
+#include "tests/core/zul/package/SignedPackage.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "tests/zul/DatabaseTest.h"
+#include "tests/core/zul/DatabaseTest.h"
 
 #include <sys/stat.h>
 

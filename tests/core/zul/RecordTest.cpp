@@ -1,6 +1,6 @@
 #include "core/zul/Record.h"
 
-#include "tests/zul/DatabaseTest.h"
+#include "tests/core/zul/DatabaseTest.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

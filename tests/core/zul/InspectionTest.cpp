@@ -1,8 +1,8 @@
 #include "core/zul/Inspection.h"
 
 #include "core/zul/DatabaseInspection.h"
-#include "tests/zul/DatabaseTest.h"
-#include "tests/zul/SignedPackage.h"
+#include "tests/core/zul/DatabaseTest.h"
+#include "tests/core/zul/package/SignedPackage.h"
 
 #include <functional>
 

@@ -1,4 +1,5 @@
 #include "core/zul/DatabaseLocation.h"
+
 #include "testbed/LogCapture.h"
 #include "testbed/ScratchDirectory.h"
 

@@ -1,5 +1,5 @@
 #include "testbed/InterruptedProcess.h"
-#include "tests/zul/SignedPackage.h"
+#include "tests/core/zul/package/SignedPackage.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "tests/zul/SignedPackage.h"
+#include "tests/core/zul/package/SignedPackage.h"
 
 #include <rpm/header.h>
 

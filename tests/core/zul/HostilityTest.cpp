@@ -1,6 +1,6 @@
 #include "common/Files.h"
 #include "common/PrintableText.h"
-#include "tests/zul/DatabaseTest.h"
+#include "tests/core/zul/DatabaseTest.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "tests/zul/DatabaseTest.h"
+#include "tests/core/zul/DatabaseTest.h"
 
 #include <sched.h>
 #include <sys/mount.h>

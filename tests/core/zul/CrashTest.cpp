@@ -1,6 +1,6 @@
 #include "common/Files.h"
 #include "testbed/InterruptedProcess.h"
-#include "tests/zul/DatabaseTest.h"
+#include "tests/core/zul/DatabaseTest.h"
 
 #include <algorithm>
 #include <iostream>

@@ -1,6 +1,6 @@
 #include "core/zul/mapping/MappingPlan.h"
 #include "core/zul/mapping/Mappings.h"
-#include "tests/zul/DatabaseTest.h"
+#include "tests/core/zul/DatabaseTest.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
