@@ -13,7 +13,7 @@ RemoteObject::RemoteObject(BusConnection& connection, const std::string& service
 
 std::shared_ptr<RemoteObject::Answer> RemoteObject::send(const sdbus::MethodCall& message,
                                                          std::chrono::microseconds timeout) {
-    const auto answer = std::make_shared<Answer>(connection_);
+    auto answer = std::make_shared<Answer>(connection_);
     connection_.send([&] {
         proxy_->callMethod(
             message,
