@@ -88,6 +88,7 @@ std::vector<InstalledFile> filesOf(const std::string& packageId, const Inspected
         places.emplace(file, place);
     }
     std::vector<InstalledFile> result;
+    result.reserve(files.size());
     for (const auto& file : files) {
         result.push_back({package.path() / version / file.relative, places[file.relative.native()]});
     }
