@@ -20,11 +20,7 @@ const std::string program = PROGRAMS "vendara-devkit";
 std::size_t countProcessesOf(const std::string& directory) {
     std::size_t count = 0;
     for (const auto& entry : fs::directory_iterator("/proc")) {
-        std::string text;
-        for (const auto* file : {"cmdline", "environ"}) {
-            std::ifstream stream(entry.path() / file);
-            text.append(std::istreambuf_iterator<char>(stream), {});
-        }
+        const auto text = readFile(entry.path() / "cmdline") + readFile(entry.path() / "environ");
         count += text.find(directory + "/") != std::string::npos ? 1U : 0U;
     }
     return count;
