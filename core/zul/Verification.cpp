@@ -180,9 +180,9 @@ bool Verifier::verifyRecord(const InstalledPackage& package, const std::string& 
             for (const auto& [key, expected] :
                  {std::pair(Keys::id, package.id()), std::pair(Keys::version, version)}) {
                 if (record.at(key) != expected) {
-                    report(package.id(), path,
-                           "the record has the " + key + " " + record.at(key) + " instead of " + expected,
-                           reinstall(package.id()));
+                    auto problem = "the record has the " + key + " ";
+                    problem.append(record.at(key)).append(" instead of ").append(expected);
+                    report(package.id(), path, problem, reinstall(package.id()));
                 }
             }
             static_cast<void>(package.identity(version));
