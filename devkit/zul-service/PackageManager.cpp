@@ -33,7 +33,8 @@ auto progressLogger(const std::string& id) {
     return [id, last = Clock::now()](std::uint64_t done, std::uint64_t total) mutable {
         if (total > 0 && Clock::now() - last >= std::chrono::seconds(3)) {
             last = Clock::now();
-            Common::logInfo() << "unpacked " << std::to_string(done * 100 / total) << " % of " << id;
+            Common::logInfo() << "unpacked " << std::to_string(std::min(done, total) * 100 / total)
+                              << " % of " << id;
         }
     };
 }
@@ -74,12 +75,17 @@ PackageManager::Installed PackageManager::install(const std::filesystem::path& p
 }
 
 // The certificate authority vouches for many developers; none of them may replace another's application.
-void PackageManager::requireInstalledDeveloper(const Package& package) {
+void PackageManager::requireInstalledDeveloper(const Package& package) try {
     if (database_.isInstalled(package.id()) &&
         database_.packageData(package.id()).at(Keys::certificateId) != package.developerKeyId()) {
         throw Common::Error(ErrorCode::BadPackageSignature,
                             "the installed version is from another developer: " + package.id());
     }
+} catch (const Common::Error& error) {
+    if (error.code() != ErrorCode::CorruptedInstalledPackage) {
+        throw;
+    }
+    // A damaged package is gone with this look at it, and this is its installation.
 }
 
 void PackageManager::remove(const std::string& id) {

@@ -154,6 +154,8 @@ TEST_F(ThePackageManager, RefusesByTheNameOfTheReasonAndKeepsEverything) {
     const auto record = directory_ / "db/app/com.example.app/current/quenra.pkg";
     ASSERT_EQ(run({"sed", "-i", "/certificate/,$s/^id=.*/id=of another developer/", record}).status, 0);
     EXPECT_EQ(install(package({.version = "3.0"})), Common::errorNameOf(ErrorCode::BadPackageSignature));
+    writeFile(record, "damaged");
+    EXPECT_EQ(install(package({.version = "3.0"})), "") << service_->output();
 }
 
 TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionHasEndedAndAgainAfterAFailure) {

@@ -27,7 +27,8 @@ using AttributeWriter = std::function<int(int file, const std::string& name, con
 /// How a person, or a program that has to end, follows an extraction.
 struct ExtractionWatch {
     /// Called on the extracting thread after each piece of content: how many bytes are written, and how many
-    /// there are by the package's header, 0 where it has no number. May throw, which ends the extraction.
+    /// there are by the package's header, which may be wrong, or 0 where it has no number. May throw, which
+    /// ends the extraction.
     std::function<void(std::uint64_t done, std::uint64_t total)> progress = {};
     /// Ends the extraction with code Internal, "the extraction was stopped".
     std::stop_token stop = {};
