@@ -89,7 +89,9 @@ class Client:
     def follow(self):
         """Waits until all operations of this client have ended. Returns whether all of them succeeded."""
         if self._pending():
-            timer = GLib.timeout_add_seconds(_INTERVAL, self._guarded(self._ask))
+            # Signals first: one that arrived during a slow reply must not be overtaken by the next question.
+            timer = GLib.timeout_add_seconds(_INTERVAL, self._guarded(self._ask), priority=GLib.PRIORITY_LOW)
+            self._failure = None
             try:
                 self._loop.run()
             finally:
@@ -106,6 +108,8 @@ class Client:
 
     def _call(self, method, *arguments):
         try:
+            if any("\0" in argument for argument in arguments):
+                raise TypeError("it has a NUL")
             values = GLib.Variant(f"({'s' * len(arguments)})", arguments)
             return self._service.call_sync(method, values, Gio.DBusCallFlags.NONE, _CALL_LIMIT, None).unpack()
         except (TypeError, UnicodeError) as error:
@@ -134,7 +138,10 @@ class Client:
             raise ServiceAbsent("the service left the bus; the result of the operation is unknown")
 
     def _ask(self):
-        properties = self.properties()
+        try:
+            properties = self.properties()
+        except CallRefused:
+            return  # The package manager may be busy: the service is asked again.
         completed = properties["CompletedOperations"]
         absent = self._pending() - {operation.id for operation in properties["Operations"] + completed}
         for operation in properties["Operations"] + completed:

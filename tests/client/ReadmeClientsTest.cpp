@@ -51,6 +51,7 @@ TEST_P(AClientOfTheReadme, FollowsItsOperationToTheEnd) {
     const auto bad = install("bad.rpm");
     EXPECT_EQ(bad.status, 1);
     EXPECT_THAT(bad.output, AllOf(HasSubstr("\ninstall bad.rpm: failed"), HasSubstr("(error 4)\n")));
+    service.refusesOnce = true;
     const auto missed = install("missed.rpm");
     EXPECT_EQ(missed.status, 0);
     EXPECT_THAT(missed.output,

@@ -57,6 +57,7 @@ public:
     std::vector<std::string> requests; ///< paths and identifiers as they came over the bus
     std::string client;                ///< the connection that made the last one
     std::atomic<int> propertyReads = 0;
+    std::atomic<bool> refusesOnce = false; ///< the next read of the properties
 
     static Common::OperationRecord operation(const std::string& package, int status, int error) {
         return {"id of " + package,
@@ -92,6 +93,9 @@ private:
 
     std::map<std::string, sdbus::Variant> properties() {
         ++propertyReads;
+        if (refusesOnce.exchange(false)) {
+            throw sdbus::Error(Own::error, "Failed to retrieve list of installed packages");
+        }
         std::vector<Common::OperationRecord> going;
         std::vector<Common::OperationRecord> completed;
         for (auto& [package, script] : scripts_) {
