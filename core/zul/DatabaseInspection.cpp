@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <set>
-#include <sstream>
 
 namespace Core::ZUL {
 
@@ -62,13 +61,12 @@ InstalledSize sizeOf(DatabaseView& view, const InstalledPackage& package) {
 InspectedDatabase InspectedDatabase::ofImage(const fs::path& image) try {
     constexpr std::size_t sizeLimit = 1024UL * 1024UL;
     const auto text = ReadTree(image).readFile(DatabaseLocation::configurationFile, sizeLimit);
-    std::istringstream configuration(text.value_or(""));
-    if (!text) {
-        configuration.setstate(std::ios::failbit);
+    const auto directory = DatabaseLocation::rootDirectoryIn(text.value_or(""));
+    if (!directory || !directory->is_absolute() || !directory->has_relative_path()) {
+        throw Error(ErrorCode::Filesystem, std::string("the image's ") + DatabaseLocation::configurationFile +
+                                               " is damaged or names no directory of its own");
     }
-    const DatabaseLocation location(configuration,
-                                    image / fs::path(DatabaseLocation::configurationFile).relative_path());
-    return {location.rootDirectory(), image, image};
+    return {*directory, image, image};
 } catch (...) {
     throwAsError();
 }
@@ -101,7 +99,9 @@ std::optional<Owner> ownerOf(const fs::path& path, const InspectedDatabase& data
     DatabaseView view(database);
     auto file = path;
     if (Mapping::isPlace(path) && view.mappingAt(path).exists()) {
-        if (const auto mapping = view.mappingAt(path); mapping.isMapping()) {
+        const auto mapping = view.mappingAt(path);
+        if (view.packageOf(path).empty() &&
+            mapping.isMapping()) { // a link in the database is a package's file
             file = mapping.mappingTarget();
         }
     } else if (!view.tree().status(path, O_NOFOLLOW)) {

@@ -1,16 +1,34 @@
 #include "core/zul/DatabaseLocation.h"
 
+#include "common/Files.h"
 #include "common/LogLine.h"
 
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
-#include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 namespace Core::ZUL {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+using Tree = boost::property_tree::ptree;
+
+Tree parsed(const std::string& text) {
+    std::istringstream stream(text);
+    Tree tree;
+    boost::property_tree::read_ini(stream, tree);
+    return tree;
+}
+
+fs::path rootDirectoryOf(const Tree& tree) {
+    return tree.get<std::string>("database.root_directory", "/opt/app");
+}
+
+} // namespace
 
 // Links in the database name whole paths, which a relative one would not be from where they are.
 fs::path wholePath(const fs::path& path) {
@@ -20,23 +38,25 @@ fs::path wholePath(const fs::path& path) {
 }
 
 DatabaseLocation::DatabaseLocation(const fs::path& configuration) {
-    std::ifstream stream(configuration);
-    *this = DatabaseLocation(stream, configuration);
+    constexpr std::size_t sizeLimit = 1024UL * 1024;
+    Tree tree;
+    try {
+        const auto text = Common::readRegularFile(configuration, sizeLimit);
+        if (!text) {
+            throw std::runtime_error("not there");
+        }
+        tree = parsed(*text);
+    } catch (const std::exception&) {
+        Common::logError() << "couldn't parse config file: " << configuration.native();
+    }
+    rootDirectory_ = wholePath(rootDirectoryOf(tree));
+    tempDirectory_ = wholePath(tree.get<std::string>("database.temp_directory", "/opt/zul/tmp"));
 }
 
-DatabaseLocation::DatabaseLocation(std::istream& configuration, const fs::path& name) {
-    boost::property_tree::ptree tree;
-    try {
-        if (!configuration.good()) {
-            throw std::runtime_error("not readable");
-        }
-        boost::property_tree::read_ini(configuration, tree);
-    } catch (const std::exception&) {
-        Common::logError() << "couldn't parse config file: " << name.native();
-        tree.clear();
-    }
-    rootDirectory_ = wholePath(tree.get<std::string>("database.root_directory", "/opt/app"));
-    tempDirectory_ = wholePath(tree.get<std::string>("database.temp_directory", "/opt/zul/tmp"));
+std::optional<fs::path> DatabaseLocation::rootDirectoryIn(const std::string& text) try {
+    return rootDirectoryOf(parsed(text));
+} catch (const boost::property_tree::ptree_error&) {
+    return std::nullopt;
 }
 
 DatabaseLocation::DatabaseLocation(const fs::path& root, const fs::path& temp)

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <filesystem>
-#include <iosfwd>
+#include <optional>
 #include <string>
 
 namespace Core::ZUL {
@@ -17,9 +17,9 @@ public:
     /// @param configuration  INI file, section "database", keys "root_directory" and "temp_directory"
     explicit DatabaseLocation(const std::filesystem::path& configuration = configurationFile);
 
-    /// The same for the text of a configuration.
-    /// @param name  of the file, for the log
-    DatabaseLocation(std::istream& configuration, const std::filesystem::path& name);
+    /// The root directory that the text of a configuration names, or the default; nothing for a text that
+    /// cannot be parsed.
+    [[nodiscard]] static std::optional<std::filesystem::path> rootDirectoryIn(const std::string& text);
 
     /// Takes the directories as given, made absolute from the working directory.
     DatabaseLocation(const std::filesystem::path& root, const std::filesystem::path& temp);

@@ -54,7 +54,10 @@ public:
 
     [[nodiscard]] const std::string& id() const { return id_; }
     [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-    [[nodiscard]] bool exists() const { return view_.tree().status(path_).has_value(); }
+    [[nodiscard]] bool exists() const {
+        const auto status = view_.tree().status(path_);
+        return status && S_ISDIR(status->st_mode);
+    }
     /// Throws PackageNotExist.
     void requireExists() const;
 

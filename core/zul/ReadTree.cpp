@@ -35,7 +35,7 @@ ReadTree::ReadTree(const fs::path& root)
 UniqueFd ReadTree::open(const fs::path& path, int flags) const {
     const auto below = path.relative_path();
     auto fd = Common::openWithin(root_.get(), below.empty() ? "." : below, flags, Common::Resolve::InRoot);
-    if (!fd && !Common::meansAbsence(errno)) {
+    if (!fd && (!Common::meansAbsence(errno) || errno == ENAMETOOLONG)) {
         throw Common::filesystemError("couldn't look at " + path.native());
     }
     return fd;
@@ -98,9 +98,9 @@ std::optional<std::string> ReadTree::readFile(const fs::path& file, std::size_t 
     return text;
 }
 
-std::map<std::string, std::string> ReadTree::securityAttributes(const fs::path& path) const {
+std::map<std::string, std::string> ReadTree::securityAttributes(const fs::path& path, int flags) const {
     std::map<std::string, std::string> attributes;
-    const auto fd = open(path, O_PATH | O_NOFOLLOW);
+    const auto fd = open(path, O_PATH | flags);
     std::array<char, XATTR_LIST_MAX> names; // NOLINT: filled below
     auto size = fd ? listxattr(pathOf(fd).c_str(), names.data(), names.size()) : 0;
     std::string value(XATTR_SIZE_MAX, '\0');

@@ -42,8 +42,9 @@ public:
                                                       std::size_t limit) const;
 
     /// The extended attributes of a file, link or directory in the namespace "security".
-    [[nodiscard]] std::map<std::string, std::string>
-    securityAttributes(const std::filesystem::path& path) const;
+    /// @param flags  O_NOFOLLOW for a link's own
+    [[nodiscard]] std::map<std::string, std::string> securityAttributes(const std::filesystem::path& path,
+                                                                        int flags = 0) const;
 
     /// Calls the visitor with the path and the own status of everything below a directory that is not a
     /// directory itself. Links to directories are visited and not followed.

@@ -135,10 +135,12 @@ void Verifier::verifyPackage(const InstalledPackage& package) {
     }
     Verification::Package state{id, package.versionOf("current"), package.versionOf("next")};
     const bool isCompletable = verifyUpgrade(package, state);
-    const auto mend =
-        isCompletable
-            ? startManager + "recovery completes the upgrade"
-            : "install " + id + " again; the package manager deletes what is damaged when it starts";
+    auto mend = "install " + id + " again; the package manager deletes what is damaged when it starts";
+    if (isCompletable) {
+        mend = startManager + "recovery completes the upgrade";
+    } else if (unknown_.contains(id)) {
+        mend = "look again as root: not all of the package could be read";
+    }
     if (state.version.empty()) {
         const auto target = view_.tree().linkTarget(package.path() / "current");
         report(id, package.path() / "current",
@@ -206,17 +208,22 @@ void Verifier::verifyMappings(const InstalledPackage& package, const std::string
     const auto anew = startManager + "recovery makes it anew";
     if (!list) {
         report(package.id(), listPath, "the mapping list is missing", anew);
+        unknown_.insert(package.id()); // what is its own and what is left over
     }
     std::map<std::string, std::string> all = plan;
     const PackagePath paths(identity);
     std::set<std::string> listed;
+    std::size_t strange = 0;
     for (const auto& place : list.value_or(MappingList())) {
-        listed.insert(place);
-        if (Mapping::isPlace(place)) {
+        if (!Mapping::isPlace(place)) {
+            ++strange;
+        } else if (listed.insert(place).second) {
             all.emplace(place, paths.toPackagePath(place));
-        } else {
-            report(package.id(), listPath, "the mapping list has a line that is not a place: " + place, anew);
         }
+    }
+    if (strange > 0) {
+        report(package.id(), listPath,
+               "lines of the mapping list that are not places: " + std::to_string(strange), anew);
     }
     const Mapped mapped{package, version, package.kindOf(identity)};
     for (const auto& [place, file] : all) {
@@ -261,7 +268,7 @@ void Verifier::verifyPlace(const Mapped& mapped, const std::string& place, const
     } else if (isLink != (mapped.kind == MappingKind::Link)) {
         report(id, place, isLink ? "it is a link instead of a copy" : "it is a copy instead of a link",
                startManager + "recovery makes it anew");
-    } else if (target != expected && !(isLink && tree.isSameFile(target, expected))) {
+    } else if (target.lexically_normal() != expected && !(isLink && tree.isSameFile(target, expected))) {
         report(id, place, "it stands for " + target.native() + " instead of " + expected.native(),
                startManager + "recovery makes it anew");
     } else if (!isLink) {
@@ -279,7 +286,7 @@ void Verifier::verifyCopy(const Mapped& mapped, const std::string& place, const 
                startManager + "recovery makes it anew");
         return;
     }
-    const auto attributes = view_.system().securityAttributes(place);
+    const auto attributes = view_.system().securityAttributes(place, O_NOFOLLOW);
     for (const auto& [name, value] : view_.tree().securityAttributes(original)) {
         const auto found = attributes.find(name);
         // The system itself sets others anew on each file, as labels.
@@ -305,7 +312,7 @@ void Verifier::verifyAttributes(const InstalledPackage& package, const std::stri
             continue;
         }
         const auto path = package.path() / version / relative;
-        const auto attributes = view_.tree().securityAttributes(path);
+        const auto attributes = view_.tree().securityAttributes(path, O_NOFOLLOW);
         for (const auto* name : {identityAttribute, integrityAttribute}) {
             const auto found = attributes.find(name);
             if (found != attributes.end()) {

@@ -372,6 +372,12 @@ TEST_F(Vendaractl, LooksIntoAnImageAndNeverOutOfIt) {
     EXPECT_THAT(damaged.output, AllOf(HasSubstr("evil/current: it leads to"), HasSubstr("evil again"),
                                       testing::EndsWith("2 packages, 1 finding\n")));
     EXPECT_EQ(look({"files", "evil"}).status, 1);
+
+    fs::remove(image / "etc/zul/zul.conf");
+    writeFile(image / "etc/zul/zul.conf", "no configuration");
+    const auto unknown = look({"verify"});
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_THAT(unknown.output, HasSubstr("zul.conf is damaged"));
 }
 
 } // namespace

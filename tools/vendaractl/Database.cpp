@@ -62,8 +62,9 @@ void print(const Verification& result, const InspectedDatabase& database) {
     for (const auto& each : result.unread) {
         printFailure(Format::Words, each.package, each.message);
     }
-    line((result.packages.empty() ? "no package in " + database.directory.native()
-                                  : counted(result.packages.size(), "package")) +
+    const bool isEmpty = result.packages.empty() && result.findings.empty() && result.unread.empty();
+    line((isEmpty ? "no package in " + database.directory.native()
+                  : counted(result.packages.size(), "package")) +
          ", " + counted(result.findings.size(), "finding") +
          (result.unread.empty() ? "" : ", " + counted(result.unread.size(), "error")));
 }

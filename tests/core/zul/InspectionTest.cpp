@@ -108,6 +108,7 @@ TEST(Verification, FindsNothingInAHealthyDatabaseAndChangesNothing) {
     fs::create_symlink("usr/bin", disk.system / "bin");
     EXPECT_EQ(ownerOfPath("/bin/vpn"), "com.example.vpn 1");
     EXPECT_EQ(ownerOfPath(disk.root / "com.example.app/next/bin/tool"), "com.example.app 2-1");
+    EXPECT_EQ(ownerOfPath(disk.root / "com.example.app/current"), "com.example.app 1-1");
     EXPECT_EQ(ownerOfPath(disk.root), "none");
     EXPECT_ERROR(ownerOf("/usr/bin/absent", disk.inspected), FileNotFound, HasSubstr("/usr/bin/absent"));
     const auto sizes = sizesOf(disk.inspected);
