@@ -35,7 +35,7 @@ fs::path DatabaseView::belowDirectory(const fs::path& path) const {
     if (!normal.is_absolute()) {
         return {};
     }
-    if (const auto below = normal.lexically_relative(directory_); below != "." && *below.begin() != "..") {
+    if (auto below = normal.lexically_relative(directory_); below != "." && *below.begin() != "..") {
         return below;
     }
     for (auto above = normal.parent_path(); status_ && above.has_relative_path();
@@ -136,7 +136,7 @@ std::map<std::string, std::string> InstalledPackage::plan(const PackageIdentity&
         const auto target = !place.empty() && S_ISLNK(file.status.st_mode)
                                 ? view_.tree().status(path_ / identity.version() / file.relative)
                                 : std::nullopt;
-        if (!place.empty() && !(target && S_ISDIR(target->st_mode))) {
+        if (!place.empty() && (!target || !S_ISDIR(target->st_mode))) {
             places.emplace(place, file.relative.native());
         }
     }
