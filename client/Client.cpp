@@ -135,7 +135,11 @@ public:
     // An operation that the reply lists may end before attach().
     Properties properties() {
         operations_.forgetAnnouncements();
-        return propertiesFrom(std::get<0>(call<PropertyMap>(Own::getAllProperties)));
+        auto properties = propertiesFrom(std::get<0>(call<PropertyMap>(Own::getAllProperties)));
+        if (!properties.completedOperations.empty()) {
+            confirm();
+        }
+        return properties;
     }
 
     void attach(const Operation& operation) {
@@ -159,13 +163,13 @@ public:
             runLoop();
             isFollowing_ = false;
         }
+        confirm();
         return !operations_.hasFailed();
     }
 
     // The ping has the bus start the service.
     [[noreturn]] void listen() {
-        Common::RemoteObject peer(connection_, Own::service, Own::objectPath, "org.freedesktop.DBus.Peer");
-        run(peer.call<>("Ping", callLimit));
+        ping(Own::service, callLimit);
         for (;;) {
             runLoop();
         }
@@ -192,6 +196,23 @@ private:
         }
         hasReplied_ = true;
         return results;
+    }
+
+    void ping(const std::string& name, std::chrono::microseconds limit) {
+        Common::RemoteObject peer(connection_, name, Own::objectPath, "org.freedesktop.DBus.Peer");
+        run(peer.call<>("Ping", limit));
+    }
+
+    // After an end is sent, the service asks the bus whether its receiver is still there, and reports the end
+    // again if not. By the time it replies to a ping, it has asked.
+    void confirm() {
+        if (source_.hasOwner()) {
+            try {
+                ping(source_.owner(), seconds(1));
+            } catch (const std::runtime_error&) {
+                // What was received is not lost by this.
+            }
+        }
     }
 
     // Runs until something stops the loop. After an exception it stays stopped: what waits in it refers to

@@ -274,7 +274,11 @@ asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Prope
         throw;
     }
     if (!completed.empty()) {
-        loop_.spawn("couldn't confirm a reply", confirm(request.sender, std::move(completed)));
+        // In this turn of the loop: a caller that receives a later reply is known to have received this one.
+        const bool isReceived = co_await announcer_.isOnBus(request.sender);
+        if (!isReceived) {
+            controller_.returnCompletedOperations(completed);
+        }
     }
 }
 
@@ -282,15 +286,6 @@ asio::awaitable<void> VendaraDbusInterface::launch(sdbus::Result<>& reply, TimeP
                                                    std::string packageID, Launch call) {
     co_await (controller_.launchControl().*call)(std::move(packageID), deadline);
     session_.send([&] { reply.returnResults(); });
-}
-
-// A caller that had left before the reply was sent did not receive it.
-asio::awaitable<void> VendaraDbusInterface::confirm(std::string busName,
-                                                    std::vector<Core::Operation> completed) {
-    const bool isOnBus = co_await announcer_.isOnBus(busName);
-    if (!isOnBus) {
-        controller_.returnCompletedOperations(completed);
-    }
 }
 
 asio::awaitable<Common::CallerIdentity> VendaraDbusInterface::determineInitiator(std::string sender,

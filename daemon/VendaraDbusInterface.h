@@ -74,7 +74,6 @@ private:
     asio::awaitable<void> getAllProperties(sdbus::Result<Properties>& reply, Request request);
     asio::awaitable<void> launch(sdbus::Result<>& reply, Common::TimePoint deadline, std::string packageID,
                                  Launch call);
-    asio::awaitable<void> confirm(std::string busName, std::vector<Core::Operation> completed);
     asio::awaitable<Common::CallerIdentity> determineInitiator(std::string sender,
                                                                Common::TimePoint deadline);
     asio::awaitable<std::vector<Common::PackageRecord>> installedPackages(PackageListing listing);

@@ -84,6 +84,8 @@ class Client:
         properties, = self._call("GetAllProperties")
         for key in ("Operations", "CompletedOperations"):
             properties[key] = [Operation(*operation) for operation in properties[key]]
+        if properties["CompletedOperations"]:
+            self._confirm()
         return properties
 
     def follow(self):
@@ -98,6 +100,7 @@ class Client:
                 GLib.source_remove(timer)
             if self._failure:
                 raise self._failure
+        self._confirm()
         return all(operation.status == FINISHED for operation in self._operations.values())
 
     def _begin(self, method, argument):
@@ -118,6 +121,16 @@ class Client:
             name = Gio.DBusError.get_remote_error(error) or ""
             kind = CallRefused if name == _NAME + ".Error" else ServiceAbsent
             raise kind(error.message.removeprefix(f"GDBus.Error:{name}: ")) from None
+
+    # After an end is sent, the service asks the bus whether its receiver is still there, and reports the end again if
+    # not. By the time it replies to a ping, it has asked.
+    def _confirm(self):
+        if owner := self._service.get_name_owner():
+            try:
+                self._bus.call_sync(owner, "/norvane/Vendara", "org.freedesktop.DBus.Peer", "Ping", None, None,
+                                    Gio.DBusCallFlags.NONE, 1000, None)
+            except GLib.Error:
+                pass  # What was received is not lost by this.
 
     def _pending(self):
         return {key for key, operation in self._operations.items() if operation.status < FINISHED}

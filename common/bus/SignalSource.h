@@ -24,6 +24,8 @@ public:
     SignalSource& operator=(const SignalSource&) = delete;
 
     [[nodiscard]] bool hasOwner() const { return !owner_.empty(); }
+    /// @return the unique name of the connection that owns the service's name; empty without one
+    [[nodiscard]] const std::string& owner() const { return owner_; }
 
     /// Has the handler called for each signal of this name. What it throws is logged. Waits and throws as the
     /// constructor does.

@@ -50,6 +50,9 @@ public:
             .registerMethod(Own::getAllProperties)
             .onInterface(Own::interface)
             .implementedAs([this] { return properties(); });
+        peer_.connection().addMatch(
+            "type='method_call',member='Ping'", [this](sdbus::Message& /*ping*/) { ++pings; },
+            sdbus::floating_slot);
         peer_.start();
     }
 
@@ -57,6 +60,7 @@ public:
     std::vector<std::string> requests; ///< paths and identifiers as they came over the bus
     std::string client;                ///< the connection that made the last one
     std::atomic<int> propertyReads = 0;
+    std::atomic<int> pings = 0;
     std::atomic<bool> refusesOnce = false; ///< the next read of the properties
 
     static Common::OperationRecord operation(const std::string& package, int status, int error) {
