@@ -47,7 +47,7 @@ std::string describe(const Operation& operation) {
                 nameOf(operation.status);
     if (operation.status == OperationStatus::Failed) {
         text += ": " + describe(operation.errorCode) + " (error " +
-                std::to_string(static_cast<std::uint32_t>(operation.errorCode)) + ")";
+                std::to_string(static_cast<std::int32_t>(operation.errorCode)) + ")";
     }
     return text;
 }

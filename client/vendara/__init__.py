@@ -81,9 +81,12 @@ class Client:
 
     def properties(self):
         """Returns what GetAllProperties reports. Completed operations are reported once."""
-        properties, = self._call("GetAllProperties")
-        for key in ("Operations", "CompletedOperations"):
-            properties[key] = [Operation(*operation) for operation in properties[key]]
+        try:
+            properties, = self._call("GetAllProperties")
+            for key in ("Operations", "CompletedOperations"):
+                properties[key] = [Operation(*operation) for operation in properties[key]]
+        except (KeyError, TypeError, ValueError):
+            raise CallRefused("the service's properties are incomplete") from None
         if properties["CompletedOperations"]:
             self._confirm()
         return properties

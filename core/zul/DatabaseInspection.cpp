@@ -30,6 +30,7 @@ std::uint64_t sizeOf(const std::vector<InstalledPackage::File>& files) {
 
 std::uint64_t sizeOfCopies(DatabaseView& view, const InstalledPackage& package, const std::string& version) {
     std::uint64_t size = 0;
+    std::set<std::pair<dev_t, ino_t>> counted; // a list may name a place in several ways
     const auto list = package.mappingList(version).value_or(MappingList());
     for (const auto& place : std::set<std::string>(list.begin(), list.end())) {
         if (!Mapping::isPlace(place)) {
@@ -38,7 +39,8 @@ std::uint64_t sizeOfCopies(DatabaseView& view, const InstalledPackage& package, 
         const auto status = view.system().status(place, O_NOFOLLOW);
         const auto mapping = view.mappingAt(place);
         if (status && S_ISREG(status->st_mode) && mapping.isMapping() &&
-            view.packageOf(mapping.mappingTarget()) == package.id()) {
+            view.packageOf(mapping.mappingTarget()) == package.id() &&
+            counted.emplace(status->st_dev, status->st_ino).second) {
             size += static_cast<std::uint64_t>(status->st_size);
         }
     }
@@ -114,28 +116,34 @@ std::optional<Owner> ownerOf(const fs::path& path, const InspectedDatabase& data
     const InstalledPackage package(view, id);
     const auto inPackage = view.belowDirectory(file).lexically_relative(id);
     const auto first = inPackage.begin()->native();
-    const auto version = package.versionOf(first);
+    const bool isLink = first == "current" || first == "next";
     const auto versions = package.versions();
-    const bool isVersion = std::find(versions.begin(), versions.end(), first) != versions.end();
-    return Owner{id, isVersion ? first : version, file};
+    const bool isVersion = !isLink && std::find(versions.begin(), versions.end(), first) != versions.end();
+    return Owner{id, isVersion ? first : package.versionOf(first), file};
 } catch (...) {
     throwAsError();
 }
 
-std::vector<InstalledSize> sizesOf(const InspectedDatabase& database,
-                                   const std::optional<std::string>& packageId) try {
+InstalledSize sizeOf(const std::string& packageId, const InspectedDatabase& database) try {
     DatabaseView view(database);
-    std::vector<InstalledSize> sizes;
-    if (packageId) {
-        const InstalledPackage package(view, *packageId);
-        package.requireExists();
-        sizes.push_back(sizeOf(view, package));
-        return sizes;
-    }
+    const InstalledPackage package(view, packageId);
+    package.requireExists();
+    return sizeOf(view, package);
+} catch (...) {
+    throwAsError();
+}
+
+InstalledSizes sizesOf(const InspectedDatabase& database) try {
+    DatabaseView view(database);
+    InstalledSizes result;
     for (const auto& name : view.packages()) {
-        sizes.push_back(sizeOf(view, InstalledPackage(view, name)));
+        try {
+            result.sizes.push_back(sizeOf(view, InstalledPackage(view, name)));
+        } catch (const Error& error) {
+            result.unread.push_back({name, error.what()});
+        }
     }
-    return sizes;
+    return result;
 } catch (...) {
     throwAsError();
 }

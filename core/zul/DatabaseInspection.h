@@ -57,9 +57,22 @@ struct InstalledSize {
     [[nodiscard]] std::uint64_t total() const { return installed + others + copies; }
 };
 
-/// The sizes of all packages, or of one. Throws BadPackageID and PackageNotExist for one that is not there.
-[[nodiscard]] std::vector<InstalledSize> sizesOf(const InspectedDatabase& database,
-                                                 const std::optional<std::string>& packageId = {});
+/// The size of a package. Throws BadPackageID and PackageNotExist.
+[[nodiscard]] InstalledSize sizeOf(const std::string& packageId, const InspectedDatabase& database);
+
+/// What could not be read this time: neither damaged nor in order.
+struct Unread {
+    std::string package; ///< empty: it is about none
+    std::string message;
+};
+
+struct InstalledSizes {
+    std::vector<InstalledSize> sizes;
+    std::vector<Unread> unread; ///< packages without a size
+};
+
+/// The sizes of all packages.
+[[nodiscard]] InstalledSizes sizesOf(const InspectedDatabase& database);
 
 /// Something that is not as the package manager leaves it.
 struct Finding {
@@ -67,12 +80,6 @@ struct Finding {
     std::string path;    ///< what it is about, as the system names it
     std::string problem; ///< what is wrong with it: a sentence without its subject
     std::string mend;    ///< what mends it: a sentence in the imperative
-};
-
-/// What could not be read this time: neither damaged nor in order.
-struct Unread {
-    std::string package; ///< empty: it is about none
-    std::string message;
 };
 
 struct Verification {

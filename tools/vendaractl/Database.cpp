@@ -25,9 +25,22 @@ std::optional<std::string> onlyPackage(const Request& request) {
 
 JsonValue orNull(const std::string& text) { return text.empty() ? JsonValue() : JsonValue(text); }
 
+JsonValue toJson(const std::vector<Unread>& unread) {
+    JsonValue errors = JsonValue::array();
+    for (const auto& each : unread) {
+        errors.push_back({{"subject", orNull(each.package)}, {"message", each.message}});
+    }
+    return errors;
+}
+
+void print(const std::vector<Unread>& unread) {
+    for (const auto& each : unread) {
+        printFailure(Format::Words, each.package, each.message);
+    }
+}
+
 JsonValue toJson(const Verification& result) {
-    JsonValue json{
-        {"packages", JsonValue::array()}, {"findings", JsonValue::array()}, {"errors", JsonValue::array()}};
+    JsonValue json{{"packages", JsonValue::array()}, {"findings", JsonValue::array()}};
     for (const auto& each : result.packages) {
         json["packages"].push_back(
             {{"package", each.id}, {"version", orNull(each.version)}, {"prepared", orNull(each.prepared)}});
@@ -38,9 +51,7 @@ JsonValue toJson(const Verification& result) {
                                     {"problem", each.problem},
                                     {"mend", each.mend}});
     }
-    for (const auto& each : result.unread) {
-        json["errors"].push_back({{"subject", orNull(each.package)}, {"message", each.message}});
-    }
+    json["errors"] = toJson(result.unread);
     return json;
 }
 
@@ -59,9 +70,7 @@ void print(const Verification& result, const InspectedDatabase& database) {
         line((each.package.empty() ? "" : each.package + ": ") + each.path + ": " + each.problem);
         line("  to mend it, " + each.mend);
     }
-    for (const auto& each : result.unread) {
-        printFailure(Format::Words, each.package, each.message);
-    }
+    print(result.unread);
     const bool isEmpty = result.packages.empty() && result.findings.empty() && result.unread.empty();
     line((isEmpty ? "no package in " + database.directory.native()
                   : counted(result.packages.size(), "package")) +
@@ -105,7 +114,9 @@ ExitStatus owner(const Request& request) {
 }
 
 ExitStatus size(const Request& request) {
-    auto sizes = sizesOf(databaseOf(request), onlyPackage(request));
+    const auto package = onlyPackage(request);
+    auto [sizes, unread] =
+        package ? InstalledSizes{{sizeOf(*package, databaseOf(request))}, {}} : sizesOf(databaseOf(request));
     std::stable_sort(sizes.begin(), sizes.end(),
                      [](const auto& one, const auto& other) { return one.total() > other.total(); });
     JsonValue list = JsonValue::array();
@@ -122,11 +133,12 @@ ExitStatus size(const Request& request) {
                         std::to_string(each.total())});
     }
     if (request.format == Format::Json) {
-        printJson({{"packages", list}});
+        printJson({{"packages", list}, {"errors", toJson(unread)}});
     } else {
         printTable({"PACKAGE", "VERSION", "INSTALLED", "OTHERS", "COPIES", "TOTAL"}, rows);
+        print(unread);
     }
-    return Success;
+    return unread.empty() ? Success : OperationFailed;
 }
 
 ExitStatus verify(const Request& request) {

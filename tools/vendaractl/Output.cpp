@@ -76,7 +76,7 @@ JsonValue toJson(const Vendara::Operation& operation) {
                      {"package", operation.packageId},
                      {"type", Vendara::nameOf(operation.type)},
                      {"status", Vendara::nameOf(operation.status)},
-                     {"errorCode", operation.errorCode}};
+                     {"errorCode", static_cast<std::int32_t>(operation.errorCode)}};
     if (operation.errorCode != Common::ErrorCode::None) {
         result["error"] = Vendara::describe(operation.errorCode);
     }

@@ -111,10 +111,10 @@ TEST(Verification, FindsNothingInAHealthyDatabaseAndChangesNothing) {
     EXPECT_EQ(ownerOfPath(disk.root / "com.example.app/current"), "com.example.app 1-1");
     EXPECT_EQ(ownerOfPath(disk.root), "none");
     EXPECT_ERROR(ownerOf("/usr/bin/absent", disk.inspected), FileNotFound, HasSubstr("/usr/bin/absent"));
-    const auto sizes = sizesOf(disk.inspected);
+    const auto sizes = sizesOf(disk.inspected).sizes;
     EXPECT_THAT((std::array{sizes[0].installed, sizes[0].others, sizes[0].copies}), ElementsAre(7, 5, 0));
     EXPECT_EQ(sizes[1].copies, 5U);
-    EXPECT_ERROR(sizesOf(disk.inspected, "absent"), PackageNotExist, HasSubstr("absent"));
+    EXPECT_ERROR(sizeOf("absent", disk.inspected), PackageNotExist, HasSubstr("absent"));
     fs::remove(disk.system / "bin");
     EXPECT_EQ(digestOfTree(disk.scratch.path()), before);
 }
@@ -205,6 +205,24 @@ TEST(Verification, TakesWhatItCannotReadForAnErrorAndNotForDamage) {
         EXPECT_THAT(result.unread[0].message, HasSubstr("Permission denied"));
         EXPECT_TRUE(verify(disk.inspected, "com.example.vpn").unread.empty());
     }
+    const InspectedOnDisk disk;
+    fs::permissions(disk.version / "bin", fs::perms::none);
+    const HeedingModes heeding;
+    const auto [sizes, unread] = sizesOf(disk.inspected);
+    ASSERT_EQ(sizes.size(), 1U);
+    EXPECT_EQ(sizes[0].package, "com.example.vpn");
+    ASSERT_EQ(unread.size(), 1U);
+    EXPECT_EQ(unread[0].package, "com.example.app");
+}
+
+TEST(Inspection, CountsACopyOnceAndNamesNoVersionAfterALink) {
+    const InspectedOnDisk disk;
+    writeFile(disk.root / "com.example.vpn/1/symlink.list", "/usr/bin/vpn\n/usr//bin/vpn\n/usr/./bin/vpn\n");
+    EXPECT_EQ(sizeOf("com.example.vpn", disk.inspected).copies, 3U);
+    writeFile(disk.root / "com.example.app/next/file", "in a directory where a link should be");
+    const auto owner = ownerOf(disk.root / "com.example.app/next/file", disk.inspected);
+    ASSERT_TRUE(owner);
+    EXPECT_EQ(owner->package + " " + owner->version, "com.example.app ");
 }
 
 TEST(Verification, FindsSecurityAttributesThatAreGone) {
