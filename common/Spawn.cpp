@@ -2,12 +2,10 @@
 
 #include "common/Files.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <poll.h>
 #include <span>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -99,23 +97,6 @@ UniqueFd openProcess(pid_t process) {
         throw filesystemError("couldn't open a process");
     }
     return descriptor;
-}
-
-std::optional<int> waitForEnd(pid_t child, std::chrono::milliseconds limit) {
-    const auto process = openProcess(child);
-    pollfd descriptor{process.get(), POLLIN, 0};
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    int ready = 0;
-    do {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        ready = poll(&descriptor, 1, std::max(0, static_cast<int>(left.count())));
-    } while (ready < 0 && errno == EINTR);
-    int status = 0;
-    if (ready <= 0 || waitpid(child, &status, 0) != child) {
-        return {};
-    }
-    return exitStatusOf(status);
 }
 
 void reap(pid_t child) noexcept {

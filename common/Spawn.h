@@ -2,9 +2,7 @@
 
 #include "common/UniqueFd.h"
 
-#include <chrono>
 #include <filesystem>
-#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -32,10 +30,6 @@ struct SpawnOptions {
 /// A descriptor that becomes readable when the process has ended (pidfd_open(2)); nothing, with errno ESRCH,
 /// when there is no such process. Any thread. Throws Error, code Filesystem.
 [[nodiscard]] UniqueFd openProcess(pid_t process);
-
-/// Waits for the end of a child. Any thread. Throws as openProcess().
-/// @return its exit status as exitStatusOf() gives it; nothing when the limit has passed
-[[nodiscard]] std::optional<int> waitForEnd(pid_t child, std::chrono::milliseconds limit);
 
 /// Waits for the end of a child without a limit, also when signals interrupt it. Any thread.
 void reap(pid_t child) noexcept;

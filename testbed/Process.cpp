@@ -4,8 +4,13 @@
 #include "common/Spawn.h"
 #include "testbed/ScratchDirectory.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <optional>
+#include <poll.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 
 namespace Testbed {
 
@@ -19,6 +24,24 @@ Common::SpawnOptions spawnOptions(const Process::Options& options) {
     }
     result.directory = options.directory;
     return result;
+}
+
+// @return nothing when the limit has passed
+std::optional<int> waitForEnd(pid_t child, std::chrono::milliseconds limit) {
+    const auto process = Common::openProcess(child);
+    pollfd descriptor{process.get(), POLLIN, 0};
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    int ready = 0;
+    do {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        ready = poll(&descriptor, 1, std::max(0, static_cast<int>(left.count())));
+    } while (ready < 0 && errno == EINTR);
+    int status = 0;
+    if (ready <= 0 || waitpid(child, &status, 0) != child) {
+        return {};
+    }
+    return Common::exitStatusOf(status);
 }
 
 } // namespace
@@ -52,7 +75,7 @@ void Process::signal(int number) const { kill(pid_, number); }
 
 int Process::wait(std::chrono::milliseconds limit) {
     if (status_ < 0) {
-        status_ = Common::waitForEnd(pid_, limit).value_or(-1);
+        status_ = waitForEnd(pid_, limit).value_or(-1);
     }
     return status_;
 }
