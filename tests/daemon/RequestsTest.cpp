@@ -53,7 +53,7 @@ TEST_F(ARequest, TakesARealPackageFromInstallationToRemoval) {
     EXPECT_THAT(client->operations("CompletedOperations"), IsEmpty());
 }
 
-TEST_F(ARequest, TellsThePlatformAndThePackages) {
+TEST_F(ARequest, ReturnsThePlatformAndThePackages) {
     auto incomplete = PackageManager::package("com.example.incomplete");
     incomplete.erase("certificate.id");
     zul.setPackages({PackageManager::package("b", "2-1"), incomplete, PackageManager::package("a")});
@@ -131,7 +131,7 @@ TEST_F(ARequest, IsReportedToItsInitiatorAlone) {
     EXPECT_THAT(other.received(), IsEmpty());
 }
 
-TEST_F(ARequest, WhoseInitiatorHasLeftIsToldOnceWhenTheApplicationAsksAgain) {
+TEST_F(ARequest, OfAnInitiatorThatLeftIsReportedOnceToItsApplication) {
     zul.hold("Install");
     identification.set(client->busName(), "shop");
     const auto operation = client->install(packageFile());

@@ -82,7 +82,7 @@ TEST_F(TheService, DoesNotStartWithoutItsBuses) {
 }
 
 // From nothing at all up to enough: it comes up, or says why it does not, and never crashes.
-TEST_F(TheService, WithTooFewResourcesSaysSoAndEnds) {
+TEST_F(TheService, WithTooFewResourcesLogsTheCauseAndEnds) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "sanitizers need descriptors and memory of their own";
 #endif

@@ -343,7 +343,7 @@ TEST_F(VendaraSign, MakesAuthoritiesWhoseKeysOnlyTheOwnerReads) {
     EXPECT_EQ(refusal, "");
 }
 
-TEST_F(VendaraSign, TellsWrongUsageFromFailure) {
+TEST_F(VendaraSign, DistinguishesWrongUsageFromFailure) {
     const std::vector<std::string> wrong[] = {
         {},
         {"a.rpm"},

@@ -311,7 +311,7 @@ TEST(TemporaryDirectories, EndWithoutAnExceptionWhenACallFails) {
         fs::permissions(directory->path() / "closed/inner", fs::perms(0));
         fs::permissions(directory->path() / "closed", fs::perms(0));
         const auto end = [&directory] {
-            const HeedingModes modes;
+            const DroppedCapabilities dropped;
             directory.reset();
         };
         return runWithFault(point, fault, end).second;

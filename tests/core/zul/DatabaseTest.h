@@ -50,17 +50,17 @@ inline std::string extendedAttribute(const fs::path& file, const char* name) {
 }
 
 /// As long as it lives, the modes of files deny also root what they deny others.
-class HeedingModes {
+class DroppedCapabilities {
 public:
-    HeedingModes() {
+    DroppedCapabilities() {
         EXPECT_EQ(syscall(SYS_capget, &header_, before_.data()), 0);
         auto capabilities = before_;
         capabilities[0].effective &= ~(1U << CAP_DAC_OVERRIDE | 1U << CAP_DAC_READ_SEARCH);
         EXPECT_EQ(syscall(SYS_capset, &header_, capabilities.data()), 0);
     }
-    ~HeedingModes() { syscall(SYS_capset, &header_, before_.data()); }
-    HeedingModes(const HeedingModes&) = delete;
-    HeedingModes& operator=(const HeedingModes&) = delete;
+    ~DroppedCapabilities() { syscall(SYS_capset, &header_, before_.data()); }
+    DroppedCapabilities(const DroppedCapabilities&) = delete;
+    DroppedCapabilities& operator=(const DroppedCapabilities&) = delete;
 
 private:
     __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};

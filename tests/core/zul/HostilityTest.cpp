@@ -184,7 +184,7 @@ TEST_F(Hostility, OfDepthAndModesDoesNotStopRemoval) {
         directory = below;
     }
     close(directory);
-    const HeedingModes heeding;
+    const DroppedCapabilities dropped;
     Common::removeTree(top);
     EXPECT_FALSE(fs::exists(top));
 }

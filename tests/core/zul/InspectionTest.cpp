@@ -197,7 +197,7 @@ TEST(Verification, TakesWhatItCannotReadForAnErrorAndNotForDamage) {
          {"com.example.app", "com.example.app/1-1/bin", "com.example.app/1-1/quenra.pkg"}) {
         const InspectedOnDisk disk;
         fs::permissions(disk.root / name, fs::perms::none);
-        const HeedingModes heeding;
+        const DroppedCapabilities dropped;
         const auto result = verify(disk.inspected);
         EXPECT_TRUE(result.findings.empty()) << name << ": " << result.findings[0].problem;
         ASSERT_FALSE(result.unread.empty()) << name;
@@ -207,7 +207,7 @@ TEST(Verification, TakesWhatItCannotReadForAnErrorAndNotForDamage) {
     }
     const InspectedOnDisk disk;
     fs::permissions(disk.version / "bin", fs::perms::none);
-    const HeedingModes heeding;
+    const DroppedCapabilities dropped;
     const auto [sizes, unread] = sizesOf(disk.inspected);
     ASSERT_EQ(sizes.size(), 1U);
     EXPECT_EQ(sizes[0].package, "com.example.vpn");

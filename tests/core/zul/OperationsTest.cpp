@@ -112,7 +112,7 @@ TEST_F(ADatabase, TakesLinksWithASlashAtTheirEnd) {
     EXPECT_EQ(database.packages().size(), 1U);
 }
 
-TEST_F(ADatabase, GivesUpAnUpgradeWhoseVersionCannotBeParsed) {
+TEST_F(ADatabase, DiscardsAnUpgradeWhoseVersionCannotBeParsed) {
     install(app);
     fs::create_directory_symlink("/", dir() / "next");
     const LogCapture log;
@@ -199,7 +199,7 @@ TEST_F(ADatabase, RemovesLaterWhatARemovalCouldNot) {
         install(app, {{"bin/tool", "1"}});
         fs::permissions(system / "usr/bin", fs::perms(0555));
         {
-            const HeedingModes modes;
+            const DroppedCapabilities dropped;
             database.remove(app.id());
         }
         EXPECT_THAT(entriesIn(dir()), ElementsAre("1.0-1"));
@@ -236,7 +236,7 @@ TEST_F(ADatabase, RemovesLaterWhatARemovalCouldNot) {
     }
 }
 
-TEST_F(ADatabase, KnowsTheMappingsOfAnUpgradeThatItGaveUp) {
+TEST_F(ADatabase, KeepsTheMappingListOfAnUpgradeThatItDiscards) {
     install(app);
     prepare(newer, {{"bin/left", "2"}});
     // As when the completion failed and then the removal of what it had made.

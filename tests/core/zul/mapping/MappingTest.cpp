@@ -74,7 +74,7 @@ TEST_F(AMapping, OfAPackageWithADirectoryToCopyIsACopyWithEverythingTheFileHas) 
 TEST_F(AMapping, CanBeACopyOfAFileThatItsOwnerMayNotWrite) {
     const auto unpacked = extract({{"connman/plugin/vpn.so", "v"}});
     fs::permissions(unpacked / "connman/plugin/vpn.so", fs::perms(0444));
-    const HeedingModes heeding;
+    const DroppedCapabilities dropped;
     database.install(app, entries, unpacked);
     const auto copy = system / "usr/lib/connman/plugins-vpn/vpn.so";
     EXPECT_EQ(fs::status(copy).permissions(), fs::perms(0444));
@@ -128,7 +128,7 @@ TEST_F(AMapping, ThatCannotBeMadeIsAnErrorWithItsCause) {
 TEST_F(AMapping, ThatCouldNotBeRemovedStaysOnTheListUntilItCan) {
     install(app, {{"bin/tool", "1"}, {"data/old", "1"}});
     prepare(newer, {{"bin/tool", "2"}});
-    const HeedingModes heeding;
+    const DroppedCapabilities dropped;
     const auto share = system / "usr/share/com.example.app";
     const auto list = dir() / "current/symlink.list";
     fs::permissions(share, fs::perms(0));
@@ -153,7 +153,7 @@ TEST_F(AMapping, ThatCouldNotBeRemovedStaysOnTheListUntilItCan) {
 
 TEST_F(AMapping, ThatCouldNotBeRemovedIsRemovedWithTheNextLookAtThePackage) {
     install(app, {{"data/file", "x"}});
-    const HeedingModes heeding;
+    const DroppedCapabilities dropped;
     const auto share = system / "usr/share/com.example.app";
     fs::permissions(share, fs::perms(0555));
     database.remove(app.id());

@@ -8,7 +8,7 @@ namespace Testbed {
 
 class APackage : public SignedPackage {};
 
-TEST_F(APackage, TellsWhoItIsWhoMadeItAndWhereItComesFrom) {
+TEST_F(APackage, HasAnIdentityADeveloperAndASource) {
     const auto file = signedPackage({.files = {{"/usr/bin/tool", "x", "0755"}, {manifestPath, manifest}}});
     const auto package = Package::fromFile(file, authorities);
     EXPECT_EQ(package.id(), "com.example.app");
