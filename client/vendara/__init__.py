@@ -11,7 +11,9 @@ FINISHED, FAILED = 100, 101  # A lower status is followed by another one.
 
 _NAME = "norvane.Vendara"
 _CALL_LIMIT = 150_000  # ms: the bus takes up to two minutes to start the service, which replies within 24 seconds
-_INTERVAL = 3  # s: how often the service is asked for an end whose signal was missed
+_INTERVAL = 3_000  # ms: how often the service is asked for an end whose signal was missed
+_SHORT_INTERVAL = 100  # ms: the same after the announcement that ends an operation of another connection
+_ANNOUNCEMENTS = {"PackageInstalled": 0, "PackageUpgraded": 1, "PackageRemoved": 2}  # types of operations
 
 
 class Error(Exception):
@@ -48,6 +50,9 @@ class Client:
         self._changed = changed
         self._operations = {}  # by id
         self._absent = set()  # those that the service did not list
+        self._attached = set()
+        self._announced = set()  # types of operations and packages
+        self._timers = []
         self._failure = None
         self._loop = GLib.MainLoop()
         flags, of_proxy = Gio.DBusConnectionFlags, Gio.DBusProxyFlags
@@ -81,6 +86,36 @@ class Client:
 
     def properties(self):
         """Returns what GetAllProperties reports. Completed operations are reported once."""
+        properties = self._properties()
+        # What was announced before the reply says nothing about the operations in it, and is handled first.
+        GLib.idle_add(self._announced.clear, priority=GLib.PRIORITY_DEFAULT)
+        return properties
+
+    def attach(self, operation):
+        """Follows an operation of properties() that another connection of this application requested. Its statuses are
+        sent to that connection, so the client asks for them. When the operation is no longer listed, the announcement
+        of its package's change means that it finished."""
+        self._operations[operation.id] = operation
+        self._attached.add(operation.id)
+        self._changed(operation)
+
+    def follow(self):
+        """Waits until all operations of this client have ended. Returns whether all of them succeeded."""
+        if self._pending():
+            # Signals first: one that arrived during a slow reply must not be overtaken by the next question.
+            self._ask_every(_INTERVAL)
+            self._failure = None
+            try:
+                self._loop.run()
+            finally:
+                while self._timers:
+                    GLib.source_remove(self._timers.pop())
+            if self._failure:
+                raise self._failure
+        self._confirm()
+        return all(operation.status == FINISHED for operation in self._operations.values())
+
+    def _properties(self):
         try:
             properties, = self._call("GetAllProperties")
             for key in ("Operations", "CompletedOperations"):
@@ -90,21 +125,6 @@ class Client:
         if properties["CompletedOperations"]:
             self._confirm()
         return properties
-
-    def follow(self):
-        """Waits until all operations of this client have ended. Returns whether all of them succeeded."""
-        if self._pending():
-            # Signals first: one that arrived during a slow reply must not be overtaken by the next question.
-            timer = GLib.timeout_add_seconds(_INTERVAL, self._guarded(self._ask), priority=GLib.PRIORITY_LOW)
-            self._failure = None
-            try:
-                self._loop.run()
-            finally:
-                GLib.source_remove(timer)
-            if self._failure:
-                raise self._failure
-        self._confirm()
-        return all(operation.status == FINISHED for operation in self._operations.values())
 
     def _begin(self, method, argument):
         operation = Operation(*self._call(method, argument)[0])
@@ -148,6 +168,18 @@ class Client:
     def _signalled(self, _proxy, _sender, signal, arguments):
         if signal == "OperationStatusChanged" and arguments.get_type_string() == "((ssiii))":
             self._update(Operation(*arguments.unpack()[0]))
+        elif signal in _ANNOUNCEMENTS and arguments.get_type_string() in ("((ssssa{sv}))", "(s)"):
+            package, = arguments.unpack()
+            self._announced.add((_ANNOUNCEMENTS[signal], package if isinstance(package, str) else package[0]))
+            if len(self._timers) == 1 and any(self._is_announced(key) for key in self._attached & self._pending()):
+                self._ask_every(_SHORT_INTERVAL)
+
+    def _is_announced(self, key):
+        operation = self._operations[key]
+        return key in self._attached and (operation.type, operation.package_id) in self._announced
+
+    def _ask_every(self, interval):
+        self._timers.append(GLib.timeout_add(interval, self._guarded(self._ask), priority=GLib.PRIORITY_LOW))
 
     def _require_service(self, *_):
         if self._pending() and (self._bus.is_closed() or not self._service.get_name_owner()):
@@ -155,7 +187,7 @@ class Client:
 
     def _ask(self):
         try:
-            properties = self.properties()
+            properties = self._properties()
         except CallRefused:
             return  # The package manager may be busy: the service is asked again.
         completed = properties["CompletedOperations"]
@@ -165,8 +197,10 @@ class Client:
         for operation in completed:
             if operation.id not in self._operations:
                 self._changed(operation)
-        if absent & self._absent:
-            raise ServiceAbsent("the service no longer knows the operation; its result is unknown")
+        for key in absent & self._absent:
+            if not self._is_announced(key):
+                raise ServiceAbsent("the service no longer knows the operation; its result is unknown")
+            self._update(self._operations[key]._replace(status=FINISHED))
         self._absent = absent  # An operation may be on its way from one list to the other.
 
     def _guarded(self, handler):  # What a handler raises leaves follow().

@@ -241,8 +241,18 @@ TEST_F(Vendaractl, FollowsOperationsThatAnotherProcessRequested) {
     ASSERT_TRUE(showed(*upgrade, "ends when the application ends; to end it now: vendaractl restart app\n"));
     const auto follower = begin({"operations", "--follow"});
     ASSERT_TRUE(showed(*follower, "upgrade app: awaiting upgrade"));
+    Process inPython(
+        {"/usr/bin/python3", "-c",
+         "import sys, vendara\n"
+         "client = vendara.Client(print)\n"
+         "for operation in client.properties()['Operations']: client.attach(operation)\n"
+         "sys.exit(0 if client.follow() else 1)"},
+        {{{"PYTHONPATH", PYTHON_MODULES}, {"PYTHONDONTWRITEBYTECODE", "1"}, {"PYTHONUNBUFFERED", "1"}},
+         {},
+         {}});
+    ASSERT_TRUE(showed(inPython, "upgrade app: awaiting upgrade")) << inPython.output();
     zul.emit("PackageUpgraded", PackageManager::package("app", "2.0-1"));
-    for (const auto& process : {upgrade.get(), follower.get()}) {
+    for (auto* process : {upgrade.get(), follower.get(), &inPython}) {
         EXPECT_EQ(process->wait(), 0);
         EXPECT_THAT(process->output(), testing::EndsWith("upgrade app: finished\n"));
     }
