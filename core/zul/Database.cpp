@@ -82,8 +82,9 @@ std::optional<PackageData> Database::readPrepared(const PackageDirectory& direct
         Common::logWarning() << "couldn't read package data from the next directory: " << error;
         Common::logInfo() << "trying to read data from the current directory";
         Common::logInfo() << "cleaning up corrupted next directory: " << quoted(directory.next());
-        recordEvent(Event::CorruptedUpgradeRemoved, error.code(),
-                    "damaged upgrade given up: " + directory.path().native() + ": " + error.what());
+        recordEvent(
+            corruptedUpgradeRemoved, directory.path().filename(), directory.versionNameOf(directory.next()),
+            "damaged upgrade given up: " + directory.path().native() + ": " + error.what(), error.code());
     }
     if (directory.hasNextLink()) {
         directory.discardPreparedUpgrade();
@@ -200,8 +201,12 @@ void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcep
             Common::logWarning() << message << error;
         }
         Common::logInfo() << "cleaning up corrupted package directory: " << quoted(directory.path());
-        recordEvent(Event::CorruptedPackageRemoved, ErrorCode::CorruptedInstalledPackage,
-                    "damaged package removed: " + directory.path().native());
+        std::string version;
+        Common::guarded("couldn't read the version of a corrupted package",
+                        [&] { version = directory.versionNameOf(directory.current()); });
+        recordEvent(corruptedPackageRemoved, packageDirectory.filename(), version,
+                    "damaged package removed: " + directory.path().native(),
+                    ErrorCode::CorruptedInstalledPackage);
         try {
             removeAll(directory, isUnmapped);
         } catch (const Error& error) {

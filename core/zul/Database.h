@@ -34,6 +34,9 @@ struct MappingPlan;
 /// A process killed at any moment leaves a database that recoverDatabase(), one packages() and a
 /// refreshMappings() of every package bring back to whole packages with their mappings. What an operation
 /// reported as done survives the loss of power.
+///
+/// Installations, upgrades, removals and what was removed as damaged are entries in the systemd journal with
+/// the fields VENDARA_PACKAGE and VENDARA_VERSION; without a journal nothing is recorded.
 class Database : public DatabaseLocation {
 public:
     /// Takes the directories from the configuration file; see DatabaseLocation.

@@ -113,6 +113,8 @@ void Database::install(const PackageIdentity& package, const PackageData& entrie
         cleanupCorruptedPackage(directory.path());
         throw;
     }
+    recordEvent(packageInstalled, package.id(), package.version(),
+                "package " + package.id() + " installed: " + package.version());
 } catch (...) {
     throwAsError();
 }
@@ -230,7 +232,7 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
         putBack(directory);
         throw;
     }
-    recordEvent(Event::PackageUpgraded, ErrorCode::None,
+    recordEvent(packageUpgraded, package.id(), newName,
                 "package " + package.id() + " upgraded to " + newName);
     try {
         directory.sweep("couldn't cleanup previous version of the package: ");
@@ -280,6 +282,7 @@ void Database::putBack(const PackageDirectory& directory) noexcept {
 
 void Database::remove(const std::string& packageId) try {
     const PackageDirectory directory(packageDirectory(packageId));
+    const auto version = directory.versionNameOf(directory.current());
     // A package must not be unremovable because of a mapping that is.
     const bool isUnmapped = removeMappingsOf(directory, "couldn't remove package symlinks: " + packageId);
     try {
@@ -288,6 +291,8 @@ void Database::remove(const std::string& packageId) try {
         Common::logError() << error;
         throw Error(ErrorCode::Filesystem, "couldn't remove package directory: " + directory.path().native());
     }
+    const auto id = directory.path().filename().native();
+    recordEvent(packageRemoved, id, version, "package " + id + " removed");
 } catch (...) {
     throwAsError();
 }

@@ -62,8 +62,7 @@ void Database::recoverPackage(const PackageDirectory& directory, std::vector<std
             const auto name = directory.path().filename().native();
             completed.push_back(name);
             Common::logInfo() << "package " << name << " successfully upgraded";
-            recordEvent(Event::PackageUpgraded, ErrorCode::None,
-                        "package " + name + " upgraded to " + newName);
+            recordEvent(packageUpgraded, name, newName, "package " + name + " upgraded to " + newName);
             Common::flushDirectory(directory.path());
         } else {
             Common::logWarning() << "couldn't rename next symlink to the current: "

@@ -1,24 +1,45 @@
 #pragma once
 
 #include "common/Error.h"
-#include "platform/eventlog/eventlog.h"
 
+#include <array>
 #include <cstdint>
 #include <string>
+#include <syslog.h>
 
 namespace Core::ZUL {
 
-/// What the database reports to the platform's event log. The numbers stand in recorded logs.
-enum class Event : std::uint8_t {
-    PackageUpgraded = 1,
-    CorruptedPackageRemoved = 2,
-    CorruptedUpgradeRemoved = 3,
+/// A kind of event. Its numbers and its name stand in recorded logs.
+struct EventKind {
+    const char* name;
+    const char* messageId; ///< of its entries in the journal; field and value
+    int priority;          ///< of syslog(3)
+    std::uint8_t number;   ///< in the platform's event log; 0: it is not recorded there
 };
 
-/// Records an event. Any thread.
-/// @param code  the failure that led to it; None for a success
-inline void recordEvent(Event event, Common::ErrorCode code, const std::string& message) noexcept {
-    log_event(static_cast<std::uint8_t>(event), static_cast<std::uint32_t>(code), message.c_str());
-}
+inline constexpr EventKind packageInstalled{"PackageInstalled", "MESSAGE_ID=c66890cda4af40b2b14d8ccb9dae7f58",
+                                            LOG_NOTICE, 0};
+inline constexpr EventKind packageUpgraded{"PackageUpgraded", "MESSAGE_ID=2d6939f88bc947608cb972fb44d288c3",
+                                           LOG_NOTICE, 1};
+inline constexpr EventKind packageRemoved{"PackageRemoved", "MESSAGE_ID=45d05b0f55094931bd5ad60533d4dacc",
+                                          LOG_NOTICE, 0};
+inline constexpr EventKind corruptedPackageRemoved{
+    "CorruptedPackageRemoved", "MESSAGE_ID=5a86b5f62d424582a49bf20eb7814d3e", LOG_WARNING, 2};
+inline constexpr EventKind corruptedUpgradeRemoved{
+    "CorruptedUpgradeRemoved", "MESSAGE_ID=b0f8ef6b9d19451bbe7b48a6b0f37cd8", LOG_WARNING, 3};
+inline constexpr std::array eventKinds{packageInstalled, packageUpgraded, packageRemoved,
+                                       corruptedPackageRemoved, corruptedUpgradeRemoved};
+
+/// The fields of an event in the journal, beside MESSAGE and MESSAGE_ID.
+inline constexpr const char* packageField = "VENDARA_PACKAGE";
+inline constexpr const char* versionField = "VENDARA_VERSION";
+
+/// Records an event in the systemd journal and, where its kind has a number, in the platform's event log.
+/// Never fails: without a journal nothing is recorded there. Like log_event() it may wait for a journal that
+/// is stopped. Any thread.
+/// @param version  that the event is about; empty: unknown
+/// @param code     the failure that led to it; None for a success
+void recordEvent(const EventKind& kind, const std::string& package, const std::string& version,
+                 const std::string& message, Common::ErrorCode code = Common::ErrorCode::None) noexcept;
 
 } // namespace Core::ZUL

@@ -8,5 +8,6 @@
 
 void log_event(std::uint8_t kind, std::uint32_t value, const char* message) noexcept {
     sd_journal_send("MESSAGE=%s", message != nullptr ? message : "", "PRIORITY=%d", LOG_NOTICE,
-                    "EVENT_KIND=%u", unsigned{kind}, "EVENT_VALUE=%u", unsigned{value}, nullptr);
+                    "EVENT_KIND=%u", unsigned{kind}, "EVENT_VALUE=%u", unsigned{value},
+                    "SYSLOG_IDENTIFIER=eventlog", nullptr);
 }
