@@ -153,6 +153,9 @@ TEST_F(Vendaractl, NamesWhatIsWrongWithACommandLine) {
         {{"remove"}, "ID is required"},
         {{"wait", "a", "b"}, "wait: unexpected argument: b"},
         {{"wait", "a/b"}, "vendaractl: a/b: not a valid identifier"},
+        {{"history", "a/b"}, "vendaractl: a/b: not a valid identifier"},
+        {{"history", "--directory", "absent"}, "--directory: "},
+        {{"history", "--directory", "/", "--root", "/"}, "--root excludes --directory"},
         {{"operations", "--follow=3"}, "--follow takes no value"}};
     for (const auto& [arguments, problem] : cases) {
         const auto result = ctl(arguments);

@@ -21,11 +21,12 @@ struct Request {
     std::string configuration = Core::ZUL::DatabaseLocation::configurationFile;
     std::string systemRoot = "/";
     std::string image;                  ///< takes the place of the two; empty: none
+    std::string journal;                ///< directory with the journal of history; empty: that of the system
     std::vector<std::string> arguments; ///< absolute paths, of existing files but for owner, or identifiers
 };
 
 // Each command returns when it is done, `monitor` never. All throw what Vendara::Client throws, and
-// OutputLost. `check` and those that look into the database ask no service.
+// OutputLost. `check` and those that look into the database or the journal ask no service.
 [[nodiscard]] ExitStatus check(const Request& request);
 [[nodiscard]] ExitStatus install(const Request& request);
 [[nodiscard]] ExitStatus remove(const Request& request);
@@ -40,5 +41,6 @@ struct Request {
 [[nodiscard]] ExitStatus owner(const Request& request);
 [[nodiscard]] ExitStatus size(const Request& request);
 [[nodiscard]] ExitStatus verify(const Request& request);
+[[nodiscard]] ExitStatus history(const Request& request);
 
 } // namespace Vendaractl

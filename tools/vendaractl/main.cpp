@@ -124,7 +124,9 @@ private:
         auto* const measurement = add("size", "Show the bytes that packages take", size);
         auto* const verification =
             add("verify", "Compare the database and the system directories, and change nothing", verify);
-        for (auto* const command : {measurement, verification}) {
+        auto* const past =
+            add("history", "Show what was installed, upgraded and removed, from the journal", history);
+        for (auto* const command : {measurement, verification, past}) {
             arguments(command, "ID", "Package identifier; all packages without it")
                 ->required(false)
                 ->expected(1, 1);
@@ -132,13 +134,19 @@ private:
         verification->add_flag("--no-attributes", request_.ignoresAttributes,
                                "Do not expect security attributes, which only root may attach");
         for (auto* const command : {listing, search, measurement, verification}) {
-            auto* const image =
-                command->add_option("--root", request_.image, "Root directory of a system image to look into")
-                    ->check(CLI::ExistingDirectory);
+            auto* const image = addImage(command);
             for (auto* const option : addDatabase(command)) {
                 image->excludes(option);
             }
         }
+        addImage(past)->excludes(
+            past->add_option("--directory", request_.journal, "Directory with the files of a journal")
+                ->check(CLI::ExistingDirectory));
+    }
+
+    CLI::Option* addImage(CLI::App* command) {
+        return command->add_option("--root", request_.image, "Root directory of a system image to look into")
+            ->check(CLI::ExistingDirectory);
     }
 
     std::array<CLI::Option*, 2> addDatabase(CLI::App* command) {

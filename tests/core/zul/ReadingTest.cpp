@@ -1,10 +1,5 @@
 #include "tests/core/zul/DatabaseTest.h"
 
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-
 namespace Testbed {
 
 using ReadingADatabase = DatabaseTest;
@@ -82,23 +77,6 @@ TEST_F(ReadingADatabase, ListsPackagesAndClearsAwayTheRest) {
                 HasSubstr("WARN: corrupted package directory found: \"" + (root / "empty").native()));
     fs::remove_all(root);
     EXPECT_THAT(database.packages(), IsEmpty());
-}
-
-TEST_F(ReadingADatabase, ReportsWhatItCleansUpToTheJournal) {
-    fs::create_directories(scratch.path() / "run/systemd/journal");
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount((scratch.path() / "run").c_str(), "/run", nullptr, MS_BIND, nullptr) != 0) {
-        GTEST_SKIP() << "only root may put a journal of the test's own in the place of the system's";
-    }
-    const Common::UniqueFd journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const sockaddr_un address{AF_UNIX, "/run/systemd/journal/socket"};
-    ASSERT_EQ(bind(journal.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    fs::create_directories(dir());
-    EXPECT_THAT(database.packages(), IsEmpty());
-    std::string entry(4096, '\0');
-    entry.resize(static_cast<std::size_t>(recv(journal.get(), entry.data(), entry.size(), MSG_DONTWAIT)));
-    EXPECT_THAT(entry, HasSubstr("MESSAGE=damaged package removed: " + dir().native() +
-                                 "\nPRIORITY=5\nEVENT_KIND=2\nEVENT_VALUE=11\n"));
 }
 
 } // namespace Testbed
