@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -73,5 +74,9 @@ developerCmsFromVector(const std::vector<Cms>& cmses);
 /// The client's CMS of the list; otherwise like developerCmsFromVector().
 [[nodiscard, gnu::visibility("default")]] std::optional<Cms>
 clientCmsFromVector(const std::vector<Cms>& cmses);
+
+/// When the certificate of a CMS's signer expires. Any thread. Throws std::runtime_error.
+/// Weak: a device's library may lack it. Its address is null there.
+[[nodiscard, gnu::visibility("default"), gnu::weak]] std::chrono::sys_seconds validUntil(const Cms& cms);
 
 } // namespace PackageSignatures

@@ -4,11 +4,32 @@
 #include "platform/signcms/PackageSignatures.h"
 #include "tools/vendaractl/Commands.h"
 
+#include <chrono>
+#include <ctime>
+#include <iomanip>
+#include <sstream>
+
 namespace Vendaractl {
 
 using Core::ZUL::Inspection;
 
 namespace {
+
+std::string textOf(std::chrono::sys_seconds time, const char* form) {
+    const auto seconds = std::chrono::system_clock::to_time_t(time);
+    std::tm fields{};
+    std::ostringstream text;
+    text << std::put_time(gmtime_r(&seconds, &fields), form);
+    return text.str();
+}
+
+JsonValue toJson(const Core::ZUL::Expiry& expiry) {
+    return expiry ? JsonValue(textOf(*expiry, "%Y-%m-%dT%H:%M:%SZ")) : JsonValue();
+}
+
+std::string inWords(const Core::ZUL::Expiry& expiry) {
+    return expiry ? textOf(*expiry, ", valid until %Y-%m-%d") : "";
+}
 
 JsonValue toJson(const std::string& file, const Inspection& found) {
     JsonValue result{{"file", file}, {"accepted", !found.refusal}};
@@ -30,8 +51,12 @@ JsonValue toJson(const std::string& file, const Inspection& found) {
                    {"developer",
                     {{"subject", package.developerCms().certificate().subject()},
                      {"keyId", package.developerKeyId()},
+                     {"validUntil", toJson(package.developerExpiry())},
                      {"system", package.isSystemDeveloper()}}},
-                   {"source", {{"subject", package.sourceSubject()}, {"keyId", package.sourceKeyId()}}},
+                   {"source",
+                    {{"subject", package.sourceSubject()},
+                     {"keyId", package.sourceKeyId()},
+                     {"validUntil", toJson(package.sourceExpiry())}}},
                    {"size", found.size},
                    {"available", orNull(found.available)},
                    {"files", JsonValue::array()}});
@@ -51,8 +76,9 @@ void print(const std::string& file, const Inspection& found) {
              (found.existingVersion.empty() ? ", a first installation"
                                             : ", an upgrade of " + found.existingVersion));
         line("  developer: " + package.developerCms().certificate().subject() +
-             (package.isSystemDeveloper() ? " (the platform's)" : ""));
-        line("  source: " + (package.sourceSubject().empty() ? "none" : package.sourceSubject()));
+             (package.isSystemDeveloper() ? " (the platform's)" : "") + inWords(package.developerExpiry()));
+        line("  source: " + (package.sourceSubject().empty() ? "none" : package.sourceSubject()) +
+             inWords(package.sourceExpiry()));
         line("  size: " + std::to_string(found.size) + " bytes" +
              (found.available ? ", " + std::to_string(*found.available) + " free" : ""));
         for (const auto& each : found.files) {

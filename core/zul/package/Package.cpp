@@ -133,6 +133,10 @@ bool isSystemDeveloperKey(const std::string& keyId, const std::filesystem::path&
     return line == keyId;
 }
 
+Expiry expiryOf(const PackageSignatures::Cms& cms) {
+    return PackageSignatures::validUntil != nullptr ? Expiry(PackageSignatures::validUntil(cms)) : Expiry();
+}
+
 } // namespace
 
 Package::Package(PackageIdentity identity, const PackageSignatures::Cms& developerCms,
@@ -160,9 +164,11 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     Common::Rpm::requirePayloadDigest(header);
     Package package(std::move(named), *signatures.developer, std::move(opened));
     package.architecture_ = std::move(architecture);
+    package.developerExpiry_ = expiryOf(*signatures.developer);
     if (signatures.client) {
         package.sourceKeyId_ = signatures.client->certificate().keyId();
         package.sourceSubject_ = signatures.client->certificate().subject();
+        package.sourceExpiry_ = expiryOf(*signatures.client);
     }
     package.isSystemDeveloper_ =
         isSystemDeveloperKey(package.developerKeyId(), authorities.systemDeveloperKeyId);

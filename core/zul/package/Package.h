@@ -2,10 +2,12 @@
 
 #include "core/zul/PackageIdentity.h"
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <string>
 
@@ -16,6 +18,9 @@ class Cms;
 namespace Core::ZUL {
 
 class PackageFile;
+
+/// When a certificate expires (UTC); nothing where the platform's library does not say.
+using Expiry = std::optional<std::chrono::sys_seconds>;
 
 /// Attaches an extended attribute to a file that is open for writing.
 /// @return 0, or the errno value that says why not
@@ -96,6 +101,9 @@ public:
     /// Key identifier and subject of the client's certificate; without one noSource and nothing.
     [[nodiscard]] const std::string& sourceKeyId() const { return sourceKeyId_; }
     [[nodiscard]] const std::string& sourceSubject() const { return sourceSubject_; }
+    /// Of the developer's certificate, and of the client's; nothing as well when no client signed.
+    [[nodiscard]] const Expiry& developerExpiry() const { return developerExpiry_; }
+    [[nodiscard]] const Expiry& sourceExpiry() const { return sourceExpiry_; }
     /// Whether the developer is the platform's own.
     [[nodiscard]] bool isSystemDeveloper() const { return isSystemDeveloper_; }
 
@@ -107,6 +115,8 @@ private:
     std::shared_ptr<const PackageSignatures::Cms> developerCms_;
     std::string sourceKeyId_ = noSource;
     std::string sourceSubject_;
+    Expiry developerExpiry_;
+    Expiry sourceExpiry_;
     bool isSystemDeveloper_ = false;
     std::shared_ptr<const PackageFile> file_;
 };

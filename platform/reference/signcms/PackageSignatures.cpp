@@ -3,6 +3,8 @@
 #include "platform/reference/signcms/SignedBlob.h"
 
 #include <algorithm>
+#include <ctime>
+#include <stdexcept>
 #include <utility>
 
 namespace PackageSignatures {
@@ -51,6 +53,14 @@ std::optional<Cms> developerCmsFromVector(const std::vector<Cms>& cmses) {
 
 std::optional<Cms> clientCmsFromVector(const std::vector<Cms>& cmses) {
     return onlyOneOf(cmses, Role::Client);
+}
+
+std::chrono::sys_seconds validUntil(const Cms& cms) {
+    std::tm fields{};
+    if (ASN1_TIME_to_tm(X509_get0_notAfter(x509Of(cms).get()), &fields) != 1) {
+        throw std::runtime_error("the certificate's end is not a time");
+    }
+    return std::chrono::sys_seconds(std::chrono::seconds(timegm(&fields)));
 }
 
 } // namespace PackageSignatures
