@@ -63,8 +63,8 @@ TEST_F(VendaraSign, SignsAsDeveloperAndLaterAsClient) {
     EXPECT_EQ(shown.status, 0);
     EXPECT_THAT(shown.output, HasSubstr("developer\n  subject: CN=Test developer\n"));
     EXPECT_THAT(shown.output, HasSubstr("client\n  subject: CN=Test client\n"));
-    EXPECT_EQ(sign({"--show", "a.rpm"}).output,
-              "package: " + std::to_string(plain.size()) + " bytes\n" + shown.output);
+    const auto size = "package: " + std::to_string(plain.size()) + " bytes\n";
+    EXPECT_EQ(size + shown.output.substr(shown.output.find("developer\n")), sign({"--show", "a.rpm"}).output);
 
     // The same keys and package give the same file.
     writeFile(scratch.path() / "b.rpm", plain);
@@ -86,7 +86,12 @@ TEST_F(VendaraSign, ReplacesAndRemovesSignaturesOfManyPackagesAndPrintsThemAsJso
     EXPECT_EQ(shown.status, 1);
     std::istringstream lines(shown.output);
     std::string text;
-    std::getline(lines, text);
+    const auto readLine = [&] {
+        while (std::getline(lines, text) &&
+               text.starts_with("WARN: the package does not contain a manifest")) {
+        }
+    };
+    readLine();
     const auto signatures = nlohmann::json::parse(text).at("signatures");
     ASSERT_EQ(signatures.size(), 2);
     EXPECT_EQ(signatures[0].at("subject"), "CN=Test system developer");
@@ -96,9 +101,9 @@ TEST_F(VendaraSign, ReplacesAndRemovesSignaturesOfManyPackagesAndPrintsThemAsJso
               readFile(scratch.path() / "ca/system-developer-keyid"));
     EXPECT_EQ(signatures[1].at("role"), "client");
     EXPECT_LT(signatures[1].at("validFrom"), signatures[1].at("validUntil"));
-    std::getline(lines, text);
+    readLine();
     EXPECT_THAT(text, HasSubstr("vendara-sign: missing.rpm: "));
-    std::getline(lines, text);
+    readLine();
     EXPECT_EQ(nlohmann::json::parse(text).at("package"), "b.rpm");
     const auto whole = readFile(file);
     auto changed = whole;
@@ -229,8 +234,10 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
     ASSERT_EQ(sign(by("developer", "developer", "a.rpm")).status, 0);
     auto damaged = readFile(file);
     damaged[damaged.size() / 2] ^= 1;
-    const auto plain =
-        readFile(buildPackage(scratch.path() / "build", {.name = "b", .files = {{"/b", "b"}}}));
+    const auto plain = readFile(buildPackage(
+        scratch.path() / "build", {.name = "b",
+                                   .files = {{"/usr/share/applications/b.desktop",
+                                              "[Desktop Entry]\nType=Application\nName=B\nExec=b\n"}}}));
     writeFile(scratch.path() / "damaged.rpm", damaged);
     writeFile(scratch.path() / "b.rpm", plain);
     writeFile(scratch.path() / "text.rpm", "text");
@@ -251,6 +258,9 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         links[place] = {.directory = "/usr/", .name = std::to_string(10'000 + place), .inode = 1};
     }
     craftPackage(scratch.path() / "links.rpm", links);
+    const auto badManifest = buildPackage(
+        scratch.path() / "build", {.name = "c", .files = {{"/usr/share/applications/c.desktop", "Name"}}});
+    ASSERT_EQ(sign(by("developer", "developer", badManifest, {"--output=manifest.rpm"})).status, 0);
     const auto withOption = [](const std::string& name, const std::string& value) {
         return by("developer", "developer", "b.rpm", {name, value});
     };
@@ -283,6 +293,9 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         {noKey, "ca/missing.key: No such file"},
         {{"--make-test-ca", "ca"}, "ca/developer.key: File exists"},
         {{"--verify", "--authority", "ca/ca.pem", "b.rpm"}, "b.rpm: not signed by a developer"},
+        {{"--verify", "--authority", "ca/ca.pem", "cut.rpm"}, "cut.rpm: the rpm package is cut off"},
+        {{"--verify", "--authority", "ca/ca.pem", "manifest.rpm"},
+         "manifest.rpm: couldn't parse the package's manifest"},
         {{"--verify", "--authority", "ca/client.pem", "a.rpm"}, "issuer certificate"},
         {{"--verify", "--authority", "ca/none.pem", "a.rpm"}, "ca/none.pem: No such file"}};
     const auto before = digestOfTree(scratch.path());
