@@ -2,12 +2,12 @@
 
 #include "common/Files.h"
 #include "common/rpm/FileList.h"
-#include "common/rpm/Reader.h"
 #include "common/rpm/Version.h"
 #include "core/zul/Edge.h"
 #include "core/zul/PackageDirectory.h"
 #include "core/zul/mapping/Mapping.h"
 #include "core/zul/mapping/MappingRules.h"
+#include "core/zul/package/PackageFile.h"
 #include "core/zul/package/PackagePath.h"
 
 #include <cstdlib>
@@ -28,10 +28,9 @@ bool isTaken(SystemTree& tree, const std::string& place, const std::filesystem::
            !mapping.isReplaceable(packageDirectory.parent_path());
 }
 
-void listFiles(const std::filesystem::path& file, const InspectedSystem& system, Inspection& result) {
+void listFiles(const InspectedSystem& system, Inspection& result) {
     const auto& package = *result.package;
-    const Common::Rpm::Reader reader(file);
-    const Common::Rpm::FileList list(reader.header());
+    const Common::Rpm::FileList list(package.file().reader().header());
     const PackagePath paths(package);
     const auto rules = mappingRules(package);
     SystemTree tree(system.root, SystemTree::Use::Look);
@@ -84,7 +83,7 @@ void requireSpace(const InspectedSystem& system, Inspection& result) {
 
 void inspect(const std::filesystem::path& file, const InspectedSystem& system, Inspection& result) try {
     result.package = Package::fromFile(file, system.authorities);
-    listFiles(file, system, result);
+    listFiles(system, result);
     result.package->requireArchitecture(system.architecture);
     compareVersions(system, result);
     for (const auto& each : result.files) {

@@ -4,7 +4,11 @@
 #include "tests/core/zul/DatabaseTest.h"
 #include "tests/core/zul/package/SignedPackage.h"
 
+#include <fcntl.h>
+#include <fstream>
 #include <functional>
+#include <sys/stat.h>
+#include <thread>
 
 namespace Testbed {
 
@@ -67,6 +71,33 @@ TEST_F(AnInspection, RefusesWhatAnInstallationRefuses) {
     const auto unsignedPackage = buildPackage(scratch.path(), {.version = "4.0"});
     EXPECT_EQ(codeFor(unsignedPackage), ErrorCode::BadPackageSignature);
     EXPECT_EQ(codeFor(scratch.path() / "absent"), ErrorCode::FileNotFound);
+}
+
+TEST_F(AnInspection, ListsTheFilesOfThePackageThatItValidated) {
+    for (const std::string version : {"2.0", "3.0"}) {
+        const auto directory = scratch.path() / version;
+        fs::create_directory(directory);
+        fs::rename(signedPackage({.version = version, .files = {{"/usr/bin/" + version, "x"}}}),
+                   directory / "a.rpm");
+    }
+    const auto link = scratch.path() / "link";
+    fs::create_directory_symlink("2.0", link);
+    system.authorities.systemDeveloperKeyId = scratch.path() / "fifo";
+    ASSERT_EQ(mkfifo(system.authorities.systemDeveloperKeyId.c_str(), 0600), 0);
+    Common::UniqueFd reader;
+    // The inspection waits here for the first line, its package validated.
+    const std::jthread replacement([&] {
+        std::ofstream fifo(system.authorities.systemDeveloperKeyId);
+        fs::remove(link);
+        fs::create_directory_symlink("3.0", link);
+        fifo << "none\n";
+    });
+    const auto found = inspect(link / "a.rpm", system);
+    reader = Common::UniqueFd(open(system.authorities.systemDeveloperKeyId.c_str(), O_RDONLY | O_NONBLOCK));
+    ASSERT_FALSE(found.refusal) << found.refusal->what();
+    EXPECT_EQ(found.package->version(), "2.0-1");
+    ASSERT_EQ(found.files.size(), 1U);
+    EXPECT_EQ(found.files[0].path, "/usr/bin/2.0");
 }
 
 struct InspectedOnDisk : DatabaseOnDisk {
