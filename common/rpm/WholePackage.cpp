@@ -72,7 +72,8 @@ bool continuesPayload(int file, std::uint64_t offset) {
 void freeContext(DIGEST_CTX context) { rpmDigestFinal(context, nullptr, nullptr, 0); }
 
 /// The digest in hexadecimal digits of the bytes from start to end; of fewer where the file ends before.
-std::string digestOf(int file, std::uint64_t start, std::uint64_t end, int algorithm) {
+std::string digestOf(int file, std::uint64_t start, std::uint64_t end, int algorithm,
+                     const ReadingProgress& progress) {
     std::unique_ptr<std::remove_pointer_t<DIGEST_CTX>, void (*)(DIGEST_CTX)> context(
         rpmDigestInit(algorithm, RPMDIGEST_NONE), freeContext);
     if (!context) {
@@ -87,6 +88,9 @@ std::string digestOf(int file, std::uint64_t start, std::uint64_t end, int algor
         }
         rpmDigestUpdate(context.get(), piece.data(), *count);
         start += wanted;
+        if (progress) {
+            progress(start);
+        }
     }
     void* text = nullptr;
     rpmDigestFinal(context.release(), &text, nullptr, 1);
@@ -110,7 +114,7 @@ std::uint64_t packageLength(const Reader& reader) {
     return *layout.endOffset;
 }
 
-void requirePayloadDigest(const Reader& reader) {
+void requirePayloadDigest(const Reader& reader, const ReadingProgress& progress) {
     const auto end = packageLength(reader);
     rpmtd_s expected{};
     if (headerGet(reader.header(), RPMTAG_PAYLOADDIGEST, &expected, HEADERGET_MINMEM) == 0) {
@@ -121,16 +125,16 @@ void requirePayloadDigest(const Reader& reader) {
     rpmtdFreeData(&expected);
     const auto algorithm = static_cast<int>(headerGetNumber(reader.header(), RPMTAG_PAYLOADDIGESTALGO));
     if (text.empty() ||
-        digestOf(descriptorOf(reader), layoutOf(reader).payloadOffset, end, algorithm) != text) {
+        digestOf(descriptorOf(reader), layoutOf(reader).payloadOffset, end, algorithm, progress) != text) {
         refuse("the payload of the rpm package is not what its header says");
     }
 }
 
-void requireWholePackage(const Reader& reader, std::uint64_t length) {
+void requireWholePackage(const Reader& reader, std::uint64_t length, const ReadingProgress& progress) {
     if (packageLength(reader) != length) {
         refuse("the rpm package has something behind its end");
     }
-    requirePayloadDigest(reader);
+    requirePayloadDigest(reader, progress);
 }
 
 } // namespace Common::Rpm

@@ -3,6 +3,7 @@
 #include "common/rpm/Reader.h"
 
 #include <cstdint>
+#include <functional>
 
 namespace Common::Rpm {
 
@@ -17,13 +18,17 @@ namespace Common::Rpm {
 /// read.
 [[nodiscard]] std::uint64_t packageLength(const Reader& reader);
 
+/// Is called after each piece of the payload that was read, with the place in the file in bytes: at last
+/// packageLength(). May throw, which ends the reading.
+using ReadingProgress = std::function<void(std::uint64_t place)>;
+
 /// Reads the whole payload and compares it with the digest that the header has; an old package without such a
 /// digest passes. Throws Error: what packageLength() throws; BadPackage when they differ or the digest is of
 /// an unknown kind.
-void requirePayloadDigest(const Reader& reader);
+void requirePayloadDigest(const Reader& reader, const ReadingProgress& progress = {});
 
 /// All of the above, and that the package has the length which the caller knows from elsewhere: nothing is
 /// behind its payload, a signature of before no more than anything else.
-void requireWholePackage(const Reader& reader, std::uint64_t length);
+void requireWholePackage(const Reader& reader, std::uint64_t length, const ReadingProgress& progress = {});
 
 } // namespace Common::Rpm

@@ -81,8 +81,9 @@ void requireSpace(const InspectedSystem& system, Inspection& result) {
     }
 }
 
-void inspect(const std::filesystem::path& file, const InspectedSystem& system, Inspection& result) try {
-    result.package = Package::fromFile(file, system.authorities);
+void inspect(const std::filesystem::path& file, const InspectedSystem& system, const ExtractionWatch& watch,
+             Inspection& result) try {
+    result.package = Package::fromFile(file, system.authorities, watch);
     listFiles(system, result);
     result.package->requireArchitecture(system.architecture);
     compareVersions(system, result);
@@ -99,10 +100,11 @@ void inspect(const std::filesystem::path& file, const InspectedSystem& system, I
 
 } // namespace
 
-Inspection inspect(const std::filesystem::path& file, const InspectedSystem& system) {
+Inspection inspect(const std::filesystem::path& file, const InspectedSystem& system,
+                   const ExtractionWatch& watch) {
     Inspection result;
     try {
-        inspect(file, system, result);
+        inspect(file, system, watch, result);
     } catch (const Error& refusal) {
         result.refusal = refusal;
     }

@@ -40,6 +40,8 @@ struct InspectedSystem {
 /// refusal is the first of: what Package::fromFile() throws; BadPackageArchitecture; DowngradeAttempt or
 /// UpgradeAlreadyPrepared; Filesystem for a place that is taken, too little space or what could not be read.
 /// One thread at a time, as Common::Rpm::Reader.
-[[nodiscard]] Inspection inspect(const std::filesystem::path& file, const InspectedSystem& system);
+/// @param watch  follows the validation of the file, as Package::fromFile() takes it
+[[nodiscard]] Inspection inspect(const std::filesystem::path& file, const InspectedSystem& system,
+                                 const ExtractionWatch& watch = {});
 
 } // namespace Core::ZUL

@@ -10,6 +10,8 @@
 namespace {
 
 using namespace Testbed;
+using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
 using Json = nlohmann::json;
 
@@ -97,6 +99,25 @@ TEST_F(Check, ShowsTheSignersAndWhenTheirCertificatesExpire) {
     EXPECT_EQ(json["developer"]["validUntil"], "2091-01-01T00:00:00Z");
     EXPECT_EQ(json["source"]["validUntil"], "2091-01-01T00:00:00Z");
     expectDocumented(json);
+}
+
+TEST_F(Check, ShowsItsProgressOnATerminalAlone) {
+    const PackageSpec spec{.files = {{"/usr/bin/tool", "12345"}}};
+    makePackage("app.rpm", spec);
+    EXPECT_THAT(check({"app.rpm"}).output, testing::Not(HasSubstr(" %")));
+    const auto onTerminal = [&](const std::string& command) {
+        return run({"script", "-qec", command, "/dev/null"},
+                   {.environment = {{"TERM", "xterm"}}, .directory = scratch.path()})
+            .output;
+    };
+    EXPECT_THAT(onTerminal(VENDARACTL " check --authority keys/ca.pem app.rpm app.rpm"),
+                AllOf(HasSubstr("checking 1 of 2: 0 %\x1b[K\r"), HasSubstr("checking 2 of 2: 100 %\x1b[K\r"),
+                      HasSubstr("\x1b[Kcom.example.app 1.0-1")));
+    EXPECT_THAT(onTerminal(VENDARA_SIGN " --verify --authority keys/ca.pem app.rpm"),
+                HasSubstr("verifying: 100 %\x1b[K\r\x1b[Kdeveloper\r\n"));
+    EXPECT_THAT(
+        onTerminal(VENDARA_SIGN " --client-key keys/client.key --client-cert keys/client.pem app.rpm"),
+        AllOf(HasSubstr("signing: 50 %"), EndsWith("signing: 100 %\x1b[K\r\x1b[K")));
 }
 
 } // namespace

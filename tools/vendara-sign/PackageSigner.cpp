@@ -88,7 +88,8 @@ private:
     PackageSignatures::PackageDigest digest_;
 };
 
-void copyBytes(int source, std::uint64_t length, Common::AtomicFile& output) {
+void copyBytes(int source, std::uint64_t length, Common::AtomicFile& output,
+               const Common::Rpm::ReadingProgress& progress = {}) {
     std::string piece(std::size_t{1024} * 1024, '\0');
     for (std::uint64_t offset = 0; offset < length;) {
         const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), length - offset));
@@ -99,6 +100,9 @@ void copyBytes(int source, std::uint64_t length, Common::AtomicFile& output) {
         }
         output.write(std::string_view(piece).substr(0, *count));
         offset += *count;
+        if (progress) {
+            progress(offset);
+        }
     }
 }
 
@@ -128,12 +132,19 @@ void writeSigned(const SignRequest& request) {
     }
     const auto length = package ? package->packageLength() : lengthOf(file);
     auto output = newFile(file, request.output);
-    copyBytes(file.get(), length, output);
+    // The package is read to be copied and once more to be validated.
+    const auto report = [&](std::uint64_t done) {
+        if (request.progress) {
+            request.progress(done, 2 * length);
+        }
+    };
+    copyBytes(file.get(), length, output, report);
     // From here on the copy is read: no other process writes to it.
     const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), length);
     const Common::Rpm::Reader reader(pathOf(output.descriptor()));
     if (!request.evenBroken) {
-        Common::Rpm::requireWholePackage(reader, length);
+        Common::Rpm::requireWholePackage(reader, length,
+                                         [&](std::uint64_t place) { report(length + place); });
     }
     auto cmses = package ? existingCmses(package->cmses(), digest, request) : CmsesByRole();
     const CmsMaker maker(request, reader, digest);

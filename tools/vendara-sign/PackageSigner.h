@@ -3,7 +3,9 @@
 #include "tools/vendara-sign/DigestFile.h"
 #include "tools/vendara-sign/Identity.h"
 
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,6 +22,7 @@ struct SignRequest {
     bool evenBroken = false;       ///< signs what is not one whole binary package; for tests of devices
     bool onlyDigests = false;      ///< finds the digests without a signature and writes no package
     DigestFile* digests = nullptr; ///< has the signatures, where the identities have no keys
+    std::function<void(std::uint64_t done, std::uint64_t total)> progress{}; ///< bytes of its reading
 };
 
 /// Writes the package with the signatures that it has and those that are asked for. The output is replaced as

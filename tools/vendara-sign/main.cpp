@@ -4,6 +4,7 @@
 #include "core/zul/package/Package.h"
 #include "platform/reference/pkgverify/OpenPackage.h"
 #include "platform/reference/signcms/SignedBlob.h"
+#include "tools/Progress.h"
 #include "tools/vendara-sign/CommandLine.h"
 #include "tools/vendara-sign/PackageSigner.h"
 
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <optional>
 #include <stdexcept>
@@ -76,20 +78,23 @@ void show(const std::string& path, const Arguments& arguments) {
     printSigners(path, package, arguments.json);
 }
 
-void verify(const std::string& path, const Arguments& arguments) {
+void verify(const std::string& path, const Arguments& arguments, Tools::Progress& progress) {
     const OpenPackage package(path);
+    progress(0, 0);
     // First: the library has the reason in its log only.
     package.requireVerified(arguments.authority);
     try {
         // Which developer is the platform's own makes no difference.
         static_cast<void>(Core::ZUL::Package::fromFile(
             "/proc/self/fd/" + std::to_string(package.descriptor()),
-            {.certificates = arguments.authority, .systemDeveloperKeyId = "/dev/null"}));
+            {.certificates = arguments.authority, .systemDeveloperKeyId = "/dev/null"},
+            {.progress = std::ref(progress)}));
     } catch (const Common::Error& error) {
         const bool isSignatureMissing = error.code() == Common::ErrorCode::BadPackageSignature;
         throw std::runtime_error(path + ": " +
                                  (isSignatureMissing ? "not signed by a developer" : error.what()));
     }
+    progress.end();
     printSigners(path, package, arguments.json);
 }
 
@@ -140,13 +145,16 @@ void writeDigests(const Signing::DigestFile& digests, const std::string& path) {
 }
 
 /// Carries out an action for each package.
+/// @param words  what it does
 /// @return whether it succeeded for all; the failures have been reported
 template<typename Action>
-bool forEachPackage(const Arguments& arguments, const Action& action) {
+bool forEachPackage(const Arguments& arguments, const std::string& words, const Action& action) {
     bool hasFailed = false;
-    for (const auto& package : arguments.packages) {
+    for (std::size_t index = 0; index < arguments.packages.size(); ++index) {
+        const auto& package = arguments.packages[index];
         try {
-            action(package);
+            Tools::Progress progress(words, index, arguments.packages.size());
+            action(package, progress);
         } catch (const std::exception& error) {
             std::cerr << "vendara-sign: " << Common::printable(error.what()) << std::endl;
             hasFailed = true;
@@ -165,8 +173,9 @@ bool sign(Arguments& arguments) {
     request.developer = signerFrom(arguments.developerKey, arguments.developerCertificate, arguments);
     request.client = signerFrom(arguments.clientKey, arguments.clientCertificate, arguments);
     const auto& output = request.onlyDigests ? arguments.digestOutput : arguments.output;
-    return forEachPackage(arguments, [&](const std::string& package) {
+    return forEachPackage(arguments, "signing", [&](const std::string& package, Tools::Progress& progress) {
         request.package = package;
+        request.progress = std::ref(progress);
         request.output = output.empty() ? package : output;
         Signing::signPackage(request);
         if (request.onlyDigests) {
@@ -187,9 +196,9 @@ bool run(Arguments& arguments) {
     if (!arguments.verify && !arguments.show && !arguments.strip) {
         return sign(arguments);
     }
-    return forEachPackage(arguments, [&](const std::string& package) {
+    return forEachPackage(arguments, "verifying", [&](const std::string& package, Tools::Progress& progress) {
         if (arguments.verify) {
-            verify(package, arguments);
+            verify(package, arguments, progress);
         } else if (arguments.show) {
             show(package, arguments);
         } else {

@@ -2,10 +2,12 @@
 #include "common/PrintableText.h"
 #include "core/zul/Inspection.h"
 #include "platform/signcms/PackageSignatures.h"
+#include "tools/Progress.h"
 #include "tools/vendaractl/Commands.h"
 
 #include <chrono>
 #include <ctime>
+#include <functional>
 #include <iomanip>
 #include <sstream>
 
@@ -103,8 +105,13 @@ ExitStatus check(const Request& request) {
         system.authorities.certificates = request.authority;
     }
     bool areAllAccepted = true;
-    for (const auto& file : request.arguments) {
-        const auto found = Core::ZUL::inspect(file, system);
+    for (std::size_t index = 0; index < request.arguments.size(); ++index) {
+        const auto& file = request.arguments[index];
+        const auto found = [&] {
+            Tools::Progress progress("checking", index, request.arguments.size());
+            progress(0, 0);
+            return Core::ZUL::inspect(file, system, {.progress = std::ref(progress)});
+        }();
         areAllAccepted = areAllAccepted && !found.refusal;
         if (request.format == Format::Json) {
             printJson(toJson(file, found));

@@ -23,6 +23,7 @@ namespace Core::ZUL {
 using Common::Error;
 using Common::ErrorCode;
 using Common::Rpm::FileIterator;
+using Common::Rpm::ReadingProgress;
 
 namespace {
 
@@ -48,9 +49,11 @@ std::string readEntry(FileIterator& files, const std::string& path) {
 /// @param refusal  why the package is refused in the end, if it is; thrown when the search becomes too long
 /// @return nothing when the payload has no such file
 std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, const std::string& path,
-                                           const std::optional<Error>& refusal) {
+                                           const std::optional<Error>& refusal,
+                                           const ReadingProgress& progress) {
     FileIterator files(reader);
     auto left = searchLimit;
+    std::uint64_t passed = 0;
     const int wanted = files.fileOf(path);
     while (wanted >= 0 && files.next()) {
         // A file with several names has its content at the first of them that the archive has.
@@ -67,15 +70,17 @@ std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, co
             throw Error(*refusal);
         }
         left -= std::min(cost, left);
+        progress(passed);
+        passed += files.hasContent() ? files.size() : 0;
     }
     return {};
 }
 
 /// The identity with the names of the package's manifest, if it has one. Parameters as readFromPayload().
 PackageIdentity withManifest(const PackageIdentity& package, const Common::Rpm::Reader& reader,
-                             const std::optional<Error>& refusal) {
+                             const std::optional<Error>& refusal, const ReadingProgress& progress) {
     const auto path = "/usr/share/applications/" + package.id() + ".desktop";
-    const auto bytes = readFromPayload(reader, path, refusal);
+    const auto bytes = readFromPayload(reader, path, refusal, progress);
     if (!bytes) {
         Common::logWarning() << "the package does not contain a manifest: " << path;
         return package;
@@ -145,7 +150,8 @@ Package::Package(PackageIdentity identity, const PackageSignatures::Cms& develop
     , developerCms_(std::make_shared<const PackageSignatures::Cms>(developerCms))
     , file_(std::move(file)) {}
 
-Package Package::fromFile(const std::filesystem::path& file, const Authorities& authorities) try {
+Package Package::fromFile(const std::filesystem::path& file, const Authorities& authorities,
+                          const ExtractionWatch& watch) try {
     auto opened = std::make_shared<const PackageFile>(file);
     const auto& header = opened->reader();
     const auto id = header.getStringTag(RPMTAG_NAME);
@@ -153,15 +159,27 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     const auto release = header.getStringTag(RPMTAG_RELEASE);
     auto architecture = header.getStringTag(RPMTAG_ARCH);
     const PackageIdentity identity(id, version + "-" + release);
-    static_cast<void>(Common::Rpm::packageLength(header));
+    // A header may claim any size.
+    const auto unpackedSize =
+        std::min<std::uint64_t>(headerGetNumber(header.header(), RPMTAG_LONGSIZE), INT64_MAX);
+    const auto total = unpackedSize + Common::Rpm::packageLength(header);
+    const auto report = [&](std::uint64_t done) {
+        if (watch.stop.stop_requested()) {
+            throw Error(ErrorCode::Internal, "the validation was stopped");
+        }
+        if (watch.progress) {
+            watch.progress(done, total);
+        }
+    };
     // What is wrong with the manifest is reported before what is wrong with the signatures, but how much may
     // be unpacked to find it depends on them.
     const auto signatures = readSignatures(*opened, authorities.certificates);
-    auto named = withManifest(identity, header, signatures.refusal);
+    auto named = withManifest(identity, header, signatures.refusal,
+                              [&](std::uint64_t unpacked) { report(std::min(unpacked, unpackedSize)); });
     if (signatures.refusal) {
         throw Error(*signatures.refusal);
     }
-    Common::Rpm::requirePayloadDigest(header);
+    Common::Rpm::requirePayloadDigest(header, [&](std::uint64_t place) { report(unpackedSize + place); });
     Package package(std::move(named), *signatures.developer, std::move(opened));
     package.architecture_ = std::move(architecture);
     package.developerExpiry_ = expiryOf(*signatures.developer);

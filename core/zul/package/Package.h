@@ -29,13 +29,14 @@ using AttributeWriter = std::function<int(int file, const std::string& name, con
 /// The writer that extraction uses unless it is given another: fsetxattr(2). Any thread.
 [[nodiscard]] int attachAttribute(int file, const std::string& name, const std::string& value);
 
-/// How a person, or a program that has to end, follows an extraction.
+/// How a person, or a program that has to end, follows an extraction or a validation.
 struct ExtractionWatch {
-    /// Called on the extracting thread after each piece of content: how many bytes are written, and how many
-    /// there are by the package's header, which may be wrong, or 0 where it has no number. May throw, which
-    /// ends the extraction.
+    /// Called on the working thread after each piece of content: how many bytes are written, and how many
+    /// there are by the package's header, which may be wrong, or 0 where it has no number. Of a validation,
+    /// how many are unpacked in search of the manifest and then read for the payload's digest. May throw,
+    /// which ends the work.
     std::function<void(std::uint64_t done, std::uint64_t total)> progress = {};
-    /// Ends the extraction with code Internal, "the extraction was stopped".
+    /// Ends the work with code Internal, "the extraction was stopped" or "the validation was stopped".
     std::stop_token stop = {};
 };
 
@@ -73,7 +74,8 @@ public:
     /// - a file that is written to, or opened for it, meanwhile: BadPackage
     /// What cannot be read or done this time is Filesystem or Internal.
     [[nodiscard]] static Package fromFile(const std::filesystem::path& file,
-                                          const Authorities& authorities = {});
+                                          const Authorities& authorities = {},
+                                          const ExtractionWatch& watch = {});
 
     /// Unpacks the payload of the package file below a directory, system paths translated back by the mapping
     /// rules (see PackagePath), with permissions and, on files that are to be signed, the attributes

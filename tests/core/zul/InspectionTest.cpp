@@ -31,6 +31,7 @@ protected:
     const fs::path root = scratch.path() / "root";
     Core::ZUL::InspectedSystem system{
         {scratch.path() / "opt", scratch.path() / "tmp"}, root, "armv7hl", authorities};
+    std::stop_source stop;
     const fs::path package =
         signedPackage({.files = {{"/usr/bin/tool", "12345"}, {"/opt/own", "678"}, {manifestPath, manifest}}});
 };
@@ -71,6 +72,24 @@ TEST_F(AnInspection, RefusesWhatAnInstallationRefuses) {
     const auto unsignedPackage = buildPackage(scratch.path(), {.version = "4.0"});
     EXPECT_EQ(codeFor(unsignedPackage), ErrorCode::BadPackageSignature);
     EXPECT_EQ(codeFor(scratch.path() / "absent"), ErrorCode::FileNotFound);
+}
+
+TEST_F(AnInspection, ReportsItsProgressAndCanBeStopped) {
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> steps;
+    std::size_t limit = 0;
+    const auto progress = [&](std::uint64_t done, std::uint64_t total) {
+        steps.emplace_back(done, total);
+        steps.size() != limit || stop.request_stop();
+    };
+    EXPECT_FALSE(inspect(package, system, {progress, stop.get_token()}).refusal);
+    EXPECT_TRUE(std::is_sorted(steps.begin(), steps.end()));
+    ASSERT_GE(steps.size(), 3U) << "of files before the manifest, then of the payload";
+    EXPECT_GT(steps[steps.size() - 2].first, steps.front().first);
+    EXPECT_EQ(steps.back().first, steps.back().second);
+    limit = std::exchange(steps, {}).size() - 1;
+    const auto refusal = inspect(package, system, {progress, stop.get_token()}).refusal;
+    ASSERT_TRUE(refusal);
+    EXPECT_STREQ(refusal->what(), "the validation was stopped");
 }
 
 TEST_F(AnInspection, ListsTheFilesOfThePackageThatItValidated) {

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+#include <utility>
+
+namespace Tools {
+
+/// Shows how much of a long operation is done, in a line that is rewritten and at last erased. Shows nothing
+/// unless standard error is a terminal that understands this. Used by one thread.
+class Progress {
+public:
+    /// @param words  what is done, in ASCII: "signing"
+    /// @param index  of the package, where there are several
+    Progress(const std::string& words, std::size_t index, std::size_t count)
+        : words_(words +
+                 (count > 1 ? " " + std::to_string(index + 1) + " of " + std::to_string(count) : "")) {
+        const char* const kind = std::getenv("TERM");
+        isTerminal_ = isatty(STDERR_FILENO) != 0 && kind != nullptr && std::string_view(kind) != "dumb";
+    }
+    ~Progress() { end(); }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    /// Bytes that are done, and that there are; a total of 0 is unknown.
+    void operator()(std::uint64_t done, std::uint64_t total) {
+        const auto part =
+            total == 0 ? 0 : static_cast<double>(std::min(done, total)) / static_cast<double>(total);
+        const int percent = static_cast<int>(100 * part);
+        if (!isTerminal_ || percent == shown_) {
+            return;
+        }
+        shown_ = percent;
+        // The cursor stays at the line's beginning, for what other parts of the program print.
+        std::cerr << words_ << ": " << percent << " %\x1b[K\r" << std::flush;
+    }
+
+    /// Erases the line.
+    void end() {
+        if (std::exchange(shown_, -1) >= 0) {
+            std::cerr << "\x1b[K" << std::flush;
+        }
+    }
+
+private:
+    std::string words_;
+    bool isTerminal_ = false;
+    int shown_ = -1; ///< percent; none
+};
+
+} // namespace Tools
