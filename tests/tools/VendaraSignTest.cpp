@@ -102,7 +102,9 @@ TEST_F(VendaraSign, ReplacesAndRemovesSignaturesOfManyPackagesAndPrintsThemAsJso
     EXPECT_EQ(signatures[1].at("role"), "client");
     EXPECT_LT(signatures[1].at("validFrom"), signatures[1].at("validUntil"));
     readLine();
-    EXPECT_THAT(text, HasSubstr("vendara-sign: missing.rpm: "));
+    EXPECT_EQ(
+        text,
+        R"({"error":{"message":"couldn't open the file: No such file or directory","subject":"missing.rpm"}})");
     readLine();
     EXPECT_EQ(nlohmann::json::parse(text).at("package"), "b.rpm");
     const auto whole = readFile(file);
@@ -293,6 +295,7 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         {noKey, "ca/missing.key: No such file"},
         {{"--make-test-ca", "ca"}, "ca/developer.key: File exists"},
         {{"--verify", "--authority", "ca/ca.pem", "b.rpm"}, "b.rpm: not signed by a developer"},
+        {{"--show", "text.rpm"}, "vendara-sign: text.rpm: file is no rpm package"},
         {{"--verify", "--authority", "ca/ca.pem", "cut.rpm"}, "cut.rpm: the rpm package is cut off"},
         {{"--verify", "--authority", "ca/ca.pem", "manifest.rpm"},
          "manifest.rpm: couldn't parse the package's manifest"},
@@ -398,6 +401,8 @@ TEST_F(VendaraSign, DistinguishesWrongUsageFromFailure) {
     for (const auto& arguments : wrong) {
         EXPECT_EQ(sign(arguments).status, 2) << testing::PrintToString(arguments);
     }
+    EXPECT_EQ(sign({"--verify", "--json", "a.rpm"}).output,
+              "{\"error\":{\"message\":\"--verify requires --authority\"}}\n");
     EXPECT_EQ(digestOfTree(scratch.path()), before);
     const auto help = sign({"--help"});
     EXPECT_EQ(help.status, 0);

@@ -164,6 +164,12 @@ TEST_F(Vendaractl, NamesWhatIsWrongWithACommandLine) {
     }
     EXPECT_EQ(ctl({"--json", "frobnicate"}).output,
               "{\"error\":{\"message\":\"unknown command: frobnicate\"}}\n");
+    // What nothing in the program expects is JSON, too: here there is no directory to start from.
+    const auto lost =
+        run({"sh", "-c", "mkdir gone; cd gone; rmdir ../gone; exec " VENDARACTL " --json owner x"},
+            {.directory = scratch.path()});
+    EXPECT_EQ(lost.status, 1);
+    EXPECT_EQ(lastLine(lost.output)["error"]["subject"], "x") << lost.output;
 }
 
 TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {
@@ -367,7 +373,11 @@ TEST_F(Vendaractl, LooksIntoAnImageAndNeverOutOfIt) {
     EXPECT_THAT(look({"owner", "/usr/bin/app"}).output,
                 testing::EndsWith("app\t1-1\t/opt/app/app/current/bin/app\n"));
     EXPECT_EQ(lastLine(look({"size", "--json"}).output)["packages"][0]["total"], 5);
-    EXPECT_EQ(look({"files", "gone"}).status, 1);
+    const auto gone = look({"files", "gone", "--json"});
+    EXPECT_EQ(gone.status, 1);
+    EXPECT_EQ(lastLine(gone.output),
+              Json::parse(R"({"error": {"message": "the package is not installed: gone",
+                                                              "subject": "gone"}})"));
     EXPECT_EQ(look({"owner", "/usr"}).status, 1);
     EXPECT_EQ(look({"owner", "usr"}).status, 2);
     EXPECT_EQ(look({"verify", "--system-root", "/"}).status, 2);

@@ -4,11 +4,11 @@
 #include "core/zul/package/Package.h"
 #include "platform/reference/pkgverify/OpenPackage.h"
 #include "platform/reference/signcms/SignedBlob.h"
+#include "tools/Json.h"
 #include "tools/Progress.h"
 #include "tools/vendara-sign/CommandLine.h"
 #include "tools/vendara-sign/PackageSigner.h"
 
-#include <nlohmann/json.hpp>
 #include <openssl/pem.h>
 
 #include <array>
@@ -28,7 +28,7 @@ namespace {
 
 using PackageSignatures::OpenPackage;
 using Signing::Arguments;
-using Json = nlohmann::ordered_json;
+using Json = Tools::JsonValue;
 
 constexpr int failure = 1;
 
@@ -53,7 +53,7 @@ void printSigners(const std::string& path, const OpenPackage& package, bool asJs
     }
     if (asJson) {
         const Json result{{"package", path}, {"bytes", package.packageLength()}, {"signatures", signers}};
-        std::cout << result.dump(-1, ' ', true, Json::error_handler_t::replace) << "\n";
+        std::cout << Tools::textOf(result) << "\n";
         return;
     }
     constexpr std::array<std::pair<const char*, const char*>, 5> lines{{{"subject", "subject"},
@@ -91,8 +91,7 @@ void verify(const std::string& path, const Arguments& arguments, Tools::Progress
             {.progress = std::ref(progress)}));
     } catch (const Common::Error& error) {
         const bool isSignatureMissing = error.code() == Common::ErrorCode::BadPackageSignature;
-        throw std::runtime_error(path + ": " +
-                                 (isSignatureMissing ? "not signed by a developer" : error.what()));
+        throw std::runtime_error(isSignatureMissing ? "not signed by a developer" : error.what());
     }
     progress.end();
     printSigners(path, package, arguments.json);
@@ -144,6 +143,16 @@ void writeDigests(const Signing::DigestFile& digests, const std::string& path) {
     output.commit(Common::Durability::Now);
 }
 
+/// @param subject  the package that it is about; empty: none, or the message names it
+void report(const Arguments& arguments, const std::string& subject, const std::string& message) {
+    if (arguments.json && std::cout) {
+        std::cout << Tools::textOf(Tools::failure(subject, message)) << std::endl;
+    } else {
+        std::cerr << "vendara-sign: " << Common::printable((subject.empty() ? "" : subject + ": ") + message)
+                  << std::endl;
+    }
+}
+
 /// Carries out an action for each package.
 /// @param words  what it does
 /// @return whether it succeeded for all; the failures have been reported
@@ -156,7 +165,7 @@ bool forEachPackage(const Arguments& arguments, const std::string& words, const 
             Tools::Progress progress(words, index, arguments.packages.size());
             action(package, progress);
         } catch (const std::exception& error) {
-            std::cerr << "vendara-sign: " << Common::printable(error.what()) << std::endl;
+            report(arguments, arguments.show || arguments.verify ? package : "", error.what());
             hasFailed = true;
         }
     }
@@ -210,8 +219,8 @@ bool run(Arguments& arguments) {
 } // namespace
 
 int main(int argc, char** argv) {
+    Arguments arguments;
     try {
-        Arguments arguments;
         if (const auto status = Signing::parseCommandLine(argc, argv, arguments)) {
             return *status;
         }
@@ -221,7 +230,7 @@ int main(int argc, char** argv) {
         }
         return isDone ? 0 : failure;
     } catch (const std::exception& error) {
-        std::cerr << "vendara-sign: " << Common::printable(error.what()) << "\n";
+        report(arguments, {}, error.what());
         return failure;
     }
 }

@@ -106,9 +106,7 @@ void printLine(const std::string& line) {
     }
 }
 
-void printJson(const JsonValue& value) {
-    printLine(value.dump(-1, ' ', true, JsonValue::error_handler_t::replace));
-}
+void printJson(const JsonValue& value) { printLine(Tools::textOf(value)); }
 
 void printTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows) {
     std::vector<std::size_t> widths(header.size(), 0);
@@ -140,11 +138,7 @@ void printEarlier(const Vendara::Operation& operation) {
 
 void printFailure(Format format, const std::string& subject, const std::string& message) {
     if (format == Format::Json) {
-        JsonValue error{{"message", message}};
-        if (!subject.empty()) {
-            error["subject"] = subject;
-        }
-        printJson(JsonValue{{"error", error}});
+        printJson(Tools::failure(subject, message));
         return;
     }
     std::cerr << "vendaractl: " << (subject.empty() ? "" : Common::printable(subject) + ": ")

@@ -1,8 +1,7 @@
 #pragma once
 
 #include "client/Records.h"
-
-#include <nlohmann/json.hpp>
+#include "tools/Json.h"
 
 #include <stdexcept>
 #include <string>
@@ -10,7 +9,7 @@
 
 namespace Vendaractl {
 
-using JsonValue = nlohmann::ordered_json;
+using Tools::JsonValue;
 
 /// How results are shown: to people, or one JSON text (RFC 8259) a line.
 enum class Format { Words, Json };

@@ -1,6 +1,5 @@
 #include "client/Client.h"
 #include "common/BusText.h"
-#include "common/Error.h"
 #include "common/PackageId.h"
 #include "tools/CommandLine.h"
 #include "tools/vendaractl/Commands.h"
@@ -99,6 +98,11 @@ public:
             return *ended;
         }
         request_.format = isJson_ ? Format::Json : Format::Words;
+        return execute();
+    }
+
+private:
+    [[nodiscard]] bool hasGoodArguments() {
         const bool takesFiles = command_ == install || command_ == check;
         const bool takesPlace = command_ == owner;
         for (auto& argument : request_.arguments) {
@@ -106,16 +110,15 @@ public:
                                      : takesPlace ? problemOfPlace(argument, !request_.image.empty())
                                                   : problemOfId(argument)) {
                 printFailure(request_.format, argument, *problem);
-                return BadUsage;
+                return false;
             }
             if (takesFiles || takesPlace) {
                 argument = std::filesystem::absolute(argument);
             }
         }
-        return execute();
+        return true;
     }
 
-private:
     void addDatabaseCommands() {
         auto* const listing = add("files", "List the files of an installed package", files);
         arguments(listing, "ID", "Package identifier")->expected(1, 1);
@@ -172,16 +175,22 @@ private:
         return option->take_all()->expected(many, many)->allow_extra_args(false)->option_text(" ");
     }
 
-    [[nodiscard]] ExitStatus execute() const {
+    [[nodiscard]] ExitStatus execute() {
         try {
-            return command_(request_);
+            return hasGoodArguments() ? command_(request_) : BadUsage;
         } catch (const Vendara::ServiceAbsent& error) {
             printFailure(request_.format, {}, error.what());
             return NoService;
         } catch (const Vendara::CallRefused& error) {
             printFailure(request_.format, {}, error.what());
-        } catch (const Common::Error& error) {
-            printFailure(request_.format, {}, error.what());
+        } catch (const Vendara::Interrupted&) {
+            throw;
+        } catch (const OutputLost&) {
+            throw;
+        } catch (const std::exception& error) {
+            // In words the message names it.
+            const bool hasSubject = request_.format == Format::Json && request_.arguments.size() == 1;
+            printFailure(request_.format, hasSubject ? request_.arguments.front() : "", error.what());
         }
         return OperationFailed;
     }

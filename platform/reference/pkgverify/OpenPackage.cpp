@@ -11,7 +11,7 @@ namespace PackageSignatures {
 
 OpenPackage::OpenPackage(const std::filesystem::path& path)
     : file_(Common::openRegularFile(path))
-    , size_(file_ ? Common::sizeOf(file_.get()) : throw Common::filesystemError(path.native()))
+    , size_(file_ ? Common::sizeOf(file_.get()) : throw Common::filesystemError("couldn't open the file"))
     , layout_(Container::readLayout(descriptor(), size_)) {
     if (layout_) {
         const auto rpm = Common::Rpm::readPackageLayout(descriptor());
