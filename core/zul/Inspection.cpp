@@ -51,19 +51,14 @@ void listFiles(const InspectedSystem& system, Inspection& result) {
     }
 }
 
-void compareVersions(const InspectedSystem& system, Inspection& result) {
-    const PackageDirectory directory(system.database.rootDirectory() / result.package->id());
-    const bool isPrepared = directory.hasNextLink();
+void findExisting(const PackageDirectory& directory, bool isPrepared, Inspection& result) {
     const auto link = isPrepared ? directory.next() : directory.current();
     if (directory.pointsToExistingVersion(link)) {
         result.existingVersion = directory.versionNameOf(link);
-        if (const auto existing = Common::Rpm::Version::parse(result.existingVersion)) {
-            requireHigher(*result.package, *existing, isPrepared);
-        }
     }
 }
 
-void requireSpace(const InspectedSystem& system, Inspection& result) {
+void findSpace(const InspectedSystem& system, Inspection& result) {
     // The temporary directory is on the same file system, and is made when it is needed.
     auto place = system.database.rootDirectory();
     while (!Common::exists(place)) {
@@ -71,13 +66,25 @@ void requireSpace(const InspectedSystem& system, Inspection& result) {
     }
     std::error_code unknown;
     const auto space = std::filesystem::space(place, unknown);
-    if (unknown) {
-        return;
+    if (!unknown) {
+        result.available = space.available;
     }
-    result.available = space.available;
-    if (result.size > space.available) {
-        throw Error(ErrorCode::Filesystem, "the files have " + std::to_string(result.size) + " bytes and " +
-                                               std::to_string(space.available) + " are free");
+}
+
+void requireInstallable(const InspectedSystem& system, bool isPrepared, const Inspection& found) {
+    found.package->requireArchitecture(system.architecture);
+    if (const auto existing = Common::Rpm::Version::parse(found.existingVersion)) {
+        requireHigher(*found.package, *existing, isPrepared);
+    }
+    for (const auto& each : found.files) {
+        if (each.isPlaceTaken) {
+            throw Error(ErrorCode::Filesystem,
+                        "attempt to override system file with package mapping: " + each.place);
+        }
+    }
+    if (found.available && found.size > *found.available) {
+        throw Error(ErrorCode::Filesystem, "the files have " + std::to_string(found.size) + " bytes and " +
+                                               std::to_string(*found.available) + " are free");
     }
 }
 
@@ -85,15 +92,11 @@ void inspect(const std::filesystem::path& file, const InspectedSystem& system, c
              Inspection& result) try {
     result.package = Package::fromFile(file, system.authorities, watch);
     listFiles(system, result);
-    result.package->requireArchitecture(system.architecture);
-    compareVersions(system, result);
-    for (const auto& each : result.files) {
-        if (each.isPlaceTaken) {
-            throw Error(ErrorCode::Filesystem,
-                        "attempt to override system file with package mapping: " + each.place);
-        }
-    }
-    requireSpace(system, result);
+    const PackageDirectory directory(system.database.rootDirectory() / result.package->id());
+    const bool isPrepared = directory.hasNextLink();
+    findExisting(directory, isPrepared, result);
+    findSpace(system, result);
+    requireInstallable(system, isPrepared, result);
 } catch (...) {
     throwAsError();
 }

@@ -36,9 +36,10 @@ struct InspectedSystem {
     Authorities authorities;
 };
 
-/// Looks at a package file, at the database and at the system directories, and changes none of them. The
-/// refusal is the first of: what Package::fromFile() throws; BadPackageArchitecture; DowngradeAttempt or
-/// UpgradeAlreadyPrepared; Filesystem for a place that is taken, too little space or what could not be read.
+/// Looks at a package file, at the database and at the system directories, and changes none of them. What is
+/// The refusal is the first of: what Package::fromFile() throws; Filesystem for what could not be read;
+/// BadPackageArchitecture; DowngradeAttempt or UpgradeAlreadyPrepared; Filesystem for a place that is taken
+/// or too little space. From BadPackageArchitecture on the rest of the result is complete all the same.
 /// One thread at a time, as Common::Rpm::Reader.
 /// @param watch  follows the validation of the file, as Package::fromFile() takes it
 [[nodiscard]] Inspection inspect(const std::filesystem::path& file, const InspectedSystem& system,

@@ -24,6 +24,9 @@ protected:
         writeFile(scratch.path() / "zul.conf",
                   "[database]\nroot_directory=" + (scratch.path() / "opt").native() + "\n");
         makeAuthority("keys", "2091-01-01");
+        makeAuthority("old", "2002-01-01");
+        writeFile(scratch.path() / "trusted.pem",
+                  readFile(scratch.path() / "keys/ca.pem") + readFile(scratch.path() / "old/ca.pem"));
     }
 
     void makeAuthority(const std::string& name, const std::string& end) const {
@@ -45,8 +48,30 @@ protected:
         EXPECT_EQ(made.status, 0) << made.output;
     }
 
+    /// An installed version, a file of the system, and packages of all kinds.
+    void makeCandidates() const {
+        const auto& here = scratch.path();
+        const auto installed = here / "opt/com.example.app/1.0-1";
+        writeFile(installed / "quenra.pkg",
+                  "[general]\nid=com.example.app\nversion=1.0-1\n[certificate]\nid=a\nsubgroup=b\n");
+        std::filesystem::create_directory_symlink(installed, installed.parent_path() / "current");
+        writeFile(system / "usr/bin/taken", "the system's");
+        makePackage("upgrade.rpm", {.version = "2.0", .files = {{"/usr/bin/tool", "1"}}});
+        makePackage("same.rpm", {.files = {{"/usr/bin/tool", "1"}}});
+        makePackage("taken.rpm",
+                    {.version = "3.0", .files = {{"/usr/bin/free", "1"}, {"/usr/bin/taken", "1"}}});
+        makePackage("foreign.rpm", {.version = "4.0", .architecture = "s390x"});
+        const auto plain = readFile(buildPackage(here / "build", {.name = "com.example.first"}));
+        writeFile(here / "cut.rpm", plain.substr(0, plain.size() - 4));
+        makeAuthority("stranger", "2091-01-01");
+        for (const std::string signer : {"keys", "old", "stranger"}) {
+            writeFile(here / (signer + ".rpm"), plain);
+            sign(signer + ".rpm", "developer", signer + "/developer");
+        }
+    }
+
     ProcessResult check(const std::vector<std::string>& arguments) const {
-        std::vector<std::string> command{VENDARACTL,        "check",    "--authority",   "keys/ca.pem",
+        std::vector<std::string> command{VENDARACTL,        "check",    "--authority",   "trusted.pem",
                                          "--configuration", "zul.conf", "--system-root", system};
         command.insert(command.end(), arguments.begin(), arguments.end());
         return runHere(command);
@@ -99,6 +124,72 @@ TEST_F(Check, ShowsTheSignersAndWhenTheirCertificatesExpire) {
     EXPECT_EQ(json["developer"]["validUntil"], "2091-01-01T00:00:00Z");
     EXPECT_EQ(json["source"]["validUntil"], "2091-01-01T00:00:00Z");
     expectDocumented(json);
+}
+
+std::string sentenceOf(const std::string& path, int code, const std::string& error) {
+    const auto refusal = "refused: " + error + " (error " + std::to_string(code) + ")";
+    return path + ": would be " + (code == 0 ? "installed" : refusal) + "\n";
+}
+
+struct Answer {
+    const char* file;
+    int code;
+    const char* error;
+    const char* words;
+};
+const Answer answers[] = {
+    {"keys.rpm", 0, "", "com.example.first 1.0-1, noarch, a first installation\n"},
+    {"upgrade.rpm", 0, "", "com.example.app 2.0-1, noarch, an upgrade of 1.0-1\n"},
+    {"same.rpm", 8, "1.0-1", "com.example.app 1.0-1, noarch, an upgrade of 1.0-1\n"},
+    {"taken.rpm", 1, "override system file with package mapping: /usr/bin/taken",
+     "  /usr/bin/free\n  /usr/bin/taken, TAKEN by another file\n"},
+    {"foreign.rpm", 6, "is built for s390x, not for", "com.example.app 4.0-1, s390x, an upgrade of 1.0-1\n"},
+    {"old.rpm", 7, "package is signed with a non-legal key",
+     "/old.rpm\": certificate: certificate has expired\n"},
+    {"stranger.rpm", 7, "package is signed with a non-legal key", "/stranger.rpm\": certificate: unable"},
+    {"cut.rpm", 4, "the rpm package is cut off", ""}};
+
+TEST_F(Check, AnswersForEachFileAsTheInstallationWould) {
+    makeCandidates();
+    const auto& here = scratch.path();
+    std::vector<std::string> files;
+    for (const auto& answer : answers) {
+        files.emplace_back(answer.file);
+    }
+    const auto before = digestOfTree(here);
+    const auto words = check(files);
+    files.emplace_back("--json");
+    const auto json = check(files);
+    EXPECT_EQ(words.status, 1);
+    EXPECT_EQ(json.status, 1);
+    const auto objects = objectsOf(json.output);
+    ASSERT_EQ(objects.size(), std::size(answers));
+    for (std::size_t index = 0; index < objects.size(); ++index) {
+        const auto& answer = answers[index];
+        SCOPED_TRACE(answer.file);
+        const auto& object = objects[index];
+        const auto path = (here / answer.file).native();
+        EXPECT_EQ(object["file"], path);
+        EXPECT_EQ(object["accepted"], answer.code == 0);
+        EXPECT_EQ(object.value("errorCode", 0), answer.code);
+        const auto error = object.value("error", "");
+        EXPECT_THAT(error, HasSubstr(answer.error));
+        EXPECT_THAT(words.output,
+                    AllOf(HasSubstr(answer.words), HasSubstr(sentenceOf(path, answer.code, error))));
+        EXPECT_TRUE(!object.contains("package") || object["available"].is_number());
+        expectDocumented(object);
+    }
+    EXPECT_EQ(objects[1]["existingVersion"], "1.0-1");
+    EXPECT_EQ(objects[3]["files"],
+              Json::parse(R"([{"path": "/usr/bin/free", "place": "/usr/bin/free", "taken": false},
+                                                   {"path": "/usr/bin/taken", "place": "/usr/bin/taken", "taken": true}])"));
+    EXPECT_EQ(check({"keys.rpm", "upgrade.rpm"}).status, 0);
+    // Nothing is checked.
+    const auto absent = check({"keys.rpm", "absent.rpm", "--json"});
+    EXPECT_EQ(absent.status, 2);
+    EXPECT_EQ(absent.output,
+              "{\"error\":{\"message\":\"No such file or directory\",\"subject\":\"absent.rpm\"}}\n");
+    EXPECT_EQ(digestOfTree(here), before);
 }
 
 TEST_F(Check, ShowsItsProgressOnATerminalAlone) {
