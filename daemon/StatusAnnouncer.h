@@ -53,7 +53,7 @@ private:
     asio::awaitable<void> identify(BatchPointer batch);
     bool sendOrStore(const Core::Operation& operation, const Batch& batch);
     asio::awaitable<void> confirm(std::vector<Core::Operation> ends);
-    asio::awaitable<void> flushed(std::vector<BatchPointer> batches);
+    static asio::awaitable<void> flushed(std::vector<BatchPointer> batches);
     [[nodiscard]] std::vector<BatchPointer> batches(const std::function<bool(const Batch&)>& isMeant) const;
 
     Common::BusConnection& session_;

@@ -41,7 +41,7 @@ public:
     }
     [[nodiscard]] sd_bus* get() const { return bus_.get(); }
     /// @return whether a message was handled
-    bool process() {
+    bool process() const {
         int result = sd_bus_process(get(), nullptr);
         const bool hasProcessed = result > 0;
         while (result > 0) {

@@ -141,12 +141,10 @@ public:
 
 private:
     [[nodiscard]] PackageDirectory directoryOf(const std::string& packageId) const;
-    [[nodiscard]] std::optional<PackageData> readPrepared(const PackageDirectory& directory);
+    [[nodiscard]] static std::optional<PackageData> readPrepared(const PackageDirectory& directory);
     [[nodiscard]] PackageData readInstalled(const PackageDirectory& directory);
-    MappingPlan stage(const PackageIdentity& package, const PackageData& entries,
-                      const std::filesystem::path& extracted) const;
     void placeNext(const PackageIdentity& package, const PackageData& entries,
-                   const std::filesystem::path& extracted);
+                   const std::filesystem::path& extracted) const;
     void requireHigher(const PackageIdentity& package, const PackageDirectory& directory);
     bool removeMappingsOf(const PackageDirectory& directory, const std::string& message) const;
     void removeAll(const PackageDirectory& directory, bool isUnmapped) const;

@@ -36,11 +36,8 @@ void makePublic(const fs::path& directory) {
     }
 }
 
-} // namespace
-
 /// Makes an extracted directory ready to be renamed into the database: complete, and on disk.
-MappingPlan Database::stage(const PackageIdentity& package, const PackageData& entries,
-                            const fs::path& extracted) const {
+MappingPlan stage(const PackageIdentity& package, const PackageData& entries, const fs::path& extracted) {
     const auto status = Common::statusOf(extracted, AT_SYMLINK_NOFOLLOW);
     if (!status || !S_ISDIR(status->st_mode)) {
         throw Error(ErrorCode::Internal, "extracted package directory doesn't exist: " + extracted.native());
@@ -52,6 +49,8 @@ MappingPlan Database::stage(const PackageIdentity& package, const PackageData& e
     Common::flushFileSystem(extracted);
     return plan;
 }
+
+} // namespace
 
 fs::path Database::moveToVersionedDirectory(const PackageIdentity& package, const fs::path& extracted) const
     try {
@@ -128,7 +127,7 @@ void Database::checkUpgrade(const PackageIdentity& package) try {
 void Database::requireHigher(const PackageIdentity& package, const PackageDirectory& directory) {
     static_cast<void>(requireVersion(package)); // before anything that is damaged is removed
     bool isPrepared = directory.hasNextLink();
-    auto existingName = directory.versionNameOf(isPrepared ? directory.next() : directory.current());
+    auto existingName = PackageDirectory::versionNameOf(isPrepared ? directory.next() : directory.current());
     auto existing = Version::parse(existingName);
     if (!existing && isPrepared) {
         Common::logWarning() << "corrupted package upgrade found: " << quoted(directory.next());
@@ -136,7 +135,7 @@ void Database::requireHigher(const PackageIdentity& package, const PackageDirect
         const auto* message = "couldn't clean up correupted package upgrade";
         directory.discardPreparedUpgrade(message, message);
         isPrepared = false;
-        existingName = directory.versionNameOf(directory.current());
+        existingName = PackageDirectory::versionNameOf(directory.current());
         existing = Version::parse(existingName);
     }
     if (!existing) {
@@ -156,7 +155,7 @@ void Database::prepareUpgrade(const PackageIdentity& package, const PackageData&
 }
 
 void Database::placeNext(const PackageIdentity& package, const PackageData& entries,
-                         const fs::path& extracted) {
+                         const fs::path& extracted) const {
     static_cast<void>(stage(package, entries, extracted));
     const auto version = moveToVersionedDirectory(package, extracted);
     const PackageDirectory directory(version.parent_path());
@@ -216,7 +215,7 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
         }
     }
     const auto plan = planMappings(package, directory.next());
-    const auto newName = directory.versionNameOf(directory.next());
+    const auto newName = PackageDirectory::versionNameOf(directory.next());
     if (const auto installed = directory.versionOf(directory.current()); !installed.empty()) {
         Common::replaceLink(directory.fallback(), installed);
     }

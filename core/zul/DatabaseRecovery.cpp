@@ -57,7 +57,7 @@ void Database::recoverPackage(const PackageDirectory& directory, std::vector<std
         directory.discardPreparedUpgrade();
     }
     if (isUsable) {
-        const auto newName = directory.versionNameOf(directory.next());
+        const auto newName = PackageDirectory::versionNameOf(directory.next());
         if (rename(directory.next().c_str(), directory.current().c_str()) == 0) {
             const auto name = directory.path().filename().native();
             completed.push_back(name);

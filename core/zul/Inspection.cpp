@@ -54,7 +54,7 @@ void listFiles(const InspectedSystem& system, Inspection& result) {
 void findExisting(const PackageDirectory& directory, bool isPrepared, Inspection& result) {
     const auto link = isPrepared ? directory.next() : directory.current();
     if (directory.pointsToExistingVersion(link)) {
-        result.existingVersion = directory.versionNameOf(link);
+        result.existingVersion = PackageDirectory::versionNameOf(link);
     }
 }
 

@@ -44,7 +44,7 @@ void PackageDirectory::requireNotSymlink() const {
 
 bool PackageDirectory::hasNextLink() const { return Common::linkTarget(next()).has_value(); }
 
-std::string PackageDirectory::versionNameOf(const fs::path& link) const {
+std::string PackageDirectory::versionNameOf(const fs::path& link) {
     return withoutSlash(Common::linkTarget(link).value_or(fs::path())).filename();
 }
 

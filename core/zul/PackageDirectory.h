@@ -37,7 +37,7 @@ public:
     [[nodiscard]] bool isAbandoned(const std::filesystem::path& version) const;
 
     /// The last part of the target of one of the links, which names the version.
-    [[nodiscard]] std::string versionNameOf(const std::filesystem::path& link) const;
+    [[nodiscard]] static std::string versionNameOf(const std::filesystem::path& link);
 
     /// The directories whose mapping lists name what the package has in the system directories: "current" if
     /// it leads to something, then every other version that has a list. No versions in a directory that is

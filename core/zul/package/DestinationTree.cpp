@@ -34,7 +34,7 @@ DestinationTree::DestinationTree(fs::path root)
     }
 }
 
-DestinationTree::Place DestinationTree::placeOf(const fs::path& path) const {
+DestinationTree::Place DestinationTree::placeOf(const fs::path& path) {
     Place place;
     for (const auto& component : path) {
         const auto& name = component.native();
@@ -185,7 +185,7 @@ void DestinationTree::requireNew(const Place& place) const {
     }
 }
 
-void DestinationTree::requireInside(const Place& link, const fs::path& target) const {
+void DestinationTree::requireInside(const Place& link, const fs::path& target) {
     std::size_t climbed = 0;
     bool climbs = true;
     for (const auto& component : target) {
@@ -211,7 +211,7 @@ void DestinationTree::fail(const char* words, const std::string& path) const {
     throw fs::filesystem_error(words, fs::path(root_).concat(path), reason);
 }
 
-void DestinationTree::refuse(const char* words, const std::string& path) const {
+void DestinationTree::refuse(const char* words, const std::string& path) {
     throw Common::Error(Common::ErrorCode::BadPackage, words + path);
 }
 

@@ -62,16 +62,16 @@ private:
         Common::UniqueFd descriptor;
     };
 
-    [[nodiscard]] Place placeOf(const std::filesystem::path& path) const;
+    [[nodiscard]] static Place placeOf(const std::filesystem::path& path);
     [[nodiscard]] int current() const;
     int enter(const std::vector<std::string>& directories);
     int enterItself(const Place& place);
     void descend(const std::string& name);
     void requireNew(const Place& place) const;
-    void requireInside(const Place& link, const std::filesystem::path& target) const;
+    static void requireInside(const Place& link, const std::filesystem::path& target);
     [[nodiscard]] std::string openPath() const;
     [[noreturn]] void fail(const char* words, const std::string& path) const;
-    [[noreturn]] void refuse(const char* words, const std::string& path) const;
+    [[noreturn]] static void refuse(const char* words, const std::string& path);
 
     std::filesystem::path root_;
     Common::UniqueFd rootDescriptor_;

@@ -151,13 +151,13 @@ void checkAfterRestart(DatabaseOnDisk& disk, const std::string& allowed, bool is
     std::string found = "-";
     if (fs::exists(fs::symlink_status(disk.root / id))) {
         found = disk.installedVersion(id);
-        EXPECT_THAT(disk.entriesIn(disk.root / id), UnorderedElementsAre("current", found));
+        EXPECT_THAT(DatabaseOnDisk::entriesIn(disk.root / id), UnorderedElementsAre("current", found));
         const auto files = payloadOf(disk.root / id / found);
         EXPECT_EQ(files, filesOf(found, isCopying));
         expected.merge(mappingsOf(disk.root / id, files));
     }
     EXPECT_THAT(allowed, HasSubstr(found));
-    EXPECT_EQ(disk.entriesIn(disk.root).size(), found == "-" ? 1U : 2U);
+    EXPECT_EQ(DatabaseOnDisk::entriesIn(disk.root).size(), found == "-" ? 1U : 2U);
     EXPECT_FALSE(fs::exists(disk.temp));
     EXPECT_EQ(disk.mappings(), expected);
     for (const auto& entry : fs::recursive_directory_iterator(disk.system)) {

@@ -106,7 +106,7 @@ struct DatabaseOnDisk {
         return found;
     }
 
-    [[nodiscard]] std::vector<std::string> entriesIn(const fs::path& directory) const {
+    [[nodiscard]] static std::vector<std::string> entriesIn(const fs::path& directory) {
         std::vector<std::string> names;
         for (const auto& entry : fs::directory_iterator(directory)) {
             names.push_back(entry.path().filename());
