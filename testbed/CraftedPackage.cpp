@@ -51,6 +51,7 @@ void putStrings(Header header, rpmTag tag, const std::vector<CraftedEntry>& entr
     const auto texts = listOf<std::string>(
         entries, [&](const auto& entry, std::size_t) -> std::string { return of(entry); });
     std::vector<const char*> pointers;
+    pointers.reserve(texts.size());
     for (const auto& text : texts) {
         pointers.push_back(text.c_str());
     }

@@ -199,6 +199,7 @@ std::string soak(const SoakOptions& options, const std::filesystem::path& packag
     }
     const auto forAll = [&](const auto& run) {
         std::vector<std::thread> threads;
+        threads.reserve(workers.size());
         for (auto& worker : workers) {
             threads.emplace_back([run, &worker = *worker] { run(worker); });
         }
@@ -206,7 +207,7 @@ std::string soak(const SoakOptions& options, const std::filesystem::path& packag
     };
     const auto end = Clock::now() + options.duration;
     auto threads = forAll([end](Worker& worker) { worker.work(end); });
-    for (std::mt19937 random(1); options.withChaos && Clock::now() < end;) { // NOLINT: the same each time
+    for (std::mt19937 random(1); options.withChaos && Clock::now() < end;) {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         peers.disturb(random);
     }

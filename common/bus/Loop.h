@@ -75,7 +75,7 @@ public:
     /// Throws Error, code Internal, when maximumJobs have not ended.
     template<typename Work>
     [[nodiscard]] std::shared_ptr<Job<Work>> begin(Work work) {
-        const auto job = std::make_shared<Job<Work>>(context_, std::move(work));
+        auto job = std::make_shared<Job<Work>>(context_, std::move(work));
         countJob();
         asio::post(helper_, [this, job] {
             job->run();

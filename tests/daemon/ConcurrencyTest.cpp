@@ -167,10 +167,10 @@ TEST_F(TheDaemon, EndsAtOnceWithTheSessionBus) {
 
 TEST_F(TheDaemon, EndsWithTwoLinesWhateverItsClientsWaitFor) {
     const auto file = packageFile();
-    std::vector<std::thread> callers;
+    std::array<std::thread, 8> threads;
     std::atomic<int> calls = 0;
-    for (int number = 0; number < 8; ++number) {
-        callers.emplace_back([&] {
+    for (auto& thread : threads) {
+        thread = std::thread([&] {
             try {
                 Client caller;
                 for (;;) {
@@ -187,8 +187,8 @@ TEST_F(TheDaemon, EndsWithTwoLinesWhateverItsClientsWaitFor) {
     buses.session.stop();
     expectedStatus = 1;
     EXPECT_EQ(daemon->wait(), expectedStatus);
-    for (auto& caller : callers) {
-        caller.join();
+    for (auto& thread : threads) {
+        thread.join();
     }
     std::string lines;
     std::istringstream stream(daemon->output());

@@ -24,7 +24,7 @@ std::string lineOf(const std::string& algorithm, std::string_view digest) {
     OpenSsl::require(OPENSSL_buf2hexstr_ex(text.data(), text.size(), &length, OpenSsl::octets(digest),
                                            digest.size(), '\0') == 1,
                      "couldn't write a digest");
-    return algorithm + " " + text.c_str();
+    return algorithm + " " + text.substr(0, length - 1); // without its zero
 }
 
 } // namespace

@@ -57,7 +57,7 @@ JsonValue toJson(const Vendara::Package::Value& value) {
 } // namespace
 
 std::string inWords(const Vendara::Operation& operation, std::size_t columns) {
-    const auto text = Vendara::describe(operation);
+    auto text = Vendara::describe(operation);
     const auto width = widthOf(text).columns;
     if (width <= columns) {
         return text;

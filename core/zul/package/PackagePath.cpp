@@ -40,7 +40,7 @@ path PackagePath::linkTarget(const std::string& link, const std::string& target)
     }
     // A link on the way could make "name/.." another place than the text says, so what is written has no ".."
     // but at its beginning.
-    const auto written = mentionsParent(target) ? path(target).lexically_normal() : path(target);
+    auto written = mentionsParent(target) ? path(target).lexically_normal() : path(target);
     if (target.front() != '/' && target.front() != '.' && *written.begin() != "..") {
         return written;
     }

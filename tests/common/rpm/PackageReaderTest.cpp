@@ -114,7 +114,7 @@ TEST_F(PackageReader, RefusesAFileThatIsNoWholePackage) {
         Testbed::writeFile(in("short"), package.substr(0, length));
         expectNotRead(in("short"));
     }
-    std::mt19937 random(1); // NOLINT: the same bytes in every run
+    std::mt19937 random(1);
     std::string noise(4096, '\0');
     std::generate(noise.begin(), noise.end(), [&] { return static_cast<char>(random()); });
     Testbed::writeFile(in("noise.rpm"), noise);
@@ -163,7 +163,7 @@ TEST_F(PackageReader, ListsFilesInTheOrderOfTheirFullNames) {
             entries.push_back({directory, name});
         }
     }
-    std::shuffle(entries.begin(), entries.end(), std::mt19937(1)); // NOLINT: the same order in every run
+    std::shuffle(entries.begin(), entries.end(), std::mt19937(1));
     Testbed::craftPackage(in("package.rpm"), entries);
     const Reader reader(in("package.rpm").string());
     const Common::Rpm::FileList list(reader.header());
