@@ -31,7 +31,7 @@ const PackageData entries{{"certificate.id", "0a1b"}, {"certificate.subgroup", "
 
 /// Runs a command of this program's own making.
 void shell(const std::string& command) {
-    if (std::system((command + " >/dev/null").c_str()) != 0) { // NOLINT
+    if (std::system((command + " >/dev/null").c_str()) != 0) {
         throw std::runtime_error("failed: " + command);
     }
 }

@@ -101,7 +101,7 @@ std::optional<std::string> ReadTree::readFile(const fs::path& file, std::size_t 
 std::map<std::string, std::string> ReadTree::securityAttributes(const fs::path& path, int flags) const {
     std::map<std::string, std::string> attributes;
     const auto fd = open(path, O_PATH | flags);
-    std::array<char, XATTR_LIST_MAX> names; // NOLINT: filled below
+    std::array<char, XATTR_LIST_MAX> names; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
     auto size = fd ? listxattr(pathOf(fd).c_str(), names.data(), names.size()) : 0;
     std::string value(XATTR_SIZE_MAX, '\0');
     for (const char* name = names.data(); size > 0 && name < names.data() + size;) {

@@ -118,7 +118,7 @@ bool Mapping::isMapping() const {
 bool Mapping::exists() const { return status().has_value(); }
 
 std::filesystem::path Mapping::mappingTarget() const {
-    std::array<char, XATTR_SIZE_MAX> value; // NOLINT: filled below
+    std::array<char, XATTR_SIZE_MAX> value; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
     auto size = readlinkat(directory(), name_.c_str(), value.data(), value.size());
     if (size < 0) {
         size = lgetxattr(throughDescriptor().c_str(), marker, value.data(), value.size());

@@ -78,7 +78,7 @@ inline Bio reading(std::string_view text) {
 /// All that was written to a memory BIO.
 inline std::string contentOf(BIO* bio) {
     char* data = nullptr;
-    const auto size = BIO_get_mem_data(bio, &data); // NOLINT: a macro of the library
+    const auto size = BIO_get_mem_data(bio, &data);
     return {data, static_cast<std::size_t>(size)};
 }
 
