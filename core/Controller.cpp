@@ -5,6 +5,7 @@
 #include "core/zul/DatabaseLocation.h"
 
 #include <algorithm>
+#include <ranges>
 namespace Core {
 
 namespace {
@@ -87,10 +88,10 @@ void Controller::addCompletedOperation(const Operation& operation) {
 }
 
 void Controller::returnCompletedOperations(const std::vector<Operation>& operations) {
-    for (auto operation = operations.rbegin(); operation != operations.rend(); ++operation) {
-        auto& store = completed_[operation->initiator().key()];
+    for (const auto& operation : std::views::reverse(operations)) {
+        auto& store = completed_[operation.initiator().key()];
         if (store.size() < maximumCompleted) {
-            store.push_front(*operation);
+            store.push_front(operation);
         }
     }
 }

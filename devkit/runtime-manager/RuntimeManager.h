@@ -30,9 +30,9 @@ public:
 
 private:
     struct Application {
-        pid_t process;
-        std::uint64_t serial; ///< differs from that of a later one with the same identifier
-        bool ending = false;  ///< whether its end was requested
+        pid_t process = 0;
+        std::uint64_t serial = 0; ///< differs from that of a later one with the same identifier
+        bool ending = false;      ///< whether its end was requested
     };
 
     void invokeIntent(const std::string& intent, const std::map<std::string, sdbus::Variant>& hints);
