@@ -82,9 +82,10 @@ std::optional<PackageData> Database::readPrepared(const PackageDirectory& direct
         Common::logWarning() << "couldn't read package data from the next directory: " << error;
         Common::logInfo() << "trying to read data from the current directory";
         Common::logInfo() << "cleaning up corrupted next directory: " << quoted(directory.next());
-        recordEvent(
-            corruptedUpgradeRemoved, directory.path().filename(), directory.versionNameOf(directory.next()),
-            "damaged upgrade given up: " + directory.path().native() + ": " + error.what(), error.code());
+        recordEvent(corruptedUpgradeRemoved, directory.path().filename(),
+                    PackageDirectory::versionNameOf(directory.next()),
+                    "damaged upgrade given up: " + directory.path().native() + ": " + error.what(),
+                    error.code());
     }
     if (directory.hasNextLink()) {
         directory.discardPreparedUpgrade();
@@ -203,7 +204,7 @@ void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcep
         Common::logInfo() << "cleaning up corrupted package directory: " << quoted(directory.path());
         std::string version;
         Common::guarded("couldn't read the version of a corrupted package",
-                        [&] { version = directory.versionNameOf(directory.current()); });
+                        [&] { version = PackageDirectory::versionNameOf(directory.current()); });
         recordEvent(corruptedPackageRemoved, packageDirectory.filename(), version,
                     "damaged package removed: " + directory.path().native(),
                     ErrorCode::CorruptedInstalledPackage);

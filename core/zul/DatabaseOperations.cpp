@@ -283,7 +283,7 @@ void Database::remove(const std::string& packageId) try {
     const PackageDirectory directory(packageDirectory(packageId));
     std::string version;
     Common::guarded("couldn't read the version of a package that is removed",
-                    [&] { version = directory.versionNameOf(directory.current()); });
+                    [&] { version = PackageDirectory::versionNameOf(directory.current()); });
     // A package must not be unremovable because of a mapping that is.
     const bool isUnmapped = removeMappingsOf(directory, "couldn't remove package symlinks: " + packageId);
     try {

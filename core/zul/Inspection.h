@@ -36,7 +36,7 @@ struct InspectedSystem {
     Authorities authorities;
 };
 
-/// Looks at a package file, at the database and at the system directories, and changes none of them. What is
+/// Looks at a package file, at the database and at the system directories, and changes none of them.
 /// The refusal is the first of: what Package::fromFile() throws; Filesystem for what could not be read;
 /// BadPackageArchitecture; DowngradeAttempt or UpgradeAlreadyPrepared; Filesystem for a place that is taken
 /// or too little space. From BadPackageArchitecture on the rest of the result is complete all the same.
