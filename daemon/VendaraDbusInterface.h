@@ -77,7 +77,7 @@ private:
     asio::awaitable<Common::CallerIdentity> determineInitiator(std::string sender,
                                                                Common::TimePoint deadline);
     static asio::awaitable<std::vector<Common::PackageRecord>> installedPackages(PackageListing listing);
-    asio::awaitable<void> findInstalledPackage(std::string id, PackageListing listing);
+    static asio::awaitable<void> findInstalledPackage(std::string id, PackageListing listing);
     asio::awaitable<Common::OperationRecord> enqueue(Core::Operation operation, Common::TimePoint deadline);
 
     void relayPackageSignals();

@@ -150,7 +150,7 @@ private:
     void removeAll(const PackageDirectory& directory, bool isUnmapped) const;
     void putBack(const PackageDirectory& directory) noexcept;
     void removeTempDirectory() const;
-    void recoverPackage(const PackageDirectory& directory, std::vector<std::string>& completed);
+    static void recoverPackage(const PackageDirectory& directory, std::vector<std::string>& completed);
 
     std::shared_ptr<const Mappings> mappings_;
 };

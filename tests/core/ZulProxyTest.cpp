@@ -76,7 +76,7 @@ private:
 
 TEST_F(ThePackageManagerClient, CarriesCallsAndTurnsRefusalsIntoCodes) {
     Core::ZulProxy client(driver_.loop);
-    const auto list = [&] { return *driver_.await(client.getPackageList(driver_.soon())); };
+    const auto list = [&] { return *driver_.await(client.getPackageList(Testbed::LoopDriver::soon())); };
     driver_.await(client.install("/tmp/a.rpm"));
     driver_.await(client.remove("com.example.app"));
     EXPECT_EQ(calls_, "/tmp/a.rpm;com.example.app;");
@@ -120,7 +120,7 @@ TEST_F(ThePackageManagerClient, FailsWithTheInternalCodeOnceTheBusIsGone) {
     Core::ZulProxy client(driver_.loop);
     buses_.system.stop();
     EXPECT_EQ(failureOf([&] { driver_.await(client.install("/tmp/a.rpm")); }).first, 2);
-    EXPECT_EQ(failureOf([&] { driver_.await(client.getPackageList(driver_.soon())); }).first, 2);
+    EXPECT_EQ(failureOf([&] { driver_.await(client.getPackageList(Testbed::LoopDriver::soon())); }).first, 2);
     EXPECT_THAT(log_.lines(),
                 ElementsAre(testing::StartsWith("ERROR: lost the connection to norvane.ZUL: ")));
 }
