@@ -133,6 +133,7 @@ public:
 private:
     void setPackages(int packages) {
         std::vector<Common::PackageProperties> list;
+        list.reserve(static_cast<std::size_t>(packages));
         for (int count = 0; count < packages; ++count) {
             list.push_back(Testbed::PackageManager::package("com.example.package" + std::to_string(count)));
         }

@@ -113,7 +113,7 @@ public:
     }
 
 private:
-    void takeNames() {
+    static void takeNames() {
         sd_bus_request_name(world().systemPeers.get(), Names::Zul::service.c_str(), 0);
         sd_bus_request_name(world().sessionPeers.get(), Names::RuntimeManager::service.c_str(), 0);
         sd_bus_request_name(world().sessionPeers.get(), Names::Identification::service.c_str(), 0);
@@ -330,10 +330,11 @@ int handleCall(sd_bus_message* message, void*, sd_bus_error*) {
 
 int checkRelayed(sd_bus_message* message, void*, sd_bus_error*) {
     const char* id = "";
-    if (sd_bus_message_is_signal(message, "norvane.Vendara", "PackageRemoved") > 0) {
-        sd_bus_message_read_basic(message, 's', &id);
-    } else if (sd_bus_message_is_signal(message, "norvane.Vendara", nullptr) > 0 &&
-               sd_bus_message_enter_container(message, 'r', "ssssa{sv}") > 0) {
+    const auto isSignal = [&](const char* member) {
+        return sd_bus_message_is_signal(message, "norvane.Vendara", member) > 0;
+    };
+    if (isSignal("PackageRemoved") ||
+        (isSignal(nullptr) && sd_bus_message_enter_container(message, 'r', "ssssa{sv}") > 0)) {
         sd_bus_message_read_basic(message, 's', &id);
     }
     require(std::string_view(id) != forgedId);

@@ -11,6 +11,8 @@ namespace Common::Rpm {
 
 constexpr std::array<std::uint8_t, 2> magic{0x1f, 0x8b};
 
+// The state is initialised below, and what is read fills the buffers.
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
 GzipStream::GzipStream(int file)
     : file_(file) {
     // A socket and not a pipe: shutdown() ends it even when a child process has inherited an end.
