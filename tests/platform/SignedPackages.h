@@ -32,7 +32,7 @@ protected:
         return OpenSsl::derOf<const CMS_ContentInfo>(cms.get(), i2d_CMS_ContentInfo);
     }
 
-    [[nodiscard]] std::string content(const std::string& packageBytes) const {
+    [[nodiscard]] static std::string content(const std::string& packageBytes) {
         SignedContent content{.package = {packageBytes.size(), {}}, .files = {}};
         EVP_Digest(packageBytes.data(), packageBytes.size(), content.package.sha256.data(), nullptr,
                    EVP_sha256(), nullptr);
