@@ -32,6 +32,7 @@ constexpr milliseconds firstPatience = seconds(1);
 constexpr milliseconds lastPatience = std::chrono::minutes(1);
 // The same after the announcement that ends an operation of another connection.
 constexpr milliseconds shortPatience(100);
+constexpr auto peerInterface = "org.freedesktop.DBus.Peer";
 
 Properties propertiesFrom(const PropertyMap& map) {
     try {
@@ -169,7 +170,8 @@ public:
 
     // The ping has the bus start the service.
     [[noreturn]] void listen() {
-        ping(Own::service, callLimit);
+        Common::RemoteObject peer(connection_, Own::service, Own::objectPath, peerInterface);
+        run(peer.call<>("Ping", callLimit));
         for (;;) {
             runLoop();
         }
@@ -198,21 +200,22 @@ private:
         return results;
     }
 
-    void ping(const std::string& name, std::chrono::microseconds limit) {
-        Common::RemoteObject peer(connection_, name, Own::objectPath, "org.freedesktop.DBus.Peer");
-        run(peer.call<>("Ping", limit));
-    }
-
     // After an end is sent, the service asks the bus whether its receiver is still there, and reports the end
     // again if not. By the time it replies to a ping, it has asked.
     void confirm() {
         if (source_.hasOwner()) {
-            try {
-                ping(source_.owner(), seconds(1));
-            } catch (const std::runtime_error&) {
-                // What was received is not lost by this.
-            }
+            run(pingOwner());
         }
+    }
+
+    asio::awaitable<std::tuple<>> pingOwner() {
+        Common::RemoteObject peer(connection_, source_.owner(), Own::objectPath, peerInterface);
+        try {
+            co_await peer.call<>("Ping", seconds(1));
+        } catch (const sdbus::Error&) {
+            // What was received is not lost by this.
+        }
+        co_return std::tuple<>();
     }
 
     // Runs until something stops the loop. After an exception it stays stopped: what waits in it refers to

@@ -87,7 +87,8 @@ public:
     void start(const std::string& packageId);
     /// Ends the application and starts it again, after an upgrade that waits for its end.
     void restart(const std::string& packageId);
-    /// The completed operations are reported once.
+    /// The completed operations are reported once; a service that does not reply to a ping delays them by a
+    /// second.
     Properties properties();
 
     /// Follows an operation that another connection of this application requested. Its statuses are sent to
@@ -97,7 +98,8 @@ public:
     void attach(const Operation& operation);
     /// The operations that are followed and have not ended.
     [[nodiscard]] std::vector<Operation> pending() const;
-    /// Waits until all operations that are followed have ended.
+    /// Waits until all operations that are followed have ended, and up to a second for a reply of the service
+    /// that shows that it knows.
     /// @return whether none of them, since the client was made, failed or was lost
     [[nodiscard]] bool follow();
 

@@ -52,7 +52,8 @@ class Client:
         self._absent = set()  # those that the service did not list
         self._attached = set()
         self._announced = set()  # types of operations and packages
-        self._timers = []
+        self._timer = 0  # while operations are followed
+        self._interval = 0
         self._failure = None
         self._loop = GLib.MainLoop()
         flags, of_proxy = Gio.DBusConnectionFlags, Gio.DBusProxyFlags
@@ -85,31 +86,34 @@ class Client:
         self._call("Restart", package_id)
 
     def properties(self):
-        """Returns what GetAllProperties reports. Completed operations are reported once."""
-        properties = self._properties()
-        # What was announced before the reply says nothing about the operations in it, and is handled first.
+        """Returns what GetAllProperties reports. Completed operations are reported once; a service that does not
+        reply to a ping delays them by a second."""
+        # What was announced before says nothing about the operations in the reply, and is handled first.
         GLib.idle_add(self._announced.clear, priority=GLib.PRIORITY_DEFAULT)
-        return properties
+        return self._properties()
 
     def attach(self, operation):
         """Follows an operation of properties() that another connection of this application requested. Its statuses are
         sent to that connection, so the client asks for them. When the operation is no longer listed, the announcement
         of its package's change means that it finished."""
-        self._operations[operation.id] = operation
         self._attached.add(operation.id)
-        self._changed(operation)
+        known = self._operations.get(operation.id)
+        if known is None or known.status < operation.status:
+            self._operations[operation.id] = operation
+            self._changed(operation)
 
     def follow(self):
-        """Waits until all operations of this client have ended. Returns whether all of them succeeded."""
+        """Waits until all operations of this client have ended, and a second for a reply of the service that shows that
+        it knows. Returns whether all of them succeeded."""
         if self._pending():
             # Signals first: one that arrived during a slow reply must not be overtaken by the next question.
-            self._ask_every(_INTERVAL)
+            self._ask_after(_INTERVAL)
             self._failure = None
             try:
                 self._loop.run()
             finally:
-                while self._timers:
-                    GLib.source_remove(self._timers.pop())
+                GLib.source_remove(self._timer)
+                self._timer = 0
             if self._failure:
                 raise self._failure
         self._confirm()
@@ -120,6 +124,9 @@ class Client:
             properties, = self._call("GetAllProperties")
             for key in ("Operations", "CompletedOperations"):
                 properties[key] = [Operation(*operation) for operation in properties[key]]
+            # An operation that failed stays in the first list until the next one begins.
+            completed = {operation.id for operation in properties["CompletedOperations"]}
+            properties["Operations"] = [each for each in properties["Operations"] if each.id not in completed]
         except (KeyError, TypeError, ValueError):
             raise CallRefused("the service's properties are incomplete") from None
         if properties["CompletedOperations"]:
@@ -171,21 +178,25 @@ class Client:
         elif signal in _ANNOUNCEMENTS and arguments.get_type_string() in ("((ssssa{sv}))", "(s)"):
             package, = arguments.unpack()
             self._announced.add((_ANNOUNCEMENTS[signal], package if isinstance(package, str) else package[0]))
-            if len(self._timers) == 1 and any(self._is_announced(key) for key in self._attached & self._pending()):
-                self._ask_every(_SHORT_INTERVAL)
+            if self._timer and any(self._is_announced(key) for key in self._attached & self._pending()):
+                self._ask_after(_SHORT_INTERVAL)
 
     def _is_announced(self, key):
         operation = self._operations[key]
         return key in self._attached and (operation.type, operation.package_id) in self._announced
 
-    def _ask_every(self, interval):
-        self._timers.append(GLib.timeout_add(interval, self._guarded(self._ask), priority=GLib.PRIORITY_LOW))
+    def _ask_after(self, interval):
+        if self._timer:
+            GLib.source_remove(self._timer)
+        self._interval = interval
+        self._timer = GLib.timeout_add(interval, self._guarded(self._ask), priority=GLib.PRIORITY_LOW)
 
     def _require_service(self, *_):
         if self._pending() and (self._bus.is_closed() or not self._service.get_name_owner()):
             raise ServiceAbsent("the service left the bus; the result of the operation is unknown")
 
     def _ask(self):
+        self._ask_after(min(2 * self._interval, _INTERVAL))
         try:
             properties = self._properties()
         except CallRefused:

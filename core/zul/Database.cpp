@@ -205,11 +205,13 @@ void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcep
         std::string version;
         Common::guarded("couldn't read the version of a corrupted package",
                         [&] { version = PackageDirectory::versionNameOf(directory.current()); });
-        recordEvent(corruptedPackageRemoved, packageDirectory.filename(), version,
-                    "damaged package removed: " + directory.path().native(),
-                    ErrorCode::CorruptedInstalledPackage);
+        const auto removal = "damaged package removed: " + directory.path().native();
+        logEvent(corruptedPackageRemoved, removal, ErrorCode::CorruptedInstalledPackage);
         try {
             removeAll(directory, isUnmapped);
+            if (!Common::exists(directory.path())) { // it stays when a mapping of it does
+                recordInJournal(corruptedPackageRemoved, packageDirectory.filename(), version, removal);
+            }
         } catch (const Error& error) {
             Common::logWarning() << "couldn't clean up corrupted package directory: " << error;
         }

@@ -35,8 +35,9 @@ struct MappingPlan;
 /// refreshMappings() of every package bring back to whole packages with their mappings. What an operation
 /// reported as done survives the loss of power.
 ///
-/// Installations, upgrades, removals and what was removed as damaged are entries in the systemd journal with
-/// the fields VENDARA_PACKAGE and VENDARA_VERSION; without a journal nothing is recorded.
+/// Installations, upgrades, removals, and packages and upgrades removed because their records were damaged
+/// are entries in the systemd journal with the fields VENDARA_PACKAGE and VENDARA_VERSION. Without a journal
+/// nothing is recorded; a journal that is stopped with a full queue is waited for.
 class Database : public DatabaseLocation {
 public:
     /// Takes the directories from the configuration file; see DatabaseLocation.

@@ -9,9 +9,9 @@
 
 namespace Core::ZUL {
 
-/// A kind of event. Its numbers and its name stand in recorded logs.
+/// A kind of event. Recorded logs have its messageId and its number, which never change.
 struct EventKind {
-    const char* name;
+    const char* name;      ///< in lists of events
     const char* messageId; ///< of its entries in the journal; field and value
     int priority;          ///< of syslog(3)
     std::uint8_t number;   ///< in the platform's event log; 0: it is not recorded there
@@ -34,11 +34,18 @@ inline constexpr std::array eventKinds{packageInstalled, packageUpgraded, packag
 inline constexpr const char* packageField = "VENDARA_PACKAGE";
 inline constexpr const char* versionField = "VENDARA_VERSION";
 
-/// Records an event in the systemd journal and, where its kind has a number, in the platform's event log.
-/// Never fails: without a journal nothing is recorded there. Like log_event() it may wait for a journal that
-/// is stopped. Any thread.
+/// Records an event in the platform's event log, if its kind has a number. Any thread.
+/// @param code  the failure that led to it; None for a success
+void logEvent(const EventKind& kind, const std::string& message,
+              Common::ErrorCode code = Common::ErrorCode::None) noexcept;
+
+/// Records an event in the systemd journal. Never fails: without a journal nothing is recorded. Waits for a
+/// journal that is stopped when its queue is full, as log_event() may. Any thread.
 /// @param version  that the event is about; empty: unknown
-/// @param code     the failure that led to it; None for a success
+void recordInJournal(const EventKind& kind, const std::string& package, const std::string& version,
+                     const std::string& message) noexcept;
+
+/// Both.
 void recordEvent(const EventKind& kind, const std::string& package, const std::string& version,
                  const std::string& message, Common::ErrorCode code = Common::ErrorCode::None) noexcept;
 

@@ -1,5 +1,6 @@
 #include "client/Client.h"
 #include "common/BusText.h"
+#include "common/Error.h"
 #include "common/PackageId.h"
 #include "tools/CommandLine.h"
 #include "tools/vendaractl/Commands.h"
@@ -187,12 +188,21 @@ private:
             throw;
         } catch (const OutputLost&) {
             throw;
+        } catch (const Common::Error& error) {
+            printFailure(request_.format, subjectOf(error), error.what());
         } catch (const std::exception& error) {
-            // In words the message names it.
-            const bool hasSubject = request_.format == Format::Json && request_.arguments.size() == 1;
-            printFailure(request_.format, hasSubject ? request_.arguments.front() : "", error.what());
+            printFailure(request_.format, {}, error.what());
         }
         return OperationFailed;
+    }
+
+    /// The one package or path of the command, where the failure is about it. In words the message names it.
+    [[nodiscard]] std::string subjectOf(const Common::Error& error) const {
+        using enum Common::ErrorCode;
+        const bool isAboutIt = error.code() == PackageNotExist || error.code() == BadPackageID ||
+                               error.code() == FileNotFound || error.code() == CorruptedInstalledPackage;
+        const bool hasOne = request_.format == Format::Json && request_.arguments.size() == 1;
+        return isAboutIt && hasOne ? request_.arguments.front() : std::string();
     }
 
     CLI::App app_{"Installs, upgrades, removes and starts applications through the norvane.Vendara service.",
