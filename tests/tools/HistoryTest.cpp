@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <climits>
 #include <sched.h>
 #include <sstream>
 #include <sys/mount.h>
@@ -140,12 +141,22 @@ TEST_F(History, ShowsWhatTheDatabaseDidWithEachPackage) {
 
 TEST_F(History, LetsNoEntrySteerTheTerminal) {
     const std::string message("MESSAGE\n\x05\0\0\0\0\0\0\0a\nb\x1b\t\n", 22);
-    writeJournal(journal / "a.journal", {upgrade("evil\u202e", message),
-                                         "MESSAGE=another's\nVENDARA_PACKAGE=evil\n", upgrade("bare", "")});
+    const std::string longest(NAME_MAX, 'l');
+    writeJournal(journal / "a.journal",
+                 {upgrade("evil\u202e", message), "MESSAGE=another's\nVENDARA_PACKAGE=evil\n",
+                  upgrade(longest + "another", ""), upgrade("..", "MESSAGE=another's\n"),
+                  upgrade("long", "VENDARA_VERSION=" + longest + "another\n"), upgrade(longest, ""),
+                  upgrade("bare", "")});
     const auto table = history({"--directory", journal});
     EXPECT_EQ(table.status, 0);
     EXPECT_THAT(table.output, AllOf(HasSubstr("\tPackageUpgraded\tevil\\u{202e}\t\t0\ta\\x0ab\\x1b\\x09\n"),
+                                    HasSubstr("\t" + longest + "\t"),
                                     EndsWith("\tPackageUpgraded\tbare\t\t0\t\n"), Not(HasSubstr("another"))));
+    const auto onTerminal =
+        run({"script", "-qec", VENDARACTL " history --directory " + journal.native(), "/dev/null"},
+            {.environment = {{"TERM", "xterm"}}});
+    EXPECT_THAT(onTerminal.output,
+                AllOf(HasSubstr("  bare "), Not(HasSubstr("bare" + std::string(99, ' ')))));
     const auto bare = Json::parse(history({"bare", "--json", "--directory", journal}).output);
     EXPECT_TRUE(bare["version"].is_null() && bare["message"].is_null());
     EXPECT_EQ(history({"absent", "--directory", journal}).output, "");

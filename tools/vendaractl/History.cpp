@@ -1,4 +1,5 @@
 #include "common/Files.h"
+#include "common/PackageId.h"
 #include "core/zul/Events.h"
 #include "core/zul/ReadTree.h"
 #include "tools/vendaractl/Commands.h"
@@ -7,10 +8,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <ctime>
 #include <fcntl.h>
 #include <iomanip>
 #include <memory>
+#include <optional>
 #include <sstream>
 
 namespace Vendaractl {
@@ -85,16 +88,22 @@ std::string timeOf(sd_journal* journal) {
 
 using Row = std::vector<std::string>;
 
-Row rowOf(sd_journal* journal) {
+/// The current entry. Nothing where the database cannot have written it: any user may write such entries.
+std::optional<Row> rowOf(sd_journal* journal) {
+    const auto package = valueOf(journal, packageField);
+    const auto version = valueOf(journal, versionField);
+    if (!Common::isPackageId(package) || version.size() > NAME_MAX) {
+        return {};
+    }
     const auto id = "MESSAGE_ID=" + valueOf(journal, "MESSAGE_ID");
     const auto* const kind = std::find_if(eventKinds.begin(), eventKinds.end(),
                                           [&](const auto& each) { return each.messageId == id; });
-    return {timeOf(journal),
-            kind == eventKinds.end() ? "" : kind->name,
-            valueOf(journal, packageField),
-            valueOf(journal, versionField),
-            valueOf(journal, "_UID"),
-            valueOf(journal, "MESSAGE")};
+    return Row{timeOf(journal),
+               kind == eventKinds.end() ? "" : kind->name,
+               package,
+               version,
+               valueOf(journal, "_UID"),
+               valueOf(journal, "MESSAGE")};
 }
 
 /// Reads the events and reports what cannot be read.
@@ -127,7 +136,9 @@ public:
         }
         while (checked(sd_journal_next(journal.get())) > 0) {
             try {
-                rows.push_back(rowOf(journal.get()));
+                if (auto row = rowOf(journal.get())) {
+                    rows.push_back(std::move(*row));
+                }
             } catch (const Common::Error& error) {
                 fail("an entry", error);
             }

@@ -109,6 +109,8 @@ void printLine(const std::string& line) {
 void printJson(const JsonValue& value) { printLine(Tools::textOf(value)); }
 
 void printTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows) {
+    // A longer text moves only the rest of its own row.
+    constexpr std::size_t widest = 64;
     std::vector<std::size_t> widths(header.size(), 0);
     auto lines = rows;
     for (auto& line : lines) {
@@ -118,7 +120,8 @@ void printTable(const std::vector<std::string>& header, const std::vector<std::v
         lines.insert(lines.begin(), header);
         for (const auto& line : lines) {
             for (std::size_t column = 0; column + 1 < line.size(); ++column) {
-                widths[column] = std::max(widths[column], widthOf(line[column]).columns + 1);
+                widths[column] =
+                    std::max(widths[column], std::min(widest, widthOf(line[column]).columns + 1));
             }
         }
     }
