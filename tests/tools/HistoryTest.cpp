@@ -180,6 +180,7 @@ TEST_F(History, NamesWhatCannotBeReadAndShowsTheRest) {
     fs::permissions(journal / "a.journal", fs::perms::none);
     expect(1, hint, " may read them\n");
     writeJournal(journal / "b.journal", {upgrade("other", "MESSAGE=done\n")});
+    writeFile(journal / "created.journal", "");
     expect(0, hint, "\tother\t\t0\tdone\n");
     writeFile(journal / "c.journal", "text");
     expect(1, "vendaractl: " + (journal / "c.journal").native() + ": damaged, or not a journal\n", "done\n");

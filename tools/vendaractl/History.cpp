@@ -27,7 +27,8 @@ namespace {
 /// Throws for a negative errno that a function of libsystemd returns.
 int checked(int result) {
     if (result < 0) {
-        const bool isDamaged = result == -EBADMSG || result == -ENODATA || result == -EIO;
+        // ENODATA: the file is shorter than a journal, or than its header says.
+        const bool isDamaged = result == -EBADMSG || result == -ENODATA;
         throw Common::Error(Common::ErrorCode::Filesystem, isDamaged
                                                                ? "damaged, or not a journal"
                                                                : std::generic_category().message(-result));
@@ -155,7 +156,9 @@ private:
         const UniqueFd top(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         const auto visit = [&](const fs::path& path, const struct stat& status) {
             const auto kind = path.extension();
-            if (S_ISREG(status.st_mode) && (kind == ".journal" || kind == ".journal~")) {
+            // An empty one was just created.
+            if (S_ISREG(status.st_mode) && status.st_size > 0 &&
+                (kind == ".journal" || kind == ".journal~")) {
                 add(path, Common::openWithin(top.get(), path.relative_path(), O_RDONLY | O_NONBLOCK,
                                              Common::Resolve::InRoot));
             }
