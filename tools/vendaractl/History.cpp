@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <sstream>
+#include <utility>
 
 namespace Vendaractl {
 
@@ -135,19 +136,22 @@ public:
             const auto match = packageField + ("=" + request_.arguments.front());
             checked(sd_journal_add_match(journal.get(), match.c_str(), 0));
         }
-        while (checked(sd_journal_next(journal.get())) > 0) {
+        bool isThere = true;
+        while (std::exchange(isThere, false)) {
             try {
-                if (auto row = rowOf(journal.get())) {
+                // An error of this ends the list, one of an entry does not.
+                isThere = checked(sd_journal_next(journal.get())) > 0;
+                if (auto row = isThere ? rowOf(journal.get()) : std::nullopt) {
                     rows.push_back(std::move(*row));
                 }
             } catch (const Common::Error& error) {
-                fail("an entry", error);
+                fail({}, std::string("couldn't read an entry: ") + error.what());
             }
         }
         return rows;
     }
 
-    /// Whether a file is damaged, or the user may read none.
+    /// Whether something could not be read, or the user may read no file.
     [[nodiscard]] bool hasFailed() const { return hasFailed_; }
 
 private:
@@ -169,7 +173,7 @@ private:
             if (!isThere && errno == EACCES) {
                 isDenied_ = true;
             } else {
-                ReadTree(root).walk(directory, visit, [this](const auto& error) { fail({}, error); });
+                ReadTree(root).walk(directory, visit, [this](const auto& error) { fail({}, error.what()); });
             }
         }
     }
@@ -186,13 +190,13 @@ private:
             openJournal(copy); // alone: an error names no file
             files_.push_back(std::move(file));
         } catch (const Common::Error& error) {
-            fail(path, error);
+            fail(path, error.what());
         }
     }
 
-    void fail(const std::string& subject, const Common::Error& error) {
+    void fail(const std::string& subject, const std::string& message) {
         hasFailed_ = true;
-        printFailure(request_.format, subject, error.what());
+        printFailure(request_.format, subject, message);
     }
 
     const Request& request_;
