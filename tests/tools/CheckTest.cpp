@@ -201,7 +201,9 @@ TEST_F(Check, ShowsItsProgressOnATerminalAlone) {
                    {.environment = {{"TERM", "xterm"}}, .directory = scratch.path()})
             .output;
     };
-    EXPECT_THAT(onTerminal(VENDARACTL " check --authority keys/ca.pem app.rpm app.rpm"),
+    EXPECT_THAT(onTerminal(VENDARACTL
+                           " check --authority keys/ca.pem --configuration zul.conf --system-root system "
+                           "app.rpm app.rpm"),
                 AllOf(HasSubstr("checking 1 of 2: 0 %\x1b[K\r"), HasSubstr("checking 2 of 2: 100 %\x1b[K\r"),
                       HasSubstr("\x1b[Kcom.example.app 1.0-1")));
     EXPECT_THAT(onTerminal(VENDARA_SIGN " --verify --authority keys/ca.pem app.rpm"),
