@@ -81,8 +81,6 @@ void show(const std::string& path, const Arguments& arguments) {
 void verify(const std::string& path, const Arguments& arguments, Tools::Progress& progress) {
     const OpenPackage package(path);
     progress(0, 0);
-    // First: the library has the reason in its log only.
-    package.requireVerified(arguments.authority);
     try {
         // Which developer is the platform's own makes no difference.
         static_cast<void>(Core::ZUL::Package::fromFile(
@@ -90,8 +88,14 @@ void verify(const std::string& path, const Arguments& arguments, Tools::Progress
             {.certificates = arguments.authority, .systemDeveloperKeyId = "/dev/null"},
             {.progress = std::ref(progress)}));
     } catch (const Common::Error& error) {
-        const bool isSignatureMissing = error.code() == Common::ErrorCode::BadPackageSignature;
-        throw std::runtime_error(isSignatureMissing ? "not signed by a developer" : error.what());
+        if (error.code() == Common::ErrorCode::BadPackageSignature) {
+            // The library has the reason in its log only; this throws it.
+            package.requireVerified(arguments.authority);
+            if (!PackageSignatures::developerCmsFromVector(package.cmses())) {
+                throw std::runtime_error("not signed by a developer");
+            }
+        }
+        throw;
     }
     progress.end();
     printSigners(path, package, arguments.json);
