@@ -17,7 +17,7 @@ using Common::ErrorCode;
 namespace {
 
 /// @return false where leases cannot be had
-bool takeLease(const Common::UniqueFd& file, const std::filesystem::path& path) {
+bool takeLease(const Common::UniqueFd& file) {
     // The signal is chosen first: the one that the kernel sends otherwise, SIGIO, ends the process.
     if (fcntl(file.get(), F_SETSIG, SIGURG) != 0) {
         return false;
@@ -26,7 +26,7 @@ bool takeLease(const Common::UniqueFd& file, const std::filesystem::path& path) 
         return true;
     }
     if (errno == EAGAIN) {
-        throw Error(ErrorCode::BadPackage, "package file is open for writing: " + path.native());
+        throw Error(ErrorCode::BadPackage, "the package file is open for writing");
     }
     return false;
 }
@@ -44,7 +44,7 @@ PackageFile::PackageFile(const std::filesystem::path& path)
 // Lease and status are taken before anything is read, so that a header from before a change cannot pass for
 // the file's. The reader's descriptor shares the lease and keeps it.
 PackageFile::PackageFile(const Common::UniqueFd& file, const std::filesystem::path& path)
-    : isLeased_(takeLease(file, path))
+    : isLeased_(takeLease(file))
     , opened_(Common::statusOf(file.get()))
     , reader_(file, path.native()) {
     requireUnchanged();
