@@ -31,12 +31,15 @@ using AttributeWriter = std::function<int(int file, const std::string& name, con
 
 /// How a person, or a program that has to end, follows an extraction or a validation.
 struct ExtractionWatch {
-    /// Called on the working thread after each piece of content: how many bytes are written, and how many
-    /// there are by the package's header, which may be wrong, or 0 where it has no number. Of a validation,
-    /// how many are unpacked in search of the manifest and then read for the payload's digest. May throw,
-    /// which ends the work.
+    /// Called on the working thread. May throw, which ends the work. During an extraction, after each piece
+    /// of content: how many bytes are written, and how many there are by the package's header, which may be
+    /// wrong, or 0 where it has no number. During a validation, between files of the payload in search of the
+    /// manifest and after each piece that is read for the payload's digest: how many bytes are unpacked and
+    /// read. Not called while the signatures are verified.
     std::function<void(std::uint64_t done, std::uint64_t total)> progress = {};
-    /// Ends the work with code Internal, "the extraction was stopped" or "the validation was stopped".
+    /// Ends the work with code Internal, "the extraction was stopped" or "the validation was stopped". An
+    /// extraction looks at it before each entry and after each piece of content, a validation where it
+    /// reports progress: not while the signatures are verified.
     std::stop_token stop = {};
 };
 
