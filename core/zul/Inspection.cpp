@@ -30,7 +30,7 @@ bool isTaken(SystemTree& tree, const std::string& place, const std::filesystem::
 
 void listFiles(const InspectedSystem& system, Inspection& result) {
     const auto& package = *result.package;
-    const Common::Rpm::FileList list(package.file().reader().header());
+    const Common::Rpm::FileList list(fileOf(package).reader().header());
     const PackagePath paths(package);
     const auto rules = mappingRules(package);
     SystemTree tree(system.root, SystemTree::Use::Look);

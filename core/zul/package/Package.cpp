@@ -197,6 +197,8 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     throwAsError();
 }
 
+const PackageFile& fileOf(const Package& package) { return *package.file_; }
+
 void Package::requireArchitecture(const std::string& platform) const {
     if (architecture_ != "noarch" && architecture_ != platform) {
         throw Error(ErrorCode::BadPackageArchitecture,

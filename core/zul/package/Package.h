@@ -111,10 +111,10 @@ public:
     [[nodiscard]] const Expiry& sourceExpiry() const { return sourceExpiry_; }
     /// Whether the developer is the platform's own.
     [[nodiscard]] bool isSystemDeveloper() const { return isSystemDeveloper_; }
-    /// The file that is held open. For the library's own use.
-    [[nodiscard]] const PackageFile& file() const { return *file_; }
 
 private:
+    friend const PackageFile& fileOf(const Package& package);
+
     Package(PackageIdentity identity, const PackageSignatures::Cms& developerCms,
             std::shared_ptr<const PackageFile> file);
 

@@ -7,6 +7,8 @@
 
 namespace Core::ZUL {
 
+class Package;
+
 /// A package file that is held open and knows whether it is still the file that was opened: the same inode
 /// with the same size and times, and never opened for writing meanwhile. Used by one thread at a time.
 ///
@@ -45,5 +47,8 @@ private:
     struct stat opened_;
     Common::Rpm::Reader reader_;
 };
+
+/// The file that a validated package holds open.
+[[nodiscard]] const PackageFile& fileOf(const Package& package);
 
 } // namespace Core::ZUL
