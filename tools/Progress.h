@@ -11,6 +11,12 @@
 
 namespace Tools {
 
+/// Whether a descriptor is a terminal that understands cursor movements.
+inline bool isTerminal(int descriptor) {
+    const char* const kind = std::getenv("TERM");
+    return isatty(descriptor) != 0 && kind != nullptr && std::string_view(kind) != "dumb";
+}
+
 /// Shows how much of a long operation is done, in a line that is rewritten and at last erased. Shows nothing
 /// unless standard error is a terminal that understands this. Used by one thread.
 class Progress {
@@ -19,10 +25,7 @@ public:
     /// @param index  of the package, where there are several
     Progress(const std::string& words, std::size_t index, std::size_t count)
         : words_(words +
-                 (count > 1 ? " " + std::to_string(index + 1) + " of " + std::to_string(count) : "")) {
-        const char* const kind = std::getenv("TERM");
-        isTerminal_ = isatty(STDERR_FILENO) != 0 && kind != nullptr && std::string_view(kind) != "dumb";
-    }
+                 (count > 1 ? " " + std::to_string(index + 1) + " of " + std::to_string(count) : "")) {}
     ~Progress() { end(); }
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
@@ -49,7 +52,7 @@ public:
 
 private:
     std::string words_;
-    bool isTerminal_ = false;
+    bool isTerminal_ = isTerminal(STDERR_FILENO);
     int shown_ = -1; ///< percent; none
 };
 

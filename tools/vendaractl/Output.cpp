@@ -2,9 +2,9 @@
 
 #include "common/PrintableText.h"
 #include "common/Utf8.h"
+#include "tools/Progress.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cwchar>
 #include <iostream>
 #include <unistd.h>
@@ -95,10 +95,7 @@ JsonValue toJson(const Vendara::Package& package) {
                      {"extra", extra}};
 }
 
-bool onTerminal() {
-    const char* const kind = std::getenv("TERM");
-    return isatty(STDOUT_FILENO) != 0 && kind != nullptr && std::string_view(kind) != "dumb";
-}
+bool onTerminal() { return Tools::isTerminal(STDOUT_FILENO); }
 
 void printLine(const std::string& line) {
     if (!(std::cout << line << std::endl)) {
