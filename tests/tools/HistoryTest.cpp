@@ -108,8 +108,18 @@ TEST_F(History, ShowsWhatTheDatabaseDidWithEachPackage) {
     EXPECT_THAT(database.recoverDatabase(), ElementsAre(app.id()));
     database.remove("/" + app.id());
     receive();
-    install(PackageIdentity("other", "5-1"));
+    install(PackageIdentity("other", "5-1"), {{"data/file", "x"}});
     fs::remove(root / "other/current/quenra.pkg");
+    receive();
+    {
+        // It stays for its mapping, and is removed when that can be.
+        const DroppedCapabilities dropped;
+        fs::permissions(system / "usr/share/other", fs::perms(0555));
+        EXPECT_THAT(database.packages(), IsEmpty());
+        EXPECT_TRUE(fs::exists(root / "other"));
+        fs::permissions(system / "usr/share/other", fs::perms(0755));
+    }
+    receive();
     EXPECT_THAT(database.packages(), IsEmpty());
     receive();
     // The platform's event log has some of them, without the package.
@@ -127,7 +137,7 @@ TEST_F(History, ShowsWhatTheDatabaseDidWithEachPackage) {
           "PackageUpgraded\tcom.example.app\t4.0-1\t0\tpackage com.example.app upgraded to 4.0-1",
           "PackageRemoved\tcom.example.app\t4.0-1\t0\tpackage com.example.app removed",
           "PackageInstalled\tother\t5-1\t0\tpackage other installed: 5-1",
-          "CorruptedPackageRemoved\tother\t5-1\t0\tdamaged package removed: [^\n]*/other"}) {
+          "CorruptedPackageRemoved\tother\t\t0\tdamaged package removed: [^\n]*/other"}) {
         expected += times + line + "\n";
     }
     EXPECT_THAT(table.output, MatchesRegex(expected));
