@@ -204,13 +204,14 @@ private:
     // again if not. By the time it replies to a ping, it has asked.
     void confirm() {
         if (source_.hasOwner()) {
-            run(pingOwner());
+            run(ping(source_.owner()));
         }
     }
 
-    asio::awaitable<std::tuple<>> pingOwner() {
-        Common::RemoteObject peer(connection_, source_.owner(), Own::objectPath, peerInterface);
+    // The owner is a copy: it may leave before the coroutine runs.
+    asio::awaitable<std::tuple<>> ping(std::string owner) {
         try {
+            Common::RemoteObject peer(connection_, owner, Own::objectPath, peerInterface);
             co_await peer.call<>("Ping", seconds(1));
         } catch (const sdbus::Error&) {
             // What was received is not lost by this.
