@@ -21,21 +21,24 @@ using Fuzz::require;
 constexpr auto service = "norvane.Vendara";
 constexpr auto endId = "no.more.signals";
 
-/// What is written to a standard stream. The line with endId is the last one that it takes.
+/// What is written to a standard stream. If it is monitored, the line with endId is the last one that it
+/// takes.
 class Captured : public std::stringbuf {
 public:
-    explicit Captured(std::ostream& stream)
+    Captured(std::ostream& stream, bool isMonitored)
         : stream_(stream)
-        , before_(stream.rdbuf(this)) {}
+        , before_(stream.rdbuf(this))
+        , isMonitored_(isMonitored) {}
     ~Captured() override {
         stream_.rdbuf(before_);
         stream_.clear();
     }
-    int sync() override { return view().find(endId) == std::string_view::npos ? 0 : -1; }
+    int sync() override { return isMonitored_ && view().find(endId) != std::string_view::npos ? -1 : 0; }
 
 private:
     std::ostream& stream_;
     std::streambuf* before_;
+    bool isMonitored_;
 };
 
 /// The service as the program sees it: it answers, and says of its own accord, what the input holds, and
@@ -229,9 +232,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string output;
     std::string errors;
     {
-        const Service thread(connection, input, command == &monitor);
-        Captured standardOutput(std::cout);
-        Captured standardError(std::cerr);
+        const bool isMonitored = command == &monitor;
+        const Service thread(connection, input, isMonitored);
+        Captured standardOutput(std::cout, isMonitored);
+        Captured standardError(std::cerr, isMonitored);
         carryOut(command, request);
         output = standardOutput.str();
         errors = standardError.str();
