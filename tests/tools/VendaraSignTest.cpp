@@ -260,9 +260,10 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         links[place] = {.directory = "/usr/", .name = std::to_string(10'000 + place), .inode = 1};
     }
     craftPackage(scratch.path() / "links.rpm", links);
-    const auto badManifest = buildPackage(
-        scratch.path() / "build", {.name = "c", .files = {{"/usr/share/applications/c.desktop", "Name"}}});
-    ASSERT_EQ(sign(by("developer", "developer", badManifest, {"--output=manifest.rpm"})).status, 0);
+    std::filesystem::rename(
+        buildPackage(scratch.path() / "build",
+                     {.name = "c", .files = {{"/usr/share/applications/c.desktop", "Name"}}}),
+        scratch.path() / "manifest.rpm");
     const auto withOption = [](const std::string& name, const std::string& value) {
         return by("developer", "developer", "b.rpm", {name, value});
     };
@@ -287,6 +288,7 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         {by("developer", "developer", "twice.rpm"),
          "twice.rpm: the rpm package has something behind its end"},
         {by("developer", "developer", "links.rpm"), "links.rpm: the rpm package has a file with too many"},
+        {by("developer", "developer", "manifest.rpm"), "manifest.rpm: couldn't parse the package's manifest"},
         {by("developer", "client", "b.rpm"), "b.rpm: the certificate given for the developer is not one"},
         {by("client", "ca", "b.rpm"), "ca/ca.pem: certificate"},
         {by("client", "client", "damaged.rpm"), "damaged.rpm"},
@@ -297,8 +299,6 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         {{"--verify", "--authority", "ca/ca.pem", "b.rpm"}, "vendara-sign: b.rpm: not signed by a developer"},
         {{"--show", "text.rpm"}, "vendara-sign: text.rpm: file is no rpm package"},
         {{"--verify", "--authority", "ca/ca.pem", "cut.rpm"}, "cut.rpm: the rpm package is cut off"},
-        {{"--verify", "--authority", "ca/ca.pem", "manifest.rpm"},
-         "manifest.rpm: couldn't parse the package's manifest"},
         {{"--verify", "--authority", "ca/client.pem", "a.rpm"},
          "vendara-sign: a.rpm: certificate: unable to get local issuer certificate\n"},
         {{"--verify", "--authority", "ca/none.pem", "a.rpm"},

@@ -3,6 +3,7 @@
 #include "common/Files.h"
 #include "common/rpm/Reader.h"
 #include "common/rpm/WholePackage.h"
+#include "core/zul/package/ManifestNames.h"
 #include "platform/reference/pkgverify/OpenPackage.h"
 #include "platform/reference/signcms/SignedBlob.h"
 #include "tools/vendara-sign/FileSigner.h"
@@ -145,6 +146,7 @@ void writeSigned(const SignRequest& request) {
     if (!request.evenBroken) {
         Common::Rpm::requireWholePackage(reader, length,
                                          [&](std::uint64_t place) { report(length + place); });
+        static_cast<void>(Core::ZUL::withManifest(Core::ZUL::identityOf(reader), reader));
     }
     auto cmses = package ? existingCmses(package->cmses(), digest, request) : CmsesByRole();
     const CmsMaker maker(request, reader, digest);
