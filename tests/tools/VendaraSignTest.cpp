@@ -4,6 +4,7 @@
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
+#include "tools/vendara-sign/PackageSigner.h"
 #include "tools/vendara-sign/TestAuthority.h"
 
 #include <gmock/gmock.h>
@@ -264,6 +265,12 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
         buildPackage(scratch.path() / "build",
                      {.name = "c", .files = {{"/usr/share/applications/c.desktop", "Name"}}}),
         scratch.path() / "manifest.rpm");
+    Signing::signPackage({.package = scratch.path() / "manifest.rpm",
+                          .output = scratch.path() / "signed.rpm",
+                          .developer = Signing::loadIdentity(scratch.path() / "ca/developer.key",
+                                                             scratch.path() / "ca/developer.pem"),
+                          .evenBroken = true});
+    craftPackage(scratch.path() / "version.rpm", {}, {.version = "1/2"});
     const auto withOption = [](const std::string& name, const std::string& value) {
         return by("developer", "developer", "b.rpm", {name, value});
     };
@@ -289,6 +296,9 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
          "twice.rpm: the rpm package has something behind its end"},
         {by("developer", "developer", "links.rpm"), "links.rpm: the rpm package has a file with too many"},
         {by("developer", "developer", "manifest.rpm"), "manifest.rpm: couldn't parse the package's manifest"},
+        {{"--verify", "--authority", "ca/ca.pem", "signed.rpm"},
+         "signed.rpm: couldn't parse the package's manifest"},
+        {by("client", "client", "version.rpm"), "version.rpm: couldn't parse package version: 1/2-1"},
         {by("developer", "client", "b.rpm"), "b.rpm: the certificate given for the developer is not one"},
         {by("client", "ca", "b.rpm"), "ca/ca.pem: certificate"},
         {by("client", "client", "damaged.rpm"), "damaged.rpm"},

@@ -133,10 +133,10 @@ void writeSigned(const SignRequest& request) {
     }
     const auto length = package ? package->packageLength() : lengthOf(file);
     auto output = newFile(file, request.output);
-    // The package is read to be copied and once more to be validated.
+    // The package is read to be copied, to be validated, and in search of its manifest.
     const auto report = [&](std::uint64_t done) {
         if (request.progress) {
-            request.progress(done, 2 * length);
+            request.progress(done, 3 * length);
         }
     };
     copyBytes(file.get(), length, output, report);
@@ -146,7 +146,10 @@ void writeSigned(const SignRequest& request) {
     if (!request.evenBroken) {
         Common::Rpm::requireWholePackage(reader, length,
                                          [&](std::uint64_t place) { report(length + place); });
-        static_cast<void>(Core::ZUL::withManifest(Core::ZUL::identityOf(reader), reader));
+        const auto searched = [&](std::uint64_t unpacked) {
+            report(2 * length + std::min(unpacked, length));
+        };
+        static_cast<void>(Core::ZUL::withManifest(Core::ZUL::identityOf(reader), reader, {}, searched));
     }
     auto cmses = package ? existingCmses(package->cmses(), digest, request) : CmsesByRole();
     const CmsMaker maker(request, reader, digest);

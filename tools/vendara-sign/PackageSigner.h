@@ -19,7 +19,7 @@ struct SignRequest {
     std::optional<Identity> client{};     ///< signs the package
     std::vector<std::string> trustlets{}; ///< see signFiles()
     bool replaces = false;                ///< signatures of the same roles
-    bool evenBroken = false;              ///< signs what no device takes; for tests of devices
+    bool evenBroken = false;              ///< signs what no device installs, too; for tests of devices
     bool onlyDigests = false;             ///< finds the digests without a signature and writes no package
     DigestFile* digests = nullptr;        ///< has the signatures, where the identities have no keys
     std::function<void(std::uint64_t done, std::uint64_t total)> progress{}; ///< bytes of its reading
@@ -29,7 +29,7 @@ struct SignRequest {
 /// a whole, and only when all steps succeeded; a link stays, and what it leads to is replaced. Nothing is
 /// written while request.digests misses signatures. Throws std::exception, whose text names the path, for a
 /// package that librpm does not accept, that is not one whole binary package
-/// (Common::Rpm::requireWholePackage()) or has a name or a manifest that is refused
+/// (Common::Rpm::requireWholePackage()) or whose name, version or manifest is not valid
 /// (Core::ZUL::withManifest()), that has a signature of the same role already or a damaged one, for an
 /// identity of another role, and for an output that is there and not a regular file. Where both roles are
 /// replaced, what is behind the payload is not read: damaged signatures go too.

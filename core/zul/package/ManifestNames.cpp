@@ -61,7 +61,9 @@ std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, co
             throw Error(*refusal);
         }
         left -= std::min(cost, left);
-        progress(passed);
+        if (progress) {
+            progress(passed);
+        }
         passed += files.hasContent() ? files.size() : 0;
     }
     return {};

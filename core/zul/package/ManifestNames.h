@@ -19,7 +19,8 @@ namespace Core::ZUL {
 /// The identity with the names in the manifest, for which the payload is unpacked as far as that.
 ///
 /// Throws Common::Error, BadPackage: a manifest that is damaged, too large or not a regular file, or whose
-/// names PackageIdentity refuses. What cannot be read or done this time is Filesystem or Internal.
+/// names PackageIdentity refuses; a payload that librpm cannot unpack here. What cannot be read or done this
+/// time is Filesystem or Internal.
 /// @param refusal   why the package is refused in the end, if it is: thrown when the search becomes too long
 /// @param progress  called between files with the bytes unpacked so far
 /// @return nothing when the payload has no manifest

@@ -79,8 +79,8 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
                           const ExtractionWatch& watch) try {
     auto opened = std::make_shared<const PackageFile>(file);
     const auto& header = opened->reader();
-    auto architecture = header.getStringTag(RPMTAG_ARCH);
     const auto identity = identityOf(header);
+    auto architecture = header.getStringTag(RPMTAG_ARCH);
     // A header may claim any size.
     const auto unpackedSize =
         std::min<std::uint64_t>(headerGetNumber(header.header(), RPMTAG_LONGSIZE), INT64_MAX);
