@@ -25,7 +25,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using PropertyMap = std::map<std::string, sdbus::Variant>;
 
-// The bus takes up to two minutes to start the service, which replies within 24 seconds.
+// The bus takes up to two minutes to start the service, which replies within 25 seconds.
 constexpr std::chrono::microseconds callLimit = seconds(150);
 // How long no status arrives before the service is asked; twice as long after each reply.
 constexpr milliseconds firstPatience = seconds(1);

@@ -17,7 +17,7 @@ namespace Daemon {
 /// other. Loop's thread only.
 class StatusAnnouncer {
 public:
-    /// Sends one status. Throws sdbus::Error.
+    /// Sends one status, to its initiator's bus name alone. Throws sdbus::Error.
     using Send = std::function<void(const Core::Operation&)>;
 
     /// @param controller  learns what becomes of the ends of operations; outlives this object

@@ -76,6 +76,7 @@ private:
                                  Launch call);
     asio::awaitable<Common::CallerIdentity> determineInitiator(std::string sender,
                                                                Common::TimePoint deadline);
+    // Without those whose properties are incomplete, which are logged.
     static asio::awaitable<std::vector<Common::PackageRecord>> installedPackages(PackageListing listing);
     static asio::awaitable<void> findInstalledPackage(std::string id, PackageListing listing);
     asio::awaitable<Common::OperationRecord> enqueue(Core::Operation operation, Common::TimePoint deadline);

@@ -10,7 +10,7 @@ STATUSES = {0: "queued", 10: "in progress", 90: "awaiting upgrade", 100: "finish
 FINISHED, FAILED = 100, 101  # A lower status is followed by another one.
 
 _NAME = "norvane.Vendara"
-_CALL_LIMIT = 150_000  # ms: the bus takes up to two minutes to start the service, which replies within 24 seconds
+_CALL_LIMIT = 150_000  # ms: the bus takes up to two minutes to start the service, which replies within 25 seconds
 _INTERVAL = 3_000  # ms: how often the service is asked for an end whose signal was missed
 _SHORT_INTERVAL = 100  # ms: the same after the announcement that ends an operation of another connection
 _ANNOUNCEMENTS = {"PackageInstalled": 0, "PackageUpgraded": 1, "PackageRemoved": 2}  # types of operations
