@@ -1,11 +1,12 @@
 #pragma once
 
+#include "fuzz/Require.h"
+
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <memory>
 #include <string>
@@ -14,12 +15,6 @@
 #include <vector>
 
 namespace Fuzz {
-
-inline void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
 
 template<auto release>
 struct Releaser {
@@ -35,8 +30,10 @@ class Connection {
 public:
     explicit Connection(const char* variable) {
         sd_bus* bus = nullptr;
-        require(sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, std::getenv(variable)) >= 0 &&
-                sd_bus_set_bus_client(bus, 1) >= 0 && sd_bus_start(bus) >= 0);
+        requireDone(sd_bus_new(&bus));
+        requireDone(sd_bus_set_address(bus, std::getenv(variable)));
+        requireDone(sd_bus_set_bus_client(bus, 1));
+        requireDone(sd_bus_start(bus));
         bus_.reset(bus);
     }
     [[nodiscard]] sd_bus* get() const { return bus_.get(); }
@@ -47,7 +44,7 @@ public:
         while (result > 0) {
             result = sd_bus_process(get(), nullptr);
         }
-        require(result == 0); // else the bus has closed the connection
+        requireDone(result); // else the bus has closed the connection
         return hasProcessed;
     }
 

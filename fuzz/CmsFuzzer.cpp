@@ -1,8 +1,8 @@
+#include "fuzz/Require.h"
 #include "platform/reference/signcms/SignedBlob.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <stdexcept>
 
 namespace {
@@ -13,9 +13,7 @@ using namespace PackageSignatures;
 void readSignedContent(std::string_view bytes) {
     try {
         const auto content = SignedContent::parse(bytes);
-        if (content.encoded() != bytes) {
-            std::abort(); // two encodings of one content
-        }
+        Fuzz::require(content.encoded() == bytes); // else there are two encodings of one content
     } catch (const std::runtime_error&) {
         return;
     }
@@ -30,9 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const auto cms = readCms(bytes);
         (void)cms.certificate().subject();
         (void)cms.fileSignature(0);
-        if (cms.data().der != bytes) {
-            std::abort();
-        }
+        Fuzz::require(cms.data().der == bytes);
     } catch (const std::runtime_error&) {
         return 0;
     }

@@ -4,6 +4,7 @@
 #include "common/TemporaryDirectory.h"
 #include "core/zul/package/Extraction.h"
 #include "core/zul/package/Package.h"
+#include "fuzz/Require.h"
 
 #include <rpm/rpmlog.h>
 
@@ -77,12 +78,6 @@ private:
             }
         }
         fs::remove_all(destination_);
-    }
-
-    static void require(bool holds) {
-        if (!holds) {
-            std::abort();
-        }
     }
 
     static void write(const fs::path& file, std::string_view bytes) {

@@ -1,18 +1,14 @@
 #include "common/Error.h"
 #include "core/zul/package/PackagePath.h"
+#include "fuzz/Require.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <string>
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
+using Fuzz::require;
 
 std::string textWithoutNul(FuzzedDataProvider& input) {
     auto text = input.ConsumeRandomLengthString(64);

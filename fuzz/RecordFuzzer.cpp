@@ -1,9 +1,9 @@
 #include "common/Error.h"
 #include "core/zul/Record.h"
+#include "fuzz/Require.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
 /// Reads texts as package records: whatever is none is a damaged installation, and nothing else.
@@ -11,9 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     try {
         (void)Core::ZUL::parseRecord(std::string(data, data + size), "/record");
     } catch (const Common::Error& error) {
-        if (error.code() != Common::ErrorCode::CorruptedInstalledPackage) {
-            std::abort();
-        }
+        Fuzz::require(error.code() == Common::ErrorCode::CorruptedInstalledPackage);
     }
     return 0;
 }

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
-#include <optional>
 #include <poll.h>
 
 namespace {
@@ -17,6 +16,7 @@ namespace Names = Common::Names;
 using Fuzz::Connection;
 using Fuzz::Message;
 using Fuzz::require;
+using Fuzz::requireDone;
 using Clock = std::chrono::steady_clock;
 
 struct Signal {
@@ -157,17 +157,16 @@ private:
 
     static sd_bus_message* newCall(const char* method) {
         sd_bus_message* call = nullptr;
-        require(sd_bus_message_new_method_call(world().client.get(), &call, Names::Vendara::service.c_str(),
-                                               Names::Vendara::objectPath.c_str(),
-                                               Names::Vendara::interface.c_str(), method) >= 0);
+        requireDone(sd_bus_message_new_method_call(
+            world().client.get(), &call, Names::Vendara::service.c_str(), Names::Vendara::objectPath.c_str(),
+            Names::Vendara::interface.c_str(), method));
         return call;
     }
 
     void sendSignal(Connection& from, bool isForged) {
         const auto& signal = input_.PickValueInArray(signals);
         sd_bus_message* made = nullptr;
-        require(sd_bus_message_new_signal(from.get(), &made, signal.path, signal.interface, signal.name) >=
-                0);
+        requireDone(sd_bus_message_new_signal(from.get(), &made, signal.path, signal.interface, signal.name));
         const Message message(made);
         if (isForged && input_.ConsumeBool()) {
             writeHonest(made, signal.types, forgedId);
@@ -186,9 +185,9 @@ private:
     const std::string& systemName() {
         if (systemName_.empty()) {
             sd_bus_message* names = nullptr;
-            require(sd_bus_call_method(world().systemStranger.get(), "org.freedesktop.DBus",
-                                       "/org/freedesktop/DBus", "org.freedesktop.DBus", "ListNames", nullptr,
-                                       &names, "") >= 0);
+            requireDone(sd_bus_call_method(world().systemStranger.get(), "org.freedesktop.DBus",
+                                           "/org/freedesktop/DBus", "org.freedesktop.DBus", "ListNames",
+                                           nullptr, &names, ""));
             const Message owner(names);
             const char* name = nullptr;
             sd_bus_message_enter_container(names, 'a', "s");
@@ -236,7 +235,7 @@ private:
                             : method == Names::Identification::identifyByBusName ? "ss"
                                                                                  : "";
         sd_bus_message* made = nullptr;
-        require(sd_bus_message_new_method_return(call, &made) >= 0);
+        requireDone(sd_bus_message_new_method_return(call, &made));
         const Message message(made);
         if (isHonest) {
             writeHonest(made, types, exampleId);
@@ -295,7 +294,7 @@ private:
         };
         const Message call(newCall("GetAllProperties"));
         sd_bus_slot* slot = nullptr;
-        require(sd_bus_call_async(world().client.get(), &slot, call.get(), note, &state, 25'000'000) >= 0);
+        requireDone(sd_bus_call_async(world().client.get(), &slot, call.get(), note, &state, 25'000'000));
         while (state == Waiting) {
             settle(0);
         }
@@ -350,8 +349,8 @@ World::World() {
     std::cerr.setstate(std::ios::failbit); // thousands of warnings say nothing
     sd_bus_add_filter(systemPeers.get(), nullptr, handleCall, nullptr);
     sd_bus_add_filter(sessionPeers.get(), nullptr, handleCall, nullptr);
-    require(sd_bus_add_match(client.get(), nullptr, "type='signal',sender='norvane.Vendara'", checkRelayed,
-                             nullptr) >= 0);
+    requireDone(sd_bus_add_match(client.get(), nullptr, "type='signal',sender='norvane.Vendara'",
+                                 checkRelayed, nullptr));
 }
 
 } // namespace

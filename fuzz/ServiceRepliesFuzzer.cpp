@@ -4,7 +4,6 @@
 
 #include <sdbus-c++/Error.h>
 
-#include <atomic>
 #include <clocale>
 #include <iostream>
 #include <poll.h>
@@ -17,6 +16,7 @@ namespace {
 using namespace Vendaractl;
 using Fuzz::Message;
 using Fuzz::require;
+using Fuzz::requireDone;
 
 constexpr auto service = "norvane.Vendara";
 constexpr auto endId = "no.more.signals";
@@ -49,9 +49,9 @@ public:
         : bus_(connection)
         , input_(input)
         , isMonitored_(isMonitored) {
-        require(sd_bus_request_name(bus_.get(), service, 0) >= 0);
+        requireDone(sd_bus_request_name(bus_.get(), service, 0));
         sd_bus_slot* slot = nullptr;
-        require(sd_bus_add_filter(bus_.get(), &slot, &Service::handle, this) >= 0);
+        requireDone(sd_bus_add_filter(bus_.get(), &slot, &Service::handle, this));
         slot_.reset(slot);
         thread_ = std::thread([this] { run(); });
     }
@@ -94,7 +94,7 @@ private:
             sd_bus_reply_method_errorf(call, "norvane.Vendara.Error", "%s", values_.text().c_str());
         } else {
             sd_bus_message* made = nullptr;
-            require(sd_bus_message_new_method_return(call, &made) >= 0);
+            requireDone(sd_bus_message_new_method_return(call, &made));
             const Message message(made);
             if (hasOperation) {
                 writeOperation(made);
@@ -138,7 +138,7 @@ private:
 
     sd_bus_message* newSignal(const char* name) {
         sd_bus_message* made = nullptr;
-        require(sd_bus_message_new_signal(bus_.get(), &made, "/norvane/Vendara", service, name) >= 0);
+        requireDone(sd_bus_message_new_signal(bus_.get(), &made, "/norvane/Vendara", service, name));
         return made;
     }
 

@@ -1,8 +1,7 @@
+#include "fuzz/Require.h"
 #include "platform/pkgverify/FileWithCmses.h"
-#include "platform/reference/pkgverify/Container.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -11,13 +10,9 @@
 /// asked, so whatever carries a signature must not verify.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const int file = memfd_create("fuzz", MFD_CLOEXEC);
-    if (ftruncate(file, 0) != 0 || pwrite(file, data, size, 0) != static_cast<ssize_t>(size)) {
-        std::abort();
-    }
+    Fuzz::require(ftruncate(file, 0) == 0 && pwrite(file, data, size, 0) == static_cast<ssize_t>(size));
     const auto signedFile =
         PackageSignatures::FileWithCmses::fromPath("/proc/self/fd/" + std::to_string(file));
-    if (signedFile && signedFile->verifyCmses("/dev/null") && !signedFile->cmses().empty()) {
-        std::abort();
-    }
+    Fuzz::require(!signedFile || !signedFile->verifyCmses("/dev/null") || signedFile->cmses().empty());
     return 0;
 }

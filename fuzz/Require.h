@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <source_location>
+
+namespace Fuzz {
+
+using Place = std::source_location;
+
+/// Aborts unless something holds. The line shows where also where the stack is not readable.
+inline void require(bool holds, const Place& place = Place::current(),
+                    const char* reason = "not as required") {
+    if (!holds) {
+        static_cast<void>(std::fprintf(stderr, "%s:%u: %s\n", place.file_name(), place.line(), reason));
+        std::abort();
+    }
+}
+
+/// The same for a call that returns a negative errno value when it fails.
+inline void requireDone(int result, const Place& place = Place::current()) {
+    require(result >= 0, place, std::strerror(-result));
+}
+
+} // namespace Fuzz
