@@ -73,6 +73,8 @@ std::optional<PackageData> Database::readPrepared(const PackageDirectory& direct
     if (!Common::exists(directory.next())) {
         return std::nullopt;
     }
+    std::string version;
+    std::string message;
     try {
         return readRecord(directory.next() / recordName);
     } catch (const Error& error) {
@@ -82,13 +84,15 @@ std::optional<PackageData> Database::readPrepared(const PackageDirectory& direct
         Common::logWarning() << "couldn't read package data from the next directory: " << error;
         Common::logInfo() << "trying to read data from the current directory";
         Common::logInfo() << "cleaning up corrupted next directory: " << quoted(directory.next());
-        recordEvent(corruptedUpgradeRemoved, directory.path().filename(),
-                    PackageDirectory::versionNameOf(directory.next()),
-                    "damaged upgrade given up: " + directory.path().native() + ": " + error.what(),
-                    error.code());
+        version = PackageDirectory::versionNameOf(directory.next());
+        message = "damaged upgrade given up: " + directory.path().native() + ": " + error.what();
+        logEvent(corruptedUpgradeRemoved, message, error.code());
     }
     if (directory.hasNextLink()) {
         directory.discardPreparedUpgrade();
+    }
+    if (!Common::exists(directory.next())) {
+        recordInJournal(corruptedUpgradeRemoved, directory.path().filename(), version, message);
     }
     return std::nullopt;
 }

@@ -101,6 +101,9 @@ TEST_F(History, ShowsWhatTheDatabaseDidWithEachPackage) {
     prepare(newer);
     database.completeUpgrade(newer);
     receive();
+    fs::create_directory(dir() / "next"); // a damaged upgrade that stays
+    EXPECT_EQ(database.packageData(app.id()).at("general.version"), "2.0-1");
+    fs::remove(dir() / "next");
     prepare(PackageIdentity(app.id(), "3.0-1"));
     fs::remove(dir() / "3.0-1/quenra.pkg");
     EXPECT_EQ(database.packageData(app.id()).at("general.version"), "2.0-1");
