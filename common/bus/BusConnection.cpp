@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -16,7 +17,7 @@ namespace {
 constexpr int batchSize = 32;
 
 int duplicateOf(int descriptor) {
-    const int duplicate = dup(descriptor);
+    const int duplicate = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
     if (duplicate < 0) {
         throw std::system_error(errno, std::generic_category(), "couldn't watch the bus");
     }

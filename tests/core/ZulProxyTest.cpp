@@ -6,7 +6,7 @@
 #include "testbed/LogCapture.h"
 #include "testbed/LoopDriver.h"
 #include "testbed/PrivateBus.h"
-#include "testbed/WaitUntil.h"
+#include "testbed/Process.h"
 
 #include <gmock/gmock.h>
 
@@ -73,6 +73,11 @@ private:
 
     Testbed::BusPeer peer_;
 };
+
+TEST_F(ThePackageManagerClient, KeepsItsConnectionFromChildren) {
+    EXPECT_THAT(Testbed::run({"ls", "-l", "/proc/self/fd"}).output,
+                testing::Not(testing::HasSubstr("socket:")));
+}
 
 TEST_F(ThePackageManagerClient, CarriesCallsAndTurnsRefusalsIntoCodes) {
     Core::ZulProxy client(driver_.loop);
