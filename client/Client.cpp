@@ -133,8 +133,10 @@ public:
         return operation;
     }
 
-    // An operation that the reply lists may end before attach().
+    // An operation that the reply lists may end before attach(): what is announced from now on counts, and
+    // not what is on its way.
     Properties properties() {
+        confirm();
         operations_.forgetAnnouncements();
         auto properties = propertiesFrom(std::get<0>(call<PropertyMap>(Own::getAllProperties)));
         if (!properties.completedOperations.empty()) {
@@ -201,10 +203,16 @@ private:
     }
 
     // After an end is sent, the service asks the bus whether its receiver is still there, and reports the end
-    // again if not. By the time it replies to a ping, it has asked.
+    // again if not. By the time it replies to a ping, it has asked, and what it sent before has arrived. What
+    // is known then is not lost by an interruption or the loss of the bus: the next call throws that.
     void confirm() {
-        if (source_.hasOwner()) {
+        if (!source_.hasOwner()) {
+            return;
+        }
+        try {
             run(ping(source_.owner()));
+        } catch (const ServiceAbsent&) {
+        } catch (const Interrupted&) {
         }
     }
 
@@ -326,6 +334,10 @@ private:
             asio::error_code moved;
             co_await silence_.async_wait(asio::redirect_error(asio::use_awaitable, moved));
             if (moved) {
+                continue;
+            }
+            if (!isFollowing_) { // nobody would get the answer, which the service gives once
+                silence_.expires_at(Common::TimePoint::max());
                 continue;
             }
             guarded([&] { operations_.reportWaiting(); });

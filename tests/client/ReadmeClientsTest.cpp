@@ -36,6 +36,14 @@ protected:
     ScratchDirectory scratch;
 };
 
+TEST_P(AClientOfTheReadme, ReportsTheEndThatItReceivedThoughTheBusIsLost) {
+    ScriptedService service({{"good.rpm", {{0, 100}}}});
+    service.pinged = [this] { buses.session.stop(); };
+    const auto good = install("good.rpm");
+    EXPECT_EQ(good.status, 0);
+    EXPECT_EQ(good.output, "install good.rpm: queued\ninstall good.rpm: finished\n");
+}
+
 TEST_P(AClientOfTheReadme, FollowsItsOperationToTheEnd) {
     ScriptedService service({{"good.rpm", {{0, 10, 90, 100}}},
                              {"bad.rpm", {{0, 10, 101}, 4}},

@@ -51,7 +51,11 @@ public:
             .onInterface(Own::interface)
             .implementedAs([this] { return properties(); });
         peer_.connection().addMatch(
-            "type='method_call',member='Ping'", [this](sdbus::Message& /*ping*/) { ++pings; },
+            "type='method_call',member='Ping'",
+            [this](sdbus::Message& /*ping*/) {
+                ++pings;
+                pinged();
+            },
             sdbus::floating_slot);
         peer_.start();
     }
@@ -61,6 +65,8 @@ public:
     std::string client;                ///< the connection that made the last one
     std::atomic<int> propertyReads = 0;
     std::atomic<int> pings = 0;
+    std::function<void()> pinged = [] {};  ///< set before a client is there
+    std::atomic<bool> forgets = false;     ///< all operations in progress
     std::atomic<bool> refusesOnce = false; ///< the next read of the properties
 
     static Common::OperationRecord operation(const std::string& package, int status, int error) {
@@ -105,7 +111,7 @@ private:
         for (auto& [package, script] : scripts_) {
             if (std::exchange(script.completed, false)) {
                 completed.push_back(operation(package, script.errorCode == 0 ? 100 : 101, script.errorCode));
-            } else if (script.known) {
+            } else if (script.known && !forgets) {
                 going.push_back(operation(package, 10, 0));
             }
         }

@@ -58,7 +58,7 @@ TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndExplainsItsErrorCode) {
                              {"text.rpm", {.refusal = "Failed to retrieve id from the rpm package"}}});
     EXPECT_THAT(ctl({"list"}).output,
                 testing::StartsWith("earlier: install late: finished\ncom.example.one\t"));
-    EXPECT_TRUE(waitUntil([&] { return service.pings == 1; }))
+    EXPECT_TRUE(waitUntil([&] { return service.pings == 2; }))
         << "it left before the service could know that it had the end";
     const auto result = ctl({"install", "good.rpm", "./unsigned.rpm", "text.rpm"});
     EXPECT_EQ(result.status, 1);
