@@ -50,7 +50,10 @@ ZulService::ZulService(Common::BusConnection& bus, PackageManager manager,
     announceRecovered();
 }
 
-ZulService::~ZulService() { object_->unregister(); }
+ZulService::~ZulService() {
+    object_->unregister();
+    manager_.stop();
+}
 
 void ZulService::finish() {
     object_->unregister();
