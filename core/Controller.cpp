@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <ranges>
+#include <utility>
+
 namespace Core {
 
 namespace {
@@ -235,11 +237,15 @@ void Controller::packageUpgraded(const Common::PackageProperties& package) {
 }
 
 // A package manager that has started again may have completed an upgrade, or given it up, without a report.
-// Until it says what is installed it is asked again.
+// Until it says what is installed it is asked again; when it starts once more meanwhile, as well.
 asio::awaitable<void> Controller::checkAwaiting() {
     using std::chrono::seconds;
-    for (seconds pause{1}; !isChecking_ && !awaiting_.empty(); pause = std::min(pause * 2, seconds(30))) {
-        isChecking_ = true;
+    isCheckDue_ = true;
+    if (std::exchange(isChecking_, true)) {
+        co_return;
+    }
+    for (seconds pause{1}; isCheckDue_ && !awaiting_.empty();) {
+        isCheckDue_ = false;
         const auto ids = notPrepared();
         try {
             const auto packages =
@@ -247,15 +253,16 @@ asio::awaitable<void> Controller::checkAwaiting() {
             for (const auto& id : ids) {
                 checkAwaiting(id, *packages);
             }
-            isChecking_ = false;
-            co_return;
+            continue;
         } catch (const std::exception& error) {
             Common::logFailure(Common::LogLevel::Warning, "couldn't check the awaiting upgrades", error);
         }
         Common::Event never(loop_.context());
-        co_await never.wait(Common::TimePoint::clock::now() + pause);
-        isChecking_ = false;
+        co_await never.wait(Common::TimePoint::clock::now() +
+                            std::exchange(pause, std::min(pause * 2, seconds(30))));
+        isCheckDue_ = true;
     }
+    isChecking_ = false;
 }
 
 // The disk first, then the list: what is completed in between is in the list already.

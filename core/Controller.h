@@ -92,6 +92,7 @@ private:
     bool isWorking_ = false;
     bool isFinishing_ = false;
     bool isChecking_ = false;
+    bool isCheckDue_ = false; // of the awaiting upgrades, once more
     std::list<Operation> awaiting_;
     std::unordered_map<std::string, Operation> ended_;    // by id, not reported
     std::unordered_map<std::string, std::size_t> counts_; // by application, of all the above

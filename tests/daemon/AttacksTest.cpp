@@ -255,6 +255,27 @@ TEST_F(ARestartOfThePackageManager, EndsUpgradesThatItDoesNotReport) {
     EXPECT_TRUE(client.waitForStatus(upgrades[1], 100));
 }
 
+TEST_F(ARestartOfThePackageManager, IsNoticedWhileTheLastOneIsLookedAt) {
+    setInstalled({"com.example.app"});
+    const auto upgrade = client.install(packageFile());
+    ASSERT_TRUE(client.waitForStatus(upgrade, 90));
+    const auto prepared = scratch.path() / "apps/com.example.app/next";
+    std::filesystem::create_directories(prepared);
+    zul.hold("GetPackageList");
+    const auto asked = zul.calls("GetPackageList").size();
+    zul.restart();
+    ASSERT_TRUE(zul.waitForCalls("GetPackageList", asked + 1));
+    // It answers, completes the upgrade and starts again before the daemon takes notice of any of it.
+    std::filesystem::remove(prepared);
+    daemon->signal(SIGSTOP);
+    EXPECT_TRUE(zul.answer("GetPackageList"));
+    zul.setPackages({PackageManager::package("com.example.app", "1.0-1")});
+    zul.hold("GetPackageList", false);
+    zul.restart();
+    daemon->signal(SIGCONT);
+    EXPECT_TRUE(client.waitForStatus(upgrade, 100));
+}
+
 TEST_F(ARestartOfThePackageManager, IsAskedAboutUpgradesUntilItAnswersAndAfterTheDisk) {
     setInstalled({"com.example.app"});
     const auto upgrade = client.install(packageFile());
