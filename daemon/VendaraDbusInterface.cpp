@@ -8,7 +8,11 @@
 #include "common/rpm/Reader.h"
 
 #include <algorithm>
+#include <array>
 #include <climits>
+#include <mutex>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 
 namespace Daemon {
 
@@ -49,6 +53,15 @@ struct PackageHeader {
     std::string id;
     std::string version;
 };
+
+// A request keeps the descriptors that its client has attached, used or not, until it is answered. The bus
+// library gives the bus up when it has no room for those of the next message.
+bool areDescriptorsShort() {
+    rlimit limit{};
+    const Common::UniqueFd lowest(eventfd(0, EFD_CLOEXEC));
+    return !lowest || getrlimit(RLIMIT_NOFILE, &limit) != 0 ||
+           static_cast<rlim_t>(lowest.get()) >= limit.rlim_cur / 2;
+}
 
 // A text out of a file, about to be sent.
 std::string requireBusText(std::string text, const char* what) {
@@ -157,7 +170,7 @@ void VendaraDbusInterface::accept(Result&& result, Texts texts, const Check& che
             throw Common::Error(Common::ErrorCode::Internal, "couldn't retrieve currently processed message");
         }
         Request request{message->getSender(), TimePoint::clock::now() + requestLimit};
-        if (requests_.count(request.sender) >= maximumRequests) {
+        if (requests_.count(request.sender) >= maximumRequests || areDescriptorsShort()) {
             throw refusal("Too many requests are waiting");
         }
         requests_.add(request.sender, [this, reply, texts, request, handler = check()] {

@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <sys/resource.h>
 
 namespace {
 
@@ -26,7 +27,17 @@ int fail(const std::string& message) {
     return EXIT_FAILURE;
 }
 
+// Clients may attach descriptors to requests, and the usual limit serves programs that call select(2).
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 int serve() {
+    raiseDescriptorLimit();
     const auto connection = connectToSessionBus(); // first: coroutines that never end hold messages of it
     Common::Loop loop;
     // At once: the failures that follow from it have nothing to add to the two lines.

@@ -226,6 +226,37 @@ TEST_F(AFileSystemThatDoesNotAnswer, DoesNotKeepTheServiceFromEndingWithTheBus) 
     EXPECT_EQ(daemon->wait(), 1);
 }
 
+class ADaemonWithFewDescriptors : public DaemonTest {
+protected:
+    void SetUp() override {
+        preparation = "ulimit -n 1024";
+        DaemonTest::SetUp();
+    }
+};
+
+TEST_F(ADaemonWithFewDescriptors, IsNotEndedByThoseThatClientsAttachToRequests) {
+    runtime.hold("InvokeIntent");
+    const auto attacker = run({"/usr/bin/python3", "-c", R"py(if True:
+        import os
+        from gi.repository import Gio, GLib
+        bus = Gio.bus_get_sync(Gio.BusType.SESSION)
+        service = ("norvane.Vendara", "/norvane/Vendara")
+        for _ in range(100):
+            call = Gio.DBusMessage.new_method_call(*service, "norvane.Vendara", "Start")
+            call.set_body(GLib.Variant("(s)", ("a",)))
+            call.set_unix_fd_list(Gio.UnixFDList.new_from_array([os.dup(0) for _ in range(16)]))
+            bus.send_message(call, Gio.DBusSendMessageFlags.NONE)
+            bus.flush_sync()
+        bus.call_sync(*service, "org.freedesktop.DBus.Peer", "Ping", None, None, 0, -1)
+    )py"});
+    EXPECT_EQ(attacker.status, 0) << attacker.output;
+    EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
+    runtime.hold("InvokeIntent", false);
+    EXPECT_TRUE(runtime.answer("InvokeIntent"));
+    Client client;
+    EXPECT_TRUE(waitUntil([&] { return client.errorOf("Start", "a").empty(); }));
+}
+
 class ARestartOfThePackageManager : public DaemonTest {
 protected:
     Client client;
