@@ -169,7 +169,7 @@ asio::awaitable<void> ZulProxy::listPackages(std::shared_ptr<ListCall> call) {
     }
 }
 
-// On the loop's thread while the program is being built, later on its helper thread.
+// On the loop's thread while the program is being built, later on a helper thread.
 ZulProxy::Subscriptions ZulProxy::subscribe() {
     Subscriptions made{connectToSystemBus(), nullptr};
     try {

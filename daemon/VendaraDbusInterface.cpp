@@ -1,6 +1,7 @@
 #include "daemon/VendaraDbusInterface.h"
 
 #include "common/BusText.h"
+#include "common/Files.h"
 #include "common/Guard.h"
 #include "common/Names.h"
 #include "common/PackageId.h"
@@ -46,7 +47,14 @@ sdbus::Error refusalFor(const std::exception_ptr& failure, const std::string& te
 
 struct PackageHeader {
     explicit PackageHeader(const std::string& path) {
-        const Common::Rpm::Reader reader(path);
+        // A file system that does not answer keeps only those who ask for its files: the lock, which librpm
+        // needs, is taken after that has answered.
+        const auto file = Common::Rpm::openPackageFile(path);
+        std::array<std::byte, 4096> beginning{};
+        static_cast<void>(Common::readAll(file.get(), beginning, 0));
+        static std::mutex librpm;
+        const std::lock_guard lock(librpm);
+        const Common::Rpm::Reader reader(file, path);
         id = reader.getStringTag(RPMTAG_NAME);
         version = reader.getStringTag(RPMTAG_VERSION) + "-" + reader.getStringTag(RPMTAG_RELEASE);
     }
@@ -228,8 +236,7 @@ void VendaraDbusInterface::requireRunning() const {
 asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Request request,
                                                     std::string packagePath) {
     Core::Operation operation;
-    // The three questions are asked at once. A file system that does not answer holds up only the requests
-    // for its files.
+    // The three questions are asked at once.
     const auto reading = loop_.begin([packagePath] { return PackageHeader(packagePath); });
     auto listing = controller_.packageManager().getPackageList(request.deadline);
     const auto initiator = co_await determineInitiator(request.sender, request.deadline);

@@ -8,13 +8,6 @@
 
 namespace Common {
 
-Loop::Loop() = default;
-
-Loop::~Loop() {
-    helper_.stop();
-    helper_.join();
-}
-
 void Loop::run() {
     context_.run();
     if (failure_) {
@@ -49,11 +42,11 @@ void Loop::spawn(std::string_view message, asio::awaitable<void> coroutine) {
     });
 }
 
-void Loop::countJob() {
-    if (jobs_ >= maximumJobs) {
-        throw Error(ErrorCode::Internal, "too many jobs wait for the helper thread");
+Loop::Helpers::iterator Loop::newHelper() {
+    if (helpers_.size() >= maximumJobs) {
+        throw Error(ErrorCode::Internal, "too many jobs have not ended");
     }
-    ++jobs_;
+    return helpers_.emplace(helpers_.end());
 }
 
 } // namespace Common

@@ -7,25 +7,25 @@
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/signal_set.hpp>
-#include <asio/thread_pool.hpp>
-#include <atomic>
 #include <cstddef>
 #include <exception>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 namespace Common {
 
-/// The event loop: one thread runs it and owns all state; nothing on it waits. What must block runs on the
-/// loop's one helper thread and posts its result back.
+/// The event loop: one thread runs it and owns all state; nothing on it waits. What must block runs on a
+/// helper thread of its own and posts its result back.
 ///
 /// Everything belongs to the thread that calls run(), unless a function says something else.
 class Loop {
 public:
-    /// Something that the helper thread does once.
+    /// Something that a helper thread does.
     template<typename Work>
     struct Job {
         using Result = decltype(std::declval<Work>()());
@@ -33,9 +33,6 @@ public:
             : work(std::move(toDo))
             , ended(loop) {}
         void run() noexcept {
-            if (isAbandoned) {
-                return;
-            }
             try {
                 result = work();
             } catch (...) {
@@ -45,14 +42,13 @@ public:
         Work work;
         std::optional<Result> result;
         std::exception_ptr failure;
-        std::atomic<bool> isAbandoned = false;
         Event ended;
     };
 
-    /// Starts the helper thread. Throws std::system_error when the system has no more threads or descriptors.
-    Loop();
-    /// Joins the helper thread; see isHelperBusy().
-    ~Loop();
+    /// Throws std::system_error when the system has no more descriptors.
+    Loop() = default;
+    /// Joins the helper threads; see isHelperBusy().
+    ~Loop() = default;
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;
 
@@ -71,30 +67,34 @@ public:
     /// a bus, which holds that connection's lock. An exception is logged after `message`.
     void spawn(std::string_view message, asio::awaitable<void> coroutine);
 
-    /// Has the helper thread run work(), after the jobs that were begun before.
-    /// Throws Error, code Internal, when maximumJobs have not ended.
+    /// Has a helper thread run work(). Throws Error, code Internal, when maximumJobs have not ended, and
+    /// std::system_error when the system has no more threads.
     template<typename Work>
     [[nodiscard]] std::shared_ptr<Job<Work>> begin(Work work) {
         auto job = std::make_shared<Job<Work>>(context_, std::move(work));
-        countJob();
-        asio::post(helper_, [this, job] {
-            job->run();
-            asio::post(context_, [this, job] {
-                --jobs_;
-                job->ended.set();
+        const auto helper = newHelper();
+        try {
+            *helper = std::jthread([this, job, helper] {
+                job->run();
+                asio::post(context_, [this, job, helper] {
+                    helpers_.erase(helper);
+                    job->ended.set();
+                });
             });
-        });
+        } catch (...) {
+            helpers_.erase(helper);
+            throw;
+        }
         return job;
     }
 
-    /// Returns the result of a job or throws its exception. One that has not begun at the deadline is not
-    /// run. Throws Error, code Internal, at the deadline.
+    /// Returns the result of a job or throws its exception. Throws Error, code Internal, at the deadline; the
+    /// job goes on.
     template<typename Work>
     [[nodiscard]] static asio::awaitable<typename Job<Work>::Result> finish(std::shared_ptr<Job<Work>> job,
                                                                             TimePoint deadline) {
         const bool hasEnded = co_await job->ended.wait(deadline);
         if (!hasEnded) {
-            job->isAbandoned = true;
             throw Error(ErrorCode::Internal, "the job took too long");
         }
         if (job->failure) {
@@ -103,20 +103,20 @@ public:
         co_return std::move(*job->result);
     }
 
-    /// Whether a job has not ended. Joining the helper thread would wait for it, for ever if it reads a file
-    /// system that does not answer: a process that ends then uses _Exit().
-    [[nodiscard]] bool isHelperBusy() const { return jobs_ > 0; }
+    /// Whether a job has not ended. Joining its thread would wait for it, for ever if it reads a file system
+    /// that does not answer: a process that ends then uses _Exit().
+    [[nodiscard]] bool isHelperBusy() const { return !helpers_.empty(); }
 
     static constexpr std::size_t maximumJobs = 64;
 
 private:
-    void countJob();
+    using Helpers = std::list<std::jthread>;
+    Helpers::iterator newHelper();
 
     asio::io_context context_{1};
-    asio::thread_pool helper_{1};
     asio::signal_set signals_{context_};
     std::exception_ptr failure_;
-    std::size_t jobs_ = 0;
+    Helpers helpers_; // one a job that has not ended; joined before the rest is destroyed
 };
 
 } // namespace Common

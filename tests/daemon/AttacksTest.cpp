@@ -186,10 +186,14 @@ protected:
 TEST_F(AFileSystemThatDoesNotAnswer, DelaysOnlyClientsWhoseFilesAreRead) {
     const auto install = [this] { return Client().errorOf("Install", (mountPoint / "x.rpm").string()); };
     std::vector<std::future<std::string>> stalled;
-    for (std::size_t count = 0; count < Common::Loop::maximumJobs + 1; ++count) {
+    stalled.push_back(std::async(std::launch::async, install));
+    EXPECT_TRUE(waitUntil([&] { return isHelperWaiting(); }));
+    Client other;
+    EXPECT_TRUE(other.waitForStatus(other.install(packageFile()), 100));
+    for (std::size_t count = 0; count < Common::Loop::maximumJobs; ++count) {
         stalled.push_back(std::async(std::launch::async, install));
     }
-    EXPECT_TRUE(logged("ERROR: too many jobs wait for the helper thread")) << "no more than that may wait";
+    EXPECT_TRUE(logged("ERROR: too many jobs have not ended")) << "no more than that may wait";
     Client client;
     setInstalled({"com.example.old"});
     EXPECT_EQ(client.errorOf("Start", "a"), "");
