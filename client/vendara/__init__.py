@@ -54,7 +54,7 @@ class Client:
         self._announced = set()  # types of operations and packages
         self._timer = 0  # while operations are followed
         self._interval = 0
-        self._failure = None
+        self._failures = []  # of handlers, until follow() raises them
         self._loop = GLib.MainLoop()
         flags, of_proxy = Gio.DBusConnectionFlags, Gio.DBusProxyFlags
         try:
@@ -104,20 +104,24 @@ class Client:
 
     def follow(self):
         """Waits until all operations of this client have ended, and a second for a reply of the service that shows that
-        it knows. Returns whether all of them succeeded."""
+        it knows. Returns whether all of them succeeded. Raises first what was seen while another loop ran: that the
+        service left the bus, or what changed raised."""
+        self._raise_failure()
         if self._pending():
             # Signals first: one that arrived during a slow reply must not be overtaken by the next question.
             self._ask_after(_INTERVAL)
-            self._failure = None
             try:
                 self._loop.run()
             finally:
                 GLib.source_remove(self._timer)
                 self._timer = 0
-            if self._failure:
-                raise self._failure
+            self._raise_failure()
         self._confirm()
         return all(operation.status == FINISHED for operation in self._operations.values())
+
+    def _raise_failure(self):
+        if self._failures:
+            raise self._failures.pop(0)
 
     def _properties(self):
         try:
@@ -219,7 +223,7 @@ class Client:
             try:
                 handler(*arguments)
             except BaseException as failure:
-                self._failure = failure
+                self._failures.append(failure)
                 self._loop.quit()
             return True
         return call

@@ -13,27 +13,51 @@ using testing::AllOf;
 using testing::HasSubstr;
 using namespace Testbed;
 
-// The same program in two languages.
-class AClientOfTheReadme : public testing::TestWithParam<std::string> {
+class ThePythonClient : public testing::Test {
 protected:
-    [[nodiscard]] std::unique_ptr<Process> begin(const std::string& path) const {
-        std::vector<std::string> arguments{CPP_CLIENT, path};
-        if (GetParam() == "Python") {
-            arguments = {"/usr/bin/python3", PYTHON_CLIENT, path};
-        }
+    [[nodiscard]] std::unique_ptr<Process> begin(const std::vector<std::string>& arguments) const {
         Process::Options options;
-        options.environment = {{"PYTHONPATH", PYTHON_MODULES}, {"PYTHONDONTWRITEBYTECODE", "1"}};
+        options.environment = {
+            {"PYTHONPATH", PYTHON_MODULES}, {"PYTHONDONTWRITEBYTECODE", "1"}, {"PYTHONUNBUFFERED", "1"}};
         options.directory = scratch.path();
         return std::make_unique<Process>(arguments, options);
     }
-    [[nodiscard]] ProcessResult install(const std::string& path) const {
-        const auto process = begin(path);
-        const int status = process->wait();
-        return {status, process->output()};
+    [[nodiscard]] std::unique_ptr<Process> beginScript(const std::string& script) const {
+        return begin({"/usr/bin/python3", "-c",
+                      R"(
+import os, vendara
+from gi.repository import Gio, GLib
+
+def attempt(function, *arguments):
+    try:
+        print(function(*arguments))
+    except Exception as error:
+        print(f"{type(error).__name__}: {error}")
+
+def dispatch():
+    while GLib.MainContext.default().iteration(False):
+        pass
+)" + script});
     }
 
     PrivateBuses buses;
     ScratchDirectory scratch;
+};
+
+// The same program in two languages.
+class AClientOfTheReadme : public ThePythonClient, public testing::WithParamInterface<std::string> {
+protected:
+    [[nodiscard]] std::unique_ptr<Process> beginInstalling(const std::string& path) const {
+        if (GetParam() == "Python") {
+            return begin({"/usr/bin/python3", PYTHON_CLIENT, path});
+        }
+        return begin({CPP_CLIENT, path});
+    }
+    [[nodiscard]] ProcessResult install(const std::string& path) const {
+        const auto process = beginInstalling(path);
+        const int status = process->wait();
+        return {status, process->output()};
+    }
 };
 
 TEST_P(AClientOfTheReadme, ReportsTheEndThatItReceivedThoughTheBusIsLost) {
@@ -82,7 +106,7 @@ TEST_P(AClientOfTheReadme, ReportsThatTheServiceOrTheBusIsGone) {
     for (const bool isBus : {false, true}) {
         auto service =
             std::make_unique<ScriptedService>(std::map<std::string, Script>{{"app", {.known = true}}});
-        const auto client = begin("app");
+        const auto client = beginInstalling("app");
         ASSERT_TRUE(waitUntil([&] { return client->output().find("queued") != std::string::npos; }));
         isBus ? buses.session.stop() : service.reset();
         EXPECT_EQ(client->wait(), 2);
@@ -91,6 +115,32 @@ TEST_P(AClientOfTheReadme, ReportsThatTheServiceOrTheBusIsGone) {
     const auto client = install("good.rpm");
     EXPECT_EQ(client.status, 2);
     EXPECT_THAT(client.output, testing::StartsWith("there is no session bus: "));
+}
+
+TEST_F(ThePythonClient, RaisesFromFollowWhatAnotherLoopSaw) {
+    auto service = std::make_unique<ScriptedService>(std::map<std::string, Script>{{"app", {{0, 10}}}});
+    const auto client = beginScript(R"(
+def changed(operation):
+    print(operation)
+    if operation.status == 10:
+        raise LookupError("in changed")
+client = vendara.Client(changed)
+client.install("app")
+dispatch()
+try:
+    while True:
+        client.start("app")
+except vendara.ServiceAbsent:
+    dispatch()  # The bus announced the loss before this error.
+attempt(client.follow)
+attempt(client.follow)
+)");
+    ASSERT_TRUE(waitUntil([&] { return client->output().find("in progress") != std::string::npos; }));
+    service.reset();
+    EXPECT_EQ(client->wait(), 0);
+    EXPECT_EQ(client->output(),
+              "install app: queued\ninstall app: in progress\nLookupError: in changed\n"
+              "ServiceAbsent: the service left the bus; the result of the operation is unknown\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(In, AClientOfTheReadme, testing::Values("Cpp", "Python"),
