@@ -1,6 +1,7 @@
 """Client of the installation service on the session bus: the library vendara-client for Python. One thread."""
 
 import os
+import weakref
 from typing import NamedTuple
 
 from gi.repository import Gio, GLib
@@ -42,7 +43,8 @@ class Operation(NamedTuple):
 
 
 class Client:
-    """On one session-bus connection. The bus starts the service if it is not running."""
+    """On one session-bus connection, which ends with close(), a with block or the client itself. The bus starts the
+    service if it is not running."""
 
     def __init__(self, changed=lambda operation: None):
         """Connects. changed is called with each new status of an operation, in install(), remove() and follow(),
@@ -61,6 +63,8 @@ class Client:
             address = Gio.dbus_address_get_for_bus_sync(Gio.BusType.SESSION)
             self._bus = Gio.DBusConnection.new_for_address_sync(
                 address, flags.AUTHENTICATION_CLIENT | flags.MESSAGE_BUS_CONNECTION)
+            self._leave = weakref.finalize(self, _close, self._bus)
+            self._leave.atexit = False  # A forked process would wait for GLib's thread, which it does not have.
             self._service = Gio.DBusProxy.new_sync(
                 self._bus, of_proxy.DO_NOT_LOAD_PROPERTIES | of_proxy.DO_NOT_AUTO_START_AT_CONSTRUCTION, None,
                 _NAME, "/norvane/Vendara", _NAME)
@@ -69,6 +73,16 @@ class Client:
         self._service.connect("g-signal", self._guarded(self._signalled))
         self._service.connect("notify::g-name-owner", self._guarded(self._require_service))
         self._bus.connect("closed", self._guarded(self._require_service))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        """Leaves the bus. Operations continue; what this client missed is reported to the next one."""
+        self._leave()
 
     def install(self, path):
         """Queues the installation or upgrade of a package file. Returns the operation, followed from now on."""
@@ -197,7 +211,8 @@ class Client:
 
     def _require_service(self, *_):
         if self._pending() and (self._bus.is_closed() or not self._service.get_name_owner()):
-            raise ServiceAbsent("the service left the bus; the result of the operation is unknown")
+            who = "service" if self._leave.alive else "client"
+            raise ServiceAbsent(f"the {who} left the bus; the result of the operation is unknown")
 
     def _ask(self):
         self._ask_after(min(2 * self._interval, _INTERVAL))
@@ -218,12 +233,23 @@ class Client:
             self._update(self._operations[key]._replace(status=FINISHED))
         self._absent = absent  # An operation may be on its way from one list to the other.
 
-    def _guarded(self, handler):  # What a handler raises leaves follow().
+    @staticmethod
+    def _guarded(handler):  # What a handler raises leaves follow(). The connection must not keep the client.
+        weak = weakref.WeakMethod(handler)
+
         def call(*arguments):
-            try:
-                handler(*arguments)
-            except BaseException as failure:
-                self._failures.append(failure)
-                self._loop.quit()
+            if method := weak():
+                try:
+                    method(*arguments)
+                except BaseException as failure:
+                    method.__self__._failures.append(failure)
+                    method.__self__._loop.quit()
             return True
         return call
+
+
+def _close(bus):
+    try:
+        bus.close_sync(None)
+    except GLib.Error:
+        pass  # The bus closed it before.

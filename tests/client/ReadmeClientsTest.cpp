@@ -143,6 +143,33 @@ attempt(client.follow)
               "ServiceAbsent: the service left the bus; the result of the operation is unknown\n");
 }
 
+TEST_F(ThePythonClient, LeavesTheBusWhenItEndsOrIsClosed) {
+    ScriptedService service(std::map<std::string, Script>{{"app", {}}});
+    const auto client = beginScript(R"(
+bus = Gio.bus_get_sync(Gio.BusType.SESSION)
+def names():
+    return set(bus.call_sync("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "ListNames",
+                             None, None, Gio.DBusCallFlags.NONE, -1).unpack()[0])
+before = names()
+client = vendara.Client()
+client.install("app")
+del client
+while names() != before:
+    pass
+print("ended")
+with vendara.Client() as client:
+    client.install("app")
+while names() != before:
+    pass
+dispatch()
+client.close()
+attempt(client.follow)
+)");
+    EXPECT_EQ(client->wait(), 0);
+    EXPECT_EQ(client->output(),
+              "ended\nServiceAbsent: the client left the bus; the result of the operation is unknown\n");
+}
+
 INSTANTIATE_TEST_SUITE_P(In, AClientOfTheReadme, testing::Values("Cpp", "Python"),
                          [](const auto& language) { return language.param; });
 
