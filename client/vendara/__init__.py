@@ -10,7 +10,8 @@ TYPES = {0: "install", 1: "upgrade", 2: "remove"}
 STATUSES = {0: "queued", 10: "in progress", 90: "awaiting upgrade", 100: "finished", 101: "failed"}
 FINISHED, FAILED = 100, 101  # A lower status is followed by another one.
 
-_NAME = "norvane.Vendara"
+_NAME, _PATH = "norvane.Vendara", "/norvane/Vendara"
+_BUS = "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus"
 _CALL_LIMIT = 150_000  # ms: the bus takes up to two minutes to start the service, which replies within 25 seconds
 _INTERVAL = 3_000  # ms: how often the service is asked for an end whose signal was missed
 _SHORT_INTERVAL = 100  # ms: the same after the announcement that ends an operation of another connection
@@ -67,7 +68,7 @@ class Client:
             self._leave.atexit = False  # A forked process would wait for GLib's thread, which it does not have.
             self._service = Gio.DBusProxy.new_sync(
                 self._bus, of_proxy.DO_NOT_LOAD_PROPERTIES | of_proxy.DO_NOT_AUTO_START_AT_CONSTRUCTION, None,
-                _NAME, "/norvane/Vendara", _NAME)
+                _NAME, _PATH, _NAME)
         except GLib.Error as error:
             raise ServiceAbsent(f"there is no session bus: {error.message}") from None
         self._service.connect("g-signal", self._guarded(self._signalled))
@@ -162,7 +163,9 @@ class Client:
             if any("\0" in argument for argument in arguments):
                 raise TypeError("it has a NUL")
             values = GLib.Variant(f"({'s' * len(arguments)})", arguments)
-            return self._service.call_sync(method, values, Gio.DBusCallFlags.NONE, _CALL_LIMIT, None).unpack()
+            # The proxy would call the owner that it saw in the last run of the loop.
+            return self._bus.call_sync(_NAME, _PATH, _NAME, method, values, None, Gio.DBusCallFlags.NONE, _CALL_LIMIT,
+                                       None).unpack()
         except (TypeError, UnicodeError) as error:
             raise CallRefused(f"not a valid argument: {error}") from None
         except GLib.Error as error:
@@ -170,15 +173,21 @@ class Client:
             kind = CallRefused if name == _NAME + ".Error" else ServiceAbsent
             raise kind(error.message.removeprefix(f"GDBus.Error:{name}: ")) from None
 
+    def _is_running(self):  # Now: what the proxy sees may be older than an operation of the service's next process.
+        try:
+            return self._bus.call_sync(*_BUS, "NameHasOwner", GLib.Variant("(s)", (_NAME,)), None,
+                                       Gio.DBusCallFlags.NONE, _CALL_LIMIT, None).unpack()[0]
+        except GLib.Error:
+            return False
+
     # After an end is sent, the service asks the bus whether its receiver is still there, and reports the end again if
     # not. By the time it replies to a ping, it has asked.
     def _confirm(self):
-        if owner := self._service.get_name_owner():
-            try:
-                self._bus.call_sync(owner, "/norvane/Vendara", "org.freedesktop.DBus.Peer", "Ping", None, None,
-                                    Gio.DBusCallFlags.NONE, 1000, None)
-            except GLib.Error:
-                pass  # What was received is not lost by this.
+        try:
+            self._bus.call_sync(_NAME, _PATH, "org.freedesktop.DBus.Peer", "Ping", None, None,
+                                Gio.DBusCallFlags.NO_AUTO_START, 1000, None)
+        except GLib.Error:
+            pass  # What was received is not lost by this.
 
     def _pending(self):
         return {key for key, operation in self._operations.items() if operation.status < FINISHED}
@@ -210,7 +219,7 @@ class Client:
         self._timer = GLib.timeout_add(interval, self._guarded(self._ask), priority=GLib.PRIORITY_LOW)
 
     def _require_service(self, *_):
-        if self._pending() and (self._bus.is_closed() or not self._service.get_name_owner()):
+        if self._pending() and not self._is_running():
             who = "service" if self._leave.alive else "client"
             raise ServiceAbsent(f"the {who} left the bus; the result of the operation is unknown")
 

@@ -170,6 +170,27 @@ attempt(client.follow)
               "ended\nServiceAbsent: the client left the bus; the result of the operation is unknown\n");
 }
 
+TEST_F(ThePythonClient, FollowsAnOperationOfTheServiceThatReplacedAnother) {
+    auto service =
+        std::make_unique<ScriptedService>(std::map<std::string, Script>{{"app", {.refusal = "No"}}});
+    const auto client = beginScript(R"(
+client = vendara.Client()
+print("connected")
+while True:
+    try:
+        client.install("app")
+        break
+    except vendara.Error:
+        pass
+print(client.follow())
+)");
+    ASSERT_TRUE(waitUntil([&] { return !client->output().empty(); }));
+    service.reset();
+    service = std::make_unique<ScriptedService>(std::map<std::string, Script>{{"app", {{0, 100}}}});
+    EXPECT_EQ(client->wait(), 0);
+    EXPECT_EQ(client->output(), "connected\nTrue\n");
+}
+
 INSTANTIATE_TEST_SUITE_P(In, AClientOfTheReadme, testing::Values("Cpp", "Python"),
                          [](const auto& language) { return language.param; });
 
