@@ -13,6 +13,8 @@ FINISHED, FAILED = 100, 101  # A lower status is followed by another one.
 _NAME, _PATH = "norvane.Vendara", "/norvane/Vendara"
 _BUS = "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus"
 _CALL_LIMIT = 150_000  # ms: the bus takes up to two minutes to start the service, which replies within 25 seconds
+_ABSENCES = {"org.freedesktop.DBus.Error." + error for error in (
+    "NoReply", "ServiceUnknown", "NameHasNoOwner", "Disconnected", "TimedOut", "Timeout")}
 _INTERVAL = 3_000  # ms: how often the service is asked for an end whose signal was missed
 _SHORT_INTERVAL = 100  # ms: the same after the announcement that ends an operation of another connection
 _ANNOUNCEMENTS = {"PackageInstalled": 0, "PackageUpgraded": 1, "PackageRemoved": 2}  # types of operations
@@ -87,7 +89,12 @@ class Client:
 
     def install(self, path):
         """Queues the installation or upgrade of a package file. Returns the operation, followed from now on."""
-        return self._begin("Install", os.path.abspath(path))
+        path = os.fsdecode(path)
+        try:
+            path = os.path.join(os.getcwd(), path)
+        except OSError:
+            pass  # The working directory was deleted: the service refuses a relative path.
+        return self._begin("Install", path)
 
     def remove(self, package_id):
         """Queues the removal of a package. Returns the operation, followed from now on."""
@@ -140,7 +147,7 @@ class Client:
 
     def _properties(self):
         try:
-            properties, = self._call("GetAllProperties")
+            properties, = self._call("GetAllProperties").unpack()
             for key in ("Operations", "CompletedOperations"):
                 properties[key] = [Operation(*operation) for operation in properties[key]]
             # An operation that failed stays in the first list until the next one begins.
@@ -153,24 +160,28 @@ class Client:
         return properties
 
     def _begin(self, method, argument):
-        operation = Operation(*self._call(method, argument)[0])
+        reply = self._call(method, argument)
+        if reply.get_type_string() != "((ssiii))":
+            raise CallRefused(f"unexpected reply of the service: it has the type {reply.get_type_string()}")
+        operation = Operation(*reply.unpack()[0])
         self._operations[operation.id] = operation
         self._changed(operation)
         return operation
 
     def _call(self, method, *arguments):
         try:
-            if any("\0" in argument for argument in arguments):
-                raise TypeError("it has a NUL")
+            if not all(map(_is_bus_text, arguments)):
+                raise CallRefused("not valid UTF-8, or with a character that D-Bus does not allow")
             values = GLib.Variant(f"({'s' * len(arguments)})", arguments)
             # The proxy would call the owner that it saw in the last run of the loop.
             return self._bus.call_sync(_NAME, _PATH, _NAME, method, values, None, Gio.DBusCallFlags.NONE, _CALL_LIMIT,
-                                       None).unpack()
-        except (TypeError, UnicodeError) as error:
+                                       None)
+        except TypeError as error:
             raise CallRefused(f"not a valid argument: {error}") from None
         except GLib.Error as error:
-            name = Gio.DBusError.get_remote_error(error) or ""
-            kind = CallRefused if name == _NAME + ".Error" else ServiceAbsent
+            name = Gio.DBusError.get_remote_error(error)
+            refused = name == _NAME + ".Error" or name and name not in _ABSENCES and self._is_running()
+            kind = CallRefused if refused else ServiceAbsent
             raise kind(error.message.removeprefix(f"GDBus.Error:{name}: ")) from None
 
     def _is_running(self):  # Now: what the proxy sees may be older than an operation of the service's next process.
@@ -255,6 +266,12 @@ class Client:
                     method.__self__._loop.quit()
             return True
         return call
+
+
+def _is_bus_text(text):  # GLib sends noncharacters, which the service's library does not read.
+    codes = [ord(character) for character in text]
+    return not any(code == 0 or 0xD800 <= code <= 0xDFFF or 0xFDD0 <= code <= 0xFDEF or code & 0xFFFE == 0xFFFE
+                   for code in codes)
 
 
 def _close(bus):

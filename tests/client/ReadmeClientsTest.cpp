@@ -96,9 +96,11 @@ TEST_P(AClientOfTheReadme, FollowsItsOperationToTheEnd) {
     const auto text = install("text.rpm");
     EXPECT_EQ(text.status, 2);
     EXPECT_EQ(text.output, "Failed to retrieve id from the rpm package\n");
-    const auto invalid = install("\xff.rpm");
-    EXPECT_EQ(invalid.status, 2);
-    EXPECT_THAT(invalid.output, testing::StartsWith("not "));
+    for (const auto* name : {"\xff.rpm", "\ufdd0.rpm", "\U0010ffff.rpm"}) {
+        const auto invalid = install(name);
+        EXPECT_EQ(invalid.status, 2);
+        EXPECT_EQ(invalid.output, "not valid UTF-8, or with a character that D-Bus does not allow\n");
+    }
 }
 
 TEST_P(AClientOfTheReadme, ReportsThatTheServiceOrTheBusIsGone) {
@@ -115,6 +117,40 @@ TEST_P(AClientOfTheReadme, ReportsThatTheServiceOrTheBusIsGone) {
     const auto client = install("good.rpm");
     EXPECT_EQ(client.status, 2);
     EXPECT_THAT(client.output, testing::StartsWith("there is no session bus: "));
+}
+
+TEST_P(AClientOfTheReadme, RefusesAReplyOfAnotherType) {
+    BusPeer service(sdbus::createSessionBusConnection(Own::service), Own::objectPath);
+    service.object()
+        .registerMethod(Own::install)
+        .onInterface(Own::interface)
+        .implementedAs([](const std::string& path) { return path; });
+    service.start();
+    const auto client = install("good.rpm");
+    EXPECT_EQ(client.status, 2);
+    EXPECT_THAT(client.output, testing::StartsWith("unexpected reply of the service: "));
+}
+
+TEST_F(ThePythonClient, TellsARefusalFromAnAbsentService) {
+    ScriptedService service(
+        {{"app", {.called = [] { throw sdbus::Error("org.freedesktop.DBus.Error.AccessDenied", "No"); }}},
+         {"ended", {.called = [] { throw sdbus::Error("org.freedesktop.DBus.Error.NoReply", "No"); }}}});
+    const auto client = beginScript(R"(
+client = vendara.Client()
+attempt(client.start, "app")
+attempt(client.start, "ended")
+attempt(client.install, "app\0.rpm")
+os.mkdir("gone")
+os.chdir("gone")
+os.rmdir("../gone")
+attempt(client.install, "app")
+)");
+    EXPECT_EQ(client->wait(), 0);
+    EXPECT_EQ(
+        client->output(),
+        "CallRefused: No\nServiceAbsent: No\n"
+        "CallRefused: not valid UTF-8, or with a character that D-Bus does not allow\nCallRefused: No\n");
+    EXPECT_EQ(service.requests.back(), "app") << "not the path as it was given";
 }
 
 TEST_F(ThePythonClient, RaisesFromFollowWhatAnotherLoopSaw) {
