@@ -210,7 +210,7 @@ TEST_F(Check, ShowsItsProgressOnATerminalAlone) {
                 HasSubstr("verifying: 100 %\x1b[K\r\x1b[Kdeveloper\r\n"));
     EXPECT_THAT(
         onTerminal(VENDARA_SIGN " --client-key keys/client.key --client-cert keys/client.pem app.rpm"),
-        AllOf(HasSubstr("signing: 50 %"), EndsWith("signing: 100 %\x1b[K\r\x1b[K")));
+        AllOf(HasSubstr("signing: 66 %"), EndsWith("signing: 100 %\x1b[K\r\x1b[K")));
 }
 
 } // namespace

@@ -150,6 +150,7 @@ void writeSigned(const SignRequest& request) {
             report(2 * length + std::min(unpacked, length));
         };
         static_cast<void>(Core::ZUL::withManifest(Core::ZUL::identityOf(reader), reader, {}, searched));
+        report(3 * length);
     }
     auto cmses = package ? existingCmses(package->cmses(), digest, request) : CmsesByRole();
     const CmsMaker maker(request, reader, digest);
