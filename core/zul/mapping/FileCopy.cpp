@@ -4,8 +4,10 @@
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <linux/limits.h>
+#include <linux/xattr.h>
 #include <string>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
@@ -49,6 +51,9 @@ void copyAttributes(int from, int to) {
     const auto names = attributeNames(from);
     for (std::size_t start = 0; start < names.size(); start = names.find('\0', start) + 1) {
         const char* name = names.data() + start;
+        if (std::strcmp(name, XATTR_NAME_EVM) == 0) {
+            continue; // the kernel makes it for one inode alone
+        }
         const auto size = fgetxattr(from, name, value.data(), value.size());
         if (size < 0 || fsetxattr(to, name, value.data(), static_cast<std::size_t>(size), 0) != 0) {
             throw filesystemError(std::string("couldn't copy extended attribute ") + name);
