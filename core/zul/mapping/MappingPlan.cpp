@@ -1,6 +1,7 @@
 #include "core/zul/mapping/MappingPlan.h"
 
 #include "common/Files.h"
+#include "core/zul/mapping/SystemTree.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -24,8 +25,9 @@ bool hasDirectory(int version, const std::string& source) {
 }
 
 bool hasOrdinaryNames(const std::filesystem::path& relative) {
-    return std::all_of(relative.begin(), relative.end(),
-                       [](const auto& name) { return Common::isOrdinaryName(name.native()); });
+    return std::all_of(relative.begin(), relative.end(), [](const auto& name) {
+        return Common::isOrdinaryName(name.native()) && name != SystemTree::pendingName;
+    });
 }
 
 void planRule(const MappingRule& rule, const std::filesystem::path& versionDirectory,

@@ -154,6 +154,9 @@ TEST_F(Hostility, OfPayloadsCannotBringRecordsListsOrWaysOut) {
 
     EXPECT_ERROR(install(app, {{"bin/a\n", "x"}}), BadPackage,
                  "file name can't be mapped: " + (temp / "unpacked/bin/a\n").native());
+    fs::remove_all(temp / "unpacked"); // What a mapping is called while it is made:
+    EXPECT_ERROR(install(app, {{"bin/.zul-mapping", "x"}}), BadPackage,
+                 "file name can't be mapped: " + (temp / "unpacked/bin/.zul-mapping").native());
     fs::remove_all(temp / "unpacked");
 
     // A copy follows no link out of the package and waits for no FIFO.
