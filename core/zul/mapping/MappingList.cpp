@@ -56,6 +56,9 @@ void writeMappingList(const std::filesystem::path& versionDirectory, const Mappi
         }
         Common::AtomicFile file(versionDirectory, mappingListName);
         failure = "couldn't write lines to mapping list";
+        if (text.size() > sizeLimit) { // such a list would not be read again
+            throw Error(ErrorCode::Filesystem, "the mapping list is too large");
+        }
         file.write(text);
         file.commit(durability);
     } catch (const Error& error) {
