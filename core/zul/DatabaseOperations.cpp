@@ -197,7 +197,7 @@ bool Database::installFile(const Package& package, const fs::path& file, const A
 void Database::completeUpgrade(const PackageIdentity& package) try {
     const PackageDirectory directory(packageDirectory(package.id()));
     directory.requireNotSymlink();
-    if (!directory.pointsToExistingVersion(directory.next())) {
+    if (!directory.pointsToExistingVersion(directory.next()) || !readPrepared(directory)) {
         try {
             Common::removeTree(directory.next());
         } catch (const Error& failure) {

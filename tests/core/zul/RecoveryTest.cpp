@@ -35,6 +35,11 @@ TEST_F(Recovery, NeverPutsADamagedUpgradeIntoService) {
     database.recoverDatabase();
     EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "1.0-1"));
     EXPECT_THAT(entriesIn(root / "org.example.dangling"), UnorderedElementsAre("current", "1-1"));
+    prepare(newer);
+    writeFile(dir() / "2.0-1/quenra.pkg", "damaged");
+    EXPECT_ERROR(database.completeUpgrade(newer), Internal,
+                 "attempt to complete non-existent update for com.example.app package");
+    EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "1.0-1"));
 }
 
 TEST_F(Recovery, CleansUpWhatCannotBeReadAndGoesOn) {
