@@ -284,8 +284,14 @@ void Database::remove(const std::string& packageId) try {
     std::string version;
     Common::guarded("couldn't read the version of a package that is removed",
                     [&] { version = PackageDirectory::versionNameOf(directory.current()); });
-    // A package must not be unremovable because of a mapping that is.
-    const bool isUnmapped = removeMappingsOf(directory, "couldn't remove package symlinks: " + packageId);
+    // A package must not be unremovable because of a mapping that is, or of a list that cannot be read.
+    const auto message = "couldn't remove package symlinks: " + packageId;
+    bool isUnmapped = false;
+    try {
+        isUnmapped = removeMappingsOf(directory, message);
+    } catch (const Error& error) {
+        Common::logWarning() << message << error;
+    }
     try {
         removeAll(directory, isUnmapped);
     } catch (const Error& error) {

@@ -41,7 +41,7 @@ public:
         auto left = remove({stale.begin(), middle}, /*areStale=*/true);
         const bool isComplete = makeEach(plan, isStrict);
         if (isStrict && !isComplete) {
-            undo(stale.empty());
+            undo(stale.empty() && !hadOne_);
         } else {
             left = mergedMappingList(std::move(left), remove({middle, stale.end()}, /*areStale=*/true));
             if (const auto kept = mergedMappingList(targets, left); kept != possible) {
@@ -105,6 +105,7 @@ private:
     void makeOne(Mapping mapping, const MappedFile& file, MappingKind kind, bool isStrict) {
         const bool isThere = mapping.exists();
         const bool isOurs = isThere && mapping.belongsTo(package_);
+        hadOne_ = hadOne_ || isOurs;
         if (isOurs && mapping.standsFor(file, kind)) {
             return;
         }
@@ -151,6 +152,7 @@ private:
     const std::filesystem::path package_;
     SystemTree tree_;
     std::vector<Mapping> created_;
+    bool hadOne_ = false; // in a place that it wants, before this
 };
 
 MappingPlan Mappings::prepare(const PackageIdentity& package, const std::filesystem::path& versionDirectory) {

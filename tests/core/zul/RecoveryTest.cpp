@@ -58,6 +58,34 @@ TEST_F(Recovery, CleansUpWhatCannotBeReadAndGoesOn) {
     EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/c", (root / "c/current/bin/c").native())));
 }
 
+TEST_F(Recovery, FindsTheMappingsOfAPackageWhoseRemovalCouldNotReadTheirList) {
+    install(app, {{"bin/tool", "x"}});
+    {
+        const DroppedCapabilities dropped;
+        fs::permissions(dir() / "1.0-1/symlink.list", fs::perms::none);
+        database.remove(app.id());
+        EXPECT_FALSE(mappings().empty());
+        fs::permissions(dir() / "1.0-1/symlink.list", fs::perms(0644));
+    }
+    EXPECT_THAT(database.packages(), IsEmpty());
+    EXPECT_THAT(mappings(), IsEmpty());
+}
+
+TEST_F(Recovery, FindsTheMappingsOfARemovalThatAnInstallationCouldNotTakeOver) {
+    const Files files{{"bin/tool", "x"}, {"verityd/c", "x"}};
+    install(app, files);
+    {
+        const DroppedCapabilities dropped;
+        fs::permissions(system / "usr/bin", fs::perms(0555));
+        database.remove(app.id());
+        writeFile(system / "etc/verityd/config.d/c", "the system's");
+        EXPECT_ANY_THROW(install(app, files));
+        fs::permissions(system / "usr/bin", fs::perms(0755));
+    }
+    EXPECT_THAT(database.packages(), IsEmpty());
+    EXPECT_THAT(mappings(), ElementsAre(Pair("/etc/verityd/config.d/c", "")));
+}
+
 TEST_F(Recovery, NeedsNoRootAndNeverDeletesItWithTheTemporaryDirectory) {
     install(app);
     const LogCapture log;
