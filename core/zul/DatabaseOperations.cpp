@@ -290,7 +290,7 @@ void Database::remove(const std::string& packageId) try {
     try {
         isUnmapped = removeMappingsOf(directory, message);
     } catch (const Error& error) {
-        Common::logWarning() << message << error;
+        Common::logWarning() << message << ": " << error;
     }
     try {
         removeAll(directory, isUnmapped);

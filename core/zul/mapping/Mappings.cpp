@@ -41,7 +41,8 @@ public:
         auto left = remove({stale.begin(), middle}, /*areStale=*/true);
         const bool isComplete = makeEach(plan, isStrict);
         if (isStrict && !isComplete) {
-            undo(stale.empty() && !hadOne_);
+            undo();
+            removeListOf(stale, plan);
         } else {
             left = mergedMappingList(std::move(left), remove({middle, stale.end()}, /*areStale=*/true));
             if (const auto kept = mergedMappingList(targets, left); kept != possible) {
@@ -105,7 +106,6 @@ private:
     void makeOne(Mapping mapping, const MappedFile& file, MappingKind kind, bool isStrict) {
         const bool isThere = mapping.exists();
         const bool isOurs = isThere && mapping.belongsTo(package_);
-        hadOne_ = hadOne_ || isOurs;
         if (isOurs && mapping.standsFor(file, kind)) {
             return;
         }
@@ -124,8 +124,7 @@ private:
     }
 
     /// Removes the mappings that were made in places that were not the package's before.
-    /// @param withList  whether the list names nothing else
-    void undo(bool withList) {
+    void undo() {
         Common::logInfo() << "cleaning up created mappings";
         for (const auto& mapping : created_) {
             try {
@@ -133,13 +132,21 @@ private:
             } catch (const Error& error) {
                 Common::logWarning() << "couldn't clean up created mapping: " << quoted(mapping.target())
                                      << error;
-                withList = false;
             }
         }
+    }
+
+    /// After undo(): the list goes unless a mapping of the package is, or may be, in a place that it names.
+    void removeListOf(const MappingList& stale, const MappingPlan& plan) {
         try {
             // They have to be gone on disk before a list that names them is.
             mappings_.flush();
-            if (withList) {
+            const bool isAnyLeft =
+                !stale.empty() ||
+                std::any_of(plan.entries.begin(), plan.entries.end(), [&](const auto& entry) {
+                    return Mapping(tree_, entry.target).belongsTo(package_);
+                });
+            if (!isAnyLeft) {
                 Common::removeTree(version_ / mappingListName);
             }
         } catch (const Error& error) {
@@ -152,7 +159,6 @@ private:
     const std::filesystem::path package_;
     SystemTree tree_;
     std::vector<Mapping> created_;
-    bool hadOne_ = false; // in a place that it wants, before this
 };
 
 MappingPlan Mappings::prepare(const PackageIdentity& package, const std::filesystem::path& versionDirectory) {

@@ -73,17 +73,22 @@ TEST_F(Recovery, FindsTheMappingsOfAPackageWhoseRemovalCouldNotReadTheirList) {
 
 TEST_F(Recovery, FindsTheMappingsOfARemovalThatAnInstallationCouldNotTakeOver) {
     const Files files{{"bin/tool", "x"}, {"verityd/c", "x"}};
-    install(app, files);
-    {
-        const DroppedCapabilities dropped;
-        fs::permissions(system / "usr/bin", fs::perms(0555));
-        database.remove(app.id());
-        writeFile(system / "etc/verityd/config.d/c", "the system's");
-        EXPECT_ANY_THROW(install(app, files));
-        fs::permissions(system / "usr/bin", fs::perms(0755));
+    const fs::path program = system / "usr/bin/tool";
+    const fs::path plugin = system / "etc/verityd/config.d/c";
+    for (const auto& [stays, taken] : {std::pair(program, plugin), std::pair(plugin, program)}) {
+        install(app, files);
+        {
+            const DroppedCapabilities dropped;
+            fs::permissions(stays.parent_path(), fs::perms(0555));
+            database.remove(app.id());
+            writeFile(taken, "the system's");
+            EXPECT_ANY_THROW(install(app, files));
+            fs::permissions(stays.parent_path(), fs::perms(0755));
+        }
+        EXPECT_THAT(database.packages(), IsEmpty());
+        EXPECT_THAT(mappings(), ElementsAre(Pair("/" + taken.lexically_relative(system).native(), "")));
+        fs::remove(taken);
     }
-    EXPECT_THAT(database.packages(), IsEmpty());
-    EXPECT_THAT(mappings(), ElementsAre(Pair("/etc/verityd/config.d/c", "")));
 }
 
 TEST_F(Recovery, NeedsNoRootAndNeverDeletesItWithTheTemporaryDirectory) {
