@@ -262,7 +262,10 @@ class Client:
                 try:
                     method(*arguments)
                 except BaseException as failure:
-                    method.__self__._failures.append(failure)
+                    trace = failure.__traceback__
+                    while trace and trace.tb_frame.f_globals is globals():  # These frames would keep the client.
+                        trace = trace.tb_next
+                    method.__self__._failures.append(failure.with_traceback(trace))
                     method.__self__._loop.quit()
             return True
         return call
