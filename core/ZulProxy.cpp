@@ -203,7 +203,8 @@ asio::awaitable<void> ZulProxy::reconnect() {
     for (seconds pause{1}; link_->isLost; pause = std::min(pause * 2, seconds(30))) {
         const auto attempt = connecting_;
         try {
-            const auto job = loop_.begin([this] { return subscribe(); });
+            // Jobs of a file system that does not answer must not keep it from beginning.
+            const auto job = loop_.begin([this] { return subscribe(); }, 2 * Common::Loop::maximumJobs);
             auto made =
                 co_await Common::Loop::finish(job, Common::TimePoint::clock::now() + Common::defaultTimeout);
             link_ = std::make_unique<Link>(*this, std::move(made));

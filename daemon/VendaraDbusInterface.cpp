@@ -6,6 +6,7 @@
 #include "common/Names.h"
 #include "common/PackageId.h"
 #include "common/PlatformFacts.h"
+#include "common/rpm/PackageLayout.h"
 #include "common/rpm/Reader.h"
 
 #include <algorithm>
@@ -48,10 +49,14 @@ sdbus::Error refusalFor(const std::exception_ptr& failure, const std::string& te
 struct PackageHeader {
     explicit PackageHeader(const std::string& path) {
         // A file system that does not answer keeps only those who ask for its files: the lock, which librpm
-        // needs, is taken after that has answered.
+        // needs, is taken when the headers have been read once and are in memory.
         const auto file = Common::Rpm::openPackageFile(path);
-        std::array<std::byte, 4096> beginning{};
-        static_cast<void>(Common::readAll(file.get(), beginning, 0));
+        const auto layout = Common::Rpm::readPackageLayout(file.get());
+        const auto end = std::min(layout ? layout->payloadOffset : 0, Common::Rpm::Reader::maximumHeaderSize);
+        std::array<std::byte, 65536> piece;
+        for (std::uint64_t place = 0; place < end; place += piece.size()) {
+            static_cast<void>(Common::readAll(file.get(), piece, place));
+        }
         static std::mutex librpm;
         const std::lock_guard lock(librpm);
         const Common::Rpm::Reader reader(file, path);

@@ -44,7 +44,14 @@ int serve() {
     Common::BusConnection session(loop, connection,
                                   [](const sdbus::Error& error) { std::_Exit(fail(error.getMessage())); });
     const Daemon::VendaraDbusInterface service(session, Own::objectPath);
-    loop.run();
+    try {
+        loop.run();
+    } catch (const std::exception& error) {
+        if (loop.isHelperBusy()) {
+            std::_Exit(fail(error.what()));
+        }
+        throw;
+    }
     if (loop.isHelperBusy()) {
         std::_Exit(EXIT_SUCCESS); // it may read a file system that never answers
     }

@@ -42,8 +42,8 @@ void Loop::spawn(std::string_view message, asio::awaitable<void> coroutine) {
     });
 }
 
-Loop::Helpers::iterator Loop::newHelper() {
-    if (helpers_.size() >= maximumJobs) {
+Loop::Helpers::iterator Loop::newHelper(std::size_t limit) {
+    if (helpers_.size() >= limit) {
         throw Error(ErrorCode::Internal, "too many jobs have not ended");
     }
     return helpers_.emplace(helpers_.end());

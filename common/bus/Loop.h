@@ -67,12 +67,12 @@ public:
     /// a bus, which holds that connection's lock. An exception is logged after `message`.
     void spawn(std::string_view message, asio::awaitable<void> coroutine);
 
-    /// Has a helper thread run work(). Throws Error, code Internal, when maximumJobs have not ended, and
+    /// Has a helper thread run work(). Throws Error, code Internal, when so many jobs have not ended, and
     /// std::system_error when the system has no more threads.
     template<typename Work>
-    [[nodiscard]] std::shared_ptr<Job<Work>> begin(Work work) {
+    [[nodiscard]] std::shared_ptr<Job<Work>> begin(Work work, std::size_t limit = maximumJobs) {
         auto job = std::make_shared<Job<Work>>(context_, std::move(work));
-        const auto helper = newHelper();
+        const auto helper = newHelper(limit);
         try {
             *helper = std::jthread([this, job, helper] {
                 job->run();
@@ -111,7 +111,7 @@ public:
 
 private:
     using Helpers = std::list<std::jthread>;
-    Helpers::iterator newHelper();
+    Helpers::iterator newHelper(std::size_t limit);
 
     asio::io_context context_{1};
     asio::signal_set signals_{context_};
