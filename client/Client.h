@@ -70,7 +70,7 @@ public:
     /// Connects and subscribes.
     /// @param signals  of the system, end the function that is running with Interrupted; those that the
     ///                 program was started to ignore do not
-    /// Throws std::system_error when the system has no threads or descriptors left.
+    /// Throws std::system_error when the system has no descriptors left.
     explicit Client(Listener& listener, const std::vector<int>& signals = {});
     /// The same without a listener; follow() throws ServiceAbsent when an operation is lost.
     /// @param changed  called as Listener::changed() and Listener::earlier() are; may be empty
@@ -87,8 +87,8 @@ public:
     void start(const std::string& packageId);
     /// Ends the application and starts it again, after an upgrade that waits for its end.
     void restart(const std::string& packageId);
-    /// The completed operations are reported once; a service that does not reply to a ping delays them by a
-    /// second.
+    /// The completed operations are reported once. A service that does not reply to a ping delays this by a
+    /// second, and with completed operations by two.
     Properties properties();
 
     /// Follows an operation that another connection of this application requested. Its statuses are sent to

@@ -233,7 +233,7 @@ TEST_F(AFileSystemThatDoesNotAnswer, DoesNotKeepTheServiceFromEndingWithTheBus) 
 class ADaemonWithFewDescriptors : public DaemonTest {
 protected:
     void SetUp() override {
-        preparation = "ulimit -n 1024";
+        preparation = "ulimit -n 256";
         DaemonTest::SetUp();
     }
 };
@@ -245,7 +245,7 @@ TEST_F(ADaemonWithFewDescriptors, IsNotEndedByThoseThatClientsAttachToRequests) 
         from gi.repository import Gio, GLib
         bus = Gio.bus_get_sync(Gio.BusType.SESSION)
         service = ("norvane.Vendara", "/norvane/Vendara")
-        for _ in range(100):
+        for _ in range(40):
             call = Gio.DBusMessage.new_method_call(*service, "norvane.Vendara", "Start")
             call.set_body(GLib.Variant("(s)", ("a",)))
             call.set_unix_fd_list(Gio.UnixFDList.new_from_array([os.dup(0) for _ in range(16)]))
