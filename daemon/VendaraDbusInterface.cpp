@@ -10,7 +10,6 @@
 #include "common/rpm/Reader.h"
 
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <mutex>
 #include <sys/eventfd.h>
@@ -53,7 +52,7 @@ struct PackageHeader {
         const auto file = Common::Rpm::openPackageFile(path);
         const auto layout = Common::Rpm::readPackageLayout(file.get());
         const auto end = std::min(layout ? layout->payloadOffset : 0, Common::Rpm::Reader::maximumHeaderSize);
-        std::array<std::byte, 65536> piece;
+        std::vector<std::byte> piece(65536);
         for (std::uint64_t place = 0; place < end; place += piece.size()) {
             static_cast<void>(Common::readAll(file.get(), piece, place));
         }
