@@ -61,14 +61,6 @@ private:
     Testbed::ScratchDirectory scratch_;
 };
 
-TEST_F(PackageReader, ReadsTheNameWhateverThePayloadsCompressor) {
-    for (const auto* payload : {"w3.gzdio", "w2.xzdio", "w3.zstdio"}) {
-        const auto file = Testbed::buildPackage(
-            in(payload), {.name = std::string("com.example.") + payload, .files = {{"/usr/bin/tool", "x"}}});
-        EXPECT_EQ(Reader(file.string()).getStringTag(RPMTAG_NAME), std::string("com.example.") + payload);
-    }
-}
-
 TEST_F(PackageReader, OutlivesTheOneItWasCopiedFromAndNamesTheTagItMisses) {
     const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", "x"}}});
     auto first = std::make_unique<Reader>(file.string());

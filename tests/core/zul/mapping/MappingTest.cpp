@@ -12,12 +12,6 @@ protected:
     Core::ZUL::Mappings of{system};
 };
 
-TEST_F(AMapping, IsALinkThroughCurrentAndALineOfTheList) {
-    install(app, {{"bin/tool", "x"}, {"elsewhere/file", "x"}});
-    EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
-    EXPECT_EQ(readFile(dir() / "1.0-1/symlink.list"), "/usr/bin/tool\n");
-}
-
 TEST_F(AMapping, FollowsTheRulesWithItsRelativePath) {
     const auto unpacked = extract({{"data/a/b.txt", "x"},
                                    {"common/c", "x"},
