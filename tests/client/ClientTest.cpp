@@ -1,7 +1,7 @@
 #include "client/Client.h"
 
 #include "testbed/PrivateBus.h"
-#include "tests/tools/ScriptedService.h"
+#include "testbed/ScriptedService.h"
 
 #include <gtest/gtest.h>
 

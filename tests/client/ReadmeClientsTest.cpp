@@ -1,8 +1,8 @@
 #include "testbed/PrivateBus.h"
 #include "testbed/Process.h"
 #include "testbed/ScratchDirectory.h"
+#include "testbed/ScriptedService.h"
 #include "testbed/WaitUntil.h"
-#include "tests/tools/ScriptedService.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

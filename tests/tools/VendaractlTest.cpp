@@ -3,8 +3,8 @@
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
 #include "testbed/ScriptedPeers.h"
+#include "testbed/ScriptedService.h"
 #include "testbed/WaitUntil.h"
-#include "tests/tools/ScriptedService.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
