@@ -42,11 +42,20 @@ void Loop::spawn(std::string_view message, asio::awaitable<void> coroutine) {
     });
 }
 
-Loop::Helpers::iterator Loop::newHelper(std::size_t limit) {
+Loop::Helpers::iterator Loop::takeHelper(std::size_t limit) {
     if (helpers_.size() >= limit) {
         throw Error(ErrorCode::Internal, "too many jobs have not ended");
     }
-    return helpers_.emplace(helpers_.end());
+    if (idle_.empty()) {
+        idle_.emplace_back();
+    }
+    helpers_.splice(helpers_.end(), idle_);
+    return std::prev(helpers_.end());
+}
+
+void Loop::release(Helpers::iterator helper) {
+    idle_.splice(idle_.end(), helpers_, helper);
+    idle_.resize(1);
 }
 
 } // namespace Common

@@ -4,6 +4,7 @@
 #include "common/bus/Event.h"
 
 #include <asio/awaitable.hpp>
+#include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/signal_set.hpp>
@@ -20,7 +21,7 @@
 namespace Common {
 
 /// The event loop: one thread runs it and owns all state; nothing on it waits. What must block runs on a
-/// helper thread of its own and posts its result back.
+/// helper thread of its own and posts its result back. One helper thread that has no job is kept.
 ///
 /// Everything belongs to the thread that calls run(), unless a function says something else.
 class Loop {
@@ -72,19 +73,14 @@ public:
     template<typename Work>
     [[nodiscard]] std::shared_ptr<Job<Work>> begin(Work work, std::size_t limit = maximumJobs) {
         auto job = std::make_shared<Job<Work>>(context_, std::move(work));
-        const auto helper = newHelper(limit);
-        try {
-            *helper = std::jthread([this, job, helper] {
-                job->run();
-                asio::post(context_, [this, job, helper] {
-                    helpers_.erase(helper);
-                    job->ended.set();
-                });
+        const auto helper = takeHelper(limit);
+        asio::post(helper->jobs, [this, job, helper]() mutable {
+            job->run();
+            asio::post(context_, [this, job = std::move(job), helper] {
+                release(helper);
+                job->ended.set();
             });
-        } catch (...) {
-            helpers_.erase(helper);
-            throw;
-        }
+        });
         return job;
     }
 
@@ -110,12 +106,20 @@ public:
     static constexpr std::size_t maximumJobs = 64;
 
 private:
-    using Helpers = std::list<std::jthread>;
-    Helpers::iterator newHelper(std::size_t limit);
+    struct Helper {
+        ~Helper() { jobs.stop(); }
+        asio::io_context jobs{1};
+        asio::executor_work_guard<asio::io_context::executor_type> untilStopped{jobs.get_executor()};
+        std::jthread thread{[this] { jobs.run(); }};
+    };
+    using Helpers = std::list<Helper>;
+    Helpers::iterator takeHelper(std::size_t limit);
+    void release(Helpers::iterator helper);
 
     asio::io_context context_{1};
     asio::signal_set signals_{context_};
     std::exception_ptr failure_;
+    Helpers idle_;    // at most one: to start a thread costs a request a tenth of its time
     Helpers helpers_; // one a job that has not ended; joined before the rest is destroyed
 };
 
