@@ -4,6 +4,8 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <link.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 
 namespace {
@@ -36,6 +38,23 @@ void raiseDescriptorLimit() {
     }
 }
 
+// The start reads much of the libraries, mostly symbols and relocations, that nothing reads again. What is
+// not writable is the file's content, and comes back when it is touched.
+void dropPagesOfStartUp() {
+    dl_iterate_phdr(
+        [](dl_phdr_info* library, std::size_t, void*) {
+            for (int index = 0; index < library->dlpi_phnum; ++index) {
+                const auto& segment = library->dlpi_phdr[index];
+                const auto begin = library->dlpi_addr + segment.p_vaddr;
+                if (segment.p_type == PT_LOAD && (segment.p_flags & PF_W) == 0) {
+                    madvise(reinterpret_cast<void*>(begin), segment.p_memsz, MADV_DONTNEED);
+                }
+            }
+            return 0;
+        },
+        nullptr);
+}
+
 int serve() {
     raiseDescriptorLimit();
     const auto connection = connectToSessionBus(); // first: coroutines that never end hold messages of it
@@ -44,6 +63,7 @@ int serve() {
     Common::BusConnection session(loop, connection,
                                   [](const sdbus::Error& error) { std::_Exit(fail(error.getMessage())); });
     const Daemon::VendaraDbusInterface service(session, Own::objectPath);
+    dropPagesOfStartUp();
     try {
         loop.run();
     } catch (const std::exception& error) {
