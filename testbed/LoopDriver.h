@@ -3,8 +3,9 @@
 #include "common/bus/BusConnection.h"
 
 #include <asio/co_spawn.hpp>
+#include <asio/use_future.hpp>
 #include <functional>
-#include <optional>
+#include <future>
 #include <stdexcept>
 
 namespace Testbed {
@@ -30,25 +31,14 @@ public:
     /// Runs the loop until the coroutine ends; returns what it returns and throws what it throws.
     template<typename Result>
     Result await(asio::awaitable<Result> coroutine) {
-        bool ended = false;
-        std::exception_ptr failure;
-        std::optional<Result> result;
-        asio::co_spawn(loop.context(), std::move(coroutine), [&](std::exception_ptr thrown, Result value) {
-            failure = std::move(thrown);
-            result = std::move(value);
-            ended = true;
-        });
-        finish(ended, failure);
-        return std::move(*result);
-    }
-    void await(asio::awaitable<void> coroutine) {
-        bool ended = false;
-        std::exception_ptr failure;
-        asio::co_spawn(loop.context(), std::move(coroutine), [&](std::exception_ptr thrown) {
-            failure = std::move(thrown);
-            ended = true;
-        });
-        finish(ended, failure);
+        auto result = asio::co_spawn(loop.context(), std::move(coroutine), asio::use_future);
+        const auto hasEnded = [&] {
+            return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        };
+        if (!runUntil(hasEnded, std::chrono::seconds(60))) {
+            throw std::runtime_error("the coroutine does not end");
+        }
+        return result.get();
     }
 
     [[nodiscard]] static Common::TimePoint soon() {
@@ -58,16 +48,6 @@ public:
     std::shared_ptr<sdbus::IConnection> connection = sdbus::createSessionBusConnection();
     Common::Loop loop;
     Common::BusConnection session{loop, connection, [](const sdbus::Error& /*error*/) {}};
-
-private:
-    void finish(const bool& ended, const std::exception_ptr& failure) {
-        if (!runUntil([&] { return ended; }, std::chrono::seconds(60))) {
-            throw std::runtime_error("the coroutine does not end");
-        }
-        if (failure) {
-            std::rethrow_exception(failure);
-        }
-    }
 };
 
 } // namespace Testbed
