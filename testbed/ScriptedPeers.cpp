@@ -100,8 +100,8 @@ PackageManager::PackageManager()
     peer_.object()
         .registerMethod("Install")
         .onInterface(interface_)
-        .implementedAs([this](Result<>&& result, const std::string& path, const Dictionary& /*options*/) {
-            called("Install", path, std::move(result));
+        .implementedAs([this](Result<>&& result, const std::string& path, const Dictionary& options) {
+            called("Install", path + (options.empty() ? "" : " with options"), std::move(result));
         });
     peer_.object()
         .registerMethod("Remove")

@@ -57,9 +57,9 @@ public:
     /// How many calls of one method waited at the same time, at most.
     [[nodiscard]] std::size_t mostHeld() const;
 
-    template<typename Argument>
-    void emit(const std::string& signal, const Argument& argument) {
-        peer_.send(interface_, signal, argument);
+    template<typename... Arguments>
+    void emit(const std::string& signal, const Arguments&... arguments) {
+        peer_.send(interface_, signal, arguments...);
     }
 
 protected:
@@ -74,7 +74,7 @@ protected:
             if (errorName.empty()) {
                 value(*shared);
             } else {
-                shared->returnError(sdbus::Error(errorName, "Refused By The Test"));
+                shared->returnError(sdbus::Error(errorName, "Refused BY The Test \u00c4"));
             }
         });
     }

@@ -2,11 +2,11 @@
 
 #include "common/Error.h"
 #include "common/Names.h"
-#include "testbed/BusPeer.h"
 #include "testbed/LogCapture.h"
 #include "testbed/LoopDriver.h"
 #include "testbed/PrivateBus.h"
 #include "testbed/Process.h"
+#include "testbed/ScriptedPeers.h"
 
 #include <gmock/gmock.h>
 
@@ -16,37 +16,8 @@ namespace Peer = Common::Names::Zul;
 using Common::PackageProperties;
 using testing::ElementsAre;
 
-// A package manager that refuses calls on request and sends any signal.
 class ThePackageManagerClient : public testing::Test {
 protected:
-    ThePackageManagerClient()
-        : peer_(sdbus::createSystemBusConnection(Peer::service), Peer::objectPath) {
-        auto& object = peer_.object();
-        object.registerMethod(Peer::interface, Peer::install, "sa{sv}", "", [this](sdbus::MethodCall call) {
-            std::string path;
-            std::map<std::string, sdbus::Variant> options;
-            call >> path >> options;
-            answer(call, path + (options.empty() ? "" : " with options"));
-        });
-        object.registerMethod(Peer::interface, Peer::remove, "s", "", [this](sdbus::MethodCall call) {
-            std::string id;
-            call >> id;
-            answer(call, id);
-        });
-        object.registerMethod(Peer::interface, Peer::getPackageList, "", "aa{ss}",
-                              [this](const sdbus::MethodCall& call) {
-                                  auto reply = call.createReply();
-                                  reply << list_;
-                                  reply.send();
-                              });
-        peer_.start();
-    }
-
-    template<typename... Arguments>
-    void send(const std::string& signal, const Arguments&... arguments) {
-        peer_.send(Peer::interface, signal, arguments...);
-    }
-
     static std::pair<int, std::string> failureOf(const std::function<void()>& call) {
         try {
             call();
@@ -58,20 +29,8 @@ protected:
 
     Testbed::LogCapture log_;
     Testbed::PrivateBuses buses_;
+    Testbed::PackageManager zul_;
     Testbed::LoopDriver driver_;
-    std::vector<PackageProperties> list_;
-    std::string calls_; // of answered calls
-
-private:
-    void answer(sdbus::MethodCall& call, const std::string& argument) {
-        if (argument.starts_with("org.") || argument.starts_with("norvane.")) {
-            throw sdbus::Error(argument, "Refused FOR a Reason \xc3\x84");
-        }
-        calls_ += argument + ";";
-        call.createReply().send();
-    }
-
-    Testbed::BusPeer peer_;
 };
 
 TEST_F(ThePackageManagerClient, KeepsItsConnectionFromChildren) {
@@ -84,15 +43,19 @@ TEST_F(ThePackageManagerClient, CarriesCallsAndTurnsRefusalsIntoCodes) {
     const auto list = [&] { return *driver_.await(client.getPackageList(Testbed::LoopDriver::soon())); };
     driver_.await(client.install("/tmp/a.rpm"));
     driver_.await(client.remove("com.example.app"));
-    EXPECT_EQ(calls_, "/tmp/a.rpm;com.example.app;");
+    EXPECT_THAT(zul_.calls(Peer::install), ElementsAre("/tmp/a.rpm"));
+    EXPECT_THAT(zul_.calls(Peer::remove), ElementsAre("com.example.app"));
     EXPECT_THAT(list(), ElementsAre());
-    list_ = {{{"general.id", "b"}}, {{"general.id", "a"}, {"x", ""}}};
-    EXPECT_EQ(list(), list_);
-    EXPECT_EQ(failureOf([&] { driver_.await(client.install("norvane.ZUL.Error.BadPackageSignature")); }),
-              std::pair(7, std::string("refused for a reason \xc3\x84")));
-    EXPECT_EQ(failureOf([&] { driver_.await(client.remove("norvane.ZUL.Error.Internal")); }).first, 2);
-    EXPECT_EQ(
-        failureOf([&] { driver_.await(client.remove("org.freedesktop.DBus.Error.AccessDenied")); }).first, 2);
+    const std::vector<PackageProperties> packages{{{"general.id", "b"}}, {{"general.id", "a"}, {"x", ""}}};
+    zul_.setPackages(packages);
+    EXPECT_EQ(list(), packages);
+    zul_.refuse(Peer::install, "norvane.ZUL.Error.BadPackageSignature");
+    EXPECT_EQ(failureOf([&] { driver_.await(client.install("a")); }),
+              std::pair(7, std::string("refused by the test \xc3\x84")));
+    for (const auto* error : {"norvane.ZUL.Error.Internal", "org.freedesktop.DBus.Error.AccessDenied"}) {
+        zul_.refuse(Peer::remove, error);
+        EXPECT_EQ(failureOf([&] { driver_.await(client.remove("a")); }).first, 2) << error;
+    }
 }
 
 TEST_F(ThePackageManagerClient, HandsSignalsOnInOrderAndDropsMalformedOnes) {
@@ -105,13 +68,14 @@ TEST_F(ThePackageManagerClient, HandsSignalsOnInOrderAndDropsMalformedOnes) {
     client.addPackageUpgradedHandler(
         [&](const PackageProperties& p) { seen.push_back("u " + p.at("general.id")); });
     client.addPackageRemovedHandler([&](const std::string& id) { seen.push_back("r " + id); });
-    send(Peer::packageInstalled, PackageProperties{{"general.id", "a"}});
-    send(Peer::packageInstalled, std::string("no map"));
-    send(Peer::packageUpgraded, std::map<std::string, sdbus::Variant>{{"general.id", sdbus::Variant("a")}});
-    send(Peer::packageUpgraded);
-    send(Peer::packageRemoved, std::int32_t{7});
-    send(Peer::packageUpgraded, PackageProperties{{"general.id", "b"}});
-    send(Peer::packageRemoved, std::string("c"));
+    zul_.emit(Peer::packageInstalled, PackageProperties{{"general.id", "a"}});
+    zul_.emit(Peer::packageInstalled, std::string("no map"));
+    zul_.emit(Peer::packageUpgraded,
+              std::map<std::string, sdbus::Variant>{{"general.id", sdbus::Variant("a")}});
+    zul_.emit(Peer::packageUpgraded);
+    zul_.emit(Peer::packageRemoved, std::int32_t{7});
+    zul_.emit(Peer::packageUpgraded, PackageProperties{{"general.id", "b"}});
+    zul_.emit(Peer::packageRemoved, std::string("c"));
     EXPECT_TRUE(driver_.runUntil([&] { return seen.size() == 4; }));
     EXPECT_THAT(seen, ElementsAre("i1 a", "i2 a", "u b", "r c"));
     const auto lines = log_.lines();
@@ -149,8 +113,8 @@ TEST(ThePackageManagerClientThatTheBusDisconnects, ConnectsAnewAndReceivesSignal
     const Testbed::PrivateBuses others;
     const Testbed::PrivateBus bus("<limit name='max_message_size'>2000</limit>");
     setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
-    Testbed::BusPeer peer(sdbus::createSystemBusConnection(Peer::service), Peer::objectPath);
-    peer.start();
+    Testbed::PackageManager zul;
+    zul.refuse(Peer::remove, "norvane.ZUL.Error.Internal");
     Testbed::LoopDriver driver;
     Core::ZulProxy client(driver.loop);
     std::vector<std::string> removed;
@@ -159,8 +123,8 @@ TEST(ThePackageManagerClientThatTheBusDisconnects, ConnectsAnewAndReceivesSignal
     client.setAppearedHandler([&] { ++appeared; });
     EXPECT_THROW(driver.await(client.install(std::string(4000, 'x'))), Common::Error);
     EXPECT_TRUE(driver.runUntil([&] { return appeared == 1; }));
-    EXPECT_THROW(driver.await(client.remove("x")), Common::Error); // by the peer, which has no such method
-    peer.send(Peer::interface, Peer::packageRemoved, std::string("a"));
+    EXPECT_THROW(driver.await(client.remove("x")), Common::Error); // by the peer
+    zul.emit(Peer::packageRemoved, std::string("a"));
     EXPECT_TRUE(driver.runUntil([&] { return !removed.empty(); }));
     EXPECT_THAT(log.lines(), ElementsAre(testing::StartsWith("ERROR: lost the connection to norvane.ZUL: "),
                                          "WARN: made the connection to norvane.ZUL anew"));
