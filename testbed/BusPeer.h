@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace Testbed {
 
@@ -22,9 +23,15 @@ public:
     BusPeer(const BusPeer&) = delete;
     BusPeer& operator=(const BusPeer&) = delete;
 
-    /// To register methods and signals on, before start().
     [[nodiscard]] sdbus::IObject& object() { return *object_; }
     [[nodiscard]] sdbus::IConnection& connection() { return *connection_; }
+
+    /// Answers calls of a method with what a function returns; before start().
+    template<typename Function>
+    void on(const std::string& interface, const std::string& method, Function&& function) {
+        object_->registerMethod(method).onInterface(interface).implementedAs(
+            std::forward<Function>(function));
+    }
 
     void start() {
         object_->finishRegistration();

@@ -97,24 +97,16 @@ void ScriptedPeer::handle(const std::string& method, const std::string& argument
 PackageManager::PackageManager()
     : ScriptedPeer(sdbus::createSystemBusConnection("norvane.ZUL"), "norvane.ZUL", "/norvane/ZUL",
                    "norvane.ZUL") {
-    peer_.object()
-        .registerMethod("Install")
-        .onInterface(interface_)
-        .implementedAs([this](Result<>&& result, const std::string& path, const Dictionary& options) {
-            called("Install", path + (options.empty() ? "" : " with options"), std::move(result));
-        });
-    peer_.object()
-        .registerMethod("Remove")
-        .onInterface(interface_)
-        .implementedAs(
-            [this](Result<>&& result, const std::string& id) { called("Remove", id, std::move(result)); });
-    peer_.object()
-        .registerMethod("GetPackageList")
-        .onInterface(interface_)
-        .implementedAs([this](Result<std::vector<Common::PackageProperties>>&& result) {
-            called("GetPackageList", {}, std::move(result),
-                   [this](auto& reply) { reply.returnResults(packages()); });
-        });
+    peer_.on(interface_, "Install",
+             [this](Result<>&& result, const std::string& path, const Dictionary& options) {
+                 called("Install", path + (options.empty() ? "" : " with options"), std::move(result));
+             });
+    peer_.on(interface_, "Remove",
+             [this](Result<>&& result, const std::string& id) { called("Remove", id, std::move(result)); });
+    peer_.on(interface_, "GetPackageList", [this](Result<std::vector<Common::PackageProperties>>&& result) {
+        called("GetPackageList", {}, std::move(result),
+               [this](auto& reply) { reply.returnResults(packages()); });
+    });
     peer_.start();
 }
 
@@ -139,11 +131,9 @@ RuntimeManager::RuntimeManager()
     : ScriptedPeer(sdbus::createSessionBusConnection("norvane.RuntimeManager"), "norvane.RuntimeManager",
                    "/norvane/RuntimeManager/Control1", "norvane.RuntimeManager.Control1")
     , intents_(sdbus::createObject(peer_.connection(), "/norvane/RuntimeManager/Intents1")) {
-    peer_.object()
-        .registerMethod("Terminate")
-        .onInterface(interface_)
-        .implementedAs(
-            [this](Result<>&& result, const std::string& id) { called("Terminate", id, std::move(result)); });
+    peer_.on(interface_, "Terminate", [this](Result<>&& result, const std::string& id) {
+        called("Terminate", id, std::move(result));
+    });
     intents_->registerMethod("InvokeIntent")
         .onInterface("norvane.RuntimeManager.Intents1")
         .implementedAs([this](Result<>&& result, const std::string& intent, const Dictionary& hints,
@@ -159,19 +149,17 @@ RuntimeManager::RuntimeManager()
 Identification::Identification()
     : ScriptedPeer(sdbus::createSessionBusConnection("norvane.am"), "norvane.am", "/norvane/am",
                    "norvane.am.Identify") {
-    peer_.object()
-        .registerMethod("IdentifyByBusName")
-        .onInterface(interface_)
-        .implementedAs([this](Result<std::string, std::string>&& result, const std::string& busName) {
-            called("IdentifyByBusName", busName, std::move(result), [this, busName](auto& reply) {
-                const auto application = applicationOf(busName);
-                if (application.empty()) {
-                    reply.returnError(sdbus::Error("norvane.am.Error", "no connection has this name"));
-                } else {
-                    reply.returnResults(application, "user");
-                }
-            });
-        });
+    peer_.on(interface_, "IdentifyByBusName",
+             [this](Result<std::string, std::string>&& result, const std::string& busName) {
+                 called("IdentifyByBusName", busName, std::move(result), [this, busName](auto& reply) {
+                     const auto application = applicationOf(busName);
+                     if (application.empty()) {
+                         reply.returnError(sdbus::Error("norvane.am.Error", "no connection has this name"));
+                     } else {
+                         reply.returnResults(application, "user");
+                     }
+                 });
+             });
     peer_.start();
 }
 

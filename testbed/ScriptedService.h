@@ -35,21 +35,12 @@ public:
     explicit ScriptedService(std::map<std::string, Script> scripts)
         : scripts_(std::move(scripts)) {
         for (const auto& method : {Own::install, Own::remove}) {
-            peer_.object()
-                .registerMethod(method)
-                .onInterface(Own::interface)
-                .implementedAs([this](const std::string& argument) { return begin(argument); });
+            peer_.on(Own::interface, method, [this](const std::string& argument) { return begin(argument); });
         }
         for (const auto& method : {Own::start, Own::restart}) {
-            peer_.object()
-                .registerMethod(method)
-                .onInterface(Own::interface)
-                .implementedAs([this](const std::string& argument) { begin(argument); });
+            peer_.on(Own::interface, method, [this](const std::string& argument) { begin(argument); });
         }
-        peer_.object()
-            .registerMethod(Own::getAllProperties)
-            .onInterface(Own::interface)
-            .implementedAs([this] { return properties(); });
+        peer_.on(Own::interface, Own::getAllProperties, [this] { return properties(); });
         peer_.connection().addMatch(
             "type='method_call',member='Ping'",
             [this](sdbus::Message& /*ping*/) {

@@ -121,10 +121,7 @@ TEST_P(AClientOfTheReadme, ReportsThatTheServiceOrTheBusIsGone) {
 
 TEST_P(AClientOfTheReadme, RefusesAReplyOfAnotherType) {
     BusPeer service(sdbus::createSessionBusConnection(Own::service), Own::objectPath);
-    service.object()
-        .registerMethod(Own::install)
-        .onInterface(Own::interface)
-        .implementedAs([](const std::string& path) { return path; });
+    service.on(Own::interface, Own::install, [](const std::string& path) { return path; });
     service.start();
     const auto client = install("good.rpm");
     EXPECT_EQ(client.status, 2);
