@@ -1,20 +1,16 @@
 #include "common/PackageId.h"
 
 #include "common/BusText.h"
-#include "common/Error.h"
+#include "testbed/FailureOf.h"
 
 #include <gmock/gmock.h>
 
 namespace {
 
 std::string refusalOf(const std::string& id) {
-    try {
-        Common::requirePackageId(id);
-        return "";
-    } catch (const Common::Error& error) {
-        EXPECT_EQ(error.code(), Common::ErrorCode::BadPackageID);
-        return error.what();
-    }
+    const auto [code, text] = Testbed::failureOf([&] { Common::requirePackageId(id); });
+    EXPECT_EQ(code, text.empty() ? Common::ErrorCode::None : Common::ErrorCode::BadPackageID);
+    return text;
 }
 
 TEST(PackageId, IsOnePathComponentThatABusTakes) {

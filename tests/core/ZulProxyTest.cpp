@@ -2,6 +2,7 @@
 
 #include "common/Error.h"
 #include "common/Names.h"
+#include "testbed/FailureOf.h"
 #include "testbed/LogCapture.h"
 #include "testbed/LoopDriver.h"
 #include "testbed/PrivateBus.h"
@@ -13,20 +14,13 @@
 namespace {
 
 namespace Peer = Common::Names::Zul;
+using Common::ErrorCode;
 using Common::PackageProperties;
+using Testbed::failureOf;
 using testing::ElementsAre;
 
 class ThePackageManagerClient : public testing::Test {
 protected:
-    static std::pair<int, std::string> failureOf(const std::function<void()>& call) {
-        try {
-            call();
-            return {-1, ""};
-        } catch (const Common::Error& error) {
-            return {static_cast<int>(error.code()), error.what()};
-        }
-    }
-
     Testbed::LogCapture log_;
     Testbed::PrivateBuses buses_;
     Testbed::PackageManager zul_;
@@ -51,10 +45,10 @@ TEST_F(ThePackageManagerClient, CarriesCallsAndTurnsRefusalsIntoCodes) {
     EXPECT_EQ(list(), packages);
     zul_.refuse(Peer::install, "norvane.ZUL.Error.BadPackageSignature");
     EXPECT_EQ(failureOf([&] { driver_.await(client.install("a")); }),
-              std::pair(7, std::string("refused by the test \xc3\x84")));
+              std::pair(ErrorCode::BadPackageSignature, std::string("refused by the test \xc3\x84")));
     for (const auto* error : {"norvane.ZUL.Error.Internal", "org.freedesktop.DBus.Error.AccessDenied"}) {
         zul_.refuse(Peer::remove, error);
-        EXPECT_EQ(failureOf([&] { driver_.await(client.remove("a")); }).first, 2) << error;
+        EXPECT_EQ(failureOf([&] { driver_.await(client.remove("a")); }).first, ErrorCode::Internal) << error;
     }
 }
 
@@ -88,8 +82,9 @@ TEST_F(ThePackageManagerClient, HandsSignalsOnInOrderAndDropsMalformedOnes) {
 TEST_F(ThePackageManagerClient, FailsWithTheInternalCodeOnceTheBusIsGone) {
     Core::ZulProxy client(driver_.loop);
     buses_.system.stop();
-    EXPECT_EQ(failureOf([&] { driver_.await(client.install("/tmp/a.rpm")); }).first, 2);
-    EXPECT_EQ(failureOf([&] { driver_.await(client.getPackageList(Testbed::LoopDriver::soon())); }).first, 2);
+    EXPECT_EQ(failureOf([&] { driver_.await(client.install("/tmp/a.rpm")); }).first, ErrorCode::Internal);
+    EXPECT_EQ(failureOf([&] { driver_.await(client.getPackageList(Testbed::LoopDriver::soon())); }).first,
+              ErrorCode::Internal);
     EXPECT_THAT(log_.lines(),
                 ElementsAre(testing::StartsWith("ERROR: lost the connection to norvane.ZUL: ")));
 }

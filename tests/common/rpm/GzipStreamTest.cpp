@@ -2,6 +2,7 @@
 
 #include "common/Error.h"
 #include "common/rpm/FileIterator.h"
+#include "testbed/FailureOf.h"
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
@@ -213,12 +214,8 @@ TEST(APayload, ThatCannotBeReadIsNotCalledDamaged) {
         const UniqueFd file(open("/proc/self/mem", O_RDONLY | O_CLOEXEC));
         ASSERT_NE(lseek(file.get(), static_cast<off_t>(reinterpret_cast<std::uintptr_t>(memory)), SEEK_SET),
                   -1);
-        try {
-            countOfEntries(Common::Rpm::Reader(file, "package"));
-            FAIL() << "read whole";
-        } catch (const Common::Error& error) {
-            EXPECT_EQ(error.code(), Common::ErrorCode::Filesystem) << error.what();
-        }
+        EXPECT_EQ(Testbed::failureOf([&] { countOfEntries(Common::Rpm::Reader(file, "package")); }).first,
+                  Common::ErrorCode::Filesystem);
         munmap(memory, readable);
     }
 }

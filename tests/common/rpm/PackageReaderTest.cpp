@@ -3,6 +3,7 @@
 #include "common/rpm/FileList.h"
 #include "common/rpm/Reader.h"
 #include "testbed/CraftedPackage.h"
+#include "testbed/FailureOf.h"
 #include "testbed/LogCapture.h"
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
@@ -34,13 +35,8 @@ protected:
     [[nodiscard]] fs::path in(const std::string& name) const { return scratch_.path() / name; }
 
     static void expectRefusal(const fs::path& path, Common::ErrorCode code, const std::string& message) {
-        try {
-            const Reader reader(path.string());
-            ADD_FAILURE() << path << " was read";
-        } catch (const Common::Error& error) {
-            EXPECT_EQ(error.code(), code) << path;
-            EXPECT_EQ(error.what(), message) << path;
-        }
+        EXPECT_EQ(Testbed::failureOf([&] { const Reader reader(path.string()); }), std::pair(code, message))
+            << path;
     }
     static void expectNotOpened(const fs::path& path) {
         expectRefusal(path, Common::ErrorCode::FileNotFound, "couldn't open rpm package");

@@ -3,6 +3,7 @@
 #include "common/Error.h"
 #include "core/zul/Database.h"
 #include "core/zul/Record.h"
+#include "testbed/FailureOf.h"
 #include "testbed/LogCapture.h"
 #include "testbed/ScratchDirectory.h"
 
@@ -34,13 +35,7 @@ using Files = std::map<std::string, std::string>;
 
 /// Checks that an action fails with this error.
 #define EXPECT_ERROR(action, expectedCode, message)                                                          \
-    try {                                                                                                    \
-        static_cast<void>(action);                                                                           \
-        ADD_FAILURE() << "no error";                                                                         \
-    } catch (const Error& error) {                                                                           \
-        EXPECT_EQ(error.code(), ErrorCode::expectedCode);                                                    \
-        EXPECT_THAT(std::string(error.what()), message);                                                     \
-    }
+    EXPECT_THAT(failureOf([&] { static_cast<void>(action); }), Pair(ErrorCode::expectedCode, message))
 
 inline std::string extendedAttribute(const fs::path& file, const char* name) {
     std::string value(4096, '\0');

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "common/Error.h"
 #include "core/zul/package/Extraction.h"
 #include "core/zul/package/Package.h"
 #include "testbed/CraftedPackage.h"
+#include "testbed/FailureOf.h"
 #include "testbed/LogCapture.h"
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
@@ -50,16 +50,6 @@ protected:
     /// Reads a package that should be refused.
     std::pair<ErrorCode, std::string> refusalOf(const fs::path& package) const {
         return failureOf([&] { static_cast<void>(Package::fromFile(package, authorities)); });
-    }
-
-    template<typename Action>
-    static std::pair<ErrorCode, std::string> failureOf(const Action& action) {
-        try {
-            action();
-        } catch (const Common::Error& error) {
-            return {error.code(), error.what()};
-        }
-        return {ErrorCode::None, ""};
     }
 
     const ScratchDirectory scratch;
