@@ -29,29 +29,15 @@ std::filesystem::path buildPackage(const fs::path& directory, const PackageSpec&
     text << spec.installScript << "\n%files\n" << list.str() << spec.fileList << "\n";
     writeFile(work / "package.spec", text.str());
     fs::create_directories(work / "home");
-    auto result = run({"rpmbuild",
-                       "-bb",
-                       "--nodeps",
-                       "--define",
-                       "_topdir " + (work / "top").string(),
-                       "--define",
-                       "_tmppath " + work.string(),
-                       "--define",
-                       "_rpmdir " + directory.string(),
-                       "--define",
-                       "_rpmfilename " + nevra + ".rpm",
-                       "--define",
-                       "_binary_payload " + spec.payload,
-                       "--define",
-                       "_build_id_links none",
-                       "--define",
-                       "debug_package %{nil}",
-                       "--target",
-                       spec.architecture,
-                       "--define",
-                       "__os_install_post %{nil}",
-                       (work / "package.spec").string()},
-                      {.environment = {{"HOME", (work / "home").string()}}, .directory = {}, .input = {}});
+    std::vector<std::string> command{"rpmbuild",       "-bb", "--nodeps", work / "package.spec", "--target",
+                                     spec.architecture};
+    for (const auto& macro : {"_topdir " + (work / "top").string(), "_tmppath " + work.string(),
+                              "_rpmdir " + directory.string(), "_rpmfilename " + nevra + ".rpm",
+                              "_binary_payload " + spec.payload, std::string("_build_id_links none"),
+                              std::string("debug_package %{nil}"), std::string("__os_install_post %{nil}")}) {
+        command.insert(command.end(), {"--define", macro});
+    }
+    const auto result = run(command, {.environment = {{"HOME", work / "home"}}});
     fs::remove_all(work);
     if (result.status != 0) {
         throw std::runtime_error("rpmbuild failed: " + result.output);
