@@ -3,6 +3,8 @@
 #include "testbed/WaitUntil.h"
 
 #include <algorithm>
+#include <future>
+#include <stdexcept>
 
 void Common::PrintTo(const OperationRecord& operation, std::ostream* output) {
     *output << operation.id << " of " << operation.packageId << ": type " << static_cast<int>(operation.type)
@@ -202,7 +204,10 @@ Client::Client()
         .onInterface("org.freedesktop.DBus.Peer")
         .uponReplyInvoke([running](const sdbus::Error* /*error*/) { running->set_value(); });
     peer_.start();
-    waitFor(*running, std::chrono::minutes(1)); // longer than the call may take
+    // Longer than the call may take.
+    if (running->get_future().wait_for(std::chrono::minutes(1)) != std::future_status::ready) {
+        throw std::runtime_error("the bus does not answer");
+    }
 }
 
 std::vector<Client::Operation> Client::operations(const std::string& key) {

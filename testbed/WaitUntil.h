@@ -2,8 +2,6 @@
 
 #include <chrono>
 #include <functional>
-#include <future>
-#include <stdexcept>
 #include <thread>
 
 namespace Testbed {
@@ -20,17 +18,6 @@ inline bool waitUntil(const std::function<bool()>& predicate,
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
-}
-
-/// What a promise is kept with, for events that a handler reports.
-/// Throws std::runtime_error when it is not kept within the limit.
-template<typename Value>
-Value waitFor(std::promise<Value>& promise, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-    auto future = promise.get_future();
-    if (future.wait_for(limit) != std::future_status::ready) {
-        throw std::runtime_error("timed out");
-    }
-    return future.get();
 }
 
 } // namespace Testbed
