@@ -198,7 +198,7 @@ std::string soak(const SoakOptions& options, const std::filesystem::path& packag
         workers.push_back(std::make_unique<Worker>(number, package, !options.withChaos));
     }
     const auto forAll = [&](const auto& run) {
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         threads.reserve(workers.size());
         for (auto& worker : workers) {
             threads.emplace_back([run, &worker = *worker] { run(worker); });
@@ -211,9 +211,8 @@ std::string soak(const SoakOptions& options, const std::filesystem::path& packag
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         peers.disturb(random);
     }
-    std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
-    threads = forAll([](Worker& worker) { worker.account(); });
-    std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
+    threads.clear();
+    forAll([](Worker& worker) { worker.account(); });
 
     std::vector<double> latencies;
     std::string failures;

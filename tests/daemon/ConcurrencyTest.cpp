@@ -167,10 +167,10 @@ TEST_F(TheDaemon, EndsAtOnceWithTheSessionBus) {
 
 TEST_F(TheDaemon, EndsWithTwoLinesWhateverItsClientsWaitFor) {
     const auto file = packageFile();
-    std::array<std::thread, 8> threads;
+    std::vector<std::jthread> threads(8);
     std::atomic<int> calls = 0;
     for (auto& thread : threads) {
-        thread = std::thread([&] {
+        thread = std::jthread([&] {
             try {
                 Client caller;
                 for (;;) {
@@ -187,9 +187,7 @@ TEST_F(TheDaemon, EndsWithTwoLinesWhateverItsClientsWaitFor) {
     buses.session.stop();
     expectedStatus = 1;
     EXPECT_EQ(daemon->wait(), expectedStatus);
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    threads.clear();
     std::string lines;
     std::istringstream stream(daemon->output());
     for (std::string line; std::getline(stream, line);) {

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <thread>
 
 namespace Testbed {
 
@@ -99,19 +100,16 @@ TEST_F(UnderStress, TheDaemonKeepsItsPromises) {
     setInstalled({"com.example.old"});
     zul.hold("Install");
     zul.hold("Remove");
-    std::vector<std::thread> background;
+    std::vector<std::jthread> background;
     background.emplace_back([&] { manage(); });
     background.emplace_back([&] { comeAndGo(file); });
-    std::vector<std::thread> clients(3);
-    for (std::size_t number = 0; number < clients.size(); ++number) {
-        clients[number] = std::thread([&, number] { request(number, file); });
+    std::vector<std::jthread> clients;
+    for (std::size_t number = 0; number < 3; ++number) {
+        clients.emplace_back([&, number] { request(number, file); });
     }
-    for (auto* threads : {&clients, &background}) {
-        for (auto& thread : *threads) {
-            thread.join();
-        }
-        done = true;
-    }
+    clients.clear();
+    done = true;
+    background.clear();
     EXPECT_EQ(zul.mostHeld(), 1) << "one operation at a time";
 }
 
