@@ -227,6 +227,7 @@ TEST_F(TheDaemon, GoesOnWithoutTheSystemBus) {
     EXPECT_TRUE(client.waitForStatus(running, 101));
     EXPECT_EQ(client.received().back().errorCode, Common::ErrorCode::Internal);
     EXPECT_EQ(client.errorOf("GetAllProperties"), "Failed to retrieve list of installed packages");
+    EXPECT_EQ(client.errorOf("Remove", "a"), "Failed to retrieve list of installed packages");
     EXPECT_EQ(client.errorOf("Start", "a"), "");
 }
 

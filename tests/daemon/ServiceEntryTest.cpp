@@ -125,15 +125,4 @@ TEST_F(TheService, EndsWithTheSessionBusEveryTime) {
     }
 }
 
-TEST_F(TheService, SurvivesTheSystemBus) {
-    Testbed::Process daemon({VENDARA_DAEMON});
-    ASSERT_TRUE(Testbed::waitUntil(isOnTheBus)) << daemon.output();
-    buses_.system.stop();
-    const auto answer = Testbed::run({"busctl", "--user", "call", "norvane.Vendara", "/norvane/Vendara",
-                                      "norvane.Vendara", "Remove", "s", "com.example.app"});
-    EXPECT_NE(answer.status, 0);
-    EXPECT_THAT(answer.output, HasSubstr("Failed to retrieve list of installed packages"));
-    EXPECT_TRUE(isOnTheBus());
-}
-
 } // namespace
