@@ -267,12 +267,10 @@ protected:
 };
 
 TEST_F(ARestartOfThePackageManager, EndsUpgradesThatItDoesNotReport) {
-    PackageSpec spec;
     std::vector<Client::Operation> upgrades;
     for (const auto* name : {"completed", "prepared", "discarded", "removed"}) {
         setInstalled({name});
-        spec.name = name;
-        upgrades.push_back(client.install(buildPackage(scratch.path() / "packages", spec)));
+        upgrades.push_back(client.install(packageFile(name)));
         ASSERT_TRUE(client.waitForStatus(upgrades.back(), 90));
     }
     EXPECT_EQ(client.errorOf("Restart", "prepared"), "");

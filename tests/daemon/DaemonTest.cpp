@@ -62,9 +62,7 @@ bool DaemonTest::logged(const std::string& text) {
 }
 
 std::string DaemonTest::packageFile(const std::string& name) {
-    PackageSpec spec;
-    spec.name = name;
-    return buildPackage(scratch.path() / "packages", spec);
+    return buildPackage(scratch.path() / "packages", {.name = name});
 }
 
 void DaemonTest::setInstalled(const std::vector<std::string>& ids) {
