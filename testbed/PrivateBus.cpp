@@ -25,10 +25,12 @@ void PrivateBus::openToOthers() const {
 }
 
 // The session bus has the limits of a desktop's.
-PrivateBuses::PrivateBuses()
-    : session("<limit name='max_incoming_bytes'>1000000000</limit>"
+PrivateBuses::PrivateBuses(const std::string& limits)
+    : system(limits)
+    , session("<limit name='max_incoming_bytes'>1000000000</limit>"
               "<limit name='max_outgoing_bytes'>1000000000</limit>"
-              "<limit name='max_message_size'>1000000000</limit>") {
+              "<limit name='max_message_size'>1000000000</limit>" +
+              limits) {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", system.address().c_str(), 1);
     setenv("DBUS_SESSION_BUS_ADDRESS", session.address().c_str(), 1);
 }

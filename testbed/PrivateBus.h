@@ -31,7 +31,8 @@ private:
 /// A system and a session bus, found by this process and its children.
 class PrivateBuses {
 public:
-    PrivateBuses();
+    /// @param limits  of both, as PrivateBus() takes them
+    explicit PrivateBuses(const std::string& limits = {});
 
     PrivateBus system;
     PrivateBus session;

@@ -123,10 +123,7 @@ TEST_F(AController, HoldsABoundedNumberOfOperations) {
 }
 
 TEST(AControllerWithoutItsSubscription, IsNotMade) {
-    const PrivateBus system;
-    const PrivateBus session("<limit name='max_match_rules_per_connection'>0</limit>");
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", system.address().c_str(), 1);
-    setenv("DBUS_SESSION_BUS_ADDRESS", session.address().c_str(), 1);
+    const PrivateBuses buses("<limit name='max_match_rules_per_connection'>0</limit>");
     const auto result = run({VENDARA_DAEMON});
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.output,

@@ -91,9 +91,7 @@ TEST_F(ThePackageManagerClient, FailsWithTheInternalCodeOnceTheBusIsGone) {
 
 TEST(ThePackageManagerClientWithoutMatchRules, MakesCallsAndReceivesNoSignals) {
     const Testbed::LogCapture log;
-    const Testbed::PrivateBuses others;
-    const Testbed::PrivateBus bus("<limit name='max_match_rules_per_connection'>0</limit>");
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
+    const Testbed::PrivateBuses buses("<limit name='max_match_rules_per_connection'>0</limit>");
     Testbed::LoopDriver driver;
     Core::ZulProxy client(driver.loop);
     ASSERT_EQ(log.lines().size(), 2) << log.text();
@@ -105,9 +103,7 @@ TEST(ThePackageManagerClientWithoutMatchRules, MakesCallsAndReceivesNoSignals) {
 // The bus disconnects who sends it a message that is too long.
 TEST(ThePackageManagerClientThatTheBusDisconnects, ConnectsAnewAndReceivesSignalsAgain) {
     const Testbed::LogCapture log;
-    const Testbed::PrivateBuses others;
-    const Testbed::PrivateBus bus("<limit name='max_message_size'>2000</limit>");
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
+    const Testbed::PrivateBuses buses("<limit name='max_message_size'>2000</limit>");
     Testbed::PackageManager zul;
     zul.refuse(Peer::remove, "norvane.ZUL.Error.Internal");
     Testbed::LoopDriver driver;
