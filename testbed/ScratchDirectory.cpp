@@ -3,6 +3,7 @@
 #include <fstream>
 #include <set>
 #include <sstream>
+#include <sys/xattr.h>
 
 namespace Testbed {
 
@@ -22,6 +23,13 @@ std::string readFile(const fs::path& file) {
 std::string readFile(const Common::UniqueFd& file) {
     // Opened anew it has an offset of its own.
     return readFile("/proc/self/fd/" + std::to_string(file.get()));
+}
+
+std::string extendedAttribute(const fs::path& file, const char* name) {
+    std::string value(4096, '\0');
+    const auto size = lgetxattr(file.c_str(), name, value.data(), value.size());
+    value.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+    return value;
 }
 
 std::string digestOfTree(const fs::path& directory) {

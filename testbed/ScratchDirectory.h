@@ -21,6 +21,9 @@ void writeFile(const std::filesystem::path& file, const std::string& content);
 /// The same of an open file, from its start.
 [[nodiscard]] std::string readFile(const Common::UniqueFd& file);
 
+/// The value of an extended attribute, not of what a link leads to; empty without it.
+[[nodiscard]] std::string extendedAttribute(const std::filesystem::path& file, const char* name);
+
 /// A line for everything below a directory: path, mode, link target or content hash. Equal before and after
 /// means that nothing was touched.
 [[nodiscard]] std::string digestOfTree(const std::filesystem::path& directory);

@@ -37,13 +37,6 @@ using Files = std::map<std::string, std::string>;
 #define EXPECT_ERROR(action, expectedCode, message)                                                          \
     EXPECT_THAT(failureOf([&] { static_cast<void>(action); }), Pair(ErrorCode::expectedCode, message))
 
-inline std::string extendedAttribute(const fs::path& file, const char* name) {
-    std::string value(4096, '\0');
-    const auto size = lgetxattr(file.c_str(), name, value.data(), value.size());
-    value.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
-    return value;
-}
-
 /// As long as it lives, the modes of files deny also root what they deny others.
 class DroppedCapabilities {
 public:

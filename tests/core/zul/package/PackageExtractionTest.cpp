@@ -18,13 +18,6 @@ namespace {
 
 using Core::ZUL::PackagePath;
 
-std::string attributeOf(const fs::path& file, const char* name) {
-    std::string value(4096, '\0');
-    const auto size = lgetxattr(file.c_str(), name, value.data(), value.size());
-    value.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
-    return value;
-}
-
 /// Every file and link below a directory: its path, translated, with all that unpacking decides about it.
 std::map<std::string, std::string> filesOf(const fs::path& directory, const PackagePath& paths) {
     std::map<std::string, std::string> files;
@@ -171,8 +164,9 @@ TEST_F(AnExtraction, AttachesTheSignaturesThatEachFileShouldHave) {
         GTEST_SKIP() << "only root may set attributes of the name space \"security\"";
     }
     package.extract(file, destination);
-    EXPECT_EQ(attributeOf(destination / "bin/tool", "security.appid"), "com.example.app");
-    EXPECT_EQ(attributeOf(destination / "bin/tool", "security.ima"), package.developerCms().fileSignature(2));
+    EXPECT_EQ(extendedAttribute(destination / "bin/tool", "security.appid"), "com.example.app");
+    EXPECT_EQ(extendedAttribute(destination / "bin/tool", "security.ima"),
+              package.developerCms().fileSignature(2));
 }
 
 TEST_F(AnExtraction, ThrowsNothingButErrors) {
