@@ -42,52 +42,37 @@ CmsesByRole existingCmses(const std::vector<PackageSignatures::Cms>& existing,
     return cmses;
 }
 
+bool isSignatureMissing(const SignRequest& request) {
+    return request.digests != nullptr && !request.digests->missing().empty();
+}
+
 /// Signs as the request's identity of one role; adds nothing while signatures are missing.
-class CmsMaker {
-public:
-    CmsMaker(const SignRequest& request, const Common::Rpm::Reader& package,
-             PackageSignatures::PackageDigest digest)
-        : request_(request)
-        , package_(package)
-        , digest_(digest) {}
-
-    void add(CmsesByRole& cmses, Role role) const {
-        const auto& identity = role == Role::Developer ? request_.developer : request_.client;
-        if (!identity) {
-            return;
-        }
-        auto& certificate = *identity->certificate;
-        if (PackageSignatures::certificateOf(certificate).role() != role) {
-            throw std::runtime_error(std::string("the certificate given for the ") + nameOf(role) +
-                                     " is not one of a " + nameOf(role));
-        }
-        if (cmses.contains(role)) {
-            throw std::runtime_error(std::string("the package has a ") + nameOf(role) +
-                                     "'s signature already");
-        }
-        const PackageSignatures::DigestSigner sign = [&](const EVP_MD& algorithm, std::string_view digest) {
-            return request_.digests != nullptr
-                       ? request_.digests->signatureOf(certificate, algorithm, digest)
-                       : PackageSignatures::signDigest(*identity->key, algorithm, digest);
-        };
-        PackageSignatures::SignedContent content{digest_, {}};
-        if (role == Role::Developer) {
-            content.files = signFiles(package_, certificate, sign, request_.trustlets);
-        }
-        if (!isMissing()) { // the package's signature is made over those of its files
-            cmses.emplace(role, PackageSignatures::makeCms(certificate, sign, content));
-        }
+void addCms(CmsesByRole& cmses, Role role, const SignRequest& request, const Common::Rpm::Reader& package,
+            const PackageSignatures::PackageDigest& packageDigest) {
+    const auto& identity = role == Role::Developer ? request.developer : request.client;
+    if (!identity) {
+        return;
     }
-
-    [[nodiscard]] bool isMissing() const {
-        return request_.digests != nullptr && !request_.digests->missing().empty();
+    auto& certificate = *identity->certificate;
+    if (PackageSignatures::certificateOf(certificate).role() != role) {
+        throw std::runtime_error(std::string("the certificate given for the ") + nameOf(role) +
+                                 " is not one of a " + nameOf(role));
     }
-
-private:
-    const SignRequest& request_;
-    const Common::Rpm::Reader& package_;
-    PackageSignatures::PackageDigest digest_;
-};
+    if (cmses.contains(role)) {
+        throw std::runtime_error(std::string("the package has a ") + nameOf(role) + "'s signature already");
+    }
+    const PackageSignatures::DigestSigner sign = [&](const EVP_MD& algorithm, std::string_view digest) {
+        return request.digests != nullptr ? request.digests->signatureOf(certificate, algorithm, digest)
+                                          : PackageSignatures::signDigest(*identity->key, algorithm, digest);
+    };
+    PackageSignatures::SignedContent content{packageDigest, {}};
+    if (role == Role::Developer) {
+        content.files = signFiles(package, certificate, sign, request.trustlets);
+    }
+    if (!isSignatureMissing(request)) { // the package's signature is made over those of its files
+        cmses.emplace(role, PackageSignatures::makeCms(certificate, sign, content));
+    }
+}
 
 void copyBytes(int source, std::uint64_t length, Common::AtomicFile& output,
                const Common::Rpm::ReadingProgress& progress = {}) {
@@ -153,10 +138,10 @@ void writeSigned(const SignRequest& request) {
         report(3 * length);
     }
     auto cmses = package ? existingCmses(package->cmses(), digest, request) : CmsesByRole();
-    const CmsMaker maker(request, reader, digest);
-    maker.add(cmses, Role::Developer);
-    maker.add(cmses, Role::Client);
-    if (request.onlyDigests || maker.isMissing()) {
+    for (const auto role : {Role::Developer, Role::Client}) {
+        addCms(cmses, role, request, reader, digest);
+    }
+    if (request.onlyDigests || isSignatureMissing(request)) {
         return;
     }
     std::vector<std::string> ordered;
