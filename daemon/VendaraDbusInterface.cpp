@@ -397,20 +397,14 @@ void VendaraDbusInterface::relay(const std::string& packageId, const std::string
     relays_.add(packageId, [this, packageId, signal, event, argument]() -> asio::awaitable<void> {
         co_await controller_.upgradeSettled(packageId);
         co_await announcer_.flushedEndsOf(packageId);
-        broadcast(signal, event, argument);
+        try {
+            auto message = getObject().createSignal(Own::interface, signal);
+            message << argument;
+            session_.send([&] { message.send(); });
+        } catch (const sdbus::Error&) {
+            Common::logError() << "couldn't emit package " << event << " signal";
+        }
     });
-}
-
-template<typename Argument>
-void VendaraDbusInterface::broadcast(const std::string& signal, const std::string& event,
-                                     const Argument& argument) {
-    try {
-        auto message = getObject().createSignal(Own::interface, signal);
-        message << argument;
-        session_.send([&] { message.send(); });
-    } catch (const sdbus::Error&) {
-        Common::logError() << "couldn't emit package " << event << " signal";
-    }
 }
 
 void VendaraDbusInterface::sendOperationStatus(const Core::Operation& operation) {

@@ -87,8 +87,6 @@ private:
     template<typename Argument>
     void relay(const std::string& packageId, const std::string& signal, const std::string& event,
                const Argument& argument);
-    template<typename Argument>
-    void broadcast(const std::string& signal, const std::string& event, const Argument& argument);
     void sendOperationStatus(const Core::Operation& operation);
 
     asio::awaitable<void> end();
