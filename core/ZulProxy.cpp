@@ -89,20 +89,6 @@ ZulProxy::ZulProxy(Common::Loop& loop)
 
 ZulProxy::~ZulProxy() = default;
 
-void ZulProxy::addPackageInstalledHandler(PackageHandler handler) {
-    packageInstalledHandlers_.push_back(std::move(handler));
-}
-
-void ZulProxy::addPackageUpgradedHandler(PackageHandler handler) {
-    packageUpgradedHandlers_.push_back(std::move(handler));
-}
-
-void ZulProxy::addPackageRemovedHandler(PackageIdHandler handler) {
-    packageRemovedHandlers_.push_back(std::move(handler));
-}
-
-void ZulProxy::setAppearedHandler(std::function<void()> handler) { appeared_ = std::move(handler); }
-
 asio::awaitable<void> ZulProxy::install(std::string packagePath) {
     const std::map<std::string, sdbus::Variant> options;
     return callOperation(Peer::install, std::move(packagePath), options);
@@ -179,10 +165,9 @@ ZulProxy::Subscriptions ZulProxy::subscribe() {
             }
         });
         using Common::PackageProperties;
-        relayTo<PackageProperties>(*made.signals, packageInstalledHandlers_, Peer::packageInstalled,
-                                   "package");
-        relayTo<PackageProperties>(*made.signals, packageUpgradedHandlers_, Peer::packageUpgraded, "package");
-        relayTo<std::string>(*made.signals, packageRemovedHandlers_, Peer::packageRemoved, "package id");
+        relayTo<PackageProperties>(*made.signals, installed_, Peer::packageInstalled, "package");
+        relayTo<PackageProperties>(*made.signals, upgraded_, Peer::packageUpgraded, "package");
+        relayTo<std::string>(*made.signals, removed_, Peer::packageRemoved, "package id");
     } catch (const sdbus::Error& error) {
         Common::logError() << "couldn't subscribe to ZUL signal";
         Common::logError() << error.getMessage();

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Core {
@@ -30,11 +31,11 @@ public:
     ZulProxy(const ZulProxy&) = delete;
     ZulProxy& operator=(const ZulProxy&) = delete;
 
-    void addPackageInstalledHandler(PackageHandler handler);
-    void addPackageUpgradedHandler(PackageHandler handler);
-    void addPackageRemovedHandler(PackageIdHandler handler);
+    void addPackageInstalledHandler(PackageHandler handler) { installed_.push_back(std::move(handler)); }
+    void addPackageUpgradedHandler(PackageHandler handler) { upgraded_.push_back(std::move(handler)); }
+    void addPackageRemovedHandler(PackageIdHandler handler) { removed_.push_back(std::move(handler)); }
     /// The handler is called when the service has started again, or may have done so.
-    void setAppearedHandler(std::function<void()> handler);
+    void setAppearedHandler(std::function<void()> handler) { appeared_ = std::move(handler); }
 
     /// Installs a package file, or prepares an upgrade from it; takes up to 900 s.
     /// Throws Common::Error with the code of the service's error name and its text in lower case; a
@@ -64,9 +65,9 @@ private:
                                                                  Common::TimePoint deadline);
 
     Common::Loop& loop_;
-    std::vector<PackageHandler> packageInstalledHandlers_;
-    std::vector<PackageHandler> packageUpgradedHandlers_;
-    std::vector<PackageIdHandler> packageRemovedHandlers_;
+    std::vector<PackageHandler> installed_; // handlers, as those below
+    std::vector<PackageHandler> upgraded_;
+    std::vector<PackageIdHandler> removed_;
     std::function<void()> appeared_;
     std::size_t listCalls_ = 0;
     std::shared_ptr<ListCall> nextList_;        // to be sent when one of those on their way has ended
