@@ -18,7 +18,7 @@ constexpr std::string_view applicationGroup = "X-Application";
     throw std::runtime_error("manifest line " + std::to_string(line) + ": " + why);
 }
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
+constexpr std::string_view blanks = " \t";
 
 bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
 
@@ -27,32 +27,20 @@ bool isAlphanumeric(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && isBlank(text.front())) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && isBlank(text.back())) {
-        text.remove_suffix(1);
-    }
-    return text;
+std::string_view withoutTrailingBlanks(std::string_view text) {
+    return text.substr(0, text.find_last_not_of(blanks) + 1); // 0 where there is nothing else
 }
 
 bool isGroupName(std::string_view name) {
-    for (const char c : name) {
-        if (isControl(c) || c == '[' || c == ']' || static_cast<unsigned char>(c) > 0x7F) {
-            return false;
-        }
-    }
-    return !name.empty();
+    return !name.empty() && std::none_of(name.begin(), name.end(), [](char c) {
+        return isControl(c) || c == '[' || c == ']' || static_cast<unsigned char>(c) > 0x7F;
+    });
 }
 
 bool consistsOf(std::string_view text, std::string_view punctuation) {
-    for (const char c : text) {
-        if (!isAlphanumeric(c) && punctuation.find(c) == std::string_view::npos) {
-            return false;
-        }
-    }
-    return !text.empty();
+    return !text.empty() && std::all_of(text.begin(), text.end(), [punctuation](char c) {
+        return isAlphanumeric(c) || punctuation.find(c) != std::string_view::npos;
+    });
 }
 
 // NAME or NAME[LOCALE], where LOCALE is lang_COUNTRY.ENCODING@MODIFIER or a part of it.
@@ -86,7 +74,7 @@ public:
 
 private:
     void takeLine(std::string_view line) {
-        if (trimmed(line).empty() || line.front() == '#') {
+        if (withoutTrailingBlanks(line).empty() || line.front() == '#') {
             return;
         }
         if (line.front() == '[') {
@@ -97,7 +85,7 @@ private:
     }
 
     void takeGroup(std::string_view line) {
-        line = trimmed(line);
+        line = withoutTrailingBlanks(line);
         const auto name = line.substr(1, line.size() - 2);
         if (line.size() < 2 || line.back() != ']' || !isGroupName(name)) {
             refuse(lineNumber_, "no valid group header");
@@ -117,24 +105,17 @@ private:
         if (equals == std::string_view::npos) {
             refuse(lineNumber_, "neither a group, nor a comment, nor a key with a value");
         }
-        auto key = line.substr(0, equals);
-        while (!key.empty() && isBlank(key.back())) {
-            key.remove_suffix(1);
-        }
+        const auto key = withoutTrailingBlanks(line.substr(0, equals));
         auto value = line.substr(equals + 1);
-        while (!value.empty() && isBlank(value.front())) {
-            value.remove_prefix(1);
-        }
+        value.remove_prefix(std::min(value.find_first_not_of(blanks), value.size()));
         if (group_ == nullptr) {
             refuse(lineNumber_, "a key outside a group");
         }
         if (!isKey(key)) {
             refuse(lineNumber_, "no valid key");
         }
-        for (const char c : value) {
-            if (isControl(c) && c != '\t') {
-                refuse(lineNumber_, "a control character in a value");
-            }
+        if (std::any_of(value.begin(), value.end(), [](char c) { return isControl(c) && c != '\t'; })) {
+            refuse(lineNumber_, "a control character in a value");
         }
         if (!group_->try_emplace(std::string(key), value).second) {
             refuse(lineNumber_, "a second key \"" + std::string(key) + "\" in its group");
@@ -147,7 +128,7 @@ private:
 };
 
 std::string unescaped(std::string_view raw, std::string_view key) {
-    static constexpr std::pair<char, char> escapes[] = {
+    static const std::map<char, char> escapes{
         {'s', ' '}, {'n', '\n'}, {'t', '\t'}, {'r', '\r'}, {'\\', '\\'}};
     std::string text;
     for (std::size_t i = 0; i < raw.size(); ++i) {
@@ -156,11 +137,7 @@ std::string unescaped(std::string_view raw, std::string_view key) {
             continue;
         }
         const char letter = ++i < raw.size() ? raw[i] : '\0';
-        const auto* escape = std::begin(escapes);
-        while (escape != std::end(escapes) && escape->first != letter) {
-            ++escape;
-        }
-        if (escape != std::end(escapes)) {
+        if (const auto escape = escapes.find(letter); escape != escapes.end()) {
             text += escape->second;
         } else if (letter == ';') {
             text += "\\;";
