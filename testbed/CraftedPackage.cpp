@@ -4,8 +4,6 @@
 #include "testbed/ScratchDirectory.h"
 
 #include <rpm/header.h>
-#include <rpm/rpmfiles.h>
-#include <rpm/rpmio.h>
 #include <rpm/rpmpgp.h>
 #include <rpm/rpmtag.h>
 #include <rpm/rpmtd.h>

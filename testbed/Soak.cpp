@@ -5,7 +5,6 @@
 #include "testbed/WaitUntil.h"
 
 #include <algorithm>
-#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <random>

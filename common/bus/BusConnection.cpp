@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
-#include <unistd.h>
 
 namespace Common {
 

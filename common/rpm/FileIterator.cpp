@@ -15,7 +15,6 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
 namespace Common::Rpm {
 

@@ -9,7 +9,6 @@
 #include <array>
 #include <climits>
 #include <cstdint>
-#include <cstring>
 #include <span>
 #include <string_view>
 #include <utility>

@@ -1,6 +1,5 @@
 #include "devkit/identity-service/IdentityService.h"
 
-#include "common/LogLine.h"
 #include "common/Names.h"
 #include "devkit/support/Service.h"
 

@@ -2,8 +2,6 @@
 
 #include "common/BusText.h"
 #include "common/Error.h"
-#include "common/Files.h"
-#include "common/Guard.h"
 #include "common/LogLine.h"
 #include "common/Names.h"
 #include "core/zul/Record.h"

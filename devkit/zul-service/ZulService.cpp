@@ -7,6 +7,7 @@
 #include "devkit/support/Service.h"
 #include "devkit/support/Tasks.h"
 
+#include <map>
 #include <optional>
 #include <system_error>
 

@@ -8,10 +8,8 @@
 #include <asio/thread_pool.hpp>
 #include <chrono>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
-#include <utility>
 
 namespace Devkit {
 

@@ -4,7 +4,6 @@
 #include "testbed/LoopDriver.h"
 #include "testbed/PrivateBus.h"
 #include "testbed/ScriptedPeers.h"
-#include "testbed/WaitUntil.h"
 
 #include <gmock/gmock.h>
 

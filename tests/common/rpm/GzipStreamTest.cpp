@@ -1,6 +1,5 @@
 #include "common/rpm/GzipStream.h"
 
-#include "common/Error.h"
 #include "common/rpm/FileIterator.h"
 #include "testbed/FailureOf.h"
 #include "testbed/Process.h"

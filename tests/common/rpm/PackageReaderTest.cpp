@@ -14,7 +14,6 @@
 #include <rpm/rpmmacro.h>
 #include <rpm/rpmtag.h>
 
-#include <fstream>
 #include <random>
 #include <set>
 #include <sys/resource.h>

@@ -2,7 +2,6 @@
 
 #include "tests/core/zul/DatabaseTest.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace Testbed {

@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <system_error>
 #include <unistd.h>
 
