@@ -29,10 +29,11 @@ double millisecondsSince(Clock::time_point start) {
 class Measurement {
 public:
     Measurement() {
-        Testbed::PackageSpec spec;
-        spec.files = {{"/opt/app/com.example.app/data", "data", "0644", ""}};
-        file_ = Testbed::buildPackage(scratch_.path(), spec);
-        awaitDaemon();
+        file_ =
+            Testbed::buildPackage(scratch_.path(), {.files = {{"/opt/app/com.example.app/data", "data"}}});
+        if (!Testbed::waitForService()) {
+            throw std::runtime_error("the daemon does not start: " + daemon_.output());
+        }
         client_.emplace();
     }
 
@@ -77,7 +78,7 @@ public:
         const auto connection = sdbus::createSessionBusConnection();
         const auto daemon = sdbus::createProxy(*connection, "norvane.Vendara", "/norvane/Vendara");
         const auto bare = sdbus::createProxy(*connection, "norvane.Vendara.Chain", "/norvane/Vendara");
-        if (!Testbed::waitUntil([&] { return isThere(*bare); })) {
+        if (!Testbed::waitForService("norvane.Vendara.Chain")) {
             throw std::runtime_error("the chain does not start: " + chain.output());
         }
         for (const auto* method : {"Install", "GetAllProperties", "Start"}) {
@@ -152,30 +153,10 @@ private:
         return millisecondsSince(start);
     }
 
-    static bool isThere(sdbus::IProxy& service) {
-        try {
-            service.callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
-            return true;
-        } catch (const sdbus::Error&) {
-            return false;
-        }
-    }
-
     double timeOfRead() {
         const auto start = Clock::now();
         client_->operations();
         return millisecondsSince(start);
-    }
-
-    void awaitDaemon() {
-        const auto ping = [] {
-            return Testbed::run({"busctl", "--user", "call", "norvane.Vendara", "/norvane/Vendara",
-                                 "org.freedesktop.DBus.Peer", "Ping"})
-                       .status == 0;
-        };
-        if (!Testbed::waitUntil(ping)) {
-            throw std::runtime_error("the daemon does not start: " + daemon_.output());
-        }
     }
 
     Testbed::ScratchDirectory scratch_;

@@ -260,17 +260,19 @@ std::vector<std::string> Client::packageSignals() const {
     return packageSignals_;
 }
 
-bool waitForService() {
-    const auto service =
-        sdbus::createProxy(sdbus::createSessionBusConnection(), "norvane.Vendara", "/norvane/Vendara");
-    return waitUntil([&] {
-        try {
-            service->callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
-            return true;
-        } catch (const sdbus::Error&) {
-            return false;
-        }
-    });
+bool isServiceThere(const std::string& name) {
+    try {
+        sdbus::createProxy(sdbus::createSessionBusConnection(), name, "/norvane/Vendara")
+            ->callMethod("Ping")
+            .onInterface("org.freedesktop.DBus.Peer");
+        return true;
+    } catch (const sdbus::Error&) {
+        return false;
+    }
+}
+
+bool waitForService(const std::string& name) {
+    return waitUntil([&] { return isServiceThere(name); });
 }
 
 } // namespace Testbed

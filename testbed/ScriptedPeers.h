@@ -200,7 +200,9 @@ private:
     std::unique_ptr<sdbus::IProxy> proxy_;
 };
 
-/// @return whether the service answers on the session bus within the limit of waitUntil()
-[[nodiscard]] bool waitForService();
+/// Whether a service answers on the session bus. It has its name earlier than that.
+[[nodiscard]] bool isServiceThere(const std::string& name = "norvane.Vendara");
+/// @return whether it does so within the limit of waitUntil()
+[[nodiscard]] bool waitForService(const std::string& name = "norvane.Vendara");
 
 } // namespace Testbed

@@ -1,4 +1,5 @@
 #include "testbed/PrivateBus.h"
+#include "testbed/ScriptedPeers.h"
 #include "testbed/WaitUntil.h"
 
 #include <gmock/gmock.h>
@@ -16,13 +17,6 @@ const std::string twoLines = "ERROR: couldn't register service: norvane.Vendara\
 
 class TheService : public testing::Test {
 protected:
-    // Whether it answers; it has its name earlier than that.
-    static bool isOnTheBus() {
-        return Testbed::run({"busctl", "--user", "call", "norvane.Vendara", "/norvane/Vendara",
-                             "org.freedesktop.DBus.Peer", "Ping"})
-                   .status == 0;
-    }
-
     Testbed::PrivateBuses buses_;
 };
 
@@ -51,7 +45,7 @@ std::multiset<std::string> membersOf(const std::string& xml) {
 
 TEST_F(TheService, ShowsExactlyTheInterfaceOfItsDescription) {
     Testbed::Process daemon({VENDARA_DAEMON});
-    ASSERT_TRUE(Testbed::waitUntil(isOnTheBus)) << daemon.output();
+    ASSERT_TRUE(Testbed::waitForService()) << daemon.output();
     auto shown = Testbed::run({"gdbus", "introspect", "--session", "--dest", "norvane.Vendara",
                                "--object-path", "/norvane/Vendara", "--xml"});
     const auto members = membersOf(shown.output);
@@ -64,11 +58,11 @@ TEST_F(TheService, ShowsExactlyTheInterfaceOfItsDescription) {
 
 TEST_F(TheService, IsThereOnlyOnce) {
     const Testbed::Process first({VENDARA_DAEMON});
-    ASSERT_TRUE(Testbed::waitUntil(isOnTheBus)) << first.output();
+    ASSERT_TRUE(Testbed::waitForService()) << first.output();
     const auto second = Testbed::run({VENDARA_DAEMON});
     EXPECT_EQ(second.status, 1);
     EXPECT_THAT(second.output, MatchesRegex(twoLines));
-    EXPECT_TRUE(isOnTheBus());
+    EXPECT_TRUE(Testbed::isServiceThere());
 }
 
 TEST_F(TheService, DoesNotStartWithoutItsBuses) {
@@ -88,7 +82,8 @@ TEST_F(TheService, WithTooFewResourcesLogsTheCauseAndEnds) {
 #endif
     const auto comesUp = [](const std::string& limit) {
         Testbed::Process daemon({"bash", "-c", "ulimit " + limit + " && exec " VENDARA_DAEMON});
-        EXPECT_TRUE(Testbed::waitUntil([&] { return !daemon.isRunning() || isOnTheBus(); })) << limit;
+        EXPECT_TRUE(Testbed::waitUntil([&] { return !daemon.isRunning() || Testbed::isServiceThere(); }))
+            << limit;
         daemon.signal(SIGTERM);
         const int status = daemon.wait();
         if (status == 1) {
@@ -112,7 +107,7 @@ TEST_F(TheService, EndsWithTheSessionBusEveryTime) {
         Testbed::PrivateBus session;
         setenv("DBUS_SESSION_BUS_ADDRESS", session.address().c_str(), 1);
         Testbed::Process daemon({VENDARA_DAEMON});
-        ASSERT_TRUE(Testbed::waitUntil(isOnTheBus)) << daemon.output();
+        ASSERT_TRUE(Testbed::waitForService()) << daemon.output();
         session.stop();
         EXPECT_EQ(daemon.wait(), 1);
         std::string lines;
