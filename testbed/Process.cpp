@@ -3,6 +3,7 @@
 #include "common/Files.h"
 #include "common/Spawn.h"
 #include "testbed/ScratchDirectory.h"
+#include "testbed/WaitUntil.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -83,6 +84,10 @@ int Process::wait(std::chrono::milliseconds limit) {
 bool Process::isRunning() { return wait(std::chrono::milliseconds(0)) < 0; }
 
 std::string Process::output() const { return readFile(output_); }
+
+bool Process::shows(const std::string& text, std::chrono::milliseconds limit) const {
+    return waitUntil([&] { return output().find(text) != std::string::npos; }, limit);
+}
 
 ProcessResult run(const std::vector<std::string>& arguments, const Process::Options& options) {
     Process process(arguments, options);

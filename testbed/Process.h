@@ -40,6 +40,9 @@ public:
     [[nodiscard]] bool isRunning();
     /// What it has written so far.
     [[nodiscard]] std::string output() const;
+    /// @return whether it has written the text within the limit, by default that of waitUntil()
+    [[nodiscard]] bool shows(const std::string& text,
+                             std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
 
 private:
     Common::UniqueFd output_;

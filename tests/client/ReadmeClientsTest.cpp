@@ -109,7 +109,7 @@ TEST_P(AClientOfTheReadme, ReportsThatTheServiceOrTheBusIsGone) {
         auto service =
             std::make_unique<ScriptedService>(std::map<std::string, Script>{{"app", {.known = true}}});
         const auto client = beginInstalling("app");
-        ASSERT_TRUE(waitUntil([&] { return client->output().find("queued") != std::string::npos; }));
+        ASSERT_TRUE(client->shows("queued"));
         isBus ? buses.session.stop() : service.reset();
         EXPECT_EQ(client->wait(), 2);
         EXPECT_THAT(client->output(), HasSubstr(isBus ? "bus" : "the service left the bus; the result of"));
@@ -168,7 +168,7 @@ except vendara.ServiceAbsent:
 attempt(client.follow)
 attempt(client.follow)
 )");
-    ASSERT_TRUE(waitUntil([&] { return client->output().find("in progress") != std::string::npos; }));
+    ASSERT_TRUE(client->shows("in progress"));
     service.reset();
     EXPECT_EQ(client->wait(), 0);
     EXPECT_EQ(client->output(),

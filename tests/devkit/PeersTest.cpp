@@ -175,9 +175,7 @@ TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionHas
     fs::remove(mapping);
     writeFile(mapping, "a file of the system");
     application.signal(SIGKILL);
-    EXPECT_TRUE(waitUntil([this] {
-        return service_->output().find("couldn't complete the upgrade") != std::string::npos;
-    })) << service_->output();
+    EXPECT_TRUE(service_->shows("couldn't complete the upgrade")) << service_->output();
     EXPECT_FALSE(upgraded_);
     EXPECT_EQ(current(), "1.0-1");
     fs::remove(mapping);

@@ -96,7 +96,7 @@ TEST_F(Vendaractl, EndsWithThreeWhenTheServiceIsNotThereOrLeaves) {
     const auto beginRemoval = [&] {
         service = std::make_unique<ScriptedService>(std::map<std::string, Script>{{"app", {.known = true}}});
         auto client = begin({"remove", "app"});
-        EXPECT_TRUE(waitUntil([&] { return client->output().find("queued") != std::string::npos; }));
+        EXPECT_TRUE(client->shows("queued"));
         return client;
     };
     const auto client = beginRemoval();
@@ -209,10 +209,6 @@ TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {
     EXPECT_EQ(output.find(warning), output.rfind(warning)) << output;
 }
 
-bool showed(const Process& process, const std::string& text) {
-    return waitUntil([&] { return process.output().find(text) != std::string::npos; });
-}
-
 TEST_F(Vendaractl, FollowsOperationsThatAnotherProcessRequested) {
     PackageManager zul;
     RuntimeManager runtime;
@@ -227,9 +223,9 @@ TEST_F(Vendaractl, FollowsOperationsThatAnotherProcessRequested) {
 
     // The first process is interrupted before the operation fails.
     const auto first = begin({"install", package});
-    ASSERT_TRUE(showed(*first, "in progress")) << first->output();
+    ASSERT_TRUE(first->shows("in progress")) << first->output();
     const auto waiting = begin({"wait", "app"});
-    ASSERT_TRUE(showed(*waiting, "install app: in progress")) << waiting->output();
+    ASSERT_TRUE(waiting->shows("install app: in progress")) << waiting->output();
     first->signal(SIGINT);
     EXPECT_EQ(first->wait(), 128 + SIGINT);
     const std::string hint = "in the background; to follow them: vendaractl wait ";
@@ -248,9 +244,9 @@ TEST_F(Vendaractl, FollowsOperationsThatAnotherProcessRequested) {
     zul.setPackages({PackageManager::package("app")});
     const auto upgrade = begin({"install", package});
     ASSERT_TRUE(zul.waitForCalls("Install", 2) && zul.answer("Install"));
-    ASSERT_TRUE(showed(*upgrade, "ends when the application ends; to end it now: vendaractl restart app\n"));
+    ASSERT_TRUE(upgrade->shows("ends when the application ends; to end it now: vendaractl restart app\n"));
     const auto follower = begin({"operations", "--follow"});
-    ASSERT_TRUE(showed(*follower, "upgrade app: awaiting upgrade"));
+    ASSERT_TRUE(follower->shows("upgrade app: awaiting upgrade"));
     Process inPython(
         {"/usr/bin/python3", "-c",
          "import sys, vendara\n"
@@ -260,7 +256,7 @@ TEST_F(Vendaractl, FollowsOperationsThatAnotherProcessRequested) {
         {{{"PYTHONPATH", PYTHON_MODULES}, {"PYTHONDONTWRITEBYTECODE", "1"}, {"PYTHONUNBUFFERED", "1"}},
          {},
          {}});
-    ASSERT_TRUE(showed(inPython, "upgrade app: awaiting upgrade")) << inPython.output();
+    ASSERT_TRUE(inPython.shows("upgrade app: awaiting upgrade")) << inPython.output();
     zul.emit("PackageUpgraded", PackageManager::package("app", "2.0-1"));
     for (auto* process : {upgrade.get(), follower.get(), &inPython}) {
         EXPECT_EQ(process->wait(), 0);
@@ -309,10 +305,7 @@ TEST_F(Vendaractl, MonitorsPackagesWithoutLettingThemSteerTheTerminal) {
     EXPECT_THAT(ctl({"list", "\x1b[2J\u202e"}).output, HasSubstr(": \\x1b[2J\\u{202e}\n"));
     service->peer().send(Own::interface, Own::packageRemoved, std::string("gone"));
     service.reset();
-    EXPECT_TRUE(waitUntil([&] {
-        return words->output().find("removed gone\nthe service left the bus\n") != std::string::npos &&
-               json->output().find("ServiceLeft") != std::string::npos;
-    }));
+    EXPECT_TRUE(words->shows("removed gone\nthe service left the bus\n") && json->shows("ServiceLeft"));
     EXPECT_EQ(lastLine(json->output())["event"], "ServiceLeft");
     // The package of an event is its identifier, whatever the event.
     std::istringstream lines(json->output());
