@@ -16,11 +16,11 @@ using namespace Testbed;
 class ThePythonClient : public testing::Test {
 protected:
     [[nodiscard]] std::unique_ptr<Process> begin(const std::vector<std::string>& arguments) const {
-        Process::Options options;
-        options.environment = {
-            {"PYTHONPATH", PYTHON_MODULES}, {"PYTHONDONTWRITEBYTECODE", "1"}, {"PYTHONUNBUFFERED", "1"}};
-        options.directory = scratch.path();
-        return std::make_unique<Process>(arguments, options);
+        return std::make_unique<Process>(arguments,
+                                         Process::Options{.environment = {{"PYTHONPATH", PYTHON_MODULES},
+                                                                          {"PYTHONDONTWRITEBYTECODE", "1"},
+                                                                          {"PYTHONUNBUFFERED", "1"}},
+                                                          .directory = scratch.path()});
     }
     [[nodiscard]] std::unique_ptr<Process> beginScript(const std::string& script) const {
         return begin({"/usr/bin/python3", "-c",

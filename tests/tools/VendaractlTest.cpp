@@ -26,14 +26,11 @@ class Vendaractl : public testing::Test {
 protected:
     [[nodiscard]] std::unique_ptr<Process> begin(std::vector<std::string> arguments) const {
         arguments.insert(arguments.begin(), VENDARACTL);
-        Process::Options options;
-        options.directory = scratch.path();
-        return std::make_unique<Process>(arguments, options);
+        return std::make_unique<Process>(arguments, Process::Options{.directory = scratch.path()});
     }
-    [[nodiscard]] ProcessResult ctl(const std::vector<std::string>& arguments) const {
-        const auto process = begin(arguments);
-        const int status = process->wait();
-        return {status, process->output()};
+    [[nodiscard]] ProcessResult ctl(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), VENDARACTL);
+        return run(arguments, {.directory = scratch.path()});
     }
 
     PrivateBuses buses;
