@@ -5,7 +5,6 @@
 #include "testbed/CraftedPackage.h"
 #include "tools/vendara-sign/TestAuthority.h"
 
-#include <openssl/evp.h>
 #include <rpm/header.h>
 #include <rpm/rpmfiles.h>
 
@@ -72,9 +71,7 @@ public:
     /// The package with a signature that holds for it and for all of its files.
     [[nodiscard]] std::string sign(const std::string& package, std::size_t files) const {
         PackageSignatures::SignedContent content;
-        content.package.length = package.size();
-        EVP_Digest(package.data(), package.size(), content.package.sha256.data(), nullptr, EVP_sha256(),
-                   nullptr);
+        content.package = {package.size(), PackageSignatures::OpenSsl::sha256(package)};
         for (std::size_t index = 0; index < files; ++index) {
             content.files.push_back({static_cast<std::uint32_t>(index), "integrity", "trustlet"});
         }

@@ -40,8 +40,7 @@ TEST_F(SignedPackages, GiveTheirSignersAndTheirFilesSignatures) {
     const auto signature = developerCms->fileSignature(0);
     ASSERT_EQ(signature.size(), 9U + 256);
     EXPECT_EQ(signature.substr(0, 3), std::string("\x03\x02\x04"));
-    std::array<unsigned char, 32> digest{};
-    EVP_Digest("tool", 4, digest.data(), nullptr, EVP_sha256(), nullptr);
+    const auto digest = OpenSsl::sha256("tool");
     const OpenSsl::KeyContext verification(EVP_PKEY_CTX_new(key.get(), nullptr));
     EVP_PKEY_verify_init(verification.get());
     EVP_PKEY_CTX_set_signature_md(verification.get(), EVP_sha256());

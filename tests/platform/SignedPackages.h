@@ -33,10 +33,7 @@ protected:
     }
 
     [[nodiscard]] static std::string content(const std::string& packageBytes) {
-        SignedContent content{.package = {packageBytes.size(), {}}, .files = {}};
-        EVP_Digest(packageBytes.data(), packageBytes.size(), content.package.sha256.data(), nullptr,
-                   EVP_sha256(), nullptr);
-        return content.encoded();
+        return SignedContent{{packageBytes.size(), OpenSsl::sha256(packageBytes)}, {}}.encoded();
     }
 
     [[nodiscard]] std::optional<FileWithCmses> opened(const std::string& bytes) const {

@@ -80,13 +80,8 @@ public:
     // Over a digest that an integrity signature is never made for, so that none can stand in for the other.
     [[nodiscard]] std::string trustlet(const FileDigest& digest) const {
         const auto header = std::string("VNDT\x01") + digest.algorithm->kernel + keyId_;
-        const auto text = header + digest.bytes;
-        std::string outer(EVP_MAX_MD_SIZE, '\0');
-        unsigned int size = 0;
-        require(EVP_Digest(text.data(), text.size(), reinterpret_cast<unsigned char*>(outer.data()), &size,
-                           EVP_sha256(), nullptr) == 1,
-                "couldn't compute a digest");
-        return withSize(header, sign_(*EVP_sha256(), std::string_view(outer).substr(0, size)));
+        const auto outer = OpenSsl::sha256(header + digest.bytes);
+        return withSize(header, sign_(*EVP_sha256(), std::string(outer.begin(), outer.end())));
     }
 
 private:

@@ -7,6 +7,7 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <array>
 #include <climits>
 #include <memory>
 #include <stdexcept>
@@ -65,6 +66,13 @@ inline void require(bool condition, const char* words) {
 /// The octets of a text as OpenSSL takes them.
 inline const unsigned char* octets(std::string_view text) {
     return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+inline std::array<unsigned char, 32> sha256(std::string_view bytes) {
+    std::array<unsigned char, 32> digest{};
+    require(EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_sha256(), nullptr) == 1,
+            "couldn't compute a digest");
+    return digest;
 }
 
 /// A BIO that reads the text, which has to outlive it.

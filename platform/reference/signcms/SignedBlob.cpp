@@ -2,8 +2,6 @@
 
 #include "platform/reference/signcms/Bytes.h"
 
-#include <openssl/sha.h>
-
 #include <cstdint>
 #include <utility>
 
@@ -157,11 +155,9 @@ std::string makeCms(X509& certificate, const DigestSigner& sign, const SignedCon
     const OpenSsl::ErrorMark mark;
     checkMaySign(certificate);
     const auto bytes = content.encoded();
-    std::string digest(SHA256_DIGEST_LENGTH, '\0');
-    require(EVP_Digest(bytes.data(), bytes.size(), reinterpret_cast<unsigned char*>(digest.data()), nullptr,
-                       EVP_sha256(), nullptr) == 1,
-            "couldn't compute a digest");
-    auto der = encodedCms(certificate, bytes, sign(*EVP_sha256(), digest));
+    const auto digest = OpenSsl::sha256(bytes);
+    const std::string octets(digest.begin(), digest.end());
+    auto der = encodedCms(certificate, bytes, sign(*EVP_sha256(), octets));
     require(der.size() <= maximumBlobSize, "CMS is too large");
     return der;
 }

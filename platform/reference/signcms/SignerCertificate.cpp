@@ -3,8 +3,6 @@
 
 #include <openssl/pem.h>
 
-#include <array>
-
 namespace PackageSignatures {
 
 using OpenSsl::require;
@@ -15,11 +13,8 @@ constexpr std::size_t maximumAuthorityFileSize = std::size_t{1024} * 1024;
 constexpr int securityLevel = 2; // 112 bits: no SHA-1, no RSA key below 2048 bits
 
 std::string sha256Hex(std::string_view bytes) {
-    std::array<unsigned char, 32> digest{};
-    require(EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_sha256(), nullptr) == 1,
-            "couldn't compute a digest");
     std::string text;
-    for (const auto byte : digest) {
+    for (const auto byte : OpenSsl::sha256(bytes)) {
         constexpr std::string_view digits = "0123456789abcdef";
         text += digits[byte >> 4];
         text += digits[byte & 15];
