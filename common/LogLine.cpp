@@ -36,9 +36,7 @@ std::string_view prefixOf(LogLevel level) {
 } // namespace
 
 LogLine::~LogLine() {
-    if (endWithNewline_) {
-        line_ += '\n';
-    }
+    line_ += '\n';
     const bool usable = std::cerr.good();
     // The stream is unbuffered: one write() of it is one write(2).
     std::cerr.write(line_.data(), static_cast<std::streamsize>(line_.size()));

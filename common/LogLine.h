@@ -11,10 +11,10 @@ namespace Common {
 enum class LogLevel : std::int32_t { Info = 0, Warning = 1, Error = 2 };
 
 /// One diagnostic line on the standard error stream: a level prefix, the pieces, a newline. Where that stream
-/// is the journal, the journal's priority comes first. The line is
-/// written whole, with one write, when the object ends, so lines of two threads never mix. A piece is
-/// written as printable() gives it: what a client sends cannot forge a second line or steer a terminal. Any
-/// thread may make lines; one object belongs to one thread.
+/// is the journal, the journal's priority comes first. The line is written whole, with one write, when the
+/// object ends, so lines of two threads never mix. A piece is written as printable() gives it: what a client
+/// sends cannot forge a second line or steer a terminal. Any thread may make lines; one object belongs to one
+/// thread.
 class LogLine {
 public:
     explicit LogLine(LogLevel level)
@@ -30,7 +30,6 @@ public:
 private:
     LogLevel level_;
     bool prefixPending_ = true;
-    bool endWithNewline_ = true;
     std::string line_;
 };
 
