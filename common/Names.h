@@ -14,7 +14,6 @@ inline const std::string interface = "org.freedesktop.DBus";
 inline const std::string getNameOwner = "GetNameOwner";
 inline const std::string nameHasOwner = "NameHasOwner";
 inline const std::string getConnectionCredentials = "GetConnectionCredentials";
-inline const std::string startServiceByName = "StartServiceByName";
 inline const std::string nameOwnerChanged = "NameOwnerChanged";
 } // namespace MessageBus
 

@@ -32,8 +32,7 @@ struct StatusAnnouncer::Batch {
 };
 
 StatusAnnouncer::StatusAnnouncer(Common::BusConnection& session, Core::Controller& controller, Send send)
-    : session_(session)
-    , loop_(session.loop())
+    : loop_(session.loop())
     , controller_(controller)
     , send_(std::move(send))
     , identification_(session)

@@ -56,7 +56,6 @@ private:
     static asio::awaitable<void> flushed(std::vector<BatchPointer> batches);
     [[nodiscard]] std::vector<BatchPointer> batches(const std::function<bool(const Batch&)>& isMeant) const;
 
-    Common::BusConnection& session_;
     Common::Loop& loop_;
     Core::Controller& controller_;
     Send send_;

@@ -36,8 +36,6 @@ BusConnection::BusConnection(Loop& loop, std::shared_ptr<sdbus::IConnection> con
     watchOutput(); // messages that were read while the connection was made are waiting
 }
 
-BusConnection::~BusConnection() = default;
-
 void BusConnection::post(std::function<void()> task) {
     asio::post(loop_.context(), [weak = std::weak_ptr(self_), task = std::move(task)] {
         if (const auto self = weak.lock()) {

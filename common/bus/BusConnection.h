@@ -24,7 +24,6 @@ public:
     ///                    afterwards. It must not destroy the connection.
     /// Throws std::system_error when the system has no descriptors left.
     BusConnection(Loop& loop, std::shared_ptr<sdbus::IConnection> connection, LostHandler lost);
-    ~BusConnection();
     BusConnection(const BusConnection&) = delete;
     BusConnection& operator=(const BusConnection&) = delete;
 
