@@ -99,6 +99,14 @@ UniqueFd openProcess(pid_t process) {
     return descriptor;
 }
 
+std::pair<UniqueFd, UniqueFd> makePipe() {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        throw filesystemError("couldn't create a pipe");
+    }
+    return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+}
+
 void reap(pid_t child) noexcept {
     while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
     }
@@ -109,12 +117,7 @@ pid_t spawn(const std::vector<std::string>& arguments, const SpawnOptions& optio
     auto environmentStrings = environmentWith(options.environment);
     const auto argumentPointers = pointersTo(argumentStrings);
     auto environmentPointers = pointersTo(environmentStrings);
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-        throw filesystemError("couldn't create a pipe");
-    }
-    const UniqueFd reading(ends[0]);
-    UniqueFd writing(ends[1]);
+    auto [reading, writing] = makePipe();
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child < 0) {

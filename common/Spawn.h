@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <string>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace Common {
@@ -30,6 +31,10 @@ struct SpawnOptions {
 /// A descriptor that becomes readable when the process has ended (pidfd_open(2)); nothing, with errno ESRCH,
 /// when there is no such process. Any thread. Throws Error, code Filesystem.
 [[nodiscard]] UniqueFd openProcess(pid_t process);
+
+/// The ends of a new pipe, to read from and to write to. Programs that are started do not get them. Any
+/// thread. Throws Error, code Filesystem.
+[[nodiscard]] std::pair<UniqueFd, UniqueFd> makePipe();
 
 /// Waits for the end of a child without a limit, also when signals interrupt it. Any thread.
 void reap(pid_t child) noexcept;

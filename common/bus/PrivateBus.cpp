@@ -3,8 +3,6 @@
 #include "common/Files.h"
 #include "common/Spawn.h"
 
-#include <array>
-#include <fcntl.h>
 #include <stdexcept>
 
 namespace Common {
@@ -18,12 +16,7 @@ pid_t startPrivateBus(const std::filesystem::path& socket, int output, const std
                "<allow own='*'/></policy>" +
                limits + "</busconfig>\n");
     file.commit(Durability::Later);
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-        throw filesystemError("couldn't create a pipe");
-    }
-    const UniqueFd reading(ends[0]);
-    UniqueFd writing(ends[1]);
+    auto [reading, writing] = makePipe();
     SpawnOptions options;
     options.output = output;
     options.inherited = writing.get();

@@ -1,5 +1,6 @@
 #include "common/rpm/GzipStream.h"
 
+#include "common/Spawn.h"
 #include "common/rpm/FileIterator.h"
 #include "testbed/FailureOf.h"
 #include "testbed/Process.h"
@@ -9,7 +10,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <csignal>
 #include <fcntl.h>
@@ -17,6 +17,7 @@
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <sys/wait.h>
+#include <tuple>
 
 namespace {
 
@@ -125,10 +126,8 @@ public:
         struct sigaction action {};
         action.sa_handler = [](int) { ++interruptions; };
         EXPECT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
-        std::array<int, 2> ends{};
-        EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-        UniqueFd reading(ends[0]);
-        writing_ = UniqueFd(ends[1]);
+        UniqueFd reading;
+        std::tie(reading, writing_) = Common::makePipe();
         stopper_ = fork();
         if (stopper_ == 0) {
             writing_ = UniqueFd();
