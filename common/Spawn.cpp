@@ -2,6 +2,7 @@
 
 #include "common/Files.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -22,11 +23,8 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& further
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string text = *entry;
         const auto name = text.substr(0, text.find('=') + 1);
-        bool isReplaced = false;
-        for (const auto& other : further) {
-            isReplaced = isReplaced || other.starts_with(name);
-        }
-        if (!isReplaced) {
+        if (std::none_of(further.begin(), further.end(),
+                         [&](const auto& other) { return other.starts_with(name); })) {
             result.push_back(text);
         }
     }

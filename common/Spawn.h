@@ -12,11 +12,11 @@ namespace Common {
 
 /// How a program is started. A descriptor of -1 means the default.
 struct SpawnOptions {
-    std::vector<std::string> environment; ///< further variables, "NAME=value"
-    std::filesystem::path directory;      ///< working directory; empty: this process's
-    int input = -1;                       ///< standard input [/dev/null]
-    int output = -1;                      ///< standard output and error [this process's]
-    int inherited = -1;                   ///< a descriptor that the program gets under its number [none]
+    std::vector<std::string> environment{}; ///< further variables, "NAME=value"
+    std::filesystem::path directory{};      ///< working directory; empty: this process's
+    int input = -1;                         ///< standard input [/dev/null]
+    int output = -1;                        ///< standard output and error [this process's]
+    int inherited = -1;                     ///< a descriptor that the program gets under its number [none]
     bool terminal = false; ///< keeps this process's standard input, group and ignored signals, for a command
                            ///< in a terminal; otherwise the program leads a session of its own
 };

@@ -17,12 +17,9 @@ pid_t startPrivateBus(const std::filesystem::path& socket, int output, const std
                limits + "</busconfig>\n");
     file.commit(Durability::Later);
     auto [reading, writing] = makePipe();
-    SpawnOptions options;
-    options.output = output;
-    options.inherited = writing.get();
     const pid_t bus = spawn({"dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + configuration,
                              "--print-address=" + std::to_string(writing.get())},
-                            options);
+                            {.output = output, .inherited = writing.get()});
     writing = UniqueFd();
     // It prints its address once it listens.
     std::byte first{};

@@ -129,12 +129,9 @@ void Platform::start() {
 }
 
 int Platform::run(const std::vector<std::string>& command, int stopSignal) {
-    Common::SpawnOptions options;
-    options.environment = environment();
-    options.terminal = true;
     const std::string name = "command";
     try {
-        const pid_t process = Common::spawn(command, options);
+        const pid_t process = Common::spawn(command, {.environment = environment(), .terminal = true});
         programs_.push_back({name, process, process, stopSignal});
     } catch (const std::system_error& error) {
         // As env(1) does.
@@ -272,11 +269,9 @@ void Platform::startService(const std::string& program, const std::vector<std::s
 
 void Platform::startProgram(const std::string& name, const std::vector<std::string>& arguments) {
     const auto log = openLog(name);
-    Common::SpawnOptions options;
     // librpm keeps a database in the home directory.
-    options.environment = {"HOME=" + (settings_.directory / "home").native()};
-    options.output = log.get();
-    const pid_t process = Common::spawn(arguments, options);
+    const pid_t process = Common::spawn(
+        arguments, {.environment = {"HOME=" + (settings_.directory / "home").native()}, .output = log.get()});
     programs_.push_back({name, process, -process, SIGTERM});
 }
 
