@@ -48,15 +48,15 @@ void makeSeeds(const std::filesystem::path& directory) {
 
 void makePackageSeeds(const std::filesystem::path& directory) {
     for (const std::string payload : {"w9.gzdio", "w1.xzdio", "w3.zstdio", "w1.bzdio"}) {
-        Testbed::PackageSpec spec;
-        spec.release = payload.substr(3);
-        spec.payload = payload;
-        spec.files = {{"/usr/share/applications/com.example.app.desktop",
-                       "[Desktop Entry]\nType=Application\nName=Tool\nExec=tool\n", "0644", "%config"},
-                      {"/etc/example", "text", "0600", "%config"}};
-        spec.installScript = "cd %{buildroot}/etc; ln -s example link; ln example hard";
-        spec.fileList = "%config /etc/link\n%config /etc/hard";
-        static_cast<void>(Testbed::buildPackage(directory / "fuzz-package-file", spec));
+        static_cast<void>(Testbed::buildPackage(
+            directory / "fuzz-package-file",
+            {.release = payload.substr(3),
+             .files = {{"/usr/share/applications/com.example.app.desktop",
+                        "[Desktop Entry]\nType=Application\nName=Tool\nExec=tool\n", "0644", "%config"},
+                       {"/etc/example", "text", "0600", "%config"}},
+             .payload = payload,
+             .installScript = "cd %{buildroot}/etc; ln -s example link; ln example hard",
+             .fileList = "%config /etc/link\n%config /etc/hard"}));
     }
 }
 
