@@ -6,8 +6,9 @@
 #include "common/bus/PrivateBus.h"
 #include "core/zul/package/Package.h"
 #include "devkit/start/Descendants.h"
-#include "devkit/support/Programs.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <deque>
 #include <fcntl.h>
@@ -15,6 +16,7 @@
 #include <iostream>
 #include <sys/wait.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace Devkit {
 
@@ -27,6 +29,27 @@ void changeAllSignals(int how) {
     sigset_t all;
     sigfillset(&all);
     sigprocmask(how, &all, nullptr);
+}
+
+// Of programs that were built or installed together with this one: relative to its folder, of the build tree
+// first, then of an installation.
+constexpr std::array folders{".",
+                             "../../daemon",
+                             "../../tools",
+                             "../../tools/vendaractl",
+                             "../../tools/vendara-sign",
+                             "../libexec",
+                             "../libexec/vendara-devkit"};
+
+fs::path findProgram(const std::string& name) {
+    const auto own = fs::read_symlink("/proc/self/exe").parent_path();
+    for (const auto* folder : folders) {
+        auto candidate = (own / folder / name).lexically_normal();
+        if (fs::is_regular_file(candidate) && access(candidate.c_str(), X_OK) == 0) {
+            return candidate;
+        }
+    }
+    throw std::runtime_error("couldn't find the program " + name + " near " + own.native());
 }
 
 void ignoreLoss(const sdbus::Error& /*error*/) {} // the end of the bus is noticed as that of a program
