@@ -9,7 +9,6 @@
 
 namespace {
 
-using testing::HasSubstr;
 using testing::ThrowsMessage;
 
 class PlatformFacts : public testing::Test {

@@ -8,7 +8,6 @@
 #include <thread>
 
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::IsEmpty;
 
 namespace Testbed {

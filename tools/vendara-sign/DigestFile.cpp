@@ -9,7 +9,6 @@ namespace OpenSsl = PackageSignatures::OpenSsl;
 namespace {
 
 using Octets = OpenSsl::Owned<unsigned char, [](unsigned char* octets) { OPENSSL_free(octets); }>;
-using Text = OpenSsl::Owned<char, [](char* text) { OPENSSL_free(text); }>;
 
 std::string octetsOf(const std::string& hexadecimal) {
     long size = 0;
