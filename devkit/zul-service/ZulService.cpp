@@ -79,7 +79,7 @@ void ZulService::registerInterface() {
         .implementedAs([this](Reply&& reply, const std::string& id) {
             answerWhenDone(std::move(reply), [this, id]() -> Work {
                 manager_.remove(id);
-                return [this, id] { announceRemoval(id); };
+                return [this, id] { announce(Names::packageRemoved, id); };
             });
         });
     object_->registerMethod(Names::getPackageList)
@@ -176,15 +176,11 @@ void ZulService::updateList() {
                     [this] { bus_.post([this, list = manager_.list()] { packages_ = list; }); });
 }
 
-void ZulService::announce(const std::string& signal, const Core::ZUL::PackageData& package) {
-    bus_.post([this, signal, package] {
-        object_->emitSignal(signal).onInterface(Names::interface).withArguments(package);
-    });
-}
-
-void ZulService::announceRemoval(const std::string& id) {
-    bus_.post([this, id] {
-        object_->emitSignal(Names::packageRemoved).onInterface(Names::interface).withArguments(id);
+/// @param argument  a package's record, or the identifier of one that was removed
+template<typename Argument>
+void ZulService::announce(const std::string& signal, const Argument& argument) {
+    bus_.post([this, signal, argument] {
+        object_->emitSignal(signal).onInterface(Names::interface).withArguments(argument);
     });
 }
 

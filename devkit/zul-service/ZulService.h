@@ -44,8 +44,8 @@ private:
     void haveDone(Work work);
     void completeWhenUnused(const std::string& id);
     void updateList();
-    void announce(const std::string& signal, const Core::ZUL::PackageData& package);
-    void announceRemoval(const std::string& id);
+    template<typename Argument>
+    void announce(const std::string& signal, const Argument& argument);
 
     Common::BusConnection& bus_;
     std::chrono::milliseconds retryDelay_;
