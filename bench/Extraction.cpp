@@ -71,16 +71,13 @@ void makeManyFiles(const fs::path& directory) {
     }
 }
 
-/// @param marker  a directive for all files
-fs::path makePackage(const fs::path& directory, const std::string& name, const std::string& marker,
-                     const std::string& payload, const fs::path& source) {
-    Testbed::PackageSpec spec;
-    spec.version = name;
-    spec.payload = payload;
-    spec.installScript =
-        "mkdir -p %{buildroot}" + home + " && cp -r " + source.string() + "/. %{buildroot}" + home;
-    spec.fileList = marker + " " + home;
-    return Testbed::buildPackage(directory, spec);
+fs::path makePackage(const fs::path& directory, const std::string& name, const std::string& payload,
+                     const fs::path& source) {
+    return Testbed::buildPackage(directory, {.version = name,
+                                             .payload = payload,
+                                             .installScript = "mkdir -p %{buildroot}" + home + " && cp -r " +
+                                                              source.string() + "/. %{buildroot}" + home,
+                                             .fileList = "%config " + home});
 }
 
 struct Times {
@@ -200,8 +197,8 @@ int main(int argc, char** argv) try {
                 continue;
             }
             const auto package =
-                makePackage(scratch.path(), source + "." + payload.substr(payload.find('.') + 1), "%config",
-                            payload, scratch.path() / source);
+                makePackage(scratch.path(), source + "." + payload.substr(payload.find('.') + 1), payload,
+                            scratch.path() / source);
             compare(title.c_str(), scratch.path(), package, rounds);
         }
     }
