@@ -66,13 +66,10 @@ protected:
         ASSERT_EQ(reply, 1) << "owner of the name";
     }
 
-    [[nodiscard]] std::size_t occurrences(const std::string& text) const {
+    [[nodiscard]] bool isLoggedOnce(const std::string& text) const {
         const auto log = daemon->output();
-        std::size_t count = 0;
-        for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
-            ++count;
-        }
-        return count;
+        const auto first = log.find(text);
+        return first != std::string::npos && log.rfind(text) == first;
     }
 
     Client client;
@@ -95,7 +92,7 @@ TEST_F(AnAttacker, IsNotTakenForThePackageManagerOrTheRuntimeManager) {
           "'a'");
     for (const auto* service : {"norvane.RuntimeManager", "norvane.ZUL"}) {
         const auto line = std::string("dropped signals of others than ") + service;
-        EXPECT_TRUE(waitUntil([&] { return occurrences(line) == 1; })) << service;
+        EXPECT_TRUE(waitUntil([&] { return isLoggedOnce(line); })) << service;
     }
     zul.emit("PackageRemoved", std::string("last"));
     EXPECT_TRUE(client.waitForEvents(1));
@@ -105,7 +102,7 @@ TEST_F(AnAttacker, IsNotTakenForThePackageManagerOrTheRuntimeManager) {
     runtime.restart();
     runtime.emit("Terminated", std::string("a"));
     EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
-    EXPECT_EQ(occurrences("dropped signals of others than norvane.ZUL"), 1) << daemon->output();
+    EXPECT_TRUE(isLoggedOnce("dropped signals of others than norvane.ZUL")) << daemon->output();
 }
 
 TEST_F(AnAttacker, IsBelievedOnlyWhileItOwnsThePackageManagersName) {

@@ -16,10 +16,6 @@ namespace {
 
 class TheDaemon : public DaemonTest {
 protected:
-    bool isEnding() {
-        return waitUntil([&] { return other.errorOf("Start", "a") == "The service is shutting down"; });
-    }
-
     Client client;
     Client other;
 };
@@ -135,8 +131,9 @@ TEST_F(TheDaemon, EndsInOrderWhenItIsTold) {
     const std::vector queued{client.install(file), client.install(file), client.install(file)};
     EXPECT_TRUE(client.waitForStatus(running, 10));
     daemon->signal(SIGTERM);
-    ASSERT_TRUE(isEnding());
-    EXPECT_EQ(other.errorOf("Install", file), "The service is shutting down");
+    const std::string refusal = "The service is shutting down";
+    ASSERT_TRUE(waitUntil([&] { return other.errorOf("Start", "a") == refusal; }));
+    EXPECT_EQ(other.errorOf("Install", file), refusal);
     EXPECT_EQ(client.operations().size(), 4) << "reads are answered";
     zul.answer("Install");
     EXPECT_EQ(daemon->wait(), 0) << daemon->output();
