@@ -16,7 +16,7 @@ std::filesystem::path buildPackage(const fs::path& directory, const PackageSpec&
     std::ostringstream text;
     text << "Name: " << spec.name << "\nVersion: " << spec.version << "\nRelease: " << spec.release
          << "\nSummary: A test package\nLicense: none\n"
-         << (spec.architecture == "noarch" ? "BuildArch: noarch\n" : "") << spec.preamble
+         << (spec.architecture == "noarch" ? "BuildArch: noarch\n" : "")
          << "\n%description\nA test package.\n%install\n";
     std::ostringstream list;
     for (std::size_t index = 0; index < spec.files.size(); ++index) {

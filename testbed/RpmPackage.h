@@ -22,7 +22,6 @@ struct PackageSpec {
     std::string payload = "w3.gzdio"; ///< rpm's %_binary_payload
     std::string installScript = {};   ///< further commands of %install
     std::string fileList = {};        ///< further lines of %files
-    std::string preamble = {};        ///< further tags
 };
 
 /// Makes a real package with rpmbuild.

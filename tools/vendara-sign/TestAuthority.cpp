@@ -114,8 +114,8 @@ Validity Validity::usual() {
     return {now - day, now + 3650 * day};
 }
 
-TestAuthority::TestAuthority(const std::string& commonName)
-    : identity_(makeIdentity({.commonName = commonName,
+TestAuthority::TestAuthority()
+    : identity_(makeIdentity({.commonName = "Test package authority",
                               .keyUsage = "critical,keyCertSign,cRLSign",
                               .basicConstraints = "critical,CA:TRUE"},
                              nullptr)) {}

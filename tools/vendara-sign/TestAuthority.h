@@ -29,7 +29,7 @@ struct CertificateRequest {
 class TestAuthority {
 public:
     /// Throws std::runtime_error, as issue() does.
-    explicit TestAuthority(const std::string& commonName = "Test package authority");
+    TestAuthority();
 
     /// Makes a key and certifies it.
     [[nodiscard]] Identity issue(const CertificateRequest& request) const;
