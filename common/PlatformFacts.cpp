@@ -8,24 +8,16 @@
 
 namespace Common {
 
-namespace {
-
-std::string kernelMachineName() {
-    utsname names{};
-    if (uname(&names) != 0) {
-        throw Error(ErrorCode::Internal, "couldn't read rpm platform config");
-    }
-    return names.machine;
-}
-
-} // namespace
-
 std::string getPlatformArchitecture(const std::filesystem::path& platformFile) {
     std::string word;
     if (std::ifstream stream(platformFile); stream.is_open()) {
         stream >> word;
     } else {
-        word = kernelMachineName();
+        utsname names{};
+        if (uname(&names) != 0) {
+            throw Error(ErrorCode::Internal, "couldn't read rpm platform config");
+        }
+        word = names.machine;
     }
     if (word.empty()) {
         throw Error(ErrorCode::Internal, "couldn't get platform architecture");
