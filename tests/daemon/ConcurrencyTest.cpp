@@ -21,9 +21,7 @@ protected:
 };
 
 TEST_F(TheDaemon, AnswersWhileAnOperationRuns) {
-    zul.hold("Install");
-    const auto first = client.install(packageFile());
-    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    const auto first = beginInstallation(client);
     const auto second = other.install(packageFile());
     EXPECT_THAT(other.operations(), ElementsAre(second));
     EXPECT_EQ(client.operations().at(0).status, OperationStatus::InProgress);
@@ -76,11 +74,8 @@ TEST_F(TheDaemon, RelaysASignalDuringAPropertyRead) {
 }
 
 TEST_F(TheDaemon, WorksOnWhenOtherServicesHang) {
-    zul.hold("Install");
-    const auto file = packageFile();
-    const auto first = client.install(file);
-    const auto second = client.install(file);
-    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    const auto first = beginInstallation(client);
+    const auto second = client.install(packageFile());
     std::filesystem::create_directories(scratch.path() / "apps/a/next");
     runtime.hold("InvokeIntent");
     EXPECT_EQ(client.errorOf("Restart", "a"), "");
@@ -212,9 +207,7 @@ TEST_F(TheDaemon, DoesNotCarryOutWhatItHasRefusedAsTooLate) {
 }
 
 TEST_F(TheDaemon, GoesOnWithoutTheSystemBus) {
-    zul.hold("Install");
-    const auto running = client.install(packageFile());
-    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    const auto running = beginInstallation(client);
     buses.system.stop();
     EXPECT_TRUE(client.waitForStatus(running, 101));
     EXPECT_EQ(client.received().back().errorCode, Common::ErrorCode::Internal);

@@ -17,7 +17,10 @@ void DaemonTest::SetUp() {
     writeFile(etc / "zul/zul.conf",
               "[database]\nroot_directory=" + (scratch.path() / "apps").string() + "\n");
     std::filesystem::create_directories(scratch.path() / "apps");
-    startDaemon();
+    const auto command =
+        "mount --bind " + etc.string() + " /etc && " + preparation + " && exec " VENDARA_DAEMON;
+    daemon.emplace(inNamespace(command), Process::Options{{{"HOME", scratch.path()}}, {}, {}});
+    ASSERT_TRUE(waitForService()) << daemon->output();
 }
 
 void DaemonTest::TearDown() {
@@ -31,13 +34,6 @@ void DaemonTest::TearDown() {
         }
     }
     EXPECT_EQ(daemon->wait(), expectedStatus) << daemon->output();
-}
-
-void DaemonTest::startDaemon() {
-    const auto command =
-        "mount --bind " + etc.string() + " /etc && " + preparation + " && exec " VENDARA_DAEMON;
-    daemon.emplace(inNamespace(command), Process::Options{{{"HOME", scratch.path()}}, {}, {}});
-    ASSERT_TRUE(waitForService()) << daemon->output();
 }
 
 std::vector<std::string> DaemonTest::inNamespace(const std::string& command) {
@@ -63,6 +59,13 @@ bool DaemonTest::logged(const std::string& text) {
 
 std::string DaemonTest::packageFile(const std::string& name) {
     return buildPackage(scratch.path() / "packages", {.name = name});
+}
+
+Client::Operation DaemonTest::beginInstallation(Client& client) {
+    zul.hold("Install");
+    auto operation = client.install(packageFile());
+    EXPECT_TRUE(zul.waitForCalls("Install", 1));
+    return operation;
 }
 
 void DaemonTest::setInstalled(const std::vector<std::string>& ids) {

@@ -28,6 +28,10 @@ protected:
     /// Has the package manager list packages of these names.
     void setInstalled(const std::vector<std::string>& ids);
 
+    /// Requests an installation of that package, which the package manager holds back until it is told to
+    /// answer. Returns when it has been called for the first time.
+    Client::Operation beginInstallation(Client& client);
+
     /// A shell command in a mount namespace; a user who is not root gets a user namespace around it.
     static std::vector<std::string> inNamespace(const std::string& command);
     /// Whether a thread of the daemon waits for a file system.
@@ -42,9 +46,6 @@ protected:
     Identification identification;
     std::optional<Process> daemon;
     int expectedStatus = 0; ///< of the daemon, however it ends
-
-private:
-    void startDaemon();
 };
 
 } // namespace Testbed

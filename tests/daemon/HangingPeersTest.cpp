@@ -82,9 +82,7 @@ TEST_F(WhileAPeerHoldsACaller, ItsOwnRequestsKeepTheirOrder) {
 TEST_F(WhileAPeerHoldsACaller, StatusesOfOthersGoOnAndAnEndIsListedUntilItIsReported) {
     identification.set(client.busName(), "shop");
     identification.set(other.busName(), "shop");
-    zul.hold("Install");
-    const auto operation = client.install(file);
-    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    const auto operation = beginInstallation(client);
     ASSERT_TRUE(client.waitForStatus(operation, 10));
     hold(identification, "IdentifyByBusName", [&] { return zul.answer("Install"); }).get();
     EXPECT_THAT(other.operations(), ElementsAre(Client::ended(operation))) << "neither reported nor stored";

@@ -92,7 +92,8 @@ TEST_F(ARequest, ThatCannotBeMetIsRefusedWithItsReason) {
 
     zul.refuse("GetPackageList", "norvane.ZUL.Error.Internal");
     EXPECT_EQ(client->errorOf("Remove", "id"), "Failed to retrieve list of installed packages");
-    EXPECT_TRUE(logged("ERROR: couldn't retrieve list of installed packages\nERROR: refused by the test \u00c4"));
+    EXPECT_TRUE(
+        logged("ERROR: couldn't retrieve list of installed packages\nERROR: refused by the test \u00c4"));
     zul.answerWrongType("GetPackageList");
     EXPECT_EQ(client->errorOf("Remove", "id"), "Failed to retrieve list of installed packages");
     zul.answerWrongType("GetPackageList", false);
@@ -132,10 +133,8 @@ TEST_F(ARequest, IsReportedToItsInitiatorAlone) {
 }
 
 TEST_F(ARequest, OfAnInitiatorThatLeftIsReportedOnceToItsApplication) {
-    zul.hold("Install");
     identification.set(client->busName(), "shop");
-    const auto operation = client->install(packageFile());
-    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    const auto operation = beginInstallation(*client);
     const auto busName = client->busName();
     client.reset();
     identification.set(busName, "");
