@@ -1,11 +1,9 @@
 #include "platform/pkgverify/FileWithCmses.h"
 
+#include "common/LogLine.h"
 #include "platform/reference/pkgverify/OpenPackage.h"
 
 #include <exception>
-#include <iomanip>
-#include <iostream>
-#include <sstream>
 #include <utility>
 
 namespace PackageSignatures {
@@ -13,20 +11,12 @@ namespace PackageSignatures {
 namespace {
 
 /// Writes why the signatures of a file could not be read or do not hold.
-/// @param path  of the file, or a link to it. It is written in ASCII: a name must not write log lines itself.
+/// @param path  of the file, or a link to it
 void warn(const char* words, const std::filesystem::path& path, const std::exception& reason) {
     std::error_code isNotALink;
     const auto target = std::filesystem::read_symlink(path, isNotALink);
-    std::ostringstream text;
-    text << "WARN: " << words << " the signatures of \"" << std::hex;
-    for (const char character : (isNotALink ? path : target).native()) {
-        const bool isPlain = character >= ' ' && character < 0x7f && character != '"' && character != '\\';
-        isPlain ? text << character
-                : text << "\\x" << std::setw(2) << std::setfill('0')
-                       << static_cast<int>(static_cast<unsigned char>(character));
-    }
-    text << "\": " << reason.what() << '\n';
-    std::cerr << text.str();
+    Common::logWarning() << words << " the signatures of " << Common::quoted(isNotALink ? path : target)
+                         << ": " << reason;
 }
 
 } // namespace
