@@ -7,6 +7,7 @@
 #include "tools/vendara-sign/PackageSigner.h"
 #include "tools/vendara-sign/TestAuthority.h"
 
+#include <boost/algorithm/hex.hpp>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
@@ -182,15 +183,6 @@ TEST_F(VendaraSign, TakesKeysInTheFormsOfOpenSslAndTheirPassphrase) {
 TEST_F(VendaraSign, TakesSignaturesThatWereMadeOfItsDigestsElsewhere) {
     auto arguments = by("developer", "developer", "a.rpm", {"--output", "signed.rpm", "--trustlet", "/usr"});
     ASSERT_EQ(sign(arguments).status, 0);
-    const auto hexadecimal = [](const std::string& bytes) {
-        std::string text;
-        for (const char byte : bytes) {
-            constexpr std::string_view digits = "0123456789abcdef";
-            const auto value = static_cast<unsigned char>(byte);
-            text += {digits[value >> 4U], digits[value & 15U]};
-        }
-        return text;
-    };
     // What a token does.
     const auto answer = [&](const std::string& signer, const std::string& from, const std::string& to) {
         const auto key = (scratch.path() / "ca" / (signer + ".key")).string();
@@ -198,12 +190,9 @@ TEST_F(VendaraSign, TakesSignaturesThatWereMadeOfItsDigestsElsewhere) {
         std::istringstream lines(readFile(scratch.path() / from));
         std::string answers;
         for (std::string algorithm, digest; lines >> algorithm >> digest;) {
-            std::string octets;
-            for (std::size_t at = 0; at < digest.size(); at += 2) {
-                octets += static_cast<char>(std::stoi(digest.substr(at, 2), nullptr, 16));
-            }
-            const auto signature = PackageSignatures::signDigest(*identity.key, *EVP_sha256(), octets);
-            answers += algorithm + " " + digest + " " + hexadecimal(signature) + "\n";
+            const auto signature =
+                PackageSignatures::signDigest(*identity.key, *EVP_sha256(), boost::algorithm::unhex(digest));
+            answers += algorithm + " " + digest + " " + boost::algorithm::hex_lower(signature) + "\n";
         }
         writeFile(scratch.path() / to, answers);
         return std::count(answers.begin(), answers.end(), '\n');

@@ -1,5 +1,7 @@
 #include "tools/vendara-sign/DigestFile.h"
 
+#include <boost/algorithm/hex.hpp>
+
 #include <sstream>
 
 namespace Signing {
@@ -18,12 +20,7 @@ std::string octetsOf(const std::string& hexadecimal) {
 }
 
 std::string lineOf(const std::string& algorithm, std::string_view digest) {
-    std::string text(digest.size() * 3 + 1, '\0');
-    std::size_t length = 0;
-    OpenSsl::require(OPENSSL_buf2hexstr_ex(text.data(), text.size(), &length, OpenSsl::octets(digest),
-                                           digest.size(), '\0') == 1,
-                     "couldn't write a digest");
-    return algorithm + " " + text.substr(0, length - 1); // without its zero
+    return algorithm + " " + boost::algorithm::hex(std::string(digest));
 }
 
 } // namespace

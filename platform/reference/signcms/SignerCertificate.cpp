@@ -1,7 +1,10 @@
 #include "common/Files.h"
 #include "platform/reference/signcms/SignedBlob.h"
 
+#include <boost/algorithm/hex.hpp>
 #include <openssl/pem.h>
+
+#include <iterator>
 
 namespace PackageSignatures {
 
@@ -14,11 +17,7 @@ constexpr int securityLevel = 2; // 112 bits: no SHA-1, no RSA key below 2048 bi
 
 std::string sha256Hex(std::string_view bytes) {
     std::string text;
-    for (const auto byte : OpenSsl::sha256(bytes)) {
-        constexpr std::string_view digits = "0123456789abcdef";
-        text += digits[byte >> 4];
-        text += digits[byte & 15];
-    }
+    boost::algorithm::hex_lower(OpenSsl::sha256(bytes), std::back_inserter(text));
     return text;
 }
 
