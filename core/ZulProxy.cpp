@@ -4,8 +4,10 @@
 #include "common/LogLine.h"
 #include "common/Names.h"
 
+#include <boost/algorithm/string/case_conv.hpp>
+
 #include <algorithm>
-#include <cctype>
+#include <locale>
 
 namespace Core {
 
@@ -20,11 +22,8 @@ constexpr std::chrono::seconds operationTimeout{900};
 constexpr std::size_t maximumListCalls = 4;
 
 Common::Error converted(const sdbus::Error& error) {
-    std::string message = error.getMessage();
-    for (auto& character : message) {
-        character = static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
-    }
-    return {Common::errorCodeOf(error.getName()), message};
+    return {Common::errorCodeOf(error.getName()),
+            boost::algorithm::to_lower_copy(error.getMessage(), std::locale::classic())};
 }
 
 std::unique_ptr<sdbus::IConnection> connectToSystemBus() {
