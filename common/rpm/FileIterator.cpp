@@ -176,9 +176,8 @@ void FileIterator::checkComplete() const {
     for (std::size_t place = 0; place < seen_.size(); ++place) {
         const int index = static_cast<int>(place);
         if (!seen_[place] && (rpmfilesFFlags(files_.get(), index) & RPMFILE_GHOST) == 0) {
-            const std::unique_ptr<char, void (*)(void*)> name(rpmfilesFN(files_.get(), index), std::free);
             throw Error(ErrorCode::BadPackage, "the payload of the rpm package lacks an entry: " +
-                                                   Common::quoted(name ? name.get() : ""));
+                                                   Common::quoted(files_.name(index)));
         }
     }
 }

@@ -9,6 +9,7 @@
 #include <array>
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -281,6 +282,11 @@ void FileList::requireUsableLinks() const {
             throw Error(ErrorCode::BadPackage, "the rpm package does not list its hard links in order");
         }
     }
+}
+
+std::string FileList::name(int file) const {
+    const std::unique_ptr<char, void (*)(void*)> name(rpmfilesFN(files_.get(), file), std::free);
+    return name ? name.get() : "";
 }
 
 int FileList::firstLink(int file) const {

@@ -29,6 +29,9 @@ public:
     [[nodiscard]] rpmfiles get() const { return files_.get(); }
     [[nodiscard]] int size() const { return static_cast<int>(order_.size()); }
 
+    /// The full name of a file of this list.
+    [[nodiscard]] std::string name(int file) const;
+
     /// The index in the header's own list of a file of this one.
     [[nodiscard]] int headerIndex(int file) const { return order_[static_cast<std::size_t>(file)]; }
 

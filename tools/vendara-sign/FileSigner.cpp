@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <set>
 #include <sys/stat.h>
 
@@ -33,23 +32,16 @@ struct FileDigest {
     std::string bytes;
 };
 
-using Name = OpenSsl::Owned<char, std::free>;
-
-std::string nameOf(rpmfiles files, int index) {
-    const Name name(rpmfilesFN(files, index));
-    return name ? name.get() : "";
-}
-
-FileDigest digestOf(rpmfiles files, int index) {
+FileDigest digestOf(const Common::Rpm::FileList& files, int index) {
     int number = 0;
     std::size_t size = 0;
-    const auto* bytes = rpmfilesFDigest(files, index, &number, &size);
+    const auto* bytes = rpmfilesFDigest(files.get(), index, &number, &size);
     for (const auto& algorithm : algorithms) {
         if (bytes != nullptr && algorithm.rpm == number) {
             return {&algorithm, std::string(reinterpret_cast<const char*>(bytes), size)};
         }
     }
-    throw std::runtime_error("file " + nameOf(files, index) + " has no SHA-2 digest in the package");
+    throw std::runtime_error("file " + files.name(index) + " has no SHA-2 digest in the package");
 }
 
 /// The last four bytes of the SHA-1 of the public key, by which the kernel finds it in its keyring.
@@ -101,21 +93,20 @@ std::vector<PackageSignatures::FileSignatures> signFiles(const Common::Rpm::Read
                                                          const PackageSignatures::DigestSigner& sign,
                                                          const std::vector<std::string>& trustlets) {
     const OpenSsl::ErrorMark mark;
-    const Common::Rpm::FileList list(package.header());
-    auto* files = list.get();
+    const Common::Rpm::FileList files(package.header());
     const FileSigner signer(certificate, sign);
     std::set<std::string> unused(trustlets.begin(), trustlets.end());
     std::vector<PackageSignatures::FileSignatures> signatures;
-    for (int i = 0; i < list.size(); ++i) {
-        const bool isInPayload = (rpmfilesFFlags(files, i) & RPMFILE_GHOST) == 0;
-        if (!isInPayload || !S_ISREG(rpmfilesFMode(files, i))) {
+    for (int i = 0; i < files.size(); ++i) {
+        const bool isInPayload = (rpmfilesFFlags(files.get(), i) & RPMFILE_GHOST) == 0;
+        if (!isInPayload || !S_ISREG(rpmfilesFMode(files.get(), i))) {
             continue;
         }
         const auto digest = digestOf(files, i);
         auto& file = signatures.emplace_back();
-        file.index = static_cast<std::uint32_t>(list.headerIndex(i));
+        file.index = static_cast<std::uint32_t>(files.headerIndex(i));
         file.integrity = signer.integrity(digest);
-        const auto name = nameOf(files, i);
+        const auto name = files.name(i);
         for (const auto& path : trustlets) {
             if (isAtOrBelow(name, path)) {
                 file.trustlet = signer.trustlet(digest);
