@@ -46,9 +46,8 @@ LogLine::~LogLine() {
 }
 
 LogLine& LogLine::operator<<(std::string_view text) {
-    if (prefixPending_) {
+    if (line_.empty()) {
         line_ += prefixOf(level_);
-        prefixPending_ = false;
     }
     line_ += printable(text);
     return *this;

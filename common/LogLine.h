@@ -29,7 +29,6 @@ public:
 
 private:
     LogLevel level_;
-    bool prefixPending_ = true;
     std::string line_;
 };
 
