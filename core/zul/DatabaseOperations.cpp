@@ -37,13 +37,18 @@ void makePublic(const fs::path& directory) {
 }
 
 /// Makes an extracted directory ready to be renamed into the database: complete, and on disk.
-MappingPlan stage(const PackageIdentity& package, const PackageData& entries, const fs::path& extracted) {
+/// @param listHolders  whose mapping lists are added to its own
+MappingPlan stage(const PackageIdentity& package, const PackageData& entries, const fs::path& extracted,
+                  const std::vector<fs::path>& listHolders = {}) {
     const auto status = Common::statusOf(extracted, AT_SYMLINK_NOFOLLOW);
     if (!status || !S_ISDIR(status->st_mode)) {
         throw Error(ErrorCode::Internal, "extracted package directory doesn't exist: " + extracted.native());
     }
     writeRecord(package, entries, extracted);
     auto plan = Mappings::prepare(package, extracted);
+    for (const auto& holder : listHolders) {
+        Common::guarded("couldn't take over a mapping list", [&] { keepMappingListOf(holder, extracted); });
+    }
     // Unpacked for its owner alone, installed for every user.
     makePublic(extracted);
     Common::flushFileSystem(extracted);
@@ -156,9 +161,10 @@ void Database::prepareUpgrade(const PackageIdentity& package, const PackageData&
 
 void Database::placeNext(const PackageIdentity& package, const PackageData& entries,
                          const fs::path& extracted) const {
-    static_cast<void>(stage(package, entries, extracted));
+    const auto directory = directoryOf(package.id());
+    // With the lists now, completion and recovery need no space for them on a disk that is full then.
+    static_cast<void>(stage(package, entries, extracted, directory.listHolders()));
     const auto version = moveToVersionedDirectory(package, extracted);
-    const PackageDirectory directory(version.parent_path());
     try {
         Common::replaceLink(directory.next(), version);
     } catch (const Error& error) {

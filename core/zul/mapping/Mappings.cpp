@@ -1,6 +1,7 @@
 #include "core/zul/mapping/Mappings.h"
 
 #include "common/Files.h"
+#include "common/Guard.h"
 #include "common/LogLine.h"
 #include "core/zul/mapping/Mapping.h"
 #include "core/zul/mapping/MappingPlan.h"
@@ -48,7 +49,9 @@ public:
             if (const auto kept = mergedMappingList(targets, left); kept != possible) {
                 // Mappings that came back with the power would be on no list any more.
                 mappings_.flush();
-                writeMappingList(version_, kept, Common::Durability::Now);
+                // On a full disk the longer list stays: it names all that is there, and more.
+                Common::guarded("couldn't shorten the mapping list",
+                                [&] { writeMappingList(version_, kept, Common::Durability::Now); });
             }
         }
         if (!isComplete) {

@@ -27,7 +27,8 @@ public:
     static MappingPlan prepare(const PackageIdentity& package, const std::filesystem::path& versionDirectory);
 
     /// Makes the mappings of a version as planned, replaces those of other packages, and removes the
-    /// package's that are in the list and no longer wanted. Throws Filesystem "couldn't create mappings"
+    /// package's that are in the list and no longer wanted. A list that cannot be shortened then stays as it
+    /// is. Throws Filesystem "couldn't create mappings"
     /// after removing what it made, and the list if it names nothing else, with the cause in the log.
     /// @param versionDirectory  as it will stand in the mappings; in practice root / ID / "current"
     void createMappings(const MappingPlan& plan, const std::filesystem::path& versionDirectory) const;

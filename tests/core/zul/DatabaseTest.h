@@ -11,8 +11,11 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <fstream>
 #include <linux/capability.h>
 #include <map>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -53,6 +56,30 @@ public:
 private:
     __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
     std::array<__user_cap_data_struct, 2> before_{};
+};
+
+/// A small file system in memory below a directory, as long as it lives.
+class SmallFileSystem {
+public:
+    explicit SmallFileSystem(fs::path directory)
+        : directory_(std::move(directory)) {
+        isThere_ = unshare(CLONE_NEWNS) == 0 &&
+                   mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                   mount("none", directory_.c_str(), "tmpfs", 0, "size=512k") == 0;
+    }
+    ~SmallFileSystem() { umount2(directory_.c_str(), MNT_DETACH); }
+    SmallFileSystem(const SmallFileSystem&) = delete;
+    SmallFileSystem& operator=(const SmallFileSystem&) = delete;
+
+    [[nodiscard]] bool isThere() const { return isThere_; }
+
+    /// Takes all space with a file in it.
+    void fill() const { std::ofstream(directory_ / "filler") << std::string(1 << 20, 'x') << std::flush; }
+    void clear() const { fs::remove(directory_ / "filler"); }
+
+private:
+    fs::path directory_;
+    bool isThere_ = false;
 };
 
 /// A database on a real file system, with a system root of its own.

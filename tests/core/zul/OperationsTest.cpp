@@ -159,6 +159,27 @@ TEST_F(ADatabase, GoesBackWhenAnUpgradeCannotBeMapped) {
     }
 }
 
+TEST_F(ADatabase, PutsAPreparedUpgradeIntoServiceOnAFullDisk) {
+    const SmallFileSystem disk(scratch.path());
+    if (!disk.isThere()) {
+        GTEST_SKIP() << "mount namespaces are root's here";
+    }
+    for (const bool isRecovering : {false, true}) {
+        fs::create_directories(system);
+        install(app, {{"bin/tool", "1"}, {"bin/old", "1"}});
+        prepare(newer, {{"bin/tool", "2"}, {"bin/new", "2"}});
+        disk.fill();
+        isRecovering ? static_cast<void>(database.recoverDatabase()) : database.completeUpgrade(newer);
+        EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "2.0-1"));
+        database.refreshMappings(app.id());
+        EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/new", path("current/bin/new")),
+                                            Pair("/usr/bin/tool", path("current/bin/tool"))));
+        disk.clear();
+        database.remove(app.id());
+        EXPECT_THAT(mappings(), IsEmpty());
+    }
+}
+
 TEST_F(ADatabase, IsReadableForEverybodyWhateverTheUmaskIs) {
     fs::permissions(extract({{"data/sub/file", "x"}}), fs::perms(0700));
     fs::remove(root);
