@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -214,10 +215,17 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
     }
     // The new version takes over what the old one has in the system directories: what it wants as well stays
     // as it is, the rest goes when everything new is there.
+    const auto words = "couldn't remove package symlinks: " + package.id();
+    std::set<fs::path> withoutList;
     for (const auto& holder : directory.listHolders()) {
-        if (!keepMappingListOf(holder, directory.next())) {
-            Common::logWarning() << "couldn't remove package symlinks: " << package.id()
-                                 << "couldn't find package symlink list";
+        try {
+            if (!keepMappingListOf(holder, directory.next())) {
+                Common::logWarning() << words << "couldn't find package symlink list";
+            }
+        } catch (const Error& error) {
+            // Waiting for it could be for ever, as with a damaged disk; it stays for a later attempt.
+            Common::logWarning() << words << ": " << error;
+            withoutList.insert(holder == directory.current() ? directory.versionOf(holder) : holder);
         }
     }
     const auto plan = planMappings(package, directory.next());
@@ -240,7 +248,11 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
     recordEvent(packageUpgraded, package.id(), newName,
                 "package " + package.id() + " upgraded to " + newName);
     try {
-        directory.sweep("couldn't cleanup previous version of the package: ");
+        directory.sweep("couldn't cleanup previous version of the package: ", [&](const fs::path& entry) {
+            if (withoutList.contains(entry)) {
+                keepMappingListOf(entry, directory.current());
+            }
+        });
     } catch (const std::exception& error) {
         Common::logWarning() << "couldn't cleanup previous versions of the package: " << error;
     }
