@@ -134,10 +134,10 @@ public:
     /// nevertheless.
     void refreshMappings(const std::string& packageId);
 
-    /// Renames an extracted directory to the package's version directory. A version of that
-    /// name that is neither installed nor prepared is replaced, and its mapping list kept. Throws Internal
-    /// when the extracted directory does not exist, Filesystem when it cannot be renamed, as onto the
-    /// installed version.
+    /// Renames an extracted directory to the package's version directory. A version of that name that is
+    /// neither installed nor prepared is replaced, and its mapping list kept; when that list cannot be read
+    /// this time, the version stays for it under another name. Throws Internal when the extracted directory
+    /// does not exist, Filesystem when it cannot be renamed, as onto the installed version.
     std::filesystem::path moveToVersionedDirectory(const PackageIdentity& package,
                                                    const std::filesystem::path& extracted) const;
 

@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <set>
 #include <sys/stat.h>
@@ -56,6 +57,23 @@ MappingPlan stage(const PackageIdentity& package, const PackageData& entries, co
     return plan;
 }
 
+/// Adds to an extracted version's mapping list the list of an abandoned one, which may name mappings that
+/// could not be removed.
+/// @return whether the abandoned version may be deleted; else it has another name now, for its list
+bool takeOverListOf(const fs::path& version, const fs::path& extracted) {
+    try {
+        keepMappingListOf(version, extracted);
+        return true;
+    } catch (const Error& error) {
+        Common::logWarning() << "couldn't take over a mapping list: " << error;
+    }
+    auto aside = (version.parent_path() / ".removed-XXXXXX").native();
+    if (mkdtemp(aside.data()) == nullptr || rename(version.c_str(), aside.c_str()) != 0) {
+        throw Common::filesystemError("couldn't rename " + version.native());
+    }
+    return false;
+}
+
 } // namespace
 
 fs::path Database::moveToVersionedDirectory(const PackageIdentity& package, const fs::path& extracted) const
@@ -69,11 +87,7 @@ fs::path Database::moveToVersionedDirectory(const PackageIdentity& package, cons
     try {
         Common::makePublicDirectories(directory.path());
         makePublic(directory.path()); // a killed process may have left another mode
-        const bool isReplacing = directory.isAbandoned(version);
-        if (isReplacing) {
-            // Its list may name mappings that could not be removed.
-            keepMappingListOf(version, extracted);
-        }
+        const bool isReplacing = directory.isAbandoned(version) && takeOverListOf(version, extracted);
         const auto move = [&] {
             if (renameat2(AT_FDCWD, extracted.c_str(), AT_FDCWD, version.c_str(),
                           isReplacing ? RENAME_EXCHANGE : 0) != 0) {

@@ -59,16 +59,27 @@ TEST_F(Recovery, CleansUpWhatCannotBeReadAndGoesOn) {
 }
 
 TEST_F(Recovery, FindsTheMappingsOfAPackageWhoseRemovalCouldNotReadTheirList) {
-    install(app, {{"bin/tool", "x"}});
-    {
-        const DroppedCapabilities dropped;
-        fs::permissions(dir() / "1.0-1/symlink.list", fs::perms::none);
-        database.remove(app.id());
-        EXPECT_FALSE(mappings().empty());
-        fs::permissions(dir() / "1.0-1/symlink.list", fs::perms(0644));
+    for (const bool isInstalledAgain : {false, true}) {
+        install(app, {{"bin/tool", "x"}});
+        {
+            const DroppedCapabilities dropped;
+            fs::permissions(dir() / "1.0-1/symlink.list", fs::perms::none);
+            database.remove(app.id());
+            EXPECT_FALSE(mappings().empty());
+            if (isInstalledAgain) {
+                install(app, {{"bin/new", "x"}});
+            }
+        }
+        if (isInstalledAgain) {
+            database.recoverDatabase();
+            database.refreshMappings(app.id());
+            EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "1.0-1"));
+            EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/new", path("current/bin/new"))));
+            database.remove(app.id());
+        }
+        EXPECT_THAT(database.packages(), IsEmpty());
+        EXPECT_THAT(mappings(), IsEmpty());
     }
-    EXPECT_THAT(database.packages(), IsEmpty());
-    EXPECT_THAT(mappings(), IsEmpty());
 }
 
 TEST_F(Recovery, FindsTheMappingsOfAnUpgradeThatCouldNotReadTheOldList) {
