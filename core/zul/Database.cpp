@@ -182,8 +182,6 @@ bool Database::removeMappingsOf(const PackageDirectory& directory, const std::st
 /// Removes a package whose mappings have been removed. Those that are left are found again by its lists.
 void Database::removeAll(const PackageDirectory& directory, bool isUnmapped) const {
     if (isUnmapped || !directory.isReal()) {
-        // Mappings that came back with the power would have no list any more.
-        mappings_->flush();
         directory.remove();
     } else {
         directory.removeLinks();

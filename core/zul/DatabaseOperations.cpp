@@ -127,7 +127,6 @@ void Database::install(const PackageIdentity& package, const PackageData& entrie
         Common::flushDirectory(directory.path());
         Common::flushDirectory(rootDirectory());
         mappings_->createMappings(plan, directory.current());
-        mappings_->flush();
     } catch (...) {
         cleanupCorruptedPackage(directory.path());
         throw;
@@ -254,7 +253,6 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
     try {
         Common::flushDirectory(directory.path());
         mappings_->createMappings(plan, directory.current());
-        mappings_->flush();
     } catch (...) {
         putBack(directory);
         throw;

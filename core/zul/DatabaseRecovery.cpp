@@ -116,7 +116,6 @@ void Database::refreshMappings(const std::string& packageId) try {
                                   valueOf(data, Common::Names::PackageKeys::orgName),
                                   valueOf(data, Common::Names::PackageKeys::appName));
     mappings_->refreshMappings(planMappings(package, directory.current()), directory.current());
-    mappings_->flush();
 } catch (...) {
     throwAsError();
 }

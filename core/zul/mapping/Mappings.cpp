@@ -19,11 +19,10 @@ using Common::quoted;
 /// One operation on the mappings of a version.
 class Mappings::Work {
 public:
-    Work(const Mappings& mappings, const std::filesystem::path& versionDirectory)
-        : mappings_(mappings)
-        , version_(versionDirectory)
+    Work(const std::filesystem::path& systemRoot, const std::filesystem::path& versionDirectory)
+        : version_(versionDirectory)
         , package_(versionDirectory.parent_path())
-        , tree_(mappings.systemRoot_) {}
+        , tree_(systemRoot) {}
 
     /// @param isStrict  a failure ends it and undoes what it made; else it goes on and leaves others' files
     void make(const MappingPlan& plan, bool isStrict) {
@@ -46,9 +45,9 @@ public:
             removeListOf(stale, plan);
         } else {
             left = mergedMappingList(std::move(left), remove({middle, stale.end()}, /*areStale=*/true));
+            // Mappings that came back with the power would be on no list any more.
+            tree_.flush();
             if (const auto kept = mergedMappingList(targets, left); kept != possible) {
-                // Mappings that came back with the power would be on no list any more.
-                mappings_.flush();
                 // On a full disk the longer list stays: it names all that is there, and more.
                 Common::guarded("couldn't shorten the mapping list",
                                 [&] { writeMappingList(version_, kept, Common::Durability::Now); });
@@ -58,6 +57,8 @@ public:
             throw Error(ErrorCode::Filesystem, "couldn't create mappings");
         }
     }
+
+    void flush() const { tree_.flush(); }
 
     /// Removes the package's mappings among the targets.
     /// @param areStale  whether the package goes on without them, so that others may have their places
@@ -143,7 +144,7 @@ private:
     void removeListOf(const MappingList& stale, const MappingPlan& plan) {
         try {
             // They have to be gone on disk before a list that names them is.
-            mappings_.flush();
+            tree_.flush();
             const bool isAnyLeft =
                 !stale.empty() ||
                 std::any_of(plan.entries.begin(), plan.entries.end(), [&](const auto& entry) {
@@ -157,7 +158,6 @@ private:
         }
     }
 
-    const Mappings& mappings_;
     const std::filesystem::path version_;
     const std::filesystem::path package_;
     SystemTree tree_;
@@ -171,19 +171,23 @@ MappingPlan Mappings::prepare(const PackageIdentity& package, const std::filesys
 }
 
 void Mappings::createMappings(const MappingPlan& plan, const std::filesystem::path& versionDirectory) const {
-    Work(*this, versionDirectory).make(plan, /*isStrict=*/true);
+    Work(systemRoot_, versionDirectory).make(plan, /*isStrict=*/true);
 }
 
 void Mappings::refreshMappings(const MappingPlan& plan, const std::filesystem::path& versionDirectory) const {
-    Work(*this, versionDirectory).make(plan, /*isStrict=*/false);
+    Work(systemRoot_, versionDirectory).make(plan, /*isStrict=*/false);
 }
 
 std::optional<bool> Mappings::removeMappings(const std::filesystem::path& versionDirectory,
                                              bool areStale) const {
     const auto list = readMappingList(versionDirectory);
-    return list ? std::optional(Work(*this, versionDirectory).remove(*list, areStale).empty()) : std::nullopt;
+    if (!list) {
+        return std::nullopt;
+    }
+    Work work(systemRoot_, versionDirectory);
+    const bool areRemoved = work.remove(*list, areStale).empty();
+    work.flush();
+    return areRemoved;
 }
-
-void Mappings::flush() const { Common::flushFileSystem(systemRoot_); }
 
 } // namespace Core::ZUL

@@ -11,7 +11,8 @@ struct MappingPlan;
 
 /// The mappings of whole packages: makes a version's files visible in the system directories and takes them
 /// away again. What a version is about to have there is in its mapping list on disk before the first is made,
-/// so that an interrupted operation leaves nothing that could not be found again.
+/// so that an interrupted operation leaves nothing that could not be found again. What was made or removed is
+/// on disk when a call returns.
 ///
 /// A mapping belongs to the package whose directory has the file that it stands for. A list alone never
 /// removes another package's mapping; a new mapping replaces it. Used by one thread at a time. Failures are
@@ -42,9 +43,6 @@ public:
     /// @return whether all are removed; nothing when there is no list
     [[nodiscard]] std::optional<bool> removeMappings(const std::filesystem::path& versionDirectory,
                                                      bool areStale = false) const;
-
-    /// Waits until the system directories are on disk.
-    void flush() const;
 
 private:
     class Work;

@@ -16,14 +16,35 @@ SystemTree::SystemTree(const std::filesystem::path& root, Use use)
     if (!root_) {
         throw Common::filesystemError("couldn't open system root " + root.native());
     }
+    remember(root_);
+}
+
+void SystemTree::remember(const Common::UniqueFd& directory) {
+    const auto device = Common::statusOf(directory.get()).st_dev;
+    if (!fileSystems_.contains(device)) {
+        fileSystems_.emplace(device, fcntl(directory.get(), F_DUPFD_CLOEXEC, 0));
+    }
+}
+
+void SystemTree::flush() const {
+    for (const auto& [device, directory] : fileSystems_) {
+        const Common::UniqueFd fd(openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!fd || syncfs(fd.get()) != 0) {
+            throw Common::filesystemError("couldn't flush the system directories");
+        }
+    }
 }
 
 int SystemTree::open(const std::filesystem::path& directory) {
     // Neighbours come one after the other.
     if (!last_ || lastPath_.native() != directory.native()) {
         const auto below = directory.relative_path();
-        last_ = Common::openWithin(root_.get(), below.empty() ? "." : below, O_PATH | O_DIRECTORY,
-                                   Common::Resolve::InRoot);
+        auto opened = Common::openWithin(root_.get(), below.empty() ? "." : below, O_PATH | O_DIRECTORY,
+                                         Common::Resolve::InRoot);
+        if (opened && use_ == Use::Change) {
+            remember(opened);
+        }
+        last_ = std::move(opened);
         lastPath_ = directory;
         if (last_ && use_ == Use::Change && unlinkat(last_.get(), pendingName, 0) != 0 && errno == EISDIR) {
             unlinkat(last_.get(), pendingName, AT_REMOVEDIR);

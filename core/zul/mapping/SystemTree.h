@@ -3,6 +3,8 @@
 #include "common/UniqueFd.h"
 
 #include <filesystem>
+#include <map>
+#include <sys/types.h>
 
 namespace Core::ZUL {
 
@@ -27,11 +29,18 @@ public:
     /// The same, making what is missing.
     int make(const std::filesystem::path& directory);
 
+    /// Waits until what was changed is on disk: on the root's file system and on each that a directory was
+    /// opened on.
+    void flush() const;
+
 private:
+    void remember(const Common::UniqueFd& directory);
+
     Common::UniqueFd root_;
     Use use_;
     std::filesystem::path lastPath_;
     Common::UniqueFd last_;
+    std::map<dev_t, Common::UniqueFd> fileSystems_; ///< a directory on each, to flush it
 };
 
 } // namespace Core::ZUL

@@ -374,6 +374,23 @@ TEST_P(DatabaseOperations, FindOnDiskWhatTheyRelyOnAfterALossOfPower) {
     }
 }
 
+TEST(MappingsOnAnotherFileSystem, AreOnDiskWhenAnOperationEnds) {
+    DatabaseOnDisk disk;
+    const auto countFlushes = [&] {
+        const auto calls = recordCalls([&] {
+            disk.install(PackageIdentity(id, "1"));
+            disk.database.remove(id);
+        });
+        return std::count(calls.begin(), calls.end(), "syncfs");
+    };
+    const auto before = countFlushes();
+    const SmallFileSystem usr(disk.system / "usr");
+    if (!usr.isThere()) {
+        GTEST_SKIP() << "mount namespaces are root's here";
+    }
+    EXPECT_EQ(countFlushes(), before + 2);
+}
+
 INSTANTIATE_TEST_SUITE_P(In, DatabaseOperations,
                          testing::Combine(testing::ValuesIn(operations), testing::Bool()),
                          [](const auto& parameter) {
