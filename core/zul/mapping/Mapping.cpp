@@ -201,4 +201,6 @@ void Mapping::remove() const {
     }
 }
 
+void Mapping::removeDirectory() const { unlinkat(directory(), name_.c_str(), AT_REMOVEDIR); }
+
 } // namespace Core::ZUL

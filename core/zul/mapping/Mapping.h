@@ -60,6 +60,9 @@ public:
     /// Deletes what is at the place.
     void remove() const;
 
+    /// Deletes an empty directory at the place, if there is one.
+    void removeDirectory() const;
+
 private:
     [[nodiscard]] int directory() const { return tree_.open(parent_); }
     /// For calls that know only paths: the place by way of the open directory.

@@ -33,12 +33,16 @@ public:
         writeMappingList(version_, possible, Common::Durability::Now);
         std::erase_if(stale, [&](const auto& target) { return wanted.contains(target); });
 
-        // What would be a directory now goes first, the rest when everything has been made.
+        // What would be a directory now, or is in one that a file replaces, goes first; the rest when
+        // everything has been made.
         const auto middle = std::stable_partition(stale.begin(), stale.end(), [&](const auto& target) {
             const auto next = wanted.lower_bound(target + "/");
-            return next != wanted.end() && next->starts_with(target + "/");
+            return (next != wanted.end() && next->starts_with(target + "/")) ||
+                   placeAbove(target, wanted).has_relative_path();
         });
         auto left = remove({stale.begin(), middle}, /*areStale=*/true);
+        std::for_each(stale.begin(), middle,
+                      [&](const auto& target) { removeDirectories(target, placeAbove(target, wanted)); });
         const bool isComplete = makeEach(plan, isStrict);
         if (isStrict && !isComplete) {
             undo();
@@ -89,6 +93,26 @@ public:
     }
 
 private:
+    /// The one of the places whose directory would have the target; "/" or nothing when there is none.
+    static std::filesystem::path placeAbove(const std::filesystem::path& target,
+                                            const std::set<std::string>& places) {
+        auto above = target.parent_path();
+        while (above.has_relative_path() && !places.contains(above)) {
+            above = above.parent_path();
+        }
+        return above;
+    }
+
+    /// Deletes the directories from one that had a target up to a place, unless something else is in them.
+    void removeDirectories(const std::filesystem::path& target, const std::filesystem::path& place) {
+        for (auto directory = target.parent_path();
+             place.has_relative_path() && directory.native().size() >= place.native().size() &&
+             Mapping::isPlace(directory);
+             directory = directory.parent_path()) {
+            Mapping(tree_, directory).removeDirectory();
+        }
+    }
+
     bool makeEach(const MappingPlan& plan, bool isStrict) {
         bool isComplete = true;
         for (const auto& entry : plan.entries) {

@@ -22,6 +22,7 @@ Files filesOf(const std::string& version, bool isCopying) {
                 {"data/sub/file", version},
                 {"unmapped", version}};
     files["bin/only-in-" + version] = version;
+    files[version == "2" ? "data/kind/in" : "data/kind"] = version; // a directory in place of a file
     if (isCopying) {
         files["connman/plugin/vpn.so"] = version;
     }
