@@ -27,7 +27,7 @@ struct MappingPlan;
 /// recovery empties it.
 ///
 /// A database is used by one process, one thread at a time. Failures are Common::Error. Every operation that
-/// takes an identifier throws BadPackageID, before it touches anything, for one that PackageIdentity refuses.
+/// takes an identifier throws BadPackageID, before it touches anything, for one that directoryName() refuses.
 /// An operation that finds a package damaged removes it; what could not be read this time is an error, not
 /// damage.
 ///

@@ -15,8 +15,11 @@ using Common::ErrorCode;
 
 namespace {
 
+/// A record would give such a text back without the space.
+bool hasOuterSpace(const std::string& name) { return name.starts_with(' ') || name.ends_with(' '); }
+
 bool isOrdinaryText(const std::string& name) {
-    return Common::isOrdinaryName(name) && Common::isBusText(name);
+    return Common::isOrdinaryName(name) && Common::isBusText(name) && !hasOuterSpace(name);
 }
 
 } // namespace
@@ -33,6 +36,9 @@ PackageIdentity::PackageIdentity(const std::string& id, std::string version,
     , version_(std::move(version))
     , orgName_(std::move(orgName))
     , appName_(std::move(appName)) {
+    if (hasOuterSpace(id_)) {
+        throw Error(ErrorCode::BadPackageID, "package identifier begins or ends with a space: " + id_);
+    }
     if (!isOrdinaryText(version_) || version_ == "current" || version_ == "next" || version_ == "prev") {
         throw Error(ErrorCode::BadPackage, "couldn't parse package version: " + version_);
     }

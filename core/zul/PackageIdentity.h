@@ -13,13 +13,13 @@ namespace Core::ZUL {
 /// What a package record holds: dotted key ("section.key") to value, in byte order of the keys.
 using PackageData = std::map<std::string, std::string>;
 
-/// Which version of which package: an immutable value whose names can all be parts of paths and bus texts.
-/// Any thread.
+/// Which version of which package: an immutable value whose names can all be parts of paths and bus texts,
+/// and are read back from a record as they were written. Any thread.
 class PackageIdentity {
 public:
-    /// Throws Common::Error when a name is not one ordinary path component that a bus takes: code
-    /// BadPackageID for the identifier, which may begin with one "/" that is dropped; BadPackage for the
-    /// others, and for a version with a name that the database keeps for itself.
+    /// Throws Common::Error when a name is not one ordinary path component that a bus takes, or begins or
+    /// ends with a space: code BadPackageID for the identifier, which may begin with one "/" that is dropped;
+    /// BadPackage for the others, and for a version with a name that the database keeps for itself.
     PackageIdentity(const std::string& id, std::string version, std::optional<std::string> orgName = {},
                     std::optional<std::string> appName = {});
 

@@ -35,11 +35,14 @@ TEST_F(Hostility, OfNamesIsRefusedBeforeAnythingIsTouched) {
         EXPECT_ERROR(PackageIdentity(id, "1-1"), BadPackageID, message);
     }
     for (const std::string version :
-         {"", ".", "..", "1/2", "../../victim", "current", "next", "1\t2", "1\xe9"}) {
+         {"", ".", "..", "1/2", "../../victim", "current", "next", "1\t2", "1\xe9", " 1", "1 "}) {
         EXPECT_ERROR(PackageIdentity("bystander", version), BadPackage,
                      "couldn't parse package version: " + version);
     }
-    for (const std::string name : {"", "..", "../../../etc", "a\nb", "caf\xe9"}) {
+    // What a record would give back without the space.
+    EXPECT_ERROR(PackageIdentity("x ", "1-1"), BadPackageID,
+                 "package identifier begins or ends with a space: x ");
+    for (const std::string name : {"", "..", "../../../etc", "a\nb", "caf\xe9", " Org", "Org "}) {
         EXPECT_ERROR(PackageIdentity("x", "1-1", name, "App"), BadPackage,
                      "application name can't be a directory's name: " + name);
         EXPECT_ERROR(PackageIdentity("x", "1-1", "Org", name), BadPackage,
