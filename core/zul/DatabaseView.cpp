@@ -5,7 +5,7 @@
 #include "common/Names.h"
 #include "common/PackageId.h"
 #include "core/zul/Record.h"
-#include "core/zul/mapping/MappingRules.h"
+#include "core/zul/mapping/MappingPlan.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -132,7 +132,8 @@ std::map<std::string, std::string> InstalledPackage::plan(const PackageIdentity&
     std::map<std::string, std::string> places;
     const auto rules = mappingRules(identity);
     for (const auto& file : files) {
-        const auto place = placeOf(file.relative.native(), rules);
+        const auto place =
+            canBeMapped(file.relative) ? placeOf(file.relative.native(), rules) : std::string();
         const auto target = !place.empty() && S_ISLNK(file.status.st_mode)
                                 ? view_.tree().status(path_ / identity.version() / file.relative)
                                 : std::nullopt;

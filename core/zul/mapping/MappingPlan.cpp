@@ -1,6 +1,7 @@
 #include "core/zul/mapping/MappingPlan.h"
 
 #include "common/Files.h"
+#include "common/LogLine.h"
 #include "core/zul/mapping/SystemTree.h"
 
 #include <algorithm>
@@ -24,13 +25,7 @@ bool hasDirectory(int version, const std::string& source) {
     return false;
 }
 
-bool hasOrdinaryNames(const std::filesystem::path& relative) {
-    return std::all_of(relative.begin(), relative.end(), [](const auto& name) {
-        return Common::isOrdinaryName(name.native()) && name != SystemTree::pendingName;
-    });
-}
-
-void planRule(const MappingRule& rule, const std::filesystem::path& versionDirectory,
+void planRule(const MappingRule& rule, const std::filesystem::path& versionDirectory, bool isNew,
               std::vector<MappingPlan::Entry>& entries) {
     const auto source = versionDirectory / rule.source;
     const auto target = std::filesystem::path(rule.target).lexically_normal();
@@ -46,8 +41,13 @@ void planRule(const MappingRule& rule, const std::filesystem::path& versionDirec
         }
         // Below its source the path goes on as it stands: what is inside is what was walked.
         const std::filesystem::path relative = entry.path().native().substr(source.native().size() + 1);
-        if (!hasOrdinaryNames(relative)) {
-            throw Error(ErrorCode::BadPackage, "file name can't be mapped: " + entry.path().native());
+        if (!canBeMapped(relative)) {
+            if (isNew) {
+                throw Error(ErrorCode::BadPackage, "file name can't be mapped: " + entry.path().native());
+            }
+            // It was installed before such names were refused.
+            Common::logWarning() << "file name can't be mapped: " << Common::quoted(entry.path());
+            continue;
         }
         entries.push_back({rule.source / relative, target / relative});
     }
@@ -64,7 +64,14 @@ MappingList MappingPlan::targets() const {
     return list;
 }
 
-MappingPlan planMappings(const PackageIdentity& package, const std::filesystem::path& versionDirectory) {
+bool canBeMapped(const std::filesystem::path& file) {
+    return std::all_of(file.begin(), file.end(), [](const auto& name) {
+        return Common::isOrdinaryName(name.native()) && name != SystemTree::pendingName;
+    });
+}
+
+MappingPlan planMappings(const PackageIdentity& package, const std::filesystem::path& versionDirectory,
+                         bool isNew) {
     const Common::UniqueFd version(open(versionDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!version) {
         throw Common::filesystemError("couldn't open version directory " + versionDirectory.native());
@@ -73,7 +80,7 @@ MappingPlan planMappings(const PackageIdentity& package, const std::filesystem::
     try {
         for (const auto& rule : mappingRules(package)) {
             if (hasDirectory(version.get(), rule.source)) {
-                planRule(rule, versionDirectory, plan.entries);
+                planRule(rule, versionDirectory, isNew, plan.entries);
                 plan.kind = std::max(plan.kind, rule.kind);
             }
         }

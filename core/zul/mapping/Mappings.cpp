@@ -189,7 +189,7 @@ private:
 };
 
 MappingPlan Mappings::prepare(const PackageIdentity& package, const std::filesystem::path& versionDirectory) {
-    auto plan = planMappings(package, versionDirectory);
+    auto plan = planMappings(package, versionDirectory, /*isNew=*/true);
     writeMappingList(versionDirectory, plan.targets(), Common::Durability::Later);
     return plan;
 }

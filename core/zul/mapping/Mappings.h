@@ -24,7 +24,7 @@ public:
         : systemRoot_(std::move(systemRoot)) {}
 
     /// Plans the mappings of a version, also one that is not in the database yet, and writes their list. The
-    /// caller flushes it. Throws as planMappings().
+    /// caller flushes it. Throws as planMappings() of a new one.
     static MappingPlan prepare(const PackageIdentity& package, const std::filesystem::path& versionDirectory);
 
     /// Makes the mappings of a version as planned, replaces those of other packages, and removes the

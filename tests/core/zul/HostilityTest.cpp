@@ -161,6 +161,13 @@ TEST_F(Hostility, OfPayloadsCannotBringRecordsListsOrWaysOut) {
     EXPECT_ERROR(install(app, {{"bin/.zul-mapping", "x"}}), BadPackage,
                  "file name can't be mapped: " + (temp / "unpacked/bin/.zul-mapping").native());
     fs::remove_all(temp / "unpacked");
+    // Of what was installed before this was refused, the rest is mapped.
+    install(app, {{"bin/tool", "x"}});
+    writeFile(dir() / "current/bin/.zul-mapping", "x");
+    fs::remove(system / "usr/bin/tool");
+    database.refreshMappings(app.id());
+    EXPECT_EQ(mappings().at("/usr/bin/tool"), path("current/bin/tool"));
+    database.remove(app.id());
 
     // A copy follows no link out of the package and waits for no FIFO.
     for (const bool isFifo : {false, true}) {
