@@ -21,21 +21,6 @@ using sdbus::Result;
 
 } // namespace
 
-void ScriptedPeer::hold(const std::string& method, bool held) {
-    const std::lock_guard guard(lock_);
-    methods_[method].holds = held;
-}
-
-void ScriptedPeer::refuse(const std::string& method, const std::string& errorName) {
-    const std::lock_guard guard(lock_);
-    methods_[method].refusal = errorName;
-}
-
-void ScriptedPeer::answerWrongType(const std::string& method, bool wrong) {
-    const std::lock_guard guard(lock_);
-    methods_[method].isWrong = wrong;
-}
-
 bool ScriptedPeer::answer(const std::string& method, const std::string& errorName) {
     Reply reply;
     {
@@ -221,11 +206,6 @@ Client::Operation Client::ended(Operation operation, Common::ErrorCode errorCode
     return operation;
 }
 
-std::vector<Client::Operation> Client::received() const {
-    const std::lock_guard guard(lock_);
-    return received_;
-}
-
 void Client::forget() {
     const std::lock_guard guard(lock_);
     received_.clear();
@@ -246,18 +226,8 @@ bool Client::waitForStatus(const Operation& operation, int status) const {
     });
 }
 
-std::vector<std::string> Client::events() const {
-    const std::lock_guard guard(lock_);
-    return events_;
-}
-
 bool Client::waitForEvents(std::size_t count) const {
     return waitUntil([&] { return events().size() >= count; });
-}
-
-std::vector<std::string> Client::packageSignals() const {
-    const std::lock_guard guard(lock_);
-    return packageSignals_;
 }
 
 bool isServiceThere(const std::string& name) {

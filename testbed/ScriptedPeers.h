@@ -33,12 +33,16 @@ public:
         , interface_(std::move(interface)) {}
 
     /// Calls of the method wait for answer() from now on, or not any more.
-    void hold(const std::string& method, bool held = true);
+    void hold(const std::string& method, bool held = true) { set(method, &Method::holds, held); }
     /// Calls of the method are refused from now on; an empty error name ends that.
-    void refuse(const std::string& method, const std::string& errorName);
+    void refuse(const std::string& method, const std::string& errorName) {
+        set(method, &Method::refusal, errorName);
+    }
     /// Calls of the method are answered with a value of another type from now on, or not any more. Not for
     /// "InvokeIntent".
-    void answerWrongType(const std::string& method, bool wrong = true);
+    void answerWrongType(const std::string& method, bool wrong = true) {
+        set(method, &Method::isWrong, wrong);
+    }
     /// Answers the oldest call that waits: with an error, if it has a name. False when none waits.
     bool answer(const std::string& method, const std::string& errorName = {});
     /// Gives the service's name up, and takes it: both, as a service does that starts again.
@@ -94,6 +98,11 @@ private:
         std::string refusal;
         bool isWrong = false;
     };
+    template<typename Value>
+    void set(const std::string& method, Value Method::*member, const Value& value) {
+        const std::lock_guard guard(lock_);
+        methods_[method].*member = value;
+    }
     void handle(const std::string& method, const std::string& argument, Reply reply);
 
     mutable std::mutex lock_;
@@ -180,17 +189,23 @@ public:
     }
 
     /// All that was received of operations, in its order, and the statuses of one of them.
-    [[nodiscard]] std::vector<Operation> received() const;
+    [[nodiscard]] std::vector<Operation> received() const { return copyOf(received_); }
     void forget();
     [[nodiscard]] std::vector<int> statusesOf(const Operation& operation) const;
     bool waitForStatus(const Operation& operation, int status) const;
     /// The package signals received: member, " ", package id.
-    [[nodiscard]] std::vector<std::string> packageSignals() const;
+    [[nodiscard]] std::vector<std::string> packageSignals() const { return copyOf(packageSignals_); }
     /// Statuses and package signals in the order of their arrival, since forget().
-    [[nodiscard]] std::vector<std::string> events() const;
+    [[nodiscard]] std::vector<std::string> events() const { return copyOf(events_); }
     [[nodiscard]] bool waitForEvents(std::size_t count) const;
 
 private:
+    template<typename Value>
+    Value copyOf(const Value& received) const {
+        const std::lock_guard guard(lock_);
+        return received;
+    }
+
     BusPeer peer_{sdbus::createSessionBusConnection(), "/client"};
     mutable std::mutex lock_;
     std::vector<Operation> received_;
