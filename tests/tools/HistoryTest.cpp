@@ -38,15 +38,15 @@ public:
 
     [[nodiscard]] bool isThere() const { return bool{socket_}; }
 
-    /// The entries since the last call.
-    [[nodiscard]] std::vector<std::string> receive() const {
-        std::vector<std::string> entries;
+    /// Takes what has arrived. The socket holds few entries; a sender waits until it has room.
+    void receive() {
         std::string entry(65536, '\0');
         for (ssize_t size = 0; (size = recv(socket_.get(), entry.data(), entry.size(), MSG_DONTWAIT)) >= 0;) {
-            entries.push_back(entry.substr(0, static_cast<std::size_t>(size)));
+            sent.push_back(entry.substr(0, static_cast<std::size_t>(size)));
         }
-        return entries;
     }
+
+    std::vector<std::string> sent; ///< entries, in their order
 
 private:
     Common::UniqueFd socket_;
@@ -86,21 +86,14 @@ protected:
 };
 
 TEST_F(History, ShowsWhatTheDatabaseDidWithEachPackage) {
-    const JournalSocket socket(scratch.path() / "run");
+    JournalSocket socket(scratch.path() / "run");
     if (!socket.isThere()) {
         GTEST_SKIP() << "this user may not put a journal of the test's own in the place of the system's";
     }
-    std::vector<std::string> sent;
-    // The socket holds few entries; a sender waits until it has room.
-    const auto receive = [&] {
-        for (const auto& entry : socket.receive()) {
-            sent.push_back(entry);
-        }
-    };
     install(app);
     prepare(newer);
     database.completeUpgrade(newer);
-    receive();
+    socket.receive();
     fs::create_directory(dir() / "next"); // a damaged upgrade that stays
     EXPECT_EQ(database.packageData(app.id()).at("general.version"), "2.0-1");
     fs::remove(dir() / "next");
@@ -110,10 +103,10 @@ TEST_F(History, ShowsWhatTheDatabaseDidWithEachPackage) {
     prepare(PackageIdentity(app.id(), "4.0-1"));
     EXPECT_THAT(database.recoverDatabase(), ElementsAre(app.id()));
     database.remove("/" + app.id());
-    receive();
+    socket.receive();
     install(PackageIdentity("other", "5-1"), {{"data/file", "x"}});
     fs::remove(root / "other/current/quenra.pkg");
-    receive();
+    socket.receive();
     {
         // It stays for its mapping, and is removed when that can be.
         const DroppedCapabilities dropped;
@@ -122,12 +115,12 @@ TEST_F(History, ShowsWhatTheDatabaseDidWithEachPackage) {
         EXPECT_TRUE(fs::exists(root / "other"));
         fs::permissions(system / "usr/share/other", fs::perms(0755));
     }
-    receive();
+    socket.receive();
     EXPECT_THAT(database.packages(), IsEmpty());
-    receive();
+    socket.receive();
     // The platform's event log has some of them, without the package.
-    EXPECT_THAT(sent, testing::Contains(HasSubstr("\nEVENT_KIND=2\nEVENT_VALUE=11\n")));
-    writeJournal(journal / "system.journal", sent);
+    EXPECT_THAT(socket.sent, testing::Contains(HasSubstr("\nEVENT_KIND=2\nEVENT_VALUE=11\n")));
+    writeJournal(journal / "system.journal", socket.sent);
 
     const auto table = history({"--directory", journal});
     EXPECT_EQ(table.status, 0);
