@@ -15,16 +15,8 @@ using namespace Testbed;
 
 class ThePythonClient : public testing::Test {
 protected:
-    [[nodiscard]] std::unique_ptr<Process> begin(const std::vector<std::string>& arguments) const {
-        return std::make_unique<Process>(arguments,
-                                         Process::Options{.environment = {{"PYTHONPATH", PYTHON_MODULES},
-                                                                          {"PYTHONDONTWRITEBYTECODE", "1"},
-                                                                          {"PYTHONUNBUFFERED", "1"}},
-                                                          .directory = scratch.path()});
-    }
     [[nodiscard]] std::unique_ptr<Process> beginScript(const std::string& script) const {
-        return begin({"/usr/bin/python3", "-c",
-                      R"(
+        const std::vector<std::string> arguments{"/usr/bin/python3", "-c", R"(
 import os, vendara
 from gi.repository import Gio, GLib
 
@@ -37,27 +29,26 @@ def attempt(function, *arguments):
 def dispatch():
     while GLib.MainContext.default().iteration(False):
         pass
-)" + script});
+)" + script};
+        return std::make_unique<Process>(arguments, options);
     }
 
     PrivateBuses buses;
     ScratchDirectory scratch;
+    const Process::Options options{.environment = {{"PYTHONPATH", PYTHON_MODULES},
+                                                   {"PYTHONDONTWRITEBYTECODE", "1"},
+                                                   {"PYTHONUNBUFFERED", "1"}},
+                                   .directory = scratch.path()};
 };
 
 // The same program in two languages.
 class AClientOfTheReadme : public ThePythonClient, public testing::WithParamInterface<std::string> {
 protected:
-    [[nodiscard]] std::unique_ptr<Process> beginInstalling(const std::string& path) const {
-        if (GetParam() == "Python") {
-            return begin({"/usr/bin/python3", PYTHON_CLIENT, path});
-        }
-        return begin({CPP_CLIENT, path});
+    [[nodiscard]] static std::vector<std::string> command(const std::string& path) {
+        return GetParam() == "Python" ? std::vector<std::string>{"/usr/bin/python3", PYTHON_CLIENT, path}
+                                      : std::vector<std::string>{CPP_CLIENT, path};
     }
-    [[nodiscard]] ProcessResult install(const std::string& path) const {
-        const auto process = beginInstalling(path);
-        const int status = process->wait();
-        return {status, process->output()};
-    }
+    [[nodiscard]] ProcessResult install(const std::string& path) const { return run(command(path), options); }
 };
 
 TEST_P(AClientOfTheReadme, ReportsTheEndThatItReceivedThoughTheBusIsLost) {
@@ -108,11 +99,11 @@ TEST_P(AClientOfTheReadme, ReportsThatTheServiceOrTheBusIsGone) {
     for (const bool isBus : {false, true}) {
         auto service =
             std::make_unique<ScriptedService>(std::map<std::string, Script>{{"app", {.known = true}}});
-        const auto client = beginInstalling("app");
-        ASSERT_TRUE(client->shows("queued"));
+        Process client(command("app"), options);
+        ASSERT_TRUE(client.shows("queued"));
         isBus ? buses.session.stop() : service.reset();
-        EXPECT_EQ(client->wait(), 2);
-        EXPECT_THAT(client->output(), HasSubstr(isBus ? "bus" : "the service left the bus; the result of"));
+        EXPECT_EQ(client.wait(), 2);
+        EXPECT_THAT(client.output(), HasSubstr(isBus ? "bus" : "the service left the bus; the result of"));
     }
     const auto client = install("good.rpm");
     EXPECT_EQ(client.status, 2);
