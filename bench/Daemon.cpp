@@ -164,7 +164,7 @@ private:
     Testbed::PackageManager manager_;
     Testbed::RuntimeManager runtime_;
     Testbed::Identification identification_;
-    Testbed::Process daemon_{{VENDARA_DAEMON}, {{{"HOME", scratch_.path()}}, {}, {}}};
+    Testbed::Process daemon_{{VENDARA_DAEMON}, {.environment = {{"HOME", scratch_.path()}}}};
     std::optional<Testbed::Client> client_;
     std::string file_;
 };
@@ -173,7 +173,7 @@ int soak(int argc, char** argv) {
     const Testbed::ScratchDirectory scratch;
     const Testbed::PrivateBuses buses;
     const auto package = Testbed::buildPackage(scratch.path(), {});
-    Testbed::Process daemon({VENDARA_DAEMON}, {{{"HOME", scratch.path()}}, {}, {}});
+    Testbed::Process daemon({VENDARA_DAEMON}, {.environment = {{"HOME", scratch.path()}}});
     const bool isCalm = argc > 3 && std::string(argv[3]) == "calm";
     const auto failures = Testbed::soak({std::chrono::seconds(std::atoi(argv[2])), 64, !isCalm}, package);
     std::printf("%s", failures.c_str());

@@ -19,7 +19,7 @@ void DaemonTest::SetUp() {
     std::filesystem::create_directories(scratch.path() / "apps");
     const auto command =
         "mount --bind " + etc.string() + " /etc && " + preparation + " && exec " VENDARA_DAEMON;
-    daemon.emplace(inNamespace(command), Process::Options{{{"HOME", scratch.path()}}, {}, {}});
+    daemon.emplace(inNamespace(command), Process::Options{.environment = {{"HOME", scratch.path()}}});
     ASSERT_TRUE(waitForService()) << daemon->output();
 }
 

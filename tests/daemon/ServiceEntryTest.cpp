@@ -67,9 +67,8 @@ TEST_F(TheService, IsThereOnlyOnce) {
 
 TEST_F(TheService, DoesNotStartWithoutItsBuses) {
     for (const auto* variable : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"}) {
-        const auto result = Testbed::run(
-            {VENDARA_DAEMON},
-            {.environment = {{variable, "unix:path=/nonexistent/bus"}}, .directory = {}, .input = {}});
+        const auto result =
+            Testbed::run({VENDARA_DAEMON}, {.environment = {{variable, "unix:path=/nonexistent/bus"}}});
         EXPECT_EQ(result.status, 1) << variable;
         EXPECT_THAT(result.output, MatchesRegex(twoLines)) << variable;
     }

@@ -117,7 +117,7 @@ TEST(UnderASoak, TheDaemonAccountsForEveryOperation) {
     const ScratchDirectory scratch;
     const PrivateBuses buses;
     const auto package = buildPackage(scratch.path(), {});
-    Process daemon({VENDARA_DAEMON}, {{{"HOME", scratch.path()}}, {}, {}});
+    Process daemon({VENDARA_DAEMON}, {.environment = {{"HOME", scratch.path()}}});
     ASSERT_TRUE(waitForService()) << daemon.output();
     EXPECT_EQ(soak({}, package), "") << daemon.output().substr(0, 3000);
     daemon.signal(SIGTERM);

@@ -244,15 +244,14 @@ TEST_F(Vendaractl, FollowsOperationsThatAnotherProcessRequested) {
     ASSERT_TRUE(upgrade->shows("ends when the application ends; to end it now: vendaractl restart app\n"));
     const auto follower = begin({"operations", "--follow"});
     ASSERT_TRUE(follower->shows("upgrade app: awaiting upgrade"));
-    Process inPython(
-        {"/usr/bin/python3", "-c",
-         "import sys, vendara\n"
-         "client = vendara.Client(print)\n"
-         "for operation in client.properties()['Operations']: client.attach(operation)\n"
-         "sys.exit(0 if client.follow() else 1)"},
-        {{{"PYTHONPATH", PYTHON_MODULES}, {"PYTHONDONTWRITEBYTECODE", "1"}, {"PYTHONUNBUFFERED", "1"}},
-         {},
-         {}});
+    Process inPython({"/usr/bin/python3", "-c",
+                      "import sys, vendara\n"
+                      "client = vendara.Client(print)\n"
+                      "for operation in client.properties()['Operations']: client.attach(operation)\n"
+                      "sys.exit(0 if client.follow() else 1)"},
+                     {.environment = {{"PYTHONPATH", PYTHON_MODULES},
+                                      {"PYTHONDONTWRITEBYTECODE", "1"},
+                                      {"PYTHONUNBUFFERED", "1"}}});
     ASSERT_TRUE(inPython.shows("upgrade app: awaiting upgrade")) << inPython.output();
     zul.emit("PackageUpgraded", PackageManager::package("app", "2.0-1"));
     for (auto* process : {upgrade.get(), follower.get(), &inPython}) {
@@ -319,8 +318,7 @@ TEST_F(Vendaractl, RewritesALinePerOperationOnATerminal) {
     const std::string longName = "com.example.with-a-long-name";
     ScriptedService service(
         {{"app", {{0, 10}, 0, true}}, {longName, {{0, 10, 100}}}, {"\u00e4\u00f6", {.known = true}}});
-    Process::Options options;
-    options.environment = {{"TERM", "xterm"}, {"LC_ALL", "C"}};
+    const Process::Options options{.environment = {{"TERM", "xterm"}, {"LC_ALL", "C"}}};
     const auto result = run({"script", "-qec", VENDARACTL " remove app", "/dev/null"}, options);
     EXPECT_EQ(result.status, 0);
     // The indicator has moved, in place, and nothing is left of it at the end.

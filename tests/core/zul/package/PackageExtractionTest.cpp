@@ -44,10 +44,10 @@ std::map<std::string, std::string> filesOf(const fs::path& directory, const Pack
 fs::path unpackedByTheUsualTools(const fs::path& package) {
     auto reference = package.parent_path() / "reference";
     fs::create_directory(reference);
-    EXPECT_EQ(run({"sh", "-c", "rpm2cpio " + package.string() + " | cpio -idm --quiet"},
-                  {.environment = {}, .directory = reference, .input = {}})
-                  .status,
-              0);
+    EXPECT_EQ(
+        run({"sh", "-c", "rpm2cpio " + package.string() + " | cpio -idm --quiet"}, {.directory = reference})
+            .status,
+        0);
     return reference;
 }
 
