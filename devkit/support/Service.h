@@ -25,9 +25,8 @@ inline void flush(Common::BusConnection& bus) {
 /// Runs a service on a bus until SIGTERM, SIGINT or the loss of the bus.
 /// @param connect  opens the connection, for example sdbus::createSessionBusConnection
 /// @param name  well-known name
-/// @param make  makes the service on a bus connection, and returns it as a unique_ptr. A member finish() of
-/// it is
-///              called when the loop has ended, while replies can still be sent.
+/// @param make  makes the service on a bus connection, and returns it as a unique_ptr. Its member finish(),
+///              if it has one, is called when the loop has ended, while replies can still be sent.
 /// @return the program's exit status: 1, with two lines in the log, when the bus refuses or is lost
 template<typename Connect, typename Make>
 int serve(Connect connect, const std::string& name, Make make) {
