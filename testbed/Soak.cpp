@@ -53,7 +53,9 @@ public:
         operations_ += asked_.size();
         for (const auto& operation : std::exchange(asked_, {})) {
             const auto hasEnded = [&] {
-                return isTold(operation) || (!areAllExpected_ && isStored(operation));
+                const auto statuses = client_.statusesOf(operation);
+                const bool isReported = !statuses.empty() && statuses.back() >= 100;
+                return isReported || (!areAllExpected_ && isStored(operation));
             };
             if (!waitUntil(hasEnded, patience)) {
                 fail("an operation was lost: " + describe(operation));
@@ -102,11 +104,6 @@ private:
             error != "Failed to terminate application") {
             fail(method + " failed with " + error);
         }
-    }
-
-    bool isTold(const Operation& operation) {
-        const auto statuses = client_.statusesOf(operation);
-        return !statuses.empty() && statuses.back() >= 100;
     }
 
     std::string describe(const Operation& operation) {
