@@ -161,37 +161,16 @@ TEST_F(AMapping, ThatCouldNotBeRemovedIsRemovedWithTheNextLookAtThePackage) {
     EXPECT_THAT(mappings(), IsEmpty());
 }
 
-TEST_F(AMapping, MayBecomeADirectoryAndAFileAgain) {
+TEST_F(AMapping, TakesThePlaceOfADirectoryThatOnlyThePackageHas) {
     const auto place = system / "usr/share/com.example.app/a";
-    const PackageIdentity newest(app.id(), "3.0-1");
-    for (const bool isRecovering : {false, true}) {
-        install(app, {{"data/a", "1"}});
-        for (const auto& [version, data] : {std::pair(newer, "data/a/b/c"), std::pair(newest, "data/a")}) {
-            prepare(version,
-                    {{data, version.version()}, {"data/ab", "x"}, {"manifest/" + version.version(), "x"}});
-            if (isRecovering) {
-                database.recoverDatabase();
-                database.refreshMappings(app.id());
-            } else {
-                // What an attempt that fails has removed is put back.
-                const auto before = mappings();
-                const auto obstacle = system / "usr/share/applications" / version.version();
-                writeFile(obstacle, "system");
-                EXPECT_ERROR(database.completeUpgrade(version), Filesystem, "couldn't create mappings");
-                fs::remove(obstacle);
-                EXPECT_EQ(mappings(), before);
-                database.completeUpgrade(version);
-            }
-            EXPECT_EQ(readFile(version.version() == "2.0-1" ? place / "b/c" : place), version.version());
-        }
-        database.remove(app.id());
-    }
-    // What others have in the directory stays.
-    install(app, {{"data/a/b", "1"}});
-    writeFile(place / "other", "system");
+    install(app, {{"data/a/b/c", "1"}});
     prepare(newer, {{"data/a", "2"}});
+    writeFile(place / "other", "system");
     EXPECT_ERROR(database.completeUpgrade(newer), Filesystem, "couldn't create mappings");
-    EXPECT_EQ(readFile(place / "other") + readFile(place / "b"), "system1");
+    EXPECT_EQ(readFile(place / "other") + readFile(place / "b/c"), "system1");
+    fs::remove(place / "other");
+    database.completeUpgrade(newer);
+    EXPECT_EQ(readFile(place), "2");
 }
 
 TEST_F(AMapping, BelongsToAPackageByWhereItLeads) {
