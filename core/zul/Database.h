@@ -109,10 +109,10 @@ public:
     void checkUpgrade(const PackageIdentity& package);
 
     /// Puts the prepared upgrade into service and deletes all other versions, but for one whose mapping list
-    /// could not be read: recovery finds it again. Of disk space it needs what new mappings take, and a
-    /// link's. When the new version's mappings cannot be made the old version is put back into service and
-    /// the upgrade stays prepared; if that fails too, the package is left damaged. Throws Internal when no
-    /// upgrade is prepared, otherwise Filesystem or what packageDirectory() throws.
+    /// could not be read: recovery finds it again. Needs the disk space of new mappings only. When the new
+    /// version's mappings cannot be made the old version is put back into service and the upgrade stays
+    /// prepared; if that fails too, the package is left damaged. Throws Internal when no upgrade is prepared,
+    /// otherwise Filesystem or what packageDirectory() throws.
     void completeUpgrade(const PackageIdentity& package);
 
     /// Removes a package with its mappings and any prepared upgrade. When a mapping cannot be removed the

@@ -244,7 +244,11 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
     const auto plan = planMappings(package, directory.next());
     const auto newName = PackageDirectory::versionNameOf(directory.next());
     if (const auto installed = directory.versionOf(directory.current()); !installed.empty()) {
-        Common::replaceLink(directory.fallback(), installed);
+        // A second name for the link takes no space, as a new link with a long path does.
+        Common::removeTree(directory.fallback());
+        if (link(directory.current().c_str(), directory.fallback().c_str()) != 0) {
+            Common::replaceLink(directory.fallback(), installed);
+        }
     }
     if (rename(directory.next().c_str(), directory.current().c_str()) != 0) {
         throw Error(ErrorCode::Filesystem,

@@ -164,18 +164,21 @@ TEST_F(ADatabase, PutsAPreparedUpgradeIntoServiceOnAFullDisk) {
     if (!disk.isThere()) {
         GTEST_SKIP() << "mount namespaces are root's here";
     }
+    // With a path that is too long for the link's inode.
+    const std::string id(200, 'x');
+    const PackageIdentity prepared(id, "2.0-1");
     for (const bool isRecovering : {false, true}) {
         fs::create_directories(system);
-        install(app, {{"bin/tool", "1"}, {"bin/old", "1"}});
-        prepare(newer, {{"bin/tool", "2"}, {"bin/new", "2"}});
+        install(PackageIdentity(id, "1.0-1"), {{"bin/tool", "1"}, {"bin/old", "1"}});
+        prepare(prepared, {{"bin/tool", "2"}});
+        fs::remove(system / "usr/bin/old"); // its removal would make room for the shorter list
         disk.fill();
-        isRecovering ? static_cast<void>(database.recoverDatabase()) : database.completeUpgrade(newer);
-        EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "2.0-1"));
-        database.refreshMappings(app.id());
-        EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/new", path("current/bin/new")),
-                                            Pair("/usr/bin/tool", path("current/bin/tool"))));
+        isRecovering ? static_cast<void>(database.recoverDatabase()) : database.completeUpgrade(prepared);
+        EXPECT_THAT(entriesIn(root / id), UnorderedElementsAre("current", "2.0-1"));
+        database.refreshMappings(id);
+        EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", root / id / "current/bin/tool")));
         disk.clear();
-        database.remove(app.id());
+        database.remove(id);
         EXPECT_THAT(mappings(), IsEmpty());
     }
 }
