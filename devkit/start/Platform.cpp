@@ -137,7 +137,8 @@ void Platform::start() {
     std::vector<std::string> zulOptions{"--configuration", directory / "etc/zul/zul.conf",
                                         "--system-root",   directory / "root",
                                         "--keys",          settings_.keys};
-    if (!mayAttachSecurityAttributes()) {
+    hasSecurityAttributes_ = mayAttachSecurityAttributes();
+    if (!hasSecurityAttributes_) {
         zulOptions.emplace_back("--without-security-attributes");
     }
     startService("zul-service", zulOptions);
@@ -179,10 +180,19 @@ std::vector<std::string> Platform::environment() const {
     for (const auto* name : {"vendaractl", "vendara-sign", "zul-service"}) {
         programs += findProgram(name).parent_path().native() + ":";
     }
-    return {"DBUS_SESSION_BUS_ADDRESS=" + sessionBus_, "DBUS_SYSTEM_BUS_ADDRESS=" + systemBus_,
-            "VENDARA_DEVKIT_DIRECTORY=" + settings_.directory.native(),
-            "VENDARA_DEVKIT_KEYS=" + settings_.keys.native(),
-            "PATH=" + programs + (path != nullptr ? path : "/usr/bin:/bin")};
+    std::vector<std::string> result{"DBUS_SESSION_BUS_ADDRESS=" + sessionBus_,
+                                    "DBUS_SYSTEM_BUS_ADDRESS=" + systemBus_,
+                                    "VENDARA_DEVKIT_DIRECTORY=" + settings_.directory.native(),
+                                    "VENDARA_DEVKIT_KEYS=" + settings_.keys.native(),
+                                    "PATH=" + programs + (path != nullptr ? path : "/usr/bin:/bin"),
+                                    "VENDARA_CONFIGURATION=" +
+                                        (settings_.directory / "etc/zul/zul.conf").native(),
+                                    "VENDARA_SYSTEM_ROOT=" + (settings_.directory / "root").native(),
+                                    "VENDARA_AUTHORITY=" + (settings_.keys / "ca.pem").native()};
+    if (!hasSecurityAttributes_) {
+        result.emplace_back("VENDARA_NO_ATTRIBUTES=1");
+    }
+    return result;
 }
 
 void Platform::handleSignals() {

@@ -98,7 +98,8 @@ private:
     std::set<std::string> missing_; // names that programs are about to own
     std::string awaited_;           // the program that is expected to end
     int status_ = -1;               // of that program, when it has ended
-    std::string sessionBus_;        // addresses
+    bool hasSecurityAttributes_ = false;
+    std::string sessionBus_; // addresses
     std::string systemBus_;
 };
 

@@ -54,6 +54,8 @@ int runPlatform(Devkit::Platform& platform, const Options& options) {
     platform.start();
     if (options.shell) {
         const char* shell = std::getenv("SHELL");
+        // The platform is of use without them; packaging takes rpmbuild(8).
+        static_cast<void>(platform.run({"vendara-samples"}, SIGTERM));
         std::cout << "The platform is running. Exit this shell to end it.\n" << std::flush;
         // An interactive shell ignores SIGTERM.
         return platform.run({shell != nullptr ? shell : "/bin/sh"}, SIGHUP);

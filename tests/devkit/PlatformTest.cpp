@@ -6,7 +6,9 @@
 
 #include <csignal>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
+#include <sys/stat.h>
 
 using namespace Testbed;
 using testing::HasSubstr;
@@ -80,6 +82,46 @@ TEST(TheTour, HoldsFromInstallationToRemoval) {
                             {.environment = {{"TMPDIR", "link"}}, .directory = scratch.path()});
     EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_THAT(result.output, HasSubstr("All steps held"));
+}
+
+TEST(TheShellOfAPlatform, BeginsWithCommandsThatWorkAsPrinted) {
+    std::vector<std::string> user; // this one, then one without privileges
+    for (int round = 0; round < 2;
+         ++round, user = {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"}) {
+        auto command = user;
+        command.insert(command.end(), {program, "--shell"});
+        auto trial = command;
+        trial.back() = "--version";
+        if (run(trial).status != 0) {
+            continue;
+        }
+        const ScratchDirectory input;
+        const ScratchDirectory scratch;
+        fs::permissions(scratch.path(), fs::perms::all);
+        ASSERT_EQ(mkfifo((input.path() / "in").c_str(), 0600), 0);
+        command.insert(command.begin(), {"sh", "-c", "exec \"$@\" <in", "sh"});
+        Process platform(command, {.environment = {{"TMPDIR", scratch.path()}, {"SHELL", "/bin/sh"}},
+                                   .directory = input.path()});
+        std::ofstream shell(input.path() / "in");
+        ASSERT_TRUE(waitUntil([&] { return platform.output().find("Exit this shell") != std::string::npos; },
+                              std::chrono::minutes(1)))
+            << platform.output();
+        shell << "set -e\n";
+        std::istringstream banner(platform.output());
+        for (std::string line; std::getline(banner, line);) {
+            shell << (line.starts_with("  ") ? line + "\n" : "");
+            if (line.find("--no-wait") != std::string::npos) {
+                shell << "{ vendaractl operations --follow & } | grep -m 1 'awaiting upgrade'\n";
+            }
+        }
+        shell.close();
+        EXPECT_EQ(platform.wait(std::chrono::minutes(2)), 0);
+        for (const auto* text : {"would be installed", "awaiting upgrade", "1 package, 0 findings",
+                                 "remove org.example.sample: finished"}) {
+            EXPECT_THAT(platform.output(), HasSubstr(text));
+        }
+        EXPECT_TRUE(fs::is_empty(scratch.path()));
+    }
 }
 
 TEST(APlatform, PassesACommandsArgumentsUnchangedAndHasItsOwnProgramsInThePath) {

@@ -9,9 +9,11 @@
 #include <cerrno>
 #include <clocale>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -47,9 +49,18 @@ Problem problemOfPlace(const std::string& path, bool isInImage) {
     return isInImage && !path.starts_with('/') ? Problem("not an absolute path") : Problem();
 }
 
+std::string fromEnvironment(const char* name, std::string otherwise = {}) {
+    const char* const value = std::getenv(name);
+    return value != nullptr && *value != '\0' ? value : std::move(otherwise);
+}
+
 class Program {
 public:
     Program() {
+        request_.authority = fromEnvironment("VENDARA_AUTHORITY");
+        request_.configuration = fromEnvironment("VENDARA_CONFIGURATION", request_.configuration);
+        request_.systemRoot = fromEnvironment("VENDARA_SYSTEM_ROOT", request_.systemRoot);
+        request_.ignoresAttributes = !fromEnvironment("VENDARA_NO_ATTRIBUTES").empty();
         app_.set_version_flag("--version", "vendaractl " VENDARA_VERSION);
         app_.add_flag("--json", isJson_, "Show results as JSON, one text a line");
         app_.require_subcommand(1);
