@@ -7,6 +7,7 @@
 // get the extended attribute "security.ima", which only CAP_SYS_ADMIN may attach.
 
 #include "common/Error.h"
+#include "common/PlatformFacts.h"
 #include "core/zul/Database.h"
 
 #include <fstream>
@@ -61,6 +62,7 @@ void recover(Database& database) {
 
 void install(Database& database, const fs::path& file, const fs::path& system) {
     const auto package = Package::fromFile(file, {system / "ca.pem", system / "system-developer-keyid"});
+    package.requireArchitecture(Common::getPlatformArchitecture());
     if (database.installFile(package, file)) {
         // A real one waits here until the application has ended.
         database.completeUpgrade(package);

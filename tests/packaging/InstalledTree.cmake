@@ -151,9 +151,10 @@ set(ENV{HOME} ${SCRATCH})
 set(system ${SCRATCH}/system)
 set(manager ${SCRATCH}/build/package-manager ${system})
 run(${tree}/bin/vendara-sign --make-test-ca ${system})
-foreach(version 1.0 2.0)
+set(options-3.0 --target m68k --define "foreign 1")
+foreach(version 1.0 2.0 3.0)
     run(rpmbuild -bb --define "_topdir ${SCRATCH}/rpm" --define "_rpmfilename sample-${version}.rpm"
-        --define "sample_version ${version}" ${CMAKE_CURRENT_LIST_DIR}/sample.spec)
+        --define "sample_version ${version}" ${options-${version}} ${CMAKE_CURRENT_LIST_DIR}/sample.spec)
     set(package-${version} ${SCRATCH}/rpm/RPMS/sample-${version}.rpm)
 endforeach()
 
@@ -168,10 +169,11 @@ if(NOT EXISTS ${SCRATCH}/foreign/apps/precious OR EXISTS ${SCRATCH}/--help OR EX
     message(FATAL_ERROR "the example has touched what is not its own")
 endif()
 expect(1 "norvane.ZUL.Error.BadPackageSignature" ${manager} install ${package-1.0})
-foreach(version 1.0 2.0)
+foreach(version 1.0 2.0 3.0)
     run(${tree}/bin/vendara-sign --developer-key ${system}/developer.key --developer-cert ${system}/developer.pem
         ${package-${version}})
 endforeach()
+expect(1 "norvane.ZUL.Error.BadPackageArchitecture" ${manager} install ${package-3.0})
 # The example finds its directory also by a relative path.
 execute_process(COMMAND ${SCRATCH}/build/package-manager system install ${package-1.0} WORKING_DIRECTORY ${SCRATCH}
     RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE output)

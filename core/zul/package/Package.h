@@ -97,7 +97,9 @@ public:
                  const ExtractionWatch& watch = {}) const;
 
     [[nodiscard]] const std::string& architecture() const { return architecture_; }
-    /// Throws Common::Error, code BadPackageArchitecture, unless the package is for this one or "noarch".
+    /// Throws Common::Error, code BadPackageArchitecture, unless the package is for this one or "noarch". The
+    /// check is the caller's: neither fromFile() nor Database::installFile() makes it.
+    /// @param platform  Common::getPlatformArchitecture() ("common/PlatformFacts.h"), or that of an image
     void requireArchitecture(const std::string& platform) const;
     /// The developer's signature. To use it include "platform/signcms/PackageSignatures.h".
     [[nodiscard]] const PackageSignatures::Cms& developerCms() const { return *developerCms_; }

@@ -10,6 +10,8 @@ TEST_F(ReadingADatabase, FindsPackagesByIdentifier) {
     EXPECT_EQ(database.packageDirectory("/com.example.app"), dir());
     EXPECT_EQ(database.versionedDirectory(PackageIdentity("/x", "1-1")), root / "x/1-1");
     EXPECT_EQ(database.packageData("com.example.app").at("general.version"), "1.0-1");
+    EXPECT_TRUE(database.isInstalled("com.example.app"));
+    EXPECT_FALSE(database.isInstalled("other"));
     EXPECT_ERROR(database.packageDirectory("other"), PackageNotExist,
                  "couldn't find package directory: other");
 }
@@ -17,6 +19,8 @@ TEST_F(ReadingADatabase, FindsPackagesByIdentifier) {
 TEST_F(ReadingADatabase, RemovesAPackageWithoutInstalledVersion) {
     install(app);
     fs::remove_all(dir() / "1.0-1");
+    EXPECT_FALSE(database.isInstalled("com.example.app"));
+    EXPECT_TRUE(fs::exists(dir()));
     const LogCapture log;
     EXPECT_ERROR(database.packageDirectory("/com.example.app"), CorruptedInstalledPackage,
                  "couldn't find current directory of /com.example.app package");
