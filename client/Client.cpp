@@ -34,10 +34,17 @@ constexpr milliseconds lastPatience = std::chrono::minutes(1);
 constexpr milliseconds shortPatience(100);
 constexpr auto peerInterface = "org.freedesktop.DBus.Peer";
 
+// The service passes the version on as os-release(5) has it, which may be in quotes.
+std::string withoutQuotes(const std::string& text) {
+    const bool quoted =
+        text.size() >= 2 && text.front() == text.back() && (text.front() == '"' || text.front() == '\'');
+    return quoted ? text.substr(1, text.size() - 2) : text;
+}
+
 Properties propertiesFrom(const PropertyMap& map) {
     try {
         Properties properties{map.at(Own::architecture).get<std::string>(),
-                              map.at(Own::quenraVersion).get<std::string>(),
+                              withoutQuotes(map.at(Own::quenraVersion).get<std::string>()),
                               map.at(Own::operations).get<std::vector<Operation>>(),
                               map.at(Own::completedOperations).get<std::vector<Operation>>(),
                               map.at(Own::packages).get<std::vector<Package>>()};

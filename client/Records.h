@@ -16,7 +16,7 @@ using Package = Common::PackageRecord;
 /// The service's state as the calling application sees it.
 struct Properties {
     std::string architecture;
-    std::string quenraVersion;
+    std::string quenraVersion;                  ///< without the quotes of os-release(5)
     std::vector<Operation> operations;          ///< those whose end was not reported
     std::vector<Operation> completedOperations; ///< each reported once
     std::vector<Package> packages;

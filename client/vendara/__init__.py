@@ -8,6 +8,23 @@ from gi.repository import Gio, GLib
 
 TYPES = {0: "install", 1: "upgrade", 2: "remove"}
 STATUSES = {0: "queued", 10: "in progress", 90: "awaiting upgrade", 100: "finished", 101: "failed"}
+ERRORS = {
+    1: "a file could not be written or removed; the disk may be full",
+    2: "an internal failure of the service or the package manager",
+    3: "the package manager could not find the file",
+    4: "the file is damaged or not a package",
+    5: "the package's identifier is not allowed",
+    6: "the package is made for another architecture",
+    7: "the package's signature is missing, wrong or not trusted",
+    8: "the same or a newer version is installed",
+    9: "an upgrade to this version is already prepared",
+    10: "the package is not installed",
+    11: "the installed package is damaged",
+    13: "the package manager does not allow it",
+    14: "the package belongs to the operating system",
+    15: "packages without a source are not allowed",
+    16: "the administrator rejected the package's source",
+    17: "the user may not manage trusted sources"}
 FINISHED, FAILED = 100, 101  # A lower status is followed by another one.
 
 _NAME, _PATH = "norvane.Vendara", "/norvane/Vendara"
@@ -41,8 +58,26 @@ class Operation(NamedTuple):
 
     def __str__(self):
         package = self.package_id if self.package_id.isprintable() else ascii(self.package_id)
-        error = f" (error {self.error_code})" if self.error_code else ""
+        phrase = ERRORS.get(self.error_code, "an unknown error")
+        error = f": {phrase} (error {self.error_code})" if self.error_code else ""
         return f"{TYPES.get(self.type, self.type)} {package}: {STATUSES.get(self.status, self.status)}{error}"
+
+
+class Package(NamedTuple):
+    id: str
+    version: str
+    certificate_subgroup: str
+    certificate_id: str
+    extra: dict
+
+
+class Properties(NamedTuple):
+    """The service's state as the calling application sees it."""
+    architecture: str
+    quenra_version: str  # without the quotes of os-release(5)
+    operations: list[Operation]  # those whose end was not reported
+    completed_operations: list[Operation]  # each reported once
+    packages: list[Package]
 
 
 class Client:
@@ -108,8 +143,8 @@ class Client:
         self._call("Restart", package_id)
 
     def properties(self):
-        """Returns what GetAllProperties reports. Completed operations are reported once; a service that does not
-        reply to a ping delays them by a second."""
+        """Returns Properties. Completed operations are reported once; a service that does not reply to a ping delays
+        them by a second."""
         # What was announced before says nothing about the operations in the reply, and is handled first.
         GLib.idle_add(self._announced.clear, priority=GLib.PRIORITY_DEFAULT)
         return self._properties()
@@ -147,15 +182,16 @@ class Client:
 
     def _properties(self):
         try:
-            properties, = self._call("GetAllProperties").unpack()
-            for key in ("Operations", "CompletedOperations"):
-                properties[key] = [Operation(*operation) for operation in properties[key]]
+            reply, = self._call("GetAllProperties").unpack()
+            completed = [*map(Operation._make, reply["CompletedOperations"])]
+            ended = {operation.id for operation in completed}
             # An operation that failed stays in the first list until the next one begins.
-            completed = {operation.id for operation in properties["CompletedOperations"]}
-            properties["Operations"] = [each for each in properties["Operations"] if each.id not in completed]
+            going = [each for each in map(Operation._make, reply["Operations"]) if each.id not in ended]
+            properties = Properties(reply["Architecture"], _without_quotes(reply["QuenraVersion"]), going, completed,
+                                    [*map(Package._make, reply["Packages"])])
         except (KeyError, TypeError, ValueError):
             raise CallRefused("the service's properties are incomplete") from None
-        if properties["CompletedOperations"]:
+        if completed:
             self._confirm()
         return properties
 
@@ -240,9 +276,9 @@ class Client:
             properties = self._properties()
         except CallRefused:
             return  # The package manager may be busy: the service is asked again.
-        completed = properties["CompletedOperations"]
-        absent = self._pending() - {operation.id for operation in properties["Operations"] + completed}
-        for operation in properties["Operations"] + completed:
+        completed = properties.completed_operations
+        absent = self._pending() - {operation.id for operation in properties.operations + completed}
+        for operation in properties.operations + completed:
             self._update(operation)
         for operation in completed:
             if operation.id not in self._operations:
@@ -275,6 +311,10 @@ def _is_bus_text(text):  # GLib sends noncharacters, which the service's library
     codes = [ord(character) for character in text]
     return not any(code == 0 or 0xD800 <= code <= 0xDFFF or 0xFDD0 <= code <= 0xFDEF or code & 0xFFFE == 0xFFFE
                    for code in codes)
+
+
+def _without_quotes(text):
+    return text[1:-1] if len(text) > 1 and text[0] == text[-1] and text[0] in "\"'" else text
 
 
 def _close(bus):

@@ -1,3 +1,4 @@
+#include "client/Records.h"
 #include "testbed/PrivateBus.h"
 #include "testbed/Process.h"
 #include "testbed/ScratchDirectory.h"
@@ -75,7 +76,8 @@ TEST_P(AClientOfTheReadme, FollowsItsOperationToTheEnd) {
         << "it left before the service could know that it had the end";
     const auto bad = install("bad.rpm");
     EXPECT_EQ(bad.status, 1);
-    EXPECT_THAT(bad.output, AllOf(HasSubstr("\ninstall bad.rpm: failed"), HasSubstr("(error 4)\n")));
+    EXPECT_THAT(bad.output,
+                HasSubstr("\ninstall bad.rpm: failed: the file is damaged or not a package (error 4)\n"));
     service.refusesOnce = true;
     const auto missed = install("missed.rpm");
     EXPECT_EQ(missed.status, 0);
@@ -117,6 +119,24 @@ TEST_P(AClientOfTheReadme, RefusesAReplyOfAnotherType) {
     const auto client = install("good.rpm");
     EXPECT_EQ(client.status, 2);
     EXPECT_THAT(client.output, testing::StartsWith("unexpected reply of the service: "));
+}
+
+TEST_F(ThePythonClient, ReportsStatesAsTheCppClientDoes) {
+    const ScriptedService service({{"app", {.known = true}}});
+    const auto client = beginScript(R"(
+print(*vendara.Client().properties(), sep="\n")
+for code in range(1, 20):
+    print(vendara.Operation("1", "app", 0, vendara.FAILED, code))
+)");
+    EXPECT_EQ(client->wait(), 0);
+    std::string expected =
+        "aarch64\n4.2\n[Operation(id='id of app', package_id='app', type=0, status=10, error_code=0)]\n[]\n"
+        "[Package(id='com.example.one', version='1.0-1', certificate_subgroup='apps', certificate_id='cert', "
+        "extra={'size': 7})]\n";
+    for (int code = 1; code < 20; ++code) {
+        expected += Vendara::describe(ScriptedService::operation("app", 101, code)) + "\n";
+    }
+    EXPECT_EQ(client->output(), expected);
 }
 
 TEST_F(ThePythonClient, TellsARefusalFromAnAbsentService) {

@@ -247,7 +247,7 @@ TEST_F(Vendaractl, FollowsOperationsThatAnotherProcessRequested) {
     Process inPython({"/usr/bin/python3", "-c",
                       "import sys, vendara\n"
                       "client = vendara.Client(print)\n"
-                      "for operation in client.properties()['Operations']: client.attach(operation)\n"
+                      "for operation in client.properties().operations: client.attach(operation)\n"
                       "sys.exit(0 if client.follow() else 1)"},
                      {.environment = {{"PYTHONPATH", PYTHON_MODULES},
                                       {"PYTHONDONTWRITEBYTECODE", "1"},

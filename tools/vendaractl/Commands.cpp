@@ -50,13 +50,6 @@ ExitStatus carryOut(const Request& request, Begin begin) {
     });
 }
 
-// The service passes the version on as os-release(5) has it, which may be in quotes.
-std::string withoutQuotes(const std::string& text) {
-    const bool quoted =
-        text.size() >= 2 && text.front() == text.back() && (text.front() == '"' || text.front() == '\'');
-    return quoted ? text.substr(1, text.size() - 2) : text;
-}
-
 Vendara::Properties readProperties() { return Client().properties(); }
 
 using Rows = std::vector<std::vector<std::string>>;
@@ -195,7 +188,7 @@ ExitStatus operations(const Request& request) {
 
 ExitStatus info(const Request& request) {
     const auto properties = readProperties();
-    const auto version = withoutQuotes(properties.quenraVersion);
+    const auto& version = properties.quenraVersion;
     show(request, {{"architecture", properties.architecture}, {"quenraVersion", version}},
          properties.completedOperations, {"FACT", "VALUE"},
          {{"architecture", properties.architecture}, {"version", version}});
