@@ -120,6 +120,7 @@ TEST(TheShellOfAPlatform, BeginsWithCommandsThatWorkAsPrinted) {
                                  "remove org.example.sample: finished"}) {
             EXPECT_THAT(platform.output(), HasSubstr(text));
         }
+        EXPECT_THAT(platform.output(), testing::Not(HasSubstr("WARN")));
         EXPECT_TRUE(fs::is_empty(scratch.path()));
     }
 }

@@ -102,7 +102,10 @@ ExitStatus check(const Request& request) {
                                       .architecture = Common::getPlatformArchitecture(),
                                       .authorities = {}};
     if (!request.authority.empty()) {
-        system.authorities.certificates = request.authority;
+        auto& authorities = system.authorities;
+        authorities.certificates = request.authority;
+        authorities.systemDeveloperKeyId =
+            authorities.certificates.parent_path() / authorities.systemDeveloperKeyId.filename();
     }
     bool areAllAccepted = true;
     for (std::size_t index = 0; index < request.arguments.size(); ++index) {
