@@ -61,6 +61,7 @@ protected:
         makePackage("taken.rpm",
                     {.version = "3.0", .files = {{"/usr/bin/free", "1"}, {"/usr/bin/taken", "1"}}});
         makePackage("foreign.rpm", {.version = "4.0", .architecture = "s390x"});
+        writeFile(here / "behind.rpm", readFile(here / "same.rpm") + "x");
         const auto plain = readFile(buildPackage(here / "build", {.name = "com.example.first"}));
         writeFile(here / "cut.rpm", plain.substr(0, plain.size() - 4));
         makeAuthority("stranger", "2091-01-01");
@@ -147,6 +148,7 @@ const Answer answers[] = {
     {"old.rpm", 7, "package is signed with a non-legal key",
      "/old.rpm\": certificate: certificate has expired\n"},
     {"stranger.rpm", 7, "package is signed with a non-legal key", "/stranger.rpm\": certificate: unable"},
+    {"behind.rpm", 7, "couldn't retrieve cmses from package", ""},
     {"cut.rpm", 4, "the rpm package is cut off", ""}};
 
 TEST_F(Check, AnswersForEachFileAsTheInstallationWould) {
