@@ -25,14 +25,13 @@ bool canTravel(const PackageData& package) {
     });
 }
 
-// A line every three seconds: short extractions need none.
-auto progressLogger(const std::string& id) {
+auto progressLogger(const std::string& done, const std::string& subject, std::chrono::seconds interval) {
     using Clock = std::chrono::steady_clock;
-    return [id, last = Clock::now()](std::uint64_t done, std::uint64_t total) mutable {
-        if (total > 0 && Clock::now() - last >= std::chrono::seconds(3)) {
+    return [=, last = Clock::now()](std::uint64_t bytes, std::uint64_t total) mutable {
+        if (total > 0 && Clock::now() - last >= interval) {
             last = Clock::now();
-            Common::logInfo() << "unpacked " << std::to_string(std::min(done, total) * 100 / total)
-                              << " % of " << id;
+            Common::logInfo() << done << " " << std::to_string(std::min(bytes, total) * 100 / total)
+                              << " % of " << subject;
         }
     };
 }
@@ -58,11 +57,14 @@ PackageManager::Installed PackageManager::install(const std::filesystem::path& p
         throw Common::Error(ErrorCode::FileNotFound,
                             "the package file's path is not absolute: " + Common::quoted(packageFile));
     }
-    const auto package = Package::fromFile(packageFile, settings_.authorities);
+    const auto package = Package::fromFile(
+        packageFile, settings_.authorities,
+        {progressLogger("validated", Common::quoted(packageFile), settings_.interval), stop_.get_token()});
     package.requireArchitecture(settings_.architecture);
     requireInstalledDeveloper(package);
-    const bool upgrade = database_.installFile(package, packageFile, settings_.attributes,
-                                               {progressLogger(package.id()), stop_.get_token()});
+    const bool upgrade = database_.installFile(
+        package, packageFile, settings_.attributes,
+        {progressLogger("unpacked", package.id(), settings_.interval), stop_.get_token()});
     if (upgrade) {
         // Without its file, whose writers would have to wait until the upgrade is complete.
         prepared_.insert_or_assign(package.id(), static_cast<const Core::ZUL::PackageIdentity&>(package));

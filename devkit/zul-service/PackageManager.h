@@ -2,6 +2,7 @@
 
 #include "core/zul/Database.h"
 
+#include <chrono>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -22,6 +23,7 @@ public:
         Core::ZUL::Authorities authorities;
         Core::ZUL::AttributeWriter attributes; ///< attaches extended attributes to extracted files
         std::string architecture;              ///< of the packages, beside "noarch"
+        std::chrono::seconds interval{3};      ///< of the log's lines about the progress of a long work
     };
 
     struct Installed {
@@ -39,7 +41,7 @@ public:
     /// developer of the installed version.
     Installed install(const std::filesystem::path& packageFile);
 
-    /// Ends an extraction that is going on, and makes later ones fail. Any thread.
+    /// Ends a validation or extraction that is going on, and makes later ones fail. Any thread.
     void stop() { stop_.request_stop(); }
 
     /// Removes a package, with an upgrade that is prepared.

@@ -1,6 +1,8 @@
 #include "common/Error.h"
 #include "common/Names.h"
+#include "devkit/zul-service/PackageManager.h"
 #include "devkit/zul-service/ProcessScan.h"
+#include "testbed/LogCapture.h"
 #include "testbed/PrivateBus.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/WaitUntil.h"
@@ -181,6 +183,24 @@ TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionHas
     fs::remove(mapping);
     EXPECT_TRUE(waitUntil([this] { return upgraded_.load(); })) << service_->output();
     EXPECT_EQ(current(), "2.0-1");
+}
+
+TEST_F(ThePackageManager, LogsHowFarItIsAndEndsAValidation) {
+    ASSERT_EQ(run({SIGN, "--make-test-ca", directory_ / "keys"}).status, 0);
+    fs::create_directory(directory_ / "root");
+    Devkit::PackageManager manager({directory_ / "apps", directory_ / "temp", directory_ / "root"},
+                                   {{directory_ / "keys/ca.pem", directory_ / "keys/system-developer-keyid"},
+                                    [](auto...) { return 0; },
+                                    "noarch",
+                                    std::chrono::seconds(0)});
+    const auto file = package({.version = "1.0"});
+    const LogCapture log;
+    manager.install(file);
+    EXPECT_THAT(log.text(),
+                testing::ContainsRegex("validated 100 % of .*unpacked 100 % of com.example.app\n"));
+    manager.stop();
+    EXPECT_THAT([&] { manager.install(file); },
+                testing::ThrowsMessage<Common::Error>("the validation was stopped"));
 }
 
 TEST(AProcessScan, FailsWhenAProcessCannotBeRead) {
