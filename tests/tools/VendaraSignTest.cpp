@@ -14,8 +14,11 @@
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
+#include <pty.h>
 #include <sstream>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -37,6 +40,36 @@ protected:
                                            "ca/" + name + ".pem", package};
         arguments.insert(arguments.end(), more.begin(), more.end());
         return arguments;
+    }
+
+    /// Runs the program on a terminal of its own, and at each prompt types a line or sends a signal.
+    [[nodiscard]] ProcessResult answer(std::vector<std::string> arguments, const std::string& typed,
+                                       int signal = 0) const {
+        arguments.insert(arguments.begin(), {"env", "-C", scratch.path(), "TERM=dumb", VENDARA_SIGN});
+        std::vector<char*> words;
+        for (auto& argument : arguments) {
+            words.push_back(argument.data());
+        }
+        words.push_back(nullptr);
+        int descriptor = -1;
+        const pid_t child = forkpty(&descriptor, nullptr, nullptr, nullptr);
+        if (child == 0) {
+            execvp(words[0], words.data());
+            _exit(127);
+        }
+        const Common::UniqueFd terminal(descriptor);
+        ProcessResult result{};
+        for (char byte = 0; read(descriptor, &byte, 1) == 1;) {
+            result.output += byte;
+            if (byte == ' ' && result.output.ends_with(".key: ")) {
+                EXPECT_EQ(signal != 0 ? kill(child, signal) : write(descriptor, typed.data(), typed.size()),
+                          signal != 0 ? 0 : static_cast<ssize_t>(typed.size()));
+            }
+        }
+        waitpid(child, &result.status, 0);
+        result.status =
+            WIFSIGNALED(result.status) ? 128 + WTERMSIG(result.status) : WEXITSTATUS(result.status);
+        return result;
     }
 
     void SetUp() override {
@@ -162,6 +195,24 @@ TEST_F(VendaraSign, TakesKeysInTheFormsOfOpenSslAndTheirPassphrase) {
     const auto* fromPipe = "cat passphrase | " VENDARA_SIGN
                            " --developer-key all.p12 --passphrase-file /dev/stdin --output c.rpm a.rpm";
     EXPECT_EQ(run({"sh", "-c", fromPipe}, {.directory = scratch.path()}).status, 0);
+    const std::string prompt = "Passphrase of secret.key: \r\n";
+    const auto refusal = [&](const std::string& problem) {
+        return prompt + "vendara-sign: secret.key: " + problem + "\r\n";
+    };
+    const std::tuple<const char*, int, int, std::string> typed[] = {
+        {"secret\n", 0, 0, prompt},
+        {"wrong\n", 0, 1, refusal("couldn't be decrypted with the passphrase")},
+        {"\4", 0, 1, refusal("is encrypted, and there is no passphrase for it")}, // the end of the input
+        {"\3", 0, 128 + SIGINT, prompt},
+        {"", SIGTERM, 128 + SIGTERM, prompt}};
+    for (const auto& [text, signal, status, output] : typed) {
+        auto arguments = encrypted;
+        arguments.insert(arguments.end(), {"--output", "typed.rpm", "a.rpm"});
+        const auto result = answer(arguments, text, signal);
+        EXPECT_EQ(result.status, status);
+        EXPECT_EQ(result.output, output);
+    }
+    EXPECT_EQ(readFile(scratch.path() / "typed.rpm"), readFile(scratch.path() / "signed.rpm"));
     const std::tuple<std::vector<std::string>, const char*, const char*> bad[] = {
         {encrypted, "", "secret.key: is encrypted, and there is no passphrase for it"},
         {encrypted, "ca/ca.pem", "secret.key: couldn't be decrypted with the passphrase"},

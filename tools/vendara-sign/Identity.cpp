@@ -35,19 +35,20 @@ struct Contents {
     const char* problem = nullptr; ///< why there may be nothing
 };
 
-/// Asks for a passphrase when OpenSSL needs one.
+/// Asks for a passphrase once, however often OpenSSL tries to decrypt with it.
 struct Prompt {
     const std::string& source;
     const Passphrase& passphrase;
     bool isAsked = false;
-    bool isAnswered = false;
+    std::optional<Secret> text = {};
 
     static int answer(char* buffer, int size, int /*isWriting*/, void* self) {
         auto& prompt = *static_cast<Prompt*>(self);
-        prompt.isAsked = true;
-        const auto text = prompt.passphrase ? prompt.passphrase(prompt.source) : std::nullopt;
-        prompt.isAnswered = text && text->size() < static_cast<std::size_t>(size);
-        if (!prompt.isAnswered) {
+        auto& text = prompt.text;
+        if (!std::exchange(prompt.isAsked, true) && prompt.passphrase) {
+            text = prompt.passphrase(prompt.source);
+        }
+        if (!text || text->size() >= static_cast<std::size_t>(size)) {
             return -1;
         }
         std::copy(text->begin(), text->end(), buffer);
@@ -91,8 +92,8 @@ Contents contentsOf(const std::string& source, const Passphrase& passphrase) {
         }
     }
     if (prompt.isAsked && OSSL_STORE_error(store.get()) != 0) {
-        contents.problem = prompt.isAnswered ? "couldn't be decrypted with the passphrase"
-                                             : "is encrypted, and there is no passphrase for it";
+        contents.problem = prompt.text ? "couldn't be decrypted with the passphrase"
+                                       : "is encrypted, and there is no passphrase for it";
     }
     return contents;
 }

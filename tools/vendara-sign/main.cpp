@@ -8,11 +8,9 @@
 #include "tools/Progress.h"
 #include "tools/vendara-sign/CommandLine.h"
 #include "tools/vendara-sign/PackageSigner.h"
-
-#include <openssl/pem.h>
+#include "tools/vendara-sign/PassphrasePrompt.h"
 
 #include <array>
-#include <cstring>
 #include <ctime>
 #include <exception>
 #include <functional>
@@ -110,13 +108,7 @@ std::optional<Signing::Secret> passphraseOf(const std::string& source, const Arg
     if (arguments.passphrase || isatty(STDIN_FILENO) == 0) {
         return arguments.passphrase;
     }
-    Signing::Secret text(PEM_BUFSIZE);
-    const auto prompt = "Passphrase of " + Common::printable(Signing::shown(source)) + ": ";
-    if (EVP_read_pw_string(text.data(), static_cast<int>(text.size()), prompt.c_str(), 0) != 0) {
-        return {};
-    }
-    text.resize(std::strlen(text.data()));
-    return text;
+    return Signing::promptForPassphrase("Passphrase of " + Common::printable(Signing::shown(source)) + ": ");
 }
 
 std::optional<Signing::Identity> signerFrom(const std::string& key, const std::string& certificate,
