@@ -100,7 +100,7 @@ std::vector<Json> objectsOf(const std::string& output) {
 
 // Every member at every depth.
 void expectDocumented(const Json& value) {
-    static const auto manual = readFile(VENDARACTL_MANUAL);
+    static const auto manual = readFile(MANUALS "/vendaractl.1");
     if (!value.is_structured()) {
         return;
     }

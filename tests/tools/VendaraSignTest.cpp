@@ -231,38 +231,49 @@ TEST_F(VendaraSign, TakesKeysInTheFormsOfOpenSslAndTheirPassphrase) {
     EXPECT_FALSE(std::filesystem::exists(scratch.path() / "b.rpm"));
 }
 
-TEST_F(VendaraSign, TakesSignaturesThatWereMadeOfItsDigestsElsewhere) {
-    auto arguments = by("developer", "developer", "a.rpm", {"--output", "signed.rpm", "--trustlet", "/usr"});
-    ASSERT_EQ(sign(arguments).status, 0);
-    // What a token does.
-    const auto answer = [&](const std::string& signer, const std::string& from, const std::string& to) {
-        const auto key = (scratch.path() / "ca" / (signer + ".key")).string();
-        const auto identity = Signing::loadIdentity(key, key.substr(0, key.size() - 3) + "pem");
-        std::istringstream lines(readFile(scratch.path() / from));
-        std::string answers;
-        for (std::string algorithm, digest; lines >> algorithm >> digest;) {
-            const auto signature =
-                PackageSignatures::signDigest(*identity.key, *EVP_sha256(), boost::algorithm::unhex(digest));
-            answers += algorithm + " " + digest + " " + boost::algorithm::hex_lower(signature) + "\n";
-        }
-        writeFile(scratch.path() / to, answers);
+TEST_F(VendaraSign, TakesSignaturesThatATokenMadeOfItsDigests) {
+    const auto shell = [&](const std::string& script) {
+        const auto result = run({"sh", "-ec", script},
+                                {.environment = {{"SOFTHSM2_CONF", scratch.path() / "softhsm2.conf"},
+                                                 {"PKCS11_MODULE_PATH", "/usr/lib/softhsm/libsofthsm2.so"}},
+                                 .directory = scratch.path()});
+        EXPECT_EQ(result.status, 0) << result.output;
+    };
+    const std::string key = "'pkcs11:object=me;type=private?pin-value=1234'";
+    writeFile(scratch.path() / "softhsm2.conf",
+              "directories.tokendir = " + (scratch.path() / "tokens").native() + "\n");
+    writeFile(scratch.path() / "usage", "keyUsage=critical,digitalSignature\nextendedKeyUsage=" +
+                                            std::string(PackageSignatures::developerUsage) + "\n");
+    shell("mkdir tokens; softhsm2-util --init-token --free --label t --pin 1234 --so-pin 1234;"
+          "pkcs11-tool --module $PKCS11_MODULE_PATH --token-label t --login --pin 1234 --keypairgen"
+          " --key-type rsa:2048 --id 01 --label me;"
+          "openssl req -new -engine pkcs11 -keyform engine -key " +
+          key +
+          " -subj /CN=Me -out me.csr;"
+          "openssl x509 -req -in me.csr -CA ca/ca.pem -CAkey ca/ca.key -extfile usage -out me.pem");
+    const auto answer = [&](const std::string& with, const std::string& from, const std::string& to) {
+        shell("key=" + with + "; exec <" + from + " >" + to +
+              "; eval \"$(sed -n '/^while read/,/^done/ { s/\\\\e$/\\\\/; p }' " MANUALS
+              "/vendara-sign.1)\"");
+        const auto answers = readFile(scratch.path() / to);
         return std::count(answers.begin(), answers.end(), '\n');
     };
+    const auto token = "'-engine pkcs11 -keyform engine -inkey '" + key;
     const auto signWith = [&](std::vector<std::string> more) {
-        more.insert(more.begin(), {"--developer-cert", "ca/developer.pem", "--trustlet", "/usr"});
+        more.insert(more.begin(), {"--developer-cert", "me.pem", "--trustlet", "/usr"});
         more.emplace_back("a.rpm");
         return sign(more);
     };
     const auto before = readFile(file);
     EXPECT_EQ(signWith({"--write-digest", "files"}).status, 0);
-    EXPECT_EQ(answer("developer", "files", "files.signed"), 2) << "a file's integrity and trustlet";
+    EXPECT_EQ(answer(token, "files", "files.signed"), 2) << "a file's integrity and trustlet";
     EXPECT_EQ(signWith({"--attach", "files.signed", "--write-digest", "package"}).status, 0);
     EXPECT_THAT(signWith({"--attach", "files.signed"}).output,
                 HasSubstr("a.rpm: digests without a signature: 1"));
-    EXPECT_EQ(answer("client", "package", "package.signed"), 1);
+    EXPECT_EQ(answer("'-inkey ca/client.key'", "package", "package.signed"), 1);
     EXPECT_THAT(signWith({"--attach", "files.signed", "--attach", "package.signed"}).output,
                 HasSubstr("the signature was not made with the certificate's key"));
-    answer("developer", "package", "package.signed");
+    answer(token, "package", "package.signed");
     EXPECT_EQ(
         signWith({"--attach", "files.signed", "--attach", "package.signed", "--write-digest", "rest"}).status,
         0);
@@ -270,7 +281,7 @@ TEST_F(VendaraSign, TakesSignaturesThatWereMadeOfItsDigestsElsewhere) {
     EXPECT_EQ(readFile(file), before);
     const auto result = signWith({"--attach", "files.signed", "--attach", "package.signed"});
     EXPECT_EQ(result.status, 0) << result.output;
-    EXPECT_EQ(readFile(file), readFile(scratch.path() / "signed.rpm"));
+    EXPECT_EQ(sign({"--verify", "--authority", "ca/ca.pem", "a.rpm"}).status, 0);
 }
 
 TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {

@@ -86,7 +86,8 @@ Secret firstLineOf(const std::string& path) {
 
 void declareSigning(CLI::App& app, Arguments& arguments) {
     addFile(app, "--developer-key", arguments.developerKey,
-            "Sign the package and its files with this private key: PEM, DER, PKCS #12 or a pkcs11: URI");
+            "Sign the package and its files with this private key: PEM, DER, PKCS #12, or a pkcs11: URI "
+            "where OpenSSL's configuration has a provider for it");
     addFile(app, "--developer-cert", arguments.developerCertificate,
             "The developer's certificate, unless it is where the key is");
     addFile(app, "--client-key", arguments.clientKey, "Sign the package as client with this private key");
