@@ -1,18 +1,22 @@
 #include "core/zul/Inspection.h"
 
 #include "common/Files.h"
+#include "common/LogLine.h"
 #include "common/rpm/FileList.h"
 #include "common/rpm/Version.h"
 #include "core/zul/Edge.h"
 #include "core/zul/PackageDirectory.h"
 #include "core/zul/mapping/Mapping.h"
 #include "core/zul/mapping/MappingRules.h"
+#include "core/zul/package/ManifestNames.h"
 #include "core/zul/package/PackageFile.h"
 #include "core/zul/package/PackagePath.h"
+#include "platform/pkgverify/FileWithCmses.h"
 
 #include <cstdlib>
 #include <memory>
 #include <sys/stat.h>
+#include <utility>
 
 namespace Core::ZUL {
 
@@ -101,6 +105,25 @@ void inspect(const std::filesystem::path& file, const InspectedSystem& system, c
     throwAsError();
 }
 
+// The refusal stands whether or not the file can be read again.
+void readClaims(const std::filesystem::path& file, const Authorities& authorities, Inspection& result) try {
+    const PackageFile opened(file);
+    const auto& header = opened.reader();
+    Inspection::Claims claims{.identity = identityOf(header),
+                              .architecture = header.getStringTag(RPMTAG_ARCH),
+                              .signatures = {},
+                              .reason = {}};
+    if (const auto signedFile = PackageSignatures::FileWithCmses::fromPath(opened.openFile())) {
+        claims.signatures = signedFile->cmses();
+        if (PackageSignatures::verificationProblem != nullptr) {
+            claims.reason = PackageSignatures::verificationProblem(*signedFile, authorities.certificates);
+        }
+    }
+    result.claims = std::move(claims);
+} catch (const std::exception& error) {
+    Common::logWarning() << "couldn't read the refused package again: " << error.what();
+}
+
 } // namespace
 
 Inspection inspect(const std::filesystem::path& file, const InspectedSystem& system,
@@ -110,6 +133,9 @@ Inspection inspect(const std::filesystem::path& file, const InspectedSystem& sys
         inspect(file, system, watch, result);
     } catch (const Error& refusal) {
         result.refusal = refusal;
+        if (refusal.code() == ErrorCode::BadPackageSignature) {
+            readClaims(file, system.authorities, result);
+        }
     }
     return result;
 }

@@ -3,6 +3,7 @@
 #include "common/Error.h"
 #include "core/zul/DatabaseLocation.h"
 #include "core/zul/package/Package.h"
+#include "platform/signcms/PackageSignatures.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -20,7 +21,16 @@ struct Inspection {
         bool isPlaceTaken = false; ///< by what a mapping never replaces
     };
 
+    /// What a file says of itself whose signatures are refused. Anybody may have written it.
+    struct Claims {
+        PackageIdentity identity; ///< without the names in the manifest
+        std::string architecture;
+        std::vector<PackageSignatures::Cms> signatures;
+        std::optional<std::string> reason; ///< why they do not hold, where the platform's library says it
+    };
+
     std::optional<Package> package;         ///< nothing when the file itself is refused
+    std::optional<Claims> claims;           ///< exists only when that is for its signatures
     std::string existingVersion;            ///< prepared or else installed; empty: a first installation
     std::vector<File> files;                ///< without directories
     std::uint64_t size = 0;                 ///< bytes of the files

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace PackageSignatures {
@@ -39,9 +40,17 @@ public:
     [[nodiscard]] const std::vector<Cms>& cmses() const;
 
 private:
+    friend std::optional<std::string> verificationProblem(const FileWithCmses& file,
+                                                          const std::filesystem::path& caPath);
+
     explicit FileWithCmses(std::shared_ptr<const OpenPackage> file);
 
     std::shared_ptr<const OpenPackage> file_;
 };
+
+/// Why verifyCmses() gives false, without writing it to standard error; nothing where it gives true. Any
+/// thread. Weak: a device's library may lack it. Its address is null there.
+[[nodiscard, gnu::visibility("default"), gnu::weak]] std::optional<std::string>
+verificationProblem(const FileWithCmses& file, const std::filesystem::path& caPath);
 
 } // namespace PackageSignatures

@@ -146,8 +146,10 @@ const Answer answers[] = {
      "  /usr/bin/free\n  /usr/bin/taken, TAKEN by another file\n"},
     {"foreign.rpm", 6, "is built for s390x, not for", "com.example.app 4.0-1, s390x, an upgrade of 1.0-1\n"},
     {"old.rpm", 7, "package is signed with a non-legal key",
-     "/old.rpm\": certificate: certificate has expired\n"},
-    {"stranger.rpm", 7, "package is signed with a non-legal key", "/stranger.rpm\": certificate: unable"},
+     "com.example.first 1.0-1, noarch, UNVERIFIED\n  unverified signer: CN=Test developer, valid until "
+     "2002-01-01\n  reason: certificate: certificate has expired\n"},
+    {"stranger.rpm", 7, "package is signed with a non-legal key",
+     "  reason: certificate: unable to get local"},
     {"behind.rpm", 7, "couldn't retrieve cmses from package", ""},
     {"cut.rpm", 4, "the rpm package is cut off", ""}};
 
@@ -178,6 +180,7 @@ TEST_F(Check, AnswersForEachFileAsTheInstallationWould) {
         EXPECT_THAT(error, HasSubstr(answer.error));
         EXPECT_THAT(words.output,
                     AllOf(HasSubstr(answer.words), HasSubstr(sentenceOf(path, answer.code, error))));
+        EXPECT_EQ(object.contains("unverified"), answer.code == 7);
         EXPECT_TRUE(!object.contains("package") || object["available"].is_number());
         expectDocumented(object);
     }
@@ -185,6 +188,7 @@ TEST_F(Check, AnswersForEachFileAsTheInstallationWould) {
     EXPECT_EQ(objects[3]["files"],
               Json::parse(R"([{"path": "/usr/bin/free", "place": "/usr/bin/free", "taken": false},
                                                    {"path": "/usr/bin/taken", "place": "/usr/bin/taken", "taken": true}])"));
+    EXPECT_EQ(objects[5]["reason"], "certificate: certificate has expired");
     EXPECT_EQ(check({"keys.rpm", "upgrade.rpm"}).status, 0);
     // Nothing is checked.
     const auto absent = check({"keys.rpm", "absent.rpm", "--json"});

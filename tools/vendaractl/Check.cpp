@@ -39,6 +39,21 @@ JsonValue toJson(const std::string& file, const Inspection& found) {
         result["errorCode"] = static_cast<int>(found.refusal->code());
         result["error"] = found.refusal->what();
     }
+    if (found.claims) {
+        const auto& claims = *found.claims;
+        result["reason"] = claims.reason ? JsonValue(*claims.reason) : JsonValue();
+        auto signers = JsonValue::array();
+        for (const auto& cms : claims.signatures) {
+            const auto& certificate = cms.certificate();
+            signers.push_back({{"subject", certificate.subject()},
+                               {"keyId", certificate.keyId()},
+                               {"validUntil", toJson(Core::ZUL::expiryOf(cms))}});
+        }
+        result["unverified"] = {{"package", claims.identity.id()},
+                                {"version", claims.identity.version()},
+                                {"architecture", claims.architecture},
+                                {"signers", signers}};
+    }
     if (!found.package) {
         return result;
     }
@@ -86,6 +101,17 @@ void print(const std::string& file, const Inspection& found) {
         for (const auto& each : found.files) {
             line("  " + (each.place.empty() ? each.path + ", not mapped" : each.place) +
                  (each.isPlaceTaken ? ", TAKEN by another file" : ""));
+        }
+    }
+    if (found.claims) {
+        const auto& claims = *found.claims;
+        line(claims.identity.id() + " " + claims.identity.version() + ", " + claims.architecture +
+             ", UNVERIFIED");
+        for (const auto& cms : claims.signatures) {
+            line("  unverified signer: " + cms.certificate().subject() + inWords(Core::ZUL::expiryOf(cms)));
+        }
+        if (claims.reason) {
+            line("  reason: " + *claims.reason);
         }
     }
     line(file + ": " +

@@ -63,11 +63,11 @@ bool isSystemDeveloperKey(const std::string& keyId, const std::filesystem::path&
     return line == keyId;
 }
 
+} // namespace
+
 Expiry expiryOf(const PackageSignatures::Cms& cms) {
     return PackageSignatures::validUntil != nullptr ? Expiry(PackageSignatures::validUntil(cms)) : Expiry();
 }
-
-} // namespace
 
 Package::Package(PackageIdentity identity, const PackageSignatures::Cms& developerCms,
                  std::shared_ptr<const PackageFile> file)

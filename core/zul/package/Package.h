@@ -22,6 +22,9 @@ class PackageFile;
 /// When a certificate expires (UTC); nothing where the platform's library does not say.
 using Expiry = std::optional<std::chrono::sys_seconds>;
 
+/// When the certificate of a signature's signer expires.
+[[nodiscard]] Expiry expiryOf(const PackageSignatures::Cms& cms);
+
 /// Attaches an extended attribute to a file that is open for writing.
 /// @return 0, or the errno value that says why not
 using AttributeWriter = std::function<int(int file, const std::string& name, const std::string& value)>;

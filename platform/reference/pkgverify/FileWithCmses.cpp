@@ -12,7 +12,7 @@ namespace {
 
 /// Writes why the signatures of a file could not be read or do not hold.
 /// @param path  of the file, or a link to it
-void warn(const char* words, const std::filesystem::path& path, const std::exception& reason) {
+void warn(const char* words, const std::filesystem::path& path, const std::string& reason) {
     std::error_code isNotALink;
     const auto target = std::filesystem::read_symlink(path, isNotALink);
     Common::logWarning() << words << " the signatures of " << Common::quoted(isNotALink ? path : target)
@@ -28,18 +28,26 @@ std::optional<FileWithCmses> FileWithCmses::fromPath(const std::filesystem::path
     try {
         return FileWithCmses(std::make_shared<const OpenPackage>(path));
     } catch (const std::exception& error) {
-        warn("couldn't read", path, error);
+        warn("couldn't read", path, error.what());
         return {};
     }
 }
 
 bool FileWithCmses::verifyCmses(const std::filesystem::path& caPath) const {
+    const auto problem = verificationProblem(*this, caPath);
+    if (problem) {
+        warn("couldn't verify", "/proc/self/fd/" + std::to_string(file_->descriptor()), *problem);
+    }
+    return !problem;
+}
+
+std::optional<std::string> verificationProblem(const FileWithCmses& file,
+                                               const std::filesystem::path& caPath) {
     try {
-        file_->requireVerified(caPath);
-        return true;
+        file.file_->requireVerified(caPath);
+        return {};
     } catch (const std::exception& error) {
-        warn("couldn't verify", "/proc/self/fd/" + std::to_string(file_->descriptor()), error);
-        return false;
+        return error.what();
     }
 }
 
