@@ -1,6 +1,7 @@
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
+#include "tests/tools/Manual.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -96,20 +97,6 @@ std::vector<Json> objectsOf(const std::string& output) {
         }
     }
     return objects;
-}
-
-// Every member at every depth.
-void expectDocumented(const Json& value) {
-    static const auto manual = readFile(MANUALS "/vendaractl.1");
-    if (!value.is_structured()) {
-        return;
-    }
-    for (const auto& [key, member] : value.items()) {
-        if (value.is_object()) {
-            EXPECT_THAT(manual, testing::ContainsRegex("\n\\.Ql " + key + "[ \n]"));
-        }
-        expectDocumented(member);
-    }
 }
 
 TEST_F(Check, ShowsTheSignersAndWhenTheirCertificatesExpire) {

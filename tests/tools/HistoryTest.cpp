@@ -1,5 +1,6 @@
 #include "testbed/Process.h"
 #include "tests/core/zul/DatabaseTest.h"
+#include "tests/tools/Manual.h"
 
 #include <nlohmann/json.hpp>
 
@@ -141,6 +142,7 @@ TEST_F(History, ShowsWhatTheDatabaseDidWithEachPackage) {
     const auto first = Json::parse(json.output.substr(0, json.output.find('\n')));
     EXPECT_THAT(first["time"].get<std::string>(), MatchesRegex("2026-11-22T11:30:[0-9][0-9].05:30"));
     EXPECT_EQ(first["event"], "PackageInstalled");
+    expectDocumented(first);
     EXPECT_EQ(first["version"], "5-1");
     EXPECT_EQ(std::count(json.output.begin(), json.output.end(), '\n'), 2);
 }

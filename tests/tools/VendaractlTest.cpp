@@ -5,6 +5,7 @@
 #include "testbed/ScriptedPeers.h"
 #include "testbed/ScriptedService.h"
 #include "testbed/WaitUntil.h"
+#include "tests/tools/Manual.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -39,7 +40,9 @@ protected:
 
 Json lastLine(const std::string& output) {
     const auto text = output.substr(0, output.size() - 1);
-    return Json::parse(text.substr(text.rfind('\n') + 1));
+    auto value = Json::parse(text.substr(text.rfind('\n') + 1));
+    expectDocumented(value);
+    return value;
 }
 
 TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndExplainsItsErrorCode) {
@@ -307,6 +310,7 @@ TEST_F(Vendaractl, MonitorsPackagesWithoutLettingThemSteerTheTerminal) {
     std::istringstream lines(json->output());
     for (std::string line; std::getline(lines, line);) {
         const auto event = Json::parse(line);
+        expectDocumented(event);
         EXPECT_TRUE(event["event"] == "ServiceLeft" || event["package"].is_string()) << line;
         EXPECT_EQ(event["event"] == "PackageInstalled", event.contains("certificateId")) << line;
     }

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "testbed/ScratchDirectory.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace Testbed {
+
+/// Expects each member of a JSON text, at every depth, in the manual of vendaractl.
+inline void expectDocumented(const nlohmann::json& value) {
+    static const auto manual = readFile(MANUALS "/vendaractl.1");
+    if (!value.is_structured()) {
+        return;
+    }
+    for (const auto& [key, member] : value.items()) {
+        if (value.is_object()) {
+            const auto line = "\n.Ql " + key;
+            EXPECT_TRUE(manual.find(line + "\n") != std::string::npos ||
+                        manual.find(line + " ") != std::string::npos)
+                << key;
+        }
+        expectDocumented(member);
+    }
+}
+
+} // namespace Testbed
