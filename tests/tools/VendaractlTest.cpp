@@ -156,7 +156,11 @@ TEST_F(Vendaractl, NamesWhatIsWrongWithACommandLine) {
         {{"history", "a/b"}, "vendaractl: a/b: not a valid identifier"},
         {{"history", "--directory", "absent"}, "--directory: "},
         {{"history", "--directory", "/", "--root", "/"}, "--root excludes --directory"},
+        {{"size", "--configuration", "/etc/passwd"}, "--configuration: /etc/passwd: line 1: "},
+        {{"check", "--configuration", "/dev/null", "x"}, "--configuration: "},
+        {{"verify", "--configuration", "none.conf"}, "--configuration: none.conf: has no section [database]"},
         {{"operations", "--follow=3"}, "--follow takes no value"}};
+    writeFile(scratch.path() / "none.conf", "[other]\nroot_directory=/\n");
     for (const auto& [arguments, problem] : cases) {
         const auto result = ctl(arguments);
         EXPECT_EQ(result.status, 2) << problem;

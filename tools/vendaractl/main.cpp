@@ -1,9 +1,13 @@
 #include "client/Client.h"
 #include "common/BusText.h"
 #include "common/Error.h"
+#include "common/Files.h"
 #include "common/PackageId.h"
 #include "tools/CommandLine.h"
 #include "tools/vendaractl/Commands.h"
+
+#include <boost/property_tree/ini_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
 
 #include <array>
 #include <cerrno>
@@ -11,6 +15,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <sstream>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -52,6 +57,19 @@ Problem problemOfPlace(const std::string& path, bool isInImage) {
 std::string fromEnvironment(const char* name, std::string otherwise = {}) {
     const char* const value = std::getenv(name);
     return value != nullptr && *value != '\0' ? value : std::move(otherwise);
+}
+
+// The database takes the defaults for what it cannot parse. A person who names a file means it.
+std::string problemOfConfiguration(const std::string& path) try {
+    constexpr std::size_t sizeLimit = std::size_t{1024} * 1024;
+    std::istringstream text(Common::readExistingFile(path, sizeLimit));
+    boost::property_tree::ptree tree;
+    boost::property_tree::read_ini(text, tree);
+    return tree.count("database") == 0 ? path + ": has no section [database]" : "";
+} catch (const boost::property_tree::ini_parser_error& error) {
+    return path + ": line " + std::to_string(error.line()) + ": " + error.message();
+} catch (const Common::Error& error) {
+    return error.what();
 }
 
 class Program {
@@ -168,7 +186,7 @@ private:
         return {command
                     ->add_option("--configuration", request_.configuration,
                                  "The database's configuration [/etc/zul/zul.conf]")
-                    ->check(CLI::ExistingFile),
+                    ->check(problemOfConfiguration),
                 command->add_option("--system-root", request_.systemRoot, "Directory that stands for / [/]")
                     ->check(CLI::ExistingDirectory)};
     }
