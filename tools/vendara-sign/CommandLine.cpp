@@ -116,7 +116,8 @@ void declare(CLI::App& app, Arguments& arguments) {
     app.add_option("PACKAGE", arguments.packages, "The rpm packages")->type_name("FILE");
     declareSigning(app, arguments);
     app.add_flag("--strip", arguments.strip, "Remove all signatures");
-    auto* authority = addFile(app, "--authority", arguments.authority, "The authority's certificate (PEM)");
+    auto* authority = addFile(app, "--authority", arguments.authority, "The authority's certificate (PEM)")
+                          ->check(CLI::ExistingFile);
     authority->needs(
         app.add_flag("--verify", arguments.verify, "Verify the package's signatures")->needs(authority));
     app.add_flag("--show", arguments.show, "Print who signed the package, without verifying it");

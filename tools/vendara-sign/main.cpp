@@ -54,6 +54,8 @@ void printSigners(const std::string& path, const OpenPackage& package, bool asJs
         std::cout << Tools::textOf(result) << "\n";
         return;
     }
+    std::cout << Common::printable(path) << ": " << package.packageLength() << " bytes"
+              << (signers.empty() ? ", no signatures" : "") << "\n";
     constexpr std::array<std::pair<const char*, const char*>, 5> lines{{{"subject", "subject"},
                                                                         {"issuer", "issuer"},
                                                                         {"validFrom", "valid from"},
@@ -69,11 +71,7 @@ void printSigners(const std::string& path, const OpenPackage& package, bool asJs
 }
 
 void show(const std::string& path, const Arguments& arguments) {
-    const OpenPackage package(path);
-    if (!arguments.json) {
-        std::cout << "package: " << package.packageLength() << " bytes\n";
-    }
-    printSigners(path, package, arguments.json);
+    printSigners(path, OpenPackage(path), arguments.json);
 }
 
 void verify(const std::string& path, const Arguments& arguments, Tools::Progress& progress) {
