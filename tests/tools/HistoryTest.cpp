@@ -179,6 +179,8 @@ TEST_F(History, NamesWhatCannotBeReadAndShowsTheRest) {
         EXPECT_THAT(result.output, AllOf(StartsWith(begin), EndsWith(end)));
     };
     fs::create_directories(journal);
+    expect(1, "vendaractl: no journal in " + journal.native() + "\n", "");
+    writeFile(journal / "created.journal", "");
     expect(0, "", "");
     fs::permissions(journal, fs::perms::none);
     const std::string hint = "vendaractl: entries of the system and of other users are not shown: ";
@@ -188,7 +190,6 @@ TEST_F(History, NamesWhatCannotBeReadAndShowsTheRest) {
     fs::permissions(journal / "a.journal", fs::perms::none);
     expect(1, hint, " may read them\n");
     writeJournal(journal / "b.journal", {upgrade("other", "MESSAGE=done\n")});
-    writeFile(journal / "created.journal", "");
     expect(0, hint, "\tother\t\t0\tdone\n");
     writeFile(journal / "c.journal", "text");
     expect(1, "vendaractl: " + (journal / "c.journal").native() + ": damaged, or not a journal\n", "done\n");
@@ -200,6 +201,8 @@ TEST_F(History, OfAnImageFollowsNoLinkOutOfIt) {
     writeJournal(journal / "a.journal", {upgrade("outside", "")});
     fs::create_directories(image / "run/log");
     fs::create_directory_symlink(journal, image / "run/log/journal");
+    EXPECT_EQ(history({"--root", journal}).output,
+              "vendaractl: " + journal.native() + ": no journal in /run/log/journal/ or /var/log/journal/\n");
     const auto result = history({"--root", image});
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.output, MatchesRegex("[^\n]*\tPackageUpgraded\tinside\t\t0\t\n"));

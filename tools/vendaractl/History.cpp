@@ -126,6 +126,9 @@ public:
             hasFailed_ = hasFailed_ || isEmpty;
         }
         if (isEmpty) {
+            if (!isFound_ && !hasFailed_) {
+                failWithoutJournal();
+            }
             return rows;
         }
         const auto journal = openJournal(files_);
@@ -160,9 +163,11 @@ private:
         const UniqueFd top(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         const auto visit = [&](const fs::path& path, const struct stat& status) {
             const auto kind = path.extension();
-            // An empty one was just created.
-            if (S_ISREG(status.st_mode) && status.st_size > 0 &&
-                (kind == ".journal" || kind == ".journal~")) {
+            if (!S_ISREG(status.st_mode) || (kind != ".journal" && kind != ".journal~")) {
+                return;
+            }
+            isFound_ = true;
+            if (status.st_size > 0) { // else it was just created
                 add(path, Common::openWithin(top.get(), path.relative_path(), O_RDONLY | O_NONBLOCK,
                                              Common::Resolve::InRoot));
             }
@@ -194,6 +199,14 @@ private:
         }
     }
 
+    void failWithoutJournal() {
+        std::string places;
+        for (const auto& directory : directoriesOf(request_)) {
+            places += (places.empty() ? "" : " or ") + directory.native();
+        }
+        fail(request_.image, "no journal in " + places);
+    }
+
     void fail(const std::string& subject, const std::string& message) {
         hasFailed_ = true;
         printFailure(request_.format, subject, message);
@@ -201,6 +214,7 @@ private:
 
     const Request& request_;
     std::vector<UniqueFd> files_;
+    bool isFound_ = false;
     bool isDenied_ = false;
     bool hasFailed_ = false;
 };
