@@ -143,6 +143,15 @@ UniqueFd openRegularFile(const std::filesystem::path& file) noexcept {
     return fd;
 }
 
+UniqueFd openExistingFile(const std::filesystem::path& file) {
+    auto fd = openRegularFile(file);
+    if (!fd) {
+        throw Error(ErrorCode::Filesystem,
+                    errno == EINVAL ? "not a regular file" : std::generic_category().message(errno));
+    }
+    return fd;
+}
+
 struct stat statusOf(int descriptor) {
     struct stat status {};
     if (fstat(descriptor, &status) != 0) {
@@ -301,7 +310,7 @@ AtomicFile::AtomicFile(const std::filesystem::path& directory, const std::string
         named_ = true;
     }
     if (!file_) {
-        throw filesystemError("couldn't create " + pending_.native());
+        throw filesystemError("couldn't create " + final_.native());
     }
 }
 
@@ -318,18 +327,18 @@ void AtomicFile::giveName() {
     }
     const auto self = "/proc/self/fd/" + std::to_string(file_.get());
     if (linkat(AT_FDCWD, self.c_str(), AT_FDCWD, pending_.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-        throw filesystemError("couldn't create " + pending_.native());
+        throw filesystemError("couldn't create " + final_.native());
     }
     named_ = true;
 }
 
 void AtomicFile::commit(Durability durability) {
     if (fchmod(file_.get(), mode_) != 0) {
-        throw filesystemError("couldn't set the mode of " + pending_.native());
+        throw filesystemError("couldn't set the mode of " + final_.native());
     }
     // The content first: a name on disk without it would be an empty file.
     if (durability == Durability::Now && fsync(file_.get()) != 0) {
-        throw filesystemError("couldn't flush " + pending_.native());
+        throw filesystemError("couldn't flush " + final_.native());
     }
     giveName();
     if (rename(pending_.c_str(), final_.c_str()) != 0) {

@@ -67,6 +67,10 @@ enum class Resolve {
 /// @return nothing with errno set when it cannot be opened; EISDIR or EINVAL when it is not a regular file
 [[nodiscard]] UniqueFd openRegularFile(const std::filesystem::path& file) noexcept;
 
+/// The same for a file that has to be there. Throws Error, code Filesystem, with the reason alone: the caller
+/// names the file.
+[[nodiscard]] UniqueFd openExistingFile(const std::filesystem::path& file);
+
 /// The status of an open file.
 [[nodiscard]] struct stat statusOf(int descriptor);
 
@@ -153,7 +157,7 @@ public:
 
     /// To read what was written; it is appended at the descriptor's offset.
     [[nodiscard]] int descriptor() const { return file_.get(); }
-    void write(std::string_view content) { writeAll(file_.get(), content, pending_); }
+    void write(std::string_view content) { writeAll(file_.get(), content, final_); }
     void commit(Durability durability);
 
 private:

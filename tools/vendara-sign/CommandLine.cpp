@@ -156,6 +156,10 @@ void checkSigning(const Arguments& arguments) {
 
 void requireOther(const std::string& option, const std::string& output,
                   const std::vector<std::string>& inputs) {
+    const auto directory = std::filesystem::path(output).parent_path();
+    std::error_code unknown;
+    require(directory.empty() || std::filesystem::is_directory(directory, unknown),
+            option + ": no such directory: " + directory.native());
     for (const auto& input : inputs) {
         std::error_code notThere;
         require(!std::filesystem::equivalent(output, input, notThere), option + " would overwrite " + input);
@@ -200,8 +204,9 @@ void checkUsage(Arguments& arguments) {
     checkSigning(arguments);
     checkOutputs(arguments);
     for (const auto& file : arguments.signatureFiles) {
+        const auto text = readArgument(file);
         try {
-            arguments.digests.addSignatures(readArgument(file));
+            arguments.digests.addSignatures(text);
         } catch (const std::runtime_error& error) {
             throw CLI::ValidationError(file + ": " + error.what());
         }

@@ -98,11 +98,6 @@ Common::AtomicFile newFile(const Common::UniqueFd& package, const std::filesyste
     return {path.parent_path(), path.filename().native(), {.mode = mode, .concurrentWriters = true}};
 }
 
-Common::UniqueFd opened(const std::filesystem::path& package) {
-    auto file = Common::openRegularFile(package);
-    return file ? std::move(file) : throw Common::filesystemError(package.native());
-}
-
 std::string pathOf(int descriptor) { return "/proc/self/fd/" + std::to_string(descriptor); }
 
 /// Bytes of the package by its own header: what is behind it need not be readable.
@@ -111,7 +106,7 @@ std::uint64_t lengthOf(const Common::UniqueFd& package) {
 }
 
 void writeSigned(const SignRequest& request) {
-    const auto file = opened(request.package);
+    const auto file = Common::openExistingFile(request.package);
     std::optional<OpenPackage> package;
     if (!request.replaces || !request.developer || !request.client) {
         package.emplace(pathOf(file.get()));
@@ -153,7 +148,7 @@ void writeSigned(const SignRequest& request) {
 }
 
 void writeStripped(const std::filesystem::path& path, const std::filesystem::path& output) {
-    const auto package = opened(path);
+    const auto package = Common::openExistingFile(path);
     auto copy = newFile(package, output);
     copyBytes(package.get(), lengthOf(package), copy);
     copy.commit(Common::Durability::Now);

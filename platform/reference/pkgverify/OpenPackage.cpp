@@ -10,8 +10,8 @@
 namespace PackageSignatures {
 
 OpenPackage::OpenPackage(const std::filesystem::path& path)
-    : file_(Common::openRegularFile(path))
-    , size_(file_ ? Common::sizeOf(file_.get()) : throw Common::filesystemError("couldn't open the file"))
+    : file_(Common::openExistingFile(path))
+    , size_(Common::sizeOf(file_.get()))
     , layout_(Container::readLayout(descriptor(), size_)) {
     if (layout_) {
         const auto rpm = Common::Rpm::readPackageLayout(descriptor());
