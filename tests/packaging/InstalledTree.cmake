@@ -41,19 +41,25 @@ endforeach()
 set(ENV{PATH} ${tree}/bin:$ENV{PATH})
 set(ENV{XDG_DATA_DIRS} ${tree}/share)
 set(ENV{HOME} ${SCRATCH})
-run(bash -c [[. $0
-    COMP_WORDS=(vendaractl --json re) COMP_CWORD=2
-    _vendara vendaractl re --json
-    [ "${COMPREPLY[*]}" = 'remove restart' ] ]] ${tree}/share/bash-completion/completions/vendaractl)
-run(fish -c "complete -C 'vendaractl --json re' | cut -f 1")
-if(NOT output STREQUAL "remove\nrestart\n")
-    message(FATAL_ERROR "fish: ${output}")
-endif()
+foreach(case "vendaractl --json re=remove restart" "vendara-sign --st=--strip" "vendara-devkit --sh=--shell")
+    string(REGEX MATCH "(([a-z-]+).*)=(.*)" case ${case})
+    set(words ${CMAKE_MATCH_3})
+    run(bash -c [[. $0
+        COMP_WORDS=($1) COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+        _vendara "${COMP_WORDS[0]}" "${COMP_WORDS[-1]}"
+        [ "${COMPREPLY[*]}" = "$2" ] ]] ${tree}/share/bash-completion/completions/${CMAKE_MATCH_2} ${CMAKE_MATCH_1} ${words})
+    run(fish -c "complete -C '${CMAKE_MATCH_1}' | cut -f 1 | tr '\\n' ' '")
+    if(NOT output STREQUAL "${words} ")
+        message(FATAL_ERROR "fish: ${output}")
+    endif()
+endforeach()
 file(WRITE ${SCRATCH}/complete.zsh [[
     zmodload zsh/zpty && zpty shell zsh -fi
-    zpty -w shell "fpath=($1 \$fpath); autoload -U compinit; compinit -u -d $2; vendaractl() { print GOT:\$*: }"
-    zpty -w shell $'vendaractl --json rem\t'
-    zpty -r shell output '*GOT:--json remove:*'
+    zpty -w shell "fpath=($1 \$fpath); autoload -U compinit; compinit -u -d $2"
+    zpty -w shell 'vendaractl vendara-sign vendara-devkit() { print GOT:$0 $*: }'
+    zpty -w shell $'vendaractl --json rem\t' && zpty -r shell output '*GOT:vendaractl --json remove:*' &&
+    zpty -w shell $'vendara-sign --st\t' && zpty -r shell output '*GOT:vendara-sign --strip:*' &&
+    zpty -w shell $'vendara-devkit --sh\t' && zpty -r shell output '*GOT:vendara-devkit --shell:*'
 ]])
 run(zsh ${SCRATCH}/complete.zsh ${tree}/share/zsh/site-functions ${SCRATCH}/zcompdump)
 
