@@ -74,7 +74,7 @@ public:
     }
     void lost(const Operation& operation) override {
         throw ServiceAbsent(operation.packageId +
-                            ": the service no longer knows the operation; its result is unknown");
+                            ": the service no longer lists the operation; its result is unknown");
     }
     void earlier(const Operation& operation) override { changed(operation); }
 
@@ -266,10 +266,10 @@ private:
         const bool isNoReply = isOneOf({"NoReply"});
         if (error.getName().starts_with(prefix + "Spawn.Child") ||
             (isNoReply && wasStarted_ && !hasReplied_)) {
-            throw ServiceAbsent("the service ended while it started; its log says why");
+            throw ServiceAbsent("the service ended during its start; see its log");
         }
         if (isNoReply) {
-            throw ServiceAbsent("the service ended before it answered");
+            throw ServiceAbsent("the service ended before it replied");
         }
         if (error.getName() != Own::error &&
             (!source_.hasOwner() ||

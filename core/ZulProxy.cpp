@@ -192,7 +192,7 @@ asio::awaitable<void> ZulProxy::reconnect() {
             auto made =
                 co_await Common::Loop::finish(job, Common::TimePoint::clock::now() + Common::defaultTimeout);
             link_ = std::make_unique<Link>(*this, std::move(made));
-            Common::logWarning() << "made the connection to " << Peer::service << " anew";
+            Common::logWarning() << "connected to " << Peer::service << " again";
         } catch (const std::exception&) {
             // The loss has been reported; a call that needs the connection gets an error.
         }

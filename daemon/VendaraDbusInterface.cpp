@@ -78,7 +78,7 @@ bool areDescriptorsShort() {
 // A text out of a file, about to be sent.
 std::string requireBusText(std::string text, const char* what) {
     if (!Common::isBusText(text)) {
-        throw Common::Error(Common::ErrorCode::Internal, std::string(what) + " is no valid text");
+        throw Common::Error(Common::ErrorCode::Internal, std::string(what) + " is not a valid D-Bus string");
     }
     return text;
 }
@@ -121,7 +121,7 @@ VendaraDbusInterface::VendaraDbusInterface(Common::BusConnection& session, std::
     , relays_(loop_) {
     registerAdaptor();
     relayPackageSignals();
-    loop_.onTermination([this] { loop_.spawn("couldn't end in order", end()); });
+    loop_.onTermination([this] { loop_.spawn("couldn't shut down", end()); });
 }
 
 VendaraDbusInterface::~VendaraDbusInterface() { unregisterAdaptor(); }
@@ -212,7 +212,7 @@ asio::awaitable<void> VendaraDbusInterface::answer(std::shared_ptr<Result> reply
     std::exception_ptr cause;
     try {
         if (TimePoint::clock::now() >= request.deadline) {
-            Common::logError() << "a request waited too long for those before it";
+            Common::logError() << "a request timed out waiting for earlier requests of its connection";
             throw refusal(texts.late);
         }
         auto handled = handler(*reply, request); // named: g++ 12 destroys temporaries of co_await twice

@@ -285,7 +285,7 @@ class Client:
                 self._changed(operation)
         for key in absent & self._absent:
             if not self._is_announced(key):
-                raise ServiceAbsent("the service no longer knows the operation; its result is unknown")
+                raise ServiceAbsent("the service no longer lists the operation; its result is unknown")
             self._update(self._operations[key]._replace(status=FINISHED))
         self._absent = absent  # An operation may be on its way from one list to the other.
 

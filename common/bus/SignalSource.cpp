@@ -79,7 +79,7 @@ bool SignalSource::isFromOwner(const sdbus::Message& message, const std::string&
         return true;
     }
     if (!std::exchange(hasLogged_, true)) {
-        logWarning() << "dropped signals of others than " << service_ << ", first: " << signal << " from "
+        logWarning() << "dropped signals not sent by " << service_ << ", first: " << signal << " from "
                      << sender;
     }
     return false;

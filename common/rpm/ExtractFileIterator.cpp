@@ -96,7 +96,7 @@ private:
     void checkDigest() {
         if (!digest_->matches()) {
             throw Error(ErrorCode::BadPackage,
-                        "the content of a file is not what the rpm package's header says: " +
+                        "the content of a file does not match the rpm package's header: " +
                             Common::quoted(entry_.path));
         }
     }

@@ -33,7 +33,7 @@ int descriptorOf(const Reader& reader) { return reader.file() != nullptr ? Filen
 PackageLayout layoutOf(const Reader& reader) {
     const auto layout = readPackageLayout(descriptorOf(reader));
     if (!layout || !layout->endOffset || *layout->endOffset < layout->payloadOffset) {
-        refuse("the rpm package does not say how long it is");
+        refuse("the rpm package's header has no size");
     }
     return *layout;
 }
@@ -77,7 +77,7 @@ std::string digestOf(int file, std::uint64_t start, std::uint64_t end, int algor
     std::unique_ptr<std::remove_pointer_t<DIGEST_CTX>, void (*)(DIGEST_CTX)> context(
         rpmDigestInit(algorithm, RPMDIGEST_NONE), freeContext);
     if (!context) {
-        refuse("the payload digest of the rpm package is of an unknown kind");
+        refuse("the payload digest of the rpm package has an unknown algorithm");
     }
     std::vector<std::byte> piece(pieceSize);
     while (start < end) {
@@ -106,10 +106,10 @@ std::uint64_t packageLength(const Reader& reader) {
     }
     const auto layout = layoutOf(reader);
     if (*layout.endOffset > sizeOf(descriptorOf(reader))) {
-        refuse("the rpm package is cut off");
+        refuse("the rpm package is truncated");
     }
     if (continuesPayload(descriptorOf(reader), *layout.endOffset)) {
-        refuse("the payload of the rpm package continues behind its end");
+        refuse("the payload of the rpm package continues after its end");
     }
     return *layout.endOffset;
 }
@@ -126,13 +126,13 @@ void requirePayloadDigest(const Reader& reader, const ReadingProgress& progress)
     const auto algorithm = static_cast<int>(headerGetNumber(reader.header(), RPMTAG_PAYLOADDIGESTALGO));
     if (text.empty() ||
         digestOf(descriptorOf(reader), layoutOf(reader).payloadOffset, end, algorithm, progress) != text) {
-        refuse("the payload of the rpm package is not what its header says");
+        refuse("the payload of the rpm package does not match its digest");
     }
 }
 
 void requireWholePackage(const Reader& reader, std::uint64_t length, const ReadingProgress& progress) {
     if (packageLength(reader) != length) {
-        refuse("the rpm package has something behind its end");
+        refuse("the rpm package has data after its end");
     }
     requirePayloadDigest(reader, progress);
 }

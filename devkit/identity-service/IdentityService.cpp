@@ -22,7 +22,7 @@ std::string userName(std::uint32_t user) {
 std::uint32_t credential(const std::map<std::string, sdbus::Variant>& credentials, const std::string& key) {
     const auto found = credentials.find(key);
     if (found == credentials.end()) {
-        throw sdbus::Error(failed, "the bus doesn't know the connection's " + key);
+        throw sdbus::Error(failed, "the bus doesn't report the connection's " + key);
     }
     return found->second.get<std::uint32_t>();
 }

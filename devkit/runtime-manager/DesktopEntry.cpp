@@ -59,7 +59,7 @@ private:
             argument_ += text_[at_];
         }
         if (at_ == text_.size()) {
-            fail("with an open quote");
+            fail("with an unterminated quote");
         }
         ++at_;
     }

@@ -350,7 +350,7 @@ std::runtime_error Platform::failureOf(const std::string& program, int status) c
     return std::runtime_error(
         program + " ended with status " + std::to_string(status) +
         (!error && free == 0 ? ", no space is left in " + settings_.directory.native() : "") +
-        (isNamespaceRefused ? ", it needs a mount namespace for an /etc/zul/zul.conf of its own; with "
+        (isNamespaceRefused ? ", it needs a mount namespace for its own /etc/zul/zul.conf; with "
                               "--without-namespace it reads the host's"
                             : "") +
         "; the end of its log:" + log);

@@ -68,12 +68,12 @@ int runPlatform(Devkit::Platform& platform, const Options& options) {
         std::cout << "export " << variable.substr(0, equals) << '=' << inShell(variable.substr(equals + 1))
                   << '\n';
     }
-    std::cout << "# The platform is running until Ctrl-C.\n" << std::flush;
+    std::cout << "# The platform is running. Press Ctrl-C to end it.\n" << std::flush;
     platform.waitForTrouble();
 }
 
-// The keeper: all programs of the platform are its children.
-int keep(const std::filesystem::path& scratch, const Options& options) {
+// The supervisor process: all programs of the platform are its children.
+int supervise(const std::filesystem::path& scratch, const Options& options) {
     try {
         const auto logs = options.logs.empty() ? scratch / "logs" : std::filesystem::absolute(options.logs);
         const auto keys = options.keys.empty() ? scratch / "keys" : std::filesystem::absolute(options.keys);
@@ -87,19 +87,19 @@ int keep(const std::filesystem::path& scratch, const Options& options) {
     }
 }
 
-// Signals go on to the keeper: it tears the platform down.
-int waitForKeeper(pid_t keeper, const sigset_t& signals) {
+// Forwards signals to the supervisor, which then stops the platform.
+int waitForSupervisor(pid_t supervisor, const sigset_t& signals) {
     for (int signal = 0;;) {
         const int received = sigwaitinfo(&signals, nullptr);
         if (received > 0 && received != SIGCHLD) {
             signal = received;
-            kill(keeper, SIGTERM);
+            kill(supervisor, SIGTERM);
         }
         int status = 0;
         for (pid_t process = 0; (process = waitpid(-1, &status, WNOHANG)) > 0;) {
-            if (process == keeper) {
+            if (process == supervisor) {
                 if (WIFSIGNALED(status)) {
-                    std::cerr << "vendara-devkit: the keeper of the platform was killed\n";
+                    std::cerr << "vendara-devkit: the supervisor of the platform was killed\n";
                 }
                 return signal != 0 ? 128 + signal : Common::exitStatusOf(status);
             }
@@ -120,18 +120,18 @@ int guard(const Options& options) {
     Devkit::adoptDescendants();
     const Common::TemporaryDirectory scratch(scratchParent(), "vendara-devkit");
     const pid_t own = getpid();
-    const pid_t keeper = fork();
-    if (keeper < 0) {
+    const pid_t supervisor = fork();
+    if (supervisor < 0) {
         throw Common::filesystemError("couldn't create a process");
     }
-    if (keeper == 0) {
+    if (supervisor == 0) {
         prctl(PR_SET_PDEATHSIG, SIGTERM);
-        const int status = getppid() == own ? keep(scratch.path(), options) : EXIT_FAILURE;
+        const int status = getppid() == own ? supervise(scratch.path(), options) : EXIT_FAILURE;
         Common::guarded("couldn't remove the platform's directory",
                         [&] { Common::removeTree(scratch.path()); });
         _exit(status);
     }
-    const int status = waitForKeeper(keeper, signals);
+    const int status = waitForSupervisor(supervisor, signals);
     for (const pid_t process : Devkit::killDescendants()) {
         std::cerr << "vendara-devkit: process " << process << " belongs to another user and is left behind\n";
     }
@@ -142,10 +142,10 @@ int guard(const Options& options) {
 
 int main(int argc, char** argv) {
     CLI::App parser(
-        "Runs the whole platform in a directory of its own: two buses, a package manager, a runtime "
+        "Runs the whole platform in a temporary directory: two buses, a package manager, a runtime "
         "manager, an identification service and vendara-daemon.\n"
-        "After \"--\" comes a command to run in it. Without one it prints the variables that clients "
-        "need and runs until Ctrl-C.",
+        "Runs the command after \"--\" on the platform. Without a command it prints the environment "
+        "variables for clients and runs until Ctrl-C.",
         "vendara-devkit");
     // The parser would split arguments in brackets.
     char** const end = argv + argc;
@@ -158,10 +158,10 @@ int main(int argc, char** argv) {
     parser.add_flag("--shell", options.shell, "Run an interactive shell in it instead of a command");
     parser.add_option("--logs", options.logs, "Directory for the programs' logs, which are kept");
     parser.add_option("--keys", options.keys,
-                      "Directory of the keys that sign packages; vendara-sign makes missing ones");
+                      "Directory of the keys that sign packages; vendara-sign creates missing ones");
     parser.add_flag(
         "--without-namespace", options.withoutNamespace,
-        "Let the daemon read the host's /etc/zul/zul.conf; it then does not see prepared upgrades");
+        "Let the daemon read the host's /etc/zul/zul.conf; it then does not detect prepared upgrades");
     parser.callback([&options] {
         if (options.shell && !options.command.empty()) {
             throw CLI::ExcludesError("command", "--shell");

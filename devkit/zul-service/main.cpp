@@ -53,20 +53,20 @@ int main(int argc, char** argv) {
     parser.add_option("--configuration", options.configuration, "File that names the database's directories")
         ->capture_default_str()
         ->check(CLI::ExistingFile);
-    parser.add_option("--system-root", options.systemRoot, "Directory in which the packages' files appear")
+    parser.add_option("--system-root", options.systemRoot, "Root directory of the mappings")
         ->capture_default_str()
         ->check(CLI::ExistingDirectory);
     parser.add_option("--keys", options.keys, "Directory of the authority's certificate")
         ->capture_default_str();
     parser.add_option("--architecture", options.architecture,
-                      "Architecture of the packages, beside noarch [the platform's]");
+                      "Architecture of the packages, in addition to noarch [the platform's]");
     parser
         .add_option("--retry-delay", options.retryDelay,
                     "Milliseconds from a failure to complete an upgrade to the next attempt")
         ->capture_default_str()
         ->check(CLI::Range(0, 600000));
     parser.add_flag("--without-security-attributes", options.withoutSecurityAttributes,
-                    "Leave out what only root may attach to files");
+                    "Do not set security attributes, which only root may set");
     if (const auto status = Tools::parse(parser, argc, argv)) {
         return *status;
     }

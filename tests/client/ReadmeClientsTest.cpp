@@ -85,7 +85,7 @@ TEST_P(AClientOfTheReadme, FollowsItsOperationToTheEnd) {
                 AllOf(HasSubstr("install missed.rpm: finished\n"), HasSubstr("install late: ")));
     const auto forgotten = install("forgotten.rpm");
     EXPECT_EQ(forgotten.status, 2);
-    EXPECT_THAT(forgotten.output, HasSubstr("the service no longer knows the operation"));
+    EXPECT_THAT(forgotten.output, HasSubstr("the service no longer lists the operation"));
     const auto text = install("text.rpm");
     EXPECT_EQ(text.status, 2);
     EXPECT_EQ(text.output, "Failed to retrieve id from the rpm package\n");

@@ -118,7 +118,7 @@ TEST(ThePackageManagerClientThatTheBusDisconnects, ConnectsAnewAndReceivesSignal
     zul.emit(Peer::packageRemoved, std::string("a"));
     EXPECT_TRUE(driver.runUntil([&] { return !removed.empty(); }));
     EXPECT_THAT(log.lines(), ElementsAre(testing::StartsWith("ERROR: lost the connection to norvane.ZUL: "),
-                                         "WARN: made the connection to norvane.ZUL anew"));
+                                         "WARN: connected to norvane.ZUL again"));
 }
 
 } // namespace

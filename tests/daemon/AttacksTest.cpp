@@ -91,7 +91,7 @@ TEST_F(AnAttacker, IsNotTakenForThePackageManagerOrTheRuntimeManager) {
     forge("--session", "/norvane/RuntimeManager/Control1", "norvane.RuntimeManager.Control1.Terminated",
           "'a'");
     for (const auto* service : {"norvane.RuntimeManager", "norvane.ZUL"}) {
-        const auto line = std::string("dropped signals of others than ") + service;
+        const auto line = std::string("dropped signals not sent by ") + service;
         EXPECT_TRUE(waitUntil([&] { return isLoggedOnce(line); })) << service;
     }
     zul.emit("PackageRemoved", std::string("last"));
@@ -102,7 +102,7 @@ TEST_F(AnAttacker, IsNotTakenForThePackageManagerOrTheRuntimeManager) {
     runtime.restart();
     runtime.emit("Terminated", std::string("a"));
     EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
-    EXPECT_TRUE(isLoggedOnce("dropped signals of others than norvane.ZUL")) << daemon->output();
+    EXPECT_TRUE(isLoggedOnce("dropped signals not sent by norvane.ZUL")) << daemon->output();
 }
 
 TEST_F(AnAttacker, IsBelievedOnlyWhileItOwnsThePackageManagersName) {

@@ -81,7 +81,7 @@ TEST(TheTour, HoldsFromInstallationToRemoval) {
     const auto result = run({program, "--", "vendara-tour"},
                             {.environment = {{"TMPDIR", "link"}}, .directory = scratch.path()});
     EXPECT_EQ(result.status, 0) << result.output;
-    EXPECT_THAT(result.output, HasSubstr("All steps held"));
+    EXPECT_THAT(result.output, HasSubstr("All steps passed"));
 }
 
 TEST(TheShellOfAPlatform, BeginsWithCommandsThatWorkAsPrinted) {

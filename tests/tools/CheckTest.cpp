@@ -126,19 +126,19 @@ struct Answer {
     const char* words;
 };
 const Answer answers[] = {
-    {"keys.rpm", 0, "", "com.example.first 1.0-1, noarch, a first installation\n"},
-    {"upgrade.rpm", 0, "", "com.example.app 2.0-1, noarch, an upgrade of 1.0-1\n"},
-    {"same.rpm", 8, "1.0-1", "com.example.app 1.0-1, noarch, an upgrade of 1.0-1\n"},
+    {"keys.rpm", 0, "", "com.example.first 1.0-1, noarch, first installation\n"},
+    {"upgrade.rpm", 0, "", "com.example.app 2.0-1, noarch, upgrade of 1.0-1\n"},
+    {"same.rpm", 8, "1.0-1", "com.example.app 1.0-1, noarch, upgrade of 1.0-1\n"},
     {"taken.rpm", 1, "override system file with package mapping: /usr/bin/taken",
      "  /usr/bin/free\n  /usr/bin/taken, TAKEN by another file\n"},
-    {"foreign.rpm", 6, "is built for s390x, not for", "com.example.app 4.0-1, s390x, an upgrade of 1.0-1\n"},
+    {"foreign.rpm", 6, "is built for s390x, not for", "com.example.app 4.0-1, s390x, upgrade of 1.0-1\n"},
     {"old.rpm", 7, "package is signed with a non-legal key",
      "com.example.first 1.0-1, noarch, UNVERIFIED\n  unverified signer: CN=Test developer, valid until "
      "2002-01-01\n  reason: certificate: certificate has expired\n"},
     {"stranger.rpm", 7, "package is signed with a non-legal key",
      "  reason: certificate: unable to get local"},
     {"behind.rpm", 7, "couldn't retrieve cmses from package", ""},
-    {"cut.rpm", 4, "the rpm package is cut off", ""}};
+    {"cut.rpm", 4, "the rpm package is truncated", ""}};
 
 TEST_F(Check, AnswersForEachFileAsTheInstallationWould) {
     makeCandidates();

@@ -85,7 +85,7 @@ TEST_F(Vendaractl, AsksForTheEndWhoseSignalItMissed) {
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.output,
                 AllOf(HasSubstr("ended: finished\n"), HasSubstr("damaged: failed: the installed package is "),
-                      HasSubstr("vendaractl: forgotten: the service no longer knows the operation")));
+                      HasSubstr("vendaractl: forgotten: the service no longer lists the operation")));
     EXPECT_EQ(service.propertyReads, 2);
 }
 
@@ -137,8 +137,7 @@ TEST_F(Vendaractl, ReportsThatTheServiceEndedWhileItStarted) {
         setenv("DBUS_SESSION_BUS_ADDRESS", bus.address().c_str(), 1);
         const auto result = ctl({"list"});
         EXPECT_EQ(result.status, 3);
-        EXPECT_EQ(result.output, "vendaractl: the service ended while it started; its log says why\n")
-            << command;
+        EXPECT_EQ(result.output, "vendaractl: the service ended during its start; see its log\n") << command;
     }
 }
 
@@ -208,7 +207,7 @@ TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {
     const auto output = client->output();
     EXPECT_THAT(output,
                 AllOf(HasSubstr("the operations continue in the background"), Not(HasSubstr("finished"))));
-    const std::string warning = "WARN: dropped signals of others than norvane.Vendara, first: ";
+    const std::string warning = "WARN: dropped signals not sent by norvane.Vendara, first: ";
     EXPECT_THAT(output, HasSubstr(warning + Own::operationStatusChanged));
     EXPECT_EQ(output.find(warning), output.rfind(warning)) << output;
 }
@@ -236,7 +235,7 @@ TEST_F(Vendaractl, FollowsOperationsThatAnotherProcessRequested) {
     ASSERT_THAT(first->output(), HasSubstr(hint));
     const auto id = first->output().substr(first->output().find(hint) + hint.size(), 36);
     EXPECT_EQ(ctl({"wait", "other"}).output,
-              "vendaractl: other: there is no such operation, or its end was reported already\n");
+              "vendaractl: other: there is no such operation, or its result was already reported\n");
     ASSERT_TRUE(zul.answer("Install", "norvane.ZUL.Error.BadPackage"));
     EXPECT_EQ(waiting->wait(), 1);
     EXPECT_THAT(waiting->output(), HasSubstr("install app: failed: the file is damaged"));
@@ -248,7 +247,8 @@ TEST_F(Vendaractl, FollowsOperationsThatAnotherProcessRequested) {
     zul.setPackages({PackageManager::package("app")});
     const auto upgrade = begin({"install", package});
     ASSERT_TRUE(zul.waitForCalls("Install", 2) && zul.answer("Install"));
-    ASSERT_TRUE(upgrade->shows("ends when the application ends; to end it now: vendaractl restart app\n"));
+    ASSERT_TRUE(
+        upgrade->shows("waits for the application to end; to terminate it: vendaractl restart app\n"));
     const auto follower = begin({"operations", "--follow"});
     ASSERT_TRUE(follower->shows("upgrade app: awaiting upgrade"));
     Process inPython({"/usr/bin/python3", "-c",

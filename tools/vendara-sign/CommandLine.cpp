@@ -89,26 +89,26 @@ void declareSigning(CLI::App& app, Arguments& arguments) {
             "Sign the package and its files with this private key: PEM, DER, PKCS #12, or a pkcs11: URI "
             "where OpenSSL's configuration has a provider for it");
     addFile(app, "--developer-cert", arguments.developerCertificate,
-            "The developer's certificate, unless it is where the key is");
+            "The developer's certificate [from the file of the key]");
     addFile(app, "--client-key", arguments.clientKey, "Sign the package as client with this private key");
     addFile(app, "--client-cert", arguments.clientCertificate,
-            "The client's certificate, unless it is where the key is");
+            "The client's certificate [from the file of the key]");
     addFile(app, "--passphrase-file", arguments.passphraseFile,
-            "The first line is the passphrase of the keys; without it the terminal is asked");
+            "File whose first line is the passphrase of the keys [prompt on the terminal]");
     app.add_flag("--allow-expired", arguments.allowExpired,
-                 "Sign with a certificate that is not valid today; no device takes the package");
+                 "Also sign with a certificate that is not valid now; devices reject the package");
     app.add_flag("--replace", arguments.replace, "Replace signatures of the same role");
     app.add_option("--trustlet", arguments.trustlets,
-                   "Sign this file, or all files below this directory of the package, as trustlets too")
+                   "Also sign this file, or all files below this directory, as trustlets")
         ->type_name("PATH")
         ->allow_extra_args(false);
     addFile(app, "--write-digest", arguments.digestOutput,
-            "Instead of signing, write the digests that lack a signature here");
+            "Write the digests that lack a signature to this file instead of signing");
     app.add_option("--attach", arguments.signatureFiles,
-                   "Sign with the signatures in this file, which were made of such digests")
+                   "Sign with the signatures of such digests in this file")
         ->type_name("FILE")
         ->allow_extra_args(false);
-    addFile(app, "--output", arguments.output, "Write the package here instead of replacing PACKAGE");
+    addFile(app, "--output", arguments.output, "Write the package to this file instead of replacing PACKAGE");
 }
 
 void declare(CLI::App& app, Arguments& arguments) {
@@ -120,17 +120,17 @@ void declare(CLI::App& app, Arguments& arguments) {
                           ->check(CLI::ExistingFile);
     authority->needs(
         app.add_flag("--verify", arguments.verify, "Verify the package's signatures")->needs(authority));
-    app.add_flag("--show", arguments.show, "Print who signed the package, without verifying it");
-    app.add_flag("--json", arguments.json, "Print the signers as JSON, one text for each package");
+    app.add_flag("--show", arguments.show, "Print the signers without verifying the package");
+    app.add_flag("--json", arguments.json, "Print the signers as JSON, one object for each package");
     auto* testAuthority = addFile(app, "--make-test-ca", arguments.testAuthority,
-                                  "Make a throw-away authority and keys of a developer, a client and a "
+                                  "Create a test authority and keys of a developer, a client and a "
                                   "system developer in this directory")
                               ->type_name("DIRECTORY");
     const auto addDate = [&](const char* name, std::string& value, const char* help) {
         app.add_option(name, value, help)->type_name("YYYY-MM-DD")->check(checkDate)->needs(testAuthority);
     };
-    addDate("--not-before", arguments.notBefore, "First day of their certificates");
-    addDate("--not-after", arguments.notAfter, "Day on which their certificates end, at 0:00 UTC");
+    addDate("--not-before", arguments.notBefore, "First day on which their certificates are valid");
+    addDate("--not-after", arguments.notAfter, "Day on which their certificates expire, at 0:00 UTC");
     app.footer("Exit status: 0 success, 1 failure, 2 wrong usage.");
 }
 
@@ -138,7 +138,7 @@ void checkSigning(const Arguments& arguments) {
     const bool hasKey = !arguments.developerKey.empty() || !arguments.clientKey.empty();
     const bool isDeveloper = !arguments.developerKey.empty() || !arguments.developerCertificate.empty();
     if (arguments.usesDigests()) {
-        require(!hasKey, "--write-digest and --attach are for signing without a key");
+        require(!hasKey, "--write-digest and --attach cannot be used with a key");
         require(arguments.packages.size() == 1, "--write-digest and --attach take one PACKAGE");
         require(arguments.digestOutput.empty() || arguments.output.empty(),
                 "--write-digest writes no package");
@@ -200,7 +200,7 @@ void checkUsage(Arguments& arguments) {
     require(!arguments.json || reads, "--json is for --show and --verify");
     arguments.validity = validityFrom(arguments);
     require(arguments.validity.notAfter > arguments.validity.notBefore,
-            "the certificates would end before they begin");
+            "the certificates would expire before they become valid");
     checkSigning(arguments);
     checkOutputs(arguments);
     for (const auto& file : arguments.signatureFiles) {

@@ -36,7 +36,7 @@ CmsesByRole existingCmses(const std::vector<PackageSignatures::Cms>& existing,
             continue;
         }
         if (!role || cms.data().content.package != digest || !cmses.emplace(*role, cms.data().der).second) {
-            throw std::runtime_error("the signature that the package has is not valid");
+            throw std::runtime_error("the package's existing signature is not valid");
         }
     }
     return cmses;
@@ -55,11 +55,11 @@ void addCms(CmsesByRole& cmses, Role role, const SignRequest& request, const Com
     }
     auto& certificate = *identity->certificate;
     if (PackageSignatures::certificateOf(certificate).role() != role) {
-        throw std::runtime_error(std::string("the certificate given for the ") + nameOf(role) +
-                                 " is not one of a " + nameOf(role));
+        throw std::runtime_error(std::string("the certificate given for the ") + nameOf(role) + " is not a " +
+                                 nameOf(role) + "'s");
     }
     if (cmses.contains(role)) {
-        throw std::runtime_error(std::string("the package has a ") + nameOf(role) + "'s signature already");
+        throw std::runtime_error(std::string("the package already has a ") + nameOf(role) + "'s signature");
     }
     const PackageSignatures::DigestSigner sign = [&](const EVP_MD& algorithm, std::string_view digest) {
         return request.digests != nullptr ? request.digests->signatureOf(certificate, algorithm, digest)

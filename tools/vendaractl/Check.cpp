@@ -90,10 +90,10 @@ void print(const std::string& file, const Inspection& found) {
     if (found.package) {
         const auto& package = *found.package;
         line(package.id() + " " + package.version() + ", " + package.architecture() +
-             (found.existingVersion.empty() ? ", a first installation"
-                                            : ", an upgrade of " + found.existingVersion));
+             (found.existingVersion.empty() ? ", first installation"
+                                            : ", upgrade of " + found.existingVersion));
         line("  developer: " + package.developerCms().certificate().subject() +
-             (package.isSystemDeveloper() ? " (the platform's)" : "") + inWords(package.developerExpiry()));
+             (package.isSystemDeveloper() ? " (system developer)" : "") + inWords(package.developerExpiry()));
         line("  source: " + (package.sourceSubject().empty() ? "none" : package.sourceSubject()) +
              inWords(package.sourceExpiry()));
         line("  size: " + std::to_string(found.size) + " bytes" +

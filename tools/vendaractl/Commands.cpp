@@ -162,7 +162,7 @@ ExitStatus wait(const Request& request) {
         }
     }
     if (!isKnown) {
-        view->refused(wanted.front(), "there is no such operation, or its end was reported already");
+        view->refused(wanted.front(), "there is no such operation, or its result was already reported");
         return OperationFailed;
     }
     return interruptible(client, [&] { return client.follow(); });

@@ -68,7 +68,7 @@ void print(const Verification& result, const InspectedDatabase& database) {
     }
     for (const auto& each : result.findings) {
         line((each.package.empty() ? "" : each.package + ": ") + each.path + ": " + each.problem);
-        line("  to mend it, " + each.mend);
+        line("  to repair: " + each.mend);
     }
     print(result.unread);
     const bool isEmpty = result.packages.empty() && result.findings.empty() && result.unread.empty();

@@ -31,13 +31,14 @@ public:
         }
     }
     void lost(const Operation& operation) override {
-        refused(operation.packageId, "the service no longer knows the operation; its result is unknown");
+        refused(operation.packageId, "the service no longer lists the operation; its result is unknown");
     }
     void waits(const Operation& operation) override {
         if (format_ == Format::Words) {
-            printFailure(format_, operation.packageId,
-                         "the upgrade ends when the application ends; to end it now: vendaractl restart " +
-                             inShell(operation.packageId));
+            printFailure(
+                format_, operation.packageId,
+                "the upgrade waits for the application to end; to terminate it: vendaractl restart " +
+                    inShell(operation.packageId));
         }
     }
     void earlier(const Operation& operation) override {

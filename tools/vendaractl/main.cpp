@@ -80,7 +80,7 @@ public:
         request_.systemRoot = fromEnvironment("VENDARA_SYSTEM_ROOT", request_.systemRoot);
         request_.ignoresAttributes = !fromEnvironment("VENDARA_NO_ATTRIBUTES").empty();
         app_.set_version_flag("--version", "vendaractl " VENDARA_VERSION);
-        app_.add_flag("--json", isJson_, "Show results as JSON, one text a line");
+        app_.add_flag("--json", isJson_, "Print results as JSON, one object a line");
         app_.require_subcommand(1);
         app_.fallthrough();
         auto* const installation = add("install", "Install or upgrade packages from files", install);
@@ -91,8 +91,7 @@ public:
             command->add_flag("--no-wait", request_.isDetached,
                               "Return as soon as the operations are queued");
         }
-        auto* const inspection =
-            add("check", "Show what an installation of package files would do, and change nothing", check);
+        auto* const inspection = add("check", "Show what an installation of package files would do", check);
         arguments(inspection, "FILE", "Package files");
         inspection
             ->add_option("--authority", request_.authority,
@@ -103,12 +102,12 @@ public:
         add("operations", "List the operations that this program requested", operations)
             ->add_flag("--follow", request_.follow, "Follow them until all have ended");
         arguments(add("wait", "Wait until operations that were requested earlier have ended", wait), "ID",
-                  "Identifier of an operation, or of a package; all operations without it")
+                  "Identifier of an operation or a package [all operations]")
             ->required(false)
             ->expected(1, 1);
         add("info", "Show the platform's architecture and version", info);
         for (auto* const command : {add("start", "Start an application", start),
-                                    add("restart", "End an application and start it again", restart)}) {
+                                    add("restart", "Terminate an application and start it again", restart)}) {
             arguments(command, "ID", "Package identifier")->expected(1, 1);
         }
         add("monitor", "Show installations, upgrades and removals until interrupted", monitor);
@@ -155,17 +154,14 @@ private:
         auto* const search = add("owner", "Show the package that a file belongs to", owner);
         arguments(search, "PATH", "File in a system directory or in the database")->expected(1, 1);
         auto* const measurement = add("size", "Show the bytes that packages take", size);
-        auto* const verification =
-            add("verify", "Compare the database and the system directories, and change nothing", verify);
+        auto* const verification = add("verify", "Compare the database and the system directories", verify);
         auto* const past =
-            add("history", "Show what was installed, upgraded and removed, from the journal", history);
+            add("history", "List installations, upgrades and removals from the journal", history);
         for (auto* const command : {measurement, verification, past}) {
-            arguments(command, "ID", "Package identifier; all packages without it")
-                ->required(false)
-                ->expected(1, 1);
+            arguments(command, "ID", "Package identifier [all packages]")->required(false)->expected(1, 1);
         }
         verification->add_flag("--no-attributes", request_.ignoresAttributes,
-                               "Do not expect security attributes, which only root may attach");
+                               "Do not check security attributes, which only root may set");
         for (auto* const command : {listing, search, measurement, verification}) {
             auto* const image = addImage(command);
             for (auto* const option : addDatabase(command)) {
@@ -173,22 +169,24 @@ private:
             }
         }
         addImage(past)->excludes(
-            past->add_option("--directory", request_.journal, "Directory with the files of a journal")
+            past->add_option("--directory", request_.journal, "Directory of journal files")
                 ->check(CLI::ExistingDirectory));
     }
 
     CLI::Option* addImage(CLI::App* command) {
-        return command->add_option("--root", request_.image, "Root directory of a system image to look into")
+        return command->add_option("--root", request_.image, "Root directory of a system image to read")
             ->check(CLI::ExistingDirectory);
     }
 
     std::array<CLI::Option*, 2> addDatabase(CLI::App* command) {
-        return {command
-                    ->add_option("--configuration", request_.configuration,
-                                 "The database's configuration [/etc/zul/zul.conf]")
-                    ->check(problemOfConfiguration),
-                command->add_option("--system-root", request_.systemRoot, "Directory that stands for / [/]")
-                    ->check(CLI::ExistingDirectory)};
+        return {
+            command
+                ->add_option("--configuration", request_.configuration,
+                             "The database's configuration [/etc/zul/zul.conf]")
+                ->check(problemOfConfiguration),
+            command
+                ->add_option("--system-root", request_.systemRoot, "Directory that takes the place of / [/]")
+                ->check(CLI::ExistingDirectory)};
     }
 
     using Command = ExitStatus (*)(const Request&);

@@ -88,7 +88,7 @@ private:
         line = withoutTrailingBlanks(line);
         const auto name = line.substr(1, line.size() - 2);
         if (line.size() < 2 || line.back() != ']' || !isGroupName(name)) {
-            refuse(lineNumber_, "no valid group header");
+            refuse(lineNumber_, "not a valid group header");
         }
         if (groups_.empty() && name != mainGroup) {
             refuse(lineNumber_, "the first group is not \"Desktop Entry\"");
@@ -112,7 +112,7 @@ private:
             refuse(lineNumber_, "a key outside a group");
         }
         if (!isKey(key)) {
-            refuse(lineNumber_, "no valid key");
+            refuse(lineNumber_, "not a valid key");
         }
         if (std::any_of(value.begin(), value.end(), [](char c) { return isControl(c) && c != '\t'; })) {
             refuse(lineNumber_, "a control character in a value");

@@ -86,7 +86,7 @@ Layout parseTrailer(std::string_view trailer) {
     checkLayout(layout);
     // All other bytes have one valid value.
     if (encodedTrailer(layout) != trailer) {
-        throw std::runtime_error("package has a trailer of an unknown form");
+        throw std::runtime_error("package has a trailer of an unknown format");
     }
     return layout;
 }
@@ -95,7 +95,7 @@ Layout parseTrailer(std::string_view trailer) {
 
 std::optional<Layout> readLayout(int descriptor, std::uint64_t size) {
     if (size < rpmLeadSize || bytesAt(descriptor, 0, rpmMagic.size()) != rpmMagic) {
-        throw std::runtime_error("file is no rpm package");
+        throw std::runtime_error("file is not an rpm package");
     }
     const auto trailer = bytesAt(descriptor, size - trailerSize, trailerSize);
     if (!std::string_view(trailer).ends_with(trailerMagic)) {
@@ -104,7 +104,7 @@ std::optional<Layout> readLayout(int descriptor, std::uint64_t size) {
     auto layout = parseTrailer(trailer);
     const auto tailSize = frameHeaderSize + frameSize(layout);
     if (tailSize > size || layout.packageLength != size - tailSize) {
-        throw std::runtime_error("package's trailer does not fit the file's size");
+        throw std::runtime_error("package's trailer does not match the file's size");
     }
     if (bytesAt(descriptor, layout.packageLength, frameHeaderSize) != encodedFrameHeader(layout)) {
         throw std::runtime_error("package's signatures do not begin where its trailer says");

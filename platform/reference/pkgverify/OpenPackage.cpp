@@ -41,7 +41,7 @@ void OpenPackage::requireVerified(const std::filesystem::path& caPath) const {
     const auto digest = Container::digestOf(descriptor(), packageLength());
     for (const auto& cms : cmses_) {
         if (cms.data().content.package != digest) {
-            throw std::runtime_error("a signature was made for other bytes than the package's");
+            throw std::runtime_error("a signature was made for another package");
         }
     }
 }

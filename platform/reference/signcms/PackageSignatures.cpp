@@ -58,7 +58,7 @@ std::optional<Cms> clientCmsFromVector(const std::vector<Cms>& cmses) {
 std::chrono::sys_seconds validUntil(const Cms& cms) {
     std::tm fields{};
     if (ASN1_TIME_to_tm(X509_get0_notAfter(x509Of(cms).get()), &fields) != 1) {
-        throw std::runtime_error("the certificate's end is not a time");
+        throw std::runtime_error("the certificate's expiry time is not valid");
     }
     return std::chrono::sys_seconds(std::chrono::seconds(timegm(&fields)));
 }

@@ -103,7 +103,7 @@ OpenSsl::Cms decoded(std::string_view der) {
     const unsigned char* position = OpenSsl::octets(der);
     OpenSsl::Cms cms(d2i_CMS_ContentInfo(nullptr, &position, static_cast<long>(der.size())));
     require(cms != nullptr && OBJ_obj2nid(CMS_get0_type(cms.get())) == NID_pkcs7_signed,
-            "CMS is no signed data");
+            "CMS is not signed data");
     return cms;
 }
 

@@ -19,13 +19,13 @@ void checkFiles(const std::vector<FileSignatures>& files) {
     for (std::size_t i = 0; i < files.size(); ++i) {
         const auto& file = files[i];
         if (i > 0 && files[i - 1].index >= file.index) {
-            throw std::runtime_error("file entries are not in rising order");
+            throw std::runtime_error("file entries are not in ascending order");
         }
         if (std::max(file.integrity.size(), file.trustlet.size()) > SignedContent::maximumSignatureSize) {
             throw std::runtime_error("a file's signature is too large");
         }
         if (file.integrity.empty() && file.trustlet.empty()) {
-            throw std::runtime_error("a file entry is without signatures");
+            throw std::runtime_error("a file entry has no signatures");
         }
     }
 }
@@ -85,7 +85,7 @@ SignedContent SignedContent::parse(std::string_view bytes) {
         content.files.push_back(std::move(file));
     }
     if (reader.left() != 0) {
-        throw std::runtime_error("has bytes behind its last entry");
+        throw std::runtime_error("has bytes after its last entry");
     }
     checkFiles(content.files);
     return content;

@@ -90,9 +90,9 @@ void checkMaySign(X509& certificate) {
     require((flags & EXFLAG_INVALID) == 0, "certificate has an invalid extension");
     require((flags & EXFLAG_KUSAGE) != 0 && (X509_get_key_usage(&certificate) & KU_DIGITAL_SIGNATURE) != 0,
             "certificate's key usage does not include digital signatures");
-    require((flags & EXFLAG_CA) == 0, "certificate is an authority's");
+    require((flags & EXFLAG_CA) == 0, "certificate is a CA certificate");
     require(roleOf(certificate).has_value(),
-            "certificate's extended key usage does not name one role of a package's signer");
+            "certificate's extended key usage does not have exactly one signer role");
 }
 
 Authority::Authority(const std::filesystem::path& path)

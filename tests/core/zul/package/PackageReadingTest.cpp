@@ -127,7 +127,7 @@ TEST_F(APackage, IsABinaryPackageFromItsFirstByteToItsSignatures) {
     EXPECT_EQ(refusalWith(whole).first, ErrorCode::None);
     const auto signedOnce = readFile(file);
     writeFile(file, whole.substr(0, whole.size() - 4));
-    EXPECT_EQ(refusalOf(file), std::pair(ErrorCode::BadPackage, std::string("the rpm package is cut off")));
+    EXPECT_EQ(refusalOf(file), std::pair(ErrorCode::BadPackage, std::string("the rpm package is truncated")));
     EXPECT_EQ(refusalWith(whole.substr(0, whole.size() - 4)).first, ErrorCode::BadPackage);
     for (const auto& bytes : {whole + "garbage", signedOnce + "x"}) {
         const LogCapture log;
@@ -138,7 +138,7 @@ TEST_F(APackage, IsABinaryPackageFromItsFirstByteToItsSignatures) {
     const std::string skipped("\x51\x2a\x4d\x18\x01\0\0\0x", 9);
     for (const std::string more : {"\x1f\x8b", "\x22\xb5\x2f\xfd", "\x28\xb5\x2f\xfd"}) {
         const std::pair refusal(ErrorCode::BadPackage,
-                                std::string("the payload of the rpm package continues behind its end"));
+                                std::string("the payload of the rpm package continues after its end"));
         EXPECT_EQ(refusalWith(whole + more), refusal);
         EXPECT_EQ(refusalWith(whole + skipped + more), refusal);
     }
