@@ -11,19 +11,19 @@
 
 namespace Vendara {
 
-/// There is no session bus, or the service is not running and cannot be started, or it left the bus or lost
-/// an operation, whose result is then unknown.
+/// There is no session bus, the service cannot be started, or it left the bus or lost an operation, whose
+/// result is then unknown.
 class ServiceAbsent : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// The service refused a call: its sentence. Or its reply is not of its interface, or an argument is not
-/// valid UTF-8.
+/// The service refused a call; the text is its error message. Also thrown for a reply of an unexpected type
+/// and for an argument that is not a valid D-Bus string.
 class CallRefused : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// A signal of the system arrived.
+/// The process received a signal, see Client::Client().
 class Interrupted : public std::exception {
 public:
     explicit Interrupted(int signal)
@@ -35,42 +35,42 @@ private:
     int signal_;
 };
 
-/// Is called while a function of Client runs, on its thread; must not call the client. What it throws leaves
-/// that function.
+/// Callbacks, made on the client's thread while one of its functions runs. They must not call the client.
+/// Their exceptions are passed on by that function.
 class Listener {
 public:
     virtual ~Listener() = default;
 
-    /// An operation that is followed has a new status.
+    /// A followed operation has a new status.
     virtual void changed(const Operation&) {}
-    /// The service no longer lists the operation, and its result is not known.
+    /// The service no longer lists the operation, and its result is unknown.
     virtual void lost(const Operation&) {}
     /// An upgrade is still waiting for its application to end. Once per operation.
     virtual void waits(const Operation&) {}
-    /// An operation that is not followed ended; the service reports it this once.
+    /// An operation that is not followed has completed; the service reports it only once.
     virtual void earlier(const Operation&) {}
     /// A package was changed, regardless of who requested it.
     virtual void installed(const Package&) {}
     virtual void upgraded(const Package&) {}
     virtual void removed(const std::string& /*packageId*/) {}
-    /// The service is on the bus, or has left it.
+    /// The service has appeared on the bus or has left it.
     virtual void serviceChanged(bool /*present*/) {}
-    /// Ten times a second in Client::follow(), until it returns false.
+    /// Called ten times a second in Client::follow(), until it returns false.
     virtual bool tick() { return false; }
 };
 
 /// Client of the service, on one session-bus connection. It follows the operations that it requests by the
-/// service's signals and, since one may be missed, by asking the service when none arrives. Signals are
-/// believed only from the owner of the service's name. The bus starts the service if it is not running.
+/// service's signals and, because a signal may be missed, queries the service when none arrives. Signals are
+/// accepted only from the owner of the service's name. The bus starts the service if it is not running.
 ///
-/// One thread. Every function throws ServiceAbsent, CallRefused for an error reply, and Interrupted; after
-/// another exception than CallRefused only pending() may be called.
+/// Used by one thread. Every function throws ServiceAbsent, CallRefused for an error reply, and Interrupted;
+/// after any other exception than CallRefused only pending() may be called.
 class Client {
 public:
     /// Connects and subscribes.
-    /// @param signals  of the system, end the function that is running with Interrupted; those that the
-    ///                 program was started to ignore do not
-    /// Throws std::system_error when the system has no descriptors left.
+    /// @param signals  signal numbers, such as SIGINT, that end the running function with Interrupted; a
+    ///                 signal that the process ignores stays ignored
+    /// Throws std::system_error when no descriptors are available.
     explicit Client(Listener& listener, const std::vector<int>& signals = {});
     /// The same without a listener; follow() throws ServiceAbsent when an operation is lost.
     /// @param changed  called as Listener::changed() and Listener::earlier() are; may be empty
@@ -79,38 +79,40 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    /// @param path  of a package file; a relative one begins in the working directory
-    /// @return the operation, followed from now on: an installation, or an upgrade of what is installed
+    /// Queues an installation, or an upgrade of an installed package.
+    /// @param path  of a package file; a relative path starts in the working directory
+    /// @return the operation, which is followed from now on
     Operation install(const std::string& path);
+    /// Queues a removal; otherwise like install().
     Operation remove(const std::string& packageId);
     /// Starts the application of an installed package.
     void start(const std::string& packageId);
-    /// Ends the application and starts it again, after an upgrade that waits for its end.
+    /// Terminates the application and starts it again, after a prepared upgrade is completed.
     void restart(const std::string& packageId);
-    /// The completed operations are reported once. A service that does not reply to a ping delays this by a
-    /// second, and with completed operations by two.
+    /// The service's state. Each completed operation is reported once. If the service does not reply to a
+    /// ping, this takes one second longer, with completed operations two.
     Properties properties();
 
     /// Follows an operation that another connection of this application requested. Its statuses are sent to
-    /// that connection, so the client asks for them. When the operation is no longer listed, the announcement
-    /// of its package's change means that it finished.
+    /// that connection, so the client queries them. If the operation is no longer listed and its package was
+    /// reported as changed, it is finished.
     /// @param operation  from properties()
     void attach(const Operation& operation);
-    /// The operations that are followed and have not ended.
+    /// The followed operations that have not ended.
     [[nodiscard]] std::vector<Operation> pending() const;
-    /// Waits until all operations that are followed have ended, and up to a second for a reply of the service
-    /// that shows that it knows.
-    /// @return whether none of them, since the client was made, failed or was lost
+    /// Waits until all followed operations have ended. Then waits at most one second for a reply that shows
+    /// that the service has recorded their ends as reported.
+    /// @return whether no operation of this client has failed or was lost
     [[nodiscard]] bool follow();
 
-    /// Handles signals until an exception ends it.
+    /// Handles the service's signals until an exception ends it.
     [[noreturn]] void listen();
 
 private:
     class Session;
     static std::unique_ptr<Session> connect(Listener& listener, const std::vector<int>& signals);
 
-    std::unique_ptr<Listener> listener_; // where the program has none
+    std::unique_ptr<Listener> listener_; // of the constructor without one
     std::unique_ptr<Session> session_;
 };
 

@@ -8,8 +8,8 @@
 
 namespace Common {
 
-/// The one exception type of the program: a code and a text for the log. Bus errors are made from it, and it
-/// from them, only at the edges.
+/// The exception type of the project: a code and a text for the log. Bus errors are converted to it and from
+/// it only at the edges.
 class Error : public std::runtime_error {
 public:
     Error(ErrorCode code, const std::string& message)
@@ -22,8 +22,8 @@ private:
     ErrorCode code_;
 };
 
-/// The code that a package manager error name stands for. Any thread.
-/// @param name  whole D-Bus error name, compared exactly
+/// The code of a package manager error name. Any thread.
+/// @param name  complete D-Bus error name, compared exactly
 /// @return None for an empty name, Internal for a name that is not in the table
 [[nodiscard]] ErrorCode errorCodeOf(std::string_view name) noexcept;
 

@@ -10,10 +10,10 @@
 
 namespace Common {
 
-/// What an operation does. The numbers are part of the bus interface.
+/// The kind of an operation. The numbers are part of the bus interface.
 enum class OperationType : std::int32_t { Install = 0, Upgrade = 1, Remove = 2 };
 
-/// Where an operation stands. The numbers are part of the bus interface, gaps included.
+/// The status of an operation. The numbers, including the gaps, are part of the bus interface.
 enum class OperationStatus : std::int32_t {
     Queued = 0,
     InProgress = 10,
@@ -22,7 +22,7 @@ enum class OperationStatus : std::int32_t {
     Failed = 101,
 };
 
-/// An operation as it is reported. The other side of the bus may use numbers that are not assigned.
+/// An operation as it is reported on the bus. A peer may send numbers that are not assigned.
 struct OperationRecord {
     std::string id;
     std::string packageId;
@@ -37,14 +37,14 @@ struct OperationRecord {
     }
 };
 
-/// A value of a type that PackageRecord::extra does not hold: its D-Bus signature.
+/// Stands for a value of a type that PackageRecord::extra cannot store: the type's D-Bus signature.
 struct OtherValue {
     std::string signature;
 
     bool operator==(const OtherValue&) const = default;
 };
 
-/// An installed package as it is reported.
+/// An installed package as it is reported on the bus.
 struct PackageRecord {
     using Value = std::variant<OtherValue, std::string, bool, std::int32_t, std::uint32_t, std::int64_t,
                                std::uint64_t, std::vector<std::string>>;

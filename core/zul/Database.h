@@ -22,31 +22,30 @@ struct MappingPlan;
 ///     root/ID/current      link to the installed VERSION directory
 ///     root/ID/next         link to the VERSION directory of a prepared upgrade
 ///
-/// Files of an installed package appear in the system directories as mappings: symbolic links or marked
-/// copies. The temporary directory, on the same file system as the root, is where packages are unpacked;
+/// Files of an installed package are mapped into the system directories: by symbolic links or marked copies.
+/// Packages are unpacked in the temporary directory, which must be on the same file system as the root;
 /// recovery empties it.
 ///
-/// A database is used by one process, one thread at a time. Failures are Common::Error. Every operation that
-/// takes an identifier throws BadPackageID, before it touches anything, for one that directoryName() refuses.
-/// An operation that finds a package damaged removes it; what could not be read this time is an error, not
-/// damage.
+/// A database is used by one process, one thread at a time. Failures are Common::Error. An operation throws
+/// BadPackageID, before it changes anything, for an identifier that directoryName() refuses. An operation
+/// that finds a damaged package removes it. A file that cannot be read is an error, not damage.
 ///
-/// A process killed at any moment leaves a database that recoverDatabase(), one packages() and a
-/// refreshMappings() of every package bring back to whole packages with their mappings. What an operation
-/// reported as done survives the loss of power.
+/// The process may be killed at any time: recoverDatabase(), one packages() and a refreshMappings() of every
+/// package then restore complete packages with their mappings. A completed operation survives a power loss.
 ///
-/// Installations, upgrades, removals, and packages and upgrades removed because their records were damaged
-/// are entries in the systemd journal with the fields VENDARA_PACKAGE and VENDARA_VERSION. Without a journal
-/// nothing is recorded; a journal that is stopped with a full queue is waited for.
+/// The systemd journal gets an entry, with the fields VENDARA_PACKAGE and VENDARA_VERSION, for each
+/// installation, upgrade and removal, and for each package or prepared upgrade removed because its record was
+/// damaged. Without a journal nothing is recorded. If journald is stopped and its queue is full, operations
+/// wait for it.
 class Database : public DatabaseLocation {
 public:
-    /// Takes the directories from the configuration file; see DatabaseLocation.
+    /// Reads the directories from the configuration file; see DatabaseLocation.
     explicit Database(const std::filesystem::path& configuration = configurationFile);
 
-    /// Takes the directories as given, for images and tests.
-    /// @param systemRoot  the directory that stands for "/" in every mapping's path. Mapping lists and
-    ///                    messages name mappings as the running system will see them, without it. The links'
-    ///                    targets are paths below `root` as it is given here, made absolute.
+    /// Uses the given directories, for images and tests.
+    /// @param systemRoot  the directory that takes the place of "/" in the paths of mappings. Mapping lists
+    ///                    and messages have the paths of the running system, without this directory. The
+    ///                    targets of links are paths below `root`, made absolute.
     Database(const std::filesystem::path& root, const std::filesystem::path& temp,
              const std::filesystem::path& systemRoot = "/");
 
@@ -54,11 +53,11 @@ public:
     /// removing the package, when its "current" is missing or dangling.
     [[nodiscard]] std::filesystem::path packageDirectory(const std::string& packageId);
 
-    /// Whether a version of the package is in service. Changes nothing, also where the package is damaged.
+    /// Whether a version of the package is installed. Changes nothing, even if the package is damaged.
     /// Throws Filesystem when that cannot be read.
     [[nodiscard]] bool isInstalled(const std::string& packageId) const;
 
-    /// The path of this version of the package, which need not exist.
+    /// The path of this version's directory, which need not exist.
     [[nodiscard]] std::filesystem::path versionedDirectory(const PackageIdentity& package) const;
 
     /// The record of the prepared upgrade or, without one, of the installed version. A prepared upgrade whose
@@ -80,64 +79,63 @@ public:
     /// cannot be removed the directory stays, as with remove().
     void cleanupCorruptedPackage(const std::filesystem::path& packageDirectory) noexcept;
 
-    /// Installs a package that is not installed. The extracted directory is renamed into the database. A
-    /// failure after that removes the package, with any version installed before: call prepareUpgrade() for
-    /// an installed package. Throws Internal when there is no such directory, otherwise Filesystem, also when
-    /// a link in the root has the package's name.
-    /// @param entries  further entries of the record; reading it back requires "certificate.id" and
-    ///                 "certificate.subgroup"
+    /// Installs a package that is not installed; for an installed one call prepareUpgrade(). The extracted
+    /// directory is renamed into the database. A failure after that removes the package, with any version
+    /// installed before. Throws Internal when the directory does not exist, otherwise Filesystem, also when
+    /// the root has a link with the package's name.
+    /// @param entries  further entries of the record; they must include "certificate.id" and
+    ///                 "certificate.subgroup", without which the record is read as damaged
     void install(const PackageIdentity& package, const PackageData& entries,
                  const std::filesystem::path& extracted);
 
     /// Installs a validated package file or, when a version of the package is installed, prepares the
-    /// upgrade: what has to be checked is checked before anything is unpacked. The record gets the
-    /// developer's key identifier as "certificate.id", and "system" or "developer" as "certificate.subgroup".
+    /// upgrade. The version is checked before anything is unpacked. The record gets the developer's key
+    /// identifier as "certificate.id", and "system" or "developer" as "certificate.subgroup".
     /// Throws as checkUpgrade(), Package::extract(), prepareUpgrade() and install().
-    /// @param file        as Package::extract() takes it
-    /// @param attributes, watch  as Package::extract() takes them
-    /// @return whether an upgrade is prepared, which completeUpgrade() puts into service
+    /// @param file, attributes, watch  see Package::extract()
+    /// @return whether an upgrade was prepared, to be completed by completeUpgrade()
     bool installFile(const Package& package, const std::filesystem::path& file,
                      const AttributeWriter& attributes = attachAttribute, const ExtractionWatch& watch = {});
 
-    /// Puts a higher version beside the installed one, which stays in service. Replaces an upgrade prepared
-    /// before. Throws as checkUpgrade() and install().
+    /// Prepares a higher version beside the installed one, which stays installed. Replaces an upgrade that
+    /// was prepared before. Throws as checkUpgrade() and install().
     void prepareUpgrade(const PackageIdentity& package, const PackageData& entries,
                         const std::filesystem::path& extracted);
 
-    /// Checks that the package is higher than the prepared or else the installed version. Throws
-    /// PackageNotExist, CorruptedInstalledPackage, DowngradeAttempt, UpgradeAlreadyPrepared.
+    /// Checks that the package's version is higher than the prepared version or, without one, the installed
+    /// version. Throws PackageNotExist, CorruptedInstalledPackage, DowngradeAttempt, UpgradeAlreadyPrepared.
     void checkUpgrade(const PackageIdentity& package);
 
-    /// Puts the prepared upgrade into service and deletes all other versions, but for one whose mapping list
-    /// could not be read: recovery finds it again. Needs the disk space of new mappings only. When the new
-    /// version's mappings cannot be made the old version is put back into service and the upgrade stays
-    /// prepared; if that fails too, the package is left damaged. Throws Internal when no upgrade is prepared,
-    /// otherwise Filesystem or what packageDirectory() throws.
+    /// Makes the prepared upgrade the installed version and deletes all other versions, except one whose
+    /// mapping list cannot be read; recovery handles that later. Needs disk space only for new mappings.
+    /// When the new version's mappings cannot be created, the old version is restored and the upgrade
+    /// stays prepared; if that fails too, the package is left damaged. Throws Internal when no upgrade is
+    /// prepared, otherwise Filesystem or what packageDirectory() throws.
     void completeUpgrade(const PackageIdentity& package);
 
-    /// Removes a package with its mappings and any prepared upgrade. When a mapping cannot be removed the
-    /// package is removed nevertheless, but its directory stays, as that of a damaged one, until a later
+    /// Removes a package with its mappings and any prepared upgrade. If a mapping cannot be removed, the
+    /// package counts as removed, but its directory stays like that of a damaged package until a later
     /// operation on it can remove the mapping. Throws Filesystem or what packageDirectory() throws.
     void remove(const std::string& packageId);
 
-    /// Brings the database in order after a restart: empties the temporary directory, completes prepared
-    /// upgrades, deletes versions that are not installed and packages that cannot be read. Leaves mappings
-    /// alone: refreshMappings() of each package is the next step. Failures of single packages are logged, not
+    /// Repairs the database after a restart: empties the temporary directory, completes prepared upgrades,
+    /// deletes versions that are not installed and packages that cannot be read. Does not change mappings:
+    /// call refreshMappings() for each package afterwards. Failures of single packages are logged, not
     /// thrown.
-    /// @return the identifiers of the packages whose upgrade it completed, for the caller to announce
+    /// @return the identifiers of the packages whose upgrade was completed, for the caller to announce
     std::vector<std::string> recoverDatabase();
 
-    /// Brings the system directories in line with the installed version: missing mappings are made, those of
-    /// the package's own that it no longer has are removed, what belongs to others is left.
+    /// Updates the mappings to the installed version: creates missing ones and removes those of this package
+    /// that its version no longer has. Files of others are not changed.
     /// Throws what packageDirectory() throws, CorruptedInstalledPackage for a damaged record, and Filesystem
-    /// for a link in place of the package's directory and when a mapping cannot be made; the others are made
+    /// when the package's directory is a link or a mapping cannot be created; the other mappings are created
     /// nevertheless.
     void refreshMappings(const std::string& packageId);
 
     /// Renames an extracted directory to the package's version directory. A version of that name that is
-    /// neither installed nor prepared is replaced, and its mapping list kept; when that list cannot be read
-    /// this time, the version stays for it under another name. Throws Internal when the extracted directory
-    /// does not exist, Filesystem when it cannot be renamed, as onto the installed version.
+    /// neither installed nor prepared is replaced, and its mapping list kept; if that list cannot be read,
+    /// the version with the list is kept under another name. Throws Internal when the extracted directory
+    /// does not exist, Filesystem when it cannot be renamed, for example onto the installed version.
     std::filesystem::path moveToVersionedDirectory(const PackageIdentity& package,
                                                    const std::filesystem::path& extracted) const;
 

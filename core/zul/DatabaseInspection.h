@@ -8,24 +8,25 @@
 
 namespace Core::ZUL {
 
-// A look at an installed database, of the running system or of an image. Nothing is changed or locked, and no
-// recovery runs: a package manager that works at the same time may make what is found outdated. All throw
-// Common::Error, code Filesystem for what could not be read this time. Any thread.
+// Functions that read the database of the running system or of an image. They change and lock nothing and run
+// no recovery; results may be outdated while a package manager works. All throw Common::Error, code
+// Filesystem for files that cannot be read. Any thread.
 
-/// Where the database is.
+/// The location of a database.
 struct InspectedDatabase {
-    std::filesystem::path directory;        ///< of the packages, as the system names it
-    std::filesystem::path root = "/";       ///< stands for "/" in that path and in the targets of links
-    std::filesystem::path systemRoot = "/"; ///< stands for "/" in the places of mappings
+    std::filesystem::path directory;        ///< root directory of the database, as a path of its system
+    std::filesystem::path root = "/";       ///< takes the place of "/" in that path and in targets of links
+    std::filesystem::path systemRoot = "/"; ///< takes the place of "/" in the paths of mappings
 
-    /// The database of an image: where its configuration says, with the image for "/". No link leads out.
+    /// The database of a system image, at the path in the image's configuration. No link leads out of the
+    /// image.
     [[nodiscard]] static InspectedDatabase ofImage(const std::filesystem::path& image);
 };
 
-/// A file of a package. Paths are as the system names them.
+/// A file of a package. Both are paths of the system.
 struct InstalledFile {
     std::string path;  ///< in the database
-    std::string place; ///< where the system sees it; empty: it is not mapped
+    std::string place; ///< of its mapping in a system directory; empty: not mapped
 };
 
 /// The files of the installed version, without directories, record and mapping list. Throws BadPackageID,
@@ -33,16 +34,16 @@ struct InstalledFile {
 [[nodiscard]] std::vector<InstalledFile> filesOf(const std::string& packageId,
                                                  const InspectedDatabase& database);
 
-/// Whose a path is.
+/// The package that a path belongs to.
 struct Owner {
     std::string package;
     std::string version; ///< the version that has the file; empty when the package has no such version
     std::string file;    ///< in the database
 };
 
-/// The installed package that a mapping or a file in the database belongs to. A link at the path itself is
-/// not followed. Throws FileNotFound when there is nothing at the path.
-/// @param path  absolute, as the system names it
+/// The installed package that a mapping or a file in the database belongs to; nothing for any other file. A
+/// link at the path itself is not followed. Throws FileNotFound when the path does not exist.
+/// @param path  absolute path of the system
 [[nodiscard]] std::optional<Owner> ownerOf(const std::filesystem::path& path,
                                            const InspectedDatabase& database);
 
@@ -60,9 +61,9 @@ struct InstalledSize {
 /// The size of a package. Throws BadPackageID and PackageNotExist.
 [[nodiscard]] InstalledSize sizeOf(const std::string& packageId, const InspectedDatabase& database);
 
-/// What could not be read this time: neither damaged nor in order.
+/// A file that could not be read, so it is not known whether it is damaged.
 struct Unread {
-    std::string package; ///< empty: it is about none
+    std::string package; ///< empty: not of a package
     std::string message;
 };
 
@@ -74,12 +75,12 @@ struct InstalledSizes {
 /// The sizes of all packages.
 [[nodiscard]] InstalledSizes sizesOf(const InspectedDatabase& database);
 
-/// Something that is not as the package manager leaves it.
+/// A difference from the state that the package manager leaves.
 struct Finding {
-    std::string package; ///< identifier; empty: it is about none
-    std::string path;    ///< what it is about, as the system names it
-    std::string problem; ///< what is wrong with it: a sentence without its subject
-    std::string mend;    ///< what mends it: a sentence in the imperative
+    std::string package; ///< identifier; empty: not of a package
+    std::string path;    ///< the affected path of the system
+    std::string problem; ///< sentence without its subject, which is the path
+    std::string mend;    ///< the repair, a sentence in the imperative
 };
 
 struct Verification {
@@ -97,10 +98,11 @@ struct Verification {
 enum class SecurityAttributes { Expected, Ignored };
 
 /// Compares the database and the system directories: records, links, mapping lists, mappings and their
-/// copies, the attributes of executable files, what is left over of other versions and of packages that are
-/// gone. What cannot be read is reported and the verification goes on.
+/// copies, the attributes of executable files, and leftovers of other versions and of removed packages. A
+/// file that cannot be read is reported, and the verification continues.
 /// @param packageId   only this package; throws BadPackageID and PackageNotExist
-/// @param attributes  whether those in the namespace "security" are; an unprivileged installation has none
+/// @param attributes  whether to check attributes in the namespace "security"; an unprivileged installation
+///                    has none
 [[nodiscard]] Verification verify(const InspectedDatabase& database,
                                   const std::optional<std::string>& packageId = {},
                                   SecurityAttributes attributes = SecurityAttributes::Expected);

@@ -13,12 +13,12 @@
 
 namespace Core::ZUL {
 
-/// What an installation of a package file would find.
+/// The result that an installation of a package file would have.
 struct Inspection {
     struct File {
         std::string path;          ///< in the payload
-        std::string place;         ///< where the system would see it; empty: it is not mapped
-        bool isPlaceTaken = false; ///< by what a mapping never replaces
+        std::string place;         ///< of its mapping in a system directory; empty: not mapped
+        bool isPlaceTaken = false; ///< by a file that a mapping never replaces
     };
 
     /// What a file says of itself whose signatures are refused. Anybody may have written it.
@@ -30,28 +30,28 @@ struct Inspection {
     };
 
     std::optional<Package> package;         ///< nothing when the file itself is refused
-    std::optional<Claims> claims;           ///< exists only when that is for its signatures
-    std::string existingVersion;            ///< prepared or else installed; empty: a first installation
+    std::optional<Claims> claims;           ///< exists only when the signatures are refused
+    std::string existingVersion;            ///< prepared or else installed; empty: first installation
     std::vector<File> files;                ///< without directories
     std::uint64_t size = 0;                 ///< bytes of the files
-    std::optional<std::uint64_t> available; ///< bytes that the database's file system has free
-    std::optional<Common::Error> refusal;   ///< what the installation would fail with
+    std::optional<std::uint64_t> available; ///< free bytes of the database's file system
+    std::optional<Common::Error> refusal;   ///< the error of the installation
 };
 
 /// The system that a package is inspected for.
 struct InspectedSystem {
     DatabaseLocation database;
-    std::filesystem::path root = "/"; ///< stands for "/" in the places of files
-    std::string architecture;         ///< of the packages that it takes, beside "noarch"
+    std::filesystem::path root = "/"; ///< takes the place of "/" in the places of files
+    std::string architecture;         ///< accepted in addition to "noarch"
     Authorities authorities;
 };
 
-/// Looks at a package file, at the database and at the system directories, and changes none of them.
-/// The refusal is the first of: what Package::fromFile() throws; Filesystem for what could not be read;
+/// Reads a package file, the database and the system directories, and changes none of them.
+/// The refusal is the first of: what Package::fromFile() throws; Filesystem for a file that cannot be read;
 /// BadPackageArchitecture; DowngradeAttempt or UpgradeAlreadyPrepared; Filesystem for a place that is taken
-/// or too little space. From BadPackageArchitecture on the rest of the result is complete all the same.
+/// or too little space. From BadPackageArchitecture on the other members are complete despite the refusal.
 /// One thread at a time, as Common::Rpm::Reader.
-/// @param watch  follows the validation of the file, as Package::fromFile() takes it
+/// @param watch  see Package::fromFile()
 [[nodiscard]] Inspection inspect(const std::filesystem::path& file, const InspectedSystem& system,
                                  const ExtractionWatch& watch = {});
 
