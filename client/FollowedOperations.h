@@ -8,26 +8,26 @@
 
 namespace Vendara {
 
-/// The operations that a client follows: what is known of each, and what the listener is told. It knows no
-/// bus. What the listener throws leaves the functions.
+/// The operations that a client follows: stores their statuses and calls the listener. Makes no bus calls.
+/// Exceptions of the listener are passed on.
 class FollowedOperations {
 public:
     explicit FollowedOperations(Listener& listener)
         : listener_(listener) {}
 
-    /// Takes a status, which may have arrived before: by a signal, a reply, or the service's lists.
-    /// @return whether it is new
+    /// Handles a status from a signal, a reply, or the service's lists; it may have been received before.
+    /// @return whether the status is new
     bool update(const Operation& news);
     /// Follows an operation of another connection; see Client::attach().
     void attach(const Operation& operation);
-    /// Compares with the service's lists, which end what they no longer have.
-    /// @return whether a status was new
+    /// Compares with the service's lists. An operation that is no longer listed has ended.
+    /// @return whether a status is new
     bool compare(const Properties& properties);
 
-    /// The lists that are about to be read have what was announced until now.
+    /// Called before the lists are read: they include the changes announced until now.
     void forgetAnnouncements() { announcements_.clear(); }
-    /// A package was changed.
-    /// @return whether an attached operation may have done that
+    /// Handles the announcement of a package's change.
+    /// @return whether an attached operation may have caused it
     bool announced(OperationType type, const std::string& packageId);
 
     /// Reports each upgrade that waits for its application, once.
@@ -37,8 +37,7 @@ public:
     [[nodiscard]] bool allEnded() const;
     /// Whether one of them failed or was lost.
     [[nodiscard]] bool hasFailed() const { return hasFailed_; }
-    /// Whether the end of an attached operation may be listed for a short time only: one that failed is
-    /// listed until the next one begins.
+    /// Whether an attached operation may fail and be listed for a short time only, until the next one begins.
     [[nodiscard]] bool mayFailUnnoticed() const;
 
 private:

@@ -4,8 +4,9 @@
 
 namespace Common {
 
-/// Whether the text can be sent as a D-Bus string by sd-bus: valid UTF-8 (RFC 3629) without NUL and Unicode
-/// noncharacters. GLib and libdbus accept noncharacters, so their checks do not serve. Any thread.
+/// Whether sd-bus can send the text as a D-Bus string: valid UTF-8 (RFC 3629) without NUL and Unicode
+/// noncharacters. The checks of GLib and libdbus cannot be used because they accept noncharacters. Any
+/// thread.
 [[nodiscard]] bool isBusText(std::string_view text) noexcept;
 
 } // namespace Common

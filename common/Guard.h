@@ -7,8 +7,8 @@
 
 namespace Common {
 
-/// Makes a call that must not throw, for example on a thread of the program or below frames of a C library.
-/// An exception is logged as error lines that begin with `message`.
+/// Makes a call from which no exception may escape, for example in a thread function or a callback of a C
+/// library. An exception is logged as error lines, `message` first.
 template<typename Call>
 void guarded(std::string_view message, Call&& call) noexcept {
     try {

@@ -2,8 +2,8 @@
 
 #include <string>
 
-/// Every bus name, object path, member name and error name of the program, and the paths of the files it
-/// reads: looked up here, never retyped.
+/// All bus names, object paths, member names and error names of the program, and the paths of files that it
+/// reads. Use these constants, never literals.
 namespace Common::Names {
 
 /// The message bus itself.
@@ -32,7 +32,7 @@ inline const std::string operationStatusChanged = "OperationStatusChanged";
 inline const std::string packageInstalled = "PackageInstalled";
 inline const std::string packageUpgraded = "PackageUpgraded";
 inline const std::string packageRemoved = "PackageRemoved";
-// Keys of the map that GetAllProperties gives.
+// Keys of the map that GetAllProperties returns.
 inline const std::string architecture = "Architecture";
 inline const std::string quenraVersion = "QuenraVersion";
 inline const std::string operations = "Operations";

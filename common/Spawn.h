@@ -16,30 +16,31 @@ struct SpawnOptions {
     std::filesystem::path directory{};      ///< working directory; empty: this process's
     int input = -1;                         ///< standard input [/dev/null]
     int output = -1;                        ///< standard output and error [this process's]
-    int inherited = -1;                     ///< a descriptor that the program gets under its number [none]
-    bool terminal = false; ///< keeps this process's standard input, group and ignored signals, for a command
-                           ///< in a terminal; otherwise the program leads a session of its own
+    int inherited = -1;                     ///< descriptor that the program inherits with its number [none]
+    bool terminal = false; ///< for a command in a terminal: keeps this process's standard input, process
+                           ///< group and ignored signals; otherwise the program leads its own session
 };
 
-/// Starts a program with no signal blocked. It is killed when the thread that started it ends. Any thread.
-/// @param arguments  the program first, looked up in its own PATH when it has no "/"
-/// @return its process identifier; the caller waits for it
-/// Throws std::system_error when the program cannot be executed, with the reason as its code; Error, code
-/// Filesystem, when no process can be created.
+/// Starts a program without blocked signals. The kernel kills it when the thread that started it ends. Any
+/// thread.
+/// @param arguments  the program first; without "/" it is searched in the PATH of its environment
+/// @return its process ID; the caller waits for it
+/// Throws std::system_error with the reason when the program cannot be executed; Error, code Filesystem, when
+/// no process can be created.
 [[nodiscard]] pid_t spawn(const std::vector<std::string>& arguments, const SpawnOptions& options = {});
 
 /// A descriptor that becomes readable when the process has ended (pidfd_open(2)); nothing, with errno ESRCH,
-/// when there is no such process. Any thread. Throws Error, code Filesystem.
+/// if there is no such process. Any thread. Throws Error, code Filesystem.
 [[nodiscard]] UniqueFd openProcess(pid_t process);
 
-/// The ends of a new pipe, to read from and to write to. Programs that are started do not get them. Any
-/// thread. Throws Error, code Filesystem.
+/// The read end and the write end of a new pipe, both close-on-exec. Any thread. Throws Error, code
+/// Filesystem.
 [[nodiscard]] std::pair<UniqueFd, UniqueFd> makePipe();
 
-/// Waits for the end of a child without a limit, also when signals interrupt it. Any thread.
+/// Waits for the end of a child without a time limit; restarts after signals. Any thread.
 void reap(pid_t child) noexcept;
 
-/// The exit status in a wait status (wait(2)): the program's, or 128 and the signal's number.
+/// The exit status in a wait status (wait(2)): the program's, or 128 plus the signal's number.
 [[nodiscard]] int exitStatusOf(int waitStatus) noexcept;
 
 } // namespace Common

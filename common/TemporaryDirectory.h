@@ -5,7 +5,7 @@
 
 namespace Common {
 
-/// A new empty directory for its owner alone, removed with all that is in it. Used by one thread.
+/// A new empty directory with mode 0700; the destructor removes it and its content. Used by one thread.
 class TemporaryDirectory {
 public:
     /// @param parent  created if missing, with missing parents, mode 0755

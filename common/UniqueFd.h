@@ -5,7 +5,7 @@
 
 namespace Common {
 
-/// Sole owner of a file descriptor; closes it. -1 means none.
+/// Sole owner of a file descriptor; closes it on destruction. -1: no descriptor.
 class UniqueFd {
 public:
     UniqueFd() = default;

@@ -15,55 +15,56 @@
 
 namespace Core {
 
-/// Carries out operations through the package manager, one at a time in the order of their arrival, and knows
-/// all that are not completed, and those that are until their initiators know it.
+/// Executes operations through the package manager, one at a time in the order of their arrival. Stores all
+/// operations until they are completed and their initiators have been informed.
 ///
 /// The state changes first, then the status hook is called; the hook must not change the controller. Loop's
-/// thread only; no function waits, but for the coroutines.
+/// thread only; only the coroutines wait.
 class Controller {
 public:
-    /// Connects to the package manager and subscribes to the runtime manager, waiting for the buses.
-    /// Throws sdbus::Error: without a system bus, or with the name "norvane.Vendara.Error" when the runtime
-    /// manager's signal is refused.
+    /// Connects to the package manager and subscribes to the runtime manager's signal; blocks for both buses.
+    /// Throws sdbus::Error when there is no system bus, and with the name "norvane.Vendara.Error" when the
+    /// subscription is refused.
     explicit Controller(Common::BusConnection& session);
     Controller(const Controller&) = delete;
     Controller& operator=(const Controller&) = delete;
 
     /// For the package list, and for adding handlers of the package signals. The controller's own handler of
-    /// upgrades is the first.
+    /// upgrades is called first.
     [[nodiscard]] ZulProxy& packageManager() { return zul_; }
     [[nodiscard]] LaunchControl& launchControl() { return launchControl_; }
 
-    /// Whether an application has maximumOperations: no further one may be queued for it.
+    /// Whether an application has maximumOperations, so that no further operation may be queued for it.
     [[nodiscard]] bool isFull(const Common::CallerIdentity& initiator) const;
 
     /// Queues a copy of the operation, with the status Queued.
     void enqueue(Operation operation);
 
-    /// The application's operations that are not completed: queued ones in their order, the running one,
-    /// those that await their upgrade. One that failed stays among them until the next one runs. Behind them
-    /// those that have ended and were not reported yet.
+    /// The application's operations that are not completed: the queued ones in order, the running one and
+    /// those awaiting their upgrade. A failed one stays listed until the next one runs. Completed operations
+    /// that were not reported yet follow.
     [[nodiscard]] std::vector<Operation> operationsOf(const Common::CallerIdentity& initiator) const;
 
-    /// Hands over and forgets what addCompletedOperation() stored for the application, oldest first.
+    /// Removes and returns the operations that addCompletedOperation() stored for the application, oldest
+    /// first.
     [[nodiscard]] std::vector<Operation> takeCompletedOperations(const Common::CallerIdentity& initiator);
 
-    /// Stores a completed operation whose end could not be reported to its initiator. An application's store
-    /// holds maximumCompleted; the oldest goes first, with a line in the log.
+    /// Stores a completed operation that could not be reported to its initiator. If an application has more
+    /// than maximumCompleted, the oldest one is dropped with a line in the log.
     void addCompletedOperation(const Operation& operation);
 
-    /// Stores again what takeCompletedOperations() gave and could not be handed on.
+    /// Stores operations of takeCompletedOperations() again, because they could not be reported.
     void returnCompletedOperations(const std::vector<Operation>& operations);
 
-    /// Forgets a completed operation: its end was reported to its initiator.
+    /// Removes a completed operation: it was reported to its initiator.
     void reported(const Operation& operation);
 
-    /// Fails the queued operations with code 2 in their order, when the running one has ended, and takes no
-    /// further one from then on.
+    /// Waits for the running operation, then fails the queued ones in order with code 2. No further operation
+    /// is executed.
     [[nodiscard]] asio::awaitable<void> finish();
 
-    /// Returns when an upgrade that was reported before its installation call has returned has got its
-    /// status.
+    /// If the upgrade of this package was signalled before its install call returned, waits until the
+    /// operation has its status.
     [[nodiscard]] asio::awaitable<void> upgradeSettled(std::string packageId);
 
     static constexpr std::size_t maximumOperations = 20000;
@@ -85,17 +86,17 @@ private:
 
     Common::Loop& loop_;
     std::list<Operation> queue_;
-    std::optional<Operation> current_;       // stays after a failure, until the next one is taken
+    std::optional<Operation> current_;       // kept after a failure until the next one runs
     bool isCurrentReported_ = false;         // after a failure
     bool upgradeReported_ = false;           // while current_'s install call was running
     std::shared_ptr<Common::Event> running_; // while the call for current_ runs
     bool isWorking_ = false;
     bool isFinishing_ = false;
     bool isChecking_ = false;
-    bool isCheckDue_ = false; // of the awaiting upgrades, once more
+    bool isCheckDue_ = false; // the awaiting upgrades have to be checked again
     std::list<Operation> awaiting_;
     std::unordered_map<std::string, Operation> ended_;    // by id, not reported
-    std::unordered_map<std::string, std::size_t> counts_; // by application, of all the above
+    std::unordered_map<std::string, std::size_t> counts_; // by application, of all operations above
     std::unordered_map<std::string, std::deque<Operation>> completed_;
     LaunchControl launchControl_;
     ZulProxy zul_;

@@ -10,25 +10,25 @@ namespace Core {
 
 /// Starts and restarts applications through the runtime manager service.
 ///
-/// A restart ends the application now; the start follows when the runtime manager reports the end or, where
-/// an upgrade of the package is prepared, when the package manager reports the upgrade. Each list of restarts
-/// that wait holds maximumRestarts; the oldest goes first, with a line in the log. Loop's thread only.
+/// A restart terminates the application now. The start follows when the runtime manager reports its end or,
+/// if an upgrade of the package is prepared, when the package manager reports the upgrade. If more than
+/// maximumRestarts wait for either, the oldest is dropped with a line in the log. Loop's thread only.
 class LaunchControl {
 public:
-    /// Subscribes to "Terminated", waiting for the bus.
+    /// Subscribes to "Terminated"; blocks for the bus.
     /// Throws sdbus::Error, name "norvane.Vendara.Error", when the subscription is refused.
     explicit LaunchControl(Common::BusConnection& session);
 
-    /// Has the runtime manager start the application. Throws sdbus::Error, name "norvane.Vendara.Error", when
-    /// it refuses or does not answer before the deadline.
+    /// Requests the runtime manager to start the application. Throws sdbus::Error, name
+    /// "norvane.Vendara.Error", when it refuses or does not reply before the deadline.
     [[nodiscard]] asio::awaitable<void> startApplication(std::string packageId, Common::TimePoint deadline);
 
-    /// Has the runtime manager end the application and remembers to start it again, also when ending it
-    /// fails. Throws as startApplication() does, and throws std::filesystem::filesystem_error when the
-    /// package database cannot be searched; nothing is done then.
+    /// Stores the restart and requests the runtime manager to terminate the application. The restart stays
+    /// stored if that fails. Throws as startApplication() does, and std::filesystem::filesystem_error, before
+    /// anything else is done, when the package database cannot be searched.
     [[nodiscard]] asio::awaitable<void> restartApplication(std::string packageId, Common::TimePoint deadline);
 
-    /// Starts the application, if its restart waits for this upgrade.
+    /// Starts the application if its restart waits for this upgrade.
     void packageUpgraded(const std::string& packageId);
 
     static constexpr std::size_t maximumRestarts = 10000;

@@ -12,13 +12,13 @@ namespace Core {
 using Common::OperationStatus;
 using Common::OperationType;
 
-/// One install, upgrade or removal that an application asked for. A plain value: a copy carries the status
-/// hook and notifies as the original does.
+/// An installation, upgrade or removal requested by an application. A plain value; copies have the same
+/// status hook.
 class Operation {
 public:
     using StatusHook = std::function<void(const Operation&)>;
 
-    /// Draws a fresh identifier: a random UUID (RFC 4122, version 4) as 36 characters.
+    /// Generates the identifier: a random UUID (RFC 4122, version 4) as 36 characters.
     Operation();
 
     [[nodiscard]] const std::string& id() const { return id_; }
@@ -28,7 +28,7 @@ public:
     [[nodiscard]] const Common::CallerIdentity& initiator() const { return initiator_; }
     [[nodiscard]] const std::string& packageId() const { return packageId_; }
     [[nodiscard]] const std::string& packagePath() const { return packagePath_; }
-    /// What an upgrade leads to, "version-release" of the package file.
+    /// The new version of an upgrade: "version-release" of the package file.
     [[nodiscard]] const std::string& packageVersion() const { return packageVersion_; }
     /// Whether the status is final: Finished or Failed.
     [[nodiscard]] bool isCompleted() const;
@@ -44,8 +44,7 @@ public:
     void setPackagePath(std::string path) { packagePath_ = std::move(path); }
     void setPackageVersion(std::string version) { packageVersion_ = std::move(version); }
 
-    /// Stores the status, then calls the hook with this operation, also when the status is the same as
-    /// before.
+    /// Stores the status, then calls the hook with this operation, even if the status is unchanged.
     void setStatus(OperationStatus status);
 
 private:

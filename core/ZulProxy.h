@@ -12,20 +12,20 @@
 
 namespace Core {
 
-/// Client of the package manager service, with a connection to the system bus of its own. A connection that
-/// is lost is made anew, at once and then whenever a call needs it.
+/// Client of the package manager service, with its own connection to the system bus. After a loss it
+/// reconnects at once and, if that fails, whenever a call needs the connection.
 ///
-/// Signals are believed only from the connection that owns the service's name. Handlers are called in the
-/// order of adding; they are added while the program is being built. Loop's thread only.
+/// Signals are accepted only from the connection that owns the service's name. Handlers are called in the
+/// order in which they were added; add them before the loop runs. Loop's thread only.
 class ZulProxy {
 public:
     using PackageHandler = std::function<void(const Common::PackageProperties&)>;
     using PackageIdHandler = std::function<void(const std::string&)>;
     using PackageList = std::shared_ptr<const std::vector<Common::PackageProperties>>;
 
-    /// Connects to the system bus and subscribes to the package signals, waiting for the bus. A bus that
-    /// refuses a subscription is an error in the log: the client then makes calls and receives no signals.
-    /// Throws sdbus::Error without a system bus.
+    /// Connects to the system bus and subscribes to the package signals; blocks for the bus. If the bus
+    /// refuses a subscription, an error is logged, and the client can make calls but receives no signals.
+    /// Throws sdbus::Error when there is no system bus.
     explicit ZulProxy(Common::Loop& loop);
     ~ZulProxy();
     ZulProxy(const ZulProxy&) = delete;
@@ -34,19 +34,19 @@ public:
     void addPackageInstalledHandler(PackageHandler handler) { installed_.push_back(std::move(handler)); }
     void addPackageUpgradedHandler(PackageHandler handler) { upgraded_.push_back(std::move(handler)); }
     void addPackageRemovedHandler(PackageIdHandler handler) { removed_.push_back(std::move(handler)); }
-    /// The handler is called when the service has started again, or may have done so.
+    /// The handler is called when the service has started again or may have started again.
     void setAppearedHandler(std::function<void()> handler) { appeared_ = std::move(handler); }
 
     /// Installs a package file, or prepares an upgrade from it; takes up to 900 s.
-    /// Throws Common::Error with the code of the service's error name and its text in lower case; a
-    /// connection that is gone and a time-out are code Internal. So do remove() and getPackageList().
+    /// Throws, as remove() and getPackageList(), Common::Error with the code of the service's error name and
+    /// its text in lower case; code Internal for a lost connection and a time-out.
     [[nodiscard]] asio::awaitable<void> install(std::string packagePath);
 
     /// Removes a package; takes up to 900 s.
     [[nodiscard]] asio::awaitable<void> remove(std::string packageId);
 
-    /// The installed packages, in the service's order, as they are after this was called. The call is sent
-    /// even if the result is awaited later. Requests share a call when many are on their way.
+    /// The installed packages in the service's order, not older than this call. The bus call is sent at once,
+    /// even if the result is awaited later. When many calls are pending, further requests share one.
     [[nodiscard]] asio::awaitable<PackageList> getPackageList(Common::TimePoint deadline);
 
 private:
@@ -70,8 +70,8 @@ private:
     std::vector<PackageIdHandler> removed_;
     std::function<void()> appeared_;
     std::size_t listCalls_ = 0;
-    std::shared_ptr<ListCall> nextList_;        // to be sent when one of those on their way has ended
-    std::shared_ptr<Common::Event> connecting_; // while an attempt is made or asked for
+    std::shared_ptr<ListCall> nextList_;        // sent when a pending one has ended
+    std::shared_ptr<Common::Event> connecting_; // while a connection attempt is made or requested
     std::shared_ptr<Common::Event> needed_;     // ends the pause between two attempts
     std::unique_ptr<Link> link_;
 };

@@ -12,39 +12,39 @@
 
 namespace Daemon {
 
-/// Sends the statuses of operations to their initiators: those of one initiator in their order, each once,
-/// and only while its bus name belongs to the same application. Different initiators do not wait for each
-/// other. Loop's thread only.
+/// Sends the statuses of operations to their initiators: in order for each initiator, each status once, and
+/// only while its bus name belongs to the same application. Different initiators do not wait for each other.
+/// Loop's thread only.
 class StatusAnnouncer {
 public:
-    /// Sends one status, to its initiator's bus name alone. Throws sdbus::Error.
+    /// Sends one status to the initiator's bus name. Throws sdbus::Error.
     using Send = std::function<void(const Core::Operation&)>;
 
-    /// @param controller  learns what becomes of the ends of operations; outlives this object
+    /// @param controller  is informed whether the end of an operation was reported; must outlive this object
     StatusAnnouncer(Common::BusConnection& session, Core::Controller& controller, Send send);
     StatusAnnouncer(const StatusAnnouncer&) = delete;
     StatusAnnouncer& operator=(const StatusAnnouncer&) = delete;
 
-    /// The status hook: takes a copy of the operation as it is now.
+    /// The status hook: queues a copy of the operation.
     void add(const Core::Operation& operation);
 
-    /// Returns when what was added so far for a bus name has been sent, or could not be. At the deadline,
-    /// half a second from now at the earliest, the initiator counts as unavailable.
+    /// Returns when the statuses queued so far for a bus name have been sent or could not be sent. At the
+    /// deadline, at least half a second from now, the initiator counts as unavailable.
     [[nodiscard]] asio::awaitable<void> flushed(std::string busName, Common::TimePoint deadline);
-    /// The same for the operations of a package that have ended, and for all.
+    /// The same for the completed operations of a package, and for all operations.
     [[nodiscard]] asio::awaitable<void> flushedEndsOf(std::string packageId);
     [[nodiscard]] asio::awaitable<void> flushedAll();
 
-    /// Sends from now on without identifying the initiators again: a service that hangs cannot hold up the
-    /// end, and a unique name is never given twice.
+    /// From now on sends without identifying the initiators again, so that an identification service that
+    /// hangs cannot delay the shutdown. This is safe because the bus never reuses a unique name.
     void hurry();
 
-    /// Whether the unique name is still on the bus, so that what was sent to it before has arrived. A bus
-    /// that does not say so counts as no.
+    /// Whether the unique name is still on the bus; then all messages sent to it before have arrived. False
+    /// also if the bus does not reply.
     [[nodiscard]] asio::awaitable<bool> isOnBus(std::string busName);
 
 private:
-    // Statuses that share the question who has the initiator's name: all that were added before it was sent.
+    // Statuses of one initiator that share an identification: all that were added before it was requested.
     struct Batch;
     using BatchPointer = std::shared_ptr<Batch>;
 
@@ -63,7 +63,7 @@ private:
     Common::RemoteObject bus_;
     bool isHurrying_ = false;
     std::unordered_map<std::string, std::deque<BatchPointer>>
-        batches_; // by bus name; the first one is announced
+        batches_; // by bus name; the first one is being announced
 };
 
 } // namespace Daemon

@@ -15,28 +15,27 @@
 
 namespace Daemon {
 
-/// The service object: answers the interface's requests and sends its signals.
+/// The service object: replies to the interface's requests and sends its signals.
 ///
-/// Every request that fails is answered with the error "norvane.Vendara.Error" and a sentence, at the latest
-/// when requestLimit has passed. The requests of one connection are carried out in the order of their
-/// arrival; those of different connections do not wait for each other. The package manager's reports about
-/// one package are relayed in their order, an upgrade after the end of the operations that it finishes.
-/// Loop's thread only.
+/// A request that fails gets the error "norvane.Vendara.Error" with a message, at the latest after
+/// requestLimit. The requests of one connection are processed in order; those of different connections do not
+/// wait for each other. The package manager's signals about one package are relayed in order, an upgrade
+/// after the last status of the operations that it completes. Loop's thread only.
 class VendaraDbusInterface final : private sdbus::AdaptorInterfaces<norvane::Vendara_adaptor> {
 public:
-    /// Makes the controller and exports the interface, waiting for the buses. From the first SIGTERM or
-    /// SIGINT on requests are refused; the loop is stopped when the running operation has ended, the queued
-    /// ones have failed and all that has been announced.
-    /// @param session  owns the service's name; outlives the object
-    /// Throws sdbus::Error when a bus refuses.
+    /// Creates the controller and exports the interface; blocks for the buses. After the first SIGTERM or
+    /// SIGINT requests are refused. The loop is stopped when the running operation has ended, the queued ones
+    /// have failed and their statuses have been sent.
+    /// @param session  owns the service's name; must outlive the object
+    /// Throws sdbus::Error for an error reply of a bus.
     VendaraDbusInterface(Common::BusConnection& session, std::string objectPath);
     ~VendaraDbusInterface();
     VendaraDbusInterface(const VendaraDbusInterface&) = delete;
     VendaraDbusInterface& operator=(const VendaraDbusInterface&) = delete;
 
-    /// Less than the 25 s that a client's bus library waits for the reply.
+    /// Less than the 25 s that clients' bus libraries wait for a reply.
     static constexpr std::chrono::seconds requestLimit{24};
-    /// How many requests of one connection may wait for the first of them.
+    /// Maximum number of waiting requests of one connection.
     static constexpr std::size_t maximumRequests = 20000;
 
 private:
@@ -57,7 +56,7 @@ private:
     using Launch = asio::awaitable<void> (Core::LaunchControl::*)(std::string, Common::TimePoint);
     struct Texts {
         const char* failure; ///< for what has no text of its own
-        const char* late; ///< for a request that has waited for others of its connection until its deadline
+        const char* late; ///< for a request that waited for earlier ones of its connection until its deadline
     };
     template<typename Result, typename Check>
     void accept(Result&& result, Texts texts, const Check& check);
@@ -76,7 +75,7 @@ private:
                                  Launch call);
     asio::awaitable<Common::CallerIdentity> determineInitiator(std::string sender,
                                                                Common::TimePoint deadline);
-    // Without those whose properties are incomplete, which are logged.
+    // Packages with incomplete properties are omitted and logged.
     static asio::awaitable<std::vector<Common::PackageRecord>> installedPackages(PackageListing listing);
     static asio::awaitable<void> findInstalledPackage(std::string id, PackageListing listing);
     asio::awaitable<Common::OperationRecord> enqueue(Core::Operation operation, Common::TimePoint deadline);

@@ -12,16 +12,16 @@
 
 namespace Tools {
 
-/// The exit status of a program whose command line is wrong.
+/// The exit status for a wrong command line.
 inline constexpr int wrongUsage = 2;
 
-/// Reports on standard error what is wrong with a command line. Safe for a terminal.
+/// Reports the error of a command line on standard error, escaped for a terminal.
 inline void reportWrongUsage(const std::string& problem) {
     std::cerr << Common::printable(problem) << "\nRun with --help for more information." << std::endl;
 }
 
-/// What is wrong with a command line. What the parser does not know comes first: it may be meant for what the
-/// parser misses.
+/// The error of a command line. An unknown argument is reported before a missing one, because it may be a
+/// misspelling of the latter.
 inline std::string problemOf(const CLI::App& parser, const CLI::ParseError& error) {
     const std::string text = error.what();
     if (const auto end = text.find(" was given a disallowed flag override"); end != std::string::npos) {
@@ -42,7 +42,7 @@ inline std::string problemOf(const CLI::App& parser, const CLI::ParseError& erro
            first;
 }
 
-/// Has "--flag=value" refused for every flag: the parser would take some values for the flag alone.
+/// Refuses "--flag=value" for every flag: the parser would accept some values as the flag alone.
 inline void refuseValuesOfFlags(CLI::App& parser) {
     for (auto* const option : parser.get_options()) {
         if (option->get_items_expected_max() == 0) {
@@ -55,9 +55,8 @@ inline void refuseValuesOfFlags(CLI::App& parser) {
 }
 
 /// Parses a command line.
-/// @param report  is called with what is wrong with it
-/// @return nothing when the program is to continue; its exit status after it printed help, or when the
-///         command line is wrong
+/// @param report  called with the error
+/// @return nothing if the program is to continue; its exit status after the help was printed or an error
 [[nodiscard]] inline std::optional<int>
 parse(CLI::App& parser, int argc, const char* const* argv,
       const std::function<void(const std::string&)>& report = reportWrongUsage) {

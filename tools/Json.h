@@ -8,13 +8,13 @@ namespace Tools {
 
 using JsonValue = nlohmann::ordered_json;
 
-/// A JSON text (RFC 8259) in one line of ASCII; what is not UTF-8 is replaced.
+/// A JSON text (RFC 8259) in one line of ASCII; bytes that are not valid UTF-8 are replaced.
 inline std::string textOf(const JsonValue& value) {
     return value.dump(-1, ' ', true, JsonValue::error_handler_t::replace);
 }
 
-/// How a failure is printed.
-/// @param subject  the file or package that it is about; empty: none
+/// A failure as JSON.
+/// @param subject  the file or package that it concerns; empty: none
 inline JsonValue failure(const std::string& subject, const std::string& message) {
     JsonValue error{{"message", message}};
     if (!subject.empty()) {

@@ -11,17 +11,17 @@
 
 namespace Tools {
 
-/// Whether a descriptor is a terminal that understands cursor movements.
+/// Whether a descriptor is a terminal that supports cursor movements.
 inline bool isTerminal(int descriptor) {
     const char* const kind = std::getenv("TERM");
     return isatty(descriptor) != 0 && kind != nullptr && std::string_view(kind) != "dumb";
 }
 
-/// Shows how much of a long operation is done, in a line that is rewritten and at last erased. Shows nothing
-/// unless standard error is a terminal that understands this. Used by one thread.
+/// Shows the progress of a long operation in a line that is rewritten and finally erased. Shows nothing
+/// unless standard error is a terminal that supports this. Used by one thread.
 class Progress {
 public:
-    /// @param words  what is done, in ASCII: "signing"
+    /// @param words  the activity, in ASCII: "signing"
     /// @param index  of the package, where there are several
     Progress(const std::string& words, std::size_t index, std::size_t count)
         : words_(words +
@@ -30,7 +30,7 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    /// Bytes that are done, and that there are; a total of 0 is unknown.
+    /// @param done, total  bytes; a total of 0 is unknown
     void operator()(std::uint64_t done, std::uint64_t total) {
         const auto part =
             total == 0 ? 0 : static_cast<double>(std::min(done, total)) / static_cast<double>(total);
@@ -39,7 +39,7 @@ public:
             return;
         }
         shown_ = percent;
-        // The cursor stays at the line's beginning, for what other parts of the program print.
+        // Other output must start at the beginning of the line, so the cursor is left there.
         std::cerr << words_ << ": " << percent << " %\x1b[K\r" << std::flush;
     }
 
@@ -53,7 +53,7 @@ public:
 private:
     std::string words_;
     bool isTerminal_ = isTerminal(STDERR_FILENO);
-    int shown_ = -1; ///< percent; none
+    int shown_ = -1; ///< percent; -1: no line is shown
 };
 
 } // namespace Tools

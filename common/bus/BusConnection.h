@@ -12,31 +12,32 @@
 
 namespace Common {
 
-/// A bus connection that the loop drives: its messages are handled, its time-outs are watched and what it
-/// could not send at once is sent later. Loop's thread only.
+/// A bus connection driven by the loop: handles incoming messages and call time-outs, and writes queued
+/// messages. Loop's thread only.
 class BusConnection {
 public:
     using LostHandler = std::function<void(const sdbus::Error&)>;
 
-    /// @param connection  without another event loop. Waiting coroutines hold messages of it, which must not
-    ///                    outlive it: the owner of the loop's last coroutine shares it.
-    /// @param lost        called once, when the bus is first found to be gone. Pending calls get their errors
-    ///                    afterwards. It must not destroy the connection.
-    /// Throws std::system_error when the system has no descriptors left.
+    /// @param connection  must have no other event loop. Waiting coroutines hold messages, which must not
+    ///                    outlive the connection: each such coroutine shares its ownership.
+    /// @param lost        called once, when the connection is lost. Pending calls get their errors
+    /// afterwards.
+    ///                    It must not destroy the connection.
+    /// Throws std::system_error when no descriptors are available.
     BusConnection(Loop& loop, std::shared_ptr<sdbus::IConnection> connection, LostHandler lost);
     BusConnection(const BusConnection&) = delete;
     BusConnection& operator=(const BusConnection&) = delete;
 
     [[nodiscard]] Loop& loop() { return loop_; }
     [[nodiscard]] sdbus::IConnection& bus() { return *connection_; }
-    /// The same, for those that hold messages.
+    /// The same, for coroutines that hold messages.
     [[nodiscard]] std::shared_ptr<sdbus::IConnection> sharedBus() { return connection_; }
 
-    /// Posts a task to the loop, which may send messages. Its exceptions are logged. Any thread.
+    /// Posts a task, which may send messages, to the loop. Its exceptions are logged. Any thread.
     void post(std::function<void()> task);
 
-    /// Runs a function that gives a message to the bus library. Its exceptions are passed on; when one means
-    /// that the bus is gone, the lost handler is called first.
+    /// Runs a function that sends a message. Its exceptions are passed on; if one means that the connection
+    /// is lost, the lost handler is called first.
     template<typename Send>
     void send(const Send& give) {
         try {
@@ -47,10 +48,11 @@ public:
         }
         watchOutput();
     }
-    /// To be called first with an error reply of the bus itself: a peer can send any name.
+    /// Calls the lost handler if the error means that the connection is lost. Only for errors of the bus
+    /// itself: a peer can send any error name.
     void reportIfLost(const sdbus::Error& error);
 
-    /// Returns when all that was sent has been written to the bus, or at the deadline.
+    /// Returns when all queued messages have been written to the bus, or at the deadline.
     [[nodiscard]] asio::awaitable<void> flushed(TimePoint deadline);
 
 private:
@@ -71,9 +73,9 @@ private:
     bool isWaitingForOutput_ = false;
     bool isHandling_ = false;
     bool isUpdateDue_ = false;
-    bool isClosed_ = false; // the bus library has nothing more to handle
+    bool isClosed_ = false; // nothing is left to handle
     std::shared_ptr<Event> written_;
-    std::shared_ptr<BusConnection*> self_; // what handlers of the loop hold weakly
+    std::shared_ptr<BusConnection*> self_; // handlers of the loop have a weak_ptr to it
 };
 
 } // namespace Common

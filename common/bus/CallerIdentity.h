@@ -6,7 +6,7 @@
 
 namespace Common {
 
-/// The application on whose behalf a request is made: the initiator of an operation. A plain value.
+/// The application that makes a request, for example the initiator of an operation. A plain value.
 class CallerIdentity {
 public:
     CallerIdentity() = default;
@@ -16,10 +16,10 @@ public:
     [[nodiscard]] const std::string& busName() const { return busName_; }
     [[nodiscard]] const std::string& firstIdentity() const { return firstIdentity_; }
     [[nodiscard]] const std::string& secondIdentity() const { return secondIdentity_; }
-    /// firstIdentity, "|", secondIdentity: equal for every connection of one application.
+    /// firstIdentity, "|", secondIdentity: the same for all connections of an application.
     [[nodiscard]] const std::string& key() const { return key_; }
 
-    /// Whether both identity strings are equal, byte for byte; the bus name does not matter.
+    /// Whether both identity strings are equal, byte for byte; bus names are not compared.
     [[nodiscard]] bool isSameApplication(const CallerIdentity& other) const;
 
 private:
@@ -34,8 +34,8 @@ class CallerIdentification {
 public:
     explicit CallerIdentification(BusConnection& session);
 
-    /// Asks which application owns a unique name of the session bus.
-    /// Throws Error, code Internal, when the service does not say so before the deadline.
+    /// Identifies the application that owns a unique name of the session bus.
+    /// Throws Error, code Internal, when the service returns an error or does not reply before the deadline.
     [[nodiscard]] asio::awaitable<CallerIdentity> identify(std::string busName, TimePoint deadline);
 
 private:

@@ -10,12 +10,11 @@ namespace Common {
 
 using TimePoint = std::chrono::steady_clock::time_point;
 
-/// The time that is left until a deadline, at least 1 us: a time-out of 0 would mean the bus library's
-/// default.
+/// The time left until a deadline, at least 1 us: the bus library replaces a time-out of 0 by its default.
 [[nodiscard]] std::chrono::microseconds remainingUntil(TimePoint deadline);
 
-/// Something that happens once and that coroutines of the loop wait for. Loop's thread only. It must outlive
-/// those that wait: share it with them.
+/// A one-time event that coroutines of the loop wait for. Loop's thread only. It must outlive the waiting
+/// coroutines: share it with them.
 class Event {
 public:
     explicit Event(asio::io_context& loop)
@@ -23,10 +22,10 @@ public:
     Event(const Event&) = delete;
     Event& operator=(const Event&) = delete;
 
-    /// Resumes all that wait, in a later turn of the loop, and all that will wait.
+    /// Sets the event and resumes the waiting coroutines in a later turn of the loop.
     void set();
 
-    /// @return whether the event happened before the deadline
+    /// @return whether the event was set before the deadline
     [[nodiscard]] asio::awaitable<bool> wait(TimePoint deadline = TimePoint::max());
 
 private:

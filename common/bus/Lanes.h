@@ -9,8 +9,8 @@
 
 namespace Common {
 
-/// Runs coroutines one after the other for each key, in the order of their arrival; those of different keys
-/// do not wait for each other. Loop's thread only. A job's exception is logged.
+/// Runs the coroutines of each key one after another, in the order they were added. Coroutines of different
+/// keys do not wait for each other. Exceptions are logged. Loop's thread only.
 class Lanes {
 public:
     using Job = std::function<asio::awaitable<void>()>;
@@ -22,7 +22,7 @@ public:
 
     void add(const std::string& key, Job job);
 
-    /// How many jobs of the key have not ended.
+    /// The number of jobs of the key that have not ended.
     [[nodiscard]] std::size_t count(const std::string& key) const;
 
 private:

@@ -20,13 +20,13 @@
 
 namespace Common {
 
-/// The event loop: one thread runs it and owns all state; nothing on it waits. What must block runs on a
-/// helper thread of its own and posts its result back. One helper thread that has no job is kept.
+/// The event loop: one thread runs it and owns all state; nothing on it may block. A blocking call runs as a
+/// job on a helper thread, which posts the result back. One idle helper thread is kept.
 ///
-/// Everything belongs to the thread that calls run(), unless a function says something else.
+/// All functions belong to the thread that calls run(), unless stated otherwise.
 class Loop {
 public:
-    /// Something that a helper thread does.
+    /// A call on a helper thread.
     template<typename Work>
     struct Job {
         using Result = decltype(std::declval<Work>()());
@@ -46,7 +46,7 @@ public:
         Event ended;
     };
 
-    /// Throws std::system_error when the system has no more descriptors.
+    /// Throws std::system_error when no descriptors are available.
     Loop() = default;
     /// Joins the helper threads; see isHelperBusy().
     ~Loop() = default;
@@ -55,21 +55,21 @@ public:
 
     [[nodiscard]] asio::io_context& context() { return context_; }
 
-    /// Handles events until stop() or fail(). Throws what fail() was given.
+    /// Handles events until stop() or fail(). Throws the exception given to fail().
     void run();
     void stop() { context_.stop(); }
-    /// Ends run() with an exception.
+    /// Makes run() throw an exception.
     void fail(std::exception_ptr cause);
 
-    /// Calls the handler at the first SIGTERM or SIGINT; a second one kills the process. Once.
+    /// Calls the handler at the first SIGTERM or SIGINT; a second one kills the process. To be called once.
     void onTermination(std::function<void()> handler);
 
-    /// Starts a coroutine whose end is not waited for, in a later turn of the loop: never inside a handler of
-    /// a bus, which holds that connection's lock. An exception is logged after `message`.
+    /// Starts a detached coroutine, in a later turn of the loop: a bus handler, in which this may be called,
+    /// holds the connection's lock. An exception is logged after `message`.
     void spawn(std::string_view message, asio::awaitable<void> coroutine);
 
-    /// Has a helper thread run work(). Throws Error, code Internal, when so many jobs have not ended, and
-    /// std::system_error when the system has no more threads.
+    /// Runs work() on a helper thread. Throws Error, code Internal, when `limit` jobs have not ended, and
+    /// std::system_error when no thread can be created.
     template<typename Work>
     [[nodiscard]] std::shared_ptr<Job<Work>> begin(Work work, std::size_t limit = maximumJobs) {
         auto job = std::make_shared<Job<Work>>(context_, std::move(work));
@@ -85,7 +85,7 @@ public:
     }
 
     /// Returns the result of a job or throws its exception. Throws Error, code Internal, at the deadline; the
-    /// job goes on.
+    /// job continues.
     template<typename Work>
     [[nodiscard]] static asio::awaitable<typename Job<Work>::Result> finish(std::shared_ptr<Job<Work>> job,
                                                                             TimePoint deadline) {
@@ -99,8 +99,8 @@ public:
         co_return std::move(*job->result);
     }
 
-    /// Whether a job has not ended. Joining its thread would wait for it, for ever if it reads a file system
-    /// that does not answer: a process that ends then uses _Exit().
+    /// Whether a job has not ended. The destructor would wait for it, without limit if it reads a file system
+    /// that does not respond; the process must then end by _Exit().
     [[nodiscard]] bool isHelperBusy() const { return !helpers_.empty(); }
 
     static constexpr std::size_t maximumJobs = 64;
@@ -119,8 +119,8 @@ private:
     asio::io_context context_{1};
     asio::signal_set signals_{context_};
     std::exception_ptr failure_;
-    Helpers idle_;    // at most one: to start a thread costs a request a tenth of its time
-    Helpers helpers_; // one a job that has not ended; joined before the rest is destroyed
+    Helpers idle_;    // at most one; saves a request the start of a thread, a tenth of its time
+    Helpers helpers_; // one per running job; last member, so joined before the others are destroyed
 };
 
 } // namespace Common

@@ -8,10 +8,10 @@
 
 namespace Common {
 
-/// How long a call may take where nothing else is said; the bus library's own default.
+/// Default time limit of a call, the same as the bus library's.
 constexpr std::chrono::seconds defaultTimeout{25};
 
-/// A service's object on a bus that the loop drives. Loop's thread only.
+/// Proxy of a service's object for coroutines of the loop. Loop's thread only.
 class RemoteObject {
 public:
     /// Throws sdbus::Error when a name is not valid.
@@ -20,7 +20,7 @@ public:
 
     /// Calls a method of the interface and returns its results, of the given types.
     /// @param timeout  not 0
-    /// Throws sdbus::Error: the error reply, a time-out, a reply of other types, a bus that is gone.
+    /// Throws sdbus::Error for an error reply, a time-out, a reply of other types or a lost connection.
     template<typename... Results, typename... Arguments>
     [[nodiscard]] asio::awaitable<std::tuple<Results...>>
     call(std::string method, std::chrono::microseconds timeout, Arguments... arguments) {
@@ -45,7 +45,7 @@ private:
         std::optional<sdbus::Error> error;
     };
 
-    // The message is gone when this returns: the coroutine that waits may outlive the connection.
+    // Destroys the message before it returns: the waiting coroutine may outlive the connection.
     template<typename... Arguments>
     std::shared_ptr<Answer> send(const std::string& method, std::chrono::microseconds timeout,
                                  const Arguments&... arguments) {

@@ -8,27 +8,27 @@
 
 namespace Common {
 
-/// A service's signals on one connection, believed only when they come from the connection that owns the
-/// service's name: anybody on the bus can address a signal of any name to another connection. Others are
-/// dropped; the first of them is logged. Loop's thread only, once the connection is driven by a loop.
+/// Receives a service's signals on one connection. Only signals from the connection that owns the service's
+/// name are accepted, because any client of the bus can send any signal to another connection. Other signals
+/// are dropped; the first one is logged. Loop's thread only, once the connection is driven by a loop.
 class SignalSource {
 public:
-    /// Asks the bus for the owner and follows it; waits for the bus, so before the loop runs or on its helper
-    /// thread.
-    /// @param appeared  called when another connection has got the name
-    /// @param vanished  called when no connection has it any more
-    /// Throws sdbus::Error when the bus refuses.
+    /// Gets the name's owner from the bus and subscribes to its changes. Blocks: call it before the loop runs
+    /// or on a helper thread.
+    /// @param appeared  called when another connection has acquired the name
+    /// @param vanished  called when the name has no owner any more
+    /// Throws sdbus::Error for an error reply of the bus.
     SignalSource(sdbus::IConnection& connection, std::string service, std::function<void()> appeared = {},
                  std::function<void()> vanished = {});
     SignalSource(const SignalSource&) = delete;
     SignalSource& operator=(const SignalSource&) = delete;
 
     [[nodiscard]] bool hasOwner() const { return !owner_.empty(); }
-    /// @return the unique name of the connection that owns the service's name; empty without one
+    /// @return the unique name of the connection that owns the service's name; empty if there is none
     [[nodiscard]] const std::string& owner() const { return owner_; }
 
-    /// Has the handler called for each signal of this name. What it throws is logged. Waits and throws as the
-    /// constructor does.
+    /// Subscribes a handler to a signal. Its exceptions are logged. Blocks and throws as the constructor
+    /// does.
     void subscribe(const std::string& objectPath, const std::string& interface, const std::string& signal,
                    std::function<void(sdbus::Message&)> handler);
 
@@ -41,7 +41,7 @@ private:
     std::string service_;
     std::function<void()> appeared_;
     std::function<void()> vanished_;
-    std::string owner_; // unique name; empty without one
+    std::string owner_; // unique name; empty: none
     bool hasLogged_ = false;
     std::vector<sdbus::Slot> slots_;
 };

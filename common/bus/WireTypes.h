@@ -10,7 +10,7 @@
 
 namespace Common {
 
-/// A package as the package manager describes it, signature a{ss}: dotted key to value.
+/// A package as reported by the package manager, signature a{ss}: dotted key to value.
 using PackageProperties = std::map<std::string, std::string>;
 
 /// An operation on the bus: id, packageId, type, status, errorCode.

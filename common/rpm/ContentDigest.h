@@ -8,7 +8,7 @@ struct DIGEST_CTX_s;
 
 namespace Common::Rpm {
 
-/// What a header promises about a file's content.
+/// The digest of a file's content in a package's header.
 struct FileDigest {
     int algorithm = 0; ///< number of the hash algorithm, RFC 4880, section 9.4
     std::string value; ///< the raw bytes
@@ -17,13 +17,13 @@ struct FileDigest {
 /// A running digest over a file's content. Used by one thread at a time.
 class ContentDigest {
 public:
-    /// Throws Error, code BadPackage, when the promise is empty or its algorithm is unknown or of another
-    /// length.
+    /// Throws Error, code BadPackage, when the digest is empty, has an unknown algorithm or does not have the
+    /// length of its algorithm.
     explicit ContentDigest(FileDigest expected);
 
     void update(std::span<const char> piece);
 
-    /// Whether all that was fed is what the header promised; nothing more can be fed afterwards.
+    /// Whether the content has the expected digest; no further update() is allowed.
     [[nodiscard]] bool matches();
 
 private:

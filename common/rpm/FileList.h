@@ -11,19 +11,19 @@
 
 namespace Common::Rpm {
 
-/// The files that a header lists, in the order of their full names. librpm looks up each entry of an archive
-/// by its name: in a list that is in this order quickly, in any other one name by name. Used by one thread at
-/// a time.
+/// The files of a header, sorted by full name: librpm looks up each entry of an archive by name, in a sorted
+/// list by binary search, in any other list one by one. Used by one thread at a time.
 class FileList {
 public:
-    /// The names that one file may have. librpm compares each name of a set with each when it reads them.
+    /// Maximum number of hard links of a file: librpm's time to read a set is quadratic in its size.
     static constexpr std::uint32_t mostLinks = 1000;
 
-    /// Throws Error, code BadPackage, where the header's arrays do not go together, one of them is of the
-    /// wrong type, a name has PATH_MAX bytes or more, or a hard-link set has more than mostLinks names or
-    /// does not have them in order.
-    /// librpm never gives back the memory of some lists that it refuses, and does not limit the number of
-    /// directories: such lists do not reach it. Nor do the header's own inode and device numbers.
+    /// Throws Error, code BadPackage, when the header's arrays are inconsistent, one of them has the wrong
+    /// type, a name has PATH_MAX bytes or more, or a hard-link set has more than mostLinks names or is not
+    /// sorted.
+    /// These checks are made before librpm gets the list: it leaks the memory of some lists that it refuses,
+    /// and does not limit the number of directories. The header's own inode and device numbers are not passed
+    /// to librpm either.
     explicit FileList(Header header);
 
     [[nodiscard]] rpmfiles get() const { return files_.get(); }
@@ -32,13 +32,13 @@ public:
     /// The full name of a file of this list.
     [[nodiscard]] std::string name(int file) const;
 
-    /// The index in the header's own list of a file of this one.
+    /// Converts an index of this list to an index of the header's list.
     [[nodiscard]] int headerIndex(int file) const { return order_[static_cast<std::size_t>(file)]; }
 
-    /// The first of all the names that a file of this list has; names the file itself.
+    /// The index of a file's first hard link, which identifies the file.
     [[nodiscard]] int firstLink(int file) const;
 
-    /// The place of a full name, or -1.
+    /// The index of a full name, or -1.
     [[nodiscard]] int find(const std::string& path) const {
         return rpmfilesFindFN(files_.get(), path.c_str());
     }

@@ -10,13 +10,13 @@
 
 namespace Common::Rpm {
 
-/// Decompresses gzip (RFC 1952) with ISA-L on a thread of its own. Bytes behind the last member are ignored.
-/// Content that is gzip again is damaged: librpm's reader at the other end would decompress it, too, without
-/// a limit. Made and used by one other thread.
+/// Decompresses gzip (RFC 1952) with ISA-L on its own thread. Bytes after the last member are ignored.
+/// Content that is itself gzip data is treated as damaged: librpm, which reads the stream, would decompress
+/// it again, without a limit. Made and used by one other thread.
 class GzipStream {
 public:
-    /// @param file  at the first member; outlives the stream and is not used meanwhile
-    /// Throws Error: Filesystem when there are no descriptors, Internal when there is no thread.
+    /// @param file  positioned at the first member; must outlive the stream and not be used elsewhere
+    /// Throws Error: Filesystem when no descriptors are available, Internal when no thread can be created.
     explicit GzipStream(int file);
 
     /// Stops the thread and joins it.
@@ -24,11 +24,12 @@ public:
     GzipStream(const GzipStream&) = delete;
     GzipStream& operator=(const GzipStream&) = delete;
 
-    /// A read may give less than it asks for. The stream ends before a piece that is damaged or not read.
+    /// The decompressed stream. Reads may be short. The stream ends before data that is damaged or cannot be
+    /// read.
     [[nodiscard]] int descriptor() const { return readEnd_.get(); }
 
-    /// Ends the stream at any place.
-    /// @return the errno value of a read of the file that failed; 0 if none did
+    /// Stops decompression.
+    /// @return the errno value of a failed read of the file; 0 if none failed
     int stop();
 
 private:
@@ -39,7 +40,7 @@ private:
     bool send(std::span<const std::uint8_t> bytes);
 
     UniqueFd readEnd_;
-    int file_; // it and what follows belong to the thread until its end
+    int file_; // this and the next members belong to the thread until it ends
     UniqueFd writeEnd_;
     inflate_state state_;
     std::array<std::uint8_t, 65536> compressed_;

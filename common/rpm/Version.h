@@ -9,17 +9,17 @@
 
 namespace Common::Rpm {
 
-/// A package version as librpm orders them. Copies share it. Any thread.
+/// A package version, compared by librpm's rules. Copies share their data. Any thread.
 class Version {
 public:
     /// @param text  [epoch ":"] version ["-" release]
     /// @return nothing when librpm cannot parse it
     [[nodiscard]] static std::optional<Version> parse(const std::string& text);
 
-    /// The version as librpm writes it: [epoch ":"] version ["-" release].
+    /// The version as text: [epoch ":"] version ["-" release].
     [[nodiscard]] std::string text() const;
 
-    /// @return less than, equal to or greater than 0 as this version is lower than, the same as or higher
+    /// @return less than, equal to or greater than 0 if this version is lower than, the same as or higher
     /// than the other
     [[nodiscard]] int compare(const Version& other) const;
 

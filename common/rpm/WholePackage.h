@@ -7,28 +7,27 @@
 
 namespace Common::Rpm {
 
-// What makes a file whose header librpm accepts one whole package that can be installed. librpm itself looks
-// at nothing behind the header. The thread rules of Reader apply; the file's position is not touched.
+// Checks that a file is one complete package that can be installed. librpm itself reads only the header. The
+// thread rules of Reader apply; the file's position does not change.
 
 /// The length in bytes of the package at the beginning of the reader's file, from its lead to the end of its
-/// payload, as its header says. Behind that the file may have anything that no unpacker takes for more of the
-/// payload: signatures in a form that only the platform's library knows.
-/// Throws Error, code BadPackage, for a source package, for a package without a size, for one that the file
-/// has not all of, and for a payload that continues behind its end; code Filesystem when the file cannot be
-/// read.
+/// payload, according to its header. Signatures in the platform's format may follow, but no data that a
+/// decompressor would read as a part of the payload.
+/// Throws Error, code BadPackage, for a source package, for a package without a size, for a truncated package
+/// and for a payload that continues after its end; code Filesystem when the file cannot be read.
 [[nodiscard]] std::uint64_t packageLength(const Reader& reader);
 
-/// Is called after each piece of the payload that was read, with the place in the file in bytes: at last
-/// packageLength(). May throw, which ends the reading.
+/// Called after each piece of the payload that was read, with the offset in the file in bytes; the last call
+/// has packageLength(). May throw, which ends the reading.
 using ReadingProgress = std::function<void(std::uint64_t place)>;
 
-/// Reads the whole payload and compares it with the digest that the header has; an old package without such a
-/// digest passes. Throws Error: what packageLength() throws; BadPackage when they differ or the digest is of
-/// an unknown kind.
+/// Reads the whole payload and compares its digest with that in the header; accepts old packages without a
+/// digest. Throws Error: as packageLength(); BadPackage when they differ or the digest's algorithm is
+/// unknown.
 void requirePayloadDigest(const Reader& reader, const ReadingProgress& progress = {});
 
-/// All of the above, and that the package has the length which the caller knows from elsewhere: nothing is
-/// behind its payload, a signature of before no more than anything else.
+/// All of the above, and that packageLength() is the given length: nothing may follow the payload, not even
+/// signatures.
 void requireWholePackage(const Reader& reader, std::uint64_t length, const ReadingProgress& progress = {});
 
 } // namespace Common::Rpm

@@ -12,19 +12,19 @@
 
 namespace Core::ZUL {
 
-/// An installed database as the functions of DatabaseInspection.h see it. Used by one thread.
+/// Read access to a database for the functions of DatabaseInspection.h. Used by one thread.
 class DatabaseView {
 public:
     explicit DatabaseView(const InspectedDatabase& database);
 
     [[nodiscard]] const std::filesystem::path& directory() const { return directory_; }
-    /// Where the packages are.
+    /// The tree with the packages.
     [[nodiscard]] const ReadTree& tree() const { return tree_; }
-    /// Where their mappings are.
+    /// The tree with their mappings.
     [[nodiscard]] const ReadTree& system() const { return system_; }
     [[nodiscard]] Mapping mappingAt(const std::filesystem::path& place) { return {places_, place}; }
 
-    /// The part of a path below the packages' directory, also when the path names that by way of a link;
+    /// The part of a path below the packages' directory, also for a path that reaches it through a link;
     /// empty for any other path.
     [[nodiscard]] std::filesystem::path belowDirectory(const std::filesystem::path& path) const;
 
@@ -42,7 +42,7 @@ private:
     SystemTree places_;
 };
 
-/// One package of a database that is looked at: what PackageDirectory knows of one that is worked on.
+/// One package of a database that is only read; the counterpart of PackageDirectory.
 class InstalledPackage {
 public:
     struct File {
@@ -61,20 +61,20 @@ public:
     /// Throws PackageNotExist.
     void requireExists() const;
 
-    /// The name of the version that "current" or "next" leads to; empty when it leads to none that exists.
+    /// The name of the version that "current" or "next" points to; empty if it does not exist.
     [[nodiscard]] std::string versionOf(const std::string& link) const;
-    /// The names of all directories of versions, also of those that are neither installed nor prepared.
+    /// The names of all version directories, also of versions that are neither installed nor prepared.
     [[nodiscard]] std::vector<std::string> versions() const;
 
     /// Throws as readRecord().
     [[nodiscard]] PackageData record(const std::string& version) const;
-    /// The identity that the rules for mappings take. Throws as record().
+    /// The identity for mappingRules(). Throws as record().
     [[nodiscard]] PackageIdentity identity(const std::string& version) const;
     [[nodiscard]] std::optional<MappingList> mappingList(const std::string& version) const;
 
-    /// What is in a version, without directories, record and mapping list.
+    /// The files of a version, without directories, record and mapping list.
     [[nodiscard]] std::vector<File> files(const std::string& version) const;
-    /// The places of files of a version, and the files, which are relative.
+    /// Maps the places of a version's mappings to the files, which are relative.
     [[nodiscard]] std::map<std::string, std::string> plan(const PackageIdentity& identity,
                                                           const std::vector<File>& files) const;
     /// The kind that all mappings of a version have.

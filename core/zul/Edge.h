@@ -7,8 +7,8 @@
 
 namespace Core::ZUL {
 
-/// The edge of the library: throws the exception that is being handled on as a Common::Error. Public
-/// functions that look at files end with "catch (...) { throwAsError(); }".
+/// Rethrows the exception being handled as a Common::Error. Public functions that read files end with
+/// "catch (...) { throwAsError(); }".
 [[noreturn]] inline void throwAsError() {
     using Common::Error;
     using Common::ErrorCode;

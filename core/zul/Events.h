@@ -9,12 +9,12 @@
 
 namespace Core::ZUL {
 
-/// A kind of event. Recorded logs have its messageId and its number, which never change.
+/// A kind of event. messageId and number must never change, because existing logs contain them.
 struct EventKind {
-    const char* name;      ///< in lists of events
+    const char* name;      ///< shown in lists of events
     const char* messageId; ///< of its entries in the journal; field and value
     int priority;          ///< of syslog(3)
-    std::uint8_t number;   ///< in the platform's event log; 0: it is not recorded there
+    std::uint8_t number;   ///< in the platform's event log; 0: not recorded there
 };
 
 inline constexpr EventKind packageInstalled{"PackageInstalled", "MESSAGE_ID=c66890cda4af40b2b14d8ccb9dae7f58",
@@ -30,22 +30,22 @@ inline constexpr EventKind corruptedUpgradeRemoved{
 inline constexpr std::array eventKinds{packageInstalled, packageUpgraded, packageRemoved,
                                        corruptedPackageRemoved, corruptedUpgradeRemoved};
 
-/// The fields of an event in the journal, beside MESSAGE and MESSAGE_ID.
+/// The fields of an event in the journal, in addition to MESSAGE and MESSAGE_ID.
 inline constexpr const char* packageField = "VENDARA_PACKAGE";
 inline constexpr const char* versionField = "VENDARA_VERSION";
 
 /// Records an event in the platform's event log, if its kind has a number. Any thread.
-/// @param code  the failure that led to it; None for a success
+/// @param code  the failure that caused it; None for a success
 void logEvent(const EventKind& kind, const std::string& message,
               Common::ErrorCode code = Common::ErrorCode::None) noexcept;
 
-/// Records an event in the systemd journal. Never fails: without a journal nothing is recorded. Waits for a
-/// journal that is stopped when its queue is full, as log_event() may. Any thread.
-/// @param version  that the event is about; empty: unknown
+/// Records an event in the systemd journal. Never fails: without a journal nothing is recorded. Blocks while
+/// journald is stopped and its queue is full, as log_event() may. Any thread.
+/// @param version  the package's version; empty: unknown
 void recordInJournal(const EventKind& kind, const std::string& package, const std::string& version,
                      const std::string& message) noexcept;
 
-/// Both.
+/// Calls logEvent() and recordInJournal().
 void recordEvent(const EventKind& kind, const std::string& package, const std::string& version,
                  const std::string& message, Common::ErrorCode code = Common::ErrorCode::None) noexcept;
 

@@ -13,9 +13,9 @@
 
 namespace Core::ZUL {
 
-/// A tree of files that is only looked at, below the directory that stands for "/". Links in it are followed
-/// as the running system would follow them, and lead nowhere else. Paths are absolute. What cannot be read
-/// this time is Error, code Filesystem; absent is what Common::meansAbsence() says. Any thread.
+/// Read-only access to a file tree whose root takes the place of "/". Links are resolved within this root, as
+/// after chroot(2). Paths are absolute. Failures to read are Error, code Filesystem; Common::meansAbsence()
+/// defines which files are absent. Any thread.
 class ReadTree {
 public:
     using Visitor = std::function<void(const std::filesystem::path&, const struct stat&)>;
@@ -23,18 +23,18 @@ public:
 
     explicit ReadTree(const std::filesystem::path& root);
 
-    /// The status of what is at a path; nothing when there is nothing.
-    /// @param flags  O_NOFOLLOW for a link's own
+    /// The status of a file; nothing if it is absent.
+    /// @param flags  O_NOFOLLOW for that of a link itself
     [[nodiscard]] std::optional<struct stat> status(const std::filesystem::path& path, int flags = 0) const;
 
-    /// Whether two paths lead to one file that exists.
+    /// Whether two paths lead to the same existing file.
     [[nodiscard]] bool isSameFile(const std::filesystem::path& first,
                                   const std::filesystem::path& second) const;
 
-    /// The target of a symbolic link as it is stored; nothing for anything else.
+    /// The stored target of a symbolic link; nothing if the path is not a link.
     [[nodiscard]] std::optional<std::filesystem::path> linkTarget(const std::filesystem::path& path) const;
 
-    /// The names in a directory, sorted; none where there is no directory.
+    /// The names in a directory, sorted; none if there is no directory.
     [[nodiscard]] std::vector<std::string> namesIn(const std::filesystem::path& directory) const;
 
     /// Reads a regular file, as Common::readRegularFile().
@@ -42,13 +42,14 @@ public:
                                                       std::size_t limit) const;
 
     /// The extended attributes of a file, link or directory in the namespace "security".
-    /// @param flags  O_NOFOLLOW for a link's own
+    /// @param flags  O_NOFOLLOW for those of a link itself
     [[nodiscard]] std::map<std::string, std::string> securityAttributes(const std::filesystem::path& path,
                                                                         int flags = 0) const;
 
-    /// Calls the visitor with the path and the own status of everything below a directory that is not a
-    /// directory itself. Links to directories are visited and not followed.
-    /// @param failed  is called with what could not be read, and the walk goes on; without it that is thrown
+    /// Calls the visitor with the path and the status of every file and link below a directory. Links are not
+    /// followed.
+    /// @param failed  called for each failure to read, after which the walk continues; without it the first
+    ///                failure is thrown
     void walk(const std::filesystem::path& directory, const Visitor& visit,
               const FailureHandler& failed = {}) const;
 

@@ -8,17 +8,15 @@
 
 namespace Core::ZUL {
 
-/// Name of the record in a version directory: an INI file as Boost.PropertyTree reads and writes it.
+/// Name of the record in a version directory, an INI file in the format of Boost.PropertyTree.
 inline const std::string recordName = "quenra.pkg";
 
-/// Writes a version directory's record: the package's identifier, version and, when it has both, its
-/// organisation and application names, then the further entries. An earlier record, also one that is a link
-/// or came with the payload, is replaced in one step and never written through.
-/// Throws Error, code Filesystem, "couldn't create quenra.pkg file " and the path: when the file cannot be
-/// written, and when an entry would not read back as it was given, for example one with a line break. Any
-/// thread.
-/// @param entries  dotted keys with exactly one full stop; whitespace at both ends of a value is ignored when
-/// it is read
+/// Writes a version directory's record: the package's identifier, version and, if it has both, its
+/// organisation and application names, then the further entries. An existing record, also a link or one from
+/// the payload, is replaced atomically; a link is not followed.
+/// Throws Error, code Filesystem, "couldn't create quenra.pkg file " and the path, when the file cannot be
+/// written or when an entry would be read back differently, for example one with a line break. Any thread.
+/// @param entries  dotted keys with exactly one full stop; readers ignore whitespace at both ends of a value
 void writeRecord(const PackageIdentity& package, const PackageData& entries,
                  const std::filesystem::path& directory);
 
@@ -29,7 +27,7 @@ void writeRecord(const PackageIdentity& package, const PackageData& entries,
 [[nodiscard]] PackageData readRecord(const std::filesystem::path& file,
                                      const Common::FileReader& read = Common::readRegularFile);
 
-/// The reading of a record's text, as readRecord() does it; the file's name goes into messages.
+/// Parses a record's text as readRecord() does. The file's name is used in messages.
 [[nodiscard]] PackageData parseRecord(const std::string& text, const std::filesystem::path& file);
 
 } // namespace Core::ZUL

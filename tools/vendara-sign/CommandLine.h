@@ -9,7 +9,7 @@
 
 namespace Signing {
 
-/// What the command line asks for. Paths and URIs are as they were given; empty for options that were not.
+/// The parsed command line. Paths and URIs are as given; empty if the option was not given.
 struct Arguments {
     std::vector<std::string> packages;
     std::string output;
@@ -35,9 +35,9 @@ struct Arguments {
     [[nodiscard]] bool usesDigests() const { return !digestOutput.empty() || !signatureFiles.empty(); }
 };
 
-/// Reads the command line, and the files that are a part of it: passphrases and signatures of digests. Help
-/// and version go to standard output, what is wrong to standard error.
-/// @return nothing when the program is to go on; its exit status else
+/// Parses the command line and reads the passphrase file and the files with signatures of digests. Help and
+/// version are printed on standard output, errors on standard error or, with --json, on standard output.
+/// @return nothing if the program is to continue; otherwise its exit status
 [[nodiscard]] std::optional<int> parseCommandLine(int argc, const char* const* argv, Arguments& arguments);
 
 } // namespace Signing

@@ -9,24 +9,25 @@
 
 namespace Signing {
 
-/// For signers that take only digests: digests, and signatures that were made of them elsewhere. In the text
-/// form a line is an algorithm (SHA256, SHA384 or SHA512), the digest and, once it is made, its signature:
-/// RSA with PKCS #1 v1.5 padding. Digests and signatures are hexadecimal. Used by one thread.
+/// Digests and their signatures, for external signers that sign only digests. Each line of the file has an
+/// algorithm (SHA256, SHA384 or SHA512), the digest and, if it is signed, the signature: RSA with PKCS #1
+/// v1.5 padding. Digests and signatures are hexadecimal. Used by one thread.
 class DigestFile {
 public:
-    /// Adds the signatures of a text; a line may have none. Throws std::runtime_error for any other text.
+    /// Adds the signatures in a file's content; a line may have none. Throws std::runtime_error for any other
+    /// content.
     void addSignatures(const std::string& text);
 
-    /// The signature of a digest; empty when there is none, and then the digest is missing from now on.
+    /// The signature of a digest; empty if there is none, and the digest is then added to missing().
     /// Throws std::runtime_error for a signature that was not made of the digest with the certificate's key.
     [[nodiscard]] std::string signatureOf(X509& certificate, const EVP_MD& algorithm,
                                           std::string_view digest);
 
-    /// The lines of the digests that are missing.
+    /// The lines of the digests without a signature.
     [[nodiscard]] const std::set<std::string>& missing() const { return missing_; }
 
 private:
-    std::map<std::string, std::string> signatures_; ///< by the line's beginning
+    std::map<std::string, std::string> signatures_; ///< by algorithm and digest, as in the file
     std::set<std::string> missing_;
 };
 

@@ -12,11 +12,12 @@ struct Validity {
     std::time_t notBefore;
     std::time_t notAfter;
 
-    /// From a day ago to ten years from now.
+    /// From one day ago for ten years.
     static Validity usual();
 };
 
-/// What a certificate is to say. Extension values as x509v3_config(5) writes them; an empty one is left out.
+/// The fields of a certificate to be made. Extension values have the format of x509v3_config(5); an empty one
+/// is omitted.
 struct CertificateRequest {
     std::string commonName = "Test";
     std::string extendedKeyUsage{};
@@ -25,13 +26,13 @@ struct CertificateRequest {
     Validity validity = Validity::usual();
 };
 
-/// An authority for tests, with a key that is made with it. Used by one thread.
+/// An authority for tests, with a new key. Used by one thread.
 class TestAuthority {
 public:
     /// Throws std::runtime_error, as issue() does.
     TestAuthority();
 
-    /// Makes a key and certifies it.
+    /// Makes a key and a certificate.
     [[nodiscard]] Identity issue(const CertificateRequest& request) const;
 
     [[nodiscard]] const Identity& identity() const { return identity_; }
@@ -41,10 +42,10 @@ private:
 };
 
 /// Makes an authority, a developer, a client and a system developer, each as NAME.key (readable by the owner
-/// only) and NAME.pem, and the file "system-developer-keyid"; "ca.pem" comes last. Never overwrites: where
-/// one of the files is there already, none is made. What a run that fails has made it removes.
-/// @param directory  made if missing
-/// @param validity   of all certificates but the authority's, which is usual
+/// only) and NAME.pem, and the file "system-developer-keyid"; "ca.pem" is written last. Never overwrites: if
+/// one of the files exists, none is made. Removes the new files after a failure.
+/// @param directory  created if missing
+/// @param validity   of all certificates except the authority's, which has Validity::usual()
 /// Throws std::exception, whose text names the path.
 void makeTestAuthority(const std::filesystem::path& directory, const Validity& validity);
 

@@ -8,25 +8,26 @@
 
 namespace Vendaractl {
 
-/// The program's exit statuses, a part of its interface.
+/// The program's exit statuses; documented in vendaractl(1).
 enum ExitStatus : int { Success = 0, OperationFailed = 1, BadUsage = 2, NoService = 3 };
 
 /// The options and arguments of a command.
 struct Request {
     Format format = Format::Words;
-    bool isDetached = false; ///< does not wait for the end
+    bool isDetached = false; ///< returns without waiting for the operations
     bool follow = false;
     bool ignoresAttributes = false;
     std::string authority; ///< of check
     std::string configuration = Core::ZUL::DatabaseLocation::configurationFile;
     std::string systemRoot = "/";
-    std::string image;                  ///< takes the place of the two; empty: none
-    std::string journal;                ///< directory with the journal of history; empty: that of the system
-    std::vector<std::string> arguments; ///< absolute paths, of existing files but for owner, or identifiers
+    std::string image;   ///< used instead of configuration and systemRoot; empty: not used
+    std::string journal; ///< directory with the journal for history; empty: the system's
+    std::vector<std::string>
+        arguments; ///< identifiers, or absolute paths (of existing files except for owner)
 };
 
-// Each command returns when it is done, `monitor` never. All throw what Vendara::Client throws, and
-// OutputLost. `check` and those that look into the database or the journal ask no service.
+// `monitor` never returns. All throw what Vendara::Client throws, and OutputLost. `check` and the commands
+// that read the database or the journal do not call the service.
 [[nodiscard]] ExitStatus check(const Request& request);
 [[nodiscard]] ExitStatus install(const Request& request);
 [[nodiscard]] ExitStatus remove(const Request& request);

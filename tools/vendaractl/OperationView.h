@@ -5,10 +5,10 @@
 
 namespace Vendaractl {
 
-/// Shows operations that are followed.
+/// Shows the followed operations.
 class OperationView : public Vendara::Listener {
 public:
-    /// The service refused to begin an operation.
+    /// The service refused a request.
     /// @param subject  the file or package
     virtual void refused(const std::string& subject, const std::string& message) = 0;
 };

@@ -11,7 +11,7 @@ namespace Vendaractl {
 
 using Tools::JsonValue;
 
-/// How results are shown: to people, or one JSON text (RFC 8259) a line.
+/// The output format: human-readable, or one JSON object (RFC 8259) a line.
 enum class Format { Words, Json };
 
 /// Standard output cannot be written.
@@ -19,8 +19,8 @@ class OutputLost : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// "install com.example.app: in progress"; a failure with its cause. Safe for a terminal.
-/// @param columns  of the terminal; where the text has more, the package is cut
+/// "install com.example.app: in progress"; a failure with its cause. Escaped for a terminal.
+/// @param columns  of the terminal; the package's identifier in a longer text is shortened
 [[nodiscard]] std::string inWords(const Vendara::Operation& operation,
                                   std::size_t columns = std::string::npos);
 [[nodiscard]] JsonValue toJson(const Vendara::Operation& operation);
@@ -34,7 +34,7 @@ template<typename Record>
     return result;
 }
 
-/// Whether standard output is a terminal that understands cursor movements.
+/// Whether standard output is a terminal that supports cursor movements.
 [[nodiscard]] bool onTerminal();
 
 /// Writes a line to standard output and flushes it. Throws OutputLost.
@@ -42,14 +42,14 @@ void printLine(const std::string& line);
 /// The same for a value, in ASCII.
 void printJson(const JsonValue& value);
 
-/// A table on a terminal, with its header; lines of fields separated by tabs otherwise.
+/// On a terminal prints a table with the header; otherwise lines with tab-separated fields.
 void printTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows);
 
-/// Prints on standard error how an operation ended that the program did not follow.
+/// Prints the result of an operation that the program did not follow on standard error.
 void printEarlier(const Vendara::Operation& operation);
 
 /// Prints a failure on standard error, or as JSON on standard output.
-/// @param subject  the file or package that it is about; empty: none
+/// @param subject  the file or package that it concerns; empty: none
 void printFailure(Format format, const std::string& subject, const std::string& message);
 
 } // namespace Vendaractl

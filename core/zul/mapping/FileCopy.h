@@ -6,15 +6,15 @@
 
 namespace Core::ZUL {
 
-/// Copies a file's content, owner, mode, extended attributes and times into a new, empty file. What the new
-/// file's file system cannot hold is a failure. Throws Error, code Filesystem. Any thread.
+/// Copies a file's content, owner, mode, extended attributes and times into a new, empty file. Fails if the
+/// new file's file system does not support one of them. Throws Error, code Filesystem. Any thread.
 /// @param from  descriptor open for reading
 /// @param to    descriptor open for writing
-/// @param more  extended attributes that the new file has besides, in place of the file's own of those names
+/// @param more  further extended attributes; they replace the file's own of the same names
 void copyFile(int from, int to, const std::map<std::string, std::string>& more = {});
 
-/// Whether a file has the size, owner, mode and modification time of another, as its copy has while neither
-/// is changed. Whose copy it is its attributes have to say. Any thread.
+/// Whether a file has the size, owner, mode and modification time of another, as an unchanged copy has. The
+/// extended attributes, which name the file that was copied, are not compared. Any thread.
 [[nodiscard]] bool isCopyOf(const struct stat& copy, const struct stat& file) noexcept;
 
 } // namespace Core::ZUL

@@ -10,7 +10,7 @@
 
 namespace Core::ZUL {
 
-/// A file of a package that is to be seen in a system directory.
+/// A file of a package that is mapped into a system directory.
 struct MappedFile {
     std::filesystem::path versionDirectory;
     std::filesystem::path relative; ///< below the version directory
@@ -19,45 +19,45 @@ struct MappedFile {
 };
 
 /// One place in the system directories where a mapping is or could be. A mapping is a symbolic link to a
-/// package's file, or a copy of it that names it in the extended attribute "user.zul.mapping.target".
-/// Used by the thread that uses the tree. Failures are Error, code Filesystem, also of the questions: what is
-/// taken for another's would never be removed.
+/// package's file, or a copy with the file's path in the extended attribute "user.zul.mapping.target".
+/// Used by the thread that uses the tree. Failures are Error, code Filesystem. The const functions throw too
+/// instead of returning false: a mapping mistaken for a foreign file would never be removed.
 class Mapping {
 public:
-    /// Whether a path can be a mapping's: absolute, with a name of its own at its end.
+    /// Whether a path can be that of a mapping: absolute and with a file name.
     [[nodiscard]] static bool isPlace(const std::filesystem::path& target);
 
-    /// @param target  the place, as the running system sees it. Throws when it can be no mapping's.
+    /// @param target  the place, a path of the running system. Throws unless isPlace().
     Mapping(SystemTree& tree, std::filesystem::path target);
 
     [[nodiscard]] const std::filesystem::path& target() const { return target_; }
 
-    /// Whether there is anything at the place, a link that leads nowhere included.
+    /// Whether there is a file at the place, or a link, even a dangling one.
     [[nodiscard]] bool exists() const;
 
     /// Whether a symbolic link or a marked copy is at the place.
     [[nodiscard]] bool isMapping() const;
 
-    /// The package file that the mapping stands for.
+    /// The package file that is mapped.
     [[nodiscard]] std::filesystem::path mappingTarget() const;
 
-    /// Whether it is a mapping of a file of the package, also when the package's directory was reached by
-    /// another path when it was made.
+    /// Whether this is a mapping of a file of the package, also if it was created with another path of the
+    /// package's directory.
     [[nodiscard]] bool belongsTo(const std::filesystem::path& packageDirectory) const;
 
-    /// Whether a mapping may take the place of what is there: of a marked copy or a link into the database.
-    /// Any other link is the system's.
+    /// Whether a mapping may replace the file at the place: a marked copy or a link into the database. Any
+    /// other link is the system's.
     [[nodiscard]] bool isReplaceable(const std::filesystem::path& databaseRoot) const;
 
-    /// Whether it is a mapping of this file, of this kind and, if a copy, up to date.
+    /// Whether this is a mapping of this file and kind and, for a copy, up to date.
     [[nodiscard]] bool standsFor(const MappedFile& file, MappingKind kind) const;
 
-    /// Makes the mapping, and the directories above it, in one step in the place of a file or link that is
-    /// there. A copy has content, owner, mode, times and extended attributes of the package's file, which
-    /// must be a regular file inside its version directory, and is on disk before it has its name.
+    /// Creates the mapping and its parent directories. An existing file or link is replaced atomically. A
+    /// copy gets content, owner, mode, times and extended attributes of the package's file, which must be a
+    /// regular file inside its version directory. It is flushed to disk before it is renamed into place.
     void createMapping(const MappedFile& file, MappingKind kind) const;
 
-    /// Deletes what is at the place.
+    /// Deletes the file or link at the place.
     void remove() const;
 
     /// Deletes an empty directory at the place, if there is one.
@@ -65,9 +65,9 @@ public:
 
 private:
     [[nodiscard]] int directory() const { return tree_.open(parent_); }
-    /// For calls that know only paths: the place by way of the open directory.
+    /// For system calls that take only paths: the place below /proc/self/fd.
     [[nodiscard]] std::string throughDescriptor() const;
-    /// The status of what is at the place; nothing when nothing is.
+    /// The status of the file at the place; nothing if there is none.
     [[nodiscard]] std::optional<struct stat> status() const;
     [[nodiscard]] bool isLink() const {
         const auto present = status();

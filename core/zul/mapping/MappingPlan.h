@@ -9,11 +9,11 @@
 
 namespace Core::ZUL {
 
-/// Which files of a version appear where, and how all of them do.
+/// The mappings of a version, which are all of one kind.
 struct MappingPlan {
     struct Entry {
         std::filesystem::path file;   ///< relative to the version directory
-        std::filesystem::path target; ///< absolute, as the running system sees it
+        std::filesystem::path target; ///< the place, an absolute path of the running system
     };
 
     MappingKind kind = MappingKind::Link;
@@ -23,17 +23,17 @@ struct MappingPlan {
     [[nodiscard]] MappingList targets() const;
 };
 
-/// Whether a file can have a mapping: not with a control character in its path, which no mapping list can
-/// hold, nor with the name that mappings have while they are made.
+/// Whether a file can be mapped. A path with a control character cannot be stored in a mapping list, and a
+/// name that is equal to the temporary name of mappings is reserved.
 /// @param file  relative to the version directory
 [[nodiscard]] bool canBeMapped(const std::filesystem::path& file);
 
-/// Works out the mappings of a version from the rules and its directory's content: every entry below a
-/// rule's source that is not a directory, in the order of the rules and then of the directories. One rule of
-/// kind copy that applies makes all of them copies. A file that cannot be mapped is left out with a warning.
-/// Throws Error, code Filesystem, for a source directory that is a link out of the version, and for what
-/// cannot be read.
-/// @param isNew  a file that cannot be mapped is an error, code BadPackage
+/// Plans the mappings of a version: every file and link below a rule's source directory, in the order of the
+/// rules and then of the directories. If a rule of kind Copy applies, all mappings are copies. A file that
+/// cannot be mapped is omitted with a warning.
+/// Throws Error, code Filesystem, for a source directory that is a link out of the version, and for failures
+/// to read.
+/// @param isNew  throws Error, code BadPackage, for a file that cannot be mapped
 [[nodiscard]] MappingPlan planMappings(const PackageIdentity& package,
                                        const std::filesystem::path& versionDirectory, bool isNew = false);
 

@@ -9,7 +9,7 @@ namespace Core::ZUL {
 
 enum class MappingKind { Link = 0, Copy = 1 };
 
-/// Which directory of a package's tree appears in which directory of the system, and how.
+/// Maps a directory of a package to a directory of the system.
 struct MappingRule {
     std::string target; ///< system directory, absolute, with a trailing "/"
     std::string source; ///< directory relative to the package's version directory
@@ -19,7 +19,7 @@ struct MappingRule {
 /// The rules for a package, in the order in which they are tried. Any thread.
 [[nodiscard]] std::vector<MappingRule> mappingRules(const PackageIdentity& package);
 
-/// Where the system sees a file of a package; empty when no rule maps it. Any thread.
+/// The place of a package's file in the system directories; empty if no rule maps it. Any thread.
 /// @param file  relative to the version directory
 [[nodiscard]] std::string placeOf(const std::string& file, const std::vector<MappingRule>& rules);
 

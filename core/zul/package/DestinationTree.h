@@ -11,38 +11,38 @@
 
 namespace Core::ZUL {
 
-/// The directory into which a package is unpacked. Everything is made relative to its descriptor, one path
-/// component at a time and never through a symbolic link, so no path reaches anything
-/// outside. Paths are relative to the directory. Used by one thread.
+/// The directory into which a package is unpacked. Entries are created relative to its descriptor, one path
+/// component at a time and never through a symbolic link, so no path leads out of it. Paths are relative to
+/// the directory. Used by one thread.
 ///
 /// Unless stated otherwise functions throw std::filesystem::filesystem_error, and Common::Error, code
-/// BadPackage, for a path that would leave the directory, leads through a symbolic link or names what was
-/// already made.
+/// BadPackage, for a path that leads out of the directory or through a symbolic link, or that was already
+/// created.
 class DestinationTree {
 public:
-    /// Makes the directory, with missing parents, if it does not exist.
+    /// Creates the directory, with missing parents, if it does not exist.
     explicit DestinationTree(std::filesystem::path root);
 
-    /// Makes a directory, or takes it if it exists, and sets its permissions. Those that would keep its owner
-    /// from filling it take effect with finish().
+    /// Creates a directory unless it exists, and sets its permissions. Permissions that deny the owner access
+    /// are set by finish().
     void makeDirectory(const std::filesystem::path& path, mode_t permissions);
 
-    /// Makes an empty file, open for writing and closed to others, in place of any file or link that was
-    /// there before this object. Missing parents are made. Throws Common::Error, code Filesystem, "couldn't
-    /// open file for writing rpm content: " and the file, when only the file itself cannot be made.
+    /// Creates an empty file with missing parents and opens it for writing; only its owner has access. A file
+    /// or link that existed before this object is replaced. Throws Common::Error, code Filesystem, "couldn't
+    /// open file for writing rpm content: " and the file, when only the file itself cannot be created.
     [[nodiscard]] Common::UniqueFd makeFile(const std::filesystem::path& path);
 
-    /// Makes a symbolic link with missing parents. Throws BadPackage for any other target.
+    /// Creates a symbolic link with missing parents. Throws BadPackage for any other target.
     /// @param target  relative, with ".." only at its beginning, and not leading out of the directory
     void makeSymbolicLink(const std::filesystem::path& path, const std::filesystem::path& target);
 
-    /// Makes a further name for a file that makeFile() made, with missing parents.
+    /// Creates a hard link to a file that makeFile() created, with missing parents.
     void makeHardLink(const std::filesystem::path& path, const std::filesystem::path& existing);
 
-    /// Sets the permissions that had to wait.
+    /// Sets the postponed permissions of directories.
     void finish();
 
-    /// A path below the directory as messages name it.
+    /// A path below the directory, for messages.
     [[nodiscard]] std::filesystem::path nameOf(const std::filesystem::path& path) const {
         return root_ / path;
     }
@@ -50,11 +50,11 @@ public:
 private:
     enum class Made { Directory, File, Link };
 
-    /// A path taken apart.
+    /// A path split into components.
     struct Place {
         std::vector<std::string> parents;
         std::string name; ///< the last component; empty for the directory itself
-        std::string key;  ///< all of it in the one form that made_ knows
+        std::string key;  ///< the normalized path, a key of made_
     };
 
     struct OpenDirectory {
@@ -76,8 +76,8 @@ private:
     std::filesystem::path root_;
     Common::UniqueFd rootDescriptor_;
     std::vector<OpenDirectory> open_;            ///< the directories down to the one last entered
-    std::unordered_map<std::string, Made> made_; ///< by a place's key
-    std::map<std::string, mode_t> waiting_;      ///< permissions for finish(), by key: outer before inner
+    std::unordered_map<std::string, Made> made_; ///< by Place::key
+    std::map<std::string, mode_t> waiting_;      ///< permissions for finish(), by key: parents first
 };
 
 } // namespace Core::ZUL

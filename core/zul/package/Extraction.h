@@ -8,9 +8,9 @@
 
 namespace Core::ZUL {
 
-/// Unpacks a package file as Package::extract() describes it, also one that was not validated. Throws as that
-/// does; may throw std::exception too. Used by one thread at a time.
-/// @param developer  has the signatures of files that are to be signed; where it is null, such a file is
+/// Unpacks a package file, which need not be validated, as Package::extract() does. Throws as that does, and
+/// other std::exceptions. Used by one thread at a time.
+/// @param developer  has the signatures of the files to be signed; if null, such a file is
 ///                   BadPackageSignature
 void unpack(const PackageFile& file, const PackageIdentity& package, const PackageSignatures::Cms* developer,
             const std::filesystem::path& destination, const AttributeWriter& attributes,

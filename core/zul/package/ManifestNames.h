@@ -10,20 +10,21 @@
 
 namespace Core::ZUL {
 
-/// By the header alone. Throws Common::Error: BadPackage for missing tags, and what PackageIdentity refuses.
+/// The identity in the header. Throws Common::Error: BadPackage for missing tags; and as PackageIdentity
+/// does.
 [[nodiscard]] PackageIdentity identityOf(const Common::Rpm::Reader& header);
 
-/// The file of the payload that is the package's manifest.
+/// The path of the package's manifest in the payload.
 [[nodiscard]] std::string manifestPathOf(const PackageIdentity& package);
 
-/// The identity with the names in the manifest, for which the payload is unpacked as far as that.
+/// The identity with the names in the manifest. The payload is decompressed up to the manifest.
 ///
 /// Throws Common::Error, BadPackage: a manifest that is damaged, too large or not a regular file, or whose
-/// names PackageIdentity refuses; a payload that librpm cannot unpack here. What cannot be read or done this
-/// time is Filesystem or Internal.
-/// @param refusal   why the package is refused in the end, if it is: thrown when the search becomes too long
-/// @param progress  called between files with the bytes unpacked so far
-/// @return nothing when the payload has no manifest
+/// names PackageIdentity refuses; a payload that librpm cannot unpack. Other failures are Filesystem or
+/// Internal.
+/// @param refusal   a refusal that the caller already has; it is thrown if the search takes too long
+/// @param progress  called between files with the bytes decompressed so far
+/// @return nothing if the payload has no manifest
 [[nodiscard]] std::optional<PackageIdentity> withManifest(
     const PackageIdentity& package, const Common::Rpm::Reader& reader,
     const std::optional<Common::Error>& refusal = {},

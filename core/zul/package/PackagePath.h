@@ -8,28 +8,27 @@
 
 namespace Core::ZUL {
 
-/// Finds the places of a package's files in the package's own tree: the way back from what the mapping rules
-/// do. An immutable value; any thread.
+/// Translates system paths to paths in the package's directory: the inverse of the mapping rules. An
+/// immutable value; any thread.
 class PackagePath {
 public:
     explicit PackagePath(const PackageIdentity& package)
         : rules_(mappingRules(package)) {}
 
-    /// The place of a system path in the package: "/usr/bin/tool" gives "bin/tool", "/usr/bin" gives "bin".
-    /// What is under no rule keeps its path without the root. Works on the text alone and does not judge it:
-    /// ".." stays what it is.
+    /// The path in the package of a system path: "/usr/bin/tool" gives "bin/tool", "/usr/bin" gives "bin". A
+    /// path that no rule matches loses only its leading "/". Only the text is translated: ".." is not
+    /// resolved or refused.
     [[nodiscard]] std::filesystem::path toPackagePath(const std::string& systemPath) const;
 
-    /// What a symbolic link in the package's tree has to hold so that it leads to the place of its target.
+    /// The target of a symbolic link in the package's directory.
     ///
-    /// A target that is absolute or leads to a parent directory is taken as a system path, seen from the
-    /// link's directory in the payload, and becomes a relative link to its place in the package, which holds
-    /// wherever the tree is moved. More ".." than there are directories end at "/". Resolving looks at no
-    /// file: the system's own links, those of an installed version among them, must not decide what a package
-    /// holds. Any other target is kept.
+    /// A target in the payload that is absolute or leads to a parent directory is resolved from the link's
+    /// system path. The result is a relative link to its place in the package, which stays valid when the
+    /// directory is moved. ".." above "/" stays at "/". No file is read: the content of a package must not
+    /// depend on links of the system, for example those of an installed version. Any other target is kept.
     ///
     /// @param link    system path of the link
-    /// @param target  what the payload says
+    /// @param target  its target in the payload
     /// Throws Error, code BadPackage, for an empty target.
     [[nodiscard]] std::filesystem::path linkTarget(const std::string& link, const std::string& target) const;
 

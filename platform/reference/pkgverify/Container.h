@@ -8,19 +8,19 @@
 #include <string>
 #include <vector>
 
-/// The form in which a package file carries CMS signatures.
+/// The format of a package file with CMS signatures.
 ///
 /// | bytes | content |
 /// |---|---|
-/// | length | the rpm package, as it was before it was signed |
+/// | length | the rpm package, unchanged |
 /// | 4 | 50 2A 4D 18 |
-/// | 4 | how many bytes follow, in little-endian order |
+/// | 4 | number of bytes that follow, little-endian |
 /// | sizes | one or two CMS in DER, the developer's before the client's |
 /// | 32 | trailer |
 ///
-/// The eight bytes behind the package make the rest a skippable frame of the Zstandard format (RFC
-/// 8878, 3.1.2): a reader of a zstd payload, which looks beyond the payload's end, skips it. The other
-/// compressions of rpm payloads say themselves where they end.
+/// The eight bytes after the package make the rest a skippable frame of the Zstandard format (RFC
+/// 8878, 3.1.2). A decompressor of a zstd payload, which reads to the end of the file, skips it. Payloads of
+/// the other compressors have an end mark.
 ///
 /// The trailer, its numbers in network byte order:
 ///
@@ -33,7 +33,7 @@
 /// | 20 | 4 | version, 1 |
 /// | 24 | 8 | magic "VNDSIGNT" |
 ///
-/// The sizes must add up to the file's size: nothing is between the parts or behind them.
+/// The sizes must add up to the file's size: there is nothing between the parts or after them.
 namespace PackageSignatures::Container {
 
 constexpr std::size_t maximumCmses = 2;
@@ -46,15 +46,15 @@ struct Layout {
     std::vector<std::uint32_t> cmsSizes; ///< bytes each
 };
 
-/// Reads the layout of an open file without touching its position. Any thread, as all of these functions.
+/// Reads the layout of an open file and keeps its position. Any thread, as all of these functions.
 /// @param size  the file's size in bytes
-/// @return nothing for a package that ends without signatures
-/// Throws std::runtime_error for a file that does not begin as an rpm package does, or whose trailer or frame
-/// header does not describe it.
+/// @return nothing for an unsigned package
+/// Throws std::runtime_error for a file that does not begin like an rpm package, or whose trailer or frame
+/// header does not match the file.
 [[nodiscard]] std::optional<Layout> readLayout(int descriptor, std::uint64_t size);
 
-/// What follows a package of so many bytes to make it one that carries the CMSes.
-/// Throws std::runtime_error for a number or size of CMSes that readLayout() would not take.
+/// The data to append to a package of this length to add the CMSes.
+/// Throws std::runtime_error for a number or size of CMSes that readLayout() would refuse.
 [[nodiscard]] std::string encodedTail(std::uint64_t packageLength, const std::vector<std::string>& cmses);
 
 /// The CMSes of a layout, in their order. Throws std::runtime_error when the file ends early.

@@ -10,12 +10,11 @@
 
 namespace PackageSignatures {
 
-/// What FileWithCmses and the signing tool share: an open package file and the signatures that it carries.
-/// Immutable; any thread.
+/// An open package file and its signatures, for FileWithCmses and the signing tool. Immutable; any thread.
 class OpenPackage {
 public:
-    /// Opens the file and reads its signatures, which verifies nothing yet.
-    /// Throws std::runtime_error where FileWithCmses::fromPath() gives nothing.
+    /// Opens the file and reads its signatures without verifying them.
+    /// Throws std::runtime_error where FileWithCmses::fromPath() returns nothing.
     explicit OpenPackage(const std::filesystem::path& path);
 
     [[nodiscard]] int descriptor() const { return file_.get(); }
@@ -23,7 +22,7 @@ public:
     [[nodiscard]] std::uint64_t packageLength() const { return layout_ ? layout_->packageLength : size_; }
     [[nodiscard]] const std::vector<Cms>& cmses() const { return cmses_; }
 
-    /// Throws std::runtime_error, which says why, where FileWithCmses::verifyCmses() gives false.
+    /// Throws std::runtime_error with the reason where FileWithCmses::verifyCmses() returns false.
     void requireVerified(const std::filesystem::path& caPath) const;
 
 private:

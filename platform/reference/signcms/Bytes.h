@@ -16,7 +16,7 @@ void appendNumber(std::string& bytes, Number number) {
     }
 }
 
-/// Takes a format apart from its front. Nothing is read before it is known to be there.
+/// Parses a binary format from its beginning, with bounds checks.
 class ByteReader {
 public:
     explicit ByteReader(std::string_view bytes)

@@ -14,7 +14,7 @@
 #include <string>
 #include <string_view>
 
-/// OpenSSL's handles with an owner, and its failures as exceptions.
+/// RAII types for OpenSSL's handles, and exceptions for its failures.
 namespace PackageSignatures::OpenSsl {
 
 template<auto release>
@@ -41,7 +41,7 @@ using Store = Owned<X509_STORE, X509_STORE_free>;
 using StoreContext = Owned<X509_STORE_CTX, X509_STORE_CTX_free>;
 using ExtendedKeyUsage = Owned<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>;
 
-/// Leaves this thread's error queue as it was found, so that a caller does not see these errors as its own.
+/// Restores this thread's error queue on destruction, so that callers do not get errors of the scope.
 class ErrorMark {
 public:
     ErrorMark() { ERR_set_mark(); }
@@ -50,20 +50,20 @@ public:
     ErrorMark& operator=(const ErrorMark&) = delete;
 };
 
-/// Throws std::runtime_error: the words and, where the library gives one, its reason.
+/// Throws std::runtime_error: the message and the library's reason, if there is one.
 [[noreturn]] inline void fail(const std::string& words) {
     const char* reason = ERR_reason_error_string(ERR_peek_last_error());
     throw std::runtime_error(reason != nullptr ? words + ": " + reason : words);
 }
 
-/// Throws as fail() does unless the condition holds.
+/// Throws as fail() does if the condition is false.
 inline void require(bool condition, const char* words) {
     if (!condition) {
         fail(words);
     }
 }
 
-/// The octets of a text as OpenSSL takes them.
+/// The octets of a text, as the type that OpenSSL uses.
 inline const unsigned char* octets(std::string_view text) {
     return reinterpret_cast<const unsigned char*>(text.data());
 }
@@ -75,7 +75,7 @@ inline std::array<unsigned char, 32> sha256(std::string_view bytes) {
     return digest;
 }
 
-/// A BIO that reads the text, which has to outlive it.
+/// A BIO that reads the text, which must outlive it.
 inline Bio reading(std::string_view text) {
     require(text.size() <= INT_MAX, "too many bytes");
     Bio bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));

@@ -8,7 +8,7 @@
 
 namespace PackageSignatures {
 
-/// The bytes of a package that a signature is made for.
+/// The signed bytes of a package.
 struct PackageDigest {
     std::uint64_t length = 0; ///< of the package in bytes, from the file's beginning
     std::array<unsigned char, 32> sha256{};
@@ -16,14 +16,14 @@ struct PackageDigest {
     bool operator==(const PackageDigest&) const = default;
 };
 
-/// The signatures of one file of a package, each possibly empty.
+/// The signatures of one file of a package; one of them may be empty.
 struct FileSignatures {
     std::uint32_t index = 0; ///< in the package's file list
-    std::string integrity;   ///< becomes the attribute "security.ima"
-    std::string trustlet;    ///< becomes the attribute "user.TA.shdr"
+    std::string integrity;   ///< value of the attribute "security.ima"
+    std::string trustlet;    ///< value of the attribute "user.TA.shdr"
 };
 
-/// What a signer signs: the content of a CMS. All numbers are in network byte order.
+/// The content of a CMS, which the signer signs. All numbers are in network byte order.
 ///
 /// | offset | bytes | field |
 /// |---|---|---|
@@ -33,20 +33,20 @@ struct FileSignatures {
 /// | 16 | 8 | length of the package in bytes |
 /// | 24 | 32 | digest of that many bytes from the file's beginning |
 /// | 56 | 4 | number of file entries, at most maximumFiles |
-/// | 60 | | the file entries, nothing behind them |
+/// | 60 | | the file entries, up to the end |
 ///
-/// A file entry: its index (4 bytes; each greater than the one before), the sizes of its integrity and its
-/// trustlet signature (2 bytes each, at most maximumSignatureSize, not both 0), and the two signatures.
+/// A file entry: its index (4 bytes; in ascending order), the sizes of its integrity and its trustlet
+/// signature (2 bytes each, at most maximumSignatureSize, not both 0), and the two signatures.
 struct SignedContent {
     static constexpr std::uint32_t maximumFiles = 100'000;
     static constexpr std::uint16_t maximumSignatureSize = 2048;
 
     PackageDigest package;
-    std::vector<FileSignatures> files; ///< by rising index
+    std::vector<FileSignatures> files; ///< in ascending order of the index
 
-    /// Throws std::runtime_error for what the format cannot hold. Any thread, as parse().
+    /// Throws std::runtime_error for content that the format cannot represent. Any thread, as parse().
     [[nodiscard]] std::string encoded() const;
-    /// Throws std::runtime_error for anything but the one encoding of a content.
+    /// Throws std::runtime_error for bytes that encoded() does not return for any content.
     [[nodiscard]] static SignedContent parse(std::string_view bytes);
 };
 
