@@ -48,8 +48,8 @@ void makeAccessible(const UniqueFd& parent, const std::filesystem::path& name) {
 
 } // namespace
 
-Error filesystemError(const std::string& words) {
-    return {ErrorCode::Filesystem, words + ": " + std::generic_category().message(errno)};
+Error filesystemError(const std::string& message) {
+    return {ErrorCode::Filesystem, message + ": " + std::generic_category().message(errno)};
 }
 
 bool isOrdinaryName(std::string_view name) noexcept {

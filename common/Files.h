@@ -21,7 +21,7 @@ namespace Common {
 // Error, code Filesystem, unless stated otherwise.
 
 /// A Filesystem error: the message, ": " and the text of the current errno.
-[[nodiscard]] Error filesystemError(const std::string& words);
+[[nodiscard]] Error filesystemError(const std::string& message);
 
 /// Whether a text is one ordinary path component: 1 to 255 bytes, neither "." nor "..", without "/" and
 /// control characters.

@@ -207,7 +207,7 @@ void check(const std::string& text, Format format) {
         require(std::all_of(line.begin(), line.end(), [](unsigned char byte) {
             return byte == '\t' || (byte >= ' ' && byte != 0x7f);
         }));
-        require(format == Format::Words || JsonValue::accept(line));
+        require(format == Format::Text || JsonValue::accept(line));
     }
 }
 
@@ -228,7 +228,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (command != &Vendaractl::wait) {
         request.arguments = {"/package.rpm"};
     }
-    request.format = input.ConsumeBool() ? Format::Json : Format::Words;
+    request.format = input.ConsumeBool() ? Format::Json : Format::Text;
     std::string output;
     std::string errors;
     {
@@ -241,6 +241,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         errors = standardError.str();
     }
     check(output, request.format);
-    check(errors, Format::Words);
+    check(errors, Format::Text);
     return 0;
 }

@@ -21,11 +21,11 @@ inline bool isTerminal(int descriptor) {
 /// unless standard error is a terminal that supports this. Used by one thread.
 class Progress {
 public:
-    /// @param words  the activity, in ASCII: "signing"
+    /// @param activity  the activity, in ASCII: "signing"
     /// @param index  of the package, where there are several
-    Progress(const std::string& words, std::size_t index, std::size_t count)
-        : words_(words +
-                 (count > 1 ? " " + std::to_string(index + 1) + " of " + std::to_string(count) : "")) {}
+    Progress(const std::string& activity, std::size_t index, std::size_t count)
+        : activity_(activity +
+                    (count > 1 ? " " + std::to_string(index + 1) + " of " + std::to_string(count) : "")) {}
     ~Progress() { end(); }
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
@@ -40,7 +40,7 @@ public:
         }
         shown_ = percent;
         // Other output must start at the beginning of the line, so the cursor is left there.
-        std::cerr << words_ << ": " << percent << " %\x1b[K\r" << std::flush;
+        std::cerr << activity_ << ": " << percent << " %\x1b[K\r" << std::flush;
     }
 
     /// Erases the line.
@@ -51,7 +51,7 @@ public:
     }
 
 private:
-    std::string words_;
+    std::string activity_;
     bool isTerminal_ = isTerminal(STDERR_FILENO);
     int shown_ = -1; ///< percent; -1: no line is shown
 };

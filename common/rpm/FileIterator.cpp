@@ -154,13 +154,13 @@ bool FileIterator::next() {
 }
 
 // librpm does not say whether it was the read that failed, so the file is read once more.
-void FileIterator::fail(const std::string& words) {
+void FileIterator::fail(const std::string& message) {
     errno = stream_ ? stream_->stop() : 0;
     char byte = 0;
     if (errno != 0 || ::read(file_.get(), &byte, 1) < 0) {
         throw filesystemError("couldn't read payload of rpm package");
     }
-    throw Error(ErrorCode::BadPackage, words);
+    throw Error(ErrorCode::BadPackage, message);
 }
 
 void FileIterator::markSeen(int index) {

@@ -66,7 +66,7 @@ public:
 private:
     void openPayload(const Reader& reader);
     void requireShortLinks() const;
-    [[noreturn]] void fail(const std::string& words);
+    [[noreturn]] void fail(const std::string& message);
     void markSeen(int index);
     void checkComplete() const;
 

@@ -26,7 +26,7 @@ namespace {
 
 constexpr std::size_t pieceSize = std::size_t{256} * 1024;
 
-[[noreturn]] void refuse(const char* words) { throw Error(ErrorCode::BadPackage, words); }
+[[noreturn]] void refuse(const char* message) { throw Error(ErrorCode::BadPackage, message); }
 
 int descriptorOf(const Reader& reader) { return reader.file() != nullptr ? Fileno(reader.file()) : -1; }
 

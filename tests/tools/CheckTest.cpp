@@ -105,9 +105,9 @@ TEST_F(Check, ShowsTheSignersAndWhenTheirCertificatesExpire) {
                 HasSubstr("  developer: CN=Test system developer, valid until 2091-01-01\n  source: none\n"));
     EXPECT_EQ(objectsOf(check({"app.rpm", "--json"}).output).at(0)["source"]["validUntil"], Json());
     sign("app.rpm", "client", "keys/client");
-    const auto words = check({"app.rpm"});
-    EXPECT_EQ(words.status, 0);
-    EXPECT_THAT(words.output, HasSubstr("  source: CN=Test client, valid until 2091-01-01\n"));
+    const auto text = check({"app.rpm"});
+    EXPECT_EQ(text.status, 0);
+    EXPECT_THAT(text.output, HasSubstr("  source: CN=Test client, valid until 2091-01-01\n"));
     const auto json = objectsOf(check({"app.rpm", "--json"}).output).at(0);
     EXPECT_EQ(json["developer"]["validUntil"], "2091-01-01T00:00:00Z");
     EXPECT_EQ(json["source"]["validUntil"], "2091-01-01T00:00:00Z");
@@ -123,7 +123,7 @@ struct Answer {
     const char* file;
     int code;
     const char* error;
-    const char* words;
+    const char* text;
 };
 const Answer answers[] = {
     {"keys.rpm", 0, "", "com.example.first 1.0-1, noarch, first installation\n"},
@@ -148,10 +148,10 @@ TEST_F(Check, AnswersForEachFileAsTheInstallationWould) {
         files.emplace_back(answer.file);
     }
     const auto before = digestOfTree(here);
-    const auto words = check(files);
+    const auto text = check(files);
     files.emplace_back("--json");
     const auto json = check(files);
-    EXPECT_EQ(words.status, 1);
+    EXPECT_EQ(text.status, 1);
     EXPECT_EQ(json.status, 1);
     const auto objects = objectsOf(json.output);
     ASSERT_EQ(objects.size(), std::size(answers));
@@ -165,8 +165,8 @@ TEST_F(Check, AnswersForEachFileAsTheInstallationWould) {
         EXPECT_EQ(object.value("errorCode", 0), answer.code);
         const auto error = object.value("error", "");
         EXPECT_THAT(error, HasSubstr(answer.error));
-        EXPECT_THAT(words.output,
-                    AllOf(HasSubstr(answer.words), HasSubstr(sentenceOf(path, answer.code, error))));
+        EXPECT_THAT(text.output,
+                    AllOf(HasSubstr(answer.text), HasSubstr(sentenceOf(path, answer.code, error))));
         EXPECT_EQ(object.contains("unverified"), answer.code == 7);
         EXPECT_TRUE(!object.contains("package") || object["available"].is_number());
         expectDocumented(object);

@@ -294,21 +294,21 @@ TEST_F(Vendaractl, PrintsJsonForEveryCommand) {
 
 TEST_F(Vendaractl, MonitorsPackagesWithoutLettingThemSteerTheTerminal) {
     auto service = std::make_unique<ScriptedService>(std::map<std::string, Script>{});
-    const auto words = begin({"monitor"});
+    const auto text = begin({"monitor"});
     const auto json = begin({"monitor", "--json"});
     const auto package = ScriptedService::package("evil\x1b[2J\u202e");
     // The subscriptions are in place when an announcement has come through.
     ASSERT_TRUE(waitUntil([&] {
         service->peer().send(Own::interface, Own::packageInstalled, package);
-        return !words->output().empty() && !json->output().empty();
+        return !text->output().empty() && !json->output().empty();
     }));
-    EXPECT_THAT(words->output(),
+    EXPECT_THAT(text->output(),
                 AllOf(HasSubstr("installed evil\\x1b[2J\\u{202e} 1.0-1\n"), Not(HasSubstr("\x1b"))));
     EXPECT_THAT(json->output(), HasSubstr("evil\\u001b[2J\\u202e"));
     EXPECT_THAT(ctl({"list", "\x1b[2J\u202e"}).output, HasSubstr(": \\x1b[2J\\u{202e}\n"));
     service->peer().send(Own::interface, Own::packageRemoved, std::string("gone"));
     service.reset();
-    EXPECT_TRUE(words->shows("removed gone\nthe service left the bus\n") && json->shows("ServiceLeft"));
+    EXPECT_TRUE(text->shows("removed gone\nthe service left the bus\n") && json->shows("ServiceLeft"));
     EXPECT_EQ(lastLine(json->output())["event"], "ServiceLeft");
     // The package of an event is its identifier, whatever the event.
     std::istringstream lines(json->output());
@@ -318,8 +318,8 @@ TEST_F(Vendaractl, MonitorsPackagesWithoutLettingThemSteerTheTerminal) {
         EXPECT_TRUE(event["event"] == "ServiceLeft" || event["package"].is_string()) << line;
         EXPECT_EQ(event["event"] == "PackageInstalled", event.contains("certificateId")) << line;
     }
-    words->signal(SIGTERM);
-    EXPECT_EQ(words->wait(), 128 + SIGTERM);
+    text->signal(SIGTERM);
+    EXPECT_EQ(text->wait(), 128 + SIGTERM);
 }
 
 TEST_F(Vendaractl, RewritesALinePerOperationOnATerminal) {

@@ -29,12 +29,12 @@ void DigestFile::addSignatures(const std::string& text) {
     const OpenSsl::ErrorMark mark;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
+        std::istringstream fields(line);
         std::string algorithm;
         std::string digest;
         std::string signature;
         std::string more;
-        words >> algorithm >> digest >> signature >> more;
+        fields >> algorithm >> digest >> signature >> more;
         const bool isKnown = algorithm == "SHA256" || algorithm == "SHA384" || algorithm == "SHA512";
         const auto* known = isKnown ? EVP_get_digestbyname(algorithm.c_str()) : nullptr;
         if (known == nullptr || octetsOf(digest).size() != static_cast<std::size_t>(EVP_MD_get_size(known)) ||

@@ -155,11 +155,11 @@ void writeStripped(const std::filesystem::path& path, const std::filesystem::pat
 }
 
 template<typename Action>
-void named(const std::string& words, const std::filesystem::path& package, const Action& action) {
+void named(const std::string& message, const std::filesystem::path& package, const Action& action) {
     try {
         action();
     } catch (const std::exception& error) {
-        throw std::runtime_error(words + package.string() + ": " + error.what());
+        throw std::runtime_error(message + package.string() + ": " + error.what());
     }
 }
 

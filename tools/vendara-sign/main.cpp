@@ -63,8 +63,8 @@ void printSigners(const std::string& path, const OpenPackage& package, bool asJs
                                                                         {"keyId", "key"}}};
     for (const auto& signer : signers) {
         std::cout << (signer["role"].is_null() ? "unknown role" : signer["role"].get<std::string>()) << "\n";
-        for (const auto& [key, words] : lines) {
-            std::cout << "  " << words << ": " << Common::printable(signer[key].get<std::string>()) << "\n";
+        for (const auto& [key, label] : lines) {
+            std::cout << "  " << label << ": " << Common::printable(signer[key].get<std::string>()) << "\n";
         }
         std::cout << "  signed files: " << signer["signedFiles"] << "\n";
     }
@@ -148,15 +148,15 @@ void report(const Arguments& arguments, const std::string& subject, const std::s
 }
 
 /// Carries out an action for each package.
-/// @param words  what it does
+/// @param activity  what it does
 /// @return whether it succeeded for all; the failures have been reported
 template<typename Action>
-bool forEachPackage(const Arguments& arguments, const std::string& words, const Action& action) {
+bool forEachPackage(const Arguments& arguments, const std::string& activity, const Action& action) {
     bool hasFailed = false;
     for (std::size_t index = 0; index < arguments.packages.size(); ++index) {
         const auto& package = arguments.packages[index];
         try {
-            Tools::Progress progress(words, index, arguments.packages.size());
+            Tools::Progress progress(activity, index, arguments.packages.size());
             action(package, progress);
         } catch (const std::exception& error) {
             report(arguments, arguments.show || arguments.verify ? package : "", error.what());

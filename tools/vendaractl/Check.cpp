@@ -29,7 +29,7 @@ JsonValue toJson(const Core::ZUL::Expiry& expiry) {
     return expiry ? JsonValue(textOf(*expiry, "%Y-%m-%dT%H:%M:%SZ")) : JsonValue();
 }
 
-std::string inWords(const Core::ZUL::Expiry& expiry) {
+std::string toText(const Core::ZUL::Expiry& expiry) {
     return expiry ? textOf(*expiry, ", valid until %Y-%m-%d") : "";
 }
 
@@ -93,9 +93,9 @@ void print(const std::string& file, const Inspection& found) {
              (found.existingVersion.empty() ? ", first installation"
                                             : ", upgrade of " + found.existingVersion));
         line("  developer: " + package.developerCms().certificate().subject() +
-             (package.isSystemDeveloper() ? " (system developer)" : "") + inWords(package.developerExpiry()));
+             (package.isSystemDeveloper() ? " (system developer)" : "") + toText(package.developerExpiry()));
         line("  source: " + (package.sourceSubject().empty() ? "none" : package.sourceSubject()) +
-             inWords(package.sourceExpiry()));
+             toText(package.sourceExpiry()));
         line("  size: " + std::to_string(found.size) + " bytes" +
              (found.available ? ", " + std::to_string(*found.available) + " free" : ""));
         for (const auto& each : found.files) {

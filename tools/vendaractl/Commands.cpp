@@ -176,7 +176,7 @@ ExitStatus operations(const Request& request) {
     Rows rows;
     for (const auto* list : {&properties.operations, &properties.completedOperations}) {
         for (const auto& operation : *list) {
-            rows.push_back({operation.id, inWords(operation)});
+            rows.push_back({operation.id, toText(operation)});
         }
     }
     const bool isJson = request.format == Format::Json;

@@ -13,7 +13,7 @@ enum ExitStatus : int { Success = 0, OperationFailed = 1, BadUsage = 2, NoServic
 
 /// The options and arguments of a command.
 struct Request {
-    Format format = Format::Words;
+    Format format = Format::Text;
     bool isDetached = false; ///< returns without waiting for the operations
     bool follow = false;
     bool ignoresAttributes = false;

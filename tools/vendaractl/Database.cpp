@@ -35,7 +35,7 @@ JsonValue toJson(const std::vector<Unread>& unread) {
 
 void print(const std::vector<Unread>& unread) {
     for (const auto& each : unread) {
-        printFailure(Format::Words, each.package, each.message);
+        printFailure(Format::Text, each.package, each.message);
     }
 }
 

@@ -120,7 +120,7 @@ public:
         std::vector<Row> rows;
         const bool isEmpty = files_.empty();
         if (isDenied_) {
-            printFailure(isEmpty ? request_.format : Format::Words, {},
+            printFailure(isEmpty ? request_.format : Format::Text, {},
                          "entries of the system and of other users are not shown: only root and the groups "
                          "adm and systemd-journal may read them");
             hasFailed_ = hasFailed_ || isEmpty;
@@ -224,7 +224,7 @@ private:
 ExitStatus history(const Request& request) {
     Reader reader(request);
     const auto rows = reader.read();
-    if (request.format == Format::Words) {
+    if (request.format == Format::Text) {
         printTable({"TIME", "EVENT", "PACKAGE", "VERSION", "USER", "MESSAGE"}, rows);
     } else {
         const auto orNull = [](const auto& text) { return text.empty() ? JsonValue() : JsonValue(text); };

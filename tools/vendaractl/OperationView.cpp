@@ -27,14 +27,14 @@ public:
         if (format_ == Format::Json) {
             printJson(JsonValue{{"operation", toJson(operation)}});
         } else {
-            printLine(inWords(operation));
+            printLine(toText(operation));
         }
     }
     void lost(const Operation& operation) override {
         refused(operation.packageId, "the service no longer lists the operation; its result is unknown");
     }
     void waits(const Operation& operation) override {
-        if (format_ == Format::Words) {
+        if (format_ == Format::Text) {
             printFailure(
                 format_, operation.packageId,
                 "the upgrade waits for the application to end; to terminate it: vendaractl restart " +
@@ -61,13 +61,13 @@ private:
 class TerminalView final : public LineView {
 public:
     TerminalView()
-        : LineView(Format::Words) {}
+        : LineView(Format::Text) {}
     ~TerminalView() override { std::cout.flush(); }
 
     void changed(const Operation& operation) override {
         if (operation.hasEnded()) {
             erase(operation);
-            printAbove([&] { printLine("  " + inWords(operation)); });
+            printAbove([&] { printLine("  " + toText(operation)); });
             return;
         }
         const auto known = find(operation);
@@ -133,7 +133,7 @@ private:
             const bool moving = operation.status != Vendara::OperationStatus::Queued;
             // The indicator takes two columns; one stays free, so that the cursor does not wrap.
             std::cout << (moving ? "|/-\\"[step_ % 4] : ' ') << ' '
-                      << inWords(operation, columns - std::min<std::size_t>(columns, 3)) << '\n';
+                      << toText(operation, columns - std::min<std::size_t>(columns, 3)) << '\n';
             ++drawn_;
         }
         std::cout << std::flush;
@@ -147,7 +147,7 @@ private:
 } // namespace
 
 std::unique_ptr<OperationView> makeOperationView(Format format) {
-    if (format == Format::Words && onTerminal()) {
+    if (format == Format::Text && onTerminal()) {
         return std::make_unique<TerminalView>();
     }
     return std::make_unique<LineView>(format);

@@ -56,7 +56,7 @@ JsonValue toJson(const Vendara::Package::Value& value) {
 
 } // namespace
 
-std::string inWords(const Vendara::Operation& operation, std::size_t columns) {
+std::string toText(const Vendara::Operation& operation, std::size_t columns) {
     auto text = Vendara::describe(operation);
     const auto width = widthOf(text).columns;
     if (width <= columns) {
@@ -133,7 +133,7 @@ void printTable(const std::vector<std::string>& header, const std::vector<std::v
 }
 
 void printEarlier(const Vendara::Operation& operation) {
-    std::cerr << "earlier: " << inWords(operation) << std::endl;
+    std::cerr << "earlier: " << toText(operation) << std::endl;
 }
 
 void printFailure(Format format, const std::string& subject, const std::string& message) {

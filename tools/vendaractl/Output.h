@@ -12,7 +12,7 @@ namespace Vendaractl {
 using Tools::JsonValue;
 
 /// The output format: human-readable, or one JSON object (RFC 8259) a line.
-enum class Format { Words, Json };
+enum class Format { Text, Json };
 
 /// Standard output cannot be written.
 class OutputLost : public std::runtime_error {
@@ -21,8 +21,8 @@ class OutputLost : public std::runtime_error {
 
 /// "install com.example.app: in progress"; a failure with its cause. Escaped for a terminal.
 /// @param columns  of the terminal; the package's identifier in a longer text is shortened
-[[nodiscard]] std::string inWords(const Vendara::Operation& operation,
-                                  std::size_t columns = std::string::npos);
+[[nodiscard]] std::string toText(const Vendara::Operation& operation,
+                                 std::size_t columns = std::string::npos);
 [[nodiscard]] JsonValue toJson(const Vendara::Operation& operation);
 [[nodiscard]] JsonValue toJson(const Vendara::Package& package);
 template<typename Record>

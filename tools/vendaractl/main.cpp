@@ -126,7 +126,7 @@ public:
         if (const auto ended = Tools::parse(app_, argc, argv, report)) {
             return *ended;
         }
-        request_.format = isJson_ ? Format::Json : Format::Words;
+        request_.format = isJson_ ? Format::Json : Format::Text;
         return execute();
     }
 
@@ -223,7 +223,8 @@ private:
         return OperationFailed;
     }
 
-    /// The one package or path of the command, where the failure is about it. In words the message names it.
+    /// The one package or path of the command, where the failure is about it. In text output the message
+    /// names it.
     [[nodiscard]] std::string subjectOf(const Common::Error& error) const {
         using enum Common::ErrorCode;
         const bool isAboutIt = error.code() == PackageNotExist || error.code() == BadPackageID ||

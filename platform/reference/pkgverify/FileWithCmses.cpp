@@ -12,10 +12,10 @@ namespace {
 
 /// Writes why the signatures of a file could not be read or do not hold.
 /// @param path  of the file, or a link to it
-void warn(const char* words, const std::filesystem::path& path, const std::string& reason) {
+void warn(const char* message, const std::filesystem::path& path, const std::string& reason) {
     std::error_code isNotALink;
     const auto target = std::filesystem::read_symlink(path, isNotALink);
-    Common::logWarning() << words << " the signatures of " << Common::quoted(isNotALink ? path : target)
+    Common::logWarning() << message << " the signatures of " << Common::quoted(isNotALink ? path : target)
                          << ": " << reason;
 }
 

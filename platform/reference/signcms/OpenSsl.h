@@ -51,15 +51,15 @@ public:
 };
 
 /// Throws std::runtime_error: the message and the library's reason, if there is one.
-[[noreturn]] inline void fail(const std::string& words) {
+[[noreturn]] inline void fail(const std::string& message) {
     const char* reason = ERR_reason_error_string(ERR_peek_last_error());
-    throw std::runtime_error(reason != nullptr ? words + ": " + reason : words);
+    throw std::runtime_error(reason != nullptr ? message + ": " + reason : message);
 }
 
 /// Throws as fail() does if the condition is false.
-inline void require(bool condition, const char* words) {
+inline void require(bool condition, const char* message) {
     if (!condition) {
-        fail(words);
+        fail(message);
     }
 }
 
