@@ -52,7 +52,7 @@ protected:
     [[nodiscard]] ProcessResult install(const std::string& path) const { return run(command(path), options); }
 };
 
-TEST_P(AClientOfTheReadme, ReportsTheEndThatItReceivedThoughTheBusIsLost) {
+TEST_P(AClientOfTheReadme, ReportsAReceivedEndEvenIfTheBusIsLost) {
     ScriptedService service({{"good.rpm", {{0, 100}}}});
     service.pinged = [this] { buses.session.stop(); };
     const auto good = install("good.rpm");
@@ -139,7 +139,7 @@ for code in range(1, 20):
     EXPECT_EQ(client->output(), expected);
 }
 
-TEST_F(ThePythonClient, TellsARefusalFromAnAbsentService) {
+TEST_F(ThePythonClient, DistinguishesARefusalFromAnAbsentService) {
     ScriptedService service(
         {{"app", {.called = [] { throw sdbus::Error("org.freedesktop.DBus.Error.AccessDenied", "No"); }}},
          {"ended", {.called = [] { throw sdbus::Error("org.freedesktop.DBus.Error.NoReply", "No"); }}}});
@@ -161,7 +161,7 @@ attempt(client.install, "app")
     EXPECT_EQ(service.requests.back(), "app") << "not the path as it was given";
 }
 
-TEST_F(ThePythonClient, RaisesFromFollowWhatAnotherLoopSaw) {
+TEST_F(ThePythonClient, RaisesInFollowAFailureThatAnotherLoopHandled) {
     auto service = std::make_unique<ScriptedService>(std::map<std::string, Script>{{"app", {{0, 10}}}});
     const auto client = beginScript(R"(
 def changed(operation):

@@ -15,7 +15,7 @@ bool isTakenByTheBus(const std::string& text) {
     }
 }
 
-TEST(ABusText, IsWhatTheBusTakes) {
+TEST(ABusText, IsATextThatTheBusAccepts) {
     for (const std::string text :
          {"", "plain", "\xc3\x84", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xef\xb7\x8f"}) {
         EXPECT_TRUE(Common::isBusText(text)) << text;

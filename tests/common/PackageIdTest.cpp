@@ -13,7 +13,7 @@ std::string refusalOf(const std::string& id) {
     return text;
 }
 
-TEST(PackageId, IsOnePathComponentThatABusTakes) {
+TEST(PackageId, IsOnePathComponentAndAValidBusString) {
     for (const std::string id : {"com.example.app", "a", "...", "-x", "with space", "gr\xc3\xb6\xc3\x9f"}) {
         EXPECT_EQ(refusalOf(id), "") << id;
     }
@@ -24,7 +24,7 @@ TEST(PackageId, IsOnePathComponentThatABusTakes) {
     EXPECT_THAT(refusalOf(std::string("a\0b", 3)), testing::EndsWith("a\\x00b"));
 }
 
-TEST(PackageId, IsShownShortAndPrintableWhereItIsRefused) {
+TEST(PackageId, IsShortenedAndEscapedInTheErrorThatRefusesIt) {
     EXPECT_EQ(refusalOf("a\x1b/\xff"), "not a package identifier: a\\x1b/\\xff");
     EXPECT_EQ(refusalOf(std::string(1'000'000, 'x')),
               "not a package identifier: " + std::string(64, 'x') + "... (1000000 bytes)");

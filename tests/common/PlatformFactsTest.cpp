@@ -23,7 +23,7 @@ private:
     Testbed::ScratchDirectory scratch_;
 };
 
-TEST_F(PlatformFacts, TakeTheArchitectureFromThePlatformFile) {
+TEST_F(PlatformFacts, ReadTheArchitectureFromThePlatformFile) {
     EXPECT_EQ(Common::getPlatformArchitecture(file("aarch64-unknown-linux\n")), "aarch64");
     EXPECT_EQ(Common::getPlatformArchitecture(file("  noarch\nx86_64-unknown-linux\n")), "noarch");
     for (const auto* content : {"", " \t\n\n"}) {
@@ -32,13 +32,13 @@ TEST_F(PlatformFacts, TakeTheArchitectureFromThePlatformFile) {
     }
 }
 
-TEST_F(PlatformFacts, AskTheKernelWithoutAPlatformFile) {
+TEST_F(PlatformFacts, UseTheKernelsMachineNameWithoutAPlatformFile) {
     utsname names{};
     uname(&names);
     EXPECT_EQ(Common::getPlatformArchitecture(missing()), names.machine);
 }
 
-TEST_F(PlatformFacts, ReportTheVersionAsItStands) {
+TEST_F(PlatformFacts, ReportTheVersionWithItsQuotes) {
     EXPECT_EQ(Common::getOsVersion(file("NAME=x\nVERSION_ID=4.0.2.48\nVERSION_ID=5\n")), "4.0.2.48");
     EXPECT_EQ(Common::getOsVersion(file(" VERSION_ID=1\nversion_id=2\nVERSION_ID=\"5.0\" \r\n")),
               "\"5.0\" \r");

@@ -61,7 +61,7 @@ TEST_F(AController, ListsQueuedRunningAndAwaitingOperationsInThisOrder) {
     EXPECT_THAT(controller.operationsOf({":1.1", "app", "other"}), IsEmpty());
 }
 
-TEST_F(AController, ListsWhatHasEndedUntilItIsReportedOrStored) {
+TEST_F(AController, ListsCompletedOperationsUntilTheyAreReportedOrStored) {
     std::vector<Operation> ended;
     const auto note = [&](const Operation& changed) {
         if (changed.isCompleted()) {
@@ -84,7 +84,7 @@ TEST_F(AController, ListsWhatHasEndedUntilItIsReportedOrStored) {
     EXPECT_THAT(controller.takeCompletedOperations(initiator), IsEmpty());
 }
 
-TEST_F(AController, DoesNotCarryOutWhatItDoesNotKnow) {
+TEST_F(AController, DropsAnOperationOfAnUnknownType) {
     controller.enqueue(operation(static_cast<OperationType>(7)));
     EXPECT_TRUE(driver.runUntil([&] { return !log.text().empty(); }));
     EXPECT_THAT(log.lines(), ElementsAre("WARN: unexpected operation type: 7"));
@@ -93,7 +93,7 @@ TEST_F(AController, DoesNotCarryOutWhatItDoesNotKnow) {
     EXPECT_TRUE(driver.runUntil([&] { return listed() == std::vector{Finished}; }));
 }
 
-TEST_F(AController, HoldsABoundedNumberOfOperations) {
+TEST_F(AController, LimitsTheNumberOfOperations) {
     zul.hold("Remove");
     EXPECT_FALSE(controller.isFull(initiator));
     for (std::size_t count = 0; count < Core::Controller::maximumOperations; ++count) {

@@ -32,7 +32,7 @@ TEST_F(ThePackageManagerClient, KeepsItsConnectionFromChildren) {
                 testing::Not(testing::HasSubstr("socket:")));
 }
 
-TEST_F(ThePackageManagerClient, CarriesCallsAndTurnsRefusalsIntoCodes) {
+TEST_F(ThePackageManagerClient, MakesCallsAndMapsErrorsToCodes) {
     Core::ZulProxy client(driver_.loop);
     const auto list = [&] { return *driver_.await(client.getPackageList(Testbed::LoopDriver::soon())); };
     driver_.await(client.install("/tmp/a.rpm"));
@@ -52,7 +52,7 @@ TEST_F(ThePackageManagerClient, CarriesCallsAndTurnsRefusalsIntoCodes) {
     }
 }
 
-TEST_F(ThePackageManagerClient, HandsSignalsOnInOrderAndDropsMalformedOnes) {
+TEST_F(ThePackageManagerClient, ForwardsSignalsInOrderAndDropsMalformedOnes) {
     std::vector<std::string> seen;
     Core::ZulProxy client(driver_.loop);
     client.addPackageInstalledHandler(
@@ -79,7 +79,7 @@ TEST_F(ThePackageManagerClient, HandsSignalsOnInOrderAndDropsMalformedOnes) {
     EXPECT_EQ(lines[6], "WARN: couldn't retrieve package id from signal: PackageRemoved");
 }
 
-TEST_F(ThePackageManagerClient, FailsWithTheInternalCodeOnceTheBusIsGone) {
+TEST_F(ThePackageManagerClient, FailsWithTheInternalCodeAfterTheBusIsLost) {
     Core::ZulProxy client(driver_.loop);
     buses_.system.stop();
     EXPECT_EQ(failureOf([&] { driver_.await(client.install("/tmp/a.rpm")); }).first, ErrorCode::Internal);
@@ -101,7 +101,7 @@ TEST(ThePackageManagerClientWithoutMatchRules, MakesCallsAndReceivesNoSignals) {
 }
 
 // The bus disconnects who sends it a message that is too long.
-TEST(ThePackageManagerClientThatTheBusDisconnects, ConnectsAnewAndReceivesSignalsAgain) {
+TEST(ThePackageManagerClientThatTheBusDisconnects, ReconnectsAndReceivesSignalsAgain) {
     const Testbed::LogCapture log;
     const Testbed::PrivateBuses buses("<limit name='max_message_size'>2000</limit>");
     Testbed::PackageManager zul;

@@ -75,7 +75,7 @@ protected:
     Client client;
 };
 
-TEST_F(AnAttacker, IsNotTakenForThePackageManagerOrTheRuntimeManager) {
+TEST_F(AnAttacker, CannotPoseAsThePackageManagerOrTheRuntimeManager) {
     setInstalled({"com.example.app"});
     const auto upgrade = client.install(packageFile());
     ASSERT_TRUE(client.waitForStatus(upgrade, 90));
@@ -105,7 +105,7 @@ TEST_F(AnAttacker, IsNotTakenForThePackageManagerOrTheRuntimeManager) {
     EXPECT_TRUE(isLoggedOnce("dropped signals not sent by norvane.ZUL")) << daemon->output();
 }
 
-TEST_F(AnAttacker, IsBelievedOnlyWhileItOwnsThePackageManagersName) {
+TEST_F(AnAttacker, CanSendPackageSignalsOnlyWhileItOwnsThePackageManagersName) {
     constexpr std::uint32_t allowReplacement = 1 | 4; // and do not queue for it afterwards
     constexpr std::uint32_t replaceExisting = 2;
     const auto replaced = sdbus::createSystemBusConnection();
@@ -126,7 +126,7 @@ TEST_F(AnAttacker, IsBelievedOnlyWhileItOwnsThePackageManagersName) {
     EXPECT_TRUE(client.waitForStatus(client.remove("com.example.app"), 100));
 }
 
-TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineAndDisturbsNoOtherClient) {
+TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineWithoutDelayingOthers) {
     const std::string huge(8UL << 20U, 'x');
     const auto before = daemon->output().size();
     EXPECT_EQ(client.errorOf("Start", huge), "Failed to start application");
@@ -143,7 +143,7 @@ TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineAndDisturbsNoOtherClien
     EXPECT_EQ(client.errorOf("Start", "a"), "");
 }
 
-TEST_F(AnAttacker, WhoLeavesAtTheEndOfAnOperationFindsItLater) {
+TEST_F(AnAttacker, ThatLeavesAtTheEndOfAnOperationGetsTheResultLater) {
     std::optional<Client> leaver(std::in_place);
     const auto name = leaver->busName();
     identification.set(name, "shop");
@@ -159,7 +159,7 @@ TEST_F(AnAttacker, WhoLeavesAtTheEndOfAnOperationFindsItLater) {
 }
 
 // A FUSE file system whose server never reads a request.
-class AFileSystemThatDoesNotAnswer : public DaemonTest {
+class AFileSystemThatDoesNotRespond : public DaemonTest {
 protected:
     void SetUp() override {
         server = Common::UniqueFd(open("/dev/fuse", O_RDWR));
@@ -179,7 +179,7 @@ protected:
     const std::filesystem::path mountPoint = scratch.path() / "stalled";
 };
 
-TEST_F(AFileSystemThatDoesNotAnswer, DelaysOnlyClientsWhoseFilesAreRead) {
+TEST_F(AFileSystemThatDoesNotRespond, DelaysOnlyClientsWhoseFilesAreRead) {
     const auto install = [this] { return Client().errorOf("Install", (mountPoint / "x.rpm").string()); };
     std::vector<std::future<std::string>> stalled;
     stalled.push_back(std::async(std::launch::async, install));
@@ -202,7 +202,7 @@ TEST_F(AFileSystemThatDoesNotAnswer, DelaysOnlyClientsWhoseFilesAreRead) {
     EXPECT_TRUE(client.waitForStatus(client.install(packageFile()), 100));
 }
 
-TEST_F(AFileSystemThatDoesNotAnswer, DoesNotKeepTheServiceFromEnding) {
+TEST_F(AFileSystemThatDoesNotRespond, DoesNotKeepTheServiceFromEnding) {
     auto stalled = std::async(
         std::launch::async, [this] { return Client().errorOf("Install", (mountPoint / "x.rpm").string()); });
     Client client;
@@ -212,7 +212,7 @@ TEST_F(AFileSystemThatDoesNotAnswer, DoesNotKeepTheServiceFromEnding) {
     EXPECT_THAT(stalled.get(), HasSubstr("NoReply"));
 }
 
-TEST_F(AFileSystemThatDoesNotAnswer, DoesNotKeepTheServiceFromEndingWithTheBus) {
+TEST_F(AFileSystemThatDoesNotRespond, DoesNotKeepTheServiceFromEndingWithTheBus) {
     auto stalled = std::async(std::launch::async, [this] {
         try {
             return Client().errorOf("Install", (mountPoint / "x.rpm").string());
@@ -234,7 +234,7 @@ protected:
     }
 };
 
-TEST_F(ADaemonWithFewDescriptors, IsNotEndedByThoseThatClientsAttachToRequests) {
+TEST_F(ADaemonWithFewDescriptors, SurvivesRequestsWithAttachedDescriptors) {
     runtime.hold("InvokeIntent");
     const auto attacker = run({"/usr/bin/python3", "-c", R"py(if True:
         import os
@@ -262,7 +262,7 @@ protected:
     Client client;
 };
 
-TEST_F(ARestartOfThePackageManager, EndsUpgradesThatItDoesNotReport) {
+TEST_F(ARestartOfThePackageManager, EndsUpgradesThatWereNotSignalled) {
     std::vector<Client::Operation> upgrades;
     for (const auto* name : {"completed", "prepared", "discarded", "removed"}) {
         setInstalled({name});
@@ -284,7 +284,7 @@ TEST_F(ARestartOfThePackageManager, EndsUpgradesThatItDoesNotReport) {
     EXPECT_TRUE(client.waitForStatus(upgrades[1], 100));
 }
 
-TEST_F(ARestartOfThePackageManager, IsNoticedWhileTheLastOneIsLookedAt) {
+TEST_F(ARestartOfThePackageManager, IsDetectedWhileThePreviousOneIsHandled) {
     setInstalled({"com.example.app"});
     const auto upgrade = client.install(packageFile());
     ASSERT_TRUE(client.waitForStatus(upgrade, 90));
@@ -305,7 +305,7 @@ TEST_F(ARestartOfThePackageManager, IsNoticedWhileTheLastOneIsLookedAt) {
     EXPECT_TRUE(client.waitForStatus(upgrade, 100));
 }
 
-TEST_F(ARestartOfThePackageManager, IsAskedAboutUpgradesUntilItAnswersAndAfterTheDisk) {
+TEST_F(ARestartOfThePackageManager, IsQueriedForUpgradesUntilItRepliesAndAfterTheDiskIsRead) {
     setInstalled({"com.example.app"});
     const auto upgrade = client.install(packageFile());
     ASSERT_TRUE(client.waitForStatus(upgrade, 90));

@@ -20,7 +20,7 @@ protected:
     Client other;
 };
 
-TEST_F(TheDaemon, AnswersWhileAnOperationRuns) {
+TEST_F(TheDaemon, RepliesWhileAnOperationRuns) {
     const auto first = beginInstallation(client);
     const auto second = other.install(packageFile());
     EXPECT_THAT(other.operations(), ElementsAre(second));
@@ -35,7 +35,7 @@ TEST_F(TheDaemon, AnswersWhileAnOperationRuns) {
     EXPECT_TRUE(other.waitForStatus(second, 100));
 }
 
-TEST_F(TheDaemon, FinishesAnUpgradeThatIsReportedBeforeTheCallReturns) {
+TEST_F(TheDaemon, FinishesAnUpgradeThatIsSignalledBeforeTheCallReturns) {
     setInstalled({"com.example.app"});
     zul.hold("Install");
     const auto file = packageFile();
@@ -73,7 +73,7 @@ TEST_F(TheDaemon, RelaysASignalDuringAPropertyRead) {
     EXPECT_TRUE(waitUntil([&] { return !client.packageSignals().empty(); }));
 }
 
-TEST_F(TheDaemon, WorksOnWhenOtherServicesHang) {
+TEST_F(TheDaemon, ContinuesWhenOtherServicesHang) {
     const auto first = beginInstallation(client);
     const auto second = client.install(packageFile());
     std::filesystem::create_directories(scratch.path() / "apps/a/next");
@@ -118,7 +118,7 @@ TEST_F(TheDaemon, DeliversAStormOfSignalsThroughABusThatStalls) {
     EXPECT_EQ(client.packageSignals(), expected);
 }
 
-TEST_F(TheDaemon, EndsInOrderWhenItIsTold) {
+TEST_F(TheDaemon, ShutsDownInOrderAfterSigterm) {
     zul.hold("Install");
     const auto file = packageFile();
     const auto running = client.install(file);
@@ -156,7 +156,7 @@ TEST_F(TheDaemon, EndsAtOnceWithTheSessionBus) {
                 testing::MatchesRegex("ERROR: couldn't register service: norvane.Vendara\nERROR: [^\n]*\n"));
 }
 
-TEST_F(TheDaemon, EndsWithTwoLinesWhateverItsClientsWaitFor) {
+TEST_F(TheDaemon, EndsWithTwoLogLinesEvenIfClientsWait) {
     const auto file = packageFile();
     std::vector<std::jthread> threads(8);
     std::atomic<int> calls = 0;
@@ -184,7 +184,7 @@ TEST_F(TheDaemon, EndsWithTwoLinesWhateverItsClientsWaitFor) {
                 testing::MatchesRegex("ERROR: couldn't register service: norvane.Vendara\nERROR: [^\n]*\n"));
 }
 
-TEST_F(TheDaemon, DoesNotCarryOutWhatItHasRefusedAsTooLate) {
+TEST_F(TheDaemon, DoesNotExecuteRequestsThatItRefusedAsTooLate) {
     runtime.hold("InvokeIntent");
     runtime.hold("Terminate");
     std::array<std::promise<std::string>, 21> errors;
@@ -206,7 +206,7 @@ TEST_F(TheDaemon, DoesNotCarryOutWhatItHasRefusedAsTooLate) {
     EXPECT_LT(runtime.calls("Terminate").size(), 20);
 }
 
-TEST_F(TheDaemon, GoesOnWithoutTheSystemBus) {
+TEST_F(TheDaemon, ContinuesWithoutTheSystemBus) {
     const auto running = beginInstallation(client);
     buses.system.stop();
     EXPECT_TRUE(client.waitForStatus(running, 101));

@@ -45,7 +45,7 @@ protected:
     Client other;
 };
 
-TEST_F(WhileAPeerHoldsACaller, OthersAreAnsweredAtEveryStepOfARequest) {
+TEST_F(WhileAPeerHoldsACaller, OthersGetRepliesAtEveryStepOfARequest) {
     auto identified = hold(identification, "IdentifyByBusName", [&] { return client.install(file); });
     expectAllAnswered(other);
     EXPECT_TRUE(identification.answer("IdentifyByBusName"));
@@ -79,7 +79,7 @@ TEST_F(WhileAPeerHoldsACaller, ItsOwnRequestsKeepTheirOrder) {
     EXPECT_THAT(runtime.calls("InvokeIntent"), ElementsAre("Start first", "Start other", "Start second"));
 }
 
-TEST_F(WhileAPeerHoldsACaller, StatusesOfOthersGoOnAndAnEndIsListedUntilItIsReported) {
+TEST_F(WhileAPeerHoldsACaller, OthersGetStatusesAndAnEndIsListedUntilItIsReported) {
     identification.set(client.busName(), "shop");
     identification.set(other.busName(), "shop");
     const auto operation = beginInstallation(client);

@@ -16,7 +16,7 @@ protected:
     std::optional<Client> client;
 };
 
-TEST_F(ARequest, TakesARealPackageFromInstallationToRemoval) {
+TEST_F(ARequest, InstallsAndRemovesARealPackage) {
     const auto file = packageFile();
     const auto installation = client->install(file);
     EXPECT_THAT(client->statusesOf(installation), testing::Contains(0)) << "announced before the reply";
@@ -76,7 +76,7 @@ TEST_F(ARequest, ReturnsThePlatformAndThePackages) {
     EXPECT_TRUE(logged("WARN: couldn't retrieve package id from signal: PackageRemoved"));
 }
 
-TEST_F(ARequest, ThatCannotBeMetIsRefusedWithItsReason) {
+TEST_F(ARequest, ThatFailsIsRefusedWithTheReason) {
     writeFile(scratch.path() / "text.rpm", "no package");
     const std::string noFacts = "Failed to retrieve the platform architecture";
     EXPECT_EQ(client->errorOf("Install", (scratch.path() / "text.rpm").string()),
@@ -123,7 +123,7 @@ TEST_F(ARequest, FailsLaterWithThePackageManagersCode) {
         << "listed until the next one runs";
 }
 
-TEST_F(ARequest, IsReportedToItsInitiatorAlone) {
+TEST_F(ARequest, IsReportedOnlyToItsInitiator) {
     Client other;
     const auto operation = client->install(packageFile());
     EXPECT_TRUE(client->waitForStatus(operation, 100));

@@ -43,7 +43,7 @@ std::multiset<std::string> membersOf(const std::string& xml) {
     return members;
 }
 
-TEST_F(TheService, ShowsExactlyTheInterfaceOfItsDescription) {
+TEST_F(TheService, ImplementsExactlyTheInterfaceOfItsXml) {
     Testbed::Process daemon({VENDARA_DAEMON});
     ASSERT_TRUE(Testbed::waitForService()) << daemon.output();
     auto shown = Testbed::run({"gdbus", "introspect", "--session", "--dest", "norvane.Vendara",
@@ -56,7 +56,7 @@ TEST_F(TheService, ShowsExactlyTheInterfaceOfItsDescription) {
     EXPECT_EQ(daemon.output(), "");
 }
 
-TEST_F(TheService, IsThereOnlyOnce) {
+TEST_F(TheService, RunsOnlyOnce) {
     const Testbed::Process first({VENDARA_DAEMON});
     ASSERT_TRUE(Testbed::waitForService()) << first.output();
     const auto second = Testbed::run({VENDARA_DAEMON});
@@ -101,7 +101,7 @@ TEST_F(TheService, WithTooFewResourcesLogsTheCauseAndEnds) {
     }
 }
 
-TEST_F(TheService, EndsWithTheSessionBusEveryTime) {
+TEST_F(TheService, AlwaysEndsWithTheSessionBus) {
     for (int round = 0; round < 10; ++round) {
         Testbed::PrivateBus session;
         setenv("DBUS_SESSION_BUS_ADDRESS", session.address().c_str(), 1);

@@ -95,7 +95,7 @@ protected:
     std::atomic<bool> done = false;
 };
 
-TEST_F(UnderStress, TheDaemonKeepsItsPromises) {
+TEST_F(UnderStress, TheDaemonLosesNoStatusAndNoRequest) {
     const auto file = packageFile();
     setInstalled({"com.example.old"});
     zul.hold("Install");

@@ -236,7 +236,7 @@ TEST_F(ThePackageManager, AnnouncesTheUpgradeThatItsRestartCompletes) {
     EXPECT_EQ(current(), "2.0-1");
 }
 
-TEST_F(ThePackageManager, ListsNoPackageThatIsGoneFromTheDisk) {
+TEST_F(ThePackageManager, ListsNoPackageThatWasDeletedFromTheDisk) {
     start();
     const auto file = package({.version = "1.0"});
     ASSERT_EQ(install(file), "");

@@ -73,7 +73,7 @@ void expectNothingLeftAfter(const std::function<void(pid_t platform)>& end, int 
 
 } // namespace
 
-TEST(TheTour, HoldsFromInstallationToRemoval) {
+TEST(TheTour, PassesFromInstallationToRemoval) {
     // Below a relative path with a link: the kernel and the buses know it by another.
     const ScratchDirectory scratch;
     fs::create_directory(scratch.path() / "real");
@@ -132,14 +132,14 @@ TEST(APlatform, PassesACommandsArgumentsUnchangedAndHasItsOwnProgramsInThePath) 
     EXPECT_EQ(run({program, "vendaractl", "list"}).status, 2);
 }
 
-TEST(APlatform, StaysWhenItsTerminalGoesIfItWasStartedToIgnoreThat) {
+TEST(APlatform, SurvivesTheEndOfItsTerminalIfStartedWithNohup) {
     // The signal goes to both processes of the platform and to its command.
     const auto result =
         run({"env", "--ignore-signal=CHLD,HUP", program, "--", "sh", "-c", "kill -HUP 0; exit 3"});
     EXPECT_EQ(result.status, 3) << result.output;
 }
 
-TEST(APlatform, LeavesAProcessBehindThatItMayNotKill) {
+TEST(APlatform, ReportsAProcessThatItMayNotKill) {
     const std::vector<std::string> withoutPower{"setpriv", "--bounding-set=-kill"};
     auto command = withoutPower;
     command.emplace_back("true");

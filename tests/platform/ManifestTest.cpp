@@ -23,7 +23,7 @@ std::string refusalOf(std::string_view bytes) {
     return "accepted";
 }
 
-TEST(AManifest, GivesTheNamesOfItsApplicationGroup) {
+TEST(AManifest, ReturnsTheNamesInItsApplicationGroup) {
     const auto manifest = ManifestEntry::fromBytes(
         "# a comment\n\n[Desktop Entry]\nName = Werkzeug\nName[pt_BR.UTF-8@latin]=Ferramenta\n"
         "# OrganizationName=org.comment\n \t\nOrganizationName=org.elsewhere\n"
@@ -37,7 +37,7 @@ TEST(AManifest, GivesTheNamesOfItsApplicationGroup) {
     EXPECT_EQ(manifest.value("No such group", "Name"), std::nullopt);
 }
 
-TEST(AManifest, WithoutOrWithEmptyNamesGivesNone) {
+TEST(AManifest, WithoutOrWithEmptyNamesReturnsNone) {
     for (const auto* rest :
          {"", "[X-Application]\n", "[X-Application]\nOrganizationName=\nApplicationName = \n",
           "[x-application]\nOrganizationName=a\nApplicationName=b\n"}) {
@@ -83,7 +83,7 @@ TEST(AManifest, ThatBreaksTheFormatIsRefusedWithItsLine) {
     EXPECT_THAT(refusalOf("# only a comment"), HasSubstr("no group"));
 }
 
-TEST(AManifest, ThatIsNoTextOrTooLargeIsRefused) {
+TEST(AManifest, ThatIsNotTextOrTooLargeIsRefused) {
     using namespace std::string_literals;
     for (const auto& bytes :
          {"\0"s, "\x80"s, "\xC0\xAF"s, "\xC3"s, "\xE0\x80\xAF"s, "\xED\xA0\x80"s, "\xE2\x82"s,

@@ -15,7 +15,7 @@ namespace {
 
 using namespace Testbed;
 
-TEST_F(SignedPackages, GiveTheirSignersAndTheirFilesSignatures) {
+TEST_F(SignedPackages, ReturnTheirSignersAndTheirFilesSignatures) {
     const Signing::SignRequest request{.package = packageFile,
                                        .output = file,
                                        .developer = issue(developerUsage),
@@ -72,7 +72,7 @@ TEST_F(SignedPackages, AreRefusedWithAnyByteChanged) {
     }
 }
 
-TEST_F(SignedPackages, AreRefusedWithACertificateThatDoesNotHold) {
+TEST_F(SignedPackages, AreRefusedWithACertificateThatIsNotValid) {
     const auto now = std::time(nullptr);
     const auto developerIf = [this](const Signing::CertificateRequest& request) {
         return openedWith({cmsOver(content(package), authority.issue(request))})->verifyCmses(authorityFile);
@@ -134,7 +134,7 @@ TEST_F(SignedPackages, HaveOneSignatureOfEachRoleAtMostTheDevelopersFirst) {
     EXPECT_FALSE(clientCmsFromVector(developerOnly->cmses()));
 }
 
-TEST_F(SignedPackages, TakeNoOtherFormOfASignature) {
+TEST_F(SignedPackages, AcceptNoOtherEncodingOfASignature) {
     using namespace std::string_literals;
     const auto good = content(package);
     const auto withFiles = [&good](const std::string& entries) { return good.substr(0, 56) + entries; };

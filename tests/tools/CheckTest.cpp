@@ -140,7 +140,7 @@ const Answer answers[] = {
     {"behind.rpm", 7, "couldn't retrieve cmses from package", ""},
     {"cut.rpm", 4, "the rpm package is truncated", ""}};
 
-TEST_F(Check, AnswersForEachFileAsTheInstallationWould) {
+TEST_F(Check, ReportsForEachFileTheResultOfTheInstallation) {
     makeCandidates();
     const auto& here = scratch.path();
     std::vector<std::string> files;
@@ -185,7 +185,7 @@ TEST_F(Check, AnswersForEachFileAsTheInstallationWould) {
     EXPECT_EQ(digestOfTree(here), before);
 }
 
-TEST_F(Check, ShowsItsProgressOnATerminalAlone) {
+TEST_F(Check, ShowsItsProgressOnlyOnATerminal) {
     const PackageSpec spec{.files = {{"/usr/bin/tool", "12345"}}};
     makePackage("app.rpm", spec);
     EXPECT_THAT(check({"app.rpm"}).output, testing::Not(HasSubstr(" %")));

@@ -147,7 +147,7 @@ TEST_F(History, ShowsWhatTheDatabaseDidWithEachPackage) {
     EXPECT_EQ(std::count(json.output.begin(), json.output.end(), '\n'), 2);
 }
 
-TEST_F(History, LetsNoEntrySteerTheTerminal) {
+TEST_F(History, EscapesControlCharactersOfEntries) {
     const std::string message("MESSAGE\n\x05\0\0\0\0\0\0\0a\nb\x1b\t\n", 22);
     const std::string longest(NAME_MAX, 'l');
     writeJournal(journal / "a.journal",
@@ -170,7 +170,7 @@ TEST_F(History, LetsNoEntrySteerTheTerminal) {
     EXPECT_EQ(history({"absent", "--directory", journal}).output, "");
 }
 
-TEST_F(History, NamesWhatCannotBeReadAndShowsTheRest) {
+TEST_F(History, ReportsFilesThatCannotBeReadAndShowsTheRest) {
     const std::vector<std::string> withoutOverride{"setpriv",
                                                    "--bounding-set=-dac_override,-dac_read_search"};
     const auto expect = [&](int status, const std::string& begin, const std::string& end) {

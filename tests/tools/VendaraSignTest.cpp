@@ -7,7 +7,6 @@
 #include "tools/vendara-sign/PackageSigner.h"
 #include "tools/vendara-sign/TestAuthority.h"
 
-#include <boost/algorithm/hex.hpp>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
@@ -159,7 +158,7 @@ TEST_F(VendaraSign, ReplacesAndRemovesSignaturesOfManyPackagesAndPrintsThemAsJso
     }
 }
 
-TEST_F(VendaraSign, TakesKeysInTheFormsOfOpenSslAndTheirPassphrase) {
+TEST_F(VendaraSign, AcceptsKeysInTheFormatsOfOpenSslWithTheirPassphrase) {
     ASSERT_EQ(sign(by("developer", "developer", "a.rpm", {"--output", "signed.rpm"})).status, 0);
     const auto openssl = [&](std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), "openssl");
@@ -231,7 +230,7 @@ TEST_F(VendaraSign, TakesKeysInTheFormsOfOpenSslAndTheirPassphrase) {
     EXPECT_FALSE(std::filesystem::exists(scratch.path() / "b.rpm"));
 }
 
-TEST_F(VendaraSign, TakesSignaturesThatATokenMadeOfItsDigests) {
+TEST_F(VendaraSign, AttachesSignaturesMadeByAToken) {
     const auto shell = [&](const std::string& script) {
         const auto result = run({"sh", "-ec", script},
                                 {.environment = {{"SOFTHSM2_CONF", scratch.path() / "softhsm2.conf"},
@@ -284,7 +283,7 @@ TEST_F(VendaraSign, TakesSignaturesThatATokenMadeOfItsDigests) {
     EXPECT_EQ(sign({"--verify", "--authority", "ca/ca.pem", "a.rpm"}).status, 0);
 }
 
-TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
+TEST_F(VendaraSign, RefusesWithThePathAndChangesNothing) {
     ASSERT_EQ(sign(by("developer", "developer", "a.rpm")).status, 0);
     auto damaged = readFile(file);
     damaged[damaged.size() / 2] ^= 1;
@@ -384,7 +383,7 @@ TEST_F(VendaraSign, RefusesWithThePathAndLeavesEverythingAsItWas) {
     EXPECT_EQ(digestOfTree(scratch.path()), before);
 }
 
-TEST_F(VendaraSign, MakesAuthoritiesWhoseKeysOnlyTheOwnerReads) {
+TEST_F(VendaraSign, MakesAuthoritiesWithKeysThatOnlyTheOwnerCanRead) {
     ASSERT_EQ(sign(by("developer", "system-developer", "a.rpm")).status, 0);
     EXPECT_THAT(sign({"--show", "a.rpm"}).output,
                 HasSubstr("key: " + readFile(scratch.path() / "ca/system-developer-keyid")));

@@ -78,7 +78,7 @@ TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndExplainsItsErrorCode) {
     EXPECT_THAT(service.requests, testing::IsSupersetOf({"[a,b]", "-x"}));
 }
 
-TEST_F(Vendaractl, AsksForTheEndWhoseSignalItMissed) {
+TEST_F(Vendaractl, QueriesTheEndWhoseSignalWasMissed) {
     ScriptedService service(
         {{"ended", {{0}, 0, true}}, {"damaged", {{0, 10}, 11, true}}, {"forgotten", {{0, 10}}}});
     const auto result = ctl({"remove", "ended", "damaged", "forgotten"});
@@ -89,7 +89,7 @@ TEST_F(Vendaractl, AsksForTheEndWhoseSignalItMissed) {
     EXPECT_EQ(service.propertyReads, 2);
 }
 
-TEST_F(Vendaractl, EndsWithThreeWhenTheServiceIsNotThereOrLeaves) {
+TEST_F(Vendaractl, ExitsWithThreeIfTheServiceIsAbsentOrLeaves) {
     EXPECT_EQ(ctl({"list"}).status, 3);
     EXPECT_EQ(ctl({"install", "absent.rpm"}).status, 2);
     std::unique_ptr<ScriptedService> service;
@@ -127,7 +127,7 @@ TEST_F(Vendaractl, EndsWithThreeWhenTheServiceIsNotThereOrLeaves) {
     EXPECT_EQ(ctl({"list"}).status, 3);
 }
 
-TEST_F(Vendaractl, ReportsThatTheServiceEndedWhileItStarted) {
+TEST_F(Vendaractl, ReportsThatTheServiceEndedDuringItsStart) {
     // One that fails at once, and one that fails when it has taken its name.
     for (const std::string command :
          {"/bin/false", "/usr/bin/env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none " DAEMON}) {
@@ -141,7 +141,7 @@ TEST_F(Vendaractl, ReportsThatTheServiceEndedWhileItStarted) {
     }
 }
 
-TEST_F(Vendaractl, NamesWhatIsWrongWithACommandLine) {
+TEST_F(Vendaractl, ReportsTheErrorOfACommandLine) {
     const std::pair<std::vector<std::string>, const char*> cases[] = {
         {{}, "a command is required"},
         {{"frobnicate"}, "unknown command: frobnicate"},
@@ -175,7 +175,7 @@ TEST_F(Vendaractl, NamesWhatIsWrongWithACommandLine) {
     EXPECT_THAT(lastLine(lost.output)["error"]["message"].get<std::string>(), HasSubstr("[x]"));
 }
 
-TEST_F(Vendaractl, WaitsForTheServiceAloneUntilItIsInterrupted) {
+TEST_F(Vendaractl, WaitsForTheServiceUntilItIsInterrupted) {
     ScriptedService service({{"app", {.known = true}}});
     EXPECT_EQ(ctl({"remove", "--no-wait", "app"}).output, "install app: queued\n");
     const auto client = begin({"remove", "app"});
@@ -292,7 +292,7 @@ TEST_F(Vendaractl, PrintsJsonForEveryCommand) {
     EXPECT_EQ(lastLine(refused.output), Json::parse(R"({"error": {"message": "No", "subject": "no"}})"));
 }
 
-TEST_F(Vendaractl, MonitorsPackagesWithoutLettingThemSteerTheTerminal) {
+TEST_F(Vendaractl, MonitorsPackagesAndEscapesControlCharacters) {
     auto service = std::make_unique<ScriptedService>(std::map<std::string, Script>{});
     const auto text = begin({"monitor"});
     const auto json = begin({"monitor", "--json"});
@@ -342,7 +342,7 @@ TEST_F(Vendaractl, RewritesALinePerOperationOnATerminal) {
                 HasSubstr("OPERATION  STATUS\r\nid of \u00e4\u00f6   install"));
 }
 
-TEST_F(Vendaractl, LooksIntoAnImageAndNeverOutOfIt) {
+TEST_F(Vendaractl, ReadsAnImageAndNeverLeavesIt) {
     namespace fs = std::filesystem;
     const auto image = scratch.path() / "image";
     const auto install = [](const fs::path& root, const std::string& id) {

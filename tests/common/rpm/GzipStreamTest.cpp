@@ -64,7 +64,7 @@ protected:
     std::string text;
 };
 
-TEST_F(AGzipStream, GivesWhatIsInItAndNothingOfWhatFollows) {
+TEST_F(AGzipStream, ReturnsItsContentAndIgnoresTrailingBytes) {
     for (const auto* level : {"-1", "-9"}) {
         EXPECT_TRUE(contentOf(compressed(text, level) + "signature") == text) << level;
     }
@@ -76,7 +76,7 @@ TEST_F(AGzipStream, GivesWhatIsInItAndNothingOfWhatFollows) {
     EXPECT_EQ(contentOf(compressed("")), "");
 }
 
-TEST_F(AGzipStream, EndsBeforeTheBytesThatAreDamaged) {
+TEST_F(AGzipStream, EndsBeforeDamagedBytes) {
     const auto whole = compressed(text);
     auto wrongSum = whole;
     wrongSum[whole.size() - 5] ^= 1;
@@ -89,13 +89,13 @@ TEST_F(AGzipStream, EndsBeforeTheBytesThatAreDamaged) {
 }
 
 // The reader at the other end would decompress such a content again, without a limit.
-TEST_F(AGzipStream, GivesNothingThatIsCompressedOnceMore) {
+TEST_F(AGzipStream, RefusesContentThatIsItselfGzipData) {
     Testbed::writeFile(scratch.path() / "twice", text);
     ASSERT_EQ(Testbed::run({"gzip", scratch.path() / "twice"}).status, 0);
     EXPECT_EQ(contentOf(compressed(Testbed::readFile(scratch.path() / "twice.gz"))), "");
 }
 
-TEST_F(AGzipStream, CanBeAbandonedWhileAnotherProcessHasItsEndsToo) {
+TEST_F(AGzipStream, CanBeAbandonedWhileAnotherProcessHasInheritedItsEnds) {
     const auto file = fileOf(compressed(text));
     pid_t heir = -1;
     {
@@ -112,7 +112,7 @@ TEST_F(AGzipStream, CanBeAbandonedWhileAnotherProcessHasItsEndsToo) {
     EXPECT_EQ(waitpid(heir, nullptr, 0), heir);
 }
 
-TEST_F(AGzipStream, GivesAllMembers) {
+TEST_F(AGzipStream, DecompressesAllMembers) {
     const auto two = compressed(text) + compressed("") + compressed("second");
     EXPECT_TRUE(contentOf(two + "signature") == text + "second");
     EXPECT_TRUE(contentOf(two) == text + "second");
@@ -195,7 +195,7 @@ TEST(APayload, IsReadWholeByAProcessThatIsDisturbed) {
 }
 
 // A file in memory that ends in a page without memory: the read there fails with EIO.
-TEST(APayload, ThatCannotBeReadIsNotCalledDamaged) {
+TEST(APayload, ThatCannotBeReadIsNotReportedAsDamaged) {
     const Testbed::ScratchDirectory scratch;
     setenv("HOME", scratch.path().c_str(), 1);
     for (const std::string payload : {"w1.gzdio", "w1.bzdio", "w0.xzdio", "w1.zstdio"}) {

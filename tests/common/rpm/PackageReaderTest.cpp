@@ -71,7 +71,7 @@ TEST_F(PackageReader, OutlivesTheOneItWasCopiedFromAndNamesTheTagItMisses) {
     EXPECT_EQ(wrapped.getStringTag(RPMTAG_NAME), "com.example.app");
 }
 
-TEST_F(PackageReader, RefusesAtOnceWhatIsNoRegularFile) {
+TEST_F(PackageReader, RefusesAFileThatIsNotRegularAtOnce) {
     fs::create_directory(in("directory"));
     ASSERT_EQ(mkfifo(in("fifo").c_str(), 0600), 0);
     const Common::UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM, 0));
@@ -93,7 +93,7 @@ TEST_F(PackageReader, RefusesAtOnceWhatIsNoRegularFile) {
     }
 }
 
-TEST_F(PackageReader, RefusesAFileThatIsNoWholePackage) {
+TEST_F(PackageReader, RefusesAFileThatIsNotOneCompletePackage) {
     const Testbed::LogCapture librpmsOwnLines;
     const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", std::string(5000, 'x')}}});
     const auto package = Testbed::readFile(file);
@@ -120,7 +120,7 @@ TEST_F(PackageReader, RefusesAFileThatIsNoWholePackage) {
     }
 }
 
-TEST_F(PackageReader, KeepsToTheBoundOnHeaders) {
+TEST_F(PackageReader, LimitsTheSizeOfHeaders) {
     const auto craft = [&](std::size_t size) {
         Testbed::craftPackage(in("package.rpm"), {}, {.adjust = [size](Header header) {
                                   const std::string text(size, 'x');
@@ -167,7 +167,7 @@ TEST_F(PackageReader, ListsFilesInTheOrderOfTheirFullNames) {
 }
 
 // All of these pairs have the same hash in librpm, which then compares each with each.
-TEST_F(PackageReader, HandsNoPairsOfDeviceAndInodeToLibrpmThatThePackageChose) {
+TEST_F(PackageReader, ReplacesThePackagesDeviceAndInodeNumbers) {
     constexpr std::uint32_t count = 2000;
     std::vector<Testbed::CraftedEntry> entries;
     std::vector<std::uint32_t> inodes;
@@ -199,7 +199,7 @@ TEST_F(PackageReader, HandsNoPairsOfDeviceAndInodeToLibrpmThatThePackageChose) {
     EXPECT_LE(*numbers.rbegin(), count);
 }
 
-TEST_F(PackageReader, TakesOnlySoManyNamesOfOneFile) {
+TEST_F(PackageReader, LimitsTheHardLinksOfAFile) {
     std::vector<Testbed::CraftedEntry> entries(Common::Rpm::FileList::mostLinks);
     for (auto& entry : entries) {
         entry = {.directory = "/a/", .name = std::to_string(10000 + (&entry - entries.data())), .inode = 7};
@@ -216,7 +216,7 @@ TEST_F(PackageReader, TakesOnlySoManyNamesOfOneFile) {
                 testing::ThrowsMessage<Common::Error>("the rpm package has a file with too many hard links"));
 }
 
-TEST_F(PackageReader, StartsNoProcessAndLeavesTheHomeDirectoryAlone) {
+TEST_F(PackageReader, StartsNoProcessAndDoesNotAccessTheHomeDirectory) {
     const Testbed::LogCapture librpmsOwnLines;
     const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", "x"}}});
     Testbed::writeFile(in("text.rpm"), "no package");
@@ -233,7 +233,7 @@ TEST_F(PackageReader, StartsNoProcessAndLeavesTheHomeDirectoryAlone) {
     EXPECT_TRUE(fs::is_empty(in("home")));
 }
 
-TEST_F(PackageReader, TakesAnRpmSignatureOnlyWithItsKeyInTheDatabase) {
+TEST_F(PackageReader, AcceptsAnRpmSignatureOnlyIfItsKeyIsInTheDatabase) {
     const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", "x"}}});
     const auto home = "HOME=" + in(".").string() + " GNUPGHOME=" + in("gnupg").string();
     const auto shell = [&](const std::string& command) {
@@ -254,7 +254,7 @@ TEST_F(PackageReader, TakesAnRpmSignatureOnlyWithItsKeyInTheDatabase) {
     expectNotRead(file);
 }
 
-TEST_F(PackageReader, SeesChangedMacrosThoughItLoadsUnchangedOnesOnce) {
+TEST_F(PackageReader, ReloadsChangedMacrosAndLoadsUnchangedOnesOnce) {
     const auto value = [] {
         Common::Rpm::readRpmConfiguration();
         const std::unique_ptr<char, decltype(&std::free)> text(rpmExpand("%vendara_test", nullptr),
