@@ -2,9 +2,9 @@
 
 namespace Bench {
 
-/// The least that a service can do for a request: the same round trips to the same peers, one after the
-/// other, and the reply. "norvane.Vendara.Chain" on the session bus has "Install", "GetAllProperties" and
-/// "Start". Serves until it is killed.
+/// The minimal work for a request: the same round trips to the same peers, one after another, and the reply.
+/// "norvane.Vendara.Chain" on the session bus has "Install", "GetAllProperties" and "Start". Serves until it
+/// is killed.
 [[noreturn]] void serveChain();
 
 } // namespace Bench

@@ -1,6 +1,6 @@
-// What requests cost beside the bare chain of their round trips, and how the daemon's memory and times grow:
-// with the number of installations it has carried out, of operations that are queued, and of packages that
-// are installed. Prints figures; ends with 1 when memory grows where it must not.
+// Compares the time of requests with that of their round trips alone, and measures the daemon's memory and
+// times by the number of completed installations, queued operations and installed packages. Exits with 1 if
+// memory grows with completed installations.
 //
 // bench-daemon [INSTALLATIONS]     10,000 by default
 // bench-daemon soak SECONDS [calm] 64 clients at once; the peers are stopped and killed, or left alone

@@ -1,8 +1,8 @@
-// Unpacks a package of one large file and one of many small files, per compressor, side by side with the
-// usual tools, and prints the medians of wall seconds and of processor seconds, and what the files' digests,
-// which the others do not check, take of both. Usage: bench-extraction [rounds [only]], where "only" is a
-// part of the titles, for example "large" or "gzdio". Works below the temporary directory. Run it alone, and
-// also on one processor, with taskset -c 0.
+// Compares the extraction of a package of one large file and of one of many small files, per compressor, with
+// the usual tools. Prints the medians of wall seconds and processor seconds, and the share of the files'
+// digests, which the other tools do not check. Usage: bench-extraction [rounds [only]], where "only" is a
+// part of the titles, for example "large" or "gzdio". Works below the temporary directory. Run it on an idle
+// machine, and also on one processor, with taskset -c 0.
 
 #include "core/zul/package/Extraction.h"
 
@@ -107,7 +107,7 @@ Times measure(const std::function<void()>& work) {
 
 Times measure(const fs::path& destination, const std::function<void()>& unpack) {
     fs::create_directory(destination);
-    sync(); // what one tool left to be written must not slow the next
+    sync(); // pending writes of one tool must not slow the next
     const auto times = measure(unpack);
     fs::remove_all(destination);
     return times;
@@ -128,7 +128,7 @@ Times median(std::vector<Times> values) {
     return {middle(&Times::wall), middle(&Times::processor)};
 }
 
-/// What it takes to compute the digests of a folder's files, each in memory.
+/// The time to compute the digests of a folder's files, each in memory.
 Times digestTimes(const fs::path& directory) {
     Times total;
     for (const auto& entry : fs::recursive_directory_iterator(directory)) {

@@ -27,7 +27,7 @@ using PropertyMap = std::map<std::string, sdbus::Variant>;
 
 // The bus takes up to two minutes to start the service, which replies within 25 seconds.
 constexpr std::chrono::microseconds callLimit = seconds(150);
-// How long no status arrives before the service is asked; twice as long after each reply.
+// How long to wait for a status before the service is queried; doubled after each reply.
 constexpr milliseconds firstPatience = seconds(1);
 constexpr milliseconds lastPatience = std::chrono::minutes(1);
 // The same after the announcement that ends an operation of another connection.
@@ -140,8 +140,8 @@ public:
         return operation;
     }
 
-    // An operation that the reply lists may end before attach(): what is announced from now on counts, and
-    // not what is on its way.
+    // An operation in the reply may end before attach(). Announcements received from now on count for it;
+    // earlier ones, still queued, do not.
     Properties properties() {
         confirm();
         operations_.forgetAnnouncements();
@@ -161,7 +161,7 @@ public:
 
     bool follow() {
         if (!operations_.allEnded()) {
-            if (!source_.hasOwner()) { // it left right after it replied
+            if (!source_.hasOwner()) { // the service left right after its reply
                 throwUnknownResult();
             }
             isFollowing_ = true;
@@ -209,9 +209,9 @@ private:
         return results;
     }
 
-    // After an end is sent, the service asks the bus whether its receiver is still there, and reports the end
-    // again if not. By the time it replies to a ping, it has asked, and what it sent before has arrived. What
-    // is known then is not lost by an interruption or the loss of the bus: the next call throws that.
+    // After sending the end of an operation, the service checks that its receiver is still on the bus, and
+    // reports the end again if not. When it replies to a ping, this check is done, and all signals sent
+    // before have arrived. An interruption or a lost bus must not discard them: the next call throws for it.
     void confirm() {
         if (!source_.hasOwner()) {
             return;
@@ -229,13 +229,13 @@ private:
             Common::RemoteObject peer(connection_, owner, Own::objectPath, peerInterface);
             co_await peer.call<>("Ping", seconds(1));
         } catch (const sdbus::Error&) {
-            // What was received is not lost by this.
+            // A failed ping must not discard what was received.
         }
         co_return std::tuple<>();
     }
 
-    // Runs until something stops the loop. After an exception it stays stopped: what waits in it refers to
-    // frames that are gone.
+    // Runs until the loop is stopped. After an exception the loop stays stopped: its handlers refer to stack
+    // frames that no longer exist.
     void runLoop() {
         loop_.run();
         loop_.context().restart();
@@ -246,7 +246,7 @@ private:
         loop_.fail(std::make_exception_ptr(std::move(cause)));
     }
 
-    // What a handler throws would only be logged.
+    // An exception of a handler would only be logged.
     template<typename Call>
     void guarded(const Call& call) {
         try {
@@ -256,7 +256,7 @@ private:
         }
     }
 
-    // All error replies of the service have one name; by others the bus reports that it is absent.
+    // All error replies of the service have one name; the bus reports an absent service by other names.
     [[noreturn]] void throwFor(const sdbus::Error& error) const {
         const std::string prefix = "org.freedesktop.DBus.Error.";
         const auto isOneOf = [&](std::initializer_list<const char*> names) {
@@ -322,7 +322,7 @@ private:
         });
     }
 
-    // Statuses are sent to this connection for what it requested, and may repeat what the reply said.
+    // Statuses of operations requested by this connection. They may repeat the status in the reply.
     void update(const Operation& news) {
         if (operations_.update(news)) {
             wait(firstPatience);
@@ -330,7 +330,7 @@ private:
         }
     }
 
-    // Until the service is asked.
+    // Until the service is queried.
     void wait(milliseconds patience) {
         patience_ = patience;
         silence_.expires_after(patience_);
@@ -343,7 +343,7 @@ private:
             if (moved) {
                 continue;
             }
-            if (!isFollowing_) { // nobody would get the answer, which the service gives once
+            if (!isFollowing_) { // the reply, which reports completed operations once, would be lost
                 silence_.expires_at(Common::TimePoint::max());
                 continue;
             }
@@ -353,7 +353,7 @@ private:
                 const auto properties = propertiesFrom(map);
                 guarded([&] { compare(properties); });
             } catch (const std::runtime_error&) {
-                // The service is asked again.
+                // The service is queried again.
             }
             wait(std::min(patience_ * 2, operations_.mayFailUnnoticed() ? firstPatience : lastPatience));
         }
@@ -390,7 +390,7 @@ private:
     Common::SignalSource source_;
     Common::RemoteObject service_;
     asio::signal_set interruption_{loop_.context()};
-    asio::steady_timer silence_{loop_.context(), Common::TimePoint::max()}; // until the service is asked
+    asio::steady_timer silence_{loop_.context(), Common::TimePoint::max()}; // until the service is queried
     asio::steady_timer ticker_{loop_.context()};
     milliseconds patience_ = firstPatience;
     bool wasStarted_;         // by a call of this client

@@ -6,7 +6,7 @@ namespace Vendara {
 
 namespace {
 
-// An operation may be on its way from one list of the service to the other.
+// An operation that moves from one list of the service to the other is in neither for a short time.
 constexpr int absencesOfALostOperation = 2;
 
 } // namespace

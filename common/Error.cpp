@@ -13,7 +13,7 @@ struct Row {
     std::string_view suffix;
 };
 
-// In the order in which names are matched. Internal has no row: it is what every other name means.
+// In the order in which names are matched. Internal has no row: all other names map to it.
 constexpr std::array table{
     Row{ErrorCode::Filesystem, "Filesystem"},
     Row{ErrorCode::FileNotFound, "FileNotFound"},

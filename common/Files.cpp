@@ -23,8 +23,8 @@ UniqueFd openDirectory(const std::filesystem::path& directory) {
     return fd;
 }
 
-/// Gives the owner access to a directory and to those in it. No link is followed: each is opened in the one
-/// before, and changed through its descriptor.
+/// Gives the owner access to a directory and its subdirectories. No link is followed: each directory is
+/// opened relative to its parent's descriptor and changed through its own.
 void makeAccessible(const UniqueFd& parent, const std::filesystem::path& name) {
     const UniqueFd directory(openat(parent ? parent.get() : AT_FDCWD, name.c_str(),
                                     O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -32,10 +32,10 @@ void makeAccessible(const UniqueFd& parent, const std::filesystem::path& name) {
         return;
     }
     const auto self = "/proc/self/fd/" + std::to_string(directory.get());
-    std::error_code denied; // is found again by the removal
+    std::error_code denied; // the removal reports the same error
     std::filesystem::permissions(self, std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
                                  denied);
-    // All at once: an open iterator per level would need a second descriptor.
+    // Reads all entries first: an open iterator would need a second descriptor per level.
     std::vector<std::filesystem::path> inner;
     for (std::filesystem::directory_iterator entry(self, denied), end; !denied && entry != end;
          entry.increment(denied)) {
@@ -320,7 +320,7 @@ AtomicFile::~AtomicFile() {
     }
 }
 
-// Only what has a name can take the place of another.
+// rename(2) needs a name; a file of O_TMPFILE gets one here.
 void AtomicFile::giveName() {
     if (named_) {
         return;
@@ -336,7 +336,7 @@ void AtomicFile::commit(Durability durability) {
     if (fchmod(file_.get(), mode_) != 0) {
         throw filesystemError("couldn't set the mode of " + final_.native());
     }
-    // The content first: a name on disk without it would be an empty file.
+    // Flush the content first: after a power loss a file with only its name on disk would be empty.
     if (durability == Durability::Now && fsync(file_.get()) != 0) {
         throw filesystemError("couldn't flush " + final_.native());
     }

@@ -41,7 +41,7 @@ LogLine::~LogLine() {
     // The stream is unbuffered: one write() of it is one write(2).
     std::cerr.write(line_.data(), static_cast<std::streamsize>(line_.size()));
     if (usable) {
-        std::cerr.clear(); // a line that a full disk did not take is no reason to drop the next
+        std::cerr.clear(); // a failed write, for example on a full disk, must not suppress later lines
     }
 }
 

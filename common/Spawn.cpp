@@ -57,7 +57,7 @@ bool setUpStreams(const SpawnOptions& options) {
 }
 
 // Runs in the child, where other threads of the parent may have held any lock: makes system calls only.
-// Returns the errno value of what failed.
+// Returns the errno value of the failed call.
 int becomeProgram(char* const* arguments, char** environment, const SpawnOptions& options, pid_t parent) {
     for (const int signal : {SIGINT, SIGTERM, SIGPIPE, SIGCHLD, SIGHUP, SIGQUIT}) {
         struct sigaction action {};
@@ -89,7 +89,7 @@ int exitStatusOf(int waitStatus) noexcept {
 }
 
 UniqueFd openProcess(pid_t process) {
-    // The C library's own declaration is of no use to C++ in version 2.36.
+    // The declaration in the headers of glibc 2.36 cannot be used in C++.
     UniqueFd descriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0U)));
     if (!descriptor && errno != ESRCH) {
         throw filesystemError("couldn't open a process");

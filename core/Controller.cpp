@@ -43,8 +43,8 @@ bool Controller::isFull(const Common::CallerIdentity& initiator) const {
 void Controller::enqueue(Operation operation) {
     ++counts_[operation.initiator().key()];
     queue_.push_back(std::move(operation));
-    // Before the hook: what it has the loop do comes after the first step, so that both statuses are
-    // announced together.
+    // Before the hook: the announcement that the hook posts then runs after the first step, so that both
+    // statuses are announced together.
     if (!isWorking_) {
         isWorking_ = true;
         loop_.spawn("couldn't carry out operations", work());
@@ -134,7 +134,7 @@ asio::awaitable<void> Controller::work() {
         }
         isWorking_ = false;
     } catch (...) {
-        loop_.fail(std::current_exception()); // nothing would be carried out any more
+        loop_.fail(std::current_exception()); // otherwise no further operation would be executed
     }
 }
 
@@ -191,7 +191,7 @@ void Controller::finishCurrent() {
     current_.reset();
 }
 
-// A report that came while the install call was running counts from here on.
+// An upgrade that was signalled while the install call was running takes effect here.
 void Controller::awaitUpgrade() {
     current_->setStatus(OperationStatus::AwaitingUpgrade);
     awaiting_.push_back(std::move(*current_));
@@ -236,8 +236,8 @@ void Controller::packageUpgraded(const Common::PackageProperties& package) {
     launchControl_.packageUpgraded(id->second);
 }
 
-// A package manager that has started again may have completed an upgrade, or given it up, without a report.
-// Until it says what is installed it is asked again; when it starts once more meanwhile, as well.
+// After a restart the package manager may have completed or discarded an upgrade without a signal. Queries
+// the package list until it succeeds, and again if the package manager has restarted in the meantime.
 asio::awaitable<void> Controller::checkAwaiting() {
     using std::chrono::seconds;
     isCheckDue_ = true;
@@ -265,7 +265,7 @@ asio::awaitable<void> Controller::checkAwaiting() {
     isChecking_ = false;
 }
 
-// The disk first, then the list: what is completed in between is in the list already.
+// Reads the disk first, then the list: an upgrade completed in between is then in the list.
 std::vector<std::string> Controller::notPrepared() const {
     std::vector<std::string> ids;
     for (const auto& awaiting : awaiting_) {
@@ -298,7 +298,7 @@ void Controller::checkAwaiting(const std::string& id,
     } else {
         endAwaiting(awaiting, Common::ErrorCode::None);
     }
-    launchControl_.packageUpgraded(packageId); // a restart that waited must not leave the application ended
+    launchControl_.packageUpgraded(packageId); // a waiting restart has to start the application
 }
 
 } // namespace Core

@@ -17,8 +17,8 @@ namespace Peer = Common::Names::Zul;
 
 constexpr std::chrono::seconds operationTimeout{900};
 
-// A service that hangs must not use up the 128 replies that the system bus lets a connection wait for: the
-// bus goes on waiting for those that the bus library has given up.
+// The system bus allows 128 pending replies per connection, and still counts calls that timed out in the bus
+// library. A service that hangs must not use them up.
 constexpr std::size_t maximumListCalls = 4;
 
 Common::Error converted(const sdbus::Error& error) {
@@ -154,7 +154,7 @@ asio::awaitable<void> ZulProxy::listPackages(std::shared_ptr<ListCall> call) {
     }
 }
 
-// On the loop's thread while the program is being built, later on a helper thread.
+// Runs on the main thread before the loop runs, later on a helper thread.
 ZulProxy::Subscriptions ZulProxy::subscribe() {
     Subscriptions made{connectToSystemBus(), nullptr};
     try {
@@ -187,7 +187,7 @@ asio::awaitable<void> ZulProxy::reconnect() {
     for (seconds pause{1}; link_->isLost; pause = std::min(pause * 2, seconds(30))) {
         const auto attempt = connecting_;
         try {
-            // Jobs of a file system that does not answer must not keep it from beginning.
+            // Must start even if jobs that wait for a file system have reached the limit.
             const auto job = loop_.begin([this] { return subscribe(); }, 2 * Common::Loop::maximumJobs);
             auto made =
                 co_await Common::Loop::finish(job, Common::TimePoint::clock::now() + Common::defaultTimeout);

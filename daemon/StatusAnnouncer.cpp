@@ -163,7 +163,7 @@ asio::awaitable<void> StatusAnnouncer::confirm(std::vector<Core::Operation> ends
     }
 }
 
-// The bus answers in the order in which it was sent to.
+// The bus handles messages in order, so its reply means that all signals sent before were delivered.
 asio::awaitable<bool> StatusAnnouncer::isOnBus(std::string busName) {
     try {
         const auto [isOwned] =

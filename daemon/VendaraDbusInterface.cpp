@@ -28,8 +28,8 @@ using Common::TimePoint;
 
 sdbus::Error refusal(const std::string& text) { return {Own::error, text}; }
 
-// The edge: every exception of a request becomes the interface's one error. A refusal has its text already;
-// for anything else the cause goes to the log and the caller gets the given text.
+// Converts every exception of a request to the interface's error. A refusal already has its text; for other
+// exceptions the cause is logged and the caller gets the given text.
 sdbus::Error refusalFor(const std::exception_ptr& failure, const std::string& text) noexcept {
     try {
         std::rethrow_exception(failure);
@@ -47,8 +47,8 @@ sdbus::Error refusalFor(const std::exception_ptr& failure, const std::string& te
 
 struct PackageHeader {
     explicit PackageHeader(const std::string& path) {
-        // A file system that does not answer keeps only those who ask for its files: the lock, which librpm
-        // needs, is taken when the headers have been read once and are in memory.
+        // The lock that librpm needs is taken only after the headers were read once and are cached, so that a
+        // file system that does not respond delays only requests for its own files.
         const auto file = Common::Rpm::openPackageFile(path);
         const auto layout = Common::Rpm::readPackageLayout(file.get());
         const auto end = std::min(layout ? layout->payloadOffset : 0, Common::Rpm::Reader::maximumHeaderSize);
@@ -66,8 +66,8 @@ struct PackageHeader {
     std::string version;
 };
 
-// A request keeps the descriptors that its client has attached, used or not, until it is answered. The bus
-// library gives the bus up when it has no room for those of the next message.
+// The descriptors attached to a request stay open until the reply. If none is left for the next message, the
+// bus library closes the connection.
 bool areDescriptorsShort() {
     rlimit limit{};
     const Common::UniqueFd lowest(eventfd(0, EFD_CLOEXEC));
@@ -75,7 +75,7 @@ bool areDescriptorsShort() {
            static_cast<rlim_t>(lowest.get()) >= limit.rlim_cur / 2;
 }
 
-// A text out of a file, about to be sent.
+// Checks a text from a file before it is sent.
 std::string requireBusText(std::string text, const char* what) {
     if (!Common::isBusText(text)) {
         throw Common::Error(Common::ErrorCode::Internal, std::string(what) + " is not a valid D-Bus string");
@@ -170,8 +170,8 @@ void VendaraDbusInterface::Restart(sdbus::Result<>&& result, std::string package
                  packageID, &Core::LaunchControl::restartApplication);
 }
 
-// Called by the bus library: nothing may leave it. What fails the check, or finds no room, is answered at
-// once.
+// Called by the bus library, so no exception may escape. A request that fails the check or exceeds a limit is
+// refused at once.
 template<typename Result, typename Check>
 void VendaraDbusInterface::accept(Result&& result, Texts texts, const Check& check) {
     std::shared_ptr<std::decay_t<Result>> reply;
@@ -240,7 +240,7 @@ void VendaraDbusInterface::requireRunning() const {
 asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Request request,
                                                     std::string packagePath) {
     Core::Operation operation;
-    // The three questions are asked at once.
+    // The three queries run at the same time.
     const auto reading = loop_.begin([packagePath] { return PackageHeader(packagePath); });
     auto listing = controller_.packageManager().getPackageList(request.deadline);
     const auto initiator = co_await determineInitiator(request.sender, request.deadline);
@@ -254,7 +254,7 @@ asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Requ
         co_await findInstalledPackage(header.id, std::move(listing));
         operation.setType(Core::OperationType::Upgrade);
     } catch (const std::exception&) {
-        // Not installed, or it cannot be known: the package manager decides.
+        // The package is not installed, or that cannot be determined: the package manager decides.
         operation.setType(Core::OperationType::Install);
     }
     const auto record = co_await enqueue(std::move(operation), request.deadline);
@@ -274,7 +274,7 @@ asio::awaitable<void> VendaraDbusInterface::remove(OperationResult& reply, Reque
     session_.send([&] { reply.returnResults(Common::toWire(record)); });
 }
 
-// What is taken is gone, so the completed operations come last, when nothing else can fail but the reply.
+// Taking the completed operations removes them, so they are taken last, when only the reply can still fail.
 asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Properties>& reply,
                                                              Request request) {
     auto listing = controller_.packageManager().getPackageList(request.deadline);
@@ -298,7 +298,8 @@ asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Prope
         throw;
     }
     if (!completed.empty()) {
-        // In this turn of the loop: a caller that receives a later reply is known to have received this one.
+        // Queried before any later reply is sent, so a caller that has a later reply is known to have this
+        // one.
         const bool isReceived = co_await announcer_.isOnBus(request.sender);
         if (!isReceived) {
             controller_.returnCompletedOperations(completed);

@@ -29,7 +29,7 @@ int fail(const std::string& message) {
     return EXIT_FAILURE;
 }
 
-// Clients may attach descriptors to requests, and the usual limit serves programs that call select(2).
+// Clients may attach descriptors to requests. The soft limit is low only for programs that use select(2).
 void raiseDescriptorLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
@@ -38,8 +38,8 @@ void raiseDescriptorLimit() {
     }
 }
 
-// The start reads much of the libraries, mostly symbols and relocations, that nothing reads again. What is
-// not writable is the file's content, and comes back when it is touched.
+// Gives back pages of the libraries that only the start has read, mostly symbols and relocations. Pages that
+// are not writable are read from the file again when needed.
 void dropPagesOfStartUp() {
     dl_iterate_phdr(
         [](dl_phdr_info* library, std::size_t, void*) {
@@ -59,7 +59,7 @@ int serve() {
     raiseDescriptorLimit();
     const auto connection = connectToSessionBus(); // first: coroutines that never end hold messages of it
     Common::Loop loop;
-    // At once: the failures that follow from it have nothing to add to the two lines.
+    // Exits at once: further failures caused by the loss would only add log lines.
     Common::BusConnection session(loop, connection,
                                   [](const sdbus::Error& error) { std::_Exit(fail(error.getMessage())); });
     const Daemon::VendaraDbusInterface service(session, Own::objectPath);
@@ -73,7 +73,7 @@ int serve() {
         throw;
     }
     if (loop.isHelperBusy()) {
-        std::_Exit(EXIT_SUCCESS); // it may read a file system that never answers
+        std::_Exit(EXIT_SUCCESS); // a helper may wait for a file system that never responds
     }
     return EXIT_SUCCESS;
 }
@@ -81,7 +81,7 @@ int serve() {
 } // namespace
 
 int main() {
-    std::signal(SIGPIPE, SIG_IGN); // the reader of the log may have gone
+    std::signal(SIGPIPE, SIG_IGN); // the reader of the log may have exited
     try {
         return serve();
     } catch (const sdbus::Error& error) {

@@ -93,7 +93,7 @@ std::vector<sock_filter> filter(const Answers& answers) {
 }
 
 [[noreturn]] void runChild(const std::function<void()>& action, const Answers& answers) {
-    // The end of a test's child must be quick and quiet.
+    // A child must end quickly and without output.
     dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
     auto program = filter(answers);
     const sock_fprog description{static_cast<unsigned short>(program.size()), program.data()};
@@ -172,7 +172,7 @@ End runTraced(const std::function<void()>& action, const Answers& answers,
     }
     int status = 0;
     waitpid(child, &status, 0);
-    // What a filter traces fails in a thread or child process that is not traced.
+    // In a thread or child process without a tracer the traced calls fail.
     constexpr auto options = PTRACE_O_TRACESECCOMP | PTRACE_O_EXITKILL | PTRACE_O_TRACECLONE |
                              PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK;
     if (ptrace(PTRACE_SETOPTIONS, child, nullptr, options) != 0) {
@@ -214,7 +214,7 @@ auto callOf(pid_t child) {
     return info.seccomp;
 }
 
-/// Whether a call writes to or reads from a pipe, as sanitizers do to find out what memory there is.
+/// Whether a call writes to or reads from a pipe, as sanitizers do to probe memory.
 bool isAboutPipe(pid_t child) {
     const auto call = callOf(child);
     struct stat status {};

@@ -11,8 +11,8 @@
 
 namespace Testbed {
 
-/// A child process whose standard output and error are written together to a file. Killed when the object
-/// ends. Throws std::system_error for a program that cannot be executed.
+/// A child process with standard output and error in one file. The destructor kills it. Throws
+/// std::system_error for a program that cannot be executed.
 class Process {
 public:
     struct Options {
@@ -24,7 +24,7 @@ public:
     explicit Process(const std::vector<std::string>& arguments)
         : Process(arguments, Options{}) {}
     Process(const std::vector<std::string>& arguments, const Options& options);
-    /// Takes over a child that writes to the file.
+    /// Takes ownership of a child that writes to the file.
     Process(pid_t child, Common::UniqueFd output)
         : output_(std::move(output))
         , pid_(child) {}
@@ -34,11 +34,11 @@ public:
 
     [[nodiscard]] pid_t pid() const { return pid_; }
     void signal(int number) const;
-    /// Waits for the end.
-    /// @return the exit status, or 128 and the signal's number; -1 when the limit has passed
+    /// Waits for the process to end.
+    /// @return the exit status, or 128 plus the signal's number; -1 when the limit has passed
     int wait(std::chrono::milliseconds limit = std::chrono::seconds(30));
     [[nodiscard]] bool isRunning();
-    /// What it has written so far.
+    /// The output so far.
     [[nodiscard]] std::string output() const;
     /// @return whether it has written the text within the limit, by default that of waitUntil()
     [[nodiscard]] bool shows(const std::string& text,

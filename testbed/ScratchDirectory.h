@@ -8,7 +8,7 @@
 
 namespace Testbed {
 
-/// A directory of a test's own.
+/// A temporary directory of one test.
 struct ScratchDirectory : Common::TemporaryDirectory {
     ScratchDirectory()
         : TemporaryDirectory(std::filesystem::temp_directory_path(), "vendara-test") {}
@@ -21,11 +21,11 @@ void writeFile(const std::filesystem::path& file, const std::string& content);
 /// The same of an open file, from its start.
 [[nodiscard]] std::string readFile(const Common::UniqueFd& file);
 
-/// The value of an extended attribute, not of what a link leads to; empty without it.
+/// The value of an extended attribute, links not followed; empty if the file has no such attribute.
 [[nodiscard]] std::string extendedAttribute(const std::filesystem::path& file, const char* name);
 
-/// A line for everything below a directory: path, mode, link target or content hash. Equal before and after
-/// means that nothing was touched.
+/// One line for each entry below a directory: path, mode, link target or content hash. If it is equal before
+/// and after a call, the call changed nothing.
 [[nodiscard]] std::string digestOfTree(const std::filesystem::path& directory);
 
 } // namespace Testbed

@@ -23,7 +23,7 @@ namespace Testbed {
 using Common::OperationStatus;
 using Common::OperationType;
 
-/// A service that is called, records the calls and answers: at once, or when the test says so.
+/// A service that records its calls and replies at once, or when the test calls answer().
 class ScriptedPeer {
 public:
     ScriptedPeer(std::unique_ptr<sdbus::IConnection> connection, std::string service, const std::string& path,
@@ -32,33 +32,32 @@ public:
         , service_(std::move(service))
         , interface_(std::move(interface)) {}
 
-    /// Calls of the method wait for answer() from now on, or not any more.
+    /// Whether calls of the method wait for answer() from now on.
     void hold(const std::string& method, bool held = true) { set(method, &Method::holds, held); }
     /// Calls of the method are refused from now on; an empty error name ends that.
     void refuse(const std::string& method, const std::string& errorName) {
         set(method, &Method::refusal, errorName);
     }
-    /// Calls of the method are answered with a value of another type from now on, or not any more. Not for
-    /// "InvokeIntent".
+    /// Whether calls of the method get a reply of another type from now on. Not for "InvokeIntent".
     void answerWrongType(const std::string& method, bool wrong = true) {
         set(method, &Method::isWrong, wrong);
     }
-    /// Answers the oldest call that waits: with an error, if it has a name. False when none waits.
+    /// Replies to the oldest waiting call; with an error if a name is given. False if no call waits.
     bool answer(const std::string& method, const std::string& errorName = {});
-    /// Gives the service's name up, and takes it: both, as a service does that starts again.
+    /// Releases the service's name, and acquires it: both together, like a restart of the service.
     void releaseName() { peer_.connection().releaseName(service_); }
     void takeName() { peer_.connection().requestName(service_); }
     void restart() {
         releaseName();
         takeName();
     }
-    /// Answers all calls that wait, and all later ones.
+    /// Replies to all waiting calls and all later ones.
     void letGo();
     [[nodiscard]] bool waitForCalls(const std::string& method, std::size_t count) const;
     /// The arguments of the calls so far, in their order.
     [[nodiscard]] std::vector<std::string> calls(const std::string& method) const;
 
-    /// How many calls of one method waited at the same time, at most.
+    /// Maximum number of calls of one method that waited at the same time.
     [[nodiscard]] std::size_t mostHeld() const;
 
     template<typename... Arguments>
@@ -69,7 +68,7 @@ public:
 protected:
     using Reply = std::function<void(const std::string& errorName)>;
 
-    /// A handler's call, to be answered with a value made at the time of the answer.
+    /// A waiting call; its result is computed when the reply is sent.
     template<typename... Results, typename Value>
     void called(const std::string& method, const std::string& argument, sdbus::Result<Results...>&& result,
                 Value value) {
@@ -136,8 +135,7 @@ private:
     std::unique_ptr<sdbus::IObject> intents_;
 };
 
-/// The identification service: every caller is an application named after its bus name, unless set() names
-/// another.
+/// The identification service: the application of a caller is its bus name unless set() defines another.
 class Identification : public ScriptedPeer {
 public:
     Identification();
@@ -152,7 +150,7 @@ private:
     std::map<std::string, std::string> applications_;
 };
 
-/// A client of the service, with everything that it was sent.
+/// A client of the service that records all received signals.
 class Client {
 public:
     using Operation = Common::OperationRecord;
@@ -162,7 +160,7 @@ public:
     ~Client() { peer_.stop(); }
     [[nodiscard]] std::string busName() { return peer_.connection().getUniqueName(); }
 
-    /// A request and its reply; an error reply is thrown.
+    /// Sends a request and returns the reply; throws an error reply.
     template<typename Reply, typename... Arguments>
     Reply call(const std::string& method, const Arguments&... arguments) {
         Reply reply;
@@ -175,7 +173,7 @@ public:
     Operation install(const std::string& path) { return call<Operation>("Install", path); }
     Operation remove(const std::string& id) { return call<Operation>("Remove", id); }
     std::vector<Operation> operations(const std::string& key = "Operations");
-    /// The operation as it is reported after its end: Failed with an error code, else Finished.
+    /// The operation with its final status: Failed with an error code, otherwise Finished.
     static Operation ended(Operation operation, Common::ErrorCode errorCode = {});
     /// The text of the service's error reply, empty when there was none.
     template<typename... Arguments>
@@ -188,7 +186,7 @@ public:
         }
     }
 
-    /// All that was received of operations, in its order, and the statuses of one of them.
+    /// The received statuses of all operations, in order, and those of one operation.
     [[nodiscard]] std::vector<Operation> received() const { return copyOf(received_); }
     void forget();
     [[nodiscard]] std::vector<int> statusesOf(const Operation& operation) const;
@@ -215,7 +213,7 @@ private:
     std::unique_ptr<sdbus::IProxy> proxy_;
 };
 
-/// Whether a service answers on the session bus. It has its name earlier than that.
+/// Whether a service replies on the session bus. It acquires its name before it can reply.
 [[nodiscard]] bool isServiceThere(const std::string& name = "norvane.Vendara");
 /// @return whether it does so within the limit of waitUntil()
 [[nodiscard]] bool waitForService(const std::string& name = "norvane.Vendara");

@@ -16,8 +16,8 @@ namespace Testbed {
 
 namespace Own = Common::Names::Vendara;
 
-/// What the service does with one package: the statuses that it announces by signal, all before it replies,
-/// and what it says of the operation when it is asked for its properties.
+/// The script for one package: the statuses that are signalled, all before the reply, and the state of the
+/// operation in the service's properties.
 struct Script {
     std::vector<int> statuses{0};
     int errorCode = 0;
@@ -27,8 +27,8 @@ struct Script {
     std::function<void()> called{};
 };
 
-/// The service's interface on the session bus, with operations that go as scripted. Reads of what it received
-/// are for after the client's call has returned.
+/// The service's interface on the session bus, with scripted operations. Read the recorded requests only
+/// after the client's call has returned.
 class ScriptedService {
 public:
     /// @param scripts  by package identifier; for an installation by the file's name
@@ -52,13 +52,13 @@ public:
     }
 
     BusPeer& peer() { return peer_; }
-    std::vector<std::string> requests; ///< paths and identifiers as they came over the bus
-    std::string client;                ///< the connection that made the last one
+    std::vector<std::string> requests; ///< received paths and identifiers
+    std::string client;                ///< the connection that sent the last request
     std::atomic<int> propertyReads = 0;
     std::atomic<int> pings = 0;
-    std::function<void()> pinged = [] {};  ///< set before a client is there
-    std::atomic<bool> forgets = false;     ///< all operations in progress
-    std::atomic<bool> refusesOnce = false; ///< the next read of the properties
+    std::function<void()> pinged = [] {};  ///< set it before a client connects
+    std::atomic<bool> forgets = false;     ///< lists no operations in progress
+    std::atomic<bool> refusesOnce = false; ///< refuses the next read of the properties
 
     static Common::OperationRecord operation(const std::string& package, int status, int error) {
         return {"id of " + package,

@@ -13,14 +13,14 @@ struct SoakOptions {
     bool withChaos = true; ///< the peers are stopped and killed at random
 };
 
-/// Has many clients send requests of all kinds to a running daemon at once, then accounts for every
-/// operation: its statuses came in order, each once, and its end was sent or is in the store. Prints how many
-/// calls were made and their latencies.
-/// @return what went wrong, a line each; empty: nothing
+/// Lets many clients send requests of all kinds to a running daemon at once. Then checks every operation:
+/// each status was received once and in order, and the last one was received or is stored. Prints the number
+/// of calls and their latencies.
+/// @return the problems, one a line; empty: none
 [[nodiscard]] std::string soak(const SoakOptions& options, const std::filesystem::path& package);
 
-/// Runs the package manager, the runtime manager and the identification service in this process, for ever.
-/// The package "com.example.app" is installed; upgrades of it are reported all the time.
+/// Runs the package manager, the runtime manager and the identification service in this process; never
+/// returns. The package "com.example.app" is installed, and upgrades of it are signalled continuously.
 [[noreturn]] void servePeers();
 
 } // namespace Testbed

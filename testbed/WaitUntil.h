@@ -6,8 +6,8 @@
 
 namespace Testbed {
 
-/// Waits until the predicate holds, for things that send no event of their own.
-/// @return whether it came to hold within the limit
+/// Polls until the predicate is true, for conditions without an event.
+/// @return whether it became true within the limit
 inline bool waitUntil(const std::function<bool()>& predicate,
                       std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;

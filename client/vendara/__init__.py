@@ -38,11 +38,11 @@ _ANNOUNCEMENTS = {"PackageInstalled": 0, "PackageUpgraded": 1, "PackageRemoved":
 
 
 class Error(Exception):
-    """Base of the other two, which every function of Client raises."""
+    """Base class of the exceptions of Client."""
 
 
 class CallRefused(Error):
-    """The service refused a call: its sentence."""
+    """The service refused a call; the text is its error message."""
 
 
 class ServiceAbsent(Error):
@@ -119,7 +119,7 @@ class Client:
         self.close()
 
     def close(self):
-        """Leaves the bus. Operations continue; what this client missed is reported to the next one."""
+        """Leaves the bus. Operations continue; their results are reported to the application's next client."""
         self._leave()
 
     def install(self, path):
@@ -139,13 +139,13 @@ class Client:
         self._call("Start", package_id)
 
     def restart(self, package_id):
-        """Ends the application and starts it again, after an upgrade that waits for its end."""
+        """Terminates the application and starts it again, after a prepared upgrade is completed."""
         self._call("Restart", package_id)
 
     def properties(self):
-        """Returns Properties. Completed operations are reported once; a service that does not reply to a ping delays
-        them by a second."""
-        # What was announced before says nothing about the operations in the reply, and is handled first.
+        """Returns Properties. Completed operations are reported once. If the service does not reply to a ping, this takes
+        one second longer."""
+        # Announcements received before the call do not concern the operations in the reply; discard them first.
         GLib.idle_add(self._announced.clear, priority=GLib.PRIORITY_DEFAULT)
         return self._properties()
 
@@ -165,7 +165,7 @@ class Client:
         service left the bus, or what changed raised."""
         self._raise_failure()
         if self._pending():
-            # Signals first: one that arrived during a slow reply must not be overtaken by the next question.
+            # Handle signals first: one that arrived during a slow reply must precede the next query.
             self._ask_after(_INTERVAL)
             try:
                 self._loop.run()
@@ -227,8 +227,8 @@ class Client:
         except GLib.Error:
             return False
 
-    # After an end is sent, the service asks the bus whether its receiver is still there, and reports the end again if
-    # not. By the time it replies to a ping, it has asked.
+    # After sending the end of an operation, the service checks that its receiver is still on the bus, and reports the
+    # end again if not. When it replies to a ping, this check is done.
     def _confirm(self):
         try:
             self._bus.call_sync(_NAME, _PATH, "org.freedesktop.DBus.Peer", "Ping", None, None,

@@ -12,7 +12,7 @@ namespace Common {
 
 namespace {
 
-// How many messages are handled before others of the loop get their turn.
+// Number of messages handled in one turn of the loop, so that other handlers run in between.
 constexpr int batchSize = 32;
 
 int duplicateOf(int descriptor) {
@@ -33,7 +33,7 @@ BusConnection::BusConnection(Loop& loop, std::shared_ptr<sdbus::IConnection> con
     , timer_(loop.context())
     , self_(std::make_shared<BusConnection*>(this)) {
     waitForInput();
-    watchOutput(); // messages that were read while the connection was made are waiting
+    watchOutput(); // messages read during the connection setup are already queued
 }
 
 void BusConnection::post(std::function<void()> task) {
@@ -146,7 +146,7 @@ void BusConnection::waitForOutput() {
     }
 }
 
-// A timer that expires too early only looks again, so it is set anew only for a time-out before its own.
+// A timer that expires too early is harmless, so it is reset only for an earlier time-out.
 void BusConnection::waitForTimeout(std::chrono::microseconds timeout) {
     const auto when = TimePoint::clock::now() + timeout;
     if (timeout_ && *timeout_ <= when) {

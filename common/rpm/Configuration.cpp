@@ -24,7 +24,7 @@ namespace Common::Rpm {
 
 namespace {
 
-// The files that librpm reads, as patterns of glob(3); it knows them only once it has read them.
+// The files that librpm reads, as patterns of glob(3); available only after the first load.
 std::string configurationFiles() {
     if (macrofiles == nullptr) {
         return {};
@@ -62,7 +62,7 @@ std::vector<std::string> matches(const std::string& pattern) {
     return paths;
 }
 
-// The state of all files of the configuration, and of the directories in which further ones may appear.
+// The state of all configuration files, and of the directories in which further files may be created.
 Stamps stampsOfFiles() {
     Stamps stamps;
     std::istringstream patterns(configurationFiles());
@@ -86,7 +86,7 @@ bool haveChanged(const Stamps& stamps) {
                        [](const auto& entry) { return stampOf(entry.first) != entry.second; });
 }
 
-// All macros, as the load has left them.
+// All macros after a load.
 std::string macroTable() {
     char* text = nullptr;
     std::size_t size = 0;
@@ -103,14 +103,14 @@ std::string macroTable() {
 } // namespace
 
 void readRpmConfiguration() {
-    static Stamps trusted;           // of a load that needs no repetition
-    static std::size_t previous = 0; // what the last load has given
+    static Stamps trusted;           // of the files whose load need not be repeated
+    static std::size_t previous = 0; // hash of the macros after the last load
     if (!trusted.empty() && !haveChanged(trusted)) {
         return;
     }
-    // Taken before the load, so that a change during it is seen at the next one.
+    // Taken before the load, so that a change during the load causes another one.
     auto stamps = stampsOfFiles();
-    // Each load pushes the macros once more on those that stand already, some 72 kB a time.
+    // Each load pushes all macros again onto the existing ones, about 72 kB a time.
     rpmFreeMacros(nullptr);
     rpmFreeRpmrc();
     if (rpmReadConfigFiles(nullptr, nullptr) != 0) {
@@ -118,7 +118,8 @@ void readRpmConfiguration() {
         trusted.clear();
         return;
     }
-    // librpm does not report a file that it could not read this time. Two loads that agree are trusted.
+    // librpm does not report a file that it could not read, so only two loads with the same macros are
+    // trusted.
     const auto loaded = std::hash<std::string>()(macroTable());
     trusted = loaded == std::exchange(previous, loaded) ? std::move(stamps) : Stamps();
 }

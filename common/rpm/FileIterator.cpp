@@ -48,7 +48,7 @@ const Compressor& compressorOf(Header header) {
     throwNotOpened();
 }
 
-// A second open file: its position is its own, whereas that of a duplicated descriptor is shared.
+// Opens the file again for an independent position: a duplicated descriptor would share it.
 UniqueFd openAtPayload(const Reader& reader) {
     if (reader.file() == nullptr) {
         throwNotOpened();
@@ -74,7 +74,7 @@ bool isGzip(const UniqueFd& file) {
     return *count == start.size() && start == std::array{'\x1f', '\x8b'};
 }
 
-/// Keeps this thread from running signal handlers: librpm takes a read that one interrupts for a failed one.
+/// Blocks signals in this thread: librpm treats a read interrupted by a signal handler as failed.
 class SignalsHeldBack {
 public:
     SignalsHeldBack() {
@@ -119,8 +119,8 @@ void FileIterator::openPayload(const Reader& reader) {
     if (!payload_) {
         throw filesystemError("couldn't open rpm package for extraction");
     }
-    // librpm's gzip reader passes the stream's content through, and whole: without it librpm would take a
-    // short read, which SIGSTOP is enough for, for the end.
+    // librpm's gzip reader passes the decompressed content through and completes short reads. Without it
+    // librpm would treat a short read, for example after SIGSTOP, as the end.
     if (Fdopen(payload_.get(), compressor.mode) == nullptr) {
         throwNotOpened();
     }
@@ -153,7 +153,7 @@ bool FileIterator::next() {
     return true;
 }
 
-// librpm does not say whether it was the read that failed, so the file is read once more.
+// librpm does not report whether the read or the decompression failed, so the file is read once more.
 void FileIterator::fail(const std::string& message) {
     errno = stream_ ? stream_->stop() : 0;
     char byte = 0;

@@ -20,7 +20,7 @@ namespace {
 
 using HeaderHandle = std::unique_ptr<std::remove_pointer_t<Header>, Header (*)(Header)>;
 
-// What extraction never looks at stays out of the list.
+// Flags that omit from the list what extraction does not use.
 constexpr rpmfiFlags unusedTags =
     RPMFI_NOFILECLASS | RPMFI_NOFILEDEPS | RPMFI_NOFILELANGS | RPMFI_NOFILEUSER | RPMFI_NOFILEGROUP |
     RPMFI_NOFILECAPS | RPMFI_NOFILESTATES | RPMFI_NOFILEVERIFYFLAGS | RPMFI_NOFILESIGNATURES |
@@ -60,8 +60,8 @@ private:
     bool exists_ = false;
 };
 
-/// The directories of a header, in the order of their names. Comparing places is cheap however long and alike
-/// the names are.
+/// The directories of a header, sorted by name. Comparing their places is cheap even if the names are long
+/// and similar.
 class Directories {
 public:
     explicit Directories(std::span<const char* const> names)
@@ -72,7 +72,7 @@ public:
             const auto place = std::lower_bound(sorted_.begin(), sorted_.end(), std::string_view(name));
             places_.push_back(static_cast<std::size_t>(place - sorted_.begin()));
         }
-        // What begins with a name follows right behind it.
+        // Names that begin with this one follow it directly.
         last_.resize(sorted_.size(), sorted_.size() - 1);
         std::vector<std::size_t> open;
         for (std::size_t place = 0; place < sorted_.size(); ++place) {
@@ -193,7 +193,7 @@ void copyArranged(Header from, Header to, rpmTag tag, const std::vector<int>& or
     }
 }
 
-/// Numbers from 1 up, one for each pair of device and inode. Inode 0 stays: librpm takes it for no link.
+/// Numbers from 1 up, one for each pair of device and inode. Inode 0 is kept: for librpm it is not a link.
 std::vector<std::uint32_t> numbersOf(const std::vector<std::uint32_t>& inodes,
                                      const std::vector<std::uint32_t>& devices) {
     std::vector<std::pair<std::uint64_t, std::size_t>> pairs; // with the file's place
@@ -215,8 +215,8 @@ std::vector<std::uint32_t> numbersOf(const std::vector<std::uint32_t>& inodes,
     return numbers;
 }
 
-// librpm finds hard links by a hash of device and inode that is easy to compute. A header whose pairs all
-// have one hash would keep it busy for minutes, so it gets pairs that the header does not choose.
+// librpm finds hard links by a simple hash of device and inode. A header whose pairs all have the same hash
+// would take it minutes, so librpm gets generated pairs instead of the header's.
 void putFileNumbers(Header from, Header to, const std::vector<int>& order) {
     const Values inodes(from, RPMTAG_FILEINODES);
     const Values devices(from, RPMTAG_FILEDEVICES);

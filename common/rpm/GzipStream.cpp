@@ -15,7 +15,7 @@ constexpr std::array<std::uint8_t, 2> magic{0x1f, 0x8b};
 // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
 GzipStream::GzipStream(int file)
     : file_(file) {
-    // A socket and not a pipe: shutdown() ends it even when a child process has inherited an end.
+    // A socket instead of a pipe: shutdown(2) ends it even if a child process has inherited one end.
     std::array<int, 2> ends{-1, -1};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         throw filesystemError("couldn't make a socket to read the rpm package through");

@@ -20,7 +20,7 @@ void freeTagData(rpmtd container) {
     rpmtdFree(container);
 }
 
-/// Whether an open() that failed so may succeed another time.
+/// Whether the failure of an open() may be temporary.
 bool isPassing(int error) {
     return error == EIO || error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR;
 }
@@ -64,8 +64,8 @@ Reader::Reader(const UniqueFd& file, const std::string& path)
     }
     requireHeadersWithinBound(file_.get());
     const Transaction transaction; // loads the configuration that the read needs
-    // For its own keyring librpm starts a shell and opens the user's key database. Only a package with an rpm
-    // signature needs it, and that is known once a key is missing from an empty one.
+    // To load its keyring librpm starts a shell and opens the user's key database. Only a package with an rpm
+    // signature needs that: with an empty keyring the read fails for a missing key, and is then repeated.
     const std::unique_ptr<std::remove_pointer_t<rpmKeyring>, rpmKeyring (*)(rpmKeyring)> noKeys(
         rpmKeyringNew(), rpmKeyringFree);
     rpmtsSetKeyring(transaction.get(), noKeys.get());

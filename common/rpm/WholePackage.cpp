@@ -38,11 +38,11 @@ PackageLayout layoutOf(const Reader& reader) {
     return *layout;
 }
 
-/// Whether an unpacker could take what is at the offset for more of the payload: a further gzip member or
-/// Zstandard frame, also behind frames that are skipped, as those that hold signatures may be.
+/// Whether a decompressor would read the data at the offset as a part of the payload: a further gzip member
+/// or Zstandard frame, also after skippable frames, which may contain signatures.
 bool continuesPayload(int file, std::uint64_t offset) {
     constexpr std::array<std::uint8_t, 2> gzip{0x1f, 0x8b};
-    // Libraries that are built for older formats unpack their frames, too.
+    // Libraries built with support for older formats also decompress their frames.
     constexpr std::uint32_t oldestFrame = 0xfd2fb522;
     constexpr std::uint32_t frame = 0xfd2fb528;
     constexpr std::uint32_t skippableFrame = 0x184d2a50; // the last four bits are free
@@ -71,7 +71,7 @@ bool continuesPayload(int file, std::uint64_t offset) {
 
 void freeContext(DIGEST_CTX context) { rpmDigestFinal(context, nullptr, nullptr, 0); }
 
-/// The digest in hexadecimal digits of the bytes from start to end; of fewer where the file ends before.
+/// The digest, in hexadecimal, of the bytes from start to end or to the end of the file.
 std::string digestOf(int file, std::uint64_t start, std::uint64_t end, int algorithm,
                      const ReadingProgress& progress) {
     std::unique_ptr<std::remove_pointer_t<DIGEST_CTX>, void (*)(DIGEST_CTX)> context(

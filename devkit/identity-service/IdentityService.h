@@ -8,13 +8,13 @@
 
 namespace Devkit {
 
-/// Finds the application and the user of a bus name, from what the bus knows of the connection's process: the
-/// program that it executes and its user. An executable in a package's directory counts as the package, so
-/// that an application keeps its identity over its upgrades.
+/// Identifies the application and the user of a bus name by the process of the connection: its executable and
+/// its user. For an executable in a package's directory the application is the package, so it keeps its
+/// identity when it is upgraded.
 ///
-/// This suffices for development: programs of one interpreter are one application, the process may have
-/// executed another program since it connected, and an ordinary user cannot see processes of others. A device
-/// asks the service that started the process. Main thread only.
+/// For development only: programs of the same interpreter are one application, the process may have executed
+/// another program since it connected, and an ordinary user cannot read the processes of others. A device
+/// queries the service that started the process. Main thread only.
 class IdentityService {
 public:
     /// @param packageRoot  root directory of the package database

@@ -12,8 +12,8 @@
 
 namespace Devkit {
 
-/// Starts and ends applications, each a process in a session of its own, at most one per identifier. The
-/// desktop entry of the identifier says how to start it. Main thread only.
+/// Starts and terminates applications: one process per identifier, in its own session, started by the command
+/// in the identifier's desktop entry. Main thread only.
 class RuntimeManager {
 public:
     struct Settings {

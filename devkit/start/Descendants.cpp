@@ -31,7 +31,7 @@ std::vector<pid_t> killDescendants() {
                 foreign.push_back(child);
             }
         }
-        // Each one's children become ours with its end.
+        // When a child ends, its children become children of this process.
         if (waitpid(-1, nullptr, isAnyKilled ? 0 : WNOHANG) <= 0) {
             return foreign;
         }

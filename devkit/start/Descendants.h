@@ -5,11 +5,12 @@
 
 namespace Devkit {
 
-/// Makes this process the parent of its descendants whose own parents end. Throws Error, code Filesystem.
+/// Makes this process the parent of descendants whose parents end (PR_SET_CHILD_SUBREAPER). Throws Error,
+/// code Filesystem.
 void adoptDescendants();
 
-/// Kills all descendants, once adoptDescendants() was called, and waits for their end. Main thread only.
-/// @return children of other users, which may not be killed. They are not waited for.
+/// Kills all descendants and waits for their end. Call adoptDescendants() first. Main thread only.
+/// @return children of other users, which cannot be killed and are not waited for
 std::vector<pid_t> killDescendants();
 
 } // namespace Devkit

@@ -31,8 +31,8 @@ void changeAllSignals(int how) {
     sigprocmask(how, &all, nullptr);
 }
 
-// Of programs that were built or installed together with this one: relative to its folder, of the build tree
-// first, then of an installation.
+// Folders of programs built or installed together with this one, relative to its own: first those of the
+// build tree, then those of an installation.
 constexpr std::array folders{".",
                              "../../daemon",
                              "../../tools",
@@ -52,7 +52,7 @@ fs::path findProgram(const std::string& name) {
     throw std::runtime_error("couldn't find the program " + name + " near " + own.native());
 }
 
-void ignoreLoss(const sdbus::Error& /*error*/) {} // the end of the bus is noticed as that of a program
+void ignoreLoss(const sdbus::Error& /*error*/) {} // the end of the bus's process is handled
 
 std::string endOfLog(const fs::path& log) {
     constexpr std::size_t kept = 10;
@@ -111,7 +111,7 @@ Platform::Platform(Settings settings)
 }
 
 Platform::~Platform() {
-    changeAllSignals(SIG_BLOCK); // nothing interrupts the end
+    changeAllSignals(SIG_BLOCK); // signals must not interrupt the shutdown
     Common::guarded("couldn't end the platform", [this] {
         for (; !programs_.empty(); programs_.pop_back()) {
             stop(programs_.back());
@@ -234,7 +234,7 @@ void Platform::stop(const Program& program) {
     sigaddset(&ends, SIGCHLD);
     const auto deadline = Common::TimePoint::clock::now() + std::chrono::seconds(3);
     int flags = WNOHANG;
-    // What outlives the leader of its group, as the daemon does bwrap(1), becomes a child of this process.
+    // A process that outlives its group leader, as the daemon outlives bwrap(1), becomes a child of this one.
     for (pid_t ended = 0; (ended = waitpid(program.target, nullptr, flags)) >= 0;) {
         const std::chrono::nanoseconds left = deadline - Common::TimePoint::clock::now();
         if (ended == 0 && left.count() > 0) {

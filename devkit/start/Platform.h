@@ -14,7 +14,7 @@
 
 namespace Devkit {
 
-/// A signal requested the end.
+/// A signal requested the end of the platform.
 struct Interruption {
     int signal;
 };
@@ -24,26 +24,26 @@ struct Interruption {
 [[nodiscard]] std::vector<int> interruptions();
 
 /// A whole platform in a directory: two buses, keys, the peers and the daemon. Main thread only, one object
-/// per process. Its destructor ends the programs, the last one first, and everything that they have started.
+/// per process. The destructor ends the programs in reverse order, and all processes that they have started.
 ///
 ///     bus/        sockets of the session and the system bus
-///     etc/zul/    what the daemon finds as "/etc/zul"
+///     etc/zul/    "/etc/zul" of the daemon
 ///     home/       home of the services
-///     keys/       throw-away keys, unless others are given
+///     keys/       test keys, unless others are given
 ///     logs/       a log per program
 ///     opt/        the package database and its temporary directory
-///     root/       the system root: where packages' files appear
+///     root/       root directory of the mappings
 ///
-/// SIGCHLD and the interruptions() are blocked before its construction and after its end. Functions that wait
-/// throw Interruption at an interruption, and std::runtime_error, with the end of its log, when a program of
-/// the platform ends.
+/// SIGCHLD and the interruptions() must be blocked before construction and stay blocked. Functions that wait
+/// throw Interruption for such a signal, and std::runtime_error, with the last lines of its log, when a
+/// program of the platform ends.
 class Platform {
 public:
     struct Settings {
         std::filesystem::path directory; ///< empty, the platform's own
         std::filesystem::path logs;
-        std::filesystem::path keys; ///< of the authority and those that it certifies; made if missing
-        bool privateEtc = true;     ///< the daemon gets an "/etc" of its own
+        std::filesystem::path keys; ///< of the authority and the signers; created if missing
+        bool privateEtc = true;     ///< gives the daemon its own "/etc"
     };
 
     explicit Platform(Settings settings);
@@ -56,15 +56,15 @@ public:
     void start();
 
     /// Runs a command in the platform and waits for its end.
-    /// @param stopSignal  asks it to end
-    /// @return its exit status, or 128 and the signal's number; 127 when there is no such command, and 126
-    ///         when it cannot be executed, after a message
+    /// @param stopSignal  requests its end
+    /// @return its exit status, or 128 plus the signal's number; 127 if the command does not exist, 126 if it
+    ///         cannot be executed; both print a message
     int run(const std::vector<std::string>& command, int stopSignal);
 
     /// Waits for a signal or the end of a program: always throws.
     [[noreturn]] void waitForTrouble();
 
-    /// The variables that a client needs, "NAME=value".
+    /// The environment variables for clients, "NAME=value".
     [[nodiscard]] std::vector<std::string> environment() const;
 
 private:

@@ -29,7 +29,7 @@ struct Options {
 // have no way to escape other characters; the kernel knows processes by the real paths of their programs.
 std::filesystem::path scratchParent() {
     auto path = std::filesystem::canonical(std::filesystem::temp_directory_path());
-    constexpr std::size_t longest = 58; // with what follows it, a socket's path has 108 bytes
+    constexpr std::size_t longest = 58; // the longest path of a socket below it then has 108 bytes
     const auto* ordinary = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/_-.";
     if (path.native().size() > longest || path.native().find_first_not_of(ordinary) != std::string::npos) {
         throw std::runtime_error(
@@ -107,9 +107,9 @@ int waitForSupervisor(pid_t supervisor, const sigset_t& signals) {
     }
 }
 
-// Two processes look after the platform, so that one of them can clean up when the other is killed.
+// Two processes manage the platform, so that either can clean up when the other is killed.
 int guard(const Options& options) {
-    std::signal(SIGCHLD, SIG_DFL); // where it is ignored, the ends of children cannot be waited for
+    std::signal(SIGCHLD, SIG_DFL); // if it is ignored, children cannot be waited for
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGCHLD);

@@ -25,9 +25,9 @@ inline void flush(Common::BusConnection& bus) {
 /// Runs a service on a bus until SIGTERM, SIGINT or the loss of the bus.
 /// @param connect  opens the connection, for example sdbus::createSessionBusConnection
 /// @param name  well-known name
-/// @param make  makes the service on a bus connection, and returns it as a unique_ptr. Its member finish(),
-///              if it has one, is called when the loop has ended, while replies can still be sent.
-/// @return the program's exit status: 1, with two lines in the log, when the bus refuses or is lost
+/// @param make  makes the service on a bus connection and returns it as a unique_ptr; its member finish(), if
+///              any, is called when the loop has ended, while replies can still be sent
+/// @return the program's exit status: 1, with two lines in the log, for a bus error or a lost connection
 template<typename Connect, typename Make>
 int serve(Connect connect, const std::string& name, Make make) {
     try {
@@ -51,14 +51,14 @@ int serve(Connect connect, const std::string& name, Make make) {
     }
 }
 
-/// An error reply. A text that cannot be sent on a bus is replaced.
+/// An error reply. A text that is not a valid D-Bus string is replaced.
 [[nodiscard]] inline sdbus::Error busError(const std::string& name, const std::string& text) {
     return {name, Common::isBusText(text) ? text : "The error message is not valid UTF-8"};
 }
 
 /// Runs the body of a method handler. An exception is logged and becomes an sdbus::Error, the only type that
 /// may pass through the bus library.
-/// @param errorName  for an exception that has no bus error name of its own
+/// @param errorName  for an exception without a bus error name
 template<typename Body>
 auto withBusErrors(const std::string& errorName, Body body) {
     try {

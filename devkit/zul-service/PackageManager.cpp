@@ -66,7 +66,7 @@ PackageManager::Installed PackageManager::install(const std::filesystem::path& p
         package, packageFile, settings_.attributes,
         {progressLogger("unpacked", package.id(), settings_.interval), stop_.get_token()});
     if (upgrade) {
-        // Without its file, whose writers would have to wait until the upgrade is complete.
+        // Only the identity: an open file would block its writers until the upgrade is complete.
         prepared_.insert_or_assign(package.id(), static_cast<const Core::ZUL::PackageIdentity&>(package));
     }
     Common::logInfo() << (upgrade ? "prepared the upgrade of " : "installed ") << package.id()
@@ -74,7 +74,7 @@ PackageManager::Installed PackageManager::install(const std::filesystem::path& p
     return {package.id(), upgrade};
 }
 
-// The certificate authority vouches for many developers; none of them may replace another's application.
+// The authority certifies many developers; none of them may replace another developer's application.
 void PackageManager::requireInstalledDeveloper(const Package& package) try {
     if (database_.isInstalled(package.id()) &&
         database_.packageData(package.id()).at(Keys::certificateId) != package.developerKeyId()) {
@@ -85,7 +85,7 @@ void PackageManager::requireInstalledDeveloper(const Package& package) try {
     if (error.code() != ErrorCode::CorruptedInstalledPackage) {
         throw;
     }
-    // A damaged package is gone with this look at it, and this is its installation.
+    // Reading a damaged package removes it; this is then a first installation.
 }
 
 void PackageManager::remove(const std::string& id) {

@@ -22,8 +22,8 @@ public:
     struct Settings {
         Core::ZUL::Authorities authorities;
         Core::ZUL::AttributeWriter attributes; ///< attaches extended attributes to extracted files
-        std::string architecture;              ///< of the packages, beside "noarch"
-        std::chrono::seconds interval{3};      ///< of the log's lines about the progress of a long work
+        std::string architecture;              ///< of the packages, in addition to "noarch"
+        std::chrono::seconds interval{3};      ///< between log lines about the progress of long work
     };
 
     struct Installed {
@@ -31,29 +31,28 @@ public:
         bool isPrepared; ///< whether it is an upgrade that waits for completeUpgrade()
     };
 
-    /// Brings the database in order after a restart.
+    /// Recovers the database after a restart.
     PackageManager(Core::ZUL::Database database, Settings settings);
 
     /// The packages whose upgrade the constructor completed.
     [[nodiscard]] const std::vector<std::string>& recovered() const { return recovered_; }
 
-    /// Installs a package file or, when the package is installed, prepares the upgrade. It has to be from the
-    /// developer of the installed version.
+    /// Installs a package file or, when the package is installed, prepares the upgrade, which must be from
+    /// the developer of the installed version.
     Installed install(const std::filesystem::path& packageFile);
 
-    /// Ends a validation or extraction that is going on, and makes later ones fail. Any thread.
+    /// Stops the running validation or extraction and makes later ones fail. Any thread.
     void stop() { stop_.request_stop(); }
 
-    /// Removes a package, with an upgrade that is prepared.
+    /// Removes a package with a prepared upgrade.
     void remove(const std::string& id);
 
     [[nodiscard]] bool isUpgradePrepared(const std::string& id) const;
 
-    /// A process that uses the installed version of a package; nothing without one.
+    /// A process that uses the installed version of a package; nothing if there is none.
     [[nodiscard]] std::optional<pid_t> findUser(const std::string& id);
 
-    /// Puts the prepared upgrade into service. After a failure it may be called again while
-    /// isUpgradePrepared().
+    /// Completes the prepared upgrade. After a failure it may be called again while isUpgradePrepared().
     void completeUpgrade(const std::string& id);
 
     /// The record of a package's prepared upgrade or, without one, of the installed version.

@@ -13,11 +13,11 @@
 
 namespace Devkit {
 
-/// The package manager on the bus. The main thread takes the requests, keeps the list of packages and sends
-/// all replies and signals; one worker thread does the work on the database, in the order of the requests. So
-/// the list is returned at once also during an installation, as it was before it.
+/// The package manager on the bus. The main thread receives the requests, stores the list of packages and
+/// sends all replies and signals. One worker thread uses the database, in the order of the requests. So the
+/// list is returned at once even during an installation; it is then the list before the installation.
 ///
-/// The main thread waits for the worker in finish() only, after the loop has ended; the worker never waits
+/// The main thread waits for the worker only in finish(), after the loop has ended; the worker never waits
 /// for the main thread.
 class ZulService {
 public:
@@ -27,8 +27,8 @@ public:
     ZulService(const ZulService&) = delete;
     ZulService& operator=(const ZulService&) = delete;
 
-    /// Accepts no further requests, stops an extraction that is going on, and returns when all accepted
-    /// requests are done, those with another extraction with an error. Main thread only.
+    /// Accepts no further requests, stops the running extraction, and returns when all accepted requests have
+    /// ended; later extractions fail. Main thread only.
     void finish();
 
 private:

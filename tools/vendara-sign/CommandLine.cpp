@@ -30,7 +30,7 @@ std::optional<std::time_t> midnightOf(const std::string& date) {
     std::tm fields{};
     strptime(date.c_str(), "%Y-%m-%d", &fields);
     const auto time = timegm(&fields);
-    // A day that its month does not have has become another one.
+    // timegm(3) has normalized a day that the month does not have.
     std::array<char, sizeof "YYYY-MM-DD"> written{};
     const auto length = std::strftime(written.data(), written.size(), "%Y-%m-%d", &fields);
     return std::string_view(written.data(), length) == date ? std::optional(time) : std::nullopt;
@@ -59,7 +59,7 @@ void require(bool isRight, const std::string& problem) {
     }
 }
 
-// A file that an option takes, as a part of the command line: what is wrong with it is wrong usage.
+// Reads a file that is a part of the command line: its errors are usage errors.
 std::string readArgument(const std::string& path) {
     try {
         return Common::readExistingFile(path, maximumTextSize);
@@ -68,7 +68,7 @@ std::string readArgument(const std::string& path) {
     }
 }
 
-// Also of a pipe.
+// The file may be a pipe.
 Secret firstLineOf(const std::string& path) {
     Secret text(maximumPassphraseSize);
     const Common::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -166,7 +166,7 @@ void requireOther(const std::string& option, const std::string& output,
     }
 }
 
-// What is read is not overwritten; only a package may be replaced by what is made of it.
+// Input files must not be overwritten, except a package by its signed form.
 void checkOutputs(const Arguments& arguments) {
     auto inputs = arguments.signatureFiles;
     inputs.insert(inputs.end(), {arguments.developerKey, arguments.developerCertificate, arguments.clientKey,
@@ -223,7 +223,7 @@ std::optional<int> parseCommandLine(int argc, const char* const* argv, Arguments
     declare(app, arguments);
     app.callback([&arguments] { checkUsage(arguments); });
     return Tools::parse(app, argc, argv, [&app](const std::string& problem) {
-        // The parser has counted the option as far as it read the command line.
+        // The parser has counted the option if it precedes the error.
         if (app.count("--json") > 0) {
             std::cout << Tools::textOf(Tools::failure({}, problem)) << std::endl;
         } else {

@@ -17,7 +17,7 @@ using OpenSsl::require;
 
 namespace {
 
-/// A digest algorithm as its three users number or name it.
+/// A digest algorithm in the numbering of rpm, the kernel and OpenSSL.
 struct Algorithm {
     int rpm;
     char kernel; ///< enum hash_algo of linux/hash_info.h
@@ -69,7 +69,7 @@ public:
                         sign_(*digest.algorithm->openSsl(), digest.bytes));
     }
 
-    // Over a digest that an integrity signature is never made for, so that none can stand in for the other.
+    // Signs a digest that is never that of a file, so that the two kinds of signatures cannot be exchanged.
     [[nodiscard]] std::string trustlet(const FileDigest& digest) const {
         const auto header = std::string("VNDT\x01") + digest.algorithm->kernel + keyId_;
         const auto outer = OpenSsl::sha256(header + digest.bytes);

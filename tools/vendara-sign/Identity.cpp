@@ -28,14 +28,14 @@ using Store = OpenSsl::Owned<OSSL_STORE_CTX, OSSL_STORE_close>;
 using StoreInfo = OpenSsl::Owned<OSSL_STORE_INFO, OSSL_STORE_INFO_free>;
 using UserInterface = OpenSsl::Owned<UI_METHOD, UI_destroy_method>;
 
-/// What a file or token has.
+/// The content of a file or token.
 struct Contents {
     OpenSsl::Key key;
     std::vector<OpenSsl::Certificate> certificates;
-    const char* problem = nullptr; ///< why there may be nothing
+    const char* problem = nullptr; ///< why the content may be incomplete
 };
 
-/// Asks for a passphrase once, however often OpenSSL tries to decrypt with it.
+/// Prompts for a passphrase once, however often OpenSSL tries to decrypt with it.
 struct Prompt {
     const std::string& source;
     const Passphrase& passphrase;

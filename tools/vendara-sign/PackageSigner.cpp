@@ -20,12 +20,12 @@ using PackageSignatures::Role;
 
 namespace {
 
-/// CMSes in the order in which a file carries them.
+/// CMSes in their order in the file.
 using CmsesByRole = std::map<Role, std::string>;
 
 const char* nameOf(Role role) { return role == Role::Developer ? "developer" : "client"; }
 
-/// The signatures that stay.
+/// The existing signatures to keep.
 CmsesByRole existingCmses(const std::vector<PackageSignatures::Cms>& existing,
                           const PackageSignatures::PackageDigest& digest, const SignRequest& request) {
     CmsesByRole cmses;
@@ -46,7 +46,7 @@ bool isSignatureMissing(const SignRequest& request) {
     return request.digests != nullptr && !request.digests->missing().empty();
 }
 
-/// Signs as the request's identity of one role; adds nothing while signatures are missing.
+/// Signs with the request's identity of one role; adds nothing while signatures of digests are missing.
 void addCms(CmsesByRole& cmses, Role role, const SignRequest& request, const Common::Rpm::Reader& package,
             const PackageSignatures::PackageDigest& packageDigest) {
     const auto& identity = role == Role::Developer ? request.developer : request.client;
@@ -100,7 +100,7 @@ Common::AtomicFile newFile(const Common::UniqueFd& package, const std::filesyste
 
 std::string pathOf(int descriptor) { return "/proc/self/fd/" + std::to_string(descriptor); }
 
-/// Bytes of the package by its own header: what is behind it need not be readable.
+/// The package's length by its own header: the signatures after it may be damaged.
 std::uint64_t lengthOf(const Common::UniqueFd& package) {
     return Common::Rpm::packageLength(Common::Rpm::Reader(pathOf(package.get())));
 }
@@ -113,14 +113,14 @@ void writeSigned(const SignRequest& request) {
     }
     const auto length = package ? package->packageLength() : lengthOf(file);
     auto output = newFile(file, request.output);
-    // The package is read to be copied, to be validated, and in search of its manifest.
+    // Progress counts three passes: the copy, the validation, the search for the manifest.
     const auto report = [&](std::uint64_t done) {
         if (request.progress) {
             request.progress(done, 3 * length);
         }
     };
     copyBytes(file.get(), length, output, report);
-    // From here on the copy is read: no other process writes to it.
+    // From here on only the copy is read, because no other process can write to it.
     const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), length);
     const Common::Rpm::Reader reader(pathOf(output.descriptor()));
     if (!request.evenBroken) {

@@ -42,7 +42,7 @@ void setSerialNumber(X509& certificate) {
             "couldn't make a serial number");
 }
 
-/// @param issuer  none for a certificate that signs itself
+/// @param issuer  null: a self-signed certificate
 Identity makeIdentity(const CertificateRequest& request, const Identity* issuer) {
     const OpenSsl::ErrorMark mark;
     Identity made{OpenSsl::Key(EVP_RSA_gen(keyBits)), OpenSsl::Certificate(X509_new())};
@@ -68,7 +68,7 @@ Identity makeIdentity(const CertificateRequest& request, const Identity* issuer)
     return made;
 }
 
-/// Makes files and directories, and removes what it made unless that is kept.
+/// Creates files and directories; removes them on destruction unless keep() was called.
 class NewFiles {
 public:
     NewFiles() = default;
@@ -143,7 +143,7 @@ void makeTestAuthority(const std::filesystem::path& directory, const Validity& v
     add("system-developer", systemDeveloper);
     files.emplace_back("system-developer-keyid",
                        PackageSignatures::certificateOf(*systemDeveloper.certificate).keyId() + "\n");
-    // Last: where its certificate is, everything is.
+    // Last: if its certificate exists, all files exist.
     add("ca", authority.identity());
     NewFiles made;
     made.makeDirectories(directory);

@@ -78,14 +78,14 @@ void verify(const std::string& path, const Arguments& arguments, Tools::Progress
     const OpenPackage package(path);
     progress(0, 0);
     try {
-        // Which developer is the platform's own makes no difference.
+        // The system developer's key is irrelevant here.
         static_cast<void>(Core::ZUL::Package::fromFile(
             "/proc/self/fd/" + std::to_string(package.descriptor()),
             {.certificates = arguments.authority, .systemDeveloperKeyId = "/dev/null"},
             {.progress = std::ref(progress)}));
     } catch (const Common::Error& error) {
         if (error.code() == Common::ErrorCode::BadPackageSignature) {
-            // The library has the reason in its log only; this throws it.
+            // The library only logs the reason; this throws it.
             package.requireVerified(arguments.authority);
             if (!PackageSignatures::developerCmsFromVector(package.cmses())) {
                 throw std::runtime_error("not signed by a developer");
@@ -101,7 +101,7 @@ void makeTestAuthority(const Arguments& arguments) {
     Signing::makeTestAuthority(arguments.testAuthority, arguments.validity);
 }
 
-// From the file, or from a person at the terminal.
+// From the file, or by a prompt on the terminal.
 std::optional<Signing::Secret> passphraseOf(const std::string& source, const Arguments& arguments) {
     if (arguments.passphrase || isatty(STDIN_FILENO) == 0) {
         return arguments.passphrase;
@@ -127,7 +127,7 @@ std::optional<Signing::Identity> signerFrom(const std::string& key, const std::s
     return identity;
 }
 
-/// What a signer that takes only digests has to sign, one a line.
+/// Writes the digests for an external signer, one a line.
 void writeDigests(const Signing::DigestFile& digests, const std::string& path) {
     const auto file = Signing::placeOf(path);
     Common::AtomicFile output(file.parent_path(), file.filename().native());
@@ -137,7 +137,7 @@ void writeDigests(const Signing::DigestFile& digests, const std::string& path) {
     output.commit(Common::Durability::Now);
 }
 
-/// @param subject  the package that it is about; empty: none, or the message names it
+/// @param subject  the package; empty: none, or it is in the message
 void report(const Arguments& arguments, const std::string& subject, const std::string& message) {
     if (arguments.json && std::cout) {
         std::cout << Tools::textOf(Tools::failure(subject, message)) << std::endl;
@@ -147,9 +147,9 @@ void report(const Arguments& arguments, const std::string& subject, const std::s
     }
 }
 
-/// Carries out an action for each package.
-/// @param activity  what it does
-/// @return whether it succeeded for all; the failures have been reported
+/// Runs an action for each package and reports its failures.
+/// @param activity  for the progress line
+/// @return whether it succeeded for all
 template<typename Action>
 bool forEachPackage(const Arguments& arguments, const std::string& activity, const Action& action) {
     bool hasFailed = false;

@@ -54,7 +54,7 @@ Vendara::Properties readProperties() { return Client().properties(); }
 
 using Rows = std::vector<std::vector<std::string>>;
 
-// As JSON with the operations whose end is reported now; in a table they are on standard error.
+// Completed operations are a part of the JSON; with a table they are printed on standard error.
 void show(const Request& request, JsonValue result, const std::vector<Vendara::Operation>& completed,
           const std::vector<std::string>& header, const Rows& rows) {
     if (request.format == Format::Json) {
@@ -62,7 +62,7 @@ void show(const Request& request, JsonValue result, const std::vector<Vendara::O
         printJson(result);
         return;
     }
-    // First: the service reports them once, and the reader of the table may stop reading, as head(1) does.
+    // Printed first: the service reports them once, and the reader of the table, such as head(1), may stop.
     for (const auto& operation : completed) {
         printEarlier(operation);
     }
@@ -142,9 +142,9 @@ ExitStatus list(const Request& request) {
     return Success;
 }
 
-// The statuses of an operation are sent to the connection that requested it. The others of the application
-// see it in the properties: while it is in progress or, if that connection has left the bus, once after its
-// end.
+// The statuses of an operation are sent to the connection that requested it. Other connections of the
+// application get it from the properties: while it is in progress and, if that connection has left the bus,
+// once after its end.
 ExitStatus wait(const Request& request) {
     const auto view = makeOperationView(request.format);
     Client client(*view, interruptions);

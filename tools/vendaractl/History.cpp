@@ -39,7 +39,7 @@ int checked(int result) {
 
 using Journal = std::unique_ptr<sd_journal, decltype(&sd_journal_close)>;
 
-/// @param files  one or more; the journal takes them over
+/// @param files  one or more; the journal takes ownership
 Journal openJournal(std::vector<UniqueFd>& files) {
     std::vector<int> descriptors(files.size());
     std::transform(files.begin(), files.end(), descriptors.begin(),
@@ -65,7 +65,7 @@ std::vector<fs::path> directoriesOf(const Request& request) {
     return {fs::path("/run/log/journal") / name.data(), fs::path("/var/log/journal") / name.data()};
 }
 
-/// The value of a field of the current entry; empty without one.
+/// The value of a field of the current entry; empty if the entry has no such field.
 std::string valueOf(sd_journal* journal, const std::string& field) {
     const void* data = nullptr;
     std::size_t size = 0;
@@ -90,7 +90,8 @@ std::string timeOf(sd_journal* journal) {
 
 using Row = std::vector<std::string>;
 
-/// The current entry. Nothing where the database cannot have written it: any user may write such entries.
+/// The current entry; nothing if the database cannot have written it, because any user may write such
+/// entries.
 std::optional<Row> rowOf(sd_journal* journal) {
     const auto package = valueOf(journal, packageField);
     const auto version = valueOf(journal, versionField);
@@ -108,7 +109,7 @@ std::optional<Row> rowOf(sd_journal* journal) {
                valueOf(journal, "MESSAGE")};
 }
 
-/// Reads the events and reports what cannot be read.
+/// Reads the events and reports failures to read.
 class Reader {
 public:
     explicit Reader(const Request& request)
@@ -142,7 +143,7 @@ public:
         bool isThere = true;
         while (std::exchange(isThere, false)) {
             try {
-                // An error of this ends the list, one of an entry does not.
+                // A failure here ends the list; a failure to read an entry does not.
                 isThere = checked(sd_journal_next(journal.get())) > 0;
                 if (auto row = isThere ? rowOf(journal.get()) : std::nullopt) {
                     rows.push_back(std::move(*row));
@@ -167,7 +168,7 @@ private:
                 return;
             }
             isFound_ = true;
-            if (status.st_size > 0) { // else it was just created
+            if (status.st_size > 0) { // an empty file was just created
                 add(path, Common::openWithin(top.get(), path.relative_path(), O_RDONLY | O_NONBLOCK,
                                              Common::Resolve::InRoot));
             }
@@ -192,7 +193,7 @@ private:
             std::vector<UniqueFd> copy(1);
             copy.front() = UniqueFd(file ? fcntl(file.get(), F_DUPFD_CLOEXEC, 0) : -1);
             checked(copy.front() ? 0 : -errno);
-            openJournal(copy); // alone: an error names no file
+            openJournal(copy); // each file alone, because errors of the journal do not name the file
             files_.push_back(std::move(file));
         } catch (const Common::Error& error) {
             fail(path, error.what());

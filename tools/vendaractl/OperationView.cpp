@@ -11,7 +11,8 @@ namespace {
 
 using Vendara::Operation;
 
-// As a word of a shell command, for a person to copy; a package chooses its identifier.
+// An argument of a shell command that the user may copy. Identifiers are untrusted, so special ones are
+// replaced.
 std::string inShell(const std::string& id) {
     const bool isPlain = id.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
                                               "0123456789.-_+") == std::string::npos;
@@ -56,8 +57,8 @@ private:
     Format format_;
 };
 
-// Operations that have ended stay above; below them each of the others has a line, which is rewritten in
-// place. A line that wrapped, or more lines than the screen has, could not be rewritten: both are cut.
+// Lines of ended operations stay above. Each other operation has a line below, which is rewritten in place.
+// Lines are shortened and limited in number, because wrapped or scrolled lines could not be rewritten.
 class TerminalView final : public LineView {
 public:
     TerminalView()

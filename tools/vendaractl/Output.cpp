@@ -13,13 +13,13 @@ namespace Vendaractl {
 
 namespace {
 
-// How many columns the characters of a text take up to a byte offset; those of unknown width count as wide.
+// The columns of a text up to a byte offset; characters of unknown width count as wide.
 struct Width {
     std::size_t bytes = 0;
     std::size_t columns = 0;
 };
 
-// The longest beginning of a printable text that fits. Needs a locale of UTF-8.
+// The longest prefix of a printable text that fits. Needs a UTF-8 locale.
 Width widthOf(std::string_view text, std::size_t limit = std::string::npos) {
     Width width;
     while (width.bytes < text.size()) {
@@ -106,7 +106,7 @@ void printLine(const std::string& line) {
 void printJson(const JsonValue& value) { printLine(Tools::textOf(value)); }
 
 void printTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows) {
-    // A longer text moves only the rest of its own row.
+    // A longer text shifts only its own row.
     constexpr std::size_t widest = 64;
     std::vector<std::size_t> widths(header.size(), 0);
     auto lines = rows;

@@ -29,7 +29,7 @@ Problem problemOfId(const std::string& id) {
     return Common::isPackageId(id) ? Problem() : "not a valid identifier";
 }
 
-// The service runs as the same user: what this program cannot read, it cannot either.
+// The service runs as the same user, so it cannot read a file that this program cannot read.
 Problem problemOfFile(const std::string& path) {
     std::error_code error;
     const auto status = std::filesystem::status(path, error);
@@ -115,7 +115,7 @@ public:
     }
 
     int run(int argc, const char* const* argv) {
-        // The parser has counted the option as far as it read the command line.
+        // The parser has counted the option if it precedes the error.
         const auto report = [this](const std::string& problem) {
             if (app_.count("--json") > 0) {
                 printFailure(Format::Json, {}, problem);
@@ -195,8 +195,8 @@ private:
         return app_.add_subcommand(name, help)->callback([this, command] { command_ = command; });
     }
 
-    // Where any number of arguments may come, the parser takes "[a,b]" for a list of two, and no "--" after
-    // the first. So it is set to expect more than ever come, which it accepts.
+    // For an unlimited number of arguments the parser splits "[a,b]" and does not accept "--" after the first
+    // one. With a very large number it does neither, and accepts fewer arguments.
     CLI::Option* arguments(CLI::App* command, const std::string& name, const std::string& help) {
         constexpr int many = CLI::detail::expected_max_vector_size;
         auto* const option = command->add_option(name, request_.arguments, help)->required();
@@ -240,7 +240,7 @@ private:
     bool isJson_ = false;
 };
 
-// Ends as a program without a handler would, so that a shell sees what ended it.
+// Ends the process by the signal, so that a shell reports it as the cause.
 [[noreturn]] void endBy(int signal) {
     std::signal(signal, SIG_DFL);
     std::raise(signal);

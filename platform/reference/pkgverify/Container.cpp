@@ -84,7 +84,7 @@ Layout parseTrailer(std::string_view trailer) {
         }
     }
     checkLayout(layout);
-    // All other bytes have one valid value.
+    // All other bytes of the trailer are fixed.
     if (encodedTrailer(layout) != trailer) {
         throw std::runtime_error("package has a trailer of an unknown format");
     }
@@ -115,7 +115,7 @@ std::optional<Layout> readLayout(int descriptor, std::uint64_t size) {
 std::string encodedTail(std::uint64_t packageLength, const std::vector<std::string>& cmses) {
     Layout layout{packageLength, {}};
     for (const auto& cms : cmses) {
-        // What does not fit becomes a size that is refused.
+        // A size that does not fit is replaced by one that is refused.
         layout.cmsSizes.push_back(static_cast<std::uint32_t>(std::min(cms.size(), maximumBlobSize + 1)));
     }
     checkLayout(layout);

@@ -10,7 +10,7 @@ namespace PackageSignatures {
 
 namespace {
 
-/// Writes why the signatures of a file could not be read or do not hold.
+/// Logs why the signatures of a file could not be read or are not valid.
 /// @param path  of the file, or a link to it
 void warn(const char* message, const std::filesystem::path& path, const std::string& reason) {
     std::error_code isNotALink;

@@ -28,7 +28,7 @@ void OpenPackage::requireVerified(const std::filesystem::path& caPath) const {
     if (cmses_.empty()) {
         return;
     }
-    // The developer's comes first, so that two files with the same signatures are the same.
+    // The order is fixed, so that files with the same signatures are identical.
     if (cmses_.size() == 2 && (cmses_[0].certificate().role() != Role::Developer ||
                                cmses_[1].certificate().role() != Role::Client)) {
         throw std::runtime_error("the signatures are not a developer's and a client's, in this order");

@@ -11,11 +11,11 @@ using OpenSsl::require;
 
 namespace {
 
-// No signed attributes: the signature is over the content itself, whose magic keeps it apart from anything
-// else signed with the same key. RFC 5652, 5.3 asks for the type id-data then.
+// No signed attributes: the signature is over the content itself, whose magic distinguishes it from other
+// data signed with the same key. RFC 5652, 5.3 then requires the type id-data.
 constexpr unsigned int signingFlags = CMS_BINARY | CMS_NOATTR | CMS_PARTIAL;
 
-/// A CMS with its one signer and his certificate, still without content and signature.
+/// A CMS with one signer and its certificate, without content and signature.
 /// @param key  the certificate's; the public half is enough
 OpenSsl::Cms unsignedCms(X509& certificate, EVP_PKEY& key) {
     OpenSsl::Cms cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, signingFlags));
@@ -124,7 +124,7 @@ Cms readCms(std::string der) {
     ASN1_OCTET_STRING** content = CMS_get0_content(cms.get());
     require(content != nullptr && *content != nullptr, "CMS has no content");
     const auto bytes = bytesOf(**content);
-    // This compares at once everything that has two encodings or that the signature does not cover.
+    // Detects all changes that another encoding allows or that the signature does not cover.
     require(encodedCms(*certificate, bytes, bytesOf(*CMS_SignerInfo_get0_signature(&onlySignerOf(*cms)))) ==
                 der,
             "CMS is not in its one allowed encoding");
@@ -177,7 +177,7 @@ void Authority::verify(const Cms& cms) const {
     const auto certificate = onlyCertificateOf(*parsed);
     checkMaySign(*certificate);
     checkChain(*certificate);
-    // The chain has been seen to; what is left is the signature.
+    // The chain has been checked; now the signature.
     require(CMS_verify(parsed.get(), nullptr, nullptr, nullptr, nullptr,
                        CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) == 1,
             "signature does not belong to the content");

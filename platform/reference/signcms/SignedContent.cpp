@@ -14,7 +14,7 @@ constexpr std::uint32_t version = 1;
 constexpr std::uint32_t sha256 = 1;
 constexpr std::size_t fileEntryHeaderSize = 8;
 
-// The bounds hold for both directions, so nothing can be written that could not be read.
+// Reading and writing have the same limits, so everything written can be read.
 void checkFiles(const std::vector<FileSignatures>& files) {
     for (std::size_t i = 0; i < files.size(); ++i) {
         const auto& file = files[i];
@@ -73,7 +73,7 @@ SignedContent SignedContent::parse(std::string_view bytes) {
     std::copy(digest.begin(), digest.end(), content.package.sha256.begin());
     const auto count = reader.number<std::uint32_t>();
     checkCount(count);
-    // Never more room than the bytes that are there can fill: the count is not verified.
+    // The count is not verified: reserve no more than the bytes suffice for.
     content.files.reserve(std::min<std::size_t>(count, reader.left() / fileEntryHeaderSize));
     for (std::uint32_t i = 0; i < count; ++i) {
         FileSignatures file;

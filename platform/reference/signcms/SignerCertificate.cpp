@@ -46,8 +46,8 @@ std::optional<Role> roleOf(X509& certificate) {
     return developer ? Role::Developer : Role::Client;
 }
 
-// RSA with PKCS #1 v1.5 padding: exactly one signature of a content verifies. DSA and ECDSA have several, and
-// what is signed could be given other bytes by anybody.
+// RSA with PKCS #1 v1.5 padding has exactly one valid signature of a content. DSA and ECDSA have several, so
+// anyone could change the bytes of a signed file without the key.
 bool isSignedWithRsa(const X509& certificate) {
     switch (X509_get_signature_nid(&certificate)) {
     case NID_sha256WithRSAEncryption:
@@ -107,7 +107,7 @@ Authority::Authority(const std::filesystem::path& path)
         require(X509_STORE_add_cert(store_.get(), certificate.get()) == 1, "couldn't use a certificate");
         ++count;
     }
-    // The end of the file is where no further certificate begins; a damaged one is another matter.
+    // PEM_R_NO_START_LINE is the end of the file; any other error is a damaged certificate.
     const bool ended = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
     if (count == 0 || !ended) {
         throw std::runtime_error(path.string() + ": not a PEM file of certificates");
