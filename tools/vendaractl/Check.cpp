@@ -108,7 +108,7 @@ void print(const std::string& file, const Inspection& found) {
         line(claims.identity.id() + " " + claims.identity.version() + ", " + claims.architecture +
              ", UNVERIFIED");
         for (const auto& cms : claims.signatures) {
-            line("  unverified signer: " + cms.certificate().subject() + inWords(Core::ZUL::expiryOf(cms)));
+            line("  unverified signer: " + cms.certificate().subject() + toText(Core::ZUL::expiryOf(cms)));
         }
         if (claims.reason) {
             line("  reason: " + *claims.reason);
