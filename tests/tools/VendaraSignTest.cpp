@@ -60,7 +60,7 @@ protected:
         ProcessResult result{};
         for (char byte = 0; read(descriptor, &byte, 1) == 1;) {
             result.output += byte;
-            if (byte == ' ' && result.output.ends_with(".key: ")) {
+            if (result.output.ends_with("Passphrase of secret.key: ")) {
                 EXPECT_EQ(signal != 0 ? kill(child, signal) : write(descriptor, typed.data(), typed.size()),
                           signal != 0 ? 0 : static_cast<ssize_t>(typed.size()));
             }
