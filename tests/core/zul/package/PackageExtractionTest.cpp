@@ -254,7 +254,7 @@ TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
         {{{"/", "a", reg, "long", 0, {}, "", true, "longer"}}, "Bad magic"},
         {{{"/", "a", reg, "short", 0, 0xffffffffU}}, "couldn't read content"},
         {{{"/", "a", reg, "right", 0, {}, "", true, "wrong"}},
-         "not what the rpm package's header says: \"/a\""},
+         "does not match the rpm package's header: \"/a\""},
         {{{"/", "a", reg, "", 0, {}, std::string(62, '0')}}, "file digest"},
         {{{"/", std::string(300, 'n'), reg, "x"}}, "couldn't open file for writing rpm content: /"},
         {{{"/x/", "fifo", S_IFIFO | 0644U}, {"/dev/", "tty", S_IFCHR | 0666U}}, ""},

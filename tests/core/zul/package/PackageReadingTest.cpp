@@ -144,7 +144,7 @@ TEST_F(APackage, IsABinaryPackageFromItsFirstByteToItsSignatures) {
     }
     const auto place = whole.rfind("content");
     EXPECT_THAT(refusalWith(std::string(whole).replace(place, 7, "CONTENT")),
-                testing::Pair(ErrorCode::BadPackage, HasSubstr("not what its header says")));
+                testing::Pair(ErrorCode::BadPackage, HasSubstr("does not match its digest")));
     const auto refusalIf = [&](const std::function<void(Header)>& adjust) {
         return refusalWith(craftedPackage(entries, {.adjust = adjust}));
     };
