@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <map>
 #include <random>
 #include <set>
 #include <thread>
@@ -129,9 +130,24 @@ private:
         return stored_.contains(operation.id);
     }
 
-    // What is read is gone from the service's store.
+    // Completed operations are gone from the service's store when they have been read.
     void readStore() {
-        for (const auto& each : client_.operations("CompletedOperations")) {
+        std::map<std::string, int> received;
+        for (const auto& operation : asked_) {
+            const auto statuses = client_.statusesOf(operation);
+            received[operation.id] = statuses.empty() ? 0 : statuses.back();
+        }
+        const auto properties = client_.call<Client::Properties>("GetAllProperties");
+        std::set<std::string> listed;
+        for (const auto& each : properties.at("Operations").get<std::vector<Operation>>()) {
+            if (!listed.insert(each.id).second) {
+                fail("an operation is listed twice: " + each.id);
+            }
+            if (static_cast<int>(each.status) < received[each.id]) {
+                fail("an operation is listed with an earlier status than its signal had: " + each.id);
+            }
+        }
+        for (const auto& each : properties.at("CompletedOperations").get<std::vector<Operation>>()) {
             stored_.insert(each.id);
         }
     }
