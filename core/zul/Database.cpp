@@ -102,7 +102,7 @@ PackageData Database::readInstalled(const PackageDirectory& directory) {
         return readRecord(directory.current() / recordName);
     } catch (const Error& error) {
         Common::logError() << "couldn't read package data from the current directory: " << error;
-        // A file that could not be read this time is no reason to destroy the package.
+        // A read error is not damage: it must not destroy the package.
         if (error.code() == ErrorCode::CorruptedInstalledPackage) {
             cleanupCorruptedPackage(directory.path());
         }

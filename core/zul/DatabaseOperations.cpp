@@ -228,16 +228,16 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
     }
     // The new version takes over what the old one has in the system directories: what it wants as well stays
     // as it is, the rest goes when everything new is there.
-    const auto words = "couldn't remove package symlinks: " + package.id();
+    const auto message = "couldn't remove package symlinks: " + package.id();
     std::set<fs::path> withoutList;
     for (const auto& holder : directory.listHolders()) {
         try {
             if (!keepMappingListOf(holder, directory.next())) {
-                Common::logWarning() << words << "couldn't find package symlink list";
+                Common::logWarning() << message << "couldn't find package symlink list";
             }
         } catch (const Error& error) {
             // Waiting for it could be for ever, as with a damaged disk; it stays for a later attempt.
-            Common::logWarning() << words << ": " << error;
+            Common::logWarning() << message << ": " << error;
             withoutList.insert(holder == directory.current() ? directory.versionOf(holder) : holder);
         }
     }

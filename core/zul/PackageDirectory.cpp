@@ -16,11 +16,11 @@ namespace fs = std::filesystem;
 
 /// Calls the action; a failure is a warning.
 template<typename Action>
-void tryTo(const std::string& words, Action action) {
+void tryTo(const std::string& message, Action action) {
     try {
         action();
     } catch (const std::exception& error) {
-        Common::logWarning() << words << error;
+        Common::logWarning() << message << error;
     }
 }
 
@@ -111,7 +111,7 @@ void PackageDirectory::discardPreparedUpgrade(const std::string& versionWords,
     });
 }
 
-void PackageDirectory::sweep(const std::string& words,
+void PackageDirectory::sweep(const std::string& message,
                              const std::function<void(const fs::path&)>& beforeRemoval) const {
     const auto kept = versionOf(current());
     if (!isReal() || kept.empty()) {
@@ -121,7 +121,7 @@ void PackageDirectory::sweep(const std::string& words,
         if (entry == current() || entry == kept) {
             continue;
         }
-        tryTo(words + Common::quoted(entry), [&] {
+        tryTo(message + Common::quoted(entry), [&] {
             if (beforeRemoval) {
                 beforeRemoval(entry);
             }

@@ -54,9 +54,9 @@ public:
 
     /// Deletes every entry except "current" and the version that it points to. Deletes nothing if this
     /// directory is a link, or if "current" points to no version.
-    /// @param words          beginning of the warning about an entry that could not be deleted
+    /// @param message        beginning of the warning about an entry that could not be deleted
     /// @param beforeRemoval  called with each entry to be deleted; if it throws, the entry is kept
-    void sweep(const std::string& words,
+    void sweep(const std::string& message,
                const std::function<void(const std::filesystem::path&)>& beforeRemoval = {}) const;
 
     /// Deletes the links. The package then counts as removed, even if files are left. Flushed to disk on

@@ -105,7 +105,7 @@ PackageData readRecord(const std::filesystem::path& file, const Common::FileRead
     try {
         text = read(file, sizeLimit);
     } catch (const Error& error) {
-        // A file that could not be read this time says nothing about the package.
+        // A read error is not damage of the package.
         if (error.code() != ErrorCode::FileNotFound) {
             throw;
         }

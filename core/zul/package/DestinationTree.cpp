@@ -206,13 +206,13 @@ std::string DestinationTree::openPath() const {
     return path;
 }
 
-void DestinationTree::fail(const char* words, const std::string& path) const {
+void DestinationTree::fail(const char* message, const std::string& path) const {
     const std::error_code reason(errno, std::generic_category());
-    throw fs::filesystem_error(words, fs::path(root_).concat(path), reason);
+    throw fs::filesystem_error(message, fs::path(root_).concat(path), reason);
 }
 
-void DestinationTree::refuse(const char* words, const std::string& path) {
-    throw Common::Error(Common::ErrorCode::BadPackage, words + path);
+void DestinationTree::refuse(const char* message, const std::string& path) {
+    throw Common::Error(Common::ErrorCode::BadPackage, message + path);
 }
 
 } // namespace Core::ZUL

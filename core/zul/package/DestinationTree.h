@@ -70,8 +70,8 @@ private:
     void requireNew(const Place& place) const;
     static void requireInside(const Place& link, const std::filesystem::path& target);
     [[nodiscard]] std::string openPath() const;
-    [[noreturn]] void fail(const char* words, const std::string& path) const;
-    [[noreturn]] static void refuse(const char* words, const std::string& path);
+    [[noreturn]] void fail(const char* message, const std::string& path) const;
+    [[noreturn]] static void refuse(const char* message, const std::string& path);
 
     std::filesystem::path root_;
     Common::UniqueFd rootDescriptor_;

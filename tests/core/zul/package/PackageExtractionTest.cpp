@@ -231,7 +231,7 @@ TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
     const auto reg = S_IFREG | 04666U;
     struct Case {
         std::vector<CraftedEntry> entries;
-        std::string words;
+        std::string expected;
     };
     const std::string data = "/usr/share/com.example.app/";
     const std::vector<Case> cases{
@@ -263,7 +263,7 @@ TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
     writeFile(outside / "victim", "whole");
     fs::create_directory(outside / "into");
     const auto file = scratch.path() / "package.rpm";
-    for (const auto& [entries, words] : cases) {
+    for (const auto& [entries, expected] : cases) {
         const LogCapture log;
         craftPackage(file, entries);
         fs::create_directory(outside / "into");
@@ -274,12 +274,12 @@ TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
             sign(file, "developer", "developer");
             Package::fromFile(file, authorities).extract(file, outside / "into");
         });
-        EXPECT_THAT(text, HasSubstr(words));
-        EXPECT_EQ(text.empty(), words.empty()) << text;
-        const bool isFilesystem = words.starts_with("couldn't open");
-        EXPECT_EQ(code, words.empty()  ? ErrorCode::None
-                        : isFilesystem ? ErrorCode::Filesystem
-                                       : ErrorCode::BadPackage);
+        EXPECT_THAT(text, HasSubstr(expected));
+        EXPECT_EQ(text.empty(), expected.empty()) << text;
+        const bool isFilesystem = expected.starts_with("couldn't open");
+        EXPECT_EQ(code, expected.empty() ? ErrorCode::None
+                        : isFilesystem   ? ErrorCode::Filesystem
+                                         : ErrorCode::BadPackage);
         const std::string warning = "WARN: unexpected entry type in rpm package\n";
         EXPECT_EQ(log.text().find(warning + warning) != std::string::npos, entries[0].name == "fifo");
         fs::remove_all(outside / "into");

@@ -24,7 +24,7 @@ void withoutVerdict(const Action& action) {
         const std::string text = error.what();
         const bool isFault = error.code() == ErrorCode::Filesystem || error.code() == ErrorCode::Internal;
         if (!isFault && std::none_of(librariesOwn.begin(), librariesOwn.end(),
-                                     [&](const char* words) { return text.starts_with(words); })) {
+                                     [&](const char* message) { return text.starts_with(message); })) {
             throw std::runtime_error("a verdict: " + text);
         }
         throw;
