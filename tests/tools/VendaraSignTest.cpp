@@ -53,6 +53,7 @@ protected:
         int descriptor = -1;
         const pid_t child = forkpty(&descriptor, nullptr, nullptr, nullptr);
         if (child == 0) {
+            std::signal(SIGINT, SIG_DFL); // a shell may have had it ignored
             execvp(words[0], words.data());
             _exit(127);
         }

@@ -24,8 +24,10 @@ namespace {
 class QuietTerminal {
 public:
     explicit QuietTerminal(int terminal)
-        : terminal_(terminal)
-        , isTerminal_(tcgetattr(terminal, &before_) == 0) {
+        : terminal_(terminal) {
+        // Stops a background process before it sees the settings of the shell's own input.
+        tcflush(terminal, TCIFLUSH);
+        isTerminal_ = tcgetattr(terminal, &before_) == 0;
         sigset_t signals;
         sigemptyset(&signals);
         for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP}) {
@@ -35,6 +37,8 @@ public:
         pending_ = UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC));
         auto quiet = before_;
         quiet.c_lflag &= ~tcflag_t{ECHO};
+        quiet.c_lflag |= ICANON | ISIG;
+        quiet.c_iflag |= ICRNL;
         if (isTerminal_) {
             tcsetattr(terminal, TCSAFLUSH, &quiet);
         }
@@ -59,7 +63,7 @@ public:
 private:
     int terminal_;
     termios before_{};
-    bool isTerminal_;
+    bool isTerminal_ = false;
     sigset_t mask_{};
     UniqueFd pending_;
 };
