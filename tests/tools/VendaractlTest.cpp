@@ -165,6 +165,10 @@ TEST_F(Vendaractl, ReportsTheErrorOfACommandLine) {
         EXPECT_EQ(result.status, 2) << problem;
         EXPECT_THAT(result.output, testing::StartsWith(problem));
     }
+    const auto fromEnvironment =
+        run({VENDARACTL, "verify"}, {.environment = {{"VENDARA_CONFIGURATION", "none"}}});
+    EXPECT_EQ(fromEnvironment.status, 2);
+    EXPECT_THAT(fromEnvironment.output, HasSubstr("VENDARA_CONFIGURATION: "));
     EXPECT_EQ(ctl({"--json", "frobnicate"}).output,
               "{\"error\":{\"message\":\"unknown command: frobnicate\"}}\n");
     // What nothing in the program expects is JSON, too: here there is no directory to start from.

@@ -78,7 +78,6 @@ public:
         request_.authority = fromEnvironment("VENDARA_AUTHORITY");
         request_.configuration = fromEnvironment("VENDARA_CONFIGURATION", request_.configuration);
         request_.systemRoot = fromEnvironment("VENDARA_SYSTEM_ROOT", request_.systemRoot);
-        request_.ignoresAttributes = !fromEnvironment("VENDARA_NO_ATTRIBUTES").empty();
         app_.set_version_flag("--version", "vendaractl " VENDARA_VERSION);
         app_.add_flag("--json", isJson_, "Print results as JSON, one object a line");
         app_.require_subcommand(1);
@@ -127,11 +126,39 @@ public:
             return *ended;
         }
         request_.format = isJson_ ? Format::Json : Format::Text;
+        if (request_.image.empty() && !fromEnvironment("VENDARA_NO_ATTRIBUTES").empty()) {
+            request_.ignoresAttributes = true;
+        }
         return execute();
     }
 
 private:
+    // The checks of the options do not see values from the environment.
+    [[nodiscard]] std::string problemOfEnvironment() const {
+        const auto problemOf = [](const char* name, const std::string& used, const auto& validator) {
+            auto value = fromEnvironment(name);
+            const auto problem = value.empty() || value != used ? std::string() : validator(value);
+            return problem.empty() ? problem : name + (": " + problem);
+        };
+        auto problem = problemOf("VENDARA_CONFIGURATION", request_.configuration, problemOfConfiguration);
+        if (problem.empty()) {
+            problem = problemOf("VENDARA_SYSTEM_ROOT", request_.systemRoot, CLI::ExistingDirectory);
+        }
+        if (problem.empty() && command_ == check) {
+            problem = problemOf("VENDARA_AUTHORITY", request_.authority, CLI::ExistingFile);
+        }
+        return problem;
+    }
+
     [[nodiscard]] bool hasGoodArguments() {
+        const bool readsDatabase = command_ == check || command_ == files || command_ == owner ||
+                                   command_ == size || command_ == verify;
+        if (readsDatabase && request_.image.empty()) {
+            if (const auto problem = problemOfEnvironment(); !problem.empty()) {
+                printFailure(request_.format, {}, problem);
+                return false;
+            }
+        }
         const bool takesFiles = command_ == install || command_ == check;
         const bool takesPlace = command_ == owner;
         for (auto& argument : request_.arguments) {
