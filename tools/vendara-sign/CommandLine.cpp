@@ -89,10 +89,10 @@ void declareSigning(CLI::App& app, Arguments& arguments) {
             "Sign the package and its files with this private key: PEM, DER, PKCS #12, or a pkcs11: URI "
             "where OpenSSL's configuration has a provider for it");
     addFile(app, "--developer-cert", arguments.developerCertificate,
-            "The developer's certificate [from the file of the key]");
+            "The developer's certificate [from the place of the key]");
     addFile(app, "--client-key", arguments.clientKey, "Sign the package as client with this private key");
     addFile(app, "--client-cert", arguments.clientCertificate,
-            "The client's certificate [from the file of the key]");
+            "The client's certificate [from the place of the key]");
     addFile(app, "--passphrase-file", arguments.passphraseFile,
             "File whose first line is the passphrase of the keys [prompt on the terminal]");
     app.add_flag("--allow-expired", arguments.allowExpired,
@@ -158,8 +158,9 @@ void requireOther(const std::string& option, const std::string& output,
                   const std::vector<std::string>& inputs) {
     const auto directory = std::filesystem::path(output).parent_path();
     std::error_code unknown;
-    require(directory.empty() || std::filesystem::is_directory(directory, unknown),
-            option + ": no such directory: " + directory.native());
+    const bool isThere = directory.empty() || std::filesystem::is_directory(directory, unknown);
+    require(isThere, option + ": " + directory.native() + ": " +
+                         (unknown ? unknown : std::make_error_code(std::errc::not_a_directory)).message());
     for (const auto& input : inputs) {
         std::error_code notThere;
         require(!std::filesystem::equivalent(output, input, notThere), option + " would overwrite " + input);
