@@ -7,6 +7,7 @@
 #include "core/zul/Edge.h"
 #include "core/zul/PackageDirectory.h"
 #include "core/zul/mapping/Mapping.h"
+#include "core/zul/mapping/MappingPlan.h"
 #include "core/zul/mapping/MappingRules.h"
 #include "core/zul/package/ManifestNames.h"
 #include "core/zul/package/PackageFile.h"
@@ -45,7 +46,11 @@ void listFiles(const InspectedSystem& system, Inspection& result) {
             continue;
         }
         const std::unique_ptr<char, decltype(&std::free)> name(rpmfilesFN(list.get(), index), std::free);
-        Inspection::File found{name.get(), placeOf(paths.toPackagePath(name.get()).native(), rules)};
+        const auto packagePath = paths.toPackagePath(name.get());
+        Inspection::File found{name.get(), placeOf(packagePath.native(), rules)};
+        if (!found.place.empty() && !canBeMapped(packagePath)) {
+            throw Error(ErrorCode::BadPackage, "file name can't be mapped: " + packagePath.native());
+        }
         found.isPlaceTaken = !found.place.empty() &&
                              isTaken(tree, found.place, system.database.rootDirectory() / package.id());
         result.files.push_back(std::move(found));
