@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Core::ZUL {
 
@@ -22,7 +23,11 @@ SystemTree::SystemTree(const std::filesystem::path& root, Use use)
 void SystemTree::remember(const Common::UniqueFd& directory) {
     const auto device = Common::statusOf(directory.get()).st_dev;
     if (!fileSystems_.contains(device)) {
-        fileSystems_.emplace(device, fcntl(directory.get(), F_DUPFD_CLOEXEC, 0));
+        Common::UniqueFd copy(fcntl(directory.get(), F_DUPFD_CLOEXEC, 0));
+        if (!copy) {
+            throw Common::filesystemError("couldn't open the system directories");
+        }
+        fileSystems_.emplace(device, std::move(copy));
     }
 }
 
