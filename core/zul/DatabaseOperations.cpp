@@ -237,7 +237,7 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
             }
         } catch (const Error& error) {
             // Waiting for it could be for ever, as with a damaged disk; it stays for a later attempt.
-            Common::logWarning() << message << ": " << error;
+            Common::logWarning() << message << error;
             withoutList.insert(holder == directory.current() ? directory.versionOf(holder) : holder);
         }
     }
@@ -324,7 +324,7 @@ void Database::remove(const std::string& packageId) try {
     try {
         isUnmapped = removeMappingsOf(directory, message);
     } catch (const Error& error) {
-        Common::logWarning() << message << ": " << error;
+        Common::logWarning() << message << error;
     }
     try {
         removeAll(directory, isUnmapped);
