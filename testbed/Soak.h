@@ -14,8 +14,9 @@ struct SoakOptions {
 };
 
 /// Lets many clients send requests of all kinds to a running daemon at once. Then checks every operation:
-/// each status was received once and in order, and the last one was received or is stored; no list has an
-/// operation twice or an older status than was received. Prints the number of calls and their latencies.
+/// each status was received once and in order, and the last one was received or is stored; the list
+/// of operations has none twice and no older status than was received. Prints the number of calls and their
+/// latencies.
 /// @return the problems, one a line; empty: none
 [[nodiscard]] std::string soak(const SoakOptions& options, const std::filesystem::path& package);
 

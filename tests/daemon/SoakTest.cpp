@@ -1,4 +1,5 @@
 #include "testbed/Soak.h"
+
 #include "tests/daemon/DaemonTest.h"
 
 #include <csignal>
@@ -13,7 +14,9 @@ TEST(UnderASoak, TheDaemonAccountsForEveryOperation) {
     const auto package = buildPackage(scratch.path(), {});
     Process daemon({VENDARA_DAEMON}, {.environment = {{"HOME", scratch.path()}}});
     ASSERT_TRUE(waitForService()) << daemon.output();
-    EXPECT_EQ(soak({}, package), "") << daemon.output().substr(0, 3000);
+    for (const bool withChaos : {true, false}) {
+        EXPECT_EQ(soak({.withChaos = withChaos}, package), "") << daemon.output().substr(0, 3000);
+    }
     daemon.signal(SIGTERM);
     EXPECT_EQ(daemon.wait(), 0) << daemon.output();
 }
