@@ -39,7 +39,7 @@ void raiseDescriptorLimit() {
 }
 
 // Gives back pages of the libraries that only the start has read, mostly symbols and relocations. Pages that
-// are not writable are read from the file again when needed.
+// are not writable are read from the file again when needed. A debugger's breakpoints in them are lost.
 void dropPagesOfStartUp() {
     dl_iterate_phdr(
         [](dl_phdr_info* library, std::size_t, void*) {
