@@ -47,6 +47,7 @@ void dropPagesOfStartUp() {
                 const auto& segment = library->dlpi_phdr[index];
                 const auto begin = library->dlpi_addr + segment.p_vaddr;
                 if (segment.p_type == PT_LOAD && (segment.p_flags & PF_W) == 0) {
+                    // NOLINTNEXTLINE(performance-no-int-to-ptr): the loader gives addresses as numbers
                     madvise(reinterpret_cast<void*>(begin), segment.p_memsz, MADV_DONTNEED);
                 }
             }

@@ -74,6 +74,25 @@ bool takeOverListOf(const fs::path& version, const fs::path& extracted) {
     return false;
 }
 
+/// Adds the mapping lists of a package's other versions to the list of the prepared one.
+/// @param message  beginning of the warnings
+/// @return the versions whose list could not be read
+std::set<fs::path> takeOverLists(const PackageDirectory& directory, const std::string& message) {
+    std::set<fs::path> withoutList;
+    for (const auto& holder : directory.listHolders()) {
+        try {
+            if (!keepMappingListOf(holder, directory.next())) {
+                Common::logWarning() << message << "couldn't find package symlink list";
+            }
+        } catch (const Error& error) {
+            // Waiting for it could be for ever, as with a damaged disk; it stays for a later attempt.
+            Common::logWarning() << message << error;
+            withoutList.insert(holder == directory.current() ? directory.versionOf(holder) : holder);
+        }
+    }
+    return withoutList;
+}
+
 } // namespace
 
 fs::path Database::moveToVersionedDirectory(const PackageIdentity& package, const fs::path& extracted) const
@@ -228,19 +247,7 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
     }
     // The new version takes over what the old one has in the system directories: what it wants as well stays
     // as it is, the rest goes when everything new is there.
-    const auto message = "couldn't remove package symlinks: " + package.id();
-    std::set<fs::path> withoutList;
-    for (const auto& holder : directory.listHolders()) {
-        try {
-            if (!keepMappingListOf(holder, directory.next())) {
-                Common::logWarning() << message << "couldn't find package symlink list";
-            }
-        } catch (const Error& error) {
-            // Waiting for it could be for ever, as with a damaged disk; it stays for a later attempt.
-            Common::logWarning() << message << error;
-            withoutList.insert(holder == directory.current() ? directory.versionOf(holder) : holder);
-        }
-    }
+    const auto withoutList = takeOverLists(directory, "couldn't remove package symlinks: " + package.id());
     const auto plan = planMappings(package, directory.next());
     const auto newName = PackageDirectory::versionNameOf(directory.next());
     if (const auto installed = directory.versionOf(directory.current()); !installed.empty()) {
