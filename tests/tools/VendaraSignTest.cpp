@@ -46,6 +46,7 @@ protected:
                                        int signal = 0) const {
         arguments.insert(arguments.begin(), {"env", "-C", scratch.path(), "TERM=dumb", VENDARA_SIGN});
         std::vector<char*> words;
+        words.reserve(arguments.size() + 1);
         for (auto& argument : arguments) {
             words.push_back(argument.data());
         }
