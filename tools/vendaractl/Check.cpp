@@ -85,8 +85,20 @@ JsonValue toJson(const std::string& file, const Inspection& found) {
     return result;
 }
 
+void line(const std::string& text) { printLine(Common::printable(text)); }
+
+void print(const Inspection::Claims& claims) {
+    line(claims.identity.id() + " " + claims.identity.version() + ", " + claims.architecture +
+         ", UNVERIFIED");
+    for (const auto& cms : claims.signatures) {
+        line("  unverified signer: " + cms.certificate().subject() + toText(Core::ZUL::expiryOf(cms)));
+    }
+    if (claims.reason) {
+        line("  reason: " + *claims.reason);
+    }
+}
+
 void print(const std::string& file, const Inspection& found) {
-    const auto line = [](const std::string& text) { printLine(Common::printable(text)); };
     if (found.package) {
         const auto& package = *found.package;
         line(package.id() + " " + package.version() + ", " + package.architecture() +
@@ -104,15 +116,7 @@ void print(const std::string& file, const Inspection& found) {
         }
     }
     if (found.claims) {
-        const auto& claims = *found.claims;
-        line(claims.identity.id() + " " + claims.identity.version() + ", " + claims.architecture +
-             ", UNVERIFIED");
-        for (const auto& cms : claims.signatures) {
-            line("  unverified signer: " + cms.certificate().subject() + toText(Core::ZUL::expiryOf(cms)));
-        }
-        if (claims.reason) {
-            line("  reason: " + *claims.reason);
-        }
+        print(*found.claims);
     }
     line(file + ": " +
          (found.refusal ? "would be refused: " + std::string(found.refusal->what()) + " (error " +
