@@ -1,15 +1,15 @@
 #include "testbed/LogCapture.h"
 
+#include "testbed/Process.h"
 #include "testbed/ScratchDirectory.h"
 
 #include <fcntl.h>
 #include <sstream>
-#include <sys/mman.h>
 
 namespace Testbed {
 
 LogCapture::LogCapture()
-    : file_(memfd_create("log", MFD_CLOEXEC))
+    : file_(streamFile())
     , previous_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
     dup2(file_.get(), STDERR_FILENO);
 }

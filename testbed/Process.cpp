@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <optional>
 #include <poll.h>
 #include <sys/mman.h>
@@ -49,7 +50,8 @@ std::optional<int> waitForEnd(pid_t child, std::chrono::milliseconds limit) {
 
 Common::UniqueFd streamFile(const std::string& content) {
     Common::UniqueFd file(memfd_create("standard-stream", MFD_CLOEXEC));
-    if (!Common::writeAll(file.get(), content)) {
+    // In a file in memory, writes at the same time overwrite each other unless they append.
+    if (fcntl(file.get(), F_SETFL, O_APPEND) != 0 || !Common::writeAll(file.get(), content)) {
         throw Common::filesystemError("couldn't write a standard stream");
     }
     lseek(file.get(), 0, SEEK_SET);
