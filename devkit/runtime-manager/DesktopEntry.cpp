@@ -3,108 +3,42 @@
 #include "common/LogLine.h"
 #include "platform/manifestkit/AppManifest.h"
 
+#include <iomanip>
+#include <sstream>
 #include <stdexcept>
+#include <string_view>
 
 namespace Devkit {
 
 namespace {
 
-class CommandParser {
-public:
-    explicit CommandParser(const DesktopEntry& entry)
-        : entry_(entry)
-        , text_(entry.exec) {}
+[[noreturn]] void fail(const DesktopEntry& entry, const std::string& what) {
+    throw std::runtime_error("desktop entry " + Common::quoted(entry.file) + " has an Exec line " + what);
+}
 
-    std::vector<std::string> parse() {
-        while (at_ < text_.size()) {
-            const char character = text_[at_++];
-            if (character == ' ' || character == '\t') {
-                endArgument();
-            } else if (character == '"') {
-                inArgument_ = true;
-                parseQuoted();
-            } else if (character == '%') {
-                parseFieldCode();
-            } else {
-                inArgument_ = true;
-                argument_ += character;
-            }
+// What the field codes of a word stand for when no files are passed.
+std::string expanded(const std::string& word, const DesktopEntry& entry) {
+    std::string argument;
+    for (std::size_t at = 0; at < word.size(); ++at) {
+        if (word[at] != '%') {
+            argument += word[at];
+            continue;
         }
-        endArgument();
-        if (arguments_.empty()) {
-            fail("without a command");
-        }
-        return arguments_;
-    }
-
-private:
-    [[noreturn]] void fail(const std::string& what) const {
-        throw std::runtime_error("desktop entry " + Common::quoted(entry_.file) + " has an Exec line " +
-                                 what);
-    }
-
-    void endArgument() {
-        if (inArgument_) {
-            arguments_.push_back(argument_);
-        }
-        argument_.clear();
-        inArgument_ = false;
-    }
-
-    void parseQuoted() {
-        for (; at_ < text_.size() && text_[at_] != '"'; ++at_) {
-            if (text_[at_] == '\\' && at_ + 1 < text_.size()) {
-                ++at_;
-            }
-            argument_ += text_[at_];
-        }
-        if (at_ == text_.size()) {
-            fail("with an unterminated quote");
-        }
-        ++at_;
-    }
-
-    void parseFieldCode() {
-        const char code = at_ < text_.size() ? text_[at_++] : '\0';
-        constexpr std::string_view withoutFiles = "fFuUdDnNvm";
-        if (withoutFiles.find(code) != std::string_view::npos && code != '\0') {
-            return;
-        }
-        switch (code) {
-        case '%':
-            append("%");
-            return;
-        case 'c':
-            append(entry_.name);
-            return;
-        case 'k':
-            append(entry_.file.native());
-            return;
-        case 'i':
-            if (!entry_.icon.empty()) {
-                endArgument();
-                arguments_.insert(arguments_.end(), {"--icon", entry_.icon});
-            }
-            return;
-        default:
+        const char code = ++at < word.size() ? word[at] : '\0';
+        if (code == '%') {
+            argument += code;
+        } else if (code == 'c') {
+            argument += entry.name;
+        } else if (code == 'k') {
+            argument += entry.file.native();
+        } else if (std::string_view("fFuUdDnNvm").find(code) == std::string_view::npos) {
             // Not a byte out of the middle of a character.
-            fail(code > ' ' && code <= '~' ? std::string("with the unknown field code %") + code
-                                           : "with an unknown field code");
+            fail(entry, code > ' ' && code <= '~' ? std::string("with the unknown field code %") + code
+                                                  : "with an unknown field code");
         }
     }
-
-    void append(const std::string& text) {
-        inArgument_ = true;
-        argument_ += text;
-    }
-
-    const DesktopEntry& entry_;
-    const std::string& text_;
-    std::size_t at_ = 0;
-    bool inArgument_ = false;
-    std::string argument_;
-    std::vector<std::string> arguments_;
-};
+    return argument;
+}
 
 } // namespace
 
@@ -117,6 +51,28 @@ DesktopEntry readDesktopEntry(const std::filesystem::path& file) {
     return {file, valueOf("Name"), valueOf("Icon"), valueOf("Exec")};
 }
 
-std::vector<std::string> commandOf(const DesktopEntry& entry) { return CommandParser(entry).parse(); }
+std::vector<std::string> commandOf(const DesktopEntry& entry) {
+    std::vector<std::string> arguments;
+    std::istringstream words(entry.exec);
+    while (!(words >> std::ws).eof()) {
+        const bool isQuoted = words.peek() == '"';
+        std::string word;
+        if (!(words >> std::quoted(word))) {
+            fail(entry, "with an unterminated quote");
+        }
+        if (isQuoted) {
+            arguments.push_back(word);
+        } else if (word != "%i") {
+            const auto argument = expanded(word, entry);
+            arguments.insert(arguments.end(), argument.empty() ? 0 : 1, argument);
+        } else if (!entry.icon.empty()) {
+            arguments.insert(arguments.end(), {"--icon", entry.icon});
+        }
+    }
+    if (arguments.empty()) {
+        fail(entry, "without a command");
+    }
+    return arguments;
+}
 
 } // namespace Devkit

@@ -322,7 +322,7 @@ TEST_F(TheRuntimeManager, ReportsTheEndOfAnApplicationThatIgnoresSigtermAndRefus
     }
     EXPECT_NE(terminateApplication(), "");
     // Every wrong entry gets an error reply, and nothing outside of the system root is started.
-    for (const auto* exec : {"app %\u00e9", "./\ufffe", "/../../bin/true"}) {
+    for (const auto* exec : {"app %\u00e9", "app \"a", "./\ufffe", "/../../bin/true"}) {
         writeEntry("odd", exec);
         EXPECT_EQ(startApplication("odd"), RuntimeManager::service + ".Error.Failed") << exec;
     }
