@@ -102,7 +102,7 @@ public:
         , source_(
               connection_.bus(), Own::service, [this] { presenceChanged(true); },
               [this] { presenceChanged(false); })
-        , service_(connection_, Own::service, Own::objectPath, Own::interface)
+        , service_(connection_, Own::service, Own::objectPath, Own::interface, &source_)
         , wasStarted_(!source_.hasOwner()) {
         onSignal(Own::operationStatusChanged, &Session::update);
         onSignal(Own::packageInstalled, &Session::installed);

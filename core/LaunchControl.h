@@ -43,9 +43,9 @@ private:
     Common::Loop& loop_;
     Restarts afterTermination_;
     Restarts afterUpgrade_;
+    Common::SignalSource signals_;
     Common::RemoteObject intents_;
     Common::RemoteObject control_;
-    Common::SignalSource signals_;
 };
 
 } // namespace Core

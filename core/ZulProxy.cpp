@@ -64,12 +64,12 @@ struct ZulProxy::Subscriptions {
 struct ZulProxy::Link {
     Link(ZulProxy& owner, Subscriptions made)
         : connection(owner.loop_, made.connection, [&owner](const sdbus::Error& error) { owner.lost(error); })
-        , service(connection, Peer::service, Peer::objectPath, Peer::interface)
-        , signals(std::move(made.signals)) {}
+        , signals(std::move(made.signals))
+        , service(connection, Peer::service, Peer::objectPath, Peer::interface, signals.get()) {}
 
     Common::BusConnection connection;
-    Common::RemoteObject service;
     std::unique_ptr<Common::SignalSource> signals;
+    Common::RemoteObject service;
     bool isLost = false;
 };
 

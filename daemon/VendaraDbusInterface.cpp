@@ -113,8 +113,8 @@ VendaraDbusInterface::VendaraDbusInterface(Common::BusConnection& session, std::
     : AdaptorInterfaces(session.bus(), std::move(objectPath))
     , session_(session)
     , loop_(session.loop())
-    , identification_(session)
     , controller_(session)
+    , identification_(session)
     , announcer_(session, controller_,
                  [this](const Core::Operation& operation) { sendOperationStatus(operation); })
     , requests_(loop_)

@@ -92,8 +92,8 @@ private:
 
     Common::BusConnection& session_;
     Common::Loop& loop_;
-    Common::CallerIdentification identification_;
     Core::Controller controller_;
+    Common::CallerIdentification identification_;
     StatusAnnouncer announcer_;
     Common::Lanes requests_; // by unique name of the caller
     Common::Lanes relays_;   // by package

@@ -17,7 +17,8 @@ bool CallerIdentity::isSameApplication(const CallerIdentity& other) const {
 }
 
 CallerIdentification::CallerIdentification(BusConnection& session)
-    : service_(session, Peer::service, Peer::objectPath, Peer::interface) {}
+    : owner_(session.bus(), Peer::service)
+    , service_(session, Peer::service, Peer::objectPath, Peer::interface, &owner_) {}
 
 asio::awaitable<CallerIdentity> CallerIdentification::identify(std::string busName, TimePoint deadline) {
     try {

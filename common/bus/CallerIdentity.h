@@ -39,6 +39,7 @@ public:
     [[nodiscard]] asio::awaitable<CallerIdentity> identify(std::string busName, TimePoint deadline);
 
 private:
+    SignalSource owner_;
     RemoteObject service_;
 };
 

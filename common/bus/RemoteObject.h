@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/bus/BusConnection.h"
+#include "common/bus/SignalSource.h"
 
 #include <memory>
 #include <string>
@@ -14,9 +15,11 @@ constexpr std::chrono::seconds defaultTimeout{25};
 /// Proxy of a service's object for coroutines of the loop. Loop's thread only.
 class RemoteObject {
 public:
+    /// @param owner  of a well-known name: any client of a session bus can send a reply to any call. Without
+    ///               it, the bus has to deliver only replies of the called connection
     /// Throws sdbus::Error when a name is not valid.
     RemoteObject(BusConnection& connection, const std::string& service, const std::string& objectPath,
-                 std::string interface);
+                 std::string interface, const SignalSource* owner = nullptr);
 
     /// Calls a method of the interface and returns its results, of the given types.
     /// @param timeout  not 0
@@ -54,9 +57,12 @@ private:
         return send(message, timeout);
     }
     std::shared_ptr<Answer> send(const sdbus::MethodCall& message, std::chrono::microseconds timeout);
+    [[nodiscard]] std::string expectedSender() const;
 
     BusConnection& connection_;
+    std::string service_;
     std::string interface_;
+    const SignalSource* owner_;
     std::unique_ptr<sdbus::IProxy> proxy_;
 };
 

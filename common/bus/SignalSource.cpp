@@ -61,11 +61,14 @@ void SignalSource::followOwner() {
 
 void SignalSource::findOwner() {
     try {
-        sdbus::createProxy(connection_, MessageBus::service, MessageBus::objectPath)
-            ->callMethod(MessageBus::getNameOwner)
-            .onInterface(MessageBus::interface)
-            .withArguments(service_)
-            .storeResultsTo(owner_);
+        const auto bus = sdbus::createProxy(connection_, MessageBus::service, MessageBus::objectPath);
+        auto question = bus->createMethodCall(MessageBus::interface, MessageBus::getNameOwner);
+        question << service_;
+        auto reply = bus->callMethod(question);
+        if (reply.getSender() != MessageBus::service) {
+            throw sdbus::Error("org.freedesktop.DBus.Error.AccessDenied", "the reply is not from the bus");
+        }
+        reply >> owner_;
     } catch (const sdbus::Error& error) {
         if (error.getName() != "org.freedesktop.DBus.Error.NameHasNoOwner") {
             throw;
