@@ -10,6 +10,7 @@
 #include <rpm/rpmtd.h>
 
 #include <cerrno>
+#include <sys/mman.h>
 
 namespace Common::Rpm {
 
@@ -25,11 +26,24 @@ bool isPassing(int error) {
     return error == EIO || error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR;
 }
 
+// When memory is short librpm ends the process, and the Lua in it aborts.
+void requireMemory(std::uint64_t headers) {
+    constexpr std::uint64_t forConfiguration = 16UL * 1024 * 1024;
+    const auto size = forConfiguration + 4 * headers;
+    void* spare = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (spare == MAP_FAILED) {
+        throw filesystemError("not enough memory to read the rpm package");
+    }
+    munmap(spare, size);
+}
+
 void requireHeadersWithinBound(FD_t file) {
     const auto layout = readPackageLayout(Fileno(file));
-    if (layout && layout->payloadOffset - PackageLayout::signatureOffset > Reader::maximumHeaderSize) {
+    const auto size = layout ? layout->payloadOffset - PackageLayout::signatureOffset : 0;
+    if (size > Reader::maximumHeaderSize) {
         throw Error(ErrorCode::BadPackage, "the headers of the rpm package are too large");
     }
+    requireMemory(size);
 }
 
 /// Reads and checks the header at the file's position.
