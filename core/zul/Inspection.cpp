@@ -6,6 +6,7 @@
 #include "common/rpm/Version.h"
 #include "core/zul/Edge.h"
 #include "core/zul/PackageDirectory.h"
+#include "core/zul/ReadTree.h"
 #include "core/zul/mapping/Mapping.h"
 #include "core/zul/mapping/MappingPlan.h"
 #include "core/zul/mapping/MappingRules.h"
@@ -15,6 +16,7 @@
 #include "platform/pkgverify/FileWithCmses.h"
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
 #include <utility>
@@ -27,10 +29,24 @@ using Common::Error;
 using Common::ErrorCode;
 
 /// Whether something is at the place that a mapping never replaces.
-bool isTaken(SystemTree& tree, const std::string& place, const std::filesystem::path& packageDirectory) {
+bool isTaken(SystemTree& tree, const ReadTree& system, const std::string& place,
+             const std::filesystem::path& packageDirectory) {
     const Mapping mapping(tree, place);
-    return mapping.exists() && !mapping.belongsTo(packageDirectory) &&
-           !mapping.isReplaceable(packageDirectory.parent_path());
+    if (!mapping.exists() || mapping.belongsTo(packageDirectory) ||
+        mapping.isReplaceable(packageDirectory.parent_path())) {
+        return false;
+    }
+    // A directory that has only the package's own mappings goes with them.
+    bool hasOwn = false;
+    bool hasForeign = false;
+    const auto status = system.status(place, O_NOFOLLOW);
+    if (status && S_ISDIR(status->st_mode)) {
+        system.walk(place, [&](const std::filesystem::path& path, const struct stat&) {
+            const bool isOwn = Mapping::isPlace(path) && Mapping(tree, path).belongsTo(packageDirectory);
+            (isOwn ? hasOwn : hasForeign) = true;
+        });
+    }
+    return hasForeign || !hasOwn;
 }
 
 void listFiles(const InspectedSystem& system, Inspection& result) {
@@ -39,6 +55,7 @@ void listFiles(const InspectedSystem& system, Inspection& result) {
     const PackagePath paths(package);
     const auto rules = mappingRules(package);
     SystemTree tree(system.root, SystemTree::Use::Look);
+    const ReadTree read(system.root);
     for (int index = 0; index < list.size(); ++index) {
         const auto mode = rpmfilesFMode(list.get(), index);
         const bool isGhost = (rpmfilesFFlags(list.get(), index) & RPMFILE_GHOST) != 0;
@@ -52,7 +69,7 @@ void listFiles(const InspectedSystem& system, Inspection& result) {
             throw Error(ErrorCode::BadPackage, "file name can't be mapped: " + packagePath.native());
         }
         found.isPlaceTaken = !found.place.empty() &&
-                             isTaken(tree, found.place, system.database.rootDirectory() / package.id());
+                             isTaken(tree, read, found.place, system.database.rootDirectory() / package.id());
         result.files.push_back(std::move(found));
         if (S_ISREG(mode) && list.firstLink(index) == index) {
             result.size += rpmfilesFSize(list.get(), index);

@@ -74,6 +74,21 @@ TEST_F(AnInspection, RefusesWhatAnInstallationRefuses) {
     EXPECT_EQ(codeFor(scratch.path() / "absent"), ErrorCode::FileNotFound);
 }
 
+TEST_F(AnInspection, AllowsThePlaceOfADirectoryThatOnlyThePackageHas) {
+    Core::ZUL::Database database(scratch.path() / "opt", scratch.path() / "tmp", root);
+    const auto noAttributes = [](int, const std::string&, const std::string&) { return 0; };
+    const std::string share = "/usr/share/com.example.app";
+    const auto one = signedPackage({.version = "1.5", .files = {{share + "/a/b/c", "x"}}});
+    const auto two = signedPackage({.version = "2.0", .files = {{share + "/a", "x"}}});
+    EXPECT_FALSE(database.installFile(Package::fromFile(one, authorities), one, noAttributes));
+    const auto refusal = inspect(two, system).refusal;
+    EXPECT_FALSE(refusal) << refusal->what();
+    const auto newer = Package::fromFile(two, authorities);
+    EXPECT_TRUE(database.installFile(newer, two, noAttributes));
+    database.completeUpgrade(newer);
+    EXPECT_TRUE(fs::is_symlink(root / share.substr(1) / "a"));
+}
+
 TEST_F(AnInspection, ReportsItsProgressAndCanBeStopped) {
     std::vector<std::pair<std::uint64_t, std::uint64_t>> steps;
     std::size_t limit = 0;
