@@ -40,15 +40,15 @@ UniqueFd openPackageFile(const MappedFile& file) {
     return fd;
 }
 
-/// Whether a file is or would be below a directory, links on the way to the directory followed. The directory
-/// itself must not be a link.
-bool isBelow(const path& file, const path& directory) {
+/// Whether a file is or would be below a directory, links on the way to the directory followed.
+/// @param flags  of fstatat(2): AT_SYMLINK_NOFOLLOW if the directory itself must not be a link
+bool isBelow(const path& file, const path& directory, int flags) {
     const auto normal = file.lexically_normal();
     const auto above = directory.lexically_normal();
     if (std::mismatch(above.begin(), above.end(), normal.begin(), normal.end()).first == above.end()) {
         return true;
     }
-    const auto there = Common::statusOf(directory, AT_SYMLINK_NOFOLLOW);
+    const auto there = Common::statusOf(directory, flags);
     for (auto parent = normal.parent_path(); there && parent.is_absolute() && parent.has_relative_path();
          parent = parent.parent_path()) {
         if (const auto status = Common::statusOf(parent); status && Common::isSameFile(*status, *there)) {
@@ -109,7 +109,7 @@ bool Mapping::isMapping() const {
     if (lgetxattr(throughDescriptor().c_str(), marker, nullptr, 0) >= 0) {
         return true;
     }
-    if (errno != ENODATA && errno != EOPNOTSUPP && errno != ENOENT) {
+    if (errno != ENODATA && errno != EOPNOTSUPP) {
         throw filesystemError("couldn't look at " + target_.native());
     }
     return false;
@@ -134,11 +134,12 @@ bool Mapping::belongsTo(const path& packageDirectory) const {
         return false;
     }
     const auto file = mappingTarget();
-    return isBelow(file, packageDirectory) || wasBelow(file, packageDirectory.filename());
+    return isBelow(file, packageDirectory, AT_SYMLINK_NOFOLLOW) ||
+           wasBelow(file, packageDirectory.filename());
 }
 
 bool Mapping::isReplaceable(const path& databaseRoot) const {
-    return isMapping() && (!isLink() || isBelow(mappingTarget(), databaseRoot));
+    return isMapping() && (!isLink() || isBelow(mappingTarget(), databaseRoot, 0));
 }
 
 bool Mapping::standsFor(const MappedFile& file, MappingKind kind) const {

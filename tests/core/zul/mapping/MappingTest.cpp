@@ -198,6 +198,15 @@ TEST_F(AMapping, BelongsToAPackageByWhereItLeads) {
     }
 }
 
+TEST_F(AMapping, OfAnotherPackageIsReplacedThroughALinkedRoot) {
+    install(app, {{"bin/tool", "1"}});
+    const auto alias = scratch.path() / "alias";
+    fs::create_directory_symlink(root, alias);
+    Database other(alias, temp, system);
+    other.install(PackageIdentity("com.example.other", "1"), entries, extract({{"bin/tool", "2"}}));
+    EXPECT_EQ(readFile(system / "usr/bin/tool"), "2");
+}
+
 TEST_F(AMapping, NeverTakesThePlaceOfALinkOfTheSystem) {
     for (const auto& target : {fs::path("dash"), fs::path("/bin/dash"), scratch.path() / "absent"}) {
         fs::create_directories(system / "usr/bin");
