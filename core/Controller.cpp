@@ -253,6 +253,8 @@ asio::awaitable<void> Controller::checkAwaiting() {
             for (const auto& id : ids) {
                 checkAwaiting(id, *packages);
             }
+            // A package manager may recover after it took its name.
+            isCheckDue_ = isCheckDue_ || !notPrepared().empty();
             continue;
         } catch (const std::exception& error) {
             Common::logFailure(Common::LogLevel::Warning, "couldn't check the awaiting upgrades", error);

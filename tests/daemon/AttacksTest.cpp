@@ -348,6 +348,23 @@ TEST_F(ARestartOfThePackageManager, IsDetectedWhileThePreviousOneIsHandled) {
     EXPECT_TRUE(client.waitForStatus(upgrade, 100));
 }
 
+TEST_F(ARestartOfThePackageManager, IsCheckedAgainWhenItRecoversLater) {
+    setInstalled({"com.example.app"});
+    const auto upgrade = client.install(packageFile());
+    ASSERT_TRUE(client.waitForStatus(upgrade, 90));
+    const auto prepared = scratch.path() / "apps/com.example.app/next";
+    std::filesystem::create_directories(prepared);
+    zul.hold("GetPackageList");
+    const auto asked = zul.calls("GetPackageList").size();
+    zul.restart();
+    ASSERT_TRUE(zul.waitForCalls("GetPackageList", asked + 1));
+    std::filesystem::remove(prepared); // its recovery, which runs after it took its name
+    zul.setPackages({PackageManager::package("com.example.app", "1.0-1")});
+    zul.hold("GetPackageList", false);
+    EXPECT_TRUE(zul.answer("GetPackageList"));
+    EXPECT_TRUE(client.waitForStatus(upgrade, 100));
+}
+
 TEST_F(ARestartOfThePackageManager, IsQueriedForUpgradesUntilItRepliesAndAfterTheDiskIsRead) {
     setInstalled({"com.example.app"});
     const auto upgrade = client.install(packageFile());
