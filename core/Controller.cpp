@@ -32,6 +32,8 @@ Controller::Controller(Common::BusConnection& session)
     , zul_(loop_) {
     zul_.addPackageUpgradedHandler(
         [this](const Common::PackageProperties& package) { packageUpgraded(package); });
+    zul_.addPackageInstalledHandler(
+        [this](const Common::PackageProperties& package) { packageUpgraded(package); });
     zul_.setAppearedHandler([this] { loop_.spawn("couldn't check the awaiting upgrades", checkAwaiting()); });
 }
 

@@ -348,6 +348,22 @@ TEST_F(ARestartOfThePackageManager, IsDetectedWhileThePreviousOneIsHandled) {
     EXPECT_TRUE(client.waitForStatus(upgrade, 100));
 }
 
+TEST_F(ARestartOfThePackageManager, EndsAnUpgradeThatBecameAnInstallation) {
+    setInstalled({"com.example.app"});
+    zul.hold("Remove");
+    const auto removal = client.remove("com.example.app");
+    ASSERT_TRUE(zul.waitForCalls("Remove", 1));
+    const auto upgrade = client.install(packageFile()); // still listed
+    zul.setPackages({});
+    EXPECT_TRUE(zul.answer("Remove"));
+    zul.emit("PackageRemoved", std::string("com.example.app"));
+    ASSERT_TRUE(client.waitForStatus(upgrade, 90));
+    setInstalled({"com.example.app"});
+    zul.emit("PackageInstalled", PackageManager::package("com.example.app"));
+    EXPECT_TRUE(client.waitForStatus(removal, 100));
+    EXPECT_TRUE(client.waitForStatus(upgrade, 100));
+}
+
 TEST_F(ARestartOfThePackageManager, IsCheckedAgainWhenItRecoversLater) {
     setInstalled({"com.example.app"});
     const auto upgrade = client.install(packageFile());
