@@ -96,6 +96,8 @@ void Controller::returnCompletedOperations(const std::vector<Operation>& operati
         auto& store = completed_[operation.initiator().key()];
         if (store.size() < maximumCompleted) {
             store.push_front(operation);
+        } else {
+            Common::logWarning() << "dropped the oldest of too many completed operations: " << operation.id();
         }
     }
 }
