@@ -171,6 +171,9 @@ public:
             }
             tickLater();
             runLoop();
+            while (isQuerying_) { // its reply, which reports completed operations once, would be lost
+                runLoop();
+            }
             isFollowing_ = false;
         }
         confirm();
@@ -348,6 +351,7 @@ private:
                 continue;
             }
             guarded([&] { operations_.reportWaiting(); });
+            isQuerying_ = true;
             try {
                 const auto [map] = co_await service_.call<PropertyMap>(Own::getAllProperties, callLimit);
                 const auto properties = propertiesFrom(map);
@@ -355,6 +359,8 @@ private:
             } catch (const std::runtime_error&) {
                 // The service is queried again.
             }
+            isQuerying_ = false;
+            stopAtEnd();
             wait(std::min(patience_ * 2, operations_.mayFailUnnoticed() ? firstPatience : lastPatience));
         }
     }
@@ -363,7 +369,6 @@ private:
         if (operations_.compare(properties)) {
             patience_ = firstPatience;
         }
-        stopAtEnd();
     }
 
     void tickLater() {
@@ -397,6 +402,7 @@ private:
     bool hasReplied_ = false; // to any call
     bool isAsking_ = false;
     bool isFollowing_ = false;
+    bool isQuerying_ = false; // after silence
 };
 
 std::unique_ptr<Client::Session> Client::connect(Listener& listener, const std::vector<int>& signals) {
