@@ -1,4 +1,5 @@
 #include "testbed/PrivateBus.h"
+#include "testbed/RpmPackage.h"
 #include "testbed/ScriptedPeers.h"
 #include "testbed/WaitUntil.h"
 
@@ -7,6 +8,7 @@
 #include <csignal>
 #include <regex>
 #include <sstream>
+#include <unistd.h>
 
 namespace {
 
@@ -98,6 +100,32 @@ TEST_F(TheService, WithTooFewResourcesLogsTheCauseAndEnds) {
     }
     for (int memory = 8000; !comesUp("-v " + std::to_string(memory)); memory += 1000) {
         ASSERT_LT(memory, 200000);
+    }
+}
+
+// librpm ends the process that has too little, and the Lua in it aborts.
+TEST_F(TheService, RefusesAPackageThatItHasTooLittleMemoryFor) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "sanitizers need memory of their own";
+#endif
+    const Testbed::ScratchDirectory scratch;
+    const auto file = Testbed::buildPackage(scratch.path(), {});
+    Testbed::PackageManager manager;
+    Testbed::Identification identification;
+    for (unsigned long spare = 100'000; spare < 100'000'000; spare = spare * 3 / 2) {
+        Testbed::Process daemon({VENDARA_DAEMON}, {.environment = {{"HOME", scratch.path()}}});
+        ASSERT_TRUE(Testbed::waitForService()) << daemon.output();
+        const auto pid = std::to_string(daemon.pid());
+        const auto pages = std::stoul(Testbed::readFile("/proc/" + pid + "/statm"));
+        const auto limit = std::to_string(pages * static_cast<unsigned long>(getpagesize()) + spare);
+        ASSERT_EQ(Testbed::run({"prlimit", "--pid", pid, "--as=" + limit}).status, 0);
+        const auto reply =
+            Testbed::run({"gdbus", "call", "--session", "--dest=norvane.Vendara",
+                          "--object-path=/norvane/Vendara", "--method=norvane.Vendara.Install", file});
+        EXPECT_TRUE(reply.status == 0 || reply.output.find("norvane.Vendara.Error") != std::string::npos)
+            << spare << reply.output << daemon.output();
+        daemon.signal(SIGTERM);
+        EXPECT_EQ(daemon.wait(), 0) << spare << daemon.output();
     }
 }
 
