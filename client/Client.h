@@ -100,8 +100,9 @@ public:
     void attach(const Operation& operation);
     /// The followed operations that have not ended.
     [[nodiscard]] std::vector<Operation> pending() const;
-    /// Waits until all followed operations have ended. Then waits at most one second for a reply that shows
-    /// that the service has recorded their ends as reported.
+    /// Waits until all followed operations have ended and, if the service was queried because no signal had
+    /// arrived, until it has replied. Then waits at most one second for a reply that shows that the service
+    /// has recorded their ends as reported.
     /// @return whether no operation of this client has failed or was lost
     [[nodiscard]] bool follow();
 
