@@ -31,11 +31,12 @@ struct StatusAnnouncer::Batch {
     bool isStarted = false;
 };
 
-StatusAnnouncer::StatusAnnouncer(Common::BusConnection& session, Core::Controller& controller, Send send)
+StatusAnnouncer::StatusAnnouncer(Common::BusConnection& session, Common::CallerIdentification& identification,
+                                 Core::Controller& controller, Send send)
     : loop_(session.loop())
+    , identification_(identification)
     , controller_(controller)
     , send_(std::move(send))
-    , identification_(session)
     , bus_(session, MessageBus::service, MessageBus::objectPath, MessageBus::interface) {}
 
 void StatusAnnouncer::add(const Core::Operation& operation) {

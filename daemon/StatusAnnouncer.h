@@ -20,8 +20,10 @@ public:
     /// Sends one status to the initiator's bus name. Throws sdbus::Error.
     using Send = std::function<void(const Core::Operation&)>;
 
-    /// @param controller  is informed whether the end of an operation was reported; must outlive this object
-    StatusAnnouncer(Common::BusConnection& session, Core::Controller& controller, Send send);
+    /// The first three must outlive this object.
+    /// @param controller  is informed whether the end of an operation was reported
+    StatusAnnouncer(Common::BusConnection& session, Common::CallerIdentification& identification,
+                    Core::Controller& controller, Send send);
     StatusAnnouncer(const StatusAnnouncer&) = delete;
     StatusAnnouncer& operator=(const StatusAnnouncer&) = delete;
 
@@ -57,9 +59,9 @@ private:
     [[nodiscard]] std::vector<BatchPointer> batches(const std::function<bool(const Batch&)>& isMeant) const;
 
     Common::Loop& loop_;
+    Common::CallerIdentification& identification_;
     Core::Controller& controller_;
     Send send_;
-    Common::CallerIdentification identification_;
     Common::RemoteObject bus_;
     bool isHurrying_ = false;
     std::unordered_map<std::string, std::deque<BatchPointer>>

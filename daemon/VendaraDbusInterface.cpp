@@ -115,7 +115,7 @@ VendaraDbusInterface::VendaraDbusInterface(Common::BusConnection& session, std::
     , loop_(session.loop())
     , controller_(session)
     , identification_(session)
-    , announcer_(session, controller_,
+    , announcer_(session, identification_, controller_,
                  [this](const Core::Operation& operation) { sendOperationStatus(operation); })
     , requests_(loop_)
     , relays_(loop_) {
