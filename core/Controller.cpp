@@ -257,9 +257,10 @@ asio::awaitable<void> Controller::checkAwaiting() {
             for (const auto& id : ids) {
                 checkAwaiting(id, *packages);
             }
-            // A package manager may recover after it took its name.
-            isCheckDue_ = isCheckDue_ || !notPrepared().empty();
-            continue;
+            if (notPrepared().empty()) {
+                continue;
+            }
+            // It recovers after it took its name, or completes an upgrade now: its list may be an older one.
         } catch (const std::exception& error) {
             Common::logFailure(Common::LogLevel::Warning, "couldn't check the awaiting upgrades", error);
         }
