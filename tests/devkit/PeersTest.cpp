@@ -268,7 +268,7 @@ TEST_F(ThePackageManager, ListsPackagesWhileItInstallsAndReportsAFullDisk) {
 }
 
 TEST_F(TheRuntimeManager, StartsAnApplicationWhoseEndIsStillQueued) {
-    start("#!/bin/sh\necho \"pid $$\"\ntrap : TERM\nwhile :; do read line <>fifo; done\n", "app", "60000");
+    start("#!/bin/sh\ntrap : TERM\necho \"pid $$\"\nwhile :; do read line <>fifo; done\n", "app", "60000");
     const auto lastProcess = [this] {
         const auto output = service_->output();
         const auto found = output.rfind("pid ");
