@@ -205,7 +205,7 @@ TEST_F(ThePackageManager, LogsHowFarItIsAndEndsAValidation) {
 
 TEST(AProcessScan, FailsWhenAProcessCannotBeRead) {
     const ScratchDirectory scratch;
-    const std::string script = "exec <\"$1/file\"; rm \"$1/file\"; sleep 1000";
+    const std::string script = "exec <\"$1/file\"; rm \"$1/file\"; exec sleep 1000";
     writeFile(scratch.path() / "file", "");
     const Process user({"sh", "-c", script, "sh", scratch.path()});
     ASSERT_TRUE(waitUntil([&] { return fs::is_empty(scratch.path()); }));
