@@ -166,8 +166,8 @@ TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionHas
     // The kernel executes the shell; only the open script shows the process's package.
     Process application({"sh", "-c", "mkfifo fifo; exec \"$0\" <>fifo", directory_ / "root/usr/bin/app"},
                         {.directory = directory_});
-    const auto commandLine = "/proc/" + std::to_string(application.pid()) + "/cmdline";
-    ASSERT_TRUE(waitUntil([&] { return readFile(commandLine).starts_with("/bin/sh"); }));
+    const auto version = fs::canonical(directory_ / "db/app/com.example.app/current");
+    ASSERT_TRUE(waitUntil([&] { return Devkit::findProcessUsing(version) == application.pid(); }));
     const auto second = package({.version = "2.0"});
     ASSERT_EQ(install(second), "");
     EXPECT_EQ(install(second), Common::errorNameOf(ErrorCode::UpgradeAlreadyPrepared));
