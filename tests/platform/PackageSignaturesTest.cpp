@@ -85,7 +85,7 @@ TEST_F(SignedPackages, AreRefusedWithACertificateThatIsNotValid) {
         EXPECT_EQ(log.text(), "WARN: couldn't verify the signatures of \"" + file.native() +
                                   "\": certificate: certificate has expired\n");
     }
-    EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .validity = {now + 100, now + 200}}));
+    EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .validity = {now + 10000, now + 20000}}));
     EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .keyUsage = ""}));
     EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .keyUsage = "keyEncipherment"}));
     EXPECT_FALSE(developerIf({.extendedKeyUsage = developerUsage, .basicConstraints = "CA:TRUE"}));
