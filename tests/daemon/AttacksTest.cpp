@@ -395,7 +395,9 @@ TEST_F(ARestartOfThePackageManager, IsQueriedForUpgradesUntilItRepliesAndAfterTh
     ASSERT_TRUE(waitUntil([&] { return zul.mostHeld() == 1; }));
     std::filesystem::remove(prepared); // completed after the disk was looked at
     zul.hold("GetPackageList", false);
+    zul.refuse("GetPackageList", {});
     EXPECT_TRUE(zul.answer("GetPackageList"));
+    EXPECT_EQ(client.operations().at(0).status, OperationStatus::AwaitingUpgrade);
     zul.emit("PackageUpgraded", PackageManager::package("com.example.app", "1.0-1"));
     EXPECT_TRUE(client.waitForStatus(upgrade, 100));
 }
