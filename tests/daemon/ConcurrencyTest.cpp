@@ -193,6 +193,7 @@ TEST_F(TheDaemon, DoesNotExecuteRequestsThatItRefusedAsTooLate) {
     for (auto& error : errors) { // in one burst: when the first one is given up, so are the others
         service->callMethodAsync(&error == errors.data() ? "Start" : "Restart")
             .onInterface("norvane.Vendara")
+            .withTimeout(std::chrono::minutes(1))
             .withArguments(std::string("late"))
             .uponReplyInvoke([&error](const sdbus::Error* refusal) {
                 error.set_value(refusal != nullptr ? refusal->getMessage() : "");
