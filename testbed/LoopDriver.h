@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/bus/BusConnection.h"
+#include "testbed/WaitUntil.h"
 
 #include <asio/co_spawn.hpp>
 #include <asio/use_future.hpp>
@@ -14,10 +15,9 @@ namespace Testbed {
 class LoopDriver {
 public:
     /// Runs the loop until the predicate holds.
-    /// @return whether it came to hold within the limit
-    bool runUntil(const std::function<bool()>& predicate,
-                  std::chrono::seconds limit = std::chrono::seconds(10)) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
+    /// @return whether it came to hold within the limit of waitUntil()
+    bool runUntil(const std::function<bool()>& predicate) {
+        const auto deadline = soon();
         while (!predicate()) {
             if (std::chrono::steady_clock::now() > deadline) {
                 return false;
@@ -35,15 +35,13 @@ public:
         const auto hasEnded = [&] {
             return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
         };
-        if (!runUntil(hasEnded, std::chrono::seconds(60))) {
+        if (!runUntil(hasEnded)) {
             throw std::runtime_error("the coroutine does not end");
         }
         return result.get();
     }
 
-    [[nodiscard]] static Common::TimePoint soon() {
-        return Common::TimePoint::clock::now() + Common::TimePoint::duration(std::chrono::seconds(10));
-    }
+    [[nodiscard]] static Common::TimePoint soon() { return Common::TimePoint::clock::now() + longestWait; }
 
     std::shared_ptr<sdbus::IConnection> connection = sdbus::createSessionBusConnection();
     Common::Loop loop;

@@ -3,7 +3,6 @@
 #include "common/Files.h"
 #include "common/Spawn.h"
 #include "testbed/ScratchDirectory.h"
-#include "testbed/WaitUntil.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -87,8 +86,8 @@ bool Process::isRunning() { return wait(std::chrono::milliseconds(0)) < 0; }
 
 std::string Process::output() const { return readFile(output_); }
 
-bool Process::shows(const std::string& text, std::chrono::milliseconds limit) const {
-    return waitUntil([&] { return output().find(text) != std::string::npos; }, limit);
+bool Process::shows(const std::string& text) const {
+    return waitUntil([&] { return output().find(text) != std::string::npos; });
 }
 
 ProcessResult run(const std::vector<std::string>& arguments, const Process::Options& options) {

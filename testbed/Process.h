@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/UniqueFd.h"
+#include "testbed/WaitUntil.h"
 
 #include <chrono>
 #include <filesystem>
@@ -36,13 +37,12 @@ public:
     void signal(int number) const;
     /// Waits for the process to end.
     /// @return the exit status, or 128 plus the signal's number; -1 when the limit has passed
-    int wait(std::chrono::milliseconds limit = std::chrono::seconds(30));
+    int wait(std::chrono::milliseconds limit = longestWait);
     [[nodiscard]] bool isRunning();
     /// The output so far.
     [[nodiscard]] std::string output() const;
-    /// @return whether it has written the text within the limit, by default that of waitUntil()
-    [[nodiscard]] bool shows(const std::string& text,
-                             std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+    /// @return whether it has written the text within the limit of waitUntil()
+    [[nodiscard]] bool shows(const std::string& text) const;
 
 private:
     Common::UniqueFd output_;

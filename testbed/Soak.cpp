@@ -172,7 +172,7 @@ public:
 
     void start() {
         process_ = std::make_unique<Process>(std::vector<std::string>{SOAK_PEERS});
-        if (!process_->shows("ready", std::chrono::minutes(1))) {
+        if (!process_->shows("ready")) {
             throw std::runtime_error("the peers do not start: " + process_->output());
         }
     }

@@ -56,15 +56,12 @@ void expectNothingLeftAfter(const std::function<void(pid_t platform)>& end, int 
     Process platform({program, "--keys", keys.path() / "keys", "--", "sh", "-c", script},
                      {.environment = {{"TMPDIR", scratch.path()}}});
     std::string directory;
-    ASSERT_TRUE(waitUntil(
-        [&] {
-            for (const auto& entry : fs::directory_iterator(scratch.path())) {
-                directory = entry.path();
-            }
-            return !directory.empty() && fs::exists(directory + "/" + awaited);
-        },
-        std::chrono::minutes(1)))
-        << platform.output();
+    ASSERT_TRUE(waitUntil([&] {
+        for (const auto& entry : fs::directory_iterator(scratch.path())) {
+            directory = entry.path();
+        }
+        return !directory.empty() && fs::exists(directory + "/" + awaited);
+    })) << platform.output();
     ASSERT_GE(countProcessesOf(directory), awaited == "ready" ? 8U : 0U);
     end(platform.pid());
     EXPECT_EQ(platform.wait(), status) << platform.output();
