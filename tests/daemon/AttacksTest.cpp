@@ -223,12 +223,13 @@ protected:
 };
 
 TEST_F(AFileSystemThatDoesNotRespond, DelaysOnlyClientsWhoseFilesAreRead) {
+    const auto file = packageFile();
     const auto install = [this] { return Client().errorOf("Install", (mountPoint / "x.rpm").string()); };
     std::vector<std::future<std::string>> stalled;
     stalled.push_back(std::async(std::launch::async, install));
     EXPECT_TRUE(waitUntil([&] { return isHelperWaiting(); }));
     Client other;
-    EXPECT_TRUE(other.waitForStatus(other.install(packageFile()), 100));
+    EXPECT_TRUE(other.waitForStatus(other.install(file), 100));
     for (std::size_t count = 0; count < Common::Loop::maximumJobs; ++count) {
         stalled.push_back(std::async(std::launch::async, install));
     }
@@ -242,7 +243,7 @@ TEST_F(AFileSystemThatDoesNotRespond, DelaysOnlyClientsWhoseFilesAreRead) {
     for (auto& each : stalled) {
         EXPECT_EQ(each.get(), "Failed to retrieve id from the rpm package");
     }
-    EXPECT_TRUE(client.waitForStatus(client.install(packageFile()), 100));
+    EXPECT_TRUE(client.waitForStatus(client.install(file), 100));
 }
 
 TEST_F(AFileSystemThatDoesNotRespond, DoesNotKeepTheServiceFromEnding) {
