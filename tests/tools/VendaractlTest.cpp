@@ -220,7 +220,7 @@ TEST_F(Vendaractl, FollowsOperationsThatAnotherProcessRequested) {
     PackageManager zul;
     RuntimeManager runtime;
     Identification identification;
-    for (int connection = 0; connection < 100; ++connection) {
+    for (int connection = 0; connection < 10000; ++connection) {
         identification.set(":1." + std::to_string(connection), "vendaractl");
     }
     Process daemon({DAEMON});
