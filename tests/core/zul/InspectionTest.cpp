@@ -197,7 +197,7 @@ TEST(Verification, FindsEachDamageAndWhatMendsIt) {
     };
     const Damage damages[] = {
         {"the mapping is missing", "start", [](auto& disk) { fs::remove(disk.system / "usr/bin/tool"); }},
-        {"the copy differs from", "start", [](auto& disk) { writeFile(disk.system / "usr/bin/vpn", "124"); }},
+        {"the copy differs from", "start", [](auto& disk) { writeFile(disk.system / "usr/bin/vpn", "12"); }},
         {"it stands for", "start",
          [&](auto& disk) { replace(disk.system / "usr/bin/tool", disk.version / "opt/own"); }},
         {"it is a link instead of a copy", "start",
