@@ -241,7 +241,8 @@ TEST_F(SignedPackages, AreStillReadByRpmsTools) {
             buildPackage(scratch.path() / payload,
                          {.files = {{"/usr/bin/tool", std::string(100'000, 'x')}}, .payload = payload});
         Signing::signPackage({.package = plain, .output = file, .developer = issue(developerUsage)});
-        EXPECT_EQ(run({"rpm", "-qp", file}).output, "com.example.app-1.0-1.noarch\n");
+        const auto name = run({"rpm", "-qp", file}, {.environment = {{"HOME", scratch.path()}}});
+        EXPECT_EQ(name.output, "com.example.app-1.0-1.noarch\n");
         const auto unpacked = run({"rpm2cpio", file});
         EXPECT_EQ(unpacked.status, 0) << payload;
         EXPECT_EQ(unpacked.output, run({"rpm2cpio", plain}).output) << payload;
