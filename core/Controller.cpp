@@ -241,7 +241,8 @@ void Controller::packageUpgraded(const Common::PackageProperties& package) {
 }
 
 // After a restart the package manager may have completed or discarded an upgrade without a signal. Queries
-// the package list until it succeeds, and again if the package manager has restarted in the meantime.
+// the package list until it succeeds, and again if in the meantime the package manager has restarted or an
+// upgrade is no longer prepared.
 asio::awaitable<void> Controller::checkAwaiting() {
     using std::chrono::seconds;
     isCheckDue_ = true;

@@ -399,6 +399,7 @@ TEST_F(ARestartOfThePackageManager, IsQueriedForUpgradesUntilItRepliesAndAfterTh
     zul.refuse("GetPackageList", {});
     EXPECT_TRUE(zul.answer("GetPackageList"));
     EXPECT_EQ(client.operations().at(0).status, OperationStatus::AwaitingUpgrade);
+    zul.setPackages({PackageManager::package("com.example.app", "1.0-1")});
     zul.emit("PackageUpgraded", PackageManager::package("com.example.app", "1.0-1"));
     EXPECT_TRUE(client.waitForStatus(upgrade, 100));
 }
