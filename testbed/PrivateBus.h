@@ -19,6 +19,10 @@ public:
     void openToOthers() const;
     /// For example SIGSTOP: a bus that takes nothing.
     void signal(int number) const { daemon_->signal(number); }
+    /// As a stranger, replies to each call that others may have made.
+    /// @param body  in GVariant's text format
+    /// @param caller  a bus name; empty: every connection
+    void forgeReplies(const std::string& body, const std::string& caller = {}) const;
     /// Kills the bus.
     void stop() { daemon_.reset(); }
 

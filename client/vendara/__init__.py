@@ -209,9 +209,7 @@ class Client:
             if not all(map(_is_bus_text, arguments)):
                 raise CallRefused("not valid UTF-8, or with a character that D-Bus does not allow")
             values = GLib.Variant(f"({'s' * len(arguments)})", arguments)
-            # The proxy would call the owner that it saw in the last run of the loop.
-            return self._bus.call_sync(_NAME, _PATH, _NAME, method, values, None, Gio.DBusCallFlags.NONE, _CALL_LIMIT,
-                                       None)
+            return self._send(_NAME, _PATH, _NAME, method, values)
         except TypeError as error:
             raise CallRefused(f"not a valid argument: {error}") from None
         except GLib.Error as error:
@@ -220,19 +218,37 @@ class Client:
             kind = CallRefused if refused else ServiceAbsent
             raise kind(error.message.removeprefix(f"GDBus.Error:{name}: ")) from None
 
-    def _is_running(self):  # Now: what the proxy sees may be older than an operation of the service's next process.
+    # The proxy would call the owner that it saw in the last run of the loop. Any client of the bus may reply to any
+    # call, and GLib compares only the serial; the owner may change while it replies.
+    def _send(self, service, path, interface, method, values=None, flags=Gio.DBusMessageFlags.NONE, limit=_CALL_LIMIT):
+        call = Gio.DBusMessage.new_method_call(service, path, interface, method)
+        call.set_flags(flags)
+        if values is not None:
+            call.set_body(values)
+        senders = {_BUS[0]} if service == _BUS[0] else {_BUS[0], self._owner()}
+        reply, _ = self._bus.send_message_with_reply_sync(call, Gio.DBusSendMessageFlags.NONE, limit)
+        if reply.get_sender() not in senders and (service == _BUS[0] or reply.get_sender() != self._owner()):
+            raise GLib.Error.new_literal(Gio.io_error_quark(), f"dropped a reply not sent by {service}",
+                                         Gio.IOErrorEnum.PERMISSION_DENIED)
+        reply.to_gerror()
+        body = reply.get_body()
+        return GLib.Variant("()", ()) if body is None else body
+
+    def _owner(self):
         try:
-            return self._bus.call_sync(*_BUS, "NameHasOwner", GLib.Variant("(s)", (_NAME,)), None,
-                                       Gio.DBusCallFlags.NONE, _CALL_LIMIT, None).unpack()[0]
+            return self._send(*_BUS, "GetNameOwner", GLib.Variant("(s)", (_NAME,))).unpack()[0]
         except GLib.Error:
-            return False
+            return None
+
+    def _is_running(self):  # Now: what the proxy sees may be older than an operation of the service's next process.
+        return self._owner() is not None
 
     # After sending the end of an operation, the service checks that its receiver is still on the bus, and reports the
     # end again if not. When it replies to a ping, this check is done.
     def _confirm(self):
         try:
-            self._bus.call_sync(_NAME, _PATH, "org.freedesktop.DBus.Peer", "Ping", None, None,
-                                Gio.DBusCallFlags.NO_AUTO_START, 1000, None)
+            self._send(_NAME, _PATH, "org.freedesktop.DBus.Peer", "Ping", flags=Gio.DBusMessageFlags.NO_AUTO_START,
+                       limit=1000)
         except GLib.Error:
             pass  # What was received is not lost by this.
 

@@ -15,8 +15,9 @@ constexpr std::chrono::seconds defaultTimeout{25};
 /// Proxy of a service's object for coroutines of the loop. Loop's thread only.
 class RemoteObject {
 public:
-    /// @param owner  of a well-known name: any client of a session bus can send a reply to any call. Without
-    ///               it, the bus has to deliver only replies of the called connection
+    /// @param owner  follows the owner of a well-known name. Only its replies and the bus's are accepted,
+    ///               because any client of a session bus can send a reply to any call. Not needed on a bus
+    ///               that delivers only requested replies, as the system bus does; must outlive the object
     /// Throws sdbus::Error when a name is not valid.
     RemoteObject(BusConnection& connection, const std::string& service, const std::string& objectPath,
                  std::string interface, const SignalSource* owner = nullptr);

@@ -121,6 +121,18 @@ TEST_P(AClientOfTheReadme, RefusesAReplyOfAnotherType) {
     EXPECT_THAT(client.output, testing::StartsWith("unexpected reply of the service: "));
 }
 
+TEST_P(AClientOfTheReadme, BelievesNoReplyOfAStranger) {
+    BusPeer service(sdbus::createSessionBusConnection(Own::service), Own::objectPath);
+    service.on(Own::interface, Own::install, [this](const std::string& path) {
+        buses.session.forgeReplies("(('1', 'com.example.forged', 0, 100, 0),)");
+        return path;
+    });
+    service.start();
+    const auto client = install("good.rpm");
+    EXPECT_EQ(client.status, 2);
+    EXPECT_EQ(client.output, "dropped a reply not sent by norvane.Vendara\n");
+}
+
 TEST_F(ThePythonClient, ReportsStatesAsTheCppClientDoes) {
     const ScriptedService service({{"app", {.known = true}}});
     const auto client = beginScript(R"(
