@@ -61,7 +61,8 @@ public:
 
 /// Client of the service, on one session-bus connection. It follows the operations that it requests by the
 /// service's signals and, because a signal may be missed, queries the service when none arrives. Replies
-/// and signals are accepted only from the owner of the service's name. The bus starts the service if it is not running.
+/// and signals are accepted only from the owner of the service's name. The bus starts the service if it is
+/// not running.
 ///
 /// Used by one thread. Every function throws ServiceAbsent, CallRefused for an error reply, and Interrupted;
 /// after any other exception than CallRefused only pending() may be called.
