@@ -28,8 +28,10 @@ protected:
 };
 
 TEST_F(ThePackageManagerClient, KeepsItsConnectionFromChildren) {
-    EXPECT_THAT(Testbed::run({"ls", "-l", "/proc/self/fd"}).output,
-                testing::Not(testing::HasSubstr("socket:")));
+    const auto connection = std::to_string(driver_.connection->getEventLoopPollData().fd);
+    const auto socket = std::filesystem::read_symlink("/proc/self/fd/" + connection).native();
+    EXPECT_THAT(socket, testing::StartsWith("socket:"));
+    EXPECT_THAT(Testbed::run({"ls", "-l", "/proc/self/fd"}).output, testing::Not(testing::HasSubstr(socket)));
 }
 
 TEST_F(ThePackageManagerClient, MakesCallsAndMapsErrorsToCodes) {
