@@ -52,13 +52,16 @@ IdentityService::~IdentityService() {
 
 void IdentityService::identifyByBusName(Identity result, const std::string& busName) {
     const auto pending = std::make_shared<Identity>(std::move(result));
-    const auto answer = [this, pending](const sdbus::Error* error,
-                                        const std::map<std::string, sdbus::Variant>& credentials) {
+    const auto answer = [this, pending](sdbus::MethodReply& reply, const sdbus::Error* error) {
         try {
             withBusErrors(failed, [&] {
-                if (error != nullptr) {
-                    throw sdbus::Error(error->getName(), error->getMessage());
+                // Any client of the bus may send a reply to any call.
+                if (error != nullptr || reply.getSender() != Common::Names::MessageBus::service) {
+                    throw error != nullptr ? *error
+                                           : sdbus::Error(failed, "dropped a reply not sent by the bus");
                 }
+                std::map<std::string, sdbus::Variant> credentials;
+                reply >> credentials;
                 pending->returnResults(applicationOf(credential(credentials, "ProcessID")),
                                        userName(credential(credentials, "UnixUserID")));
             });
@@ -66,10 +69,10 @@ void IdentityService::identifyByBusName(Identity result, const std::string& busN
             pending->returnError(failure);
         }
     };
-    bus_->callMethodAsync(Common::Names::MessageBus::getConnectionCredentials)
-        .onInterface(Common::Names::MessageBus::interface)
-        .withArguments(busName)
-        .uponReplyInvoke(answer);
+    auto question = bus_->createMethodCall(Common::Names::MessageBus::interface,
+                                           Common::Names::MessageBus::getConnectionCredentials);
+    question << busName;
+    bus_->callMethod(question, answer);
 }
 
 std::string IdentityService::applicationOf(std::uint32_t process) const {
