@@ -43,7 +43,7 @@ void PrivateBus::forgeReplies(const std::string& body, const std::string& caller
                 reply.set_destination(name)
                 reply.set_body(GLib.Variant.parse(None, sys.argv[1]))
                 bus.send_message(reply, Gio.DBusSendMessageFlags.NONE)
-        bus.flush_sync())py";
+        ask("ListNames"))py";
     const auto result = run({"/usr/bin/python3", "-c", script, body, caller},
                             {.environment = {{"DBUS_SESSION_BUS_ADDRESS", address_}}});
     if (result.status != 0) {
