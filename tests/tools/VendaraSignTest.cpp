@@ -297,8 +297,6 @@ TEST_F(VendaraSign, RefusesWithThePathAndChangesNothing) {
     writeFile(scratch.path() / "b.rpm", plain);
     writeFile(scratch.path() / "text.rpm", "text");
     writeFile(scratch.path() / "cut.rpm", plain.substr(0, plain.size() - 4));
-    writeFile(scratch.path() / "longer.rpm", plain + "garbage");
-    writeFile(scratch.path() / "changed.rpm", std::string(plain).replace(plain.size() - 40, 1, "\1"));
     writeFile(scratch.path() / "twice.rpm", readFile(file) + "x");
     const auto topDirectory = "_topdir " + (scratch.path() / "build").native();
     const auto sourceDirectory = "_srcrpmdir " + scratch.path().native();
@@ -339,9 +337,6 @@ TEST_F(VendaraSign, RefusesWithThePathAndChangesNothing) {
         {by("developer", "developer", "missing.rpm"), "couldn't sign missing.rpm: No such file"},
         {by("developer", "developer", "text.rpm"), "text.rpm: file is not an rpm package"},
         {by("developer", "developer", "cut.rpm"), "cut.rpm: the rpm package is truncated"},
-        {by("developer", "developer", "longer.rpm"), "longer.rpm: the rpm package has data after its end"},
-        {by("developer", "developer", "changed.rpm"),
-         "changed.rpm: the payload of the rpm package does not match"},
         {by("developer", "developer", "s-1-1.src.rpm"), "s-1-1.src.rpm: the package is a source package"},
         {by("developer", "developer", "twice.rpm"), "twice.rpm: the rpm package has data after its end"},
         {by("developer", "developer", "links.rpm"), "links.rpm: the rpm package has a file with too many"},
