@@ -31,9 +31,9 @@ Controller::Controller(Common::BusConnection& session)
     , launchControl_(session)
     , zul_(loop_) {
     zul_.addPackageUpgradedHandler(
-        [this](const Common::PackageProperties& package) { packageUpgraded(package); });
+        [this](const Common::PackageProperties& package) { packageUpgraded(package, /*isAnew=*/false); });
     zul_.addPackageInstalledHandler(
-        [this](const Common::PackageProperties& package) { packageUpgraded(package); });
+        [this](const Common::PackageProperties& package) { packageUpgraded(package, /*isAnew=*/true); });
     zul_.setAppearedHandler([this] { loop_.spawn("couldn't check the awaiting upgrades", checkAwaiting()); });
 }
 
@@ -222,22 +222,33 @@ void Controller::uncount(const Operation& operation) {
     }
 }
 
-void Controller::packageUpgraded(const Common::PackageProperties& package) {
+// An upgrade that is queued behind the removal of its package is carried out as a first installation. Its
+// signal follows the reply, so the next upgrade of the package, of another version, may run already.
+void Controller::packageUpgraded(const Common::PackageProperties& package, bool isAnew) {
     const auto id = package.find(Keys::id);
     if (id == package.end()) {
         Common::logWarning() << "couldn't retrieve package id from upgraded package";
         return;
     }
-    if (running_ && current_->type() == OperationType::Upgrade && current_->packageId() == id->second) {
+    bool hasEnded = false;
+    const auto isDone = [&](const Operation& operation) {
+        return operation.packageId() == id->second &&
+               (!isAnew || operation.packageVersion() == valueOf(package, Keys::version));
+    };
+    if (running_ && current_->type() == OperationType::Upgrade && isDone(*current_)) {
         upgradeReported_ = true;
+        hasEnded = true;
     }
     for (auto next = awaiting_.begin(); next != awaiting_.end();) {
         const auto awaiting = next++;
-        if (awaiting->packageId() == id->second) {
+        if (isDone(*awaiting)) {
             endAwaiting(awaiting, Common::ErrorCode::None);
+            hasEnded = true;
         }
     }
-    launchControl_.packageUpgraded(id->second);
+    if (hasEnded || !isAnew) {
+        launchControl_.packageUpgraded(id->second);
+    }
 }
 
 // After a restart the package manager may have completed or discarded an upgrade without a signal. Queries
@@ -246,6 +257,10 @@ void Controller::packageUpgraded(const Common::PackageProperties& package) {
 asio::awaitable<void> Controller::checkAwaiting() {
     using std::chrono::seconds;
     isCheckDue_ = true;
+    // The package manager signals the end of an upgrade that it accepted since then.
+    for (const auto& awaiting : awaiting_) {
+        inDoubt_.insert(awaiting.id());
+    }
     if (std::exchange(isChecking_, true)) {
         co_return;
     }
@@ -271,6 +286,7 @@ asio::awaitable<void> Controller::checkAwaiting() {
         isCheckDue_ = true;
     }
     isChecking_ = false;
+    inDoubt_.clear();
 }
 
 // Reads the disk first, then the list: an upgrade completed in between is then in the list.
@@ -278,7 +294,8 @@ std::vector<std::string> Controller::notPrepared() const {
     std::vector<std::string> ids;
     for (const auto& awaiting : awaiting_) {
         try {
-            if (!ZUL::DatabaseLocation().hasPreparedNextVersion(awaiting.packageId())) {
+            if (inDoubt_.contains(awaiting.id()) &&
+                !ZUL::DatabaseLocation().hasPreparedNextVersion(awaiting.packageId())) {
                 ids.push_back(awaiting.id());
             }
         } catch (const std::exception& error) {

@@ -9,6 +9,7 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -79,7 +80,7 @@ private:
     void awaitUpgrade();
     void endAwaiting(std::list<Operation>::iterator awaiting, Common::ErrorCode code);
     void uncount(const Operation& operation);
-    void packageUpgraded(const Common::PackageProperties& package);
+    void packageUpgraded(const Common::PackageProperties& package, bool isAnew);
     asio::awaitable<void> checkAwaiting();
     [[nodiscard]] std::vector<std::string> notPrepared() const;
     void checkAwaiting(const std::string& id, const std::vector<Common::PackageProperties>& packages);
@@ -95,6 +96,7 @@ private:
     bool isChecking_ = false;
     bool isCheckDue_ = false; // the awaiting upgrades have to be checked again
     std::list<Operation> awaiting_;
+    std::set<std::string> inDoubt_; // ids of those that a package manager accepted which has restarted
     std::unordered_map<std::string, Operation> ended_;    // by id, not reported
     std::unordered_map<std::string, std::size_t> counts_; // by application, of all operations above
     std::unordered_map<std::string, std::deque<Operation>> completed_;

@@ -145,6 +145,12 @@ TEST_F(AnAttacker, CannotReplyInThePlaceOfTheIdentificationService) {
     EXPECT_EQ(refusal.get(), "Couldn't determinate operation initiator");
     identification.letGo();
     EXPECT_THAT(client.operations("CompletedOperations"), ElementsAre(Client::ended(operation)));
+    runtime.hold("InvokeIntent");
+    auto start = std::async(std::launch::async, [this] { return client.errorOf("Start", "a"); });
+    ASSERT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
+    buses.session.forgeReplies("()", "norvane.Vendara");
+    EXPECT_EQ(start.get(), "Failed to start application");
+    EXPECT_TRUE(logged("ERROR: dropped a reply not sent by norvane.RuntimeManager"));
 }
 
 TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineWithoutDelayingOthers) {
@@ -327,20 +333,30 @@ TEST_F(ARestartOfThePackageManager, IsDetectedWhileThePreviousOneIsHandled) {
     EXPECT_TRUE(client.waitForStatus(upgrade, 100));
 }
 
-TEST_F(ARestartOfThePackageManager, EndsAnUpgradeThatBecameAnInstallation) {
-    setInstalled({"com.example.app"});
-    zul.hold("Remove");
-    const auto removal = client.remove("com.example.app");
-    ASSERT_TRUE(zul.waitForCalls("Remove", 1));
-    const auto upgrade = client.install(packageFile()); // still listed
-    zul.setPackages({});
-    EXPECT_TRUE(zul.answer("Remove"));
-    zul.emit("PackageRemoved", std::string("com.example.app"));
+TEST_F(ARestartOfThePackageManager, DoesNotFailAnUpgradeThatIsBeingCompleted) {
+    setInstalled({"com.example.app", "com.example.other"});
+    const auto first = client.install(packageFile());
+    ASSERT_TRUE(client.waitForStatus(first, 90));
+    std::filesystem::create_directories(scratch.path() / "apps/com.example.app/next");
+    zul.hold("Install");
+    const auto upgrade = client.install(packageFile("com.example.other"));
+    ASSERT_TRUE(zul.waitForCalls("Install", 2));
+    zul.setPackages({PackageManager::package("com.example.app", "0.9-1"),
+                     PackageManager::package("com.example.other", "0.9-1")});
+    zul.hold("GetPackageList");
+    const auto asked = zul.calls("GetPackageList").size();
+    zul.restart();
+    ASSERT_TRUE(zul.waitForCalls("GetPackageList", asked + 1));
+    EXPECT_TRUE(zul.answer("Install"));
     ASSERT_TRUE(client.waitForStatus(upgrade, 90));
-    setInstalled({"com.example.app"});
-    zul.emit("PackageInstalled", PackageManager::package("com.example.app"));
-    EXPECT_TRUE(client.waitForStatus(removal, 100));
-    EXPECT_TRUE(client.waitForStatus(upgrade, 100));
+    zul.hold("GetPackageList", false);
+    EXPECT_TRUE(zul.answer("GetPackageList")); // it renamed "next" and removes the old version now
+    EXPECT_EQ(client.errorOf("Start", "a"), "");
+    zul.setPackages(
+        {PackageManager::package("com.example.app", "0.9-1"), PackageManager::package("com.example.other")});
+    zul.emit("PackageUpgraded", PackageManager::package("com.example.other"));
+    EXPECT_TRUE(waitUntil([&] { return client.statusesOf(upgrade).size() == 4; }));
+    EXPECT_THAT(client.statusesOf(upgrade), ElementsAre(0, 10, 90, 100));
 }
 
 TEST_F(ARestartOfThePackageManager, IsQueriedForUpgradesUntilItRepliesAndWhenItRecoversLater) {

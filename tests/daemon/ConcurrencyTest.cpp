@@ -35,6 +35,32 @@ TEST_F(TheDaemon, RepliesWhileAnOperationRuns) {
     EXPECT_TRUE(other.waitForStatus(second, 100));
 }
 
+TEST_F(TheDaemon, EndsTheUpgradeThatBecameAnInstallationAndNoOther) {
+    setInstalled({"com.example.app"});
+    zul.hold("Remove");
+    zul.hold("Install");
+    const auto removal = client.remove("com.example.app");
+    ASSERT_TRUE(zul.waitForCalls("Remove", 1));
+    const auto first = client.install(packageFile());
+    const auto newer = buildPackage(scratch.path() / "newer", {.name = "com.example.app", .version = "2.0"});
+    const auto second = client.install(newer);
+    zul.setPackages({});
+    EXPECT_TRUE(zul.answer("Remove"));
+    ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    setInstalled({"com.example.app"});
+    EXPECT_TRUE(zul.answer("Install")); // a first installation; the reply precedes the signal
+    ASSERT_TRUE(zul.waitForCalls("Install", 2));
+    zul.emit("PackageInstalled", PackageManager::package("com.example.app"));
+    EXPECT_TRUE(client.waitForStatus(first, 100));
+    std::filesystem::create_directories(scratch.path() / "apps/com.example.app/next");
+    EXPECT_TRUE(zul.answer("Install")); // prepared: the application runs
+    EXPECT_TRUE(waitUntil([&] { return client.statusesOf(second).size() >= 3; }));
+    EXPECT_EQ(client.errorOf("Start", "a"), "");
+    EXPECT_THAT(client.statusesOf(second), ElementsAre(0, 10, 90));
+    zul.emit("PackageUpgraded", PackageManager::package("com.example.app", "2.0-1"));
+    EXPECT_TRUE(client.waitForStatus(second, 100));
+}
+
 TEST_F(TheDaemon, FinishesAnUpgradeThatIsSignalledBeforeTheCallReturns) {
     setInstalled({"com.example.app"});
     zul.hold("Install");
