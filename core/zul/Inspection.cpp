@@ -15,6 +15,7 @@
 #include "core/zul/package/PackagePath.h"
 #include "platform/pkgverify/FileWithCmses.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fcntl.h>
 #include <memory>
@@ -28,6 +29,19 @@ namespace {
 using Common::Error;
 using Common::ErrorCode;
 
+/// Whether a directory has files, and only mappings of the package: the installation removes it with them.
+bool hasOnlyMappings(SystemTree& tree, const ReadTree& system, const std::filesystem::path& directory,
+                     const std::filesystem::path& packageDirectory) {
+    const auto names = system.namesIn(directory);
+    return !names.empty() && std::all_of(names.begin(), names.end(), [&](const std::string& name) {
+        const auto path = directory / name;
+        const auto status = system.status(path, O_NOFOLLOW);
+        return status && S_ISDIR(status->st_mode)
+                   ? hasOnlyMappings(tree, system, path, packageDirectory)
+                   : Mapping::isPlace(path) && Mapping(tree, path).belongsTo(packageDirectory);
+    });
+}
+
 /// Whether something is at the place that a mapping never replaces.
 bool isTaken(SystemTree& tree, const ReadTree& system, const std::string& place,
              const std::filesystem::path& packageDirectory) {
@@ -36,17 +50,8 @@ bool isTaken(SystemTree& tree, const ReadTree& system, const std::string& place,
         mapping.isReplaceable(packageDirectory.parent_path())) {
         return false;
     }
-    // A directory that has only the package's own mappings goes with them.
-    bool hasOwn = false;
-    bool hasForeign = false;
     const auto status = system.status(place, O_NOFOLLOW);
-    if (status && S_ISDIR(status->st_mode)) {
-        system.walk(place, [&](const std::filesystem::path& path, const struct stat&) {
-            const bool isOwn = Mapping::isPlace(path) && Mapping(tree, path).belongsTo(packageDirectory);
-            (isOwn ? hasOwn : hasForeign) = true;
-        });
-    }
-    return hasForeign || !hasOwn;
+    return !status || !S_ISDIR(status->st_mode) || !hasOnlyMappings(tree, system, place, packageDirectory);
 }
 
 void listFiles(const InspectedSystem& system, Inspection& result) {

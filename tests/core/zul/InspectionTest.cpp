@@ -81,6 +81,9 @@ TEST_F(AnInspection, AllowsThePlaceOfADirectoryThatOnlyThePackageHas) {
     const auto one = signedPackage({.version = "1.5", .files = {{share + "/a/b/c", "x"}}});
     const auto two = signedPackage({.version = "2.0", .files = {{share + "/a", "x"}}});
     EXPECT_FALSE(database.installFile(Package::fromFile(one, authorities), one, noAttributes));
+    fs::create_directory(root / share.substr(1) / "a/empty");
+    EXPECT_TRUE(inspect(two, system).refusal) << "an empty directory of others stays";
+    fs::remove(root / share.substr(1) / "a/empty");
     const auto refusal = inspect(two, system).refusal;
     EXPECT_FALSE(refusal) << refusal->what();
     const auto newer = Package::fromFile(two, authorities);
