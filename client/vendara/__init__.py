@@ -214,29 +214,30 @@ class Client:
             raise CallRefused(f"not a valid argument: {error}") from None
         except GLib.Error as error:
             name = Gio.DBusError.get_remote_error(error)
-            refused = name == _NAME + ".Error" or name and name not in _ABSENCES and self._is_running()
+            dropped = error.matches(Gio.io_error_quark(), Gio.IOErrorEnum.PERMISSION_DENIED)  # not the service's reply
+            refused = dropped or name == _NAME + ".Error" or name and name not in _ABSENCES and self._is_running()
             kind = CallRefused if refused else ServiceAbsent
             raise kind(error.message.removeprefix(f"GDBus.Error:{name}: ")) from None
 
-    # The proxy would call the owner that it saw in the last run of the loop. Any client of the bus may reply to any
-    # call, and GLib compares only the serial; the owner may change while it replies.
+    # A proxy would call the owner that it saw in the last run of the loop. Any client of the bus may reply to any call,
+    # and GLib compares only the serial; the owner may change while it replies.
     def _send(self, service, path, interface, method, values=None, flags=Gio.DBusMessageFlags.NONE, limit=_CALL_LIMIT):
         call = Gio.DBusMessage.new_method_call(service, path, interface, method)
         call.set_flags(flags)
         if values is not None:
             call.set_body(values)
-        senders = {_BUS[0]} if service == _BUS[0] else {_BUS[0], self._owner()}
+        senders = {_BUS[0]} if service == _BUS[0] else {_BUS[0], self._owner(limit)}
         reply, _ = self._bus.send_message_with_reply_sync(call, Gio.DBusSendMessageFlags.NONE, limit)
-        if reply.get_sender() not in senders and (service == _BUS[0] or reply.get_sender() != self._owner()):
+        if reply.get_sender() not in senders and (service == _BUS[0] or reply.get_sender() != self._owner(limit)):
             raise GLib.Error.new_literal(Gio.io_error_quark(), f"dropped a reply not sent by {service}",
                                          Gio.IOErrorEnum.PERMISSION_DENIED)
         reply.to_gerror()
         body = reply.get_body()
         return GLib.Variant("()", ()) if body is None else body
 
-    def _owner(self):
+    def _owner(self, limit=_CALL_LIMIT):
         try:
-            return self._send(*_BUS, "GetNameOwner", GLib.Variant("(s)", (_NAME,))).unpack()[0]
+            return self._send(*_BUS, "GetNameOwner", GLib.Variant("(s)", (_NAME,)), limit=limit).unpack()[0]
         except GLib.Error:
             return None
 
