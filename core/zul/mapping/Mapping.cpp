@@ -109,7 +109,8 @@ bool Mapping::isMapping() const {
     if (lgetxattr(throughDescriptor().c_str(), marker, nullptr, 0) >= 0) {
         return true;
     }
-    if (errno != ENODATA && errno != EOPNOTSUPP) {
+    // ENOENT alone may mean that there is no /proc.
+    if (errno != ENODATA && errno != EOPNOTSUPP && (errno != ENOENT || status())) {
         throw filesystemError("couldn't look at " + target_.native());
     }
     return false;
