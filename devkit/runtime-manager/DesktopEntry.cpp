@@ -62,6 +62,8 @@ std::vector<std::string> commandOf(const DesktopEntry& entry) {
         }
         if (isQuoted) {
             arguments.push_back(word);
+        } else if (word.find('"') != std::string::npos) {
+            fail(entry, "with a quote in a word");
         } else if (word != "%i") {
             const auto argument = expanded(word, entry);
             arguments.insert(arguments.end(), argument.empty() ? 0 : 1, argument);
