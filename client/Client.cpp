@@ -182,7 +182,7 @@ public:
 
     // The ping has the bus start the service.
     [[noreturn]] void listen() {
-        Common::RemoteObject peer(connection_, Own::service, Own::objectPath, peerInterface);
+        Common::RemoteObject peer(connection_, Own::service, Own::objectPath, peerInterface, &source_);
         run(peer.call<>("Ping", callLimit));
         for (;;) {
             runLoop();

@@ -163,6 +163,8 @@ std::string Identification::applicationOf(const std::string& busName) const {
 
 Client::Client()
     : proxy_(sdbus::createProxy(peer_.connection(), "norvane.Vendara", "/norvane/Vendara")) {
+    // The service's own time limit is close to the bus library's.
+    peer_.connection().setMethodCallTimeout(std::chrono::minutes(1));
     const auto subscribe = [this](const std::string& signal, const auto& handle) {
         proxy_->uponSignal(signal).onInterface("norvane.Vendara").call(handle);
     };

@@ -32,6 +32,7 @@ private:
 /// Client of the identification service. Nothing is cached. Loop's thread only.
 class CallerIdentification {
 public:
+    /// Blocks for the bus. Throws sdbus::Error for an error reply of the bus.
     explicit CallerIdentification(BusConnection& session);
 
     /// Identifies the application that owns a unique name of the session bus.

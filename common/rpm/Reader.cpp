@@ -37,7 +37,7 @@ void requireMemory(std::uint64_t headers) {
     munmap(spare, size);
 }
 
-void requireHeadersWithinBound(FD_t file) {
+void requireHeadersWithinBounds(FD_t file) {
     const auto layout = readPackageLayout(Fileno(file));
     const auto size = layout ? layout->payloadOffset - PackageLayout::signatureOffset : 0;
     if (size > Reader::maximumHeaderSize) {
@@ -76,7 +76,7 @@ Reader::Reader(const UniqueFd& file, const std::string& path)
     if (!file_) {
         throw filesystemError("couldn't open rpm package");
     }
-    requireHeadersWithinBound(file_.get());
+    requireHeadersWithinBounds(file_.get());
     const Transaction transaction; // loads the configuration that the read needs
     // To load its keyring librpm starts a shell and opens the user's key database. Only a package with an rpm
     // signature needs that: with an empty keyring the read fails for a missing key, and is then repeated.

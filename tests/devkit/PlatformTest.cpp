@@ -62,7 +62,7 @@ void expectNothingLeftAfter(const std::function<void(pid_t platform)>& end, int 
         }
         return !directory.empty() && fs::exists(directory + "/" + awaited);
     })) << platform.output();
-    // A process shows neither while it begins its program.
+    // A process has no command line and no environment while it begins its program.
     ASSERT_TRUE(awaited.empty() || waitUntil([&] { return countProcessesOf(directory) >= 8; }));
     end(platform.pid());
     EXPECT_EQ(platform.wait(), status) << platform.output();
