@@ -126,25 +126,12 @@ TEST_F(AnAttacker, CanSendPackageSignalsOnlyWhileItOwnsThePackageManagersName) {
     EXPECT_TRUE(client.waitForStatus(client.remove("com.example.app"), 100));
 }
 
-TEST_F(AnAttacker, CannotReplyInThePlaceOfTheIdentificationService) {
-    std::optional<Client> leaver(std::in_place);
-    const auto name = leaver->busName();
-    identification.set(name, "shop");
-    identification.set(client.busName(), "shop");
-    const auto operation = beginInstallation(*leaver);
-    ASSERT_TRUE(leaver->waitForStatus(operation, 10));
-    leaver.reset();
-    identification.set(name, "");
-    zul.answer("Install");
-    ASSERT_TRUE(logged("WARN: operation initiator is not dbus available"));
+TEST_F(AnAttacker, CannotReplyInThePlaceOfAPeer) {
     identification.hold("IdentifyByBusName");
-    const auto asked = identification.calls("IdentifyByBusName").size();
-    auto refusal = std::async(std::launch::async, [] { return Client().errorOf("GetAllProperties"); });
-    ASSERT_TRUE(identification.waitForCalls("IdentifyByBusName", asked + 1));
+    auto read = std::async(std::launch::async, [this] { return client.errorOf("GetAllProperties"); });
+    ASSERT_TRUE(identification.waitForCalls("IdentifyByBusName", 1));
     buses.session.forgeReplies("('shop', 'user')", "norvane.Vendara");
-    EXPECT_EQ(refusal.get(), "Couldn't determinate operation initiator");
-    identification.letGo();
-    EXPECT_THAT(client.operations("CompletedOperations"), ElementsAre(Client::ended(operation)));
+    EXPECT_EQ(read.get(), "Couldn't determinate operation initiator");
     runtime.hold("InvokeIntent");
     auto start = std::async(std::launch::async, [this] { return client.errorOf("Start", "a"); });
     ASSERT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
