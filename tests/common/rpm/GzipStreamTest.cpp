@@ -1,6 +1,5 @@
 #include "common/rpm/GzipStream.h"
 
-#include "common/Spawn.h"
 #include "common/rpm/FileIterator.h"
 #include "testbed/FailureOf.h"
 #include "testbed/Process.h"
@@ -13,11 +12,9 @@
 #include <atomic>
 #include <csignal>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <sys/wait.h>
-#include <tuple>
 
 namespace {
 
@@ -119,32 +116,16 @@ TEST_F(AGzipStream, DecompressesAllMembers) {
     EXPECT_EQ(contentOf(compressed("text") + "\x1fno member"), "text");
 }
 
-/// Interrupts this process all the time: with signals that it handles, and by stopping it.
+/// Interrupts this process all the time with a signal that it handles.
 class Disturbance {
 public:
     Disturbance() {
         struct sigaction action {};
         action.sa_handler = [](int) { ++interruptions; };
         EXPECT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
-        UniqueFd reading;
-        std::tie(reading, writing_) = Common::makePipe();
-        stopper_ = fork();
-        if (stopper_ == 0) {
-            writing_ = UniqueFd();
-            pollfd end{reading.get(), POLLIN, 0};
-            while (poll(&end, 1, 1) == 0) {
-                kill(getppid(), SIGSTOP);
-                kill(getppid(), SIGCONT);
-            }
-            _exit(0);
-        }
         setTimer(200);
     }
-    ~Disturbance() {
-        setTimer(0);
-        writing_ = UniqueFd(); // a signal could end the stopper between its own two
-        EXPECT_EQ(waitpid(stopper_, nullptr, 0), stopper_);
-    }
+    ~Disturbance() { setTimer(0); }
     Disturbance(const Disturbance&) = delete;
     Disturbance& operator=(const Disturbance&) = delete;
 
@@ -155,9 +136,6 @@ private:
         const itimerval timer{{0, interval}, {0, interval}};
         EXPECT_EQ(setitimer(ITIMER_REAL, &timer, nullptr), 0);
     }
-
-    UniqueFd writing_;
-    pid_t stopper_ = -1;
 };
 
 std::atomic<int> Disturbance::interruptions = 0;
