@@ -14,6 +14,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <pty.h>
+#include <regex>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -41,10 +42,13 @@ protected:
         return arguments;
     }
 
-    /// Runs the program on a terminal of its own, and at each prompt types a line or sends a signal.
+    /// Runs the program on a terminal of its own, and at each prompt types a line or sends a signal. A shell
+    /// leads the session: at its leader's end the kernel drops what the terminal has not delivered.
     [[nodiscard]] ProcessResult answer(std::vector<std::string> arguments, const std::string& typed,
                                        int signal = 0) const {
-        arguments.insert(arguments.begin(), {"env", "-C", scratch.path(), "TERM=dumb", VENDARA_SIGN});
+        const auto* script = "exec 2>&-; trap : INT TERM; (\"$@\" 2>&1); echo \"exit $?\"; read -r end";
+        arguments.insert(arguments.begin(),
+                         {"sh", "-c", script, "sh", "env", "-C", scratch.path(), "TERM=dumb", VENDARA_SIGN});
         std::vector<char*> words;
         words.reserve(arguments.size() + 1);
         for (auto& argument : arguments) {
@@ -58,19 +62,20 @@ protected:
             execvp(words[0], words.data());
             _exit(127);
         }
-        const Common::UniqueFd terminal(descriptor);
-        ProcessResult result{};
-        for (char byte = 0; read(descriptor, &byte, 1) == 1;) {
-            result.output += byte;
-            if (result.output.ends_with("Passphrase of secret.key: ")) {
-                EXPECT_EQ(signal != 0 ? kill(child, signal) : write(descriptor, typed.data(), typed.size()),
+        Common::UniqueFd terminal(descriptor);
+        std::string output;
+        std::smatch end;
+        const std::regex last("exit (\\d+)\r\n$");
+        for (char byte = 0; !std::regex_search(output, end, last) && read(descriptor, &byte, 1) == 1;) {
+            output += byte;
+            if (output.ends_with("Passphrase of secret.key: ")) {
+                EXPECT_EQ(signal != 0 ? kill(-child, signal) : write(descriptor, typed.data(), typed.size()),
                           signal != 0 ? 0 : static_cast<ssize_t>(typed.size()));
             }
         }
-        waitpid(child, &result.status, 0);
-        result.status =
-            WIFSIGNALED(result.status) ? 128 + WTERMSIG(result.status) : WEXITSTATUS(result.status);
-        return result;
+        terminal = {};
+        waitpid(child, nullptr, 0);
+        return {.status = std::stoi(end.str(1)), .output = end.prefix()};
     }
 
     void SetUp() override {

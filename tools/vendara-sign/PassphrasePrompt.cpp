@@ -37,7 +37,7 @@ public:
         pending_ = UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC));
         auto quiet = before_;
         quiet.c_lflag &= ~tcflag_t{ECHO};
-        quiet.c_lflag |= ICANON | ISIG;
+        quiet.c_lflag |= ICANON | ISIG | NOFLSH; // else the kernel may drop what is written after a signal
         quiet.c_iflag |= ICRNL;
         if (isTerminal_) {
             tcsetattr(terminal, TCSAFLUSH, &quiet);
