@@ -100,7 +100,7 @@ public:
                               ServiceAbsent("lost the connection to the session bus: " + error.getMessage()));
                       })
         , source_(
-              connection_.bus(), Own::service, [this] { presenceChanged(true); },
+              connection_, Own::service, [this] { presenceChanged(true); },
               [this] { presenceChanged(false); })
         , service_(connection_, Own::service, Own::objectPath, Own::interface, &source_)
         , wasStarted_(!source_.hasOwner()) {
@@ -311,7 +311,7 @@ private:
         }
     }
 
-    // The service keeps its operations in memory only.
+    // A service that has ended has lost its operations. One that reconnects to the bus continues them.
     [[noreturn]] static void throwUnknownResult() {
         throw ServiceAbsent("the service left the bus; the result of the operation is unknown");
     }

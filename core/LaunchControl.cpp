@@ -21,7 +21,7 @@ sdbus::Error refusal(const sdbus::Error& cause, const char* text) {
 
 LaunchControl::LaunchControl(Common::BusConnection& session) try
     : loop_(session.loop())
-    , signals_(session.bus(), Peer::service)
+    , signals_(session, Peer::service)
     , intents_(session, Peer::service, Peer::intentsPath, Peer::intentsInterface, &signals_)
     , control_(session, Peer::service, Peer::controlPath, Peer::controlInterface, &signals_) {
     signals_.subscribe(Peer::controlPath, Peer::controlInterface, Peer::terminated,

@@ -12,7 +12,8 @@ namespace Core {
 ///
 /// A restart terminates the application now. The start follows when the runtime manager reports its end or,
 /// if an upgrade of the package is prepared, when the package manager reports the upgrade. If more than
-/// maximumRestarts wait for either, the oldest is dropped with a line in the log. Loop's thread only.
+/// maximumRestarts wait for either, the oldest is dropped with a line in the log. An end that is reported
+/// while the session bus is reconnected is missed: the start follows the next one. Loop's thread only.
 class LaunchControl {
 public:
     /// Subscribes to "Terminated"; blocks for the bus.

@@ -56,23 +56,6 @@ void relayTo(Common::SignalSource& source, const Handlers& handlers, const std::
 
 } // namespace
 
-struct ZulProxy::Subscriptions {
-    std::shared_ptr<sdbus::IConnection> connection; // outlives the signals
-    std::unique_ptr<Common::SignalSource> signals;
-};
-
-struct ZulProxy::Link {
-    Link(ZulProxy& owner, Subscriptions made)
-        : connection(owner.loop_, made.connection, [&owner](const sdbus::Error& error) { owner.lost(error); })
-        , signals(std::move(made.signals))
-        , service(connection, Peer::service, Peer::objectPath, Peer::interface, signals.get()) {}
-
-    Common::BusConnection connection;
-    std::unique_ptr<Common::SignalSource> signals;
-    Common::RemoteObject service;
-    bool isLost = false;
-};
-
 struct ZulProxy::ListCall {
     explicit ListCall(asio::io_context& loop)
         : ended(loop) {}
@@ -82,8 +65,18 @@ struct ZulProxy::ListCall {
 };
 
 ZulProxy::ZulProxy(Common::Loop& loop)
-    : loop_(loop) {
-    link_ = std::make_unique<Link>(*this, subscribe());
+    : loop_(loop)
+    , connection_(loop, connectToSystemBus(),
+                  [](const sdbus::Error& error) {
+                      Common::logError()
+                          << "lost the connection to " << Peer::service << ": " << error.getMessage();
+                  })
+    , signals_(subscribe())
+    , service_(connection_, Peer::service, Peer::objectPath, Peer::interface, signals_.get()) {
+    connection_.reconnectWith(connectToSystemBus, [this] {
+        Common::logWarning() << "connected to " << Peer::service << " again";
+        appear();
+    });
 }
 
 ZulProxy::~ZulProxy() = default;
@@ -126,9 +119,7 @@ asio::awaitable<ZulProxy::PackageList> ZulProxy::packagesOf(std::shared_ptr<List
 template<typename... Arguments>
 asio::awaitable<void> ZulProxy::callOperation(std::string method, Arguments... arguments) {
     try {
-        Common::RemoteObject* object =
-            co_await service(Common::TimePoint::clock::now() + Common::defaultTimeout);
-        co_await object->call<>(method, operationTimeout, arguments...);
+        co_await service_.call<>(method, operationTimeout, arguments...);
     } catch (const sdbus::Error& error) {
         throw converted(error);
     }
@@ -137,9 +128,7 @@ asio::awaitable<void> ZulProxy::callOperation(std::string method, Arguments... a
 asio::awaitable<void> ZulProxy::listPackages(std::shared_ptr<ListCall> call) {
     using Packages = std::vector<Common::PackageProperties>;
     try {
-        Common::RemoteObject* object =
-            co_await service(Common::TimePoint::clock::now() + Common::defaultTimeout);
-        auto [packages] = co_await object->call<Packages>(Peer::getPackageList, Common::defaultTimeout);
+        auto [packages] = co_await service_.call<Packages>(Peer::getPackageList, Common::defaultTimeout);
         call->packages = std::make_shared<const Packages>(std::move(packages));
     } catch (const sdbus::Error& error) {
         call->failure = std::make_exception_ptr(converted(error));
@@ -154,76 +143,25 @@ asio::awaitable<void> ZulProxy::listPackages(std::shared_ptr<ListCall> call) {
     }
 }
 
-// Runs on the main thread before the loop runs, later on a helper thread.
-ZulProxy::Subscriptions ZulProxy::subscribe() {
-    Subscriptions made{connectToSystemBus(), nullptr};
+std::unique_ptr<Common::SignalSource> ZulProxy::subscribe() {
+    std::unique_ptr<Common::SignalSource> signals;
     try {
-        made.signals = std::make_unique<Common::SignalSource>(*made.connection, Peer::service, [this] {
-            if (appeared_) {
-                appeared_();
-            }
-        });
+        signals = std::make_unique<Common::SignalSource>(connection_, Peer::service, [this] { appear(); });
         using Common::PackageProperties;
-        relayTo<PackageProperties>(*made.signals, installed_, Peer::packageInstalled, "package");
-        relayTo<PackageProperties>(*made.signals, upgraded_, Peer::packageUpgraded, "package");
-        relayTo<std::string>(*made.signals, removed_, Peer::packageRemoved, "package id");
+        relayTo<PackageProperties>(*signals, installed_, Peer::packageInstalled, "package");
+        relayTo<PackageProperties>(*signals, upgraded_, Peer::packageUpgraded, "package");
+        relayTo<std::string>(*signals, removed_, Peer::packageRemoved, "package id");
     } catch (const sdbus::Error& error) {
         Common::logError() << "couldn't subscribe to ZUL signal";
         Common::logError() << error.getMessage();
     }
-    return made;
+    return signals;
 }
 
-void ZulProxy::lost(const sdbus::Error& error) {
-    Common::logError() << "lost the connection to " << Peer::service << ": " << error.getMessage();
-    link_->isLost = true;
-    connecting_ = std::make_shared<Common::Event>(loop_.context());
-    loop_.spawn("couldn't reconnect", reconnect());
-}
-
-// Tries at once, and when a call needs the connection or some time has passed.
-asio::awaitable<void> ZulProxy::reconnect() {
-    using std::chrono::seconds;
-    for (seconds pause{1}; link_->isLost; pause = std::min(pause * 2, seconds(30))) {
-        const auto attempt = connecting_;
-        try {
-            // Must start even if jobs that wait for a file system have reached the limit.
-            const auto job = loop_.begin([this] { return subscribe(); }, 2 * Common::Loop::maximumJobs);
-            auto made =
-                co_await Common::Loop::finish(job, Common::TimePoint::clock::now() + Common::defaultTimeout);
-            link_ = std::make_unique<Link>(*this, std::move(made));
-            Common::logWarning() << "connected to " << Peer::service << " again";
-        } catch (const std::exception&) {
-            // The loss has been reported; a call that needs the connection gets an error.
-        }
-        const auto needed = needed_ = std::make_shared<Common::Event>(loop_.context());
-        connecting_.reset();
-        attempt->set();
-        if (link_->isLost) {
-            co_await needed->wait(Common::TimePoint::clock::now() + pause);
-            if (!connecting_) {
-                connecting_ = std::make_shared<Common::Event>(loop_.context());
-            }
-        }
-    }
+void ZulProxy::appear() {
     if (appeared_) {
         appeared_();
     }
-}
-
-asio::awaitable<Common::RemoteObject*> ZulProxy::service(Common::TimePoint deadline) {
-    if (link_->isLost) {
-        if (!connecting_) {
-            connecting_ = std::make_shared<Common::Event>(loop_.context());
-            needed_->set();
-        }
-        const auto attempt = connecting_;
-        co_await attempt->wait(deadline);
-    }
-    if (link_->isLost) {
-        throw sdbus::Error("org.freedesktop.DBus.Error.Disconnected", "Not connected to the system bus");
-    }
-    co_return &link_->service;
 }
 
 } // namespace Core

@@ -12,8 +12,8 @@
 
 namespace Core {
 
-/// Client of the package manager service, with its own connection to the system bus. After a loss it
-/// reconnects at once and, if that fails, whenever a call needs the connection.
+/// Client of the package manager service, with its own connection to the system bus, which reconnects after a
+/// loss.
 ///
 /// Signals are accepted only from the connection that owns the service's name. Handlers are called in the
 /// order in which they were added; add them before the loop runs. Loop's thread only.
@@ -25,7 +25,7 @@ public:
 
     /// Connects to the system bus and subscribes to the package signals; blocks for the bus. If the bus
     /// refuses a subscription, an error is logged, and the client can make calls but receives no signals.
-    /// Throws sdbus::Error when there is no system bus.
+    /// Later it reconnects only with its subscriptions. Throws sdbus::Error when there is no system bus.
     explicit ZulProxy(Common::Loop& loop);
     ~ZulProxy();
     ZulProxy(const ZulProxy&) = delete;
@@ -50,14 +50,10 @@ public:
     [[nodiscard]] asio::awaitable<PackageList> getPackageList(Common::TimePoint deadline);
 
 private:
-    struct Subscriptions;
-    struct Link;
     struct ListCall;
 
-    [[nodiscard]] Subscriptions subscribe();
-    void lost(const sdbus::Error& error);
-    asio::awaitable<void> reconnect();
-    [[nodiscard]] asio::awaitable<Common::RemoteObject*> service(Common::TimePoint deadline);
+    [[nodiscard]] std::unique_ptr<Common::SignalSource> subscribe();
+    void appear();
     template<typename... Arguments>
     asio::awaitable<void> callOperation(std::string method, Arguments... arguments);
     asio::awaitable<void> listPackages(std::shared_ptr<ListCall> call);
@@ -70,10 +66,10 @@ private:
     std::vector<PackageIdHandler> removed_;
     std::function<void()> appeared_;
     std::size_t listCalls_ = 0;
-    std::shared_ptr<ListCall> nextList_;        // sent when a pending one has ended
-    std::shared_ptr<Common::Event> connecting_; // while a connection attempt is made or requested
-    std::shared_ptr<Common::Event> needed_;     // ends the pause between two attempts
-    std::unique_ptr<Link> link_;
+    std::shared_ptr<ListCall> nextList_; // sent when a pending one has ended
+    Common::BusConnection connection_;
+    std::unique_ptr<Common::SignalSource> signals_; // none if the bus refused them
+    Common::RemoteObject service_;
 };
 
 } // namespace Core

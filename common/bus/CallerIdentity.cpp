@@ -17,16 +17,23 @@ bool CallerIdentity::isSameApplication(const CallerIdentity& other) const {
 }
 
 CallerIdentification::CallerIdentification(BusConnection& session)
-    : owner_(session.bus(), Peer::service)
+    : session_(session)
+    , owner_(session, Peer::service)
     , service_(session, Peer::service, Peer::objectPath, Peer::interface, &owner_) {}
 
 asio::awaitable<CallerIdentity> CallerIdentification::identify(std::string busName, TimePoint deadline) {
-    try {
-        auto [first, second] = co_await service_.call<std::string, std::string>(
-            Peer::identifyByBusName, remainingUntil(deadline), busName);
-        co_return CallerIdentity(busName, std::move(first), std::move(second));
-    } catch (const sdbus::Error&) {
-        throw Error(ErrorCode::Internal, "couldn't identify the sender: " + busName);
+    for (;;) {
+        const auto bus = session_.sharedBus();
+        try {
+            auto [first, second] = co_await service_.call<std::string, std::string>(
+                Peer::identifyByBusName, remainingUntil(deadline), busName);
+            co_return CallerIdentity(busName, std::move(first), std::move(second));
+        } catch (const sdbus::Error&) {
+            if (bus == session_.sharedBus()) {
+                throw Error(ErrorCode::Internal, "couldn't identify the sender: " + busName);
+            }
+            // The call was lost with the former connection.
+        }
     }
 }
 

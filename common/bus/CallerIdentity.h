@@ -40,6 +40,7 @@ public:
     [[nodiscard]] asio::awaitable<CallerIdentity> identify(std::string busName, TimePoint deadline);
 
 private:
+    BusConnection& session_;
     SignalSource owner_;
     RemoteObject service_;
 };

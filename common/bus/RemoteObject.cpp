@@ -5,13 +5,24 @@
 
 namespace Common {
 
-RemoteObject::RemoteObject(BusConnection& connection, const std::string& service,
-                           const std::string& objectPath, std::string interface, const SignalSource* owner)
+RemoteObject::RemoteObject(BusConnection& connection, std::string service, std::string objectPath,
+                           std::string interface, const SignalSource* owner)
     : connection_(connection)
-    , service_(service)
+    , service_(std::move(service))
+    , objectPath_(std::move(objectPath))
     , interface_(std::move(interface))
-    , owner_(owner)
-    , proxy_(sdbus::createProxy(connection.bus(), service, objectPath)) {}
+    , owner_(owner) {
+    static_cast<void>(proxy());
+}
+
+sdbus::IProxy& RemoteObject::proxy() {
+    if (bus_ != connection_.sharedBus()) {
+        proxy_.reset();
+        bus_ = connection_.sharedBus();
+        proxy_ = sdbus::createProxy(*bus_, service_, objectPath_);
+    }
+    return *proxy_;
+}
 
 // Empty for a name that nobody owns or whose owner is not followed.
 std::string RemoteObject::expectedSender() const {
@@ -19,36 +30,49 @@ std::string RemoteObject::expectedSender() const {
     return isUnique ? service_ : owner_ != nullptr ? owner_->owner() : std::string();
 }
 
-std::shared_ptr<RemoteObject::Answer> RemoteObject::send(const sdbus::MethodCall& message,
-                                                         std::chrono::microseconds timeout) {
-    auto answer = std::make_shared<Answer>(connection_);
-    connection_.send([&] {
-        proxy_->callMethod(
-            message,
-            [this, answer, called = expectedSender()](sdbus::MethodReply& reply, const sdbus::Error* error) {
-                guarded("couldn't take a reply", [&] {
-                    const auto sender = reply.getSender();
-                    const bool isOfBus = sender == Names::MessageBus::service;
-                    // The library does not check who replies. The owner at either time may: a service that is
-                    // activated has none at first, one that ends gives its name up first.
-                    const bool isKnown = owner_ != nullptr || !called.empty();
-                    if (!isOfBus && isKnown && sender != called && sender != expectedSender()) {
-                        answer->error = sdbus::Error("org.freedesktop.DBus.Error.AccessDenied",
-                                                     "dropped a reply not sent by " + service_);
-                    } else if (error != nullptr) {
-                        if (isOfBus) {
-                            connection_.reportIfLost(*error);
-                        }
-                        answer->error = *error;
-                    } else {
-                        answer->reply = reply;
-                    }
-                });
-                answer->arrived.set();
-            },
-            static_cast<std::uint64_t>(timeout.count()));
-    });
-    return answer;
+std::shared_ptr<RemoteObject::Call> RemoteObject::send(const sdbus::MethodCall& message,
+                                                       std::chrono::microseconds timeout) {
+    auto call = std::make_shared<Call>(connection_);
+    connection_.requireConnected(call->bus);
+    const auto take = [this, call, called = expectedSender()](sdbus::MethodReply& reply,
+                                                              const sdbus::Error* error) {
+        guarded("couldn't take a reply", [&] { this->take(*call, called, reply, error); });
+        if (connection_.isConnected(call->bus)) { // otherwise the connection ends its calls
+            connection_.calls_.erase(call);
+            call->ended.set();
+        }
+    };
+    connection_.calls_.insert(call);
+    try {
+        connection_.send(
+            [&] { proxy_->callMethod(message, take, static_cast<std::uint64_t>(timeout.count())); });
+    } catch (const sdbus::Error&) {
+        if (connection_.isConnected(call->bus)) {
+            connection_.calls_.erase(call);
+            throw;
+        }
+    }
+    return call;
+}
+
+// The library does not check who replies. The owner at either time may: a service that is activated has none
+// at first, one that ends gives its name up first.
+void RemoteObject::take(Call& call, const std::string& called, sdbus::MethodReply& reply,
+                        const sdbus::Error* error) {
+    const auto sender = reply.getSender();
+    const bool isOfBus = sender == Names::MessageBus::service;
+    const bool isKnown = owner_ != nullptr || !called.empty();
+    if (!isOfBus && isKnown && sender != called && sender != expectedSender()) {
+        call.error = sdbus::Error("org.freedesktop.DBus.Error.AccessDenied",
+                                  "dropped a reply not sent by " + service_);
+    } else if (error != nullptr) {
+        call.error = *error;
+        if (isOfBus) {
+            connection_.reportIfLost(*error);
+        }
+    } else {
+        call.reply = reply;
+    }
 }
 
 } // namespace Common

@@ -319,7 +319,7 @@ Common::UniqueFd Platform::openLog(const std::string& program) const {
 
 std::unique_ptr<Common::SignalSource> Platform::expect(const std::string& name, Common::BusConnection& bus) {
     missing_.insert(name);
-    return std::make_unique<Common::SignalSource>(bus.bus(), name, [this, name] { missing_.erase(name); });
+    return std::make_unique<Common::SignalSource>(bus, name, [this, name] { missing_.erase(name); });
 }
 
 void Platform::waitForNames() {

@@ -2,6 +2,8 @@
 
 #include "common/Spawn.h"
 
+#include <asio/posix/stream_descriptor.hpp>
+
 namespace Devkit {
 
 void postWhenEnded(Common::BusConnection& bus, pid_t process, Task task) {
