@@ -121,6 +121,15 @@ TEST_F(AController, LimitsTheNumberOfOperations) {
     EXPECT_EQ(stored.front().id(), completed[1].id()) << "the oldest goes first";
 }
 
+TEST_F(AController, LimitsTheNumberOfRestarts) {
+    auto& control = controller.launchControl();
+    for (std::size_t count = 0; count <= Core::LaunchControl::maximumRestarts; ++count) {
+        const auto id = "a" + std::to_string(count);
+        EXPECT_THROW(driver.await(control.restartApplication(id, LoopDriver::soon())), sdbus::Error);
+    }
+    EXPECT_THAT(log.lines(), testing::Contains("WARN: dropped the oldest of too many restarts: a0"));
+}
+
 TEST(AControllerWithoutItsSubscription, IsNotMade) {
     const PrivateBuses buses("<limit name='max_match_rules_per_connection'>0</limit>");
     const auto result = run({VENDARA_DAEMON});
