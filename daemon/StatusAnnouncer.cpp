@@ -33,7 +33,8 @@ struct StatusAnnouncer::Batch {
 
 StatusAnnouncer::StatusAnnouncer(Common::BusConnection& session, Common::CallerIdentification& identification,
                                  Core::Controller& controller, Send send)
-    : loop_(session.loop())
+    : session_(session)
+    , loop_(session.loop())
     , identification_(identification)
     , controller_(controller)
     , send_(std::move(send))
@@ -110,6 +111,8 @@ asio::awaitable<void> StatusAnnouncer::announce(BatchPointer batch) {
         loop_.spawn("couldn't identify an initiator", identify(batch));
         co_await batch->identified.wait();
     }
+    co_await session_.awaitConnection(Common::TimePoint::clock::now() + Common::defaultTimeout);
+    const auto connection = session_.sharedBus();
     std::vector<Core::Operation> ends;
     for (const auto& operation : batch->operations) {
         if (sendOrStore(operation, *batch) && operation.isCompleted()) {
@@ -117,7 +120,7 @@ asio::awaitable<void> StatusAnnouncer::announce(BatchPointer batch) {
         }
     }
     if (!ends.empty()) {
-        co_await confirm(std::move(ends));
+        co_await confirm(std::move(ends), connection);
     }
 }
 
@@ -143,7 +146,9 @@ bool StatusAnnouncer::sendOrStore(const Core::Operation& operation, const Batch&
             send_(operation);
             return true;
         } catch (const sdbus::Error& error) {
-            warnNotSent(error.getMessage());
+            if (session_.isConnected(session_.sharedBus())) { // otherwise the loss is logged
+                warnNotSent(error.getMessage());
+            }
         }
     }
     if (operation.isCompleted()) {
@@ -153,8 +158,8 @@ bool StatusAnnouncer::sendOrStore(const Core::Operation& operation, const Batch&
 }
 
 // The name may have left before the signals reached the bus.
-asio::awaitable<void> StatusAnnouncer::confirm(std::vector<Core::Operation> ends) {
-    const bool wereSent = co_await isOnBus(ends.front().initiator().busName());
+asio::awaitable<void> StatusAnnouncer::confirm(std::vector<Core::Operation> ends, Connection sentOn) {
+    const bool wereSent = co_await isOnBus(ends.front().initiator().busName(), std::move(sentOn));
     for (const auto& operation : ends) {
         if (wereSent) {
             controller_.reported(operation);
@@ -165,11 +170,11 @@ asio::awaitable<void> StatusAnnouncer::confirm(std::vector<Core::Operation> ends
 }
 
 // The bus handles messages in order, so its reply means that all signals sent before were delivered.
-asio::awaitable<bool> StatusAnnouncer::isOnBus(std::string busName) {
+asio::awaitable<bool> StatusAnnouncer::isOnBus(std::string busName, Connection sentOn) {
     try {
         const auto [isOwned] =
             co_await bus_.call<bool>(MessageBus::nameHasOwner, Common::defaultTimeout, busName);
-        co_return isOwned;
+        co_return (isOwned && session_.isConnected(sentOn));
     } catch (const sdbus::Error&) {
         co_return false;
     }

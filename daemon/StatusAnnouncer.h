@@ -19,6 +19,7 @@ class StatusAnnouncer {
 public:
     /// Sends one status to the initiator's bus name. Throws sdbus::Error.
     using Send = std::function<void(const Core::Operation&)>;
+    using Connection = std::shared_ptr<sdbus::IConnection>;
 
     /// The first three must outlive this object.
     /// @param controller  is informed whether the end of an operation was reported
@@ -42,8 +43,8 @@ public:
     void hurry();
 
     /// Whether the unique name is still on the bus; then all messages sent to it before have arrived. False
-    /// also if the bus does not reply.
-    [[nodiscard]] asio::awaitable<bool> isOnBus(std::string busName);
+    /// also if the bus does not reply or the connection that they were sent on was lost.
+    [[nodiscard]] asio::awaitable<bool> isOnBus(std::string busName, Connection sentOn);
 
 private:
     // Statuses of one initiator that share an identification: all that were added before it was requested.
@@ -54,10 +55,11 @@ private:
     asio::awaitable<void> announce(BatchPointer batch);
     asio::awaitable<void> identify(BatchPointer batch);
     bool sendOrStore(const Core::Operation& operation, const Batch& batch);
-    asio::awaitable<void> confirm(std::vector<Core::Operation> ends);
+    asio::awaitable<void> confirm(std::vector<Core::Operation> ends, Connection sentOn);
     static asio::awaitable<void> flushed(std::vector<BatchPointer> batches);
     [[nodiscard]] std::vector<BatchPointer> batches(const std::function<bool(const Batch&)>& isMeant) const;
 
+    Common::BusConnection& session_;
     Common::Loop& loop_;
     Common::CallerIdentification& identification_;
     Core::Controller& controller_;

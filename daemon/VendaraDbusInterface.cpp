@@ -8,6 +8,7 @@
 #include "common/PlatformFacts.h"
 #include "common/rpm/PackageLayout.h"
 #include "common/rpm/Reader.h"
+#include "daemon/Vendara_adaptor.h"
 
 #include <algorithm>
 #include <climits>
@@ -109,75 +110,107 @@ std::vector<Common::OperationRecord> recordsOf(const std::vector<Core::Operation
 
 } // namespace
 
+class VendaraDbusInterface::Adaptor final : private sdbus::AdaptorInterfaces<norvane::Vendara_adaptor> {
+public:
+    explicit Adaptor(VendaraDbusInterface& service)
+        : AdaptorInterfaces(service.session_.bus(), service.objectPath_)
+        , service_(service) {
+        registerAdaptor();
+    }
+    ~Adaptor() { unregisterAdaptor(); }
+    Adaptor(const Adaptor&) = delete;
+    Adaptor& operator=(const Adaptor&) = delete;
+
+    using AdaptorInterfaces::getObject;
+
+private:
+    void Install(sdbus::Result<Common::WireOperation>&& result, std::string packagePath) override;
+    void Remove(sdbus::Result<Common::WireOperation>&& result, std::string packageID) override;
+    void GetAllProperties(sdbus::Result<Properties>&& result) override;
+    void Start(sdbus::Result<>&& result, std::string packageID) override;
+    void Restart(sdbus::Result<>&& result, std::string packageID) override;
+
+    VendaraDbusInterface& service_;
+};
+
 VendaraDbusInterface::VendaraDbusInterface(Common::BusConnection& session, std::string objectPath)
-    : AdaptorInterfaces(session.bus(), std::move(objectPath))
-    , session_(session)
+    : session_(session)
     , loop_(session.loop())
+    , objectPath_(std::move(objectPath))
     , controller_(session)
     , identification_(session)
     , announcer_(session, identification_, controller_,
                  [this](const Core::Operation& operation) { sendOperationStatus(operation); })
     , requests_(loop_)
-    , relays_(loop_) {
-    registerAdaptor();
+    , relays_(loop_)
+    , adaptor_(std::make_unique<Adaptor>(*this)) {
     relayPackageSignals();
     loop_.onTermination([this] { loop_.spawn("couldn't shut down", end()); });
 }
 
-VendaraDbusInterface::~VendaraDbusInterface() { unregisterAdaptor(); }
+VendaraDbusInterface::~VendaraDbusInterface() = default;
 
-void VendaraDbusInterface::Install(OperationResult&& result, std::string packagePath) {
-    accept(std::move(result), {"Failed to retrieve id from the rpm package", noInitiator}, [&] {
-        requireRunning();
+void VendaraDbusInterface::exportAnew() {
+    adaptor_.reset();
+    adaptor_ = std::make_unique<Adaptor>(*this);
+}
+
+void VendaraDbusInterface::Adaptor::Install(sdbus::Result<Common::WireOperation>&& result,
+                                            std::string packagePath) {
+    service_.accept(std::move(result), {"Failed to retrieve id from the rpm package", noInitiator}, [&] {
+        service_.requireRunning();
         if (packagePath.size() >= PATH_MAX || !packagePath.starts_with('/')) {
             throw Common::Error(Common::ErrorCode::FileNotFound,
                                 "the package's path is not absolute, or too long");
         }
-        return [this, packagePath](OperationResult& reply, Request request) {
-            return install(reply, std::move(request), packagePath);
+        return [&service = service_, packagePath](OperationReply& reply, Request request) {
+            return service.install(reply, std::move(request), packagePath);
         };
     });
 }
 
-void VendaraDbusInterface::Remove(OperationResult&& result, std::string packageID) {
-    accept(std::move(result), {"Failed to remove package", noList}, [&] {
-        requireRunning();
+void VendaraDbusInterface::Adaptor::Remove(sdbus::Result<Common::WireOperation>&& result,
+                                           std::string packageID) {
+    service_.accept(std::move(result), {"Failed to remove package", noList}, [&] {
+        service_.requireRunning();
         if (!Common::isPackageId(packageID)) {
             Common::logError() << "couldn't find package: " << packageID.substr(0, NAME_MAX);
             throw refusal("The package does not exist");
         }
-        return [this, packageID](OperationResult& reply, Request request) {
-            return remove(reply, std::move(request), packageID);
+        return [&service = service_, packageID](OperationReply& reply, Request request) {
+            return service.remove(reply, std::move(request), packageID);
         };
     });
 }
 
-void VendaraDbusInterface::GetAllProperties(sdbus::Result<Properties>&& result) {
-    accept(std::move(result), {"Failed to retrieve properties", noInitiator}, [&] {
-        return [this](sdbus::Result<Properties>& reply, Request request) {
-            return getAllProperties(reply, std::move(request));
+void VendaraDbusInterface::Adaptor::GetAllProperties(sdbus::Result<Properties>&& result) {
+    service_.accept(std::move(result), {"Failed to retrieve properties", noInitiator}, [&] {
+        return [&service = service_](Reply<Properties>& reply, Request request) {
+            return service.getAllProperties(reply, std::move(request));
         };
     });
 }
 
-void VendaraDbusInterface::Start(sdbus::Result<>&& result, std::string packageID) {
-    acceptLaunch(std::move(result), {"Failed to start application", "Failed to start application"}, packageID,
-                 &Core::LaunchControl::startApplication);
+void VendaraDbusInterface::Adaptor::Start(sdbus::Result<>&& result, std::string packageID) {
+    service_.acceptLaunch(std::move(result), {"Failed to start application", "Failed to start application"},
+                          packageID, &Core::LaunchControl::startApplication);
 }
 
-void VendaraDbusInterface::Restart(sdbus::Result<>&& result, std::string packageID) {
-    acceptLaunch(std::move(result), {"Failed to restart application", "Failed to terminate application"},
-                 packageID, &Core::LaunchControl::restartApplication);
+void VendaraDbusInterface::Adaptor::Restart(sdbus::Result<>&& result, std::string packageID) {
+    service_.acceptLaunch(std::move(result),
+                          {"Failed to restart application", "Failed to terminate application"}, packageID,
+                          &Core::LaunchControl::restartApplication);
 }
 
 // Called by the bus library, so no exception may escape. A request that fails the check or exceeds a limit is
 // refused at once.
-template<typename Result, typename Check>
-void VendaraDbusInterface::accept(Result&& result, Texts texts, const Check& check) {
-    std::shared_ptr<std::decay_t<Result>> reply;
+template<typename... Results, typename Check>
+void VendaraDbusInterface::accept(sdbus::Result<Results...>&& result, Texts texts, const Check& check) {
+    std::shared_ptr<Reply<Results...>> reply;
     try {
-        reply = std::make_shared<std::decay_t<Result>>(std::forward<Result>(result));
-        const auto* message = getObject().getCurrentlyProcessedMessage();
+        reply =
+            std::make_shared<Reply<Results...>>(Reply<Results...>{session_.sharedBus(), std::move(result)});
+        const auto* message = adaptor_->getObject().getCurrentlyProcessedMessage();
         if (message == nullptr) {
             throw Common::Error(Common::ErrorCode::Internal, "couldn't retrieve currently processed message");
         }
@@ -200,15 +233,18 @@ void VendaraDbusInterface::acceptLaunch(sdbus::Result<>&& result, Texts texts, c
     accept(std::move(result), texts, [&] {
         requireRunning();
         Common::requirePackageId(packageID);
-        return [this, packageID, call](sdbus::Result<>& reply, Request request) {
+        return [this, packageID, call](Reply<>& reply, Request request) {
             return launch(reply, request.deadline, packageID, call);
         };
     });
 }
 
-template<typename Result, typename Handler>
-asio::awaitable<void> VendaraDbusInterface::answer(std::shared_ptr<Result> reply, Texts texts,
+template<typename... Results, typename Handler>
+asio::awaitable<void> VendaraDbusInterface::answer(std::shared_ptr<Reply<Results...>> reply, Texts texts,
                                                    Request request, Handler handler) {
+    if (!session_.isConnected(reply->bus)) {
+        co_return; // the caller has an error reply of the bus
+    }
     std::exception_ptr cause;
     try {
         if (TimePoint::clock::now() >= request.deadline) {
@@ -220,15 +256,17 @@ asio::awaitable<void> VendaraDbusInterface::answer(std::shared_ptr<Result> reply
     } catch (...) {
         cause = std::current_exception();
     }
-    if (cause) {
+    if (cause && session_.isConnected(reply->bus)) {
         refuse(*reply, cause, texts.failure);
     }
 }
 
-template<typename Result>
-void VendaraDbusInterface::refuse(const Result& reply, const std::exception_ptr& cause, const char* failure) {
-    Common::guarded("couldn't refuse a request",
-                    [&] { session_.send([&] { reply.returnError(refusalFor(cause, failure)); }); });
+template<typename... Results>
+void VendaraDbusInterface::refuse(const Reply<Results...>& reply, const std::exception_ptr& cause,
+                                  const char* failure) {
+    Common::guarded("couldn't refuse a request", [&] {
+        session_.send(reply.bus, [&] { reply.result.returnError(refusalFor(cause, failure)); });
+    });
 }
 
 void VendaraDbusInterface::requireRunning() const {
@@ -237,7 +275,7 @@ void VendaraDbusInterface::requireRunning() const {
     }
 }
 
-asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Request request,
+asio::awaitable<void> VendaraDbusInterface::install(OperationReply& reply, Request request,
                                                     std::string packagePath) {
     Core::Operation operation;
     // The three queries run at the same time.
@@ -257,11 +295,11 @@ asio::awaitable<void> VendaraDbusInterface::install(OperationResult& reply, Requ
         // The package is not installed, or that cannot be determined: the package manager decides.
         operation.setType(Core::OperationType::Install);
     }
-    const auto record = co_await enqueue(std::move(operation), request.deadline);
-    session_.send([&] { reply.returnResults(Common::toWire(record)); });
+    const auto record = co_await enqueue(std::move(operation), reply, request.deadline);
+    session_.send(reply.bus, [&] { reply.result.returnResults(Common::toWire(record)); });
 }
 
-asio::awaitable<void> VendaraDbusInterface::remove(OperationResult& reply, Request request,
+asio::awaitable<void> VendaraDbusInterface::remove(OperationReply& reply, Request request,
                                                    std::string packageID) {
     auto listing = controller_.packageManager().getPackageList(request.deadline);
     co_await findInstalledPackage(packageID, std::move(listing));
@@ -270,13 +308,12 @@ asio::awaitable<void> VendaraDbusInterface::remove(OperationResult& reply, Reque
     operation.setInitiator(initiator);
     operation.setPackageId(std::move(packageID));
     operation.setType(Core::OperationType::Remove);
-    const auto record = co_await enqueue(std::move(operation), request.deadline);
-    session_.send([&] { reply.returnResults(Common::toWire(record)); });
+    const auto record = co_await enqueue(std::move(operation), reply, request.deadline);
+    session_.send(reply.bus, [&] { reply.result.returnResults(Common::toWire(record)); });
 }
 
 // Taking the completed operations removes them, so they are taken last, when only the reply can still fail.
-asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Properties>& reply,
-                                                             Request request) {
+asio::awaitable<void> VendaraDbusInterface::getAllProperties(Reply<Properties>& reply, Request request) {
     auto listing = controller_.packageManager().getPackageList(request.deadline);
     const auto initiator = co_await determineInitiator(request.sender, request.deadline);
     Properties properties;
@@ -292,7 +329,7 @@ asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Prope
     auto completed = controller_.takeCompletedOperations(initiator);
     try {
         properties[Own::completedOperations] = recordsOf(completed);
-        session_.send([&] { reply.returnResults(properties); });
+        session_.send(reply.bus, [&] { reply.result.returnResults(properties); });
     } catch (...) {
         controller_.returnCompletedOperations(completed);
         throw;
@@ -300,17 +337,17 @@ asio::awaitable<void> VendaraDbusInterface::getAllProperties(sdbus::Result<Prope
     if (!completed.empty()) {
         // Queried before any later reply is sent, so a caller that has a later reply is known to have this
         // one.
-        const bool isReceived = co_await announcer_.isOnBus(request.sender);
+        const bool isReceived = co_await announcer_.isOnBus(request.sender, reply.bus);
         if (!isReceived) {
             controller_.returnCompletedOperations(completed);
         }
     }
 }
 
-asio::awaitable<void> VendaraDbusInterface::launch(sdbus::Result<>& reply, TimePoint deadline,
-                                                   std::string packageID, Launch call) {
+asio::awaitable<void> VendaraDbusInterface::launch(Reply<>& reply, TimePoint deadline, std::string packageID,
+                                                   Launch call) {
     co_await (controller_.launchControl().*call)(std::move(packageID), deadline);
-    session_.send([&] { reply.returnResults(); });
+    session_.send(reply.bus, [&] { reply.result.returnResults(); });
 }
 
 asio::awaitable<Common::CallerIdentity> VendaraDbusInterface::determineInitiator(std::string sender,
@@ -352,9 +389,13 @@ asio::awaitable<void> VendaraDbusInterface::findInstalledPackage(std::string id,
     }
 }
 
-// Replies come after the status Queued has been sent.
-asio::awaitable<Common::OperationRecord> VendaraDbusInterface::enqueue(Core::Operation operation,
-                                                                       TimePoint deadline) {
+// Replies come after the status Queued has been sent. A caller whose connection was lost has an error reply
+// of the bus.
+asio::awaitable<Common::OperationRecord>
+VendaraDbusInterface::enqueue(Core::Operation operation, const OperationReply& reply, TimePoint deadline) {
+    if (!session_.isConnected(reply.bus)) {
+        throw Common::Error(Common::ErrorCode::Internal, "the caller's connection was lost");
+    }
     requireRunning();
     if (controller_.isFull(operation.initiator())) {
         throw refusal("Too many operations are queued");
@@ -398,8 +439,9 @@ void VendaraDbusInterface::relay(const std::string& packageId, const std::string
     relays_.add(packageId, [this, packageId, signal, event, argument]() -> asio::awaitable<void> {
         co_await controller_.upgradeSettled(packageId);
         co_await announcer_.flushedEndsOf(packageId);
+        co_await session_.awaitConnection(TimePoint::clock::now() + Common::defaultTimeout);
         try {
-            auto message = getObject().createSignal(Own::interface, signal);
+            auto message = adaptor_->getObject().createSignal(Own::interface, signal);
             message << argument;
             session_.send([&] { message.send(); });
         } catch (const sdbus::Error&) {
@@ -409,7 +451,7 @@ void VendaraDbusInterface::relay(const std::string& packageId, const std::string
 }
 
 void VendaraDbusInterface::sendOperationStatus(const Core::Operation& operation) {
-    auto message = getObject().createSignal(Own::interface, Own::operationStatusChanged);
+    auto message = adaptor_->getObject().createSignal(Own::interface, Own::operationStatusChanged);
     message << operation.record();
     message.setDestination(operation.initiator().busName());
     session_.send([&] { message.send(); });

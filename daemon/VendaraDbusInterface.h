@@ -5,11 +5,11 @@
 #include "common/bus/WireTypes.h"
 #include "core/Controller.h"
 #include "daemon/StatusAnnouncer.h"
-#include "daemon/Vendara_adaptor.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,7 +21,7 @@ namespace Daemon {
 /// requestLimit. The requests of one connection are processed in order; those of different connections do not
 /// wait for each other. The package manager's signals about one package are relayed in order, an upgrade
 /// after the last status of the operations that it completes. Loop's thread only.
-class VendaraDbusInterface final : private sdbus::AdaptorInterfaces<norvane::Vendara_adaptor> {
+class VendaraDbusInterface {
 public:
     /// Creates the controller and exports the interface; blocks for the buses. After the first SIGTERM or
     /// SIGINT requests are refused. The loop is stopped when the running operation has ended, the queued ones
@@ -33,52 +33,57 @@ public:
     VendaraDbusInterface(const VendaraDbusInterface&) = delete;
     VendaraDbusInterface& operator=(const VendaraDbusInterface&) = delete;
 
+    /// Exports the interface on the session's new connection instead of the lost one, whose requests get no
+    /// replies. Throws as the constructor does.
+    void exportAnew();
+
     /// Less than the 25 s that clients' bus libraries wait for a reply.
     static constexpr std::chrono::seconds requestLimit{24};
     /// Maximum number of waiting requests of one connection.
     static constexpr std::size_t maximumRequests = 20000;
 
 private:
+    class Adaptor;
     using Properties = std::map<std::string, sdbus::Variant>;
     using PackageListing = asio::awaitable<Core::ZulProxy::PackageList>;
-    using OperationResult = sdbus::Result<Common::WireOperation>;
+    template<typename... Results>
+    struct Reply {
+        std::shared_ptr<sdbus::IConnection> bus; // outlives the result's message
+        sdbus::Result<Results...> result;
+    };
+    using OperationReply = Reply<Common::WireOperation>;
     struct Request {
         std::string sender;
         Common::TimePoint deadline;
     };
-
-    void Install(OperationResult&& result, std::string packagePath) override;
-    void Remove(OperationResult&& result, std::string packageID) override;
-    void GetAllProperties(sdbus::Result<Properties>&& result) override;
-    void Start(sdbus::Result<>&& result, std::string packageID) override;
-    void Restart(sdbus::Result<>&& result, std::string packageID) override;
 
     using Launch = asio::awaitable<void> (Core::LaunchControl::*)(std::string, Common::TimePoint);
     struct Texts {
         const char* failure; ///< for what has no text of its own
         const char* late; ///< for a request that waited for earlier ones of its connection until its deadline
     };
-    template<typename Result, typename Check>
-    void accept(Result&& result, Texts texts, const Check& check);
+    template<typename... Results, typename Check>
+    void accept(sdbus::Result<Results...>&& result, Texts texts, const Check& check);
     void acceptLaunch(sdbus::Result<>&& result, Texts texts, const std::string& packageID, Launch call);
-    template<typename Result, typename Handler>
-    asio::awaitable<void> answer(std::shared_ptr<Result> reply, Texts texts, Request request,
+    template<typename... Results, typename Handler>
+    asio::awaitable<void> answer(std::shared_ptr<Reply<Results...>> reply, Texts texts, Request request,
                                  Handler handler);
-    template<typename Result>
-    void refuse(const Result& reply, const std::exception_ptr& cause, const char* failure);
+    template<typename... Results>
+    void refuse(const Reply<Results...>& reply, const std::exception_ptr& cause, const char* failure);
     void requireRunning() const;
 
-    asio::awaitable<void> install(OperationResult& reply, Request request, std::string packagePath);
-    asio::awaitable<void> remove(OperationResult& reply, Request request, std::string packageID);
-    asio::awaitable<void> getAllProperties(sdbus::Result<Properties>& reply, Request request);
-    asio::awaitable<void> launch(sdbus::Result<>& reply, Common::TimePoint deadline, std::string packageID,
+    asio::awaitable<void> install(OperationReply& reply, Request request, std::string packagePath);
+    asio::awaitable<void> remove(OperationReply& reply, Request request, std::string packageID);
+    asio::awaitable<void> getAllProperties(Reply<Properties>& reply, Request request);
+    asio::awaitable<void> launch(Reply<>& reply, Common::TimePoint deadline, std::string packageID,
                                  Launch call);
     asio::awaitable<Common::CallerIdentity> determineInitiator(std::string sender,
                                                                Common::TimePoint deadline);
     // Packages with incomplete properties are omitted and logged.
     static asio::awaitable<std::vector<Common::PackageRecord>> installedPackages(PackageListing listing);
     static asio::awaitable<void> findInstalledPackage(std::string id, PackageListing listing);
-    asio::awaitable<Common::OperationRecord> enqueue(Core::Operation operation, Common::TimePoint deadline);
+    asio::awaitable<Common::OperationRecord> enqueue(Core::Operation operation, const OperationReply& reply,
+                                                     Common::TimePoint deadline);
 
     void relayPackageSignals();
     void relayPackage(const std::string& signal, const std::string& event,
@@ -92,12 +97,14 @@ private:
 
     Common::BusConnection& session_;
     Common::Loop& loop_;
+    std::string objectPath_;
     Core::Controller controller_;
     Common::CallerIdentification identification_;
     StatusAnnouncer announcer_;
     Common::Lanes requests_; // by unique name of the caller
     Common::Lanes relays_;   // by package
     bool isEnding_ = false;
+    std::unique_ptr<Adaptor> adaptor_;
 };
 
 } // namespace Daemon

@@ -1,6 +1,9 @@
 #include "common/LogLine.h"
 #include "common/Names.h"
+#include "daemon/SessionBus.h"
 #include "daemon/VendaraDbusInterface.h"
+
+#include <systemd/sd-daemon.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -12,21 +15,19 @@ namespace {
 
 namespace Own = Common::Names::Vendara;
 
-std::shared_ptr<sdbus::IConnection> connectToSessionBus() {
-    std::shared_ptr<sdbus::IConnection> connection;
-    try {
-        connection = sdbus::createSessionBusConnection();
-    } catch (const sdbus::Error& error) {
-        throw sdbus::Error(error.getName(), "couldn't connect to the session bus: " + error.getMessage());
-    }
-    connection->requestName(Own::service);
-    return connection;
-}
-
 int fail(const std::string& message) {
     Common::logError() << "couldn't register service: " << Own::service;
     Common::logError() << message;
     return EXIT_FAILURE;
+}
+
+// When the bus is gone the process ends at once: further failures would only add log lines.
+std::shared_ptr<sdbus::IConnection> reconnect(const Daemon::SessionBus& bus) {
+    try {
+        return bus.reconnect();
+    } catch (const Daemon::SessionBus::Gone& error) {
+        std::_Exit(fail(error.what()));
+    }
 }
 
 // Clients may attach descriptors to requests. The soft limit is low only for programs that use select(2).
@@ -58,12 +59,19 @@ void dropPagesOfStartUp() {
 
 int serve() {
     raiseDescriptorLimit();
-    const auto connection = connectToSessionBus(); // first: coroutines that never end hold messages of it
+    auto connection = Daemon::SessionBus::connect();
+    const Daemon::SessionBus bus(*connection);
     Common::Loop loop;
-    // Exits at once: further failures caused by the loss would only add log lines.
-    Common::BusConnection session(loop, connection,
-                                  [](const sdbus::Error& error) { std::_Exit(fail(error.getMessage())); });
-    const Daemon::VendaraDbusInterface service(session, Own::objectPath);
+    std::string loss;
+    Common::BusConnection session(loop, std::move(connection),
+                                  [&](const sdbus::Error& error) { loss = error.getMessage(); });
+    Daemon::VendaraDbusInterface service(session, Own::objectPath);
+    session.reconnectWith([bus] { return reconnect(bus); },
+                          [&] {
+                              service.exportAnew();
+                              Common::logWarning() << "reconnected to the session bus: " << loss;
+                          });
+    sd_notify(0, "READY=1");
     dropPagesOfStartUp();
     try {
         loop.run();

@@ -157,6 +157,30 @@ TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineWithoutDelayingOthers) 
     EXPECT_EQ(client.errorOf("Start", "a"), "");
 }
 
+// The sender that the bus adds makes the message longer than the bus library accepts, which then gives the
+// connection up.
+TEST_F(AnAttacker, CannotEndTheServiceWithTheLongestMessageOfTheBus) {
+    constexpr std::size_t otherBytes = 133;
+    const std::string longest((1UL << 27U) - otherBytes, 'x');
+    const auto running = beginInstallation(client);
+    for (int round = 1; round <= 2; ++round) {
+        Client starter;
+        runtime.hold("InvokeIntent");
+        auto start = std::async(std::launch::async, [&] { return starter.errorOf("Start", "b"); });
+        ASSERT_TRUE(runtime.waitForCalls("InvokeIntent", static_cast<std::size_t>(round)));
+        EXPECT_THAT(Client().errorOf("Start", longest), HasSubstr("NoReply"));
+        EXPECT_THAT(start.get(), HasSubstr("NoReply"));
+        runtime.hold("InvokeIntent", false);
+        EXPECT_TRUE(runtime.answer("InvokeIntent"));
+        EXPECT_TRUE(waitForService());
+        EXPECT_THAT(starter.operations(), IsEmpty());
+    }
+    zul.letGo();
+    EXPECT_TRUE(client.waitForStatus(running, 100));
+    EXPECT_THAT(daemon->output(), testing::ContainsRegex("WARN: reconnected to the session bus: .*"
+                                                         "WARN: reconnected to the session bus: "));
+}
+
 TEST_F(AnAttacker, ThatLeavesAtTheEndOfAnOperationGetsTheResultLater) {
     std::optional<Client> leaver(std::in_place);
     const auto name = leaver->busName();

@@ -5,6 +5,10 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
+#include <asio/buffer.hpp>
+#include <asio/io_context.hpp>
+#include <asio/local/datagram_protocol.hpp>
 #include <csignal>
 #include <regex>
 #include <sstream>
@@ -56,6 +60,19 @@ TEST_F(TheService, ImplementsExactlyTheInterfaceOfItsXml) {
     daemon.signal(SIGTERM);
     EXPECT_EQ(daemon.wait(), 0);
     EXPECT_EQ(daemon.output(), "");
+}
+
+TEST_F(TheService, NotifiesTheServiceManagerWhenItCanBeCalled) {
+    const Testbed::ScratchDirectory scratch;
+    const auto path = scratch.path() / "notify";
+    asio::io_context context;
+    asio::local::datagram_protocol::socket manager(context, path.string());
+    const Testbed::Process daemon({VENDARA_DAEMON}, {.environment = {{"NOTIFY_SOCKET", path}}});
+    ASSERT_TRUE(Testbed::waitUntil([&] { return manager.available() > 0; })) << daemon.output();
+    std::array<char, 64> message{};
+    const auto size = manager.receive(asio::buffer(message));
+    EXPECT_EQ(std::string(message.data(), size), "READY=1");
+    EXPECT_TRUE(Testbed::isServiceThere());
 }
 
 TEST_F(TheService, RunsOnlyOnce) {
