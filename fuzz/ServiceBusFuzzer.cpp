@@ -1,5 +1,6 @@
 #include "common/Names.h"
 #include "common/bus/Loop.h"
+#include "daemon/SessionBus.h"
 #include "daemon/VendaraDbusInterface.h"
 #include "fuzz/BusMessages.h"
 #include "testbed/CraftedPackage.h"
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <poll.h>
+#include <sys/socket.h>
 
 namespace {
 
@@ -86,6 +88,7 @@ public:
         : input_(input)
         , values_(input) {
         world().round = this;
+        session_.reconnectWith([this] { return bus_.reconnect(); }, [this] { service_.exportAnew(); });
         takeNames();
     }
     ~Round() { world().round = nullptr; }
@@ -102,6 +105,9 @@ public:
 
     /// A peer is called.
     void answer(sd_bus_message* call) {
+        if (!isHonest_ && input_.ConsumeBool()) {
+            reply(call, input_.ConsumeBool(), world().client.get()); // a stranger, too
+        }
         const int kind = isHonest_ ? 0 : input_.ConsumeIntegralInRange(0, 7);
         if (kind == 7) {
             held_.emplace_back(sd_bus_message_ref(call));
@@ -120,7 +126,10 @@ private:
     }
 
     void step() {
-        switch (input_.ConsumeIntegralInRange(0, 5)) {
+        switch (input_.ConsumeIntegralInRange(-1, 5)) {
+        case -1:
+            closeSession();
+            break;
         case 0:
             restartPeer();
             break;
@@ -132,6 +141,14 @@ private:
             break;
         default:
             callService();
+        }
+    }
+
+    /// As if the bus had.
+    void closeSession() {
+        if (session_.isConnected(session_.sharedBus())) {
+            closed_ = session_.sharedBus();
+            shutdown(closed_->getEventLoopPollData().fd, SHUT_RDWR);
         }
     }
 
@@ -229,7 +246,8 @@ private:
         return sd_bus_interface_name_is_valid(name.c_str()) > 0 ? name : "norvane.ZUL.Error.Internal";
     }
 
-    void reply(sd_bus_message* call, bool isHonest) {
+    void reply(sd_bus_message* call, bool isHonest) { reply(call, isHonest, sd_bus_message_get_bus(call)); }
+    void reply(sd_bus_message* call, bool isHonest, sd_bus* from) {
         const std::string method = sd_bus_message_get_member(call);
         const auto* types = method == Names::Zul::getPackageList                 ? "aa{ss}"
                             : method == Names::Identification::identifyByBusName ? "ss"
@@ -242,7 +260,7 @@ private:
         } else {
             values_.write(made, types);
         }
-        sd_bus_send(sd_bus_message_get_bus(call), made, nullptr);
+        sd_bus_send(from, made, nullptr);
     }
 
     bool handle() {
@@ -274,6 +292,9 @@ private:
     void finish() {
         isHonest_ = true;
         takeNames();
+        while (session_.sharedBus() == closed_) {
+            settle(0);
+        }
         for (const auto& call : held_) {
             reply(call.get(), true);
         }
@@ -307,13 +328,10 @@ private:
     bool isHonest_ = false;
     std::string systemName_;
     std::vector<Message> held_;
-    std::shared_ptr<sdbus::IConnection> connection_ = [] {
-        std::shared_ptr<sdbus::IConnection> connection = sdbus::createSessionBusConnection();
-        connection->requestName(Names::Vendara::service);
-        return connection;
-    }();
+    std::shared_ptr<sdbus::IConnection> closed_;
     Common::Loop loop_;
-    Common::BusConnection session_{loop_, connection_, [](const sdbus::Error&) { std::abort(); }};
+    Common::BusConnection session_{loop_, Daemon::SessionBus::connect(), [](const sdbus::Error&) {}};
+    Daemon::SessionBus bus_{session_.bus()};
     Daemon::VendaraDbusInterface service_{session_, Names::Vendara::objectPath};
 };
 
