@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <regex>
+
 namespace Testbed {
 
 /// Expects each member of a JSON text, at every depth, in the manual of vendaractl.
@@ -15,10 +17,8 @@ inline void expectDocumented(const nlohmann::json& value) {
     }
     for (const auto& [key, member] : value.items()) {
         if (value.is_object()) {
-            const auto line = "\n.Ql " + key;
-            EXPECT_TRUE(manual.find(line + "\n") != std::string::npos ||
-                        manual.find(line + " ") != std::string::npos)
-                << key;
+            const std::regex line("\n\\.Va ([^\n]* )?" + key + "[ \n]");
+            EXPECT_TRUE(std::regex_search(manual, line)) << key;
         }
         expectDocumented(member);
     }
