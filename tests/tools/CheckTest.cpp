@@ -1,12 +1,10 @@
 #include "testbed/Process.h"
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
-#include "tests/tools/Manual.h"
+#include "tests/tools/JsonOutput.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
-
-#include <sstream>
 
 namespace {
 
@@ -82,18 +80,6 @@ protected:
     const ScratchDirectory scratch;
     const std::filesystem::path system = scratch.path() / "system";
 };
-
-/// What is on standard output with --json, without the log on standard error.
-std::vector<Json> objectsOf(const std::string& output) {
-    std::vector<Json> objects;
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.starts_with('{')) {
-            objects.push_back(Json::parse(line));
-        }
-    }
-    return objects;
-}
 
 TEST_F(Check, ShowsTheSignersAndWhenTheirCertificatesExpire) {
     makePackage("app.rpm", {.files = {{"/usr/bin/tool", "12345"}}}, "keys/system-developer");

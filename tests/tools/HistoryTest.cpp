@@ -1,10 +1,9 @@
 #include "testbed/Process.h"
 #include "tests/core/zul/DatabaseTest.h"
-#include "tests/tools/Manual.h"
+#include "tests/tools/JsonOutput.h"
 
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <climits>
 #include <sched.h>
 #include <sstream>
@@ -138,13 +137,13 @@ TEST_F(History, ShowsWhatTheDatabaseDidWithEachPackage) {
         expected += times + line + "\n";
     }
     EXPECT_THAT(table.output, MatchesRegex(expected));
-    const auto json = history({"other", "--json", "--directory", journal});
-    const auto first = Json::parse(json.output.substr(0, json.output.find('\n')));
+    const auto objects = objectsOf(history({"other", "--json", "--directory", journal}).output);
+    ASSERT_EQ(objects.size(), 2);
+    const auto& first = objects[0];
     EXPECT_THAT(first["time"].get<std::string>(), MatchesRegex("2026-11-22T11:30:[0-9][0-9].05:30"));
     EXPECT_EQ(first["event"], "PackageInstalled");
     expectDocumented(first);
     EXPECT_EQ(first["version"], "5-1");
-    EXPECT_EQ(std::count(json.output.begin(), json.output.end(), '\n'), 2);
 }
 
 TEST_F(History, EscapesControlCharactersOfEntries) {

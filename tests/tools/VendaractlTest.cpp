@@ -5,14 +5,13 @@
 #include "testbed/ScriptedPeers.h"
 #include "testbed/ScriptedService.h"
 #include "testbed/WaitUntil.h"
-#include "tests/tools/Manual.h"
+#include "tests/tools/JsonOutput.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <csignal>
-#include <sstream>
 
 namespace {
 
@@ -306,12 +305,10 @@ TEST_F(Vendaractl, MonitorsPackagesAndEscapesControlCharacters) {
     EXPECT_TRUE(text->shows("removed gone\nthe service left the bus\n") && json->shows("ServiceLeft"));
     EXPECT_EQ(lastLine(json->output())["event"], "ServiceLeft");
     // The package of an event is its identifier, whatever the event.
-    std::istringstream lines(json->output());
-    for (std::string line; std::getline(lines, line);) {
-        const auto event = Json::parse(line);
+    for (const auto& event : objectsOf(json->output())) {
         expectDocumented(event);
-        EXPECT_TRUE(event["event"] == "ServiceLeft" || event["package"].is_string()) << line;
-        EXPECT_EQ(event["event"] == "PackageInstalled", event.contains("certificateId")) << line;
+        EXPECT_TRUE(event["event"] == "ServiceLeft" || event["package"].is_string()) << event;
+        EXPECT_EQ(event["event"] == "PackageInstalled", event.contains("certificateId")) << event;
     }
     text->signal(SIGTERM);
     EXPECT_EQ(text->wait(), 128 + SIGTERM);

@@ -6,8 +6,22 @@
 #include <nlohmann/json.hpp>
 
 #include <regex>
+#include <sstream>
 
 namespace Testbed {
+
+/// The JSON objects in the output of a tool, one a line; other lines, of the log on standard error, are left
+/// out.
+inline std::vector<nlohmann::json> objectsOf(const std::string& output) {
+    std::vector<nlohmann::json> objects;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with('{')) {
+            objects.push_back(nlohmann::json::parse(line));
+        }
+    }
+    return objects;
+}
 
 /// Expects each member of a JSON text, at every depth, in the manual of vendaractl.
 inline void expectDocumented(const nlohmann::json& value) {
