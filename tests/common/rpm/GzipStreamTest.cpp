@@ -6,7 +6,7 @@
 #include "testbed/RpmPackage.h"
 #include "testbed/ScratchDirectory.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -61,7 +61,7 @@ protected:
     std::string text;
 };
 
-TEST_F(AGzipStream, ReturnsItsContentAndIgnoresTrailingBytes) {
+TEST_F(AGzipStream, ReturnsTheContentOfAllMembersAndIgnoresTrailingBytes) {
     for (const auto* level : {"-1", "-9"}) {
         EXPECT_TRUE(contentOf(compressed(text, level) + "signature") == text) << level;
     }
@@ -71,6 +71,10 @@ TEST_F(AGzipStream, ReturnsItsContentAndIgnoresTrailingBytes) {
     }
     EXPECT_EQ(contentOf(compressed("x")), "x");
     EXPECT_EQ(contentOf(compressed("")), "");
+    const auto two = compressed(text) + compressed("") + compressed("second");
+    EXPECT_TRUE(contentOf(two + "signature") == text + "second");
+    EXPECT_TRUE(contentOf(two) == text + "second");
+    EXPECT_EQ(contentOf(compressed("text") + "\x1fno member"), "text");
 }
 
 TEST_F(AGzipStream, EndsBeforeDamagedBytes) {
@@ -87,9 +91,7 @@ TEST_F(AGzipStream, EndsBeforeDamagedBytes) {
 
 // The reader at the other end would decompress such a content again, without a limit.
 TEST_F(AGzipStream, RefusesContentThatIsItselfGzipData) {
-    Testbed::writeFile(scratch.path() / "twice", text);
-    ASSERT_EQ(Testbed::run({"gzip", scratch.path() / "twice"}).status, 0);
-    EXPECT_EQ(contentOf(compressed(Testbed::readFile(scratch.path() / "twice.gz"))), "");
+    EXPECT_EQ(contentOf(compressed(compressed(text))), "");
 }
 
 TEST_F(AGzipStream, CanBeAbandonedWhileAnotherProcessHasInheritedItsEnds) {
@@ -107,13 +109,6 @@ TEST_F(AGzipStream, CanBeAbandonedWhileAnotherProcessHasInheritedItsEnds) {
     } // would wait for ever for a thread whose writing nothing ends
     kill(heir, SIGKILL);
     EXPECT_EQ(waitpid(heir, nullptr, 0), heir);
-}
-
-TEST_F(AGzipStream, DecompressesAllMembers) {
-    const auto two = compressed(text) + compressed("") + compressed("second");
-    EXPECT_TRUE(contentOf(two + "signature") == text + "second");
-    EXPECT_TRUE(contentOf(two) == text + "second");
-    EXPECT_EQ(contentOf(compressed("text") + "\x1fno member"), "text");
 }
 
 /// Interrupts this process all the time with a signal that it handles.
