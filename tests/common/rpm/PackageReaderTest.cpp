@@ -216,8 +216,11 @@ TEST_F(PackageReader, LimitsTheHardLinksOfAFile) {
                 testing::ThrowsMessage<Common::Error>("the rpm package has a file with too many hard links"));
 }
 
-TEST_F(PackageReader, StartsNoProcessAndDoesNotAccessTheHomeDirectory) {
+TEST_F(PackageReader, StartsNoProcessAccessesNoHomeDirectoryAndLeavesNoDescriptorOpen) {
     const Testbed::LogCapture librpmsOwnLines;
+    const auto descriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    };
     const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", "x"}}});
     Testbed::writeFile(in("text.rpm"), "no package");
     auto damaged = Testbed::readFile(file);
@@ -225,11 +228,15 @@ TEST_F(PackageReader, StartsNoProcessAndDoesNotAccessTheHomeDirectory) {
     Testbed::writeFile(in("damaged.rpm"), damaged);
     fs::create_directory(in("home"));
     setenv("HOME", in("home").c_str(), 1);
-    const auto before = faultsOfChildren();
+    const auto faults = faultsOfChildren();
+    static_cast<void>(Reader(file.string()));
+    const auto before = descriptors();
     EXPECT_EQ(Reader(file.string()).getStringTag(RPMTAG_NAME), "com.example.app");
     expectNotRead(in("text.rpm"));
     expectNotRead(in("damaged.rpm"));
-    EXPECT_EQ(faultsOfChildren(), before);
+    expectNotOpened(in("."));
+    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(faultsOfChildren(), faults);
     EXPECT_TRUE(fs::is_empty(in("home")));
 }
 
@@ -270,21 +277,6 @@ TEST_F(PackageReader, ReloadsChangedMacrosAndLoadsUnchangedOnesOnce) {
     // What others have defined stays while nothing is loaded.
     rpmPushMacro(nullptr, "vendara_test", nullptr, "pushed", RMIL_CMDLINE);
     EXPECT_EQ(value(), "pushed");
-}
-
-TEST_F(PackageReader, LeavesNoDescriptorOpen) {
-    const Testbed::LogCapture librpmsOwnLines;
-    const auto descriptors = [] {
-        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    };
-    const auto file = Testbed::buildPackage(in("p"), {.files = {{"/usr/bin/tool", "x"}}});
-    Testbed::writeFile(in("text.rpm"), "no package");
-    static_cast<void>(Reader(file.string()));
-    const auto before = descriptors();
-    static_cast<void>(Reader(file.string()));
-    expectNotRead(in("text.rpm"));
-    expectNotOpened(in("."));
-    EXPECT_EQ(descriptors(), before);
 }
 
 } // namespace
