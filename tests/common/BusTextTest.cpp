@@ -6,25 +6,16 @@
 namespace {
 
 // What the bus library takes is what counts, so it is asked.
-bool isTakenByTheBus(const std::string& text) {
-    try {
-        static_cast<void>(sdbus::Variant(text));
-        return true;
-    } catch (const sdbus::Error&) {
-        return false;
-    }
-}
-
 TEST(ABusText, IsATextThatTheBusAccepts) {
     for (const std::string text :
          {"", "plain", "\xc3\x84", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xef\xb7\x8f"}) {
         EXPECT_TRUE(Common::isBusText(text)) << text;
-        EXPECT_TRUE(isTakenByTheBus(text)) << text;
+        EXPECT_NO_THROW(static_cast<void>(sdbus::Variant(text))) << text;
     }
     for (const std::string text : {"\x80", "\xc0\xaf", "\xc3", "\xed\xa0\x80", "\xf4\x90\x80\x80",
                                    "a\xef\xbf\xbe", "\xef\xb7\x90", "\xf4\x8f\xbf\xbf", "\xff"}) {
         EXPECT_FALSE(Common::isBusText(text)) << testing::PrintToString(text);
-        EXPECT_FALSE(isTakenByTheBus(text)) << testing::PrintToString(text);
+        EXPECT_THROW(static_cast<void>(sdbus::Variant(text)), sdbus::Error) << testing::PrintToString(text);
     }
 }
 
