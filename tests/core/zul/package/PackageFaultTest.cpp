@@ -7,33 +7,29 @@
 
 namespace Testbed {
 
-namespace {
-
-/// Runs an action that may fail for a fault, but not with a verdict on the package. Throws something else
-/// than Common::Error for that.
-template<typename Action>
-void withoutVerdict(const Action& action) {
-    // For failed reads whose reason the interface of a library does not give: libpkgverify's twice, librpm's
-    // when the same place can be read again.
-    const auto librariesOwn = {
-        "couldn't open file for reading cmses", "package is signed with a non-legal key",
-        "couldn't read payload of rpm package: ", "couldn't read content from rpm package"};
-    try {
-        action();
-    } catch (const Common::Error& error) {
-        const std::string text = error.what();
-        const bool isFault = error.code() == ErrorCode::Filesystem || error.code() == ErrorCode::Internal;
-        if (!isFault && std::none_of(librariesOwn.begin(), librariesOwn.end(),
-                                     [&](const char* message) { return text.starts_with(message); })) {
-            throw std::runtime_error("a verdict: " + text);
+class Packages : public SignedPackage {
+protected:
+    /// Unpacks a package. It may fail for a fault, but not with a verdict on the package; throws something
+    /// else than Common::Error for that.
+    void unpackWithoutVerdict(const fs::path& file) const {
+        // For failed reads whose reason the interface of a library does not give: libpkgverify's twice,
+        // librpm's when the same place can be read again.
+        const auto librariesOwn = {
+            "couldn't open file for reading cmses", "package is signed with a non-legal key",
+            "couldn't read payload of rpm package: ", "couldn't read content from rpm package"};
+        try {
+            Package::fromFile(file, authorities).extract(file, destination, [](auto&&...) { return 0; });
+        } catch (const Common::Error& error) {
+            const std::string text = error.what();
+            const bool isFault = error.code() == ErrorCode::Filesystem || error.code() == ErrorCode::Internal;
+            if (!isFault && std::none_of(librariesOwn.begin(), librariesOwn.end(),
+                                         [&](const char* message) { return text.starts_with(message); })) {
+                throw std::runtime_error("a verdict: " + text);
+            }
+            throw;
         }
-        throw;
     }
-}
-
-} // namespace
-
-using Packages = SignedPackage;
+};
 
 TEST_F(Packages, AreRefusedWithAnErrorOrUnpackedWholeWhenACallFails) {
     for (const std::string payload : {"w3.gzdio", "w3.xzdio", "w3.zstdio"}) {
@@ -42,17 +38,12 @@ TEST_F(Packages, AreRefusedWithAnErrorOrUnpackedWholeWhenACallFails) {
                                                    {"/usr/bin/tool", "x", "0755"},
                                                    {"/etc/tool.conf", std::string(100000, 'c')}},
                                          .payload = payload});
-        const auto unpack = [&] {
-            withoutVerdict([&] {
-                Package::fromFile(file, authorities).extract(file, destination, [](auto&&...) { return 0; });
-            });
-        };
         // Also for what libraries read once: libgcrypt ends the process when it cannot.
-        unpack();
+        unpackWithoutVerdict(file);
         const auto whole = digestOfTree(destination);
         forEachFault(41, [&](const Fault& fault, unsigned point) {
             fs::remove_all(destination);
-            const auto [end, wasMet] = runWithFault(point, fault, unpack);
+            const auto [end, wasMet] = runWithFault(point, fault, [&] { unpackWithoutVerdict(file); });
             if (end == End::Finished) {
                 EXPECT_EQ(digestOfTree(destination), whole);
             }
@@ -63,18 +54,15 @@ TEST_F(Packages, AreRefusedWithAnErrorOrUnpackedWholeWhenACallFails) {
 
 TEST_F(Packages, AreNotJudgedWhenACallThatReadsThemFails) {
     const auto file = signedPackage({.files = {{manifestPath, manifest}, {"/usr/bin/tool", "x", "0755"}}});
-    const auto unpack = [&] {
-        withoutVerdict([&] {
-            Package::fromFile(file, authorities).extract(file, destination, [](auto&&...) { return 0; });
-        });
-    };
-    unpack();
+    unpackWithoutVerdict(file);
     for (const bool goesOn : {false, true}) {
         bool wasMet = true;
         for (unsigned point = 0; wasMet && !HasFailure(); ++point) {
             SCOPED_TRACE(point);
             fs::remove_all(destination);
-            EXPECT_NO_THROW(wasMet = runWithFault(point, {"EIO", EIO, goesOn, false}, unpack).second);
+            EXPECT_NO_THROW(wasMet = runWithFault(point, {"EIO", EIO, goesOn, false}, [&] {
+                                         unpackWithoutVerdict(file);
+                                     }).second);
         }
     }
 }
