@@ -19,4 +19,9 @@ std::pair<Common::ErrorCode, std::string> failureOf(const Action& action) {
     return {Common::ErrorCode::None, ""};
 }
 
+/// Checks that an action fails with this error; for tests that include GoogleMock.
+#define EXPECT_ERROR(action, expectedCode, message)                                                          \
+    EXPECT_THAT(Testbed::failureOf([&] { static_cast<void>(action); }),                                      \
+                testing::Pair(Common::ErrorCode::expectedCode, message))
+
 } // namespace Testbed

@@ -46,8 +46,7 @@ TEST_F(ThePackageManagerClient, MakesCallsAndMapsErrorsToCodes) {
     zul_.setPackages(packages);
     EXPECT_EQ(list(), packages);
     zul_.refuse(Peer::install, "norvane.ZUL.Error.BadPackageSignature");
-    EXPECT_EQ(failureOf([&] { driver_.await(client.install("a")); }),
-              std::pair(ErrorCode::BadPackageSignature, std::string("refused by the test \xc3\x84")));
+    EXPECT_ERROR(driver_.await(client.install("a")), BadPackageSignature, "refused by the test \xc3\x84");
     for (const auto* error : {"norvane.ZUL.Error.Internal", "org.freedesktop.DBus.Error.AccessDenied"}) {
         zul_.refuse(Peer::remove, error);
         EXPECT_EQ(failureOf([&] { driver_.await(client.remove("a")); }).first, ErrorCode::Internal) << error;

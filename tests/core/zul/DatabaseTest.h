@@ -36,10 +36,6 @@ namespace fs = std::filesystem;
 
 using Files = std::map<std::string, std::string>;
 
-/// Checks that an action fails with this error.
-#define EXPECT_ERROR(action, expectedCode, message)                                                          \
-    EXPECT_THAT(failureOf([&] { static_cast<void>(action); }), Pair(ErrorCode::expectedCode, message))
-
 /// As long as it lives, the modes of files deny also root what they deny others.
 class DroppedCapabilities {
 public:

@@ -146,19 +146,17 @@ TEST_F(AnExtraction, AttachesTheSignaturesThatEachFileShouldHave) {
         done < 2 || stop.request_stop();
     };
     fs::remove_all(destination);
-    EXPECT_EQ(failureOf([&] {
-                  package.extract(file, destination, counting, {stopAtPlain, stop.get_token()});
-              }),
-              std::pair(ErrorCode::Internal, std::string("the extraction was stopped")));
+    EXPECT_THAT(failureOf([&] {
+                    package.extract(file, destination, counting, {stopAtPlain, stop.get_token()});
+                }),
+                Pair(ErrorCode::Internal, "the extraction was stopped"));
     EXPECT_FALSE(fs::exists(destination / "bin/tool"));
     const auto refusing = [](int, const std::string&, const std::string&) { return EPERM; };
     EXPECT_EQ(failureOf([&] { package.extract(file, destination, refusing); }),
               std::pair(ErrorCode::Filesystem, "couldn't attach security.ima extended attribute to " +
                                                    (destination / "etc/plain").string() +
                                                    ": Operation not permitted"));
-    EXPECT_EQ(
-        failureOf([&] { unpack(file, destination); }),
-        std::pair(ErrorCode::BadPackageSignature, std::string("package doesn't have developer signature")));
+    EXPECT_ERROR(unpack(file, destination), BadPackageSignature, "package doesn't have developer signature");
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root may set attributes of the name space \"security\"";
     }
@@ -175,10 +173,9 @@ TEST_F(AnExtraction, ThrowsNothingButErrors) {
         return failureOf(
             [&] { package.extract(file, destination, [&](auto&&...) -> int { throw exception; }); });
     };
-    EXPECT_EQ(failureWith(std::out_of_range("no such file")),
-              std::pair(ErrorCode::Internal, std::string("no such file")));
+    EXPECT_THAT(failureWith(std::out_of_range("no such file")), Pair(ErrorCode::Internal, "no such file"));
     EXPECT_THAT(failureWith(std::system_error(EIO, std::generic_category(), "writer")),
-                testing::Pair(ErrorCode::Filesystem, HasSubstr("writer")));
+                Pair(ErrorCode::Filesystem, HasSubstr("writer")));
 }
 
 TEST_F(AnExtraction, WorksOnTheFileThatWasValidatedAndNoOther) {
@@ -186,8 +183,7 @@ TEST_F(AnExtraction, WorksOnTheFileThatWasValidatedAndNoOther) {
     const auto package = Package::fromFile(file, authorities);
     fs::copy_file(file, file.string() + ".new");
     fs::rename(file.string() + ".new", file);
-    EXPECT_THAT(failureOf([&] { package.extract(file, destination); }),
-                testing::Pair(ErrorCode::BadPackage, HasSubstr("not the one that was validated")));
+    EXPECT_ERROR(package.extract(file, destination), BadPackage, HasSubstr("not the one that was validated"));
     const auto again = Package::fromFile(file, authorities);
     // A writer is refused or has to wait while the lease is held, and is enough to spoil what was validated.
     const Common::UniqueFd writer(open(file.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK));
@@ -213,16 +209,14 @@ TEST_F(AnExtraction, TrustsNoFileThatSomebodyCanWriteTo) {
         pages = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, writer.get(), 0);
     }
     ASSERT_NE(pages, MAP_FAILED);
-    EXPECT_THAT(refusalOf(file),
-                testing::Pair(ErrorCode::BadPackage, "the package file is open for writing"));
+    EXPECT_THAT(refusalOf(file), Pair(ErrorCode::BadPackage, "the package file is open for writing"));
     ASSERT_EQ(munmap(pages, size), 0);
     const auto package = Package::fromFile(file, authorities);
     const auto opening = [&](int, const std::string&, const std::string&) {
         const Common::UniqueFd writer(open(file.c_str(), O_WRONLY | O_NONBLOCK));
         return writer ? EIO : 0;
     };
-    EXPECT_THAT(failureOf([&] { package.extract(file, destination, opening); }),
-                testing::Pair(ErrorCode::BadPackage, HasSubstr("opened for writing")));
+    EXPECT_ERROR(package.extract(file, destination, opening), BadPackage, HasSubstr("opened for writing"));
 }
 
 TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
@@ -316,8 +310,7 @@ TEST_F(AnExtraction, WritesIntoNothingThatWasThereBefore) {
     fs::remove_all(destination);
     writeFile(destination / "libexec", "no directory");
     const LogCapture log;
-    EXPECT_EQ(failureOf([&] { package.extract(file, destination); }),
-              std::pair(ErrorCode::Filesystem, std::string("couldn't extract regular file")));
+    EXPECT_ERROR(package.extract(file, destination), Filesystem, "couldn't extract regular file");
     EXPECT_THAT(log.text(), HasSubstr("libexec"));
 }
 

@@ -45,9 +45,9 @@ TEST_F(APackage, WithoutManifestOrSystemDeveloperKeyIsAcceptedWithAWarning) {
 // Each package has all the faults that are looked for later.
 TEST_F(APackage, IsRefusedForTheFirstOfItsFaults) {
     const auto file = scratch.path() / "package.rpm";
-    EXPECT_EQ(refusalOf(file), std::pair(ErrorCode::FileNotFound, std::string("couldn't open rpm package")));
+    EXPECT_THAT(refusalOf(file), Pair(ErrorCode::FileNotFound, "couldn't open rpm package"));
     writeFile(file, "text");
-    EXPECT_EQ(refusalOf(file), std::pair(ErrorCode::BadPackage, std::string("couldn't read rpm package")));
+    EXPECT_THAT(refusalOf(file), Pair(ErrorCode::BadPackage, "couldn't read rpm package"));
     const CraftedEntry badManifest{"/usr/share/applications/", "com.example.app.desktop", S_IFREG | 0644U,
                                    "Name"};
     craftPackage(file, {badManifest}, {"..", "1/2"});
@@ -55,18 +55,18 @@ TEST_F(APackage, IsRefusedForTheFirstOfItsFaults) {
     craftPackage(file, {badManifest}, {"caf\xe9", "1/2"});
     EXPECT_EQ(refusalOf(file).first, ErrorCode::BadPackageID);
     craftPackage(file, {badManifest}, {.version = "1/2"});
-    EXPECT_THAT(refusalOf(file), testing::Pair(ErrorCode::BadPackage, HasSubstr("version: 1/2")));
+    EXPECT_THAT(refusalOf(file), Pair(ErrorCode::BadPackage, HasSubstr("version: 1/2")));
     craftPackage(file, {badManifest});
-    EXPECT_THAT(refusalOf(file), testing::Pair(ErrorCode::BadPackage, HasSubstr("manifest: ")));
+    EXPECT_THAT(refusalOf(file), Pair(ErrorCode::BadPackage, HasSubstr("manifest: ")));
 
     const std::vector<CraftedEntry> good{{"/usr/bin/", "tool"}};
     craftPackage(file, good);
-    EXPECT_EQ(refusalOf(file),
-              std::pair(ErrorCode::BadPackageSignature, std::string("couldn't retrieve cmses from package")));
+    EXPECT_THAT(refusalOf(file),
+                Pair(ErrorCode::BadPackageSignature, "couldn't retrieve cmses from package"));
     craftPackage(file, {{"/usr/bin/", "huge", S_IFREG | 0644U, "x", 0, 0xffffffffU}, badManifest});
     EXPECT_EQ(refusalOf(file).first, ErrorCode::BadPackageSignature); // not worth unpacking that much
     sign(file, "developer", "developer");
-    EXPECT_THAT(refusalOf(file), testing::Pair(ErrorCode::BadPackage, HasSubstr("payload")));
+    EXPECT_THAT(refusalOf(file), Pair(ErrorCode::BadPackage, HasSubstr("payload")));
     craftPackage(file, good);
     sign(file, "client", "client");
     const auto byClient = readFile(file);
@@ -83,8 +83,8 @@ TEST_F(APackage, NeedsADeveloper) {
     const auto file = scratch.path() / "package.rpm";
     craftPackage(file, {{"/usr/bin/", "tool"}});
     sign(file, "client", "client");
-    EXPECT_EQ(refusalOf(file), std::pair(ErrorCode::BadPackageSignature,
-                                         std::string("package doesn't have developer signature")));
+    EXPECT_THAT(refusalOf(file),
+                Pair(ErrorCode::BadPackageSignature, "package doesn't have developer signature"));
     const auto bytes = readFile(file);
     for (std::size_t place = 96; place < bytes.size(); place += bytes.size() / 50) {
         auto changed = bytes;
@@ -104,8 +104,7 @@ TEST_F(APackage, HasAManifestThatCanBeTrustedOnlySoFar) {
     };
     auto evil = manifest;
     evil.replace(evil.find("org.example"), 11, "../../../..");
-    EXPECT_THAT(refusalWith({.content = evil}),
-                testing::Pair(ErrorCode::BadPackage, HasSubstr("../../../..")));
+    EXPECT_THAT(refusalWith({.content = evil}), Pair(ErrorCode::BadPackage, HasSubstr("../../../..")));
     EXPECT_THAT(refusalWith({.mode = S_IFLNK | 0777U, .content = "/etc/passwd"}).second,
                 HasSubstr("not a regular file"));
     EXPECT_THAT(refusalWith({.content = std::string(1024 * 1024 + 1, '#')}).second, HasSubstr("too large"));
@@ -127,7 +126,7 @@ TEST_F(APackage, IsABinaryPackageFromItsFirstByteToItsSignatures) {
     EXPECT_EQ(refusalWith(whole).first, ErrorCode::None);
     const auto signedOnce = readFile(file);
     writeFile(file, whole.substr(0, whole.size() - 4));
-    EXPECT_EQ(refusalOf(file), std::pair(ErrorCode::BadPackage, std::string("the rpm package is truncated")));
+    EXPECT_THAT(refusalOf(file), Pair(ErrorCode::BadPackage, "the rpm package is truncated"));
     EXPECT_EQ(refusalWith(whole.substr(0, whole.size() - 4)).first, ErrorCode::BadPackage);
     for (const auto& bytes : {whole + "garbage", signedOnce + "x"}) {
         const LogCapture log;
@@ -144,7 +143,7 @@ TEST_F(APackage, IsABinaryPackageFromItsFirstByteToItsSignatures) {
     }
     const auto place = whole.rfind("content");
     EXPECT_THAT(refusalWith(std::string(whole).replace(place, 7, "CONTENT")),
-                testing::Pair(ErrorCode::BadPackage, HasSubstr("does not match its digest")));
+                Pair(ErrorCode::BadPackage, HasSubstr("does not match its digest")));
     const auto refusalIf = [&](const std::function<void(Header)>& adjust) {
         return refusalWith(craftedPackage(entries, {.adjust = adjust}));
     };
@@ -153,8 +152,8 @@ TEST_F(APackage, IsABinaryPackageFromItsFirstByteToItsSignatures) {
     EXPECT_EQ(refusalIf([](Header header) { headerDel(header, RPMTAG_PAYLOADDIGESTALGO); }).first,
               ErrorCode::BadPackage);
     const std::uint32_t yes = 1;
-    EXPECT_EQ(refusalIf([&](Header header) { headerPutUint32(header, RPMTAG_SOURCEPACKAGE, &yes, 1); }),
-              std::pair(ErrorCode::BadPackage, std::string("the package is a source package")));
+    EXPECT_THAT(refusalIf([&](Header header) { headerPutUint32(header, RPMTAG_SOURCEPACKAGE, &yes, 1); }),
+                Pair(ErrorCode::BadPackage, "the package is a source package"));
 }
 
 // 200,000 entries, each to be found in a list of as many: name by name that takes eight minutes.
@@ -217,8 +216,7 @@ TEST_F(APackage, IsUnpackedNoFurtherThanItsManifest) {
     sign(file, "developer", "developer");
     const auto package = Package::fromFile(file, authorities);
     EXPECT_EQ(package.appName(), "tool");
-    EXPECT_THAT(failureOf([&] { package.extract(file, destination); }),
-                testing::Pair(ErrorCode::BadPackage, HasSubstr("/usr/share/x/damaged")));
+    EXPECT_ERROR(package.extract(file, destination), BadPackage, HasSubstr("/usr/share/x/damaged"));
 }
 
 } // namespace Testbed

@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 using Common::ErrorCode;
 using Core::ZUL::Package;
 using testing::HasSubstr;
+using testing::Pair;
 
 /// A throw-away authority with a developer, a client and a system developer.
 class SignedPackage : public testing::Test {
