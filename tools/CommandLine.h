@@ -1,11 +1,11 @@
 #pragma once
 
 #include "common/PrintableText.h"
+#include "tools/Json.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
-#include <functional>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -14,11 +14,6 @@ namespace Tools {
 
 /// The exit status for a wrong command line.
 inline constexpr int wrongUsage = 2;
-
-/// Reports the error of a command line on standard error, escaped for a terminal.
-inline void reportWrongUsage(const std::string& problem) {
-    std::cerr << Common::printable(problem) << "\nRun with --help for more information." << std::endl;
-}
 
 /// The error of a command line. An unknown argument is reported before a missing one, because it may be a
 /// misspelling of the latter.
@@ -54,12 +49,10 @@ inline void refuseValuesOfFlags(CLI::App& parser) {
     }
 }
 
-/// Parses a command line.
-/// @param report  called with the error
+/// Parses a command line. An error is reported on standard error, escaped for a terminal, or after --json as
+/// JSON on standard output.
 /// @return nothing if the program is to continue; its exit status after the help was printed or an error
-[[nodiscard]] inline std::optional<int>
-parse(CLI::App& parser, int argc, const char* const* argv,
-      const std::function<void(const std::string&)>& report = reportWrongUsage) {
+[[nodiscard]] inline std::optional<int> parse(CLI::App& parser, int argc, const char* const* argv) {
     refuseValuesOfFlags(parser);
     try {
         parser.parse(argc, argv);
@@ -68,7 +61,13 @@ parse(CLI::App& parser, int argc, const char* const* argv,
         if (error.get_exit_code() == EXIT_SUCCESS) {
             return parser.exit(error);
         }
-        report(problemOf(parser, error));
+        const auto problem = problemOf(parser, error);
+        // The parser has counted the option if it precedes the error.
+        if (const auto* json = parser.get_option_no_throw("--json"); json != nullptr && json->count() > 0) {
+            std::cout << textOf(failure({}, problem)) << std::endl;
+        } else {
+            std::cerr << Common::printable(problem) << "\nRun with --help for more information." << std::endl;
+        }
         return wrongUsage;
     }
 }

@@ -3,7 +3,6 @@
 #include "common/Error.h"
 #include "common/Files.h"
 #include "tools/CommandLine.h"
-#include "tools/Json.h"
 
 #include <openssl/pem.h>
 
@@ -13,7 +12,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
-#include <iostream>
 #include <span>
 #include <stdexcept>
 #include <string_view>
@@ -223,14 +221,7 @@ std::optional<int> parseCommandLine(int argc, const char* const* argv, Arguments
     CLI::App app("Signs packages for the device, and verifies them as the device does.", "vendara-sign");
     declare(app, arguments);
     app.callback([&arguments] { checkUsage(arguments); });
-    return Tools::parse(app, argc, argv, [&app](const std::string& problem) {
-        // The parser has counted the option if it precedes the error.
-        if (app.count("--json") > 0) {
-            std::cout << Tools::textOf(Tools::failure({}, problem)) << std::endl;
-        } else {
-            Tools::reportWrongUsage(problem);
-        }
-    });
+    return Tools::parse(app, argc, argv);
 }
 
 } // namespace Signing

@@ -114,15 +114,7 @@ public:
     }
 
     int run(int argc, const char* const* argv) {
-        // The parser has counted the option if it precedes the error.
-        const auto report = [this](const std::string& problem) {
-            if (app_.count("--json") > 0) {
-                printFailure(Format::Json, {}, problem);
-            } else {
-                Tools::reportWrongUsage(problem);
-            }
-        };
-        if (const auto ended = Tools::parse(app_, argc, argv, report)) {
+        if (const auto ended = Tools::parse(app_, argc, argv)) {
             return *ended;
         }
         request_.format = isJson_ ? Format::Json : Format::Text;
