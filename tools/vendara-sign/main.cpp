@@ -11,16 +11,13 @@
 #include "tools/vendara-sign/PassphrasePrompt.h"
 
 #include <array>
-#include <ctime>
 #include <exception>
 #include <functional>
 #include <iostream>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -70,10 +67,6 @@ void printSigners(const std::string& path, const OpenPackage& package, bool asJs
     }
 }
 
-void show(const std::string& path, const Arguments& arguments) {
-    printSigners(path, OpenPackage(path), arguments.json);
-}
-
 void verify(const std::string& path, const Arguments& arguments, Tools::Progress& progress) {
     const OpenPackage package(path);
     progress(0, 0);
@@ -95,10 +88,6 @@ void verify(const std::string& path, const Arguments& arguments, Tools::Progress
     }
     progress.end();
     printSigners(path, package, arguments.json);
-}
-
-void makeTestAuthority(const Arguments& arguments) {
-    Signing::makeTestAuthority(arguments.testAuthority, arguments.validity);
 }
 
 // From the file, or by a prompt on the terminal.
@@ -193,7 +182,7 @@ bool sign(Arguments& arguments) {
 /// @return whether all steps succeeded; failures of single packages have been reported
 bool run(Arguments& arguments) {
     if (!arguments.testAuthority.empty()) {
-        makeTestAuthority(arguments);
+        Signing::makeTestAuthority(arguments.testAuthority, arguments.validity);
         return true;
     }
     if (!arguments.verify && !arguments.show && !arguments.strip) {
@@ -203,7 +192,7 @@ bool run(Arguments& arguments) {
         if (arguments.verify) {
             verify(package, arguments, progress);
         } else if (arguments.show) {
-            show(package, arguments);
+            printSigners(package, OpenPackage(package), arguments.json);
         } else {
             Signing::stripPackage(package, arguments.output.empty() ? package : arguments.output);
         }
