@@ -355,19 +355,17 @@ private:
             try {
                 const auto [map] = co_await service_.call<PropertyMap>(Own::getAllProperties, callLimit);
                 const auto properties = propertiesFrom(map);
-                guarded([&] { compare(properties); });
+                guarded([&] {
+                    if (operations_.compare(properties)) {
+                        patience_ = firstPatience;
+                    }
+                });
             } catch (const std::runtime_error&) {
                 // The service is queried again.
             }
             isQuerying_ = false;
             stopAtEnd();
             wait(std::min(patience_ * 2, operations_.mayFailUnnoticed() ? firstPatience : lastPatience));
-        }
-    }
-
-    void compare(const Properties& properties) {
-        if (operations_.compare(properties)) {
-            patience_ = firstPatience;
         }
     }
 
