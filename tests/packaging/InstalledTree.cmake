@@ -48,10 +48,7 @@ foreach(case "vendaractl --json re=remove restart" "vendara-sign --st=--strip" "
         COMP_WORDS=($1) COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
         _vendara "${COMP_WORDS[0]}" "${COMP_WORDS[-1]}"
         [ "${COMPREPLY[*]}" = "$2" ] ]] ${tree}/share/bash-completion/completions/${CMAKE_MATCH_2} ${CMAKE_MATCH_1} ${words})
-    run(fish -c "complete -C '${CMAKE_MATCH_1}' | cut -f 1 | tr '\\n' ' '")
-    if(NOT output STREQUAL "${words} ")
-        message(FATAL_ERROR "fish: ${output}")
-    endif()
+    expect(0 "^${words} $" fish -c "complete -C '${CMAKE_MATCH_1}' | cut -f 1 | tr '\\n' ' '")
 endforeach()
 file(WRITE ${SCRATCH}/complete.zsh [[
     zmodload zsh/zpty && zpty shell zsh -fi
@@ -66,10 +63,7 @@ run(zsh ${SCRATCH}/complete.zsh ${tree}/share/zsh/site-functions ${SCRATCH}/zcom
 # Each program for users reports its version. Its --help, its manual page and the words of its completion agree.
 file(GLOB programs RELATIVE ${tree}/bin ${tree}/bin/*)
 foreach(program IN LISTS programs)
-    run(${program} --version)
-    if(NOT output MATCHES "^${program} [0-9.]+\n$")
-        message(FATAL_ERROR "${program} --version: ${output}")
-    endif()
+    expect(0 "^${program} [0-9.]+\n$" ${program} --version)
     file(READ ${tree}/share/man/man1/${program}.1 manual)
     run(${program} --help)
     set(helps "${output}")
@@ -107,15 +101,6 @@ file(GLOB_RECURSE headers ${tree}/include/vendara/*.h)
 foreach(header IN LISTS headers)
     run(${COMPILER} -std=c++20 -fsyntax-only -x c++ -I ${tree}/include/vendara ${header})
 endforeach()
-
-# expect(STATUS TEXT COMMAND...) runs a command in SCRATCH, which ends with the status and writes what matches the text.
-function(expect status text)
-    execute_process(COMMAND ${ARGN} WORKING_DIRECTORY ${SCRATCH}
-        RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
-    if(NOT result EQUAL status OR NOT output MATCHES "${text}")
-        message(FATAL_ERROR "${ARGN}: ${result}, not ${status} and \"${text}\"\n${output}")
-    endif()
-endfunction()
 
 # A package manager outside this project, from the installed headers and libraries alone, installs a package.
 if(SANITIZE)
