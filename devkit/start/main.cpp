@@ -6,6 +6,8 @@
 #include "devkit/start/Platform.h"
 #include "tools/CommandLine.h"
 
+#include <boost/algorithm/string/replace.hpp>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
@@ -43,11 +45,7 @@ std::filesystem::path scratchParent() {
 
 // A text as one word of a shell's command.
 std::string inShell(const std::string& text) {
-    std::string result = "'";
-    for (const char character : text) {
-        result += character == '\'' ? "'\\''" : std::string(1, character);
-    }
-    return result + "'";
+    return "'" + boost::algorithm::replace_all_copy(text, "'", "'\\''") + "'";
 }
 
 int runPlatform(Devkit::Platform& platform, const Options& options) {
