@@ -122,20 +122,6 @@ End endOf(int status) {
     return WEXITSTATUS(status) == 0 ? End::Finished : End::Failed;
 }
 
-} // namespace
-
-End runInChild(const std::function<void()>& action) {
-    const pid_t child = fork();
-    if (child == 0) {
-        runChild(action, {});
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return endOf(status);
-}
-
-namespace {
-
 enum class Step { Go, Kill, Fail };
 
 /// Makes the call that a child stopped at return an error.
@@ -253,6 +239,16 @@ std::string nameOfCall(pid_t child) {
 }
 
 } // namespace
+
+End runInChild(const std::function<void()>& action) {
+    const pid_t child = fork();
+    if (child == 0) {
+        runChild(action, {});
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return endOf(status);
+}
 
 End runInterrupted(unsigned callsBefore, const std::function<void()>& action) {
     return runTraced(action, {.onChange = SECCOMP_RET_TRACE}, [&, calls = 0U](pid_t /*child*/) mutable {
