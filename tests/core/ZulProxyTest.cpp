@@ -2,7 +2,6 @@
 
 #include "common/Error.h"
 #include "common/Names.h"
-#include "testbed/FailureOf.h"
 #include "testbed/LogCapture.h"
 #include "testbed/LoopDriver.h"
 #include "testbed/PrivateBus.h"
@@ -14,9 +13,7 @@
 namespace {
 
 namespace Peer = Common::Names::Zul;
-using Common::ErrorCode;
 using Common::PackageProperties;
-using Testbed::failureOf;
 using testing::ElementsAre;
 
 class ThePackageManagerClient : public testing::Test {
@@ -32,25 +29,6 @@ TEST_F(ThePackageManagerClient, KeepsItsConnectionFromChildren) {
     const auto socket = std::filesystem::read_symlink("/proc/self/fd/" + connection).native();
     EXPECT_THAT(socket, testing::StartsWith("socket:"));
     EXPECT_THAT(Testbed::run({"ls", "-l", "/proc/self/fd"}).output, testing::Not(testing::HasSubstr(socket)));
-}
-
-TEST_F(ThePackageManagerClient, MakesCallsAndMapsErrorsToCodes) {
-    Core::ZulProxy client(driver_.loop);
-    const auto list = [&] { return *driver_.await(client.getPackageList(Testbed::LoopDriver::soon())); };
-    driver_.await(client.install("/tmp/a.rpm"));
-    driver_.await(client.remove("com.example.app"));
-    EXPECT_THAT(zul_.calls(Peer::install), ElementsAre("/tmp/a.rpm"));
-    EXPECT_THAT(zul_.calls(Peer::remove), ElementsAre("com.example.app"));
-    EXPECT_THAT(list(), ElementsAre());
-    const std::vector<PackageProperties> packages{{{"general.id", "b"}}, {{"general.id", "a"}, {"x", ""}}};
-    zul_.setPackages(packages);
-    EXPECT_EQ(list(), packages);
-    zul_.refuse(Peer::install, "norvane.ZUL.Error.BadPackageSignature");
-    EXPECT_ERROR(driver_.await(client.install("a")), BadPackageSignature, "refused by the test \xc3\x84");
-    for (const auto* error : {"norvane.ZUL.Error.Internal", "org.freedesktop.DBus.Error.AccessDenied"}) {
-        zul_.refuse(Peer::remove, error);
-        EXPECT_EQ(failureOf([&] { driver_.await(client.remove("a")); }).first, ErrorCode::Internal) << error;
-    }
 }
 
 TEST_F(ThePackageManagerClient, ForwardsSignalsInOrderAndDropsMalformedOnes) {
@@ -78,16 +56,6 @@ TEST_F(ThePackageManagerClient, ForwardsSignalsInOrderAndDropsMalformedOnes) {
     EXPECT_EQ(lines[0], "WARN: couldn't retrieve package from signal: PackageInstalled");
     EXPECT_EQ(lines[2], "WARN: couldn't retrieve package from signal: PackageUpgraded");
     EXPECT_EQ(lines[6], "WARN: couldn't retrieve package id from signal: PackageRemoved");
-}
-
-TEST_F(ThePackageManagerClient, FailsWithTheInternalCodeAfterTheBusIsLost) {
-    Core::ZulProxy client(driver_.loop);
-    buses_.system.stop();
-    EXPECT_EQ(failureOf([&] { driver_.await(client.install("/tmp/a.rpm")); }).first, ErrorCode::Internal);
-    EXPECT_EQ(failureOf([&] { driver_.await(client.getPackageList(Testbed::LoopDriver::soon())); }).first,
-              ErrorCode::Internal);
-    EXPECT_THAT(log_.lines(),
-                ElementsAre(testing::StartsWith("ERROR: lost the connection to norvane.ZUL: ")));
 }
 
 TEST(ThePackageManagerClientWithoutMatchRules, MakesCallsAndReceivesNoSignals) {
