@@ -71,6 +71,8 @@ protected:
                                                           {"/usr/lib/ta/key.ta", "trusted"},
                                                           {"/usr/share/x/data", "data"}}});
     const std::string package = readFile(packageFile);
+    const std::string byDeveloper = cmsOver(content(package), developer);
+    const std::string byClient = cmsOver(content(package), client);
 };
 
 TEST_F(SignedPackages, ReturnTheirSignersAndTheirFilesSignatures) {
@@ -112,8 +114,7 @@ TEST_F(SignedPackages, ReturnTheirSignersAndTheirFilesSignatures) {
 }
 
 TEST_F(SignedPackages, AreRefusedWithAnyByteChanged) {
-    auto bytes = package + Container::encodedTail(package.size(), {cmsOver(content(package), developer),
-                                                                   cmsOver(content(package), client)});
+    auto bytes = package + Container::encodedTail(package.size(), {byDeveloper, byClient});
     ASSERT_TRUE(accepts(bytes));
     for (std::size_t i = 0, step = 0; i < bytes.size(); i += step) {
         step = i < package.size() ? 53U : i + 100 < bytes.size() ? 7U : 1U;
@@ -156,8 +157,7 @@ TEST_F(SignedPackages, AreRefusedWithACertificateThatIsNotValid) {
     const auto stranger = other.issue({.extendedKeyUsage = developerUsage});
     const auto signedFile = openedWith({cmsOver(content(package), stranger)});
     EXPECT_FALSE(signedFile->verifyCmses(authorityFile));
-    EXPECT_FALSE(openedWith({cmsOver(content(package), developer), cmsOver(content(package), stranger)})
-                     ->verifyCmses(authorityFile));
+    EXPECT_FALSE(openedWith({byDeveloper, cmsOver(content(package), stranger)})->verifyCmses(authorityFile));
     for (const auto* noAuthority : {"", "no certificates", "-----BEGIN CERTIFICATE-----\nAAAA\n"}) {
         writeFile(scratch.path() / "other.pem", noAuthority);
         EXPECT_FALSE(signedFile->verifyCmses(scratch.path() / "other.pem"));
@@ -171,13 +171,10 @@ TEST_F(SignedPackages, AreRefusedWithTheSignaturesOfAnother) {
     const auto other =
         readFile(buildPackage(scratch.path() / "other", {.files = {{"/usr/bin/tool", "another tool"}}}));
     EXPECT_FALSE(openedWith({cmsOver(content(other), developer)})->verifyCmses(authorityFile));
-    EXPECT_FALSE(openedWith({cmsOver(content(package), developer), cmsOver(content(other), client)})
-                     ->verifyCmses(authorityFile));
+    EXPECT_FALSE(openedWith({byDeveloper, cmsOver(content(other), client)})->verifyCmses(authorityFile));
 }
 
 TEST_F(SignedPackages, HaveOneSignatureOfEachRoleAtMostTheDevelopersFirst) {
-    const auto byDeveloper = cmsOver(content(package), developer);
-    const auto byClient = cmsOver(content(package), client);
     EXPECT_TRUE(openedWith({byDeveloper, byClient})->verifyCmses(authorityFile));
     EXPECT_FALSE(openedWith({byClient, byDeveloper})->verifyCmses(authorityFile));
     const auto twice = openedWith({byDeveloper, cmsOver(content(package), issue(developerUsage))});
@@ -255,8 +252,7 @@ TEST_F(SignedPackages, AreRefusedBeforeTheManyElementsOfASignatureAreRead) {
 }
 
 TEST_F(SignedPackages, HaveATrailerThatDescribesThem) {
-    const auto bytes =
-        package + Container::encodedTail(package.size(), {cmsOver(content(package), developer)});
+    const auto bytes = package + Container::encodedTail(package.size(), {byDeveloper});
     const auto trailer = bytes.size() - Container::trailerSize;
     const std::pair<std::size_t, std::string> fields[] = {
         {0, std::string(8, '\xFF')}, {0, std::string(8, '\0')},
@@ -281,8 +277,7 @@ TEST_F(SignedPackages, HaveATrailerThatDescribesThem) {
 }
 
 TEST_F(SignedPackages, AreVerifiedAsTheFileThatWasOpened) {
-    const auto bytes =
-        package + Container::encodedTail(package.size(), {cmsOver(content(package), developer)});
+    const auto bytes = package + Container::encodedTail(package.size(), {byDeveloper});
     const auto signedFile = opened(bytes);
     std::filesystem::rename(file, scratch.path() / "moved");
     writeFile(file, "something else");
