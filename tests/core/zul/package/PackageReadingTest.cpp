@@ -6,11 +6,14 @@
 
 namespace Testbed {
 
-class APackage : public SignedPackage {};
+class APackage : public SignedPackage {
+protected:
+    const fs::path file = scratch.path() / "package.rpm";
+};
 
 TEST_F(APackage, HasAnIdentityADeveloperAndASource) {
-    const auto file = signedPackage({.files = {{"/usr/bin/tool", "x", "0755"}, {manifestPath, manifest}}});
-    const auto package = Package::fromFile(file, authorities);
+    const auto built = signedPackage({.files = {{"/usr/bin/tool", "x", "0755"}, {manifestPath, manifest}}});
+    const auto package = Package::fromFile(built, authorities);
     EXPECT_EQ(package.id(), "com.example.app");
     EXPECT_EQ(package.version(), "1.0-1");
     EXPECT_EQ(package.architecture(), "noarch");
@@ -20,31 +23,30 @@ TEST_F(APackage, HasAnIdentityADeveloperAndASource) {
     EXPECT_EQ(package.sourceSubject(), "");
     EXPECT_FALSE(package.isSystemDeveloper());
 
-    sign(file, "client", "client");
-    const auto fromClient = Package::fromFile(file, authorities);
+    sign(built, "client", "client");
+    const auto fromClient = Package::fromFile(built, authorities);
     EXPECT_NE(fromClient.sourceKeyId(), ".no.source.apps");
     EXPECT_THAT(fromClient.sourceSubject(), HasSubstr("Test client"));
     EXPECT_EQ(fromClient.developerCms().certificate().keyId(), package.developerCms().certificate().keyId());
 }
 
 TEST_F(APackage, WithoutManifestOrSystemDeveloperKeyIsAcceptedWithAWarning) {
-    const auto file = buildPackage(scratch.path(), {.files = {{"/usr/bin/tool", "x", "0755"}}});
-    sign(file, "developer", "system-developer");
+    const auto built = buildPackage(scratch.path(), {.files = {{"/usr/bin/tool", "x", "0755"}}});
+    sign(built, "developer", "system-developer");
     const LogCapture log;
-    const auto package = Package::fromFile(file, authorities);
+    const auto package = Package::fromFile(built, authorities);
     EXPECT_TRUE(package.isSystemDeveloper());
     EXPECT_FALSE(package.orgName() || package.appName());
     EXPECT_EQ(log.text(), "WARN: the package does not contain a manifest: " + manifestPath + "\n");
     writeFile(authorities.systemDeveloperKeyId, "other\n" + readFile(authorities.systemDeveloperKeyId));
-    EXPECT_FALSE(Package::fromFile(file, authorities).isSystemDeveloper());
+    EXPECT_FALSE(Package::fromFile(built, authorities).isSystemDeveloper());
     fs::remove(authorities.systemDeveloperKeyId);
-    EXPECT_FALSE(Package::fromFile(file, authorities).isSystemDeveloper());
+    EXPECT_FALSE(Package::fromFile(built, authorities).isSystemDeveloper());
     EXPECT_EQ(log.lines().back(), "WARN: couldn't retrieve system developer key id");
 }
 
 // Each package has all the faults that are looked for later.
 TEST_F(APackage, IsRefusedForTheFirstOfItsFaults) {
-    const auto file = scratch.path() / "package.rpm";
     EXPECT_THAT(refusalOf(file), Pair(ErrorCode::FileNotFound, "couldn't open rpm package"));
     writeFile(file, "text");
     EXPECT_THAT(refusalOf(file), Pair(ErrorCode::BadPackage, "couldn't read rpm package"));
@@ -80,7 +82,6 @@ TEST_F(APackage, IsRefusedForTheFirstOfItsFaults) {
 }
 
 TEST_F(APackage, NeedsADeveloper) {
-    const auto file = scratch.path() / "package.rpm";
     craftPackage(file, {{"/usr/bin/", "tool"}});
     sign(file, "client", "client");
     EXPECT_THAT(refusalOf(file),
@@ -95,7 +96,6 @@ TEST_F(APackage, NeedsADeveloper) {
 }
 
 TEST_F(APackage, HasAManifestThatCanBeTrustedOnlySoFar) {
-    const auto file = scratch.path() / "package.rpm";
     const auto refusalWith = [&](CraftedEntry entry) {
         entry.directory = "/usr/share/applications/";
         entry.name = "com.example.app.desktop";
@@ -115,7 +115,6 @@ TEST_F(APackage, HasAManifestThatCanBeTrustedOnlySoFar) {
 }
 
 TEST_F(APackage, IsABinaryPackageFromItsFirstByteToItsSignatures) {
-    const auto file = scratch.path() / "package.rpm";
     const std::vector<CraftedEntry> entries{{"/usr/bin/", "tool", S_IFREG | 0755U, "content"}};
     const auto refusalWith = [&](const std::string& bytes) {
         writeFile(file, bytes);
@@ -163,7 +162,6 @@ TEST_F(APackage, IsReadInTimeWhateverTheOrderOfItsFiles) {
         entries.push_back({"/usr/share/" + std::to_string(number) + "/", "d", S_IFDIR | 0755U});
     }
     entries.push_back({"/usr/share/applications/", "com.example.app.desktop", S_IFREG | 0644U, manifest});
-    const auto file = scratch.path() / "package.rpm";
     craftPackage(file, entries);
     sign(file, "developer", "developer");
     EXPECT_EQ(Package::fromFile(file, authorities).appName(), "tool");
@@ -173,7 +171,6 @@ TEST_F(APackage, IsReadInTimeWhateverTheOrderOfItsFiles) {
 }
 
 TEST_F(APackage, WithArraysThatDoNotGoTogetherLeavesNoMemoryBehind) {
-    const auto file = scratch.path() / "package.rpm";
     constexpr rpm_count_t count = 1'000'000;
     const std::vector<std::uint32_t> million(count);
     const LogCapture librpmsOwnLines;
@@ -207,7 +204,6 @@ TEST_F(APackage, WithArraysThatDoNotGoTogetherLeavesNoMemoryBehind) {
 }
 
 TEST_F(APackage, IsUnpackedNoFurtherThanItsManifest) {
-    const auto file = scratch.path() / "package.rpm";
     craftPackage(file, {{"/usr/bin/", "first"},
                         {"/usr/share/applications/", "another.desktop", S_IFREG | 0644U, manifest, 7},
                         {"/usr/share/applications/", "com.example.app.desktop", S_IFREG | 0644U, manifest, 7},
