@@ -49,8 +49,8 @@ inline void refuseValuesOfFlags(CLI::App& parser) {
     }
 }
 
-/// Parses a command line. An error is reported on standard error, escaped for a terminal, or after --json as
-/// JSON on standard output.
+/// Parses a command line. An error is reported on standard error, escaped for a terminal, or with --json as
+/// JSON on standard output if that can be written.
 /// @return nothing if the program is to continue; its exit status after the help was printed or an error
 [[nodiscard]] inline std::optional<int> parse(CLI::App& parser, int argc, const char* const* argv) {
     refuseValuesOfFlags(parser);
@@ -62,10 +62,9 @@ inline void refuseValuesOfFlags(CLI::App& parser) {
             return parser.exit(error);
         }
         const auto problem = problemOf(parser, error);
-        // The parser has counted the option if it precedes the error.
-        if (const auto* json = parser.get_option_no_throw("--json"); json != nullptr && json->count() > 0) {
-            std::cout << textOf(failure({}, problem)) << std::endl;
-        } else {
+        const auto* json = parser.get_option_no_throw("--json");
+        const bool isJson = json != nullptr && json->count() > 0; // unless the error ended the parser before
+        if (!isJson || !(std::cout << textOf(failure({}, problem)) << std::endl)) {
             std::cerr << Common::printable(problem) << "\nRun with --help for more information." << std::endl;
         }
         return wrongUsage;
