@@ -240,6 +240,8 @@ TEST_F(TheDaemon, ContinuesWithoutTheSystemBus) {
     EXPECT_EQ(client.received().back().errorCode, Common::ErrorCode::Internal);
     EXPECT_EQ(client.errorOf("GetAllProperties"), "Failed to retrieve list of installed packages");
     EXPECT_EQ(client.errorOf("Remove", "a"), "Failed to retrieve list of installed packages");
+    EXPECT_TRUE(client.waitForStatus(client.install(packageFile("b")), 101));
+    EXPECT_EQ(client.received().back().errorCode, Common::ErrorCode::Internal);
     EXPECT_EQ(client.errorOf("Start", "a"), "");
 }
 

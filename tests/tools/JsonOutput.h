@@ -2,7 +2,7 @@
 
 #include "testbed/ScratchDirectory.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
 #include <regex>
@@ -10,14 +10,15 @@
 
 namespace Testbed {
 
-/// The JSON objects in the output of a tool, one a line; other lines, of the log on standard error, are left
-/// out.
+/// The JSON objects in the output of a tool, one a line. Lines of the log are left out; others are failures.
 inline std::vector<nlohmann::json> objectsOf(const std::string& output) {
     std::vector<nlohmann::json> objects;
     std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);) {
         if (line.starts_with('{')) {
             objects.push_back(nlohmann::json::parse(line));
+        } else {
+            EXPECT_THAT(line, testing::MatchesRegex("(INFO|WARN|ERROR): .*"));
         }
     }
     return objects;

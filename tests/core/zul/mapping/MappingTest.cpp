@@ -189,13 +189,15 @@ TEST_F(AMapping, BelongsToAPackageByWhereItLeads) {
             EXPECT_THAT(mappings(), IsEmpty());
             continue;
         }
-        prepare(newer, {{"bin/tool", "2"}});
+        prepare(newer, {{"bin/kept", "2"}, {"bin/tool", "2"}});
         database.completeUpgrade(newer);
-        EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
+        const auto kept = Pair("/usr/bin/kept", path("current/bin/kept"));
+        EXPECT_THAT(mappings(), ElementsAre(kept, Pair("/usr/bin/tool", path("current/bin/tool"))));
         // As another package's it is replaced.
         other.install(PackageIdentity("com.example.other", "1"), entries, extract({{"bin/tool", "3"}}));
         EXPECT_EQ(readFile(system / "usr/bin/tool"), "3");
         other.remove("com.example.other");
+        EXPECT_THAT(mappings(), ElementsAre(kept));
         other.remove(app.id());
         EXPECT_THAT(mappings(), IsEmpty());
         fs::remove(alias);
