@@ -243,7 +243,7 @@ template<typename... Results, typename Handler>
 asio::awaitable<void> VendaraDbusInterface::answer(std::shared_ptr<Reply<Results...>> reply, Texts texts,
                                                    Request request, Handler handler) {
     if (!session_.isConnected(reply->bus)) {
-        co_return; // the caller has an error reply of the bus
+        co_return; // the caller has an error reply from the bus
     }
     std::exception_ptr cause;
     try {
@@ -389,12 +389,12 @@ asio::awaitable<void> VendaraDbusInterface::findInstalledPackage(std::string id,
     }
 }
 
-// Replies come after the status Queued has been sent. A caller whose connection was lost has an error reply
-// of the bus.
+// Replies come after the status Queued has been sent. A caller whose request came on a lost connection has an
+// error reply from the bus.
 asio::awaitable<Common::OperationRecord>
 VendaraDbusInterface::enqueue(Core::Operation operation, const OperationReply& reply, TimePoint deadline) {
     if (!session_.isConnected(reply.bus)) {
-        throw Common::Error(Common::ErrorCode::Internal, "the caller's connection was lost");
+        throw Common::Error(Common::ErrorCode::Internal, "the connection of the request was lost");
     }
     requireRunning();
     if (controller_.isFull(operation.initiator())) {

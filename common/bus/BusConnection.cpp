@@ -81,7 +81,8 @@ BusConnection::BusConnection(Loop& loop, std::shared_ptr<sdbus::IConnection> con
     link_->start();
 }
 
-BusConnection::~BusConnection() = default;
+// Otherwise the bus library waits without limit for a bus that does not read.
+BusConnection::~BusConnection() { link_->close(); }
 
 const std::shared_ptr<sdbus::IConnection>& BusConnection::sharedBus() const { return link_->bus; }
 
@@ -167,9 +168,9 @@ asio::awaitable<void> BusConnection::reconnect() {
             failCalls();
         }
         if (loss_ && !attempt) {
+            const auto retry = retry_ = std::make_shared<Event>(loop_.context());
             Event never(loop_.context());
             co_await never.wait(TimePoint::clock::now() + shortestPause);
-            const auto retry = retry_ = std::make_shared<Event>(loop_.context());
             co_await retry->wait(TimePoint::clock::now() + pause);
         }
     }
@@ -224,7 +225,8 @@ void BusConnection::Link::close() {
     isClosed_ = true;
     // The bus library cannot close it. The bus then releases its names, for a new connection.
     shutdown(socket_.native_handle(), SHUT_RDWR);
-    socket_.close();
+    asio::error_code ignored;
+    socket_.close(ignored);
     timer_.cancel();
     if (written_) {
         written_->set();

@@ -38,7 +38,7 @@ public:
     [[nodiscard]] const std::shared_ptr<sdbus::IConnection>& sharedBus() const;
 
     /// From now on reconnects after a loss: at once, and if that fails after pauses of 1 s to 30 s, which
-    /// calls that need the connection shorten. Its signal sources must live as long as the loop runs.
+    /// calls that need the connection shorten. It and its signal sources must live as long as the loop runs.
     /// @param connect      opens a connection; runs on a helper thread
     /// @param reconnected  called before the first message of the new connection is handled; the lost one is
     ///                     closed after it. It must not send. Its exceptions end the loop.
@@ -49,8 +49,8 @@ public:
     /// Whether this connection is the present one, and is not lost.
     [[nodiscard]] bool isConnected(const std::shared_ptr<sdbus::IConnection>& connection) const;
 
-    /// Posts a task, which may send messages, to the loop. Its exceptions are logged. Any thread; only the
-    /// loop's if the connection can reconnect, which drops tasks.
+    /// Posts a task, which may send messages, to the loop. Its exceptions are logged. Any thread; after
+    /// reconnectWith() the loop's only. A reconnection drops tasks.
     void post(std::function<void()> task);
 
     /// Runs a function that sends a message. Its exceptions are passed on; if one means that the connection
@@ -76,7 +76,7 @@ public:
     void reportIfLost(const sdbus::Error& error);
 
     /// Calls a method of the bus itself; blocks. Any thread that owns the connection. Throws sdbus::Error for
-    /// an error reply and for a reply of anybody else: a client of the bus can reply to any call.
+    /// an error reply and a reply from any other sender: a client of the bus can reply to any call.
     template<typename Result, typename... Arguments>
     [[nodiscard]] static Result ask(sdbus::IConnection& connection, const std::string& method,
                                     const Arguments&... arguments) {
