@@ -8,32 +8,7 @@
 #include <string>
 #include <vector>
 
-/// The format of a package file with CMS signatures.
-///
-/// | bytes | content |
-/// |---|---|
-/// | length | the rpm package, unchanged |
-/// | 4 | 50 2A 4D 18 |
-/// | 4 | number of bytes that follow, little-endian |
-/// | sizes | one or two CMS in DER, the developer's before the client's |
-/// | 32 | trailer |
-///
-/// The eight bytes after the package make the rest a skippable frame of the Zstandard format (RFC
-/// 8878, 3.1.2). A decompressor of a zstd payload, which reads to the end of the file, skips it. Payloads of
-/// the other compressors have an end mark.
-///
-/// The trailer, its numbers in network byte order:
-///
-/// | offset | bytes | field |
-/// |---|---|---|
-/// | 0 | 8 | length of the package |
-/// | 8 | 4 | number of CMS, 1 or 2 |
-/// | 12 | 4 | size of the first CMS |
-/// | 16 | 4 | size of the second CMS, 0 when there is none |
-/// | 20 | 4 | version, 1 |
-/// | 24 | 8 | magic "VNDSIGNT" |
-///
-/// The sizes must add up to the file's size: there is nothing between the parts or after them.
+/// The format of a package file with CMS signatures: "The file" in docs/package-signatures.md.
 namespace PackageSignatures::Container {
 
 constexpr std::size_t maximumCmses = 2;

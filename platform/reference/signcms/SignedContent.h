@@ -23,20 +23,7 @@ struct FileSignatures {
     std::string trustlet;    ///< value of the attribute "user.TA.shdr"
 };
 
-/// The content of a CMS, which the signer signs. All numbers are in network byte order.
-///
-/// | offset | bytes | field |
-/// |---|---|---|
-/// | 0 | 8 | magic "VNDSIGNC" |
-/// | 8 | 4 | version, 1 |
-/// | 12 | 4 | digest algorithm, 1: SHA-256 |
-/// | 16 | 8 | length of the package in bytes |
-/// | 24 | 32 | digest of that many bytes from the file's beginning |
-/// | 56 | 4 | number of file entries, at most maximumFiles |
-/// | 60 | | the file entries, up to the end |
-///
-/// A file entry: its index (4 bytes; in ascending order), the sizes of its integrity and its trustlet
-/// signature (2 bytes each, at most maximumSignatureSize, not both 0), and the two signatures.
+/// The content of a CMS, which the signer signs: "A CMS" in docs/package-signatures.md.
 struct SignedContent {
     static constexpr std::uint32_t maximumFiles = 100'000;
     static constexpr std::uint16_t maximumSignatureSize = 2048;
