@@ -1,5 +1,4 @@
 #include "common/PlatformFacts.h"
-#include "common/PrintableText.h"
 #include "core/zul/Inspection.h"
 #include "platform/signcms/PackageSignatures.h"
 #include "tools/Progress.h"
@@ -58,13 +57,13 @@ JsonValue toJson(const std::string& file, const Inspection& found) {
         return result;
     }
     const auto& package = *found.package;
-    const auto orNull = [](const auto& value) { return value ? JsonValue(*value) : JsonValue(); };
+    const auto valueOrNull = [](const auto& value) { return value ? JsonValue(*value) : JsonValue(); };
     result.update({{"package", package.id()},
                    {"version", package.version()},
                    {"existingVersion", found.existingVersion},
                    {"architecture", package.architecture()},
-                   {"organization", orNull(package.orgName())},
-                   {"application", orNull(package.appName())},
+                   {"organization", valueOrNull(package.orgName())},
+                   {"application", valueOrNull(package.appName())},
                    {"developer",
                     {{"subject", package.developerCms().certificate().subject()},
                      {"keyId", package.developerKeyId()},
@@ -75,53 +74,51 @@ JsonValue toJson(const std::string& file, const Inspection& found) {
                      {"keyId", package.sourceKeyId()},
                      {"validUntil", toJson(package.sourceExpiry())}}},
                    {"size", found.size},
-                   {"available", orNull(found.available)},
+                   {"available", valueOrNull(found.available)},
                    {"files", JsonValue::array()}});
     for (const auto& each : found.files) {
-        result["files"].push_back({{"path", each.path},
-                                   {"place", each.place.empty() ? JsonValue() : JsonValue(each.place)},
-                                   {"taken", each.isPlaceTaken}});
+        result["files"].push_back(
+            {{"path", each.path}, {"place", orNull(each.place)}, {"taken", each.isPlaceTaken}});
     }
     return result;
 }
 
-void line(const std::string& text) { printLine(Common::printable(text)); }
-
 void print(const Inspection::Claims& claims) {
-    line(claims.identity.id() + " " + claims.identity.version() + ", " + claims.architecture +
-         ", UNVERIFIED");
+    printText(claims.identity.id() + " " + claims.identity.version() + ", " + claims.architecture +
+              ", UNVERIFIED");
     for (const auto& cms : claims.signatures) {
-        line("  unverified signer: " + cms.certificate().subject() + toText(Core::ZUL::expiryOf(cms)));
+        printText("  unverified signer: " + cms.certificate().subject() + toText(Core::ZUL::expiryOf(cms)));
     }
     if (claims.reason) {
-        line("  reason: " + *claims.reason);
+        printText("  reason: " + *claims.reason);
     }
 }
 
 void print(const std::string& file, const Inspection& found) {
     if (found.package) {
         const auto& package = *found.package;
-        line(package.id() + " " + package.version() + ", " + package.architecture() +
-             (found.existingVersion.empty() ? ", first installation"
-                                            : ", upgrade of " + found.existingVersion));
-        line("  developer: " + package.developerCms().certificate().subject() +
-             (package.isSystemDeveloper() ? " (system developer)" : "") + toText(package.developerExpiry()));
-        line("  source: " + (package.sourceSubject().empty() ? "none" : package.sourceSubject()) +
-             toText(package.sourceExpiry()));
-        line("  size: " + std::to_string(found.size) + " bytes" +
-             (found.available ? ", " + std::to_string(*found.available) + " free" : ""));
+        printText(package.id() + " " + package.version() + ", " + package.architecture() +
+                  (found.existingVersion.empty() ? ", first installation"
+                                                 : ", upgrade of " + found.existingVersion));
+        printText("  developer: " + package.developerCms().certificate().subject() +
+                  (package.isSystemDeveloper() ? " (system developer)" : "") +
+                  toText(package.developerExpiry()));
+        printText("  source: " + (package.sourceSubject().empty() ? "none" : package.sourceSubject()) +
+                  toText(package.sourceExpiry()));
+        printText("  size: " + std::to_string(found.size) + " bytes" +
+                  (found.available ? ", " + std::to_string(*found.available) + " free" : ""));
         for (const auto& each : found.files) {
-            line("  " + (each.place.empty() ? each.path + ", not mapped" : each.place) +
-                 (each.isPlaceTaken ? ", TAKEN by another file" : ""));
+            printText("  " + (each.place.empty() ? each.path + ", not mapped" : each.place) +
+                      (each.isPlaceTaken ? ", TAKEN by another file" : ""));
         }
     }
     if (found.claims) {
         print(*found.claims);
     }
-    line(file + ": " +
-         (found.refusal ? "would be refused: " + std::string(found.refusal->what()) + " (error " +
-                              std::to_string(static_cast<int>(found.refusal->code())) + ")"
-                        : "would be installed"));
+    printText(file + ": " +
+              (found.refusal ? "would be refused: " + std::string(found.refusal->what()) + " (error " +
+                                   std::to_string(static_cast<int>(found.refusal->code())) + ")"
+                             : "would be installed"));
 }
 
 } // namespace

@@ -52,8 +52,6 @@ ExitStatus carryOut(const Request& request, Begin begin) {
 
 Vendara::Properties readProperties() { return Client().properties(); }
 
-using Rows = std::vector<std::vector<std::string>>;
-
 // Completed operations are a part of the JSON; with a table they are printed on standard error.
 void show(const Request& request, JsonValue result, const std::vector<Vendara::Operation>& completed,
           const std::vector<std::string>& header, const Rows& rows) {
@@ -83,7 +81,7 @@ ExitStatus launch(const Request& request, Launch call, const std::string& done) 
     if (request.format == Format::Json) {
         printJson(JsonValue{{done, packageId}});
     } else {
-        printLine(done + " " + Common::printable(packageId));
+        printText(done + " " + packageId);
     }
     return Success;
 }
@@ -118,7 +116,7 @@ private:
         print(event, verb + package.id + " " + package.version);
     }
     void print(const JsonValue& event, const std::string& sentence) {
-        format_ == Format::Json ? printJson(event) : printLine(Common::printable(sentence));
+        format_ == Format::Json ? printJson(event) : printText(sentence);
     }
 
     Format format_;

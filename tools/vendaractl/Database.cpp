@@ -1,4 +1,3 @@
-#include "common/PrintableText.h"
 #include "core/zul/DatabaseInspection.h"
 #include "tools/vendaractl/Commands.h"
 
@@ -7,7 +6,6 @@
 namespace Vendaractl {
 
 using namespace Core::ZUL;
-using Rows = std::vector<std::vector<std::string>>;
 
 namespace {
 
@@ -22,8 +20,6 @@ InspectedDatabase databaseOf(const Request& request) {
 std::optional<std::string> onlyPackage(const Request& request) {
     return request.arguments.empty() ? std::nullopt : std::optional(request.arguments.front());
 }
-
-JsonValue orNull(const std::string& text) { return text.empty() ? JsonValue() : JsonValue(text); }
 
 JsonValue toJson(const std::vector<Unread>& unread) {
     JsonValue errors = JsonValue::array();
@@ -60,22 +56,21 @@ std::string counted(std::size_t number, const std::string& what) {
 }
 
 void print(const Verification& result, const InspectedDatabase& database) {
-    const auto line = [](const std::string& text) { printLine(Common::printable(text)); };
     for (const auto& each : result.packages) {
         if (!each.prepared.empty()) {
-            line(each.id + ": an upgrade to " + each.prepared + " is prepared");
+            printText(each.id + ": an upgrade to " + each.prepared + " is prepared");
         }
     }
     for (const auto& each : result.findings) {
-        line((each.package.empty() ? "" : each.package + ": ") + each.path + ": " + each.problem);
-        line("  to repair: " + each.mend);
+        printText((each.package.empty() ? "" : each.package + ": ") + each.path + ": " + each.problem);
+        printText("  to repair: " + each.mend);
     }
     print(result.unread);
     const bool isEmpty = result.packages.empty() && result.findings.empty() && result.unread.empty();
-    line((isEmpty ? "no package in " + database.directory.native()
-                  : counted(result.packages.size(), "package")) +
-         ", " + counted(result.findings.size(), "finding") +
-         (result.unread.empty() ? "" : ", " + counted(result.unread.size(), "error")));
+    printText((isEmpty ? "no package in " + database.directory.native()
+                       : counted(result.packages.size(), "package")) +
+              ", " + counted(result.findings.size(), "finding") +
+              (result.unread.empty() ? "" : ", " + counted(result.unread.size(), "error")));
 }
 
 } // namespace

@@ -26,7 +26,7 @@ using Common::UniqueFd;
 namespace {
 
 /// Throws for a negative errno that a function of libsystemd returns.
-int checked(int result) {
+int requireSuccess(int result) {
     if (result < 0) {
         // ENODATA: the file is shorter than a journal, or than its header says.
         const bool isDamaged = result == -EBADMSG || result == -ENODATA;
@@ -45,7 +45,8 @@ Journal openJournal(std::vector<UniqueFd>& files) {
     std::transform(files.begin(), files.end(), descriptors.begin(),
                    [](const auto& file) { return file.get(); });
     sd_journal* journal = nullptr;
-    checked(sd_journal_open_files_fd(&journal, descriptors.data(), static_cast<unsigned>(files.size()), 0));
+    requireSuccess(
+        sd_journal_open_files_fd(&journal, descriptors.data(), static_cast<unsigned>(files.size()), 0));
     for (auto& file : files) {
         static_cast<void>(file.release());
     }
@@ -71,7 +72,7 @@ std::string valueOf(sd_journal* journal, const std::string& field) {
     std::size_t size = 0;
     const int result = sd_journal_get_data(journal, field.c_str(), &data, &size);
     if (result != -ENOENT) {
-        checked(result);
+        requireSuccess(result);
     }
     return std::string(static_cast<const char*>(data), size).substr(size == 0 ? 0 : field.size() + 1);
 }
@@ -79,7 +80,7 @@ std::string valueOf(sd_journal* journal, const std::string& field) {
 /// When the current entry was received, in ISO 8601 with the local offset.
 std::string timeOf(sd_journal* journal) {
     std::uint64_t microseconds = 0;
-    checked(sd_journal_get_realtime_usec(journal, &microseconds));
+    requireSuccess(sd_journal_get_realtime_usec(journal, &microseconds));
     const auto seconds = static_cast<std::time_t>(microseconds / 1000000);
     std::tm local{};
     localtime_r(&seconds, &local);
@@ -87,8 +88,6 @@ std::string timeOf(sd_journal* journal) {
     text << std::put_time(&local, "%FT%T%z");
     return text.str().insert(text.str().size() - 2, ":");
 }
-
-using Row = std::vector<std::string>;
 
 /// The current entry; nothing if the database cannot have written it, because any user may write such
 /// entries.
@@ -116,9 +115,9 @@ public:
         : request_(request) {}
 
     /// @return a row for each event, the latest last
-    std::vector<Row> read() {
+    Rows read() {
         findFiles();
-        std::vector<Row> rows;
+        Rows rows;
         const bool isEmpty = files_.empty();
         if (isDenied_) {
             printFailure(isEmpty ? request_.format : Format::Text, {},
@@ -134,17 +133,17 @@ public:
         }
         const auto journal = openJournal(files_);
         for (const auto& kind : eventKinds) {
-            checked(sd_journal_add_match(journal.get(), kind.messageId, 0));
+            requireSuccess(sd_journal_add_match(journal.get(), kind.messageId, 0));
         }
         if (!request_.arguments.empty()) {
             const auto match = packageField + ("=" + request_.arguments.front());
-            checked(sd_journal_add_match(journal.get(), match.c_str(), 0));
+            requireSuccess(sd_journal_add_match(journal.get(), match.c_str(), 0));
         }
         bool isThere = true;
         while (std::exchange(isThere, false)) {
             try {
                 // A failure here ends the list; a failure to read an entry does not.
-                isThere = checked(sd_journal_next(journal.get())) > 0;
+                isThere = requireSuccess(sd_journal_next(journal.get())) > 0;
                 if (auto row = isThere ? rowOf(journal.get()) : std::nullopt) {
                     rows.push_back(std::move(*row));
                 }
@@ -192,7 +191,7 @@ private:
         try {
             std::vector<UniqueFd> copy(1);
             copy.front() = UniqueFd(file ? fcntl(file.get(), F_DUPFD_CLOEXEC, 0) : -1);
-            checked(copy.front() ? 0 : -errno);
+            requireSuccess(copy.front() ? 0 : -errno);
             openJournal(copy); // each file alone, because errors of the journal do not name the file
             files_.push_back(std::move(file));
         } catch (const Common::Error& error) {
@@ -228,7 +227,6 @@ ExitStatus history(const Request& request) {
     if (request.format == Format::Text) {
         printTable({"TIME", "EVENT", "PACKAGE", "VERSION", "USER", "MESSAGE"}, rows);
     } else {
-        const auto orNull = [](const auto& text) { return text.empty() ? JsonValue() : JsonValue(text); };
         for (const auto& row : rows) {
             printJson({{"time", row[0]},
                        {"event", orNull(row[1])},

@@ -95,6 +95,8 @@ JsonValue toJson(const Vendara::Package& package) {
                      {"extra", extra}};
 }
 
+JsonValue orNull(const std::string& text) { return text.empty() ? JsonValue() : JsonValue(text); }
+
 bool onTerminal() { return Tools::isTerminal(STDOUT_FILENO); }
 
 void printLine(const std::string& line) {
@@ -103,9 +105,11 @@ void printLine(const std::string& line) {
     }
 }
 
+void printText(const std::string& text) { printLine(Common::printable(text)); }
+
 void printJson(const JsonValue& value) { printLine(Tools::textOf(value)); }
 
-void printTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows) {
+void printTable(const std::vector<std::string>& header, const Rows& rows) {
     // A longer text shifts only its own row.
     constexpr std::size_t widest = 64;
     std::vector<std::size_t> widths(header.size(), 0);

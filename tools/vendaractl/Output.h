@@ -10,6 +10,8 @@
 namespace Vendaractl {
 
 using Tools::JsonValue;
+using Row = std::vector<std::string>;
+using Rows = std::vector<Row>;
 
 /// The output format: human-readable, or one JSON object (RFC 8259) a line.
 enum class Format { Text, Json };
@@ -34,16 +36,21 @@ template<typename Record>
     return result;
 }
 
+/// The JSON of a text that may be unknown.
+[[nodiscard]] JsonValue orNull(const std::string& text);
+
 /// Whether standard output is a terminal that supports cursor movements.
 [[nodiscard]] bool onTerminal();
 
 /// Writes a line to standard output and flushes it. Throws OutputLost.
 void printLine(const std::string& line);
+/// The same for a text that is not yet escaped for a terminal.
+void printText(const std::string& text);
 /// The same for a value, in ASCII.
 void printJson(const JsonValue& value);
 
 /// On a terminal prints a table with the header; otherwise lines with tab-separated fields.
-void printTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows);
+void printTable(const std::vector<std::string>& header, const Rows& rows);
 
 /// Prints the result of an operation that the program did not follow on standard error.
 void printEarlier(const Vendara::Operation& operation);
