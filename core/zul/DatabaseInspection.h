@@ -80,7 +80,7 @@ struct Finding {
     std::string package; ///< identifier; empty: not of a package
     std::string path;    ///< the affected path of the system
     std::string problem; ///< sentence without its subject, which is the path
-    std::string mend;    ///< the repair, a sentence in the imperative
+    std::string repair;  ///< a sentence in the imperative
 };
 
 struct Verification {

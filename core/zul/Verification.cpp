@@ -21,6 +21,7 @@ using Common::ErrorCode;
 namespace {
 
 const std::string startManager = "start the package manager: ";
+const std::string recreate = startManager + "recovery creates it again";
 const char* const integrityAttribute = "security.ima";
 const char* const identityAttribute = "security.appid";
 
@@ -63,7 +64,7 @@ private:
     void verifyEntry(const std::string& name);
     void verifyPackage(const InstalledPackage& package);
     bool verifyUpgrade(const InstalledPackage& package, const Verification::Package& state);
-    bool verifyRecord(const InstalledPackage& package, const std::string& version, const std::string& mend);
+    bool verifyRecord(const InstalledPackage& package, const std::string& version, const std::string& repair);
     void verifyMappings(const InstalledPackage& package, const std::string& version);
     void verifyPlace(const Mapped& mapped, const std::string& place, const fs::path& file);
     void verifyCopy(const Mapped& mapped, const std::string& place, const fs::path& file);
@@ -72,8 +73,8 @@ private:
     void findLeftovers(const std::optional<std::string>& only);
 
     void report(const std::string& id, const fs::path& path, const std::string& problem,
-                const std::string& mend) {
-        result_.findings.push_back({id, path, problem, mend});
+                const std::string& repair) {
+        result_.findings.push_back({id, path, problem, repair});
     }
     template<typename Action>
     void attempt(const std::string& id, const Action& action) {
@@ -135,19 +136,19 @@ void Verifier::verifyPackage(const InstalledPackage& package) {
     }
     Verification::Package state{id, package.versionOf("current"), package.versionOf("next")};
     const bool isCompletable = verifyUpgrade(package, state);
-    auto mend = "install " + id + " again; the package manager deletes what is damaged when it starts";
+    auto repair = "install " + id + " again; the package manager deletes what is damaged when it starts";
     if (isCompletable) {
-        mend = startManager + "recovery completes the upgrade";
+        repair = startManager + "recovery completes the upgrade";
     } else if (unknown_.contains(id)) {
-        mend = "look again as root: not all of the package could be read";
+        repair = "run this command as root: not all of the package could be read";
     }
     if (state.version.empty()) {
         const auto target = view_.tree().linkTarget(package.path() / "current");
         report(id, package.path() / "current",
-               target ? "it leads to " + target->native() + ", which is not a version of the package"
+               target ? "it points to " + target->native() + ", which is not a version of the package"
                       : "the link to the installed version is missing",
-               mend);
-    } else if (verifyRecord(package, state.version, mend)) {
+               repair);
+    } else if (verifyRecord(package, state.version, repair)) {
         verifyMappings(package, state.version);
     }
     result_.packages.push_back(std::move(state));
@@ -160,7 +161,7 @@ bool Verifier::verifyUpgrade(const InstalledPackage& package, const Verification
     for (const auto& name : view_.tree().namesIn(package.path())) {
         const auto path = package.path() / name;
         if (name == "next" && state.prepared.empty()) {
-            report(package.id(), path, "it does not lead to a prepared version", discarded);
+            report(package.id(), path, "it does not point to a prepared version", discarded);
         } else if (!state.version.empty() && name != "next" && name != "current" && name != state.version &&
                    name != state.prepared) {
             report(package.id(), path, "it is neither installed nor prepared",
@@ -172,7 +173,7 @@ bool Verifier::verifyUpgrade(const InstalledPackage& package, const Verification
 
 /// @return whether there is a record to work with
 bool Verifier::verifyRecord(const InstalledPackage& package, const std::string& version,
-                            const std::string& mend) {
+                            const std::string& repair) {
     namespace Keys = Common::Names::PackageKeys;
     const auto path = package.path() / version / recordName;
     bool isUsable = false;
@@ -193,7 +194,7 @@ bool Verifier::verifyRecord(const InstalledPackage& package, const std::string& 
             if (error.code() == ErrorCode::Filesystem) {
                 throw;
             }
-            report(package.id(), path, "the record is damaged: " + std::string(error.what()), mend);
+            report(package.id(), path, "the record is damaged: " + std::string(error.what()), repair);
         }
     });
     return isUsable;
@@ -205,31 +206,30 @@ void Verifier::verifyMappings(const InstalledPackage& package, const std::string
     const auto plan = package.plan(identity, files);
     const auto list = package.mappingList(version);
     const auto listPath = package.path() / version / mappingListName;
-    const auto anew = startManager + "recovery makes it anew";
     if (!list) {
-        report(package.id(), listPath, "the mapping list is missing", anew);
+        report(package.id(), listPath, "the mapping list is missing", recreate);
         unknown_.insert(package.id()); // what is its own and what is left over
     }
     std::map<std::string, std::string> all = plan;
     const PackagePath paths(identity);
     std::set<std::string> listed;
-    std::size_t strange = 0;
+    std::size_t invalidLines = 0;
     for (const auto& place : list.value_or(MappingList())) {
         if (!Mapping::isPlace(place)) {
-            ++strange;
+            ++invalidLines;
         } else if (listed.insert(place).second) {
             all.emplace(place, paths.toPackagePath(place));
         }
     }
-    if (strange > 0) {
+    if (invalidLines > 0) {
         report(package.id(), listPath,
-               "lines of the mapping list that are not places: " + std::to_string(strange), anew);
+               "lines of the mapping list that are not places: " + std::to_string(invalidLines), recreate);
     }
     const Mapped mapped{package, version, package.kindOf(identity)};
     for (const auto& [place, file] : all) {
         places_[package.id()].insert(place);
         if (list && !listed.contains(place)) {
-            report(package.id(), listPath, "the mapping list lacks " + place, anew);
+            report(package.id(), listPath, "the mapping list does not contain " + place, recreate);
         }
         attempt(package.id(), [&] { verifyPlace(mapped, place, file); });
     }
@@ -256,21 +256,21 @@ void Verifier::verifyPlace(const Mapped& mapped, const std::string& place, const
     }
     const bool isLink = view_.system().linkTarget(place).has_value();
     if (!isPresent) {
-        report(id, place, "the mapping is missing", startManager + "recovery makes it anew");
+        report(id, place, "the mapping is missing", recreate);
     } else if (target.empty() || (holder.empty() && isLink)) {
         report(id, place,
                target.empty() ? "a file that is not a mapping has the mapping's place"
                               : "a link to " + target.native() + " has the mapping's place",
-               "delete it and start the package manager: recovery makes the mapping anew");
+               "delete it and start the package manager: recovery creates the mapping again");
     } else if (holder != id) {
         report(id, place, "a mapping of " + target.native() + " has the mapping's place",
                reinstall(id) + ": it takes the place");
     } else if (isLink != (mapped.kind == MappingKind::Link)) {
         report(id, place, isLink ? "it is a link instead of a copy" : "it is a copy instead of a link",
-               startManager + "recovery makes it anew");
+               recreate);
     } else if (target.lexically_normal() != expected && !(isLink && tree.isSameFile(target, expected))) {
-        report(id, place, "it stands for " + target.native() + " instead of " + expected.native(),
-               startManager + "recovery makes it anew");
+        report(id, place, "it is a mapping of " + target.native() + " instead of " + expected.native(),
+               recreate);
     } else if (!isLink) {
         verifyCopy(mapped, place, file);
     }
@@ -283,7 +283,7 @@ void Verifier::verifyCopy(const Mapped& mapped, const std::string& place, const 
     const auto copy = view_.system().status(place, O_NOFOLLOW);
     if (!status || !copy || !isCopyOf(*copy, *status)) {
         report(id, place, "the copy differs from " + original.native() + " in size, owner, mode or time",
-               startManager + "recovery makes it anew");
+               recreate);
         return;
     }
     const auto attributes = view_.system().securityAttributes(place, O_NOFOLLOW);
@@ -293,9 +293,10 @@ void Verifier::verifyCopy(const Mapped& mapped, const std::string& place, const 
         const bool isSignature = name == integrityAttribute || name == identityAttribute;
         if (found == attributes.end() || (isSignature && found->second != value)) {
             report(id, place,
-                   "the copy " + std::string(found == attributes.end() ? "lacks" : "has another value of") +
+                   "the copy " +
+                       std::string(found == attributes.end() ? "does not have" : "has another value of") +
                        " the attribute " + name + " of " + original.native(),
-                   "delete it and start the package manager: recovery makes the copy anew");
+                   "delete it and start the package manager: recovery creates the copy again");
         }
     }
 }
@@ -304,7 +305,7 @@ void Verifier::verifyCopy(const Mapped& mapped, const std::string& place, const 
 void Verifier::verifyAttributes(const InstalledPackage& package, const std::string& version,
                                 const std::vector<InstalledPackage::File>& files) {
     constexpr mode_t executable = 0111;
-    const auto mend = reinstall(package.id()) + " with a package manager that may set it";
+    const auto repair = reinstall(package.id()) + " with a package manager that may set it";
     std::map<std::string, std::vector<fs::path>> lacking;
     std::set<std::string> used;
     for (const auto& [relative, status] : files) {
@@ -324,17 +325,17 @@ void Verifier::verifyAttributes(const InstalledPackage& package, const std::stri
         const auto identity = attributes.find(identityAttribute);
         if (identity != attributes.end() && identity->second != package.id()) {
             report(package.id(), path,
-                   std::string("the attribute ") + identityAttribute + " names another package", mend);
+                   std::string("the attribute ") + identityAttribute + " names another package", repair);
         }
     }
     for (const auto& [name, paths] : lacking) {
         if (used.contains(name)) {
             for (const auto& path : paths) {
-                report(package.id(), path, "the attribute " + name + " is missing", mend);
+                report(package.id(), path, "the attribute " + name + " is missing", repair);
             }
         } else if (name == identityAttribute) {
             // The signatures of files are the signer's choice, the identity is not.
-            report(package.id(), package.path() / version, "no file has the attribute " + name, mend);
+            report(package.id(), package.path() / version, "no file has the attribute " + name, repair);
         }
     }
 }

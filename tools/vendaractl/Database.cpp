@@ -45,7 +45,7 @@ JsonValue toJson(const Verification& result) {
         json["findings"].push_back({{"package", orNull(each.package)},
                                     {"path", each.path},
                                     {"problem", each.problem},
-                                    {"mend", each.mend}});
+                                    {"repair", each.repair}});
     }
     json["errors"] = toJson(result.unread);
     return json;
@@ -63,7 +63,7 @@ void print(const Verification& result, const InspectedDatabase& database) {
     }
     for (const auto& each : result.findings) {
         printText((each.package.empty() ? "" : each.package + ": ") + each.path + ": " + each.problem);
-        printText("  to repair: " + each.mend);
+        printText("  to repair: " + each.repair);
     }
     print(result.unread);
     const bool isEmpty = result.packages.empty() && result.findings.empty() && result.unread.empty();

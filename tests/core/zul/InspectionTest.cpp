@@ -191,7 +191,7 @@ TEST(Verification, FindsNothingInAHealthyDatabaseAndChangesNothing) {
 TEST(Verification, FindsEachDamageAndWhatMendsIt) {
     struct Damage {
         const char* problem;
-        const char* mend;
+        const char* repair;
         std::function<void(InspectedOnDisk&)> make;
     };
     const auto replace = [](const fs::path& path, const fs::path& target) {
@@ -201,7 +201,7 @@ TEST(Verification, FindsEachDamageAndWhatMendsIt) {
     const Damage damages[] = {
         {"the mapping is missing", "start", [](auto& disk) { fs::remove(disk.system / "usr/bin/tool"); }},
         {"the copy differs from", "start", [](auto& disk) { writeFile(disk.system / "usr/bin/vpn", "12"); }},
-        {"it stands for", "start",
+        {"it is a mapping of ", "start",
          [&](auto& disk) { replace(disk.system / "usr/bin/tool", disk.version / "opt/own"); }},
         {"it is a link instead of a copy", "start",
          [&](auto& disk) {
@@ -216,7 +216,7 @@ TEST(Verification, FindsEachDamageAndWhatMendsIt) {
          [&](auto& disk) { replace(disk.system / "usr/bin/tool", "/usr/lib/tool"); }},
         {"the mapping list is missing", "start",
          [](auto& disk) { fs::remove(disk.version / "symlink.list"); }},
-        {"the mapping list lacks /usr/bin/tool", "start",
+        {"the mapping list does not contain /usr/bin/tool", "start",
          [](auto& disk) {
              writeFile(disk.version / "symlink.list", "/usr/share/com.example.app/a/b.txt\n");
          }},
@@ -224,14 +224,14 @@ TEST(Verification, FindsEachDamageAndWhatMendsIt) {
          [](auto& disk) { fs::remove(disk.version / "bin/tool"); }},
         {"the record is damaged: quenra.pkg doesn't exist", "install com.example.app again",
          [](auto& disk) { fs::remove(disk.version / "quenra.pkg"); }},
-        {"it leads to /elsewhere, which is not a version", "install com.example.app again",
+        {"it points to /elsewhere, which is not a version", "install com.example.app again",
          [&](auto& disk) { replace(disk.root / "com.example.app/current", "/elsewhere"); }},
         {"the link to the installed version is missing", "start the package manager: recovery completes",
          [](auto& disk) {
              disk.prepare({"com.example.app", "2-1"});
              fs::remove(disk.root / "com.example.app/current");
          }},
-        {"it does not lead to a prepared version", "start",
+        {"it does not point to a prepared version", "start",
          [&](auto& disk) { replace(disk.root / "com.example.app/next", "/elsewhere"); }},
         {"it is neither installed nor prepared", "start",
          [](auto& disk) { fs::create_directory(disk.root / "com.example.app/0-1"); }},
@@ -251,8 +251,8 @@ TEST(Verification, FindsEachDamageAndWhatMendsIt) {
         ASSERT_EQ(result.findings.size(), 1U);
         const auto& found = result.findings[0];
         EXPECT_THAT(found.problem, testing::StartsWith(damage.problem));
-        EXPECT_THAT(found.mend, testing::StartsWith(damage.mend));
-        if (found.mend.starts_with("delete it")) {
+        EXPECT_THAT(found.repair, testing::StartsWith(damage.repair));
+        if (found.repair.starts_with("delete it")) {
             fs::remove(disk.system / fs::path(found.path).relative_path());
         }
         disk.startManager();
@@ -312,7 +312,7 @@ TEST(Verification, FindsSecurityAttributesThatAreGone) {
     const auto result = verify(disk.inspected);
     ASSERT_EQ(result.findings.size(), 2U);
     EXPECT_THAT(result.findings[0].problem,
-                testing::StartsWith("the copy lacks the attribute security.appid"));
+                testing::StartsWith("the copy does not have the attribute security.appid"));
     EXPECT_EQ(result.findings[1].path, vpn / "connman/plugin/vpn.so");
     removexattr((vpn / "bin/vpn").c_str(), "security.appid");
     EXPECT_EQ(verify(disk.inspected).findings[0].problem, "no file has the attribute security.appid");
