@@ -9,8 +9,7 @@ if(NOT CMAKE_BUILD_TYPE)
     set(CMAKE_BUILD_TYPE RelWithDebInfo)
 endif()
 
-# What is built is the same in every folder and says nothing of it. Debuggers find sources of a debug build by their
-# absolute paths.
+# Build outputs do not contain the path of the source or build directory. A debug build does, for debuggers.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=./build)
@@ -57,7 +56,7 @@ function(vendara_platform_library)
     if(VENDARA_PLATFORM STREQUAL "device")
         string(TOUPPER VENDARA_${arg_NAME}_LIBRARY found)
         find_library(${found} NAMES lib${arg_NAME}.so.${arg_VERSION} REQUIRED)
-        # Imported: the installed CMake package has its name alone, and finds the library where it is used.
+        # Imported: the installed CMake package stores only the name and searches for the library where it is used.
         add_library(Vendara::${arg_NAME} UNKNOWN IMPORTED GLOBAL)
         set_target_properties(Vendara::${arg_NAME} PROPERTIES IMPORTED_LOCATION ${${found}})
         add_library(${target} ALIAS Vendara::${arg_NAME})

@@ -75,7 +75,7 @@ class Properties(NamedTuple):
     """The service's state as the calling application sees it."""
     architecture: str
     quenra_version: str  # without the quotes of os-release(5)
-    operations: list[Operation]  # those whose end was not reported
+    operations: list[Operation]  # not completed, or not yet reported
     completed_operations: list[Operation]  # each reported once
     packages: list[Package]
 
@@ -160,9 +160,9 @@ class Client:
             self._changed(operation)
 
     def follow(self):
-        """Waits until all operations of this client have ended, and a second for a reply of the service that shows that
-        it knows. Returns whether all of them succeeded. Raises first what was seen while another loop ran: that the
-        service left the bus, or what changed raised."""
+        """Waits until all operations of this client have ended, then at most a second for a reply that shows that the
+        service has recorded their ends. Returns whether all succeeded. Raises first what failed while another loop ran:
+        the service left the bus, or changed raised an exception."""
         self._raise_failure()
         if self._pending():
             # Handle signals first: one that arrived during a slow reply must precede the next query.
@@ -251,12 +251,12 @@ class Client:
             self._send(_NAME, _PATH, "org.freedesktop.DBus.Peer", "Ping", flags=Gio.DBusMessageFlags.NO_AUTO_START,
                        limit=1000)
         except GLib.Error:
-            pass  # What was received is not lost by this.
+            pass  # Nothing that was received is lost.
 
     def _pending(self):
         return {key for key, operation in self._operations.items() if operation.status < FINISHED}
 
-    def _update(self, operation):  # Statuses may repeat what the reply said.
+    def _update(self, operation):  # Statuses may repeat the status in the reply.
         if operation.id in self._pending() and operation.status > self._operations[operation.id].status:
             self._operations[operation.id] = operation
             self._changed(operation)

@@ -2,9 +2,9 @@
 //
 //     package-manager DIRECTORY [install FILE | remove ID]
 //
-// DIRECTORY stands for the system: "ca.pem" and "system-developer-keyid" in it say whom to trust. The
-// database is made below it, in directories that must not be there yet. Installing takes root: signed files
-// get the extended attribute "security.ima", which only CAP_SYS_ADMIN may attach.
+// DIRECTORY represents the system: it has the trusted certificates, "ca.pem", and "system-developer-keyid".
+// The database is created below it, in directories that must not exist yet. Installing needs root, because
+// only CAP_SYS_ADMIN may set the attribute "security.ima" of signed files.
 
 #include "common/Error.h"
 #include "common/PlatformFacts.h"
@@ -24,8 +24,8 @@ namespace {
 
 constexpr const char* usage = "usage: package-manager DIRECTORY [install FILE | remove ID]\n";
 
-/// Makes the database's directories, or takes those that it made before. Recovery deletes what it does not
-/// know: directories of somebody else's are refused.
+/// Creates the database's directories, or accepts those that it created before. Directories of other programs
+/// are refused, because recovery deletes unknown files.
 /// @return the canonical path of the directory, since links name the database's directories
 fs::path openSystem(const fs::path& directory) {
     const auto mark = directory / ".package-manager";
@@ -46,8 +46,8 @@ fs::path openSystem(const fs::path& directory) {
     return fs::canonical(directory);
 }
 
-/// Clears away what a process left that was killed, and brings the mappings in line. A package whose mappings
-/// cannot be made does not keep the others from theirs.
+/// Cleans up after a killed process and refreshes the mappings. If the mappings of one package cannot be
+/// created, the other packages are still refreshed.
 void recover(Database& database) {
     static_cast<void>(database.recoverDatabase());
     for (const auto& [directory, record] : database.packages()) {
