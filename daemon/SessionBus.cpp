@@ -20,8 +20,8 @@ std::shared_ptr<sdbus::IConnection> open() {
     }
 }
 
-// All these errors are the bus's: nobody else can send to a connection without a name. sd-bus refuses access
-// to a bus with another GUID than in the address.
+// All these errors come from the bus: no client can send to a connection without a unique name. sd-bus
+// refuses access to a bus with another GUID than in the address.
 std::shared_ptr<sdbus::IConnection> openAgain() {
     for (int attempts = 1;; ++attempts) {
         try {

@@ -24,7 +24,7 @@ sdbus::IProxy& RemoteObject::proxy() {
     return *proxy_;
 }
 
-// Empty for a name that nobody owns or whose owner is not followed.
+// Empty if the name has no owner or its owner is not followed.
 std::string RemoteObject::expectedSender() const {
     const bool isUnique = service_.starts_with(':') || service_ == Names::MessageBus::service;
     return isUnique ? service_ : owner_ != nullptr ? owner_->owner() : std::string();

@@ -61,7 +61,7 @@ SignalSource::Subscriptions SignalSource::Wanted::subscribeOn(sdbus::IConnection
 
 void SignalSource::takeOwner(sdbus::Message& message) {
     if (message.getSender() != MessageBus::service) {
-        return; // the bus alone sends as itself
+        return; // only the bus can send with this sender
     }
     std::string name;
     std::string before;

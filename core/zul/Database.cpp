@@ -169,7 +169,7 @@ std::vector<std::pair<fs::path, PackageData>> Database::packages() try {
 bool Database::removeMappingsOf(const PackageDirectory& directory, const std::string& message) const {
     bool areRemoved = true;
     for (const auto& holder : directory.listHolders()) {
-        // Most of what other versions list is gone or was never made.
+        // Most mappings in the lists of other versions are already removed or were never created.
         const auto isRemoved = mappings_->removeMappings(holder, holder != directory.current());
         if (!isRemoved) {
             Common::logWarning() << message << "couldn't find package symlink list";
@@ -179,7 +179,7 @@ bool Database::removeMappingsOf(const PackageDirectory& directory, const std::st
     return areRemoved;
 }
 
-/// Removes a package whose mappings have been removed. Those that are left are found again by its lists.
+/// Removes a package, or only its links if mappings are left; later operations find these in its lists.
 void Database::removeAll(const PackageDirectory& directory, bool isUnmapped) const {
     if (isUnmapped || !directory.isReal()) {
         directory.remove();
@@ -211,7 +211,7 @@ void Database::cleanupCorruptedPackage(const fs::path& packageDirectory) noexcep
         logEvent(corruptedPackageRemoved, removal, ErrorCode::CorruptedInstalledPackage);
         try {
             removeAll(directory, isUnmapped);
-            if (!Common::exists(directory.path())) { // it stays when a mapping of it does
+            if (!Common::exists(directory.path())) { // it stays if a mapping could not be removed
                 recordInJournal(corruptedPackageRemoved, packageDirectory.filename(), version, removal);
             }
         } catch (const Error& error) {

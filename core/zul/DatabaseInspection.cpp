@@ -30,7 +30,7 @@ std::uint64_t sizeOf(const std::vector<InstalledPackage::File>& files) {
 
 std::uint64_t sizeOfCopies(DatabaseView& view, const InstalledPackage& package, const std::string& version) {
     std::uint64_t size = 0;
-    std::set<std::pair<dev_t, ino_t>> counted; // a list may name a place in several ways
+    std::set<std::pair<dev_t, ino_t>> counted; // a list may spell a place in several ways
     const auto list = package.mappingList(version).value_or(MappingList());
     for (const auto& place : std::set<std::string>(list.begin(), list.end())) {
         if (!Mapping::isPlace(place)) {

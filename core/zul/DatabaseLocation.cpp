@@ -30,7 +30,7 @@ fs::path rootDirectoryOf(const Tree& tree) {
 
 } // namespace
 
-// Links in the database name whole paths, which a relative one would not be from where they are.
+// Links in the database have absolute targets, so its paths must be absolute.
 fs::path wholePath(const fs::path& path) {
     std::error_code error;
     auto result = fs::absolute(path, error);

@@ -51,7 +51,7 @@ MappingPlan stage(const PackageIdentity& package, const PackageData& entries, co
     for (const auto& holder : listHolders) {
         Common::guarded("couldn't take over a mapping list", [&] { keepMappingListOf(holder, extracted); });
     }
-    // Unpacked for its owner alone, installed for every user.
+    // Only the owner has access to an extracted directory; an installed one is readable by every user.
     makePublic(extracted);
     Common::flushFileSystem(extracted);
     return plan;
@@ -59,7 +59,7 @@ MappingPlan stage(const PackageIdentity& package, const PackageData& entries, co
 
 /// Adds to an extracted version's mapping list the list of an abandoned one, which may name mappings that
 /// could not be removed.
-/// @return whether the abandoned version may be deleted; else it has another name now, for its list
+/// @return whether the abandoned version may be deleted; if not, it was renamed to keep its list
 bool takeOverListOf(const fs::path& version, const fs::path& extracted) {
     try {
         keepMappingListOf(version, extracted);
@@ -85,7 +85,7 @@ std::set<fs::path> takeOverLists(const PackageDirectory& directory, const std::s
                 Common::logWarning() << message << "couldn't find package symlink list";
             }
         } catch (const Error& error) {
-            // Waiting for it could be for ever, as with a damaged disk; it stays for a later attempt.
+            // It may never succeed, as on a damaged disk: the upgrade continues, the version is kept.
             Common::logWarning() << message << error;
             withoutList.insert(holder == directory.current() ? directory.versionOf(holder) : holder);
         }
@@ -118,7 +118,7 @@ fs::path Database::moveToVersionedDirectory(const PackageIdentity& package, cons
             try {
                 Common::flushDirectory(directory.path());
             } catch (...) {
-                // Another attempt would install what is replaced.
+                // A further attempt would install the replaced version.
                 Common::guarded("couldn't put back the replaced version", move);
                 throw;
             }
@@ -163,7 +163,7 @@ void Database::checkUpgrade(const PackageIdentity& package) try {
 }
 
 void Database::requireHigher(const PackageIdentity& package, const PackageDirectory& directory) {
-    static_cast<void>(requireVersion(package)); // before anything that is damaged is removed
+    static_cast<void>(requireVersion(package)); // before a damaged upgrade or package is removed
     bool isPrepared = directory.hasNextLink();
     auto existingName = PackageDirectory::versionNameOf(isPrepared ? directory.next() : directory.current());
     auto existing = Version::parse(existingName);
@@ -195,7 +195,7 @@ void Database::prepareUpgrade(const PackageIdentity& package, const PackageData&
 void Database::placeNext(const PackageIdentity& package, const PackageData& entries,
                          const fs::path& extracted) const {
     const auto directory = directoryOf(package.id());
-    // With the lists now, completion and recovery need no space for them on a disk that is full then.
+    // The lists are added now: completion and recovery then need no disk space for them.
     static_cast<void>(stage(package, entries, extracted, directory.listHolders()));
     const auto version = moveToVersionedDirectory(package, extracted);
     try {
@@ -214,7 +214,7 @@ bool Database::installFile(const Package& package, const fs::path& file, const A
             checkUpgrade(package);
             return true;
         } catch (const Error& error) {
-            // A damaged package is gone with this look at it.
+            // checkUpgrade() has removed a damaged package.
             if (error.code() != ErrorCode::PackageNotExist &&
                 error.code() != ErrorCode::CorruptedInstalledPackage) {
                 throw;
@@ -245,13 +245,13 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
         throw Error(ErrorCode::Internal,
                     "attempt to complete non-existent update for " + package.id() + " package");
     }
-    // The new version takes over what the old one has in the system directories: what it wants as well stays
-    // as it is, the rest goes when everything new is there.
+    // The new version's list now includes the old version's mappings. Common ones are kept; the others are
+    // removed after the new ones are created.
     const auto withoutList = takeOverLists(directory, "couldn't remove package symlinks: " + package.id());
     const auto plan = planMappings(package, directory.next());
     const auto newName = PackageDirectory::versionNameOf(directory.next());
     if (const auto installed = directory.versionOf(directory.current()); !installed.empty()) {
-        // A second name for the link takes no space, as a new link with a long path does.
+        // A hard link takes no space; a new symbolic link with a long target does.
         Common::removeTree(directory.fallback());
         if (link(directory.current().c_str(), directory.fallback().c_str()) != 0) {
             Common::replaceLink(directory.fallback(), installed);
@@ -283,8 +283,8 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
     throwAsError();
 }
 
-/// After a completion that failed: the old version is installed and the new one prepared again. If that is
-/// impossible the new one stays installed: a package without "current" would be lost.
+/// After a failed completion: installs the old version and prepares the new one again. If that fails, the new
+/// version stays installed, because a package without "current" would be lost.
 void Database::putBack(const PackageDirectory& directory) noexcept {
     const auto current = directory.current();
     const auto fallback = directory.fallback();
@@ -301,7 +301,7 @@ void Database::putBack(const PackageDirectory& directory) noexcept {
             }
             return;
         }
-        // There is a "current" all the time.
+        // "current" exists at every moment.
         exchange();
         if (rename(fallback.c_str(), directory.next().c_str()) != 0) {
             const auto failure = Common::filesystemError("couldn't put back " + directory.next().native());
@@ -311,7 +311,7 @@ void Database::putBack(const PackageDirectory& directory) noexcept {
         Common::flushDirectory(directory.path());
         keepMappingListOf(directory.next(), current);
     };
-    // The next refresh repairs what fails here: it knows the mappings that could not be removed.
+    // The next refresh repairs a failure: the list includes the mappings that could not be removed.
     Common::guarded("couldn't put back the previous version", putLinksBack);
     Common::guarded("couldn't refresh the previous version", [&] {
         if (Common::exists(current)) {
@@ -325,7 +325,7 @@ void Database::remove(const std::string& packageId) try {
     std::string version;
     Common::guarded("couldn't read the version of a package that is removed",
                     [&] { version = PackageDirectory::versionNameOf(directory.current()); });
-    // A package must not be unremovable because of a mapping that is, or of a list that cannot be read.
+    // A mapping that cannot be removed, or a list that cannot be read, must not prevent the removal.
     const auto message = "couldn't remove package symlinks: " + packageId;
     bool isUnmapped = false;
     try {

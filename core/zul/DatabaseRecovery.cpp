@@ -51,7 +51,7 @@ void Database::recoverPackage(const PackageDirectory& directory, std::vector<std
     if (!directory.isReal()) {
         return;
     }
-    // A prepared upgrade that cannot be read is given up: it must not take the installed version's place.
+    // A prepared upgrade that cannot be read is discarded: it must not replace the installed version.
     const bool isUsable = directory.pointsToExistingVersion(directory.next()) && readPrepared(directory);
     if (!isUsable && directory.hasNextLink()) {
         directory.discardPreparedUpgrade();
@@ -70,9 +70,9 @@ void Database::recoverPackage(const PackageDirectory& directory, std::vector<std
             return;
         }
     }
-    // Of a package whose "current" leads elsewhere, the lists of its versions are still needed.
+    // If "current" points to no version, the lists of all versions are still needed.
     if (directory.pointsToExistingVersion(directory.current())) {
-        // What another version had in the system directories is known from its list alone.
+        // The mappings of another version are known only from its list.
         directory.sweep("couldn't remove outdated package versioned directory: ",
                         [&](const fs::path& entry) { keepMappingListOf(entry, directory.current()); });
     }

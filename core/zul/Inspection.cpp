@@ -29,7 +29,7 @@ namespace {
 using Common::Error;
 using Common::ErrorCode;
 
-/// Whether a directory has files, and only mappings of the package: the installation removes it with them.
+/// Whether a directory is not empty and has only mappings of the package: the installation removes it.
 bool hasOnlyMappings(SystemTree& tree, const ReadTree& system, const std::filesystem::path& directory,
                      const std::filesystem::path& packageDirectory) {
     const auto names = system.namesIn(directory);
@@ -42,7 +42,7 @@ bool hasOnlyMappings(SystemTree& tree, const ReadTree& system, const std::filesy
     });
 }
 
-/// Whether something is at the place that a mapping never replaces.
+/// Whether a file or directory at the place prevents the mapping.
 bool isTaken(SystemTree& tree, const ReadTree& system, const std::string& place,
              const std::filesystem::path& packageDirectory) {
     const Mapping mapping(tree, place);
@@ -132,7 +132,7 @@ void inspect(const std::filesystem::path& file, const InspectedSystem& system, c
     throwAsError();
 }
 
-// The refusal stands whether or not the file can be read again.
+// The refusal does not depend on this second read.
 void readClaims(const std::filesystem::path& file, const Authorities& authorities, Inspection& result) try {
     const PackageFile opened(file);
     const auto& header = opened.reader();

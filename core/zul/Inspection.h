@@ -21,12 +21,12 @@ struct Inspection {
         bool isPlaceTaken = false; ///< by a file that a mapping never replaces
     };
 
-    /// What a file says of itself whose signatures are refused. Anybody may have written it.
+    /// The unverified properties of a file whose signatures are refused; anyone may have written them.
     struct Claims {
         PackageIdentity identity; ///< without the names in the manifest
         std::string architecture;
         std::vector<PackageSignatures::Cms> signatures;
-        std::optional<std::string> reason; ///< why they do not hold, where the platform's library says it
+        std::optional<std::string> reason; ///< why they are refused, if the platform's library reports it
     };
 
     std::optional<Package> package;         ///< nothing when the file itself is refused

@@ -58,7 +58,7 @@ fs::path PackageDirectory::versionOf(const fs::path& link) const {
     if (!Common::isOrdinaryName(name.native()) || name == "current" || name == "next") {
         return {};
     }
-    // The link may have been made when the root went by another name.
+    // The link may have been created when the root had another path.
     const bool isChild = version.parent_path() == path_.lexically_normal() ||
                          (isRealDirectory(path_ / name) && Common::isSameFile(path_ / name, version));
     return isChild ? path_ / name : fs::path();
@@ -78,7 +78,7 @@ std::vector<fs::path> PackageDirectory::listHolders() const {
     if (Common::exists(current())) {
         holders.push_back(current());
     }
-    // The list of a version that was installed once may name mappings that could not be removed.
+    // The list of a formerly installed version may name mappings that could not be removed.
     const auto installed = versionOf(current());
     for (const auto& entry : isReal() ? Common::entriesOf(path_) : std::vector<fs::path>()) {
         if (entry != installed && isRealDirectory(entry) && Common::exists(entry / mappingListName)) {

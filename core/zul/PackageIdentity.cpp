@@ -15,7 +15,7 @@ using Common::ErrorCode;
 
 namespace {
 
-/// A record would give such a text back without the space.
+/// A record does not keep a space at either end of a value.
 bool hasOuterSpace(const std::string& name) { return name.starts_with(' ') || name.ends_with(' '); }
 
 bool isOrdinaryText(const std::string& name) {

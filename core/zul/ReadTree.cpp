@@ -31,7 +31,7 @@ ReadTree::ReadTree(const fs::path& root)
     }
 }
 
-/// @return nothing where there is nothing
+/// @return nothing if the file is absent
 UniqueFd ReadTree::open(const fs::path& path, int flags) const {
     const auto below = path.relative_path();
     auto fd = Common::openWithin(root_.get(), below.empty() ? "." : below, flags, Common::Resolve::InRoot);
@@ -81,7 +81,7 @@ std::optional<std::string> ReadTree::readFile(const fs::path& file, std::size_t 
     if (!fd) {
         return std::nullopt;
     }
-    // A device must not be opened, not even for a look at its type.
+    // A device must not be opened, not even to read its type.
     const auto status = Common::statusOf(fd.get());
     if (!S_ISREG(status.st_mode) || static_cast<std::size_t>(status.st_size) > limit) {
         throw Error(Common::ErrorCode::FileNotFound,

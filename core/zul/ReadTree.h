@@ -15,7 +15,7 @@ namespace Core::ZUL {
 
 /// Read-only access to a file tree whose root takes the place of "/". Links are resolved within this root, as
 /// after chroot(2). Paths are absolute. Failures to read are Error, code Filesystem; Common::meansAbsence()
-/// defines which files are absent. Any thread.
+/// defines which files are absent, except that a path that is too long is a failure. Any thread.
 class ReadTree {
 public:
     using Visitor = std::function<void(const std::filesystem::path&, const struct stat&)>;

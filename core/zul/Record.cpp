@@ -46,7 +46,7 @@ std::string format(const PackageData& data) {
     return stream.str();
 }
 
-/// The writer takes any text, also one that the reader would take for further lines.
+/// write_ini() does not escape: a line break in a value would be read as a further line.
 void requireReadable(const std::string& text, const PackageData& given) {
     PackageData expected;
     for (const auto& [key, value] : given) {

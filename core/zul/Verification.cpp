@@ -36,7 +36,7 @@ std::set<std::string> mappedDirectories(const std::string& packageId) {
          mappingRules(PackageIdentity(packageId, anyName, anyName, anyName))) {
         directories.insert(target.substr(0, target.rfind('/', target.find(anyName)) + 1));
     }
-    // Each walk includes what is below.
+    // A walk includes subdirectories.
     for (auto outer = directories.begin(); outer != directories.end(); ++outer) {
         for (auto inner = std::next(outer); inner != directories.end() && inner->starts_with(*outer);) {
             inner = directories.erase(inner);
@@ -54,7 +54,7 @@ public:
     Verification verify(const std::optional<std::string>& only);
 
 private:
-    /// What a version has in the system directories.
+    /// An installed version and the kind of its mappings.
     struct Mapped {
         const InstalledPackage& package;
         std::string version;
@@ -129,7 +129,7 @@ void Verifier::verifyEntry(const std::string& name) {
 
 void Verifier::verifyPackage(const InstalledPackage& package) {
     const auto& id = package.id();
-    // First: they say which mappings are known, also of a damaged package.
+    // The lists first: they name the mappings even of a damaged package.
     for (const auto& version : package.versions()) {
         const auto list = package.mappingList(version).value_or(MappingList());
         places_[id].insert(list.begin(), list.end());
@@ -154,7 +154,7 @@ void Verifier::verifyPackage(const InstalledPackage& package) {
     result_.packages.push_back(std::move(state));
 }
 
-/// Looks at everything but the installed version.
+/// Checks everything except the installed version.
 /// @return whether there is an upgrade that recovery would complete
 bool Verifier::verifyUpgrade(const InstalledPackage& package, const Verification::Package& state) {
     const auto discarded = startManager + "recovery discards the upgrade";
@@ -171,7 +171,7 @@ bool Verifier::verifyUpgrade(const InstalledPackage& package, const Verification
     return !state.prepared.empty() && verifyRecord(package, state.prepared, discarded);
 }
 
-/// @return whether there is a record to work with
+/// @return whether the record is usable
 bool Verifier::verifyRecord(const InstalledPackage& package, const std::string& version,
                             const std::string& repair) {
     namespace Keys = Common::Names::PackageKeys;
@@ -208,7 +208,7 @@ void Verifier::verifyMappings(const InstalledPackage& package, const std::string
     const auto listPath = package.path() / version / mappingListName;
     if (!list) {
         report(package.id(), listPath, "the mapping list is missing", recreate);
-        unknown_.insert(package.id()); // what is its own and what is left over
+        unknown_.insert(package.id()); // its mappings cannot be told from leftovers
     }
     std::map<std::string, std::string> all = plan;
     const PackagePath paths(identity);
@@ -247,7 +247,7 @@ void Verifier::verifyPlace(const Mapped& mapped, const std::string& place, const
     const auto target = isPresent && mapping.isMapping() ? mapping.mappingTarget() : fs::path();
     const auto holder = view_.packageOf(target);
     if (!tree.status(mapped.package.path() / mapped.version / file, O_NOFOLLOW)) {
-        // A list may name more than there is, as after a removal that failed.
+        // A list may name mappings that do not exist, for example after a failed removal.
         if (holder == id) {
             report(id, place, "the package has no file for this mapping: " + file.native(),
                    reinstall(id) + "; starting the package manager removes the mapping only");
@@ -289,7 +289,7 @@ void Verifier::verifyCopy(const Mapped& mapped, const std::string& place, const 
     const auto attributes = view_.system().securityAttributes(place, O_NOFOLLOW);
     for (const auto& [name, value] : view_.tree().securityAttributes(original)) {
         const auto found = attributes.find(name);
-        // The system itself sets others anew on each file, as labels.
+        // The system sets other attributes, such as labels, on each file itself.
         const bool isSignature = name == integrityAttribute || name == identityAttribute;
         if (found == attributes.end() || (isSignature && found->second != value)) {
             report(id, place,
@@ -334,13 +334,13 @@ void Verifier::verifyAttributes(const InstalledPackage& package, const std::stri
                 report(package.id(), path, "the attribute " + name + " is missing", repair);
             }
         } else if (name == identityAttribute) {
-            // The signatures of files are the signer's choice, the identity is not.
+            // Signatures of files are optional; the identity is not.
             report(package.id(), package.path() / version, "no file has the attribute " + name, repair);
         }
     }
 }
 
-/// Mappings that are on no list: nothing would remove them.
+/// Reports mappings that no list names: nothing would remove them.
 void Verifier::findLeftovers(const std::optional<std::string>& only) {
     const auto judge = [&](const fs::path& path, const struct stat& status) {
         if (!Mapping::isPlace(path) || (!S_ISLNK(status.st_mode) && !S_ISREG(status.st_mode))) {

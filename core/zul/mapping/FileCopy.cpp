@@ -25,7 +25,7 @@ void copyContent(int from, int to, off_t size) {
     while (size > 0) {
         auto count = copy_file_range(from, nullptr, to, nullptr, static_cast<std::size_t>(size), 0);
         if (count < 0 && (errno == EXDEV || errno == EINVAL || errno == EOPNOTSUPP || errno == ENOSYS)) {
-            // Between file systems of different kinds.
+            // Not supported between these file systems.
             count = sendfile(to, from, nullptr, static_cast<std::size_t>(size));
         }
         if (count <= 0) {
@@ -52,7 +52,7 @@ void copyAttributes(int from, int to) {
     for (std::size_t start = 0; start < names.size(); start = names.find('\0', start) + 1) {
         const char* name = names.data() + start;
         if (std::strcmp(name, XATTR_NAME_EVM) == 0) {
-            continue; // the kernel makes it for one inode alone
+            continue; // the kernel computes it for each inode
         }
         const auto size = fgetxattr(from, name, value.data(), value.size());
         if (size < 0 || fsetxattr(to, name, value.data(), static_cast<std::size_t>(size), 0) != 0) {
@@ -66,7 +66,7 @@ void copyAttributes(int from, int to) {
 void copyFile(int from, int to, const std::map<std::string, std::string>& more) {
     const auto status = Common::statusOf(from);
     copyContent(from, to, status.st_size);
-    // In this order: writing and changing the owner take mode bits and capabilities away, the mode may forbid
+    // In this order: writing and chown() clear mode bits and capabilities; the mode may forbid setting
     // attributes.
     if (fchown(to, status.st_uid, status.st_gid) != 0) {
         throw filesystemError("couldn't set owner");

@@ -58,7 +58,7 @@ bool isBelow(const path& file, const path& directory, int flags) {
     return false;
 }
 
-/// Whether a file was below the "current" of a package with this name, in a database that has moved since.
+/// Whether a file was below the "current" of a package with this name, in a database that was moved.
 bool wasBelow(const path& file, const path& package) {
     for (auto place = file; place.has_relative_path(); place = place.parent_path()) {
         const auto above = place.parent_path();
@@ -109,7 +109,7 @@ bool Mapping::isMapping() const {
     if (lgetxattr(throughDescriptor().c_str(), marker, nullptr, 0) >= 0) {
         return true;
     }
-    // ENOENT alone may mean that there is no /proc.
+    // ENOENT may also mean that /proc is missing.
     if (errno != ENODATA && errno != EOPNOTSUPP && (errno != ENOENT || status())) {
         throw filesystemError("couldn't look at " + target_.native());
     }
@@ -149,7 +149,7 @@ bool Mapping::standsFor(const MappedFile& file, MappingKind kind) const {
         mappingTarget() != file.path()) {
         return false;
     }
-    // Another's file of the same size and times has no marker that names this one.
+    // A foreign file of the same size and times has no marker with this path.
     return kind == MappingKind::Link || isCopyOf(*present, Common::statusOf(openPackageFile(file).get()));
 }
 
@@ -184,7 +184,7 @@ void Mapping::createCopy(const MappedFile& file, int parent) const {
     }
     try {
         copyFile(openPackageFile(file).get(), copy.get(), {{marker, file.path().native()}});
-        // A name without the marker would be a system file for ever after a loss of power.
+        // Without the marker the file would be a system file after a power loss.
         if (fsync(copy.get()) != 0 || renameat(parent, SystemTree::pendingName, parent, name_.c_str()) != 0) {
             throw filesystemError(message);
         }

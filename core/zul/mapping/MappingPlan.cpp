@@ -39,13 +39,13 @@ void planRule(const MappingRule& rule, const std::filesystem::path& versionDirec
         if (isDirectory) {
             continue;
         }
-        // Below its source the path goes on as it stands: what is inside is what was walked.
+        // Taken from the text, not normalized: it is the path that was visited.
         const std::filesystem::path relative = entry.path().native().substr(source.native().size() + 1);
         if (!canBeMapped(relative)) {
             if (isNew) {
                 throw Error(ErrorCode::BadPackage, "file name can't be mapped: " + entry.path().native());
             }
-            // It was installed before such names were refused.
+            // It was installed by a release that accepted such names.
             Common::logWarning() << "file name can't be mapped: " << Common::quoted(entry.path());
             continue;
         }

@@ -24,7 +24,7 @@ public:
         , package_(versionDirectory.parent_path())
         , tree_(systemRoot) {}
 
-    /// @param isStrict  a failure ends it and undoes what it made; else it goes on and leaves others' files
+    /// @param isStrict  a failure ends and undoes the call; otherwise it continues and keeps files of others
     void make(const MappingPlan& plan, bool isStrict) {
         const auto targets = plan.targets();
         const std::set<std::string> wanted(targets.begin(), targets.end());
@@ -33,8 +33,8 @@ public:
         writeMappingList(version_, possible, Common::Durability::Now);
         std::erase_if(stale, [&](const auto& target) { return wanted.contains(target); });
 
-        // What would be a directory now, or is in one that a file replaces, goes first; the rest when
-        // everything has been made.
+        // Stale mappings that would be a parent or a child of a new place are removed first, the others after
+        // all new ones are created.
         const auto middle = std::stable_partition(stale.begin(), stale.end(), [&](const auto& target) {
             const auto next = wanted.lower_bound(target + "/");
             return (next != wanted.end() && next->starts_with(target + "/")) ||
@@ -49,10 +49,10 @@ public:
             removeListOf(stale, plan);
         } else {
             left = mergedMappingList(std::move(left), remove({middle, stale.end()}, /*areStale=*/true));
-            // Mappings that came back with the power would be on no list any more.
+            // A mapping restored by a power loss would be on no list.
             tree_.flush();
             if (const auto kept = mergedMappingList(targets, left); kept != possible) {
-                // On a full disk the longer list stays: it names all that is there, and more.
+                // On a full disk the longer list stays; it includes all existing mappings.
                 Common::guarded("couldn't shorten the mapping list",
                                 [&] { writeMappingList(version_, kept, Common::Durability::Now); });
             }
@@ -65,8 +65,8 @@ public:
     void flush() const { tree_.flush(); }
 
     /// Removes the package's mappings among the targets.
-    /// @param areStale  whether the package goes on without them, so that others may have their places
-    /// @return the targets at which that failed
+    /// @param areStale  whether the package no longer has them, so that others may use the places
+    /// @return the targets that could not be removed
     MappingList remove(const MappingList& targets, bool areStale) {
         MappingList left;
         for (const auto& target : targets) {
@@ -93,7 +93,7 @@ public:
     }
 
 private:
-    /// The one of the places whose directory would have the target; "/" or nothing when there is none.
+    /// The nearest place that is a parent directory of the target; "/" or empty if there is none.
     static std::filesystem::path placeAbove(const std::filesystem::path& target,
                                             const std::set<std::string>& places) {
         auto above = target.parent_path();
@@ -103,7 +103,7 @@ private:
         return above;
     }
 
-    /// Deletes the directories from one that had a target up to a place, unless something else is in them.
+    /// Deletes the empty directories from the target's parent up to a place.
     void removeDirectories(const std::filesystem::path& target, const std::filesystem::path& place) {
         for (auto directory = target.parent_path();
              place.has_relative_path() && directory.native().size() >= place.native().size() &&
@@ -151,7 +151,7 @@ private:
         }
     }
 
-    /// Removes the mappings that were made in places that were not the package's before.
+    /// Removes the created mappings in places that were not the package's before.
     void undo() {
         Common::logInfo() << "cleaning up created mappings";
         for (const auto& mapping : created_) {
@@ -164,10 +164,10 @@ private:
         }
     }
 
-    /// After undo(): the list goes unless a mapping of the package is, or may be, in a place that it names.
+    /// After undo(): deletes the list unless it names, or may name, a mapping of the package.
     void removeListOf(const MappingList& stale, const MappingPlan& plan) {
         try {
-            // They have to be gone on disk before a list that names them is.
+            // The removal must be on disk before the list is deleted.
             tree_.flush();
             const bool isAnyLeft =
                 !stale.empty() ||

@@ -41,7 +41,7 @@ void SystemTree::flush() const {
 }
 
 int SystemTree::open(const std::filesystem::path& directory) {
-    // Neighbours come one after the other.
+    // Consecutive places are mostly in one directory.
     if (!last_ || lastPath_.native() != directory.native()) {
         const auto below = directory.relative_path();
         auto opened = Common::openWithin(root_.get(), below.empty() ? "." : below, O_PATH | O_DIRECTORY,
@@ -62,7 +62,7 @@ int SystemTree::make(const std::filesystem::path& directory) {
     if (const int fd = open(directory); fd >= 0 || errno != ENOENT || !directory.has_relative_path()) {
         return fd;
     }
-    // When it gets its name it has its mode.
+    // The directory gets its name after its mode.
     const int parent = make(directory.parent_path());
     if (parent < 0 || !Common::makePublicDirectory(parent, pendingName)) {
         return -1;

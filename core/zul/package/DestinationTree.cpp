@@ -17,8 +17,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Each level takes a descriptor while it is open, also when the tree is mapped and removed. Packages have far
-// fewer levels.
+// Each open level needs a descriptor, also during mapping and removal. Packages have far fewer levels.
 constexpr std::size_t deepest = 256;
 
 constexpr mode_t ownersAll = 0700;
@@ -60,7 +59,7 @@ int DestinationTree::current() const {
     return open_.empty() ? rootDescriptor_.get() : open_.back().descriptor.get();
 }
 
-/// Entries of one directory mostly follow each other, so what is open already is kept as far as it serves.
+/// Consecutive entries are mostly in one directory, so directories that are still needed stay open.
 int DestinationTree::enter(const std::vector<std::string>& directories) {
     std::size_t common = 0;
     while (common < std::min(open_.size(), directories.size()) && open_[common].name == directories[common]) {
@@ -126,7 +125,7 @@ Common::UniqueFd DestinationTree::makeFile(const fs::path& path) {
     const auto place = placeOf(path);
     const int directory = enter(place.parents);
     requireNew(place);
-    // What was there before is not written into: it may have other names elsewhere.
+    // An existing file is not written to: it may have further hard links.
     Common::UniqueFd file(openat(directory, place.name.c_str(), flags, 0600));
     if (!file && errno == EEXIST && unlinkat(directory, place.name.c_str(), 0) == 0) {
         file = Common::UniqueFd(openat(directory, place.name.c_str(), flags, 0600));
@@ -169,7 +168,7 @@ void DestinationTree::makeHardLink(const fs::path& path, const fs::path& existin
 }
 
 void DestinationTree::finish() {
-    // Inner directories first: a closed outer one would lock them out.
+    // Inner directories first: an outer one without access would block them.
     while (!waiting_.empty()) {
         const auto [key, permissions] = *waiting_.rbegin();
         if (fchmod(enterItself(placeOf(fs::path(key).relative_path())), permissions) != 0) {

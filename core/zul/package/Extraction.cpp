@@ -40,7 +40,7 @@ std::string errnoText(int error) { return std::error_code(error, std::generic_ca
     throw Error(ErrorCode::Filesystem, "couldn't write rpm package content to " + place.native());
 }
 
-/// Puts payload entries, one after the other, into the tree of a package.
+/// Writes payload entries into the package's directory.
 class Extraction {
 public:
     Extraction(const PackageIdentity& package, const PackageSignatures::Cms* developer,
@@ -110,7 +110,7 @@ void Extraction::extractFile(const PayloadEntry& entry, EntryContent& content) {
     const auto place = tree_.nameOf(path);
     auto file = tree_.makeFile(path);
     writeContent(content, file.get(), place);
-    // The permissions come last: a file cannot be run before it has its signature.
+    // Permissions last: a file cannot be executed before it has its signature.
     if (entry.isSigned) {
         sign(entry, file.get(), place);
     }

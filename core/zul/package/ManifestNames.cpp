@@ -18,11 +18,11 @@ using Common::Rpm::ReadingProgress;
 
 namespace {
 
-// Bytes to unpack at most in search of the manifest of a package that is refused anyway: the slowest
-// compression takes a second for them.
+// Maximum number of bytes unpacked in search of the manifest of a package that is refused anyway: one second
+// with the slowest compression.
 constexpr std::uint64_t searchLimit = 8UL * 1024 * 1024;
 
-/// The bytes of the entry that the iterator is at, checked.
+/// The content of the current entry, with its digest checked.
 std::string readEntry(FileIterator& files, const std::string& path) {
     if (files.size() > AppManifest::ManifestEntry::maximumSize) {
         throw Error(ErrorCode::BadPackage, "the package's manifest is too large: " + path);
@@ -37,8 +37,8 @@ std::string readEntry(FileIterator& files, const std::string& path) {
     return bytes;
 }
 
-/// @param refusal  why the package is refused in the end, if it is; thrown when the search becomes too long
-/// @return nothing when the payload has no such file
+/// @param refusal  why the package is refused anyway, if it is; thrown when the search takes too long
+/// @return nothing if the payload has no such file
 std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, const std::string& path,
                                            const std::optional<Error>& refusal,
                                            const ReadingProgress& progress) {
@@ -47,7 +47,7 @@ std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, co
     std::uint64_t passed = 0;
     const int wanted = files.fileOf(path);
     while (wanted >= 0 && files.next()) {
-        // A file with several names has its content at the first of them that the archive has.
+        // The first member of a hard-link set in the archive has the content.
         const bool isWanted = files.file() == wanted;
         if (isWanted && S_ISREG(files.mode()) && files.hasContent()) {
             return readEntry(files, path);
@@ -55,7 +55,7 @@ std::optional<std::string> readFromPayload(const Common::Rpm::Reader& reader, co
         if (isWanted && files.path() == path) {
             throw Error(ErrorCode::BadPackage, "the package's manifest is not a regular file: " + path);
         }
-        // The next step unpacks what this entry has: its content and a name.
+        // The next step unpacks this entry's content and a name.
         const auto cost = std::min<std::uint64_t>(files.size(), searchLimit) + PATH_MAX;
         if (refusal && cost > left) {
             throw Error(*refusal);

@@ -93,8 +93,8 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
             watch.progress(done, total);
         }
     };
-    // What is wrong with the manifest is reported before what is wrong with the signatures, but how much may
-    // be unpacked to find it depends on them.
+    // A manifest error is reported before a signature error, but the signatures decide how much may be
+    // unpacked.
     const auto signatures = readSignatures(*opened, authorities.certificates);
     auto named = withManifest(identity, header, signatures.refusal,
                               [&](std::uint64_t unpacked) { report(std::min(unpacked, unpackedSize)); });
@@ -115,7 +115,7 @@ Package Package::fromFile(const std::filesystem::path& file, const Authorities& 
     }
     package.isSystemDeveloper_ =
         isSystemDeveloperKey(package.developerKeyId(), authorities.systemDeveloperKeyId);
-    // All that was looked at since the header was read came from one and the same file.
+    // The header and everything after it were read from the same, unchanged file.
     package.file_->requireUnchanged();
     return package;
 } catch (...) {

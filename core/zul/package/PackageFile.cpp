@@ -16,9 +16,9 @@ using Common::ErrorCode;
 
 namespace {
 
-/// @return false where leases cannot be had
+/// @return false if no lease is available
 bool takeLease(const Common::UniqueFd& file) {
-    // The signal is chosen first: the one that the kernel sends otherwise, SIGIO, ends the process.
+    // Set first: the default signal, SIGIO, kills the process.
     if (fcntl(file.get(), F_SETSIG, SIGURG) != 0) {
         return false;
     }
@@ -41,8 +41,8 @@ auto identity(const struct stat& status) {
 PackageFile::PackageFile(const std::filesystem::path& path)
     : PackageFile(Common::Rpm::openPackageFile(path.native()), path) {}
 
-// Lease and status are taken before anything is read, so that a header from before a change cannot pass for
-// the file's. The reader's descriptor shares the lease and keeps it.
+// The lease and the status are taken before the header is read, so that a header from before a change is not
+// used. The reader's descriptor shares and keeps the lease.
 PackageFile::PackageFile(const Common::UniqueFd& file, const std::filesystem::path& path)
     : isLeased_(takeLease(file))
     , opened_(Common::statusOf(file.get()))

@@ -12,7 +12,7 @@ using std::filesystem::path;
 
 bool mentionsParent(const path& text) { return std::find(text.begin(), text.end(), "..") != text.end(); }
 
-/// The same place, named in the one form that has no ".", no empty component and no "/" at its end.
+/// The path without ".", empty components and a "/" at its end.
 path inOneForm(const path& place) {
     const auto normal = place.lexically_normal();
     return normal.has_filename() ? normal : normal.parent_path();
@@ -38,13 +38,12 @@ path PackagePath::linkTarget(const std::string& link, const std::string& target)
         throw Common::Error(Common::ErrorCode::BadPackage,
                             "the rpm package has a link that leads out of it: " + link + " -> ");
     }
-    // A link on the way could make "name/.." another place than the text says, so what is written has no ".."
-    // but at its beginning.
+    // If a component is a link, "name/.." may be another directory, so ".." is written only at the beginning.
     auto written = mentionsParent(target) ? path(target).lexically_normal() : path(target);
     if (target.front() != '/' && target.front() != '.' && *written.begin() != "..") {
         return written;
     }
-    // There is nothing above "/": a ".." too many ends there, as in a file system.
+    // The parent of "/" is "/".
     const auto resolved = inOneForm("/" / (inOneForm(link).parent_path() / written).relative_path());
     return ("/" / toPackagePath(resolved.native()))
         .lexically_relative("/" / inOneForm(toPackagePath(link)).parent_path());

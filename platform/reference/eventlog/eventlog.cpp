@@ -1,6 +1,6 @@
 #include "platform/eventlog/eventlog.h"
 
-// The place of the call would be this file for every event.
+// CODE_FILE and CODE_LINE would be the same for every event.
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <systemd/sd-journal.h>
 

@@ -22,7 +22,7 @@ constexpr std::string_view blanks = " \t";
 
 bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
 
-// std::isalnum() would ask the locale.
+// std::isalnum() depends on the locale.
 bool isAlphanumeric(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
