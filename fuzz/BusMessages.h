@@ -51,7 +51,7 @@ private:
     std::unique_ptr<sd_bus, Releaser<sd_bus_flush_close_unref>> bus_;
 };
 
-/// Puts values into messages of the bus, of any type that the input asks for.
+/// Writes values of any type from the input into messages.
 class Values {
 public:
     explicit Values(FuzzedDataProvider& input)
@@ -200,7 +200,7 @@ private:
     }
 
     FuzzedDataProvider& input_;
-    // The bus has limits, and disconnects those who pass them.
+    // The bus disconnects clients that exceed its limits.
     std::size_t room_ = std::size_t{1} << 20U; ///< for what makes messages large
     int depth_ = 0;                            ///< of containers
 };

@@ -21,19 +21,19 @@ namespace Fuzz {
 
 namespace fs = std::filesystem;
 
-/// A place in memory where packages of any kind are read and unpacked, and a look around afterwards.
+/// Reads and unpacks packages in memory and then checks that nothing outside the destination changed.
 class ExtractionSandbox {
 public:
     ExtractionSandbox() {
         setenv("HOME", root_.c_str(), 1);
-        // As rpm comes, it asks a shell for this path every time.
+        // By default rpm starts a shell for this path each time.
         std::ofstream(root_ / ".rpmmacros") << "%_dbpath " << root_.native() << "/.rpmdb\n";
-        // Every read looks whether a file of rpm's configuration has changed. Here it has two, both empty.
+        // Each read checks rpm's configuration files for changes; here there are two empty ones.
         setenv("RPM_CONFIGDIR", (root_ / ".rpm").c_str(), 1);
         fs::create_directory(root_ / ".rpm");
         write(root_ / ".rpm/macros", "");
         write(root_ / ".rpm/rpmrc", "");
-        std::cerr.setstate(std::ios::failbit); // thousands of warnings say nothing
+        std::cerr.setstate(std::ios::failbit); // thousands of irrelevant warnings
         rpmSetVerbosity(RPMLOG_EMERG);
     }
     ExtractionSandbox(const ExtractionSandbox&) = delete;
@@ -41,9 +41,9 @@ public:
 
     void trust(const std::string& certificate) const { write(authorities_.certificates, certificate); }
 
-    // Both abort if anything but a refusal comes of the package, or anything outside the destination.
+    // Both abort on any error but a refusal, and on any change outside the destination.
 
-    /// Reads and validates a package, and unpacks it if it holds.
+    /// Reads and validates a package, and unpacks it if it is valid.
     void install(std::string_view bytes) const {
         write(package_, bytes);
         tolerant([&] {

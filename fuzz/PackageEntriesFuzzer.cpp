@@ -61,14 +61,14 @@ void distort(Header header, FuzzedDataProvider& input) {
     headerPutUint32(header, tag, numbers.data(), static_cast<rpm_count_t>(numbers.size()));
 }
 
-/// A developer whose packages the sandbox takes.
+/// A developer that the sandbox trusts.
 class Developer {
 public:
     explicit Developer(const Fuzz::ExtractionSandbox& sandbox) {
         sandbox.trust(Signing::certificatePem(authority_.identity()));
     }
 
-    /// The package with a signature that holds for it and for all of its files.
+    /// The package with valid signatures of itself and its files.
     [[nodiscard]] std::string sign(const std::string& package, std::size_t files) const {
         PackageSignatures::SignedContent content;
         content.package = {package.size(), PackageSignatures::OpenSsl::sha256(package)};
@@ -88,9 +88,8 @@ std::string fullName(const Testbed::CraftedEntry& entry) { return entry.director
 
 } // namespace
 
-/// Unpacks packages whose headers are in order as such and list anything. Those of one input in sixteen are
-/// signed and validated before, which takes longest: a hash chooses them, so that they do not take over the
-/// corpus.
+/// Unpacks packages with well-formed headers and arbitrary entries. One input in sixteen is signed and
+/// validated first, which is slow; a hash chooses it, so that such inputs do not dominate the corpus.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const Fuzz::ExtractionSandbox sandbox;
     static const Developer developer(sandbox);

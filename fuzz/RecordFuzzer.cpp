@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-/// Reads texts as package records: whatever is none is a damaged installation, and nothing else.
+/// Parses records: any text is a record or CorruptedInstalledPackage.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     try {
         (void)Core::ZUL::parseRecord(std::string(data, data + size), "/record");

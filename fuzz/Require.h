@@ -9,7 +9,7 @@ namespace Fuzz {
 
 using Place = std::source_location;
 
-/// Aborts unless something holds. The line shows where also where the stack is not readable.
+/// Aborts unless the condition is true. Prints the line, because the stack may not be readable.
 inline void require(bool holds, const Place& place = Place::current(),
                     const char* reason = "not as required") {
     if (!holds) {

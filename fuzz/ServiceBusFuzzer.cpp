@@ -36,12 +36,12 @@ const std::array<Signal, 6> signals{
      {"/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged", "sss"},
      {"/norvane/Vendara", "norvane.Vendara", "OperationStatusChanged", "(ssiii)"}}};
 
-// What a stranger says of packages is about this one, and only a stranger sends it: texts of the input that
-// are not from a list begin with "x".
+// Unauthorised senders use this identifier, and only they do: texts from the input, unless from a list, begin
+// with "x".
 constexpr auto forgedId = "forged";
 constexpr auto exampleId = "com.example.app";
 
-/// Values as a peer that means well sends them, about a package.
+/// Well-formed values about a package.
 void writeHonest(sd_bus_message* message, std::string_view types, const char* id) {
     const auto writePackage = [&] {
         sd_bus_message_append(message, "a{ss}", 4, "general.id", id, "general.version", "1-1",
@@ -144,7 +144,7 @@ private:
         }
     }
 
-    /// As if the bus had.
+    /// Simulates the bus closing the connection.
     void closeSession() {
         if (session_.isConnected(session_.sharedBus())) {
             closed_ = session_.sharedBus();
@@ -272,7 +272,7 @@ private:
         return isBusy;
     }
 
-    /// Handles messages until none has come for so many short whiles.
+    /// Handles messages until none has arrived for this number of polls.
     void settle(int whiles) {
         for (int idle = 0; idle <= whiles; idle = handle() ? 0 : idle + 1) {
             waitForPeers();
@@ -288,7 +288,7 @@ private:
         ppoll(descriptors.data(), descriptors.size(), &limit, nullptr);
     }
 
-    /// However it was treated, the service works with peers that answer as they should.
+    /// Whatever happened before, the service works with well-behaved peers.
     void finish() {
         isHonest_ = true;
         takeNames();
@@ -298,7 +298,7 @@ private:
         for (const auto& call : held_) {
             reply(call.get(), true);
         }
-        // A machine that is too busy for the service's own limit says nothing about the service.
+        // On a machine too busy for requestLimit the result has no meaning.
         for (auto asked = Clock::now(); !ask(); asked = Clock::now()) {
             require(Clock::now() - asked > Daemon::VendaraDbusInterface::requestLimit / 2);
         }
@@ -364,7 +364,7 @@ World::World() {
     Testbed::writeFile(scratch.path() / "macros", "");
     Testbed::writeFile(scratch.path() / "rpmrc", "");
     Testbed::craftPackage(package, {});
-    std::cerr.setstate(std::ios::failbit); // thousands of warnings say nothing
+    std::cerr.setstate(std::ios::failbit); // thousands of irrelevant warnings
     sd_bus_add_filter(systemPeers.get(), nullptr, handleCall, nullptr);
     sd_bus_add_filter(sessionPeers.get(), nullptr, handleCall, nullptr);
     requireDone(sd_bus_add_match(client.get(), nullptr, "type='signal',sender='norvane.Vendara'",
@@ -373,8 +373,8 @@ World::World() {
 
 } // namespace
 
-/// Calls the service and signals it, and answers it, as peers and strangers on its buses could; each input
-/// has a service of its own.
+/// Calls and signals the service and replies to it as peers and other clients could; a new service for each
+/// input.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static_cast<void>(world()); // before the service, which finds the buses by it
     FuzzedDataProvider input(data, size);

@@ -21,8 +21,7 @@ using Fuzz::requireDone;
 constexpr auto service = "norvane.Vendara";
 constexpr auto endId = "no.more.signals";
 
-/// What is written to a standard stream. If it is monitored, the line with endId is the last one that it
-/// takes.
+/// Captures a standard stream. If monitored, it fails after the line with endId.
 class Captured : public std::stringbuf {
 public:
     Captured(std::ostream& stream, bool isMonitored)
@@ -41,8 +40,8 @@ private:
     bool isMonitored_;
 };
 
-/// The service as the program sees it: it answers, and says of its own accord, what the input holds, and
-/// leaves the bus when the program waits for more. Runs on a thread of its own.
+/// The service as the client sees it: replies and signals are taken from the input. Leaves the bus when the
+/// client waits for more. Runs on a thread of its own.
 class Service {
 public:
     Service(Fuzz::Connection& connection, FuzzedDataProvider& input, bool isMonitored)
@@ -120,7 +119,7 @@ private:
         }
     }
 
-    /// The program is not heard when it begins to listen: the last signal is sent again and again.
+    /// The client may not have subscribed yet, so the last signal is repeated.
     void sendPackageSignal() {
         constexpr std::array names{"PackageInstalled", "PackageUpgraded", "PackageRemoved"};
         const bool isEnd = input_.remaining_bytes() == 0;
@@ -200,7 +199,7 @@ void carryOut(Command command, const Request& request) {
     }
 }
 
-/// Whether a terminal shows the text as it is, and a program that wants JSON can read it.
+/// Requires text that is safe for a terminal and, with JSON, valid.
 void check(const std::string& text, Format format) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {

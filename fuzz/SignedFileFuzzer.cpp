@@ -6,8 +6,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-/// Feeds whole files to the reader of package signatures. None of them was signed by an authority that is
-/// asked, so whatever carries a signature must not verify.
+/// Feeds whole files to the reader of package signatures. No input is signed by the authority, so no file
+/// with signatures may verify.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const int file = memfd_create("fuzz", MFD_CLOEXEC);
     Fuzz::require(ftruncate(file, 0) == 0 && pwrite(file, data, size, 0) == static_cast<ssize_t>(size));

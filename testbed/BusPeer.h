@@ -9,8 +9,8 @@
 
 namespace Testbed {
 
-/// A service of the test's own: a connection, an object on it and the thread that runs the loop. It outlives
-/// its bus quietly.
+/// A service of the test's own: a connection, an object on it and the thread that runs the loop. Ignores the
+/// loss of its bus.
 class BusPeer {
 public:
     BusPeer(std::unique_ptr<sdbus::IConnection> connection, const std::string& objectPath)

@@ -78,7 +78,7 @@ std::vector<sock_filter> filter(const Answers& answers) {
     };
     add(flushingCalls, answers.onFlush);
     add(changingCalls, answers.onChange);
-    // Opening changes something when it may create or cut; writing does when it is not to the log.
+    // Opening counts as a change if it may create or truncate; writing, unless it is to standard error.
     const auto argument = [](std::size_t number) {
         return offsetof(seccomp_data, args) + number * sizeof(__u64);
     };

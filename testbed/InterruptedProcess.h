@@ -7,7 +7,7 @@
 
 namespace Testbed {
 
-/// Failed: the action threw Common::Error. Anything else that it throws fails the call that runs it.
+/// Failed: the action threw Common::Error. Any other exception fails the call that runs the action.
 enum class End { Finished, Failed, Killed };
 
 /// Runs an action in a child process of its own and kills that just before its n-th call to the kernel that
@@ -29,14 +29,14 @@ End runInChild(const std::function<void()>& action);
 struct Fault {
     const char* name;
     int error;
-    bool goesOn;      ///< with all later calls as well
-    bool onlyChanges; ///< calls that change a file system; else also those that look at it
+    bool goesOn;      ///< all later calls fail too
+    bool onlyChanges; ///< only calls that change a file system fail; otherwise also those that read
 };
 
 /// Calls a function for each kind of fault and each n-th call until it returns that there was no such call.
-/// Where the first of them is follows from VENDARA_FAULT_SEED in the environment, a number.
+/// The first of these calls is chosen by the number VENDARA_FAULT_SEED in the environment.
 /// @param stride  distance of the calls that are tried; 1 when the environment has VENDARA_ALL_FAULTS
-/// @param attempt  returns whether the call to fail was met
+/// @param attempt  returns whether there was such a call
 void forEachFault(unsigned stride, const std::function<bool(const Fault&, unsigned callsBefore)>& attempt);
 
 /// Runs an action in a child process in which calls to the kernel about files fail.

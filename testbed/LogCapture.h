@@ -7,7 +7,7 @@
 
 namespace Testbed {
 
-/// Catches what this process writes to its standard error stream, as long as it lives.
+/// Captures this process's standard error stream during its lifetime.
 class LogCapture {
 public:
     LogCapture();

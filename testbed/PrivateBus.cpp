@@ -11,8 +11,8 @@ namespace Testbed {
 
 PrivateBus::PrivateBus(const std::string& limits)
     : address_("unix:path=" + (scratch_.path() / "bus").string()) {
-    // The bus library makes what its variants share with the first one. Made here, before any thread of a
-    // test starts, it is no data race in the eyes of ThreadSanitizer, which cannot see into that library.
+    // The bus library initialises shared data with its first variant. Done here, before any thread of a test
+    // starts: ThreadSanitizer cannot see the library's synchronisation.
     const sdbus::Variant first{false};
     auto output = streamFile();
     const pid_t bus =

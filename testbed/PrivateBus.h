@@ -17,9 +17,9 @@ public:
     [[nodiscard]] const std::string& address() const { return address_; }
     /// Lets other users connect. The directory of the bus is the test's own otherwise.
     void openToOthers() const;
-    /// For example SIGSTOP: a bus that takes nothing.
+    /// For example SIGSTOP, for a bus that does not read.
     void signal(int number) const { daemon_->signal(number); }
-    /// As a stranger, replies to each call that others may have made.
+    /// Sends, as another client, a reply to each call that may be pending.
     /// @param body  in GVariant's text format
     /// @param caller  a bus name; empty: every connection
     void forgeReplies(const std::string& body, const std::string& caller = {}) const;

@@ -124,8 +124,8 @@ private:
     std::vector<Common::PackageProperties> packages_;
 };
 
-/// The runtime manager; its signals are those of the control object. "InvokeIntent" is recorded as intent, "
-/// ", handler.
+/// The runtime manager; its signals are those of the control object. "InvokeIntent" is recorded as the
+/// intent, a space and the handler.
 class RuntimeManager : public ScriptedPeer {
 public:
     RuntimeManager();

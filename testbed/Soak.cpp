@@ -25,7 +25,7 @@ constexpr std::chrono::minutes patience{3};
 // What one client did and found.
 class Worker {
 public:
-    /// @param areAllExpected  whether every status has to arrive: the peers are left alone
+    /// @param areAllExpected  whether every status must arrive: the peers are not disturbed
     Worker(std::size_t number, std::string package, bool areAllExpected)
         : random_(static_cast<unsigned>(number))
         , package_(std::move(package))
@@ -37,8 +37,7 @@ public:
             try {
                 request();
             } catch (const sdbus::Error& error) {
-                // A peer that is dead or stopped for long makes requests fail, with the service's own error
-                // alone.
+                // A dead or stopped peer makes requests fail, but only with the service's own error.
                 if (error.getName() != "norvane.Vendara.Error") {
                     fail("a request failed with " + error.getName() + ": " + error.getMessage());
                 }
@@ -158,7 +157,7 @@ private:
     std::mt19937 random_;
     std::string package_;
     bool areAllExpected_;
-    std::vector<Operation> asked_; // and not accounted for
+    std::vector<Operation> asked_; // not accounted for
     std::size_t operations_ = 0;
     std::set<std::string> stored_;
     std::vector<double> latencies_;

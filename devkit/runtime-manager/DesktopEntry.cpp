@@ -16,7 +16,7 @@ namespace {
     throw std::runtime_error("desktop entry " + Common::quoted(entry.file) + " has an Exec line " + what);
 }
 
-// What the field codes of a word stand for when no files are passed.
+// Expands field codes for a start without files.
 std::string expanded(const std::string& word, const DesktopEntry& entry) {
     std::string argument;
     for (std::size_t at = 0; at < word.size(); ++at) {
@@ -32,7 +32,7 @@ std::string expanded(const std::string& word, const DesktopEntry& entry) {
         } else if (code == 'k') {
             argument += entry.file.native();
         } else if (std::string_view("fFuUdDnNvm").find(code) == std::string_view::npos) {
-            // Not a byte out of the middle of a character.
+            // A byte of a multi-byte character is not printed.
             fail(entry, code > ' ' && code <= '~' ? std::string("with the unknown field code %") + code
                                                   : "with an unknown field code");
         }

@@ -71,8 +71,8 @@ std::string endOfLog(const fs::path& log) {
     return result;
 }
 
-// A program with an "/etc" of its own, in which "zul" is another directory. A mount namespace takes
-// privileges or a user namespace; bwrap(1) finds out which.
+// A program with a private "/etc" in which "zul" is another directory. A mount namespace needs privileges or
+// a user namespace; bwrap(1) handles both.
 std::vector<std::string> withPrivateEtc(const fs::path& zul, const fs::path& program) {
     std::vector<std::string> result{"bwrap", "--dev-bind", "/", "/", "--tmpfs", "/etc"};
     for (const auto& entry : Common::entriesOf("/etc")) {
@@ -263,7 +263,7 @@ void Platform::makeDirectories() const {
     configuration.commit(Common::Durability::Later);
 }
 
-// An ordinary user may not, nor root in a container without CAP_SYS_ADMIN, and some file systems have none.
+// An ordinary user may not set them, nor root without CAP_SYS_ADMIN; some file systems do not support them.
 bool Platform::mayAttachSecurityAttributes() const {
     const Common::AtomicFile file(settings_.directory / "opt/zul/tmp", "attribute");
     // The type of a signature, the one byte that the kernel looks at (ima.h of Linux).

@@ -27,8 +27,8 @@ struct Options {
     std::vector<std::string> command;
 };
 
-// Where the platform's directory is made. Its path goes into bus addresses and configuration files, which
-// have no way to escape other characters; the kernel knows processes by the real paths of their programs.
+// The parent of the platform's directory. Its path is part of bus addresses and configuration files, which
+// cannot escape other characters. It is canonical, like the kernel's paths of running programs.
 std::filesystem::path scratchParent() {
     auto path = std::filesystem::canonical(std::filesystem::temp_directory_path());
     constexpr std::size_t longest = 58; // the longest path of a socket below it then has 108 bytes
@@ -43,7 +43,7 @@ std::filesystem::path scratchParent() {
     return path;
 }
 
-// A text as one word of a shell's command.
+// Quotes a text for the shell.
 std::string inShell(const std::string& text) {
     return "'" + boost::algorithm::replace_all_copy(text, "'", "'\\''") + "'";
 }
@@ -52,7 +52,7 @@ int runPlatform(Devkit::Platform& platform, const Options& options) {
     platform.start();
     if (options.shell) {
         const char* shell = std::getenv("SHELL");
-        // The platform is of use without them; packaging takes rpmbuild(8).
+        // The platform can be used without them; they need rpmbuild(8).
         static_cast<void>(platform.run({"vendara-samples"}, SIGTERM));
         std::cout << "The platform is running. Exit this shell to end it.\n" << std::flush;
         // An interactive shell ignores SIGTERM.

@@ -75,7 +75,7 @@ TEST_P(AClientOfTheReadme, FollowsItsOperationToTheEnd) {
                            "install good.rpm: awaiting upgrade\ninstall good.rpm: finished\n");
     EXPECT_EQ(service.requests.back(), scratch.path() / "good.rpm");
     EXPECT_TRUE(waitUntil([&] { return service.pings == 1; }))
-        << "it left before the service could know that it had the end";
+        << "it left before the service recorded the end";
     const auto bad = install("bad.rpm");
     EXPECT_EQ(bad.status, 1);
     EXPECT_THAT(bad.output,

@@ -5,7 +5,7 @@
 
 namespace {
 
-// What the bus library takes is what counts, so it is asked.
+// The bus library itself is the reference.
 TEST(ABusText, IsATextThatTheBusAccepts) {
     for (const std::string text :
          {"", "plain", "\xc3\x84", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xef\xb7\x8f"}) {

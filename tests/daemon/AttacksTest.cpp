@@ -157,8 +157,8 @@ TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineWithoutDelayingOthers) 
     EXPECT_EQ(client.errorOf("Start", "a"), "");
 }
 
-// The sender that the bus adds makes the message longer than the bus library accepts, which then gives the
-// connection up.
+// With the sender added by the bus, the message exceeds the limit of the bus library, which then closes the
+// connection.
 TEST_F(AnAttacker, CannotEndTheServiceWithTheLongestMessageOfTheBus) {
     constexpr std::size_t otherBytes = 133;
     const std::string longest((1UL << 27U) - otherBytes, 'x');
@@ -208,7 +208,7 @@ protected:
         if (!server || run(inNamespace(preparation)).status != 0) {
             GTEST_SKIP() << "no right to mount a FUSE file system";
         }
-        server = {}; // the probe has used it up; the next one has the same number
+        server = {}; // used by the probe; the new descriptor has the same number
         server = Common::UniqueFd(open("/dev/fuse", O_RDWR));
         DaemonTest::SetUp();
     }
@@ -234,7 +234,7 @@ TEST_F(AFileSystemThatDoesNotRespond, DelaysOnlyClientsWhoseFilesAreRead) {
     EXPECT_EQ(client.errorOf("Start", "a"), "");
     EXPECT_TRUE(client.waitForStatus(client.remove("com.example.old"), 100));
     EXPECT_TRUE(isHelperWaiting());
-    server = {}; // the kernel ends what waits
+    server = {}; // aborts pending requests
     for (auto& each : stalled) {
         EXPECT_EQ(each.get(), "Failed to retrieve id from the rpm package");
     }
@@ -333,7 +333,7 @@ TEST_F(ARestartOfThePackageManager, IsDetectedWhileThePreviousOneIsHandled) {
     const auto asked = zul.calls("GetPackageList").size();
     zul.restart();
     ASSERT_TRUE(zul.waitForCalls("GetPackageList", asked + 1));
-    // It answers, completes the upgrade and starts again before the daemon takes notice of any of it.
+    // It replies, completes the upgrade and restarts before the daemon handles any of this.
     std::filesystem::remove(prepared);
     daemon->signal(SIGSTOP);
     EXPECT_TRUE(zul.answer("GetPackageList"));

@@ -26,7 +26,7 @@ protected:
     Testbed::PrivateBuses buses_;
 };
 
-// The members of an interface, as gdbus or a hand-written file tell them: one line each.
+// One line per member of an interface, from gdbus or the XML file.
 std::multiset<std::string> membersOf(const std::string& xml) {
     std::multiset<std::string> members;
     std::string member;
@@ -93,7 +93,7 @@ TEST_F(TheService, DoesNotStartWithoutItsBuses) {
     }
 }
 
-// From nothing at all up to enough: it comes up, or says why it does not, and never crashes.
+// From too few resources to enough: the daemon starts or logs the cause, and never crashes.
 TEST_F(TheService, WithTooFewResourcesLogsTheCauseAndEnds) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "sanitizers need descriptors and memory of their own";
@@ -120,7 +120,7 @@ TEST_F(TheService, WithTooFewResourcesLogsTheCauseAndEnds) {
     }
 }
 
-// librpm ends the process that has too little, and the Lua in it aborts.
+// With too little memory librpm exits and its Lua aborts.
 TEST_F(TheService, RefusesAPackageThatItHasTooLittleMemoryFor) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "sanitizers need memory of their own";

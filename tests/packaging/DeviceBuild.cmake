@@ -1,5 +1,5 @@
-# Builds and installs for a device, whose own libraries the reference ones stand in for, and builds the example of a
-# package manager where these libraries lie elsewhere. Run by ctest; any failure ends it with an error.
+# Builds and installs for a device, whose libraries the reference ones represent, and builds the example of a package
+# manager with these libraries in another folder. Run by ctest; any failure ends it with an error.
 
 include(${CMAKE_CURRENT_LIST_DIR}/Run.cmake)
 

@@ -8,7 +8,7 @@ run(${CMAKE_COMMAND} --install ${BUILD})
 set(ENV{DESTDIR})
 set(tree ${SCRATCH}/root${PREFIX})
 
-# A session bus finds the service, its unit starts the daemon, and systemd has nothing to say against it.
+# A session bus finds the service, its unit starts the daemon, and systemd reports no problem.
 set(unit ${tree}/lib/systemd/user/vendara-daemon.service)
 file(READ ${unit} text)
 string(REGEX MATCH "ExecStart=([^\n]+)" line "${text}")
@@ -153,7 +153,7 @@ foreach(version 1.0 2.0 3.0)
     set(package-${version} ${SCRATCH}/rpm/RPMS/sample-${version}.rpm)
 endforeach()
 
-# It touches no directory that it was not given, and none of somebody else's.
+# It changes no directory that it was not given, and none of another program.
 file(WRITE ${SCRATCH}/foreign/apps/precious text)
 expect(2 "usage" ${SCRATCH}/build/package-manager)
 expect(2 "usage" ${SCRATCH}/build/package-manager --verbose)

@@ -23,7 +23,7 @@ namespace {
 using namespace Testbed;
 using namespace PackageSignatures;
 
-/// A package, an authority, and signatures of any kind, also of those that the signing tool would not make.
+/// A package, an authority, and signatures, including some that the signing tool would not create.
 class SignedPackages : public testing::Test {
 protected:
     SignedPackages() { writeFile(authorityFile, Signing::certificatePem(authority.identity())); }
@@ -53,7 +53,7 @@ protected:
         return opened(package + Container::encodedTail(package.size(), cmses));
     }
 
-    /// As package reading judges: it holds, and a developer vouches for it.
+    /// The criteria of Package::fromFile(): valid, and signed by a developer.
     [[nodiscard]] bool accepts(const std::string& bytes) const {
         const auto signedFile = opened(bytes);
         return signedFile && signedFile->verifyCmses(authorityFile) &&

@@ -59,7 +59,7 @@ TEST_F(Vendaractl, FollowsEveryOperationToItsEndAndExplainsItsErrorCode) {
     EXPECT_THAT(ctl({"list"}).output,
                 testing::StartsWith("earlier: install late: finished\ncom.example.one\t"));
     EXPECT_TRUE(waitUntil([&] { return service.pings == 2; }))
-        << "it left before the service could know that it had the end";
+        << "it left before the service recorded the end";
     const auto result = ctl({"install", "good.rpm", "./unsigned.rpm", "text.rpm"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "install good.rpm: queued\ninstall good.rpm: in progress\n"
@@ -161,7 +161,7 @@ TEST_F(Vendaractl, ReportsTheErrorOfACommandLine) {
     EXPECT_THAT(fromEnvironment.output, HasSubstr("VENDARA_CONFIGURATION: "));
     EXPECT_EQ(ctl({"--json", "frobnicate"}).output,
               "{\"error\":{\"message\":\"unknown command: frobnicate\"}}\n");
-    // What nothing in the program expects is JSON, too: here there is no directory to start from.
+    // An unexpected failure is JSON too: the working directory does not exist.
     const auto lost =
         run({"sh", "-c", "mkdir gone; cd gone; rmdir ../gone; exec " VENDARACTL " --json owner x"},
             {.directory = scratch.path()});
@@ -182,7 +182,7 @@ TEST_F(Vendaractl, WaitsForTheServiceUntilItIsInterrupted) {
         signal.send();
     };
     claimEnd();
-    // Neither may it claim to be the service, nor that the service is gone.
+    // It cannot claim the service's name or its loss either.
     const auto bus = sdbus::createObject(forger.connection(), MessageBus::objectPath);
     const auto claimOwner = [&](const std::string& owner) {
         auto signal = bus->createSignal(MessageBus::interface, MessageBus::nameOwnerChanged);
@@ -193,7 +193,7 @@ TEST_F(Vendaractl, WaitsForTheServiceUntilItIsInterrupted) {
     claimOwner(forger.connection().getUniqueName());
     claimEnd();
     claimOwner("");
-    // It asks again, having heard nothing that counts.
+    // No accepted signal arrived, so it queries again.
     const int before = service.propertyReads;
     ASSERT_TRUE(waitUntil([&] { return service.propertyReads > before; }));
     client->signal(SIGINT);

@@ -17,7 +17,7 @@ const Files neighbour{{"bin/neighbour", "7"}};
 
 /// The files of a version, besides record and list; in copy mode one of them makes all mappings copies.
 Files filesOf(const std::string& version, bool isCopying) {
-    // Of another size in each version: files that were unpacked at the same moment have the same time.
+    // The sizes differ per version, because files unpacked at the same time have equal times.
     Files files{{"bin/tool", std::string(static_cast<std::size_t>(version[0]), 'x')},
                 {"data/sub/file", version},
                 {"unmapped", version}};
@@ -44,7 +44,7 @@ Files mappingsOf(const fs::path& directory, const Files& files) {
     return result;
 }
 
-/// What a version holds beside its record and list, which it has to have.
+/// The files of a version except its record and list, which must exist.
 Files payloadOf(const fs::path& directory) {
     Files files;
     for (const auto& entry : fs::recursive_directory_iterator(directory)) {
@@ -90,7 +90,7 @@ void restart(DatabaseOnDisk& disk, const PackageIdentity& /*package*/) {
 struct Operation {
     std::string name;
     std::string before;   ///< installed version, then prepared versions, a character each
-    std::string unpacked; ///< version that lies ready in the temporary directory
+    std::string unpacked; ///< version ready in the temporary directory
     std::string after;    ///< versions that recovery may find, "-" for none; the last one after a success
     void (*run)(DatabaseOnDisk&, const PackageIdentity&);
 };
@@ -110,7 +110,7 @@ const std::vector<Operation> operations{
     {"RefreshMappings", "12", "", "2", restart},
 };
 
-/// Whether the version that is installed was left without a "current" by a removal.
+/// Whether a removal left the installed version without "current".
 bool isOverRemains(const Operation& operation) {
     return !operation.before.empty() && operation.before == operation.unpacked;
 }
@@ -134,13 +134,13 @@ void makeStateBefore(DatabaseOnDisk& disk, const Operation& operation, bool isCo
     }
 }
 
-/// Runs an operation whose new files and directories would be for their owner alone.
+/// Runs an operation with the umask 077.
 void runStrictly(const Operation& operation, DatabaseOnDisk& disk, const PackageIdentity& package) {
     umask(077);
     operation.run(disk, package);
 }
 
-/// Restarts the service and checks that what it finds is whole.
+/// Restarts the service and checks that its state is complete.
 /// @param allowed  versions, "-" for none
 void checkAfterRestart(DatabaseOnDisk& disk, const std::string& allowed, bool isCopying) {
     if (fs::is_directory(fs::symlink_status(obstacleIn(disk)))) {
@@ -250,7 +250,7 @@ TEST_P(ACompletionThatFails, LeavesAVersionInServiceAndSucceedsLaterWithoutARest
             const PackageIdentity package(id, "2");
             const auto obstacle = disk.system / "usr/bin/only-in-2";
             if (isObstructed) {
-                // Then the call that fails may be one that puts the old version back.
+                // The failing call may then belong to the rollback.
                 fs::create_directory(obstacle);
             }
             const auto [end, wasMet] = runWithFault(point, fault, [&] { completeUpgrade(disk, package); });
@@ -259,7 +259,7 @@ TEST_P(ACompletionThatFails, LeavesAVersionInServiceAndSucceedsLaterWithoutARest
             const bool isPrepared = Common::linkTarget(disk.root / id / "next").has_value();
             const bool isGivenUp = installed == "1" && !isPrepared;
             EXPECT_TRUE(!isGivenUp || (isObstructed && fault.goesOn));
-            // When one call failed, all that followed from it worked.
+            // After a single failure the rollback succeeded.
             if (end == End::Failed && !fault.goesOn && !isObstructed) {
                 EXPECT_EQ(installed, "1");
                 EXPECT_EQ(disk.mappings(), mappingsWithNeighbour(disk, "1", isCopying));
@@ -330,7 +330,7 @@ TEST_P(DatabaseOperations, FindOnDiskWhatTheyRelyOnAfterALossOfPower) {
     DatabaseOnDisk disk;
     makeStateBefore(disk, operation, isCopying);
     const auto calls = recordCalls([&] { operation.run(disk, package); });
-    // Of a removal the change that counts is that the links go.
+    // A removal takes effect when "current" is removed.
     const bool isReplacing = isOverRemains(operation);
     const auto published = find(calls, operation.run == removeIt ? "^remove .*/current$"
                                        : isReplacing             ? "^link .*/1$"
@@ -339,14 +339,14 @@ TEST_P(DatabaseOperations, FindOnDiskWhatTheyRelyOnAfterALossOfPower) {
     const auto flushed = find(calls, "^(fsync|syncfs)$", published);
     ASSERT_LT(flushed, calls.size());
     if (operation.run == install || operation.run == prepareUpgrade || operation.run == removeIt) {
-        // What is published was unpacked, and the mappings are gone.
+        // The unpacked files, or the removed mappings, are on disk before publication.
         EXPECT_LT(find(calls, "^syncfs$"), published);
     }
-    // The record and list of a version, and all else in it, go by their bare names.
+    // Files in a version are removed by name alone.
     const auto deleted = find(calls, "^remove (quenra.pkg|symlink.list)$");
     EXPECT_EQ(deleted < calls.size(), operation.name != "Install" && operation.run != prepareUpgrade);
     EXPECT_LT(flushed, deleted);
-    // Mappings are on disk before success is reported or the version goes whose list names old ones.
+    // Mappings are on disk before the call returns and before the version whose list has old ones is deleted.
     if (operation.run != prepareUpgrade && operation.run != recover && operation.run != restart) {
         const auto mapped = find(calls, operation.run == removeIt ? "^remove tool$" : "^link only-in-.$");
         EXPECT_LT(find(calls, "^syncfs$", mapped),
@@ -363,12 +363,12 @@ TEST_P(DatabaseOperations, FindOnDiskWhatTheyRelyOnAfterALossOfPower) {
         EXPECT_EQ(calls.at(kept + 1), "fsync");
     }
     if (operation.run == completeUpgrade || operation.run == restart || isReplacing) {
-        // They are gone on disk before they are on no list.
+        // Mappings are removed on disk before the list omits them.
         const auto stale = find(calls, "^remove only-in-.$", find(calls, "^link .*/current$"));
         ASSERT_LT(stale, calls.size());
         EXPECT_LT(find(calls, "^syncfs$", stale), find(calls, "/symlink.list$", stale));
     }
-    // A copy is whole when it gets its name.
+    // A copy is complete before it is renamed.
     for (auto copy = find(calls, "^link (tool|file|vpn.so|only-in-.)$"); isCopying && copy < calls.size();
          copy = find(calls, "^link (tool|file|vpn.so|only-in-.)$", copy + 1)) {
         EXPECT_EQ(calls.at(copy - 1), "fsync");

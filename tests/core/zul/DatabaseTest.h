@@ -36,7 +36,7 @@ namespace fs = std::filesystem;
 
 using Files = std::map<std::string, std::string>;
 
-/// As long as it lives, the modes of files deny also root what they deny others.
+/// During its lifetime file modes apply to root too.
 class DroppedCapabilities {
 public:
     DroppedCapabilities() {
@@ -54,7 +54,7 @@ private:
     std::array<__user_cap_data_struct, 2> before_{};
 };
 
-/// A small file system in memory below a directory, as long as it lives.
+/// A small tmpfs on a directory, during its lifetime.
 class SmallFileSystem {
 public:
     explicit SmallFileSystem(fs::path directory)
@@ -102,8 +102,7 @@ struct DatabaseOnDisk {
         database.prepareUpgrade(package, entries, extract(files));
     }
 
-    /// Everything in the system root but directories: path to the package file that it stands for, or "" for
-    /// what is no mapping.
+    /// All files in the system root: path to the mapped package file, or "" for a file that is not a mapping.
     [[nodiscard]] Files mappings() const {
         Files found;
         for (const auto& entry : fs::recursive_directory_iterator(system)) {

@@ -7,7 +7,7 @@
 
 namespace Testbed {
 
-/// What hostile names, links and lists point at lies around the database; its digest has to stay.
+/// The files around the database that hostile names, links and lists point to must not change.
 class Hostility : public DatabaseTest {
 protected:
     Hostility() {
@@ -39,7 +39,7 @@ TEST_F(Hostility, OfNamesIsRefusedBeforeAnythingIsTouched) {
         EXPECT_ERROR(PackageIdentity("bystander", version), BadPackage,
                      "couldn't parse package version: " + version);
     }
-    // What a record would give back without the space.
+    // A record does not keep the space.
     EXPECT_ERROR(PackageIdentity("x ", "1-1"), BadPackageID,
                  "package identifier begins or ends with a space: x ");
     for (const std::string name : {"", "..", "../../../etc", "a\nb", "caf\xe9", " Org", "Org "}) {
@@ -80,7 +80,7 @@ TEST_F(Hostility, OfLinksNeverLeadsDeletionOut) {
                 }
                 database.remove(app.id());
             } catch (const Error&) {
-                // Refusing is as good; the next look takes what is left away.
+                // A refusal is accepted too; the next operation removes the rest.
             }
             database.cleanupCorruptedPackage(dir());
             database.recoverDatabase();
@@ -161,7 +161,7 @@ TEST_F(Hostility, OfPayloadsCannotBringRecordsListsOrWaysOut) {
     EXPECT_ERROR(install(app, {{"bin/.zul-mapping", "x"}}), BadPackage,
                  "file name can't be mapped: " + (temp / "unpacked/bin/.zul-mapping").native());
     fs::remove_all(temp / "unpacked");
-    // Of what was installed before this was refused, the rest is mapped.
+    // A file installed before such names were refused does not prevent the other mappings.
     install(app, {{"bin/tool", "x"}});
     writeFile(dir() / "current/bin/.zul-mapping", "x");
     fs::remove(system / "usr/bin/tool");

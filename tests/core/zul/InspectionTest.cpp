@@ -187,7 +187,7 @@ TEST(Verification, FindsNothingInAHealthyDatabaseAndChangesNothing) {
     EXPECT_EQ(digestOfTree(disk.scratch.path()), before);
 }
 
-// What a finding says mends it does.
+// Following each repair removes the finding.
 TEST(Verification, FindsEachDamageAndWhatMendsIt) {
     struct Damage {
         const char* problem;

@@ -84,7 +84,7 @@ TEST_F(AMapping, ReplacesAnotherPackagesButRollsBackAtASystemFile) {
     install(PackageIdentity("other", "1-1"), {{"bin/tool", "other"}});
     install(app, {{"bin/tool", "x"}});
     EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
-    // What became another package's is not removed with the one that had it before.
+    // A mapping that another package has taken over is not removed with its former owner.
     database.remove("other");
     EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", path("current/bin/tool"))));
 
@@ -183,7 +183,7 @@ TEST_F(AMapping, BelongsToAPackageByWhereItLeads) {
         EXPECT_THAT(mappings(),
                     testing::Contains(Pair("/usr/bin/tool", alias / app.id() / "current/bin/tool")));
         if (isGone) {
-            // "current" leads nowhere then, and the package is damaged.
+            // "current" is dangling then, and the package is damaged.
             fs::remove(alias);
             EXPECT_THAT(database.packages(), IsEmpty());
             EXPECT_THAT(mappings(), IsEmpty());
