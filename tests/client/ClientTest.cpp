@@ -17,7 +17,7 @@ public:
     bool isLost = false;
 };
 
-TEST(TheClientLibrary, DoesNotTakeAnEarlierAnnouncementForTheEndOfAnOperation) {
+TEST(TheClientLibrary, IgnoresAnnouncementsFromBeforeAttach) {
     const PrivateBuses buses;
     ScriptedService service({{"app", {.known = true}}});
     Ends ends;

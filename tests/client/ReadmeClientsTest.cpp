@@ -114,7 +114,7 @@ TEST_P(AClientOfTheReadme, ReportsThatTheServiceOrTheBusIsGone) {
     EXPECT_THAT(client.output, testing::StartsWith("there is no session bus: "));
 }
 
-TEST_P(AClientOfTheReadme, RefusesAReplyOfAnotherTypeAndBelievesNoneOfAStranger) {
+TEST_P(AClientOfTheReadme, RefusesRepliesOfOtherTypesAndSenders) {
     BusPeer service(sdbus::createSessionBusConnection(Own::service), Own::objectPath);
     std::atomic<bool> isForged = false;
     service.on(Own::interface, Own::install, [&](const std::string& path) {

@@ -14,7 +14,7 @@
 
 namespace Testbed {
 
-TEST(OpeningWithinADirectory, GoesUpWhileOthersRename) {
+TEST(OpeningWithinADirectory, ResolvesParentsDuringRenames) {
     const ScratchDirectory scratch;
     writeFile(scratch.path() / "inner/file", "x");
     writeFile(scratch.path() / "elsewhere/a", "x");

@@ -130,7 +130,7 @@ TEST_F(AController, LimitsTheNumberOfRestarts) {
     EXPECT_THAT(log.lines(), testing::Contains("WARN: dropped the oldest of too many restarts: a0"));
 }
 
-TEST(AControllerWithoutItsSubscription, IsNotMade) {
+TEST(TheController, RequiresItsSubscription) {
     const PrivateBuses buses("<limit name='max_match_rules_per_connection'>0</limit>");
     const auto result = run({VENDARA_DAEMON});
     EXPECT_EQ(result.status, 1);

@@ -58,7 +58,7 @@ TEST_F(ThePackageManagerClient, ForwardsSignalsInOrderAndDropsMalformedOnes) {
     EXPECT_EQ(lines[6], "WARN: couldn't retrieve package id from signal: PackageRemoved");
 }
 
-TEST(ThePackageManagerClientWithoutMatchRules, MakesCallsAndReceivesNoSignals) {
+TEST(APackageManagerClient, WithoutMatchRulesStillMakesCalls) {
     const Testbed::LogCapture log;
     const Testbed::PrivateBuses buses("<limit name='max_match_rules_per_connection'>0</limit>");
     Testbed::LoopDriver driver;
@@ -69,8 +69,8 @@ TEST(ThePackageManagerClientWithoutMatchRules, MakesCallsAndReceivesNoSignals) {
                  Common::Error); // answered by the bus: there is no such service
 }
 
-// The bus disconnects who sends it a message that is too long.
-TEST(ThePackageManagerClientThatTheBusDisconnects, ReconnectsAndReceivesSignalsAgain) {
+// The bus disconnects a client that sends a message above its limit.
+TEST(APackageManagerClient, ReceivesSignalsAgainAfterTheBusDisconnectsIt) {
     const Testbed::LogCapture log;
     const Testbed::PrivateBuses buses("<limit name='max_message_size'>2000</limit>");
     Testbed::PackageManager zul;

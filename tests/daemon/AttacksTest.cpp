@@ -75,7 +75,7 @@ protected:
     Client client;
 };
 
-TEST_F(AnAttacker, CannotPoseAsThePackageManagerOrTheRuntimeManager) {
+TEST_F(AnAttacker, CannotImpersonateThePackageManagerOrTheRuntimeManager) {
     setInstalled({"com.example.app"});
     const auto upgrade = client.install(packageFile());
     ASSERT_TRUE(client.waitForStatus(upgrade, 90));
@@ -126,7 +126,7 @@ TEST_F(AnAttacker, CanSendPackageSignalsOnlyWhileItOwnsThePackageManagersName) {
     EXPECT_TRUE(client.waitForStatus(client.remove("com.example.app"), 100));
 }
 
-TEST_F(AnAttacker, CannotReplyInThePlaceOfAPeer) {
+TEST_F(AnAttacker, CannotForgeReplies) {
     identification.hold("IdentifyByBusName");
     auto read = std::async(std::launch::async, [this] { return client.errorOf("GetAllProperties"); });
     ASSERT_TRUE(identification.waitForCalls("IdentifyByBusName", 1));

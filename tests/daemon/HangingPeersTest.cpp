@@ -10,7 +10,7 @@ namespace Testbed {
 namespace {
 
 // One caller waits for a peer that does not answer; all others get answers.
-class WhileAPeerHoldsACaller : public DaemonTest {
+class AHangingPeer : public DaemonTest {
 protected:
     void SetUp() override {
         DaemonTest::SetUp();
@@ -45,7 +45,7 @@ protected:
     Client other;
 };
 
-TEST_F(WhileAPeerHoldsACaller, OthersGetRepliesAtEveryStepOfARequest) {
+TEST_F(AHangingPeer, DelaysNoOtherCaller) {
     auto identified = hold(identification, "IdentifyByBusName", [&] { return client.install(file); });
     expectAllAnswered(other);
     EXPECT_TRUE(identification.answer("IdentifyByBusName"));
@@ -70,7 +70,7 @@ TEST_F(WhileAPeerHoldsACaller, OthersGetRepliesAtEveryStepOfARequest) {
     }
 }
 
-TEST_F(WhileAPeerHoldsACaller, ItsOwnRequestsKeepTheirOrder) {
+TEST_F(AHangingPeer, DoesNotReorderACallersRequests) {
     auto first = hold(runtime, "InvokeIntent", [&] { return client.errorOf("Start", "first"); });
     auto second = std::async(std::launch::async, [&] { return client.errorOf("Start", "second"); });
     EXPECT_EQ(other.errorOf("Start", "other"), "");
@@ -79,7 +79,7 @@ TEST_F(WhileAPeerHoldsACaller, ItsOwnRequestsKeepTheirOrder) {
     EXPECT_THAT(runtime.calls("InvokeIntent"), ElementsAre("Start first", "Start other", "Start second"));
 }
 
-TEST_F(WhileAPeerHoldsACaller, OthersGetStatusesAndAnEndIsListedUntilItIsReported) {
+TEST_F(AHangingPeer, DelaysNoStatusesOfOthersAndAnEndStaysListedUntilReported) {
     identification.set(client.busName(), "shop");
     identification.set(other.busName(), "shop");
     const auto operation = beginInstallation(client);
@@ -96,7 +96,7 @@ TEST_F(WhileAPeerHoldsACaller, OthersGetStatusesAndAnEndIsListedUntilItIsReporte
 }
 
 // 24 s: every request is refused with its own sentence before the caller's bus library gives up.
-TEST_F(WhileAPeerHoldsACaller, ItIsRefusedWithinTheTimeLimitOfTheBus) {
+TEST_F(AHangingPeer, CausesARefusalWithinTheTimeLimit) {
     const auto refused = [](const std::string& method, auto... argument) {
         return std::async(std::launch::async, [=] {
             Client caller;

@@ -8,7 +8,7 @@ namespace Testbed {
 
 namespace {
 
-TEST(UnderASoak, TheDaemonAccountsForEveryOperation) {
+TEST(TheDaemonInASoakTest, LosesNoOperation) {
     const ScratchDirectory scratch;
     const PrivateBuses buses;
     const auto package = buildPackage(scratch.path(), {});

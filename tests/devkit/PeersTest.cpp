@@ -136,7 +136,7 @@ protected:
 
 } // namespace
 
-TEST_F(ThePackageManager, RefusesByTheNameOfTheReasonAndKeepsEverything) {
+TEST_F(ThePackageManager, RefusesWithAnErrorNameAndChangesNothing) {
     start();
     ASSERT_EQ(install(package({.version = "2.0"})), "") << service_->output();
     const auto before = digestOfTree(directory_ / "db");
@@ -185,7 +185,7 @@ TEST_F(ThePackageManager, CompletesAnUpgradeWhenTheLastProcessOfTheOldVersionHas
     EXPECT_EQ(current(), "2.0-1");
 }
 
-TEST_F(ThePackageManager, LogsHowFarItIsAndEndsAValidation) {
+TEST_F(ThePackageManager, LogsProgressAndStopsAValidation) {
     ASSERT_EQ(run({SIGN, "--make-test-ca", directory_ / "keys"}).status, 0);
     fs::create_directory(directory_ / "root");
     Devkit::PackageManager manager({directory_ / "apps", directory_ / "temp", directory_ / "root"},

@@ -237,9 +237,9 @@ Files mappingsWithNeighbour(const DatabaseOnDisk& disk, const std::string& versi
     return expected;
 }
 
-class ACompletionThatFails : public testing::TestWithParam<std::tuple<bool, bool>> {};
+class ACompletion : public testing::TestWithParam<std::tuple<bool, bool>> {};
 
-TEST_P(ACompletionThatFails, LeavesAVersionInServiceAndSucceedsLaterWithoutARestart) {
+TEST_P(ACompletion, KeepsAVersionInstalledAndNeedsNoRestartWhenACallFails) {
     const auto operation = *std::find_if(operations.begin(), operations.end(),
                                          [](const auto& one) { return one.run == completeUpgrade; });
     const auto [isCopying, isObstructed] = GetParam();
@@ -280,7 +280,7 @@ TEST_P(ACompletionThatFails, LeavesAVersionInServiceAndSucceedsLaterWithoutARest
         });
 }
 
-INSTANTIATE_TEST_SUITE_P(With, ACompletionThatFails, testing::Combine(testing::Bool(), testing::Bool()),
+INSTANTIATE_TEST_SUITE_P(With, ACompletion, testing::Combine(testing::Bool(), testing::Bool()),
                          [](const auto& parameter) {
                              return std::string(std::get<0>(parameter.param) ? "Copies" : "Links") +
                                     (std::get<1>(parameter.param) ? "AndAnObstacle" : "");
@@ -326,7 +326,7 @@ std::size_t find(const std::vector<std::string>& calls, const std::string& patte
         std::find_if(calls.begin() + static_cast<std::ptrdiff_t>(from), calls.end(), isIt) - calls.begin());
 }
 
-TEST_P(DatabaseOperations, FindOnDiskWhatTheyRelyOnAfterALossOfPower) {
+TEST_P(DatabaseOperations, FlushInTheRequiredOrder) {
     DatabaseOnDisk disk;
     makeStateBefore(disk, operation, isCopying);
     const auto calls = recordCalls([&] { operation.run(disk, package); });

@@ -20,7 +20,7 @@ protected:
     Testbed::ScratchDirectory scratch_;
 };
 
-TEST_F(ADatabasesConfiguration, IsReadAfreshAndFilledUpWithDefaults) {
+TEST_F(ADatabasesConfiguration, IsReadEachTimeAndCompletedWithDefaults) {
     EXPECT_EQ(Database(file("[database]\nroot_directory = /data/apps\n")).rootDirectory(), "/data/apps");
     const Database database(file("; comment\n[other]\nx=y\n[database]\ntemp_directory=/data/tmp\n"));
     EXPECT_EQ(database.rootDirectory(), "/opt/app");

@@ -8,9 +8,9 @@
 namespace Testbed {
 
 /// The files around the database that hostile names, links and lists point to must not change.
-class Hostility : public DatabaseTest {
+class ADatabaseUnderAttack : public DatabaseTest {
 protected:
-    Hostility() {
+    ADatabaseUnderAttack() {
         for (const auto* name : {"victim", "app/bystander/1-1", "system/victim"}) {
             writeFile(outside() / name / "file", "precious");
         }
@@ -22,7 +22,7 @@ protected:
     [[nodiscard]] fs::path outside() const { return root.parent_path(); }
 };
 
-TEST_F(Hostility, OfNamesIsRefusedBeforeAnythingIsTouched) {
+TEST_F(ADatabaseUnderAttack, RefusesHostileNamesWithoutChanges) {
     const auto before = digestOfTree(outside());
     for (const std::string id :
          {"", "/", ".", "..", "/..", "//x", "a/b", "../victim", "a\nb", "a\x7f", "caf\xe9"}) {
@@ -51,7 +51,7 @@ TEST_F(Hostility, OfNamesIsRefusedBeforeAnythingIsTouched) {
     EXPECT_EQ(digestOfTree(outside()), before);
 }
 
-TEST_F(Hostility, OfLinksNeverLeadsDeletionOut) {
+TEST_F(ADatabaseUnderAttack, NeverDeletesThroughLinks) {
     const auto before = digestOfTree(outside());
     const auto victims = {
         outside() / "victim",     root / "bystander",           root / "bystander/1-1", root,
@@ -90,7 +90,7 @@ TEST_F(Hostility, OfLinksNeverLeadsDeletionOut) {
     }
 }
 
-TEST_F(Hostility, OfLinkedPackageDirectoriesEndsAtTheLink) {
+TEST_F(ADatabaseUnderAttack, ChangesNothingBehindALinkedPackageDirectory) {
     const auto record = readFile(root / "bystander/1-1/quenra.pkg");
     const auto victim = outside() / "victim";
     fs::create_directories(victim / "1-1");
@@ -130,7 +130,7 @@ TEST_F(Hostility, OfLinkedPackageDirectoriesEndsAtTheLink) {
     EXPECT_EQ(digestOfTree(outside()), before);
 }
 
-TEST_F(Hostility, OfListsRemovesNothingThatIsNotThePackages) {
+TEST_F(ADatabaseUnderAttack, RemovesOnlyItsOwnMappings) {
     const auto before = digestOfTree(outside());
     install(app, {});
     writeFile(dir() / "current/symlink.list",
@@ -141,7 +141,7 @@ TEST_F(Hostility, OfListsRemovesNothingThatIsNotThePackages) {
     EXPECT_EQ(digestOfTree(outside()), before);
 }
 
-TEST_F(Hostility, OfPayloadsCannotBringRecordsListsOrWaysOut) {
+TEST_F(ADatabaseUnderAttack, IgnoresRecordsAndListsInPayloadsAndRefusesOutwardLinks) {
     auto unpacked =
         extract({{"bin/tool", "x"}, {"symlink.list", "/usr/bin/foreign\n"}, {"quenra.pkg", "damaged"}});
     database.install(app, entries, unpacked);
@@ -185,7 +185,7 @@ TEST_F(Hostility, OfPayloadsCannotBringRecordsListsOrWaysOut) {
     EXPECT_EQ(digestOfTree(outside()), before);
 }
 
-TEST_F(Hostility, OfDepthAndModesDoesNotStopRemoval) {
+TEST_F(ADatabaseUnderAttack, RemovesDeepAndProtectedTrees) {
     const auto top = temp / "deep";
     fs::create_directories(top);
     int directory = open(top.c_str(), O_PATH);

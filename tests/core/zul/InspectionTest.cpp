@@ -188,7 +188,7 @@ TEST(Verification, FindsNothingInAHealthyDatabaseAndChangesNothing) {
 }
 
 // Following each repair removes the finding.
-TEST(Verification, FindsEachDamageAndWhatMendsIt) {
+TEST(Verification, ReportsEachDamageAndItsRepair) {
     struct Damage {
         const char* problem;
         const char* repair;
@@ -260,7 +260,7 @@ TEST(Verification, FindsEachDamageAndWhatMendsIt) {
     }
 }
 
-TEST(Verification, TakesWhatItCannotReadForAnErrorAndNotForDamage) {
+TEST(Verification, ReportsUnreadableFilesAsErrors) {
     for (const char* name :
          {"com.example.app", "com.example.app/1-1/bin", "com.example.app/1-1/quenra.pkg"}) {
         const InspectedOnDisk disk;

@@ -45,7 +45,7 @@ TEST_F(ADatabase, LeavesNothingOfAnInstallationThatFails) {
     EXPECT_THAT(mappings(), ElementsAre(Pair("/usr/bin/tool", "")));
 }
 
-TEST_F(ADatabase, RefusesToMoveWhatIsNotThereOrWhereSomethingIs) {
+TEST_F(ADatabase, RefusesAMissingSourceAndAnExistingVersion) {
     const auto absent = temp / "absent";
     EXPECT_ERROR(database.moveToVersionedDirectory(app, absent), Internal,
                  "extracted package directory doesn't exist: " + absent.native());
@@ -77,7 +77,7 @@ TEST_F(ADatabase, PreparesOnlyHigherVersions) {
     EXPECT_EQ(installedVersion(app.id()), "2.0-1");
 }
 
-TEST_F(ADatabase, CompletesOnlyWhatIsPreparedAndPreparesInThePlaceOfRubbish) {
+TEST_F(ADatabase, CompletesOnlyPreparedUpgradesAndReplacesAnEmptyNext) {
     const std::string message = "attempt to complete non-existent update for com.example.app package";
     install(app);
     const auto before = digestOfTree(dir());
@@ -98,7 +98,7 @@ TEST_F(ADatabase, CompletesOnlyWhatIsPreparedAndPreparesInThePlaceOfRubbish) {
     EXPECT_EQ(installedVersion(app.id()), "1.0-1");
 }
 
-TEST_F(ADatabase, TakesLinksWithASlashAtTheirEnd) {
+TEST_F(ADatabase, AcceptsLinksThatEndWithASlash) {
     install(app);
     prepare(newer);
     for (const auto& [link, version] : {std::pair("current", "1.0-1//"), std::pair("next", "2.0-1/")}) {
@@ -159,7 +159,7 @@ TEST_F(ADatabase, GoesBackWhenAnUpgradeCannotBeMapped) {
     }
 }
 
-TEST_F(ADatabase, PutsAPreparedUpgradeIntoServiceOnAFullDisk) {
+TEST_F(ADatabase, CompletesAnUpgradeOnAFullDisk) {
     const SmallFileSystem disk(scratch.path());
     if (!disk.isThere()) {
         GTEST_SKIP() << "mount namespaces are root's here";
@@ -183,7 +183,7 @@ TEST_F(ADatabase, PutsAPreparedUpgradeIntoServiceOnAFullDisk) {
     }
 }
 
-TEST_F(ADatabase, IsReadableForEverybodyWhateverTheUmaskIs) {
+TEST_F(ADatabase, IsReadableByEveryUserWithAnyUmask) {
     fs::permissions(extract({{"data/sub/file", "x"}}), fs::perms(0700));
     fs::remove(root);
     umask(077);

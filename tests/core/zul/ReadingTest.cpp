@@ -61,7 +61,7 @@ TEST_F(ReadingADatabase, RemovesAPackageWhoseInstalledRecordIsDamaged) {
     EXPECT_THAT(mappings(), IsEmpty());
 }
 
-TEST_F(ReadingADatabase, ListsPackagesAndClearsAwayTheRest) {
+TEST_F(ReadingADatabase, ListsPackagesAndDeletesOtherEntries) {
     install(app);
     fs::create_symlink(root / "nowhere", root / "dangling");
     fs::create_directories(root / "empty");

@@ -42,7 +42,7 @@ TEST_F(Recovery, NeverPutsADamagedUpgradeIntoService) {
     EXPECT_THAT(entriesIn(dir()), UnorderedElementsAre("current", "1.0-1"));
 }
 
-TEST_F(Recovery, CleansUpWhatCannotBeReadAndGoesOn) {
+TEST_F(Recovery, RemovesDamagedPackagesAndContinues) {
     install(PackageIdentity("a", "1-1"), {{"bin/a", "x"}});
     install(PackageIdentity("b", "1-1"), {{"bin/b", "x"}});
     install(PackageIdentity("c", "1-1"), {{"bin/c", "x"}});

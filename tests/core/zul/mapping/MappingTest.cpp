@@ -173,7 +173,7 @@ TEST_F(AMapping, TakesThePlaceOfADirectoryThatOnlyThePackageHas) {
     EXPECT_EQ(readFile(place), "2");
 }
 
-TEST_F(AMapping, BelongsToAPackageByWhereItLeads) {
+TEST_F(AMapping, BelongsToThePackageOfItsTarget) {
     for (const bool isGone : {false, true}) {
         SCOPED_TRACE(isGone);
         const auto alias = scratch.path() / "alias";

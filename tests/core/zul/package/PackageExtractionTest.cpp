@@ -91,7 +91,7 @@ TEST_P(Payloads, AreUnpackedAsTheUsualToolsDo) {
 INSTANTIATE_TEST_SUITE_P(OfEveryCompressor, Payloads,
                          testing::Values("w3.gzdio", "w1.xzdio", "w3.zstdio", "w1.bzdio"));
 
-TEST(APackagePath, LeadsBackThroughTheRules) {
+TEST(APackagePath, InvertsTheMappingRules) {
     const PackagePath paths({"com.example.app", "1", "org.example", "tool"});
     const std::map<std::string, std::string> places{
         {"/usr/bin/tool", "bin/tool"},
@@ -282,7 +282,7 @@ TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
     }
 }
 
-TEST_F(AnExtraction, MakesNoLinkThatLeadsOut) {
+TEST_F(AnExtraction, CreatesNoLinkOutOfThePackage) {
     Core::ZUL::DestinationTree tree(destination);
     tree.makeSymbolicLink("a/./b/.", "../x");
     EXPECT_EQ(fs::read_symlink(destination / "a/b"), "../x");
@@ -327,7 +327,7 @@ TEST_F(AnExtraction, UnpacksALargeFileAndManyFiles) {
     EXPECT_TRUE(digestOfTree(destination / "data") == digestOfTree(reference / data.substr(1)));
 }
 
-TEST_F(AnExtraction, NeverTakesADamagedPayloadForAWholeOne) {
+TEST_F(AnExtraction, DetectsDamagedPayloads) {
     std::string text;
     for (int line = 0; line < 3000; ++line) {
         text += std::to_string(line * 7919) + "\n";

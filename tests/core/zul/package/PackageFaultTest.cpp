@@ -52,7 +52,7 @@ TEST_F(Packages, AreRefusedWithAnErrorOrUnpackedWholeWhenACallFails) {
     }
 }
 
-TEST_F(Packages, AreNotJudgedWhenACallThatReadsThemFails) {
+TEST_F(Packages, AreNotReportedDamagedWhenACallFails) {
     const auto file = signedPackage({.files = {{manifestPath, manifest}, {"/usr/bin/tool", "x", "0755"}}});
     unpackWithoutVerdict(file);
     for (const bool goesOn : {false, true}) {

@@ -95,7 +95,7 @@ TEST_F(APackage, NeedsADeveloper) {
     }
 }
 
-TEST_F(APackage, HasAManifestThatCanBeTrustedOnlySoFar) {
+TEST_F(APackage, WithAnInvalidManifestIsRefused) {
     const auto refusalWith = [&](CraftedEntry entry) {
         entry.directory = "/usr/share/applications/";
         entry.name = "com.example.app.desktop";
@@ -156,7 +156,7 @@ TEST_F(APackage, IsABinaryPackageFromItsFirstByteToItsSignatures) {
 }
 
 // 200,000 entries, each to be found in a list of as many: name by name that takes eight minutes.
-TEST_F(APackage, IsReadInTimeWhateverTheOrderOfItsFiles) {
+TEST_F(APackage, WithManyUnsortedFilesIsReadInTime) {
     std::vector<CraftedEntry> entries;
     for (int number = 999'999; number >= 800'000; --number) {
         entries.push_back({"/usr/share/" + std::to_string(number) + "/", "d", S_IFDIR | 0755U});
@@ -170,7 +170,7 @@ TEST_F(APackage, IsReadInTimeWhateverTheOrderOfItsFiles) {
     EXPECT_EQ(refusalOf(file).first, ErrorCode::BadPackageSignature); // the manifest is not looked for so far
 }
 
-TEST_F(APackage, WithArraysThatDoNotGoTogetherLeavesNoMemoryBehind) {
+TEST_F(APackage, WithInconsistentArraysLeaksNoMemory) {
     constexpr rpm_count_t count = 1'000'000;
     const std::vector<std::uint32_t> million(count);
     const LogCapture librpmsOwnLines;
