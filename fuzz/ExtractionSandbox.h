@@ -46,21 +46,21 @@ public:
     /// Reads and validates a package, and unpacks it if it is valid.
     void install(std::string_view bytes) const {
         write(package_, bytes);
-        tolerant([&] {
+        expectRefusalOrSuccess([&] {
             Core::ZUL::Package::fromFile(package_, authorities_)
                 .extract(package_, destination_, noAttributes);
         });
-        lookAround();
+        checkSurroundings();
     }
 
     /// Unpacks a package without a check of its signatures.
     void unpack(std::string_view bytes) const {
         write(package_, bytes);
-        tolerant([&] {
+        expectRefusalOrSuccess([&] {
             Core::ZUL::unpack(Core::ZUL::PackageFile(package_), {"com.example.app", "1"}, nullptr,
                               destination_, noAttributes);
         });
-        lookAround();
+        checkSurroundings();
     }
 
 private:
@@ -68,7 +68,7 @@ private:
         return 0;
     }
 
-    void lookAround() const {
+    void checkSurroundings() const {
         for (const auto& entry : fs::directory_iterator(root_)) {
             require(allowed().contains(entry.path().filename().string()));
         }
@@ -87,7 +87,7 @@ private:
     }
 
     template<typename Action>
-    static void tolerant(const Action& action) {
+    static void expectRefusalOrSuccess(const Action& action) {
         try {
             action();
         } catch (const Common::Error& error) {

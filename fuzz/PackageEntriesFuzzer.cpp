@@ -44,7 +44,7 @@ Testbed::CraftedEntry entry(FuzzedDataProvider& input) {
     entry.content = (S_ISLNK(entry.mode) && input.ConsumeBool() ? "/" : "") + path(input) + component(input);
     entry.inode = input.ConsumeIntegralInRange<std::uint32_t>(0, 3);
     if (input.ConsumeIntegralInRange(0, 15) == 0) {
-        entry.promisedSize = input.ConsumeIntegral<std::uint32_t>();
+        entry.declaredSize = input.ConsumeIntegral<std::uint32_t>();
     }
     entry.isArchived = input.ConsumeIntegralInRange(0, 15) != 0;
     return entry;

@@ -42,7 +42,7 @@ constexpr auto forgedId = "forged";
 constexpr auto exampleId = "com.example.app";
 
 /// Well-formed values about a package.
-void writeHonest(sd_bus_message* message, std::string_view types, const char* id) {
+void writeValid(sd_bus_message* message, std::string_view types, const char* id) {
     const auto writePackage = [&] {
         sd_bus_message_append(message, "a{ss}", 4, "general.id", id, "general.version", "1-1",
                               "certificate.id", "7", "certificate.subgroup", "apps");
@@ -105,10 +105,10 @@ public:
 
     /// A peer is called.
     void answer(sd_bus_message* call) {
-        if (!isHonest_ && input_.ConsumeBool()) {
+        if (!isWellBehaved_ && input_.ConsumeBool()) {
             reply(call, input_.ConsumeBool(), world().client.get()); // a stranger, too
         }
-        const int kind = isHonest_ ? 0 : input_.ConsumeIntegralInRange(0, 7);
+        const int kind = isWellBehaved_ ? 0 : input_.ConsumeIntegralInRange(0, 7);
         if (kind == 7) {
             held_.emplace_back(sd_bus_message_ref(call));
         } else if (kind == 6) {
@@ -154,7 +154,7 @@ private:
 
     void write(sd_bus_message* message, const char* types) {
         if (input_.ConsumeBool()) {
-            writeHonest(message, types, exampleId);
+            writeValid(message, types, exampleId);
         } else {
             values_.write(message, types);
         }
@@ -186,7 +186,7 @@ private:
         requireDone(sd_bus_message_new_signal(from.get(), &made, signal.path, signal.interface, signal.name));
         const Message message(made);
         if (isForged && input_.ConsumeBool()) {
-            writeHonest(made, signal.types, forgedId);
+            writeValid(made, signal.types, forgedId);
         } else if (!isForged || std::string_view(signal.interface) != "norvane.ZUL") {
             write(made, signal.types);
         }
@@ -256,7 +256,7 @@ private:
         requireDone(sd_bus_message_new_method_return(call, &made));
         const Message message(made);
         if (isHonest) {
-            writeHonest(made, types, exampleId);
+            writeValid(made, types, exampleId);
         } else {
             values_.write(made, types);
         }
@@ -290,7 +290,7 @@ private:
 
     /// Whatever happened before, the service works with well-behaved peers.
     void finish() {
-        isHonest_ = true;
+        isWellBehaved_ = true;
         takeNames();
         while (session_.sharedBus() == closed_) {
             settle(0);
@@ -325,7 +325,7 @@ private:
 
     FuzzedDataProvider& input_;
     Fuzz::Values values_;
-    bool isHonest_ = false;
+    bool isWellBehaved_ = false;
     std::string systemName_;
     std::vector<Message> held_;
     std::shared_ptr<sdbus::IConnection> closed_;

@@ -187,7 +187,7 @@ private:
 
 using Command = ExitStatus (*)(const Request&);
 
-void carryOut(Command command, const Request& request) {
+void runCommand(Command command, const Request& request) {
     try {
         static_cast<void>(command(request));
     } catch (const sdbus::Error&) {
@@ -235,7 +235,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const Service thread(connection, input, isMonitored);
         Captured standardOutput(std::cout, isMonitored);
         Captured standardError(std::cerr, isMonitored);
-        carryOut(command, request);
+        runCommand(command, request);
         output = standardOutput.str();
         errors = standardError.str();
     }

@@ -66,7 +66,7 @@ std::string digestOf(const CraftedEntry& entry) {
     if (!S_ISREG(entry.mode)) {
         return "";
     }
-    return entry.promisedDigest.empty() ? sha256(entry.content) : entry.promisedDigest;
+    return entry.declaredDigest.empty() ? sha256(entry.content) : entry.declaredDigest;
 }
 
 void putFiles(Header header, const std::vector<CraftedEntry>& entries) {
@@ -80,7 +80,7 @@ void putFiles(Header header, const std::vector<CraftedEntry>& entries) {
         listOf<std::uint16_t>(entries, [](const auto& entry, std::size_t) { return entry.mode; });
     headerPutUint16(header, RPMTAG_FILEMODES, modes.data(), static_cast<rpm_count_t>(modes.size()));
     putNumbers(header, RPMTAG_FILESIZES, entries, [](const auto& entry, std::size_t) {
-        return entry.promisedSize.value_or(
+        return entry.declaredSize.value_or(
             static_cast<std::uint32_t>(S_ISDIR(entry.mode) ? 0 : entry.content.size()));
     });
     putNumbers(header, RPMTAG_FILEINODES, entries, inodeOf);

@@ -18,8 +18,8 @@ struct CraftedEntry {
     std::uint32_t mode = S_IFREG | 0644U;
     std::string content = {}; ///< or the target of a symbolic link
     std::uint32_t inode = 0;  ///< equal ones make a set of hard links; 0 for a number of its own
-    std::optional<std::uint32_t> promisedSize = {}; ///< size in the header if it differs
-    std::string promisedDigest = {};                ///< digest in the header if it differs, hexadecimal
+    std::optional<std::uint32_t> declaredSize = {}; ///< size in the header if it differs
+    std::string declaredDigest = {};                ///< digest in the header if it differs, hexadecimal
     bool isArchived = true;                         ///< whether it is in the payload
     std::string archived = {};                      ///< content in the payload instead of `content`
     std::uint32_t flags = 0;                        ///< for example RPMFILE_CONFIG

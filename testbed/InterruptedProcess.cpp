@@ -45,7 +45,7 @@ constexpr std::array changingCalls{
     SYS_ftruncate, SYS_fallocate, SYS_setxattr,  SYS_lsetxattr,      SYS_fsetxattr, SYS_fremovexattr,
     SYS_pwrite64,  SYS_writev,    SYS_sendfile,  SYS_copy_file_range};
 
-constexpr std::array lookingCalls{
+constexpr std::array readingCalls{
 #ifdef SYS_open
     SYS_open,       SYS_stat,       SYS_lstat,      SYS_access,  SYS_readlink,
 #endif
@@ -62,11 +62,11 @@ constexpr sock_filter jump(int test, long value, unsigned char ifTrue, unsigned 
 }
 constexpr sock_filter answer(unsigned action) { return BPF_STMT(BPF_RET | BPF_K, action); }
 
-/// What the kernel does at a call that changes a file system, waits for the disk, or looks at files.
+/// What the kernel does at a call that changes a file system, waits for the disk, or reads files.
 struct Answers {
     unsigned onChange = SECCOMP_RET_ALLOW;
     unsigned onFlush = SECCOMP_RET_ERRNO; // returns at once
-    unsigned onLook = SECCOMP_RET_ALLOW;
+    unsigned onRead = SECCOMP_RET_ALLOW;
 };
 
 std::vector<sock_filter> filter(const Answers& answers) {
@@ -84,10 +84,10 @@ std::vector<sock_filter> filter(const Answers& answers) {
     };
     program.insert(program.end(),
                    {jump(BPF_JEQ, SYS_openat, 0, 4), load(argument(2)),
-                    jump(BPF_JSET, O_CREAT | O_TRUNC, 0, 1), answer(answers.onChange), answer(answers.onLook),
+                    jump(BPF_JSET, O_CREAT | O_TRUNC, 0, 1), answer(answers.onChange), answer(answers.onRead),
                     jump(BPF_JEQ, SYS_write, 0, 4), load(argument(0)), jump(BPF_JGT, STDERR_FILENO, 0, 1),
                     answer(answers.onChange), answer(SECCOMP_RET_ALLOW)});
-    add(lookingCalls, answers.onLook);
+    add(readingCalls, answers.onRead);
     program.push_back(answer(SECCOMP_RET_ALLOW));
     return program;
 }
@@ -278,14 +278,14 @@ std::pair<End, bool> runWithFault(unsigned callsBefore, const Fault& fault,
                                   const std::function<void()>& action) {
     Answers answers{.onChange = SECCOMP_RET_TRACE};
     if (!fault.onlyChanges) {
-        answers.onFlush = answers.onLook = SECCOMP_RET_TRACE;
+        answers.onFlush = answers.onRead = SECCOMP_RET_TRACE;
     }
     unsigned calls = 0;
     const auto atCall = [&](pid_t child) {
         if (isAboutPipe(child)) {
             return Step::Go;
         }
-        const bool fails = fault.goesOn ? calls >= callsBefore : calls == callsBefore;
+        const bool fails = fault.isPersistent ? calls >= callsBefore : calls == callsBefore;
         ++calls;
         return fails ? Step::Fail : Step::Go;
     };

@@ -29,8 +29,8 @@ End runInChild(const std::function<void()>& action);
 struct Fault {
     const char* name;
     int error;
-    bool goesOn;      ///< all later calls fail too
-    bool onlyChanges; ///< only calls that change a file system fail; otherwise also those that read
+    bool isPersistent; ///< all later calls fail too
+    bool onlyChanges;  ///< only calls that change a file system fail; otherwise also those that read
 };
 
 /// Calls a function for each kind of fault and each n-th call until it returns that there was no such call.

@@ -36,7 +36,7 @@ bool ScriptedPeer::answer(const std::string& method, const std::string& errorNam
     return true;
 }
 
-void ScriptedPeer::letGo() {
+void ScriptedPeer::releaseCalls() {
     for (const auto* method :
          {"Install", "Remove", "GetPackageList", "InvokeIntent", "Terminate", "IdentifyByBusName"}) {
         hold(method, false);

@@ -52,7 +52,7 @@ public:
         takeName();
     }
     /// Replies to all waiting calls and all later ones.
-    void letGo();
+    void releaseCalls();
     [[nodiscard]] bool waitForCalls(const std::string& method, std::size_t count) const;
     /// The arguments of the calls so far, in their order.
     [[nodiscard]] std::vector<std::string> calls(const std::string& method) const;

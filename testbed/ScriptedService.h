@@ -45,7 +45,7 @@ public:
             "type='method_call',member='Ping'",
             [this](sdbus::Message& /*ping*/) {
                 ++pings;
-                pinged();
+                onPing();
             },
             sdbus::floating_slot);
         peer_.start();
@@ -56,9 +56,9 @@ public:
     std::string client;                ///< the connection that sent the last request
     std::atomic<int> propertyReads = 0;
     std::atomic<int> pings = 0;
-    std::function<void()> pinged = [] {};  ///< set it before a client connects
-    std::atomic<bool> forgets = false;     ///< lists no operations in progress
-    std::atomic<bool> refusesOnce = false; ///< refuses the next read of the properties
+    std::function<void()> onPing = [] {};      ///< set it before a client connects
+    std::atomic<bool> hidesOperations = false; ///< lists no operations in progress
+    std::atomic<bool> refusesOnce = false;     ///< refuses the next read of the properties
 
     static Common::OperationRecord operation(const std::string& package, int status, int error) {
         return {"id of " + package,
@@ -102,7 +102,7 @@ private:
         for (auto& [package, script] : scripts_) {
             if (std::exchange(script.completed, false)) {
                 completed.push_back(operation(package, script.errorCode == 0 ? 100 : 101, script.errorCode));
-            } else if (script.known && !forgets) {
+            } else if (script.known && !hidesOperations) {
                 going.push_back(operation(package, 10, 0));
             }
         }

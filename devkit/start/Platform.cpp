@@ -167,7 +167,7 @@ int Platform::run(const std::vector<std::string>& command, int stopSignal) {
     return waitForEndOf(name);
 }
 
-void Platform::waitForTrouble() {
+void Platform::waitForFailure() {
     for (;;) {
         loop_.context().run_one();
     }

@@ -62,7 +62,7 @@ public:
     int run(const std::vector<std::string>& command, int stopSignal);
 
     /// Waits for a signal or the end of a program: always throws.
-    [[noreturn]] void waitForTrouble();
+    [[noreturn]] void waitForFailure();
 
     /// The environment variables for clients, "NAME=value".
     [[nodiscard]] std::vector<std::string> environment() const;

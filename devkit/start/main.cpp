@@ -67,7 +67,7 @@ int runPlatform(Devkit::Platform& platform, const Options& options) {
                   << '\n';
     }
     std::cout << "# The platform is running. Press Ctrl-C to end it.\n" << std::flush;
-    platform.waitForTrouble();
+    platform.waitForFailure();
 }
 
 // The supervisor process: all programs of the platform are its children.

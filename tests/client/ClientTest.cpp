@@ -24,7 +24,7 @@ TEST(TheClientLibrary, IgnoresAnnouncementsFromBeforeAttach) {
     Vendara::Client client(ends, {});
     service.peer().send(Own::interface, Own::packageInstalled, ScriptedService::package("app"));
     client.attach(client.properties().operations.at(0));
-    service.forgets = true;
+    service.hidesOperations = true;
     EXPECT_FALSE(client.follow());
     EXPECT_TRUE(ends.isLost && !ends.hasEnded);
 }

@@ -56,7 +56,7 @@ protected:
 
 TEST_P(AClientOfTheReadme, ReportsAReceivedEndEvenIfTheBusIsLost) {
     ScriptedService service({{"good.rpm", {{0, 100}}}});
-    service.pinged = [this] { buses.session.stop(); };
+    service.onPing = [this] { buses.session.stop(); };
     const auto good = install("good.rpm");
     EXPECT_EQ(good.status, 0);
     EXPECT_EQ(good.output, "install good.rpm: queued\ninstall good.rpm: finished\n");

@@ -175,7 +175,7 @@ TEST_F(AnAttacker, CannotEndTheServiceWithTheLongestMessageOfTheBus) {
         EXPECT_TRUE(waitForService());
         EXPECT_THAT(starter.operations(), IsEmpty());
     }
-    zul.letGo();
+    zul.releaseCalls();
     EXPECT_TRUE(client.waitForStatus(running, 100));
     EXPECT_THAT(daemon->output(), testing::ContainsRegex("WARN: reconnected to the session bus: .*"
                                                          "WARN: reconnected to the session bus: "));

@@ -30,7 +30,7 @@ void DaemonTest::TearDown() {
     if (daemon->isRunning()) {
         daemon->signal(SIGTERM);
         for (auto* peer : std::initializer_list<ScriptedPeer*>{&zul, &runtime, &identification}) {
-            peer->letGo();
+            peer->releaseCalls();
         }
     }
     EXPECT_EQ(daemon->wait(), expectedStatus) << daemon->output();

@@ -128,7 +128,7 @@ TEST_F(AHangingPeer, CausesARefusalWithinTheTimeLimit) {
         EXPECT_EQ(error.get(), "Couldn't determinate operation initiator");
     }
     for (auto* peer : std::initializer_list<ScriptedPeer*>{&zul, &runtime, &identification}) {
-        peer->letGo();
+        peer->releaseCalls();
     }
     EXPECT_EQ(installed.get(), OperationType::Install) << "without a list it counts as an installation";
     expectAllAnswered(client);

@@ -65,7 +65,7 @@ TEST_F(ADaemonThatLosesItsConnection, ContinuesThoughTheBusHasNotReadItsLastMess
     EXPECT_NE(owner(), before) << "it sends as the service";
     runtime.emit("Terminated", std::string("a"));
     EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
-    zul.letGo();
+    zul.releaseCalls();
     EXPECT_TRUE(client.waitForStatus(running, 100));
     EXPECT_TRUE(client.waitForStatus(queued, 100));
     zul.emit("PackageRemoved", std::string("last"));
@@ -80,7 +80,7 @@ TEST_F(ADaemonThatLosesItsConnection, ReportsAnEndWhoseInitiatorItWasIdentifying
     zul.answer("Install");
     ASSERT_TRUE(identification.waitForCalls("IdentifyByBusName", before + 1));
     lose();
-    identification.letGo();
+    identification.releaseCalls();
     EXPECT_TRUE(client.waitForStatus(running, 100));
 }
 
@@ -91,7 +91,7 @@ TEST_F(ADaemonThatLosesItsConnection, ExecutesNoRequestWhoseCallerGotAnError) {
     ASSERT_TRUE(zul.waitForCalls("GetPackageList", 1));
     lose();
     EXPECT_THAT(removal.get(), HasSubstr("NoReply"));
-    zul.letGo();
+    zul.releaseCalls();
     EXPECT_TRUE(waitForService());
     EXPECT_TRUE(client.waitForStatus(client.remove("b"), 100));
     EXPECT_THAT(zul.calls("Remove"), ElementsAre("b"));

@@ -316,7 +316,7 @@ TEST_F(VendaraSign, RefusesWithThePathAndChangesNothing) {
                           .output = scratch.path() / "signed.rpm",
                           .developer = Signing::loadIdentity(scratch.path() / "ca/developer.key",
                                                              scratch.path() / "ca/developer.pem"),
-                          .evenBroken = true});
+                          .allowInvalid = true});
     craftPackage(scratch.path() / "version.rpm", {}, {.version = "1/2"});
     const auto withOption = [](const std::string& name, const std::string& value) {
         return by("developer", "developer", "b.rpm", {name, value});

@@ -77,7 +77,7 @@ Contents contentsOf(const std::string& source, const Passphrase& passphrase) {
                                       nullptr, nullptr));
     }
     if (!store) {
-        OpenSsl::fail(shown(source) + ": OpenSSL couldn't open it, or has no provider for it");
+        OpenSsl::fail(withoutQuery(source) + ": OpenSSL couldn't open it, or has no provider for it");
     }
     Contents contents;
     while (OSSL_STORE_eof(store.get()) == 0) {
@@ -99,9 +99,9 @@ Contents contentsOf(const std::string& source, const Passphrase& passphrase) {
 }
 
 [[noreturn]] void failWithout(const char* what, const std::string& source, const Contents& contents) {
-    throw std::runtime_error(shown(source) + (contents.problem != nullptr
-                                                  ? std::string(": ") + contents.problem
-                                                  : std::string(": has no ") + what));
+    throw std::runtime_error(withoutQuery(source) + (contents.problem != nullptr
+                                                         ? std::string(": ") + contents.problem
+                                                         : std::string(": has no ") + what));
 }
 
 } // namespace
@@ -131,17 +131,18 @@ Identity loadIdentity(const std::string& key, const std::string& certificate, co
         }
     }
     if (!identity.certificate) {
-        throw std::runtime_error(shown(key) + ": does not belong to the certificate " + shown(source));
+        throw std::runtime_error(withoutQuery(key) + ": does not belong to the certificate " +
+                                 withoutQuery(source));
     }
     try {
         PackageSignatures::checkMaySign(*identity.certificate);
     } catch (const std::runtime_error& error) {
-        throw std::runtime_error(shown(source) + ": " + error.what());
+        throw std::runtime_error(withoutQuery(source) + ": " + error.what());
     }
     return identity;
 }
 
-std::string shown(const std::string& source) {
+std::string withoutQuery(const std::string& source) {
     return isToken(source) ? source.substr(0, source.find('?')) : source;
 }
 

@@ -45,7 +45,7 @@ using Passphrase = std::function<std::optional<Secret>(const std::string& source
                                     const Passphrase& passphrase = {});
 
 /// A key or certificate source for messages: a "pkcs11:" URI without its query, which may have a PIN.
-[[nodiscard]] std::string shown(const std::string& source);
+[[nodiscard]] std::string withoutQuery(const std::string& source);
 
 /// A time as "YYYY-MM-DDThh:mm:ssZ".
 [[nodiscard]] std::string textOf(const ASN1_TIME& time);

@@ -123,7 +123,7 @@ void writeSigned(const SignRequest& request) {
     // From here on only the copy is read, because no other process can write to it.
     const auto digest = PackageSignatures::Container::digestOf(output.descriptor(), length);
     const Common::Rpm::Reader reader(pathOf(output.descriptor()));
-    if (!request.evenBroken) {
+    if (!request.allowInvalid) {
         Common::Rpm::requireWholePackage(reader, length,
                                          [&](std::uint64_t place) { report(length + place); });
         const auto searched = [&](std::uint64_t unpacked) {

@@ -19,7 +19,7 @@ struct SignRequest {
     std::optional<Identity> client{};     ///< signs the package
     std::vector<std::string> trustlets{}; ///< see signFiles()
     bool replaces = false;                ///< replaces signatures of the same roles
-    bool evenBroken = false;              ///< also signs packages that devices refuse; for tests
+    bool allowInvalid = false;            ///< also signs packages that devices refuse; for tests
     bool onlyDigests = false;             ///< collects the digests without a signature and writes no package
     DigestFile* digests = nullptr;        ///< has the signatures if the identities have no keys
     std::function<void(std::uint64_t done, std::uint64_t total)> progress{}; ///< bytes read

@@ -95,7 +95,8 @@ std::optional<Signing::Secret> passphraseOf(const std::string& source, const Arg
     if (arguments.passphrase || isatty(STDIN_FILENO) == 0) {
         return arguments.passphrase;
     }
-    return Signing::promptForPassphrase("Passphrase of " + Common::printable(Signing::shown(source)) + ": ");
+    return Signing::promptForPassphrase("Passphrase of " + Common::printable(Signing::withoutQuery(source)) +
+                                        ": ");
 }
 
 std::optional<Signing::Identity> signerFrom(const std::string& key, const std::string& certificate,
@@ -109,7 +110,7 @@ std::optional<Signing::Identity> signerFrom(const std::string& key, const std::s
         try {
             Signing::requireValidNow(*identity.certificate);
         } catch (const std::runtime_error& error) {
-            throw std::runtime_error(Signing::shown(certificate.empty() ? key : certificate) + ": " +
+            throw std::runtime_error(Signing::withoutQuery(certificate.empty() ? key : certificate) + ": " +
                                      error.what());
         }
     }

@@ -32,7 +32,7 @@ ExitStatus interruptible(const Client& client, const Work& work) {
 
 using Begin = Vendara::Operation (Client::*)(const std::string&);
 
-ExitStatus carryOut(const Request& request, Begin begin) {
+ExitStatus requestEach(const Request& request, Begin begin) {
     const auto view = makeOperationView(request.format);
     Client client(*view, interruptions);
     return interruptible(client, [&] {
@@ -124,8 +124,8 @@ private:
 
 } // namespace
 
-ExitStatus install(const Request& request) { return carryOut(request, &Client::install); }
-ExitStatus remove(const Request& request) { return carryOut(request, &Client::remove); }
+ExitStatus install(const Request& request) { return requestEach(request, &Client::install); }
+ExitStatus remove(const Request& request) { return requestEach(request, &Client::remove); }
 ExitStatus start(const Request& request) { return launch(request, &Client::start, "started"); }
 ExitStatus restart(const Request& request) { return launch(request, &Client::restart, "restarting"); }
 

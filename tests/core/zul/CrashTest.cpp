@@ -223,7 +223,7 @@ TEST(ReplacingAnAbandonedVersion, LeavesWhatWasExtractedForAnotherAttemptWhenACa
             disk.database.moveToVersionedDirectory(PackageIdentity(id, "1"), disk.temp / "next");
         };
         const auto [end, wasMet] = runWithFault(point, fault, move);
-        if (end == End::Failed && !fault.goesOn) {
+        if (end == End::Failed && !fault.isPersistent) {
             EXPECT_EQ(readFile(disk.temp / "next/unmapped"), "1");
         }
         return wasMet;
@@ -258,9 +258,9 @@ TEST_P(ACompletion, KeepsAVersionInstalledAndNeedsNoRestartWhenACallFails) {
             const auto installed = disk.installedVersion(id);
             const bool isPrepared = Common::linkTarget(disk.root / id / "next").has_value();
             const bool isGivenUp = installed == "1" && !isPrepared;
-            EXPECT_TRUE(!isGivenUp || (isObstructed && fault.goesOn));
+            EXPECT_TRUE(!isGivenUp || (isObstructed && fault.isPersistent));
             // After a single failure the rollback succeeded.
-            if (end == End::Failed && !fault.goesOn && !isObstructed) {
+            if (end == End::Failed && !fault.isPersistent && !isObstructed) {
                 EXPECT_EQ(installed, "1");
                 EXPECT_EQ(disk.mappings(), mappingsWithNeighbour(disk, "1", isCopying));
             }

@@ -262,7 +262,7 @@ TEST_F(AnExtraction, ReachesNothingOutsideItsDestination) {
         craftPackage(file, entries);
         fs::create_directory(outside / "into");
         const auto [code, text] = failureOf([&] {
-            if (!entries[0].promisedDigest.empty()) {
+            if (!entries[0].declaredDigest.empty()) {
                 return unpack(file, outside / "into");
             }
             sign(file, "developer", "developer");

@@ -55,12 +55,12 @@ TEST_F(Packages, AreRefusedWithAnErrorOrUnpackedWholeWhenACallFails) {
 TEST_F(Packages, AreNotReportedDamagedWhenACallFails) {
     const auto file = signedPackage({.files = {{manifestPath, manifest}, {"/usr/bin/tool", "x", "0755"}}});
     unpackWithoutVerdict(file);
-    for (const bool goesOn : {false, true}) {
+    for (const bool isPersistent : {false, true}) {
         bool wasMet = true;
         for (unsigned point = 0; wasMet && !HasFailure(); ++point) {
             SCOPED_TRACE(point);
             fs::remove_all(destination);
-            EXPECT_NO_THROW(wasMet = runWithFault(point, {"EIO", EIO, goesOn, false}, [&] {
+            EXPECT_NO_THROW(wasMet = runWithFault(point, {"EIO", EIO, isPersistent, false}, [&] {
                                          unpackWithoutVerdict(file);
                                      }).second);
         }

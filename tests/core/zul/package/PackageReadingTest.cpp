@@ -108,8 +108,8 @@ TEST_F(APackage, WithAnInvalidManifestIsRefused) {
     EXPECT_THAT(refusalWith({.mode = S_IFLNK | 0777U, .content = "/etc/passwd"}).second,
                 HasSubstr("not a regular file"));
     EXPECT_THAT(refusalWith({.content = std::string(1024 * 1024 + 1, '#')}).second, HasSubstr("too large"));
-    EXPECT_THAT(refusalWith({.promisedSize = 0xffffffffU}).second, HasSubstr("too large"));
-    EXPECT_THAT(refusalWith({.mode = S_IFLNK | 0777U, .promisedSize = 0xffffffffU}).second,
+    EXPECT_THAT(refusalWith({.declaredSize = 0xffffffffU}).second, HasSubstr("too large"));
+    EXPECT_THAT(refusalWith({.mode = S_IFLNK | 0777U, .declaredSize = 0xffffffffU}).second,
                 HasSubstr("too long"));
     EXPECT_THAT(refusalWith({.content = manifest, .archived = evil}).second, HasSubstr("couldn't read"));
 }
