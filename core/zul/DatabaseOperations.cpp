@@ -85,7 +85,7 @@ std::set<fs::path> takeOverLists(const PackageDirectory& directory, const std::s
                 Common::logWarning() << message << "couldn't find package symlink list";
             }
         } catch (const Error& error) {
-            // It may never succeed, as on a damaged disk: the upgrade continues, the version is kept.
+            // A retry may never succeed, as on a damaged disk: the upgrade continues, the version is kept.
             Common::logWarning() << message << error;
             withoutList.insert(holder == directory.current() ? directory.versionOf(holder) : holder);
         }

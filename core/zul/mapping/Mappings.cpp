@@ -164,7 +164,7 @@ private:
         }
     }
 
-    /// After undo(): deletes the list unless it names, or may name, a mapping of the package.
+    /// After undo(): deletes the list unless a place that it names has, or may have, the package's mapping.
     void removeListOf(const MappingList& stale, const MappingPlan& plan) {
         try {
             // The removal must be on disk before the list is deleted.
