@@ -58,6 +58,9 @@ TEST_F(AHangingPeer, DelaysNoOtherCaller) {
 
     auto read = hold(zul, "GetPackageList", [&] { return client.operations(); });
     expectAllAnswered(other);
+    const auto before = other.packageSignals().size();
+    zul.emit("PackageInstalled", PackageManager::package("a"));
+    EXPECT_TRUE(waitUntil([&] { return other.packageSignals().size() > before; }));
     EXPECT_TRUE(zul.answer("GetPackageList"));
     EXPECT_THAT(read.get(), IsEmpty());
 
