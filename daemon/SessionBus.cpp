@@ -1,5 +1,6 @@
 #include "daemon/SessionBus.h"
 
+#include "common/LogLine.h"
 #include "common/Names.h"
 #include "common/bus/BusConnection.h"
 
@@ -46,10 +47,12 @@ std::string idOf(sdbus::IConnection& connection) {
     return BusConnection::ask<std::string>(connection, "GetId");
 }
 
-// A lost connection has the name until the bus has read what it sent last.
+// A lost connection has the name until the bus has read what it sent last. Another program may have waited
+// for the name before.
 void waitForName(sdbus::IConnection& connection) {
     constexpr std::uint32_t noFlags = 0;
     constexpr std::uint32_t inQueue = 2;
+    int limit = 2000; // milliseconds; usually it is the owner sooner
     const auto& name = Common::Names::Vendara::service;
     bool isOwner = false;
     const auto slot = connection.addMatch(
@@ -59,7 +62,11 @@ void waitForName(sdbus::IConnection& connection) {
     while (!isOwner) {
         if (!connection.processPendingRequest()) {
             pollfd socket{connection.getEventLoopPollData().fd, POLLIN, 0};
-            poll(&socket, 1, -1);
+            if (poll(&socket, 1, limit) == 0) {
+                Common::logWarning() << "waiting for the name " << name << ", which is owned by "
+                                     << BusConnection::ask<std::string>(connection, "GetNameOwner", name);
+                limit = -1;
+            }
         }
     }
 }

@@ -97,6 +97,21 @@ TEST_F(ADaemonThatLosesItsConnection, ExecutesNoRequestWhoseCallerGotAnError) {
     EXPECT_THAT(zul.calls("Remove"), ElementsAre("b"));
 }
 
+TEST_F(ADaemonThatLosesItsConnection, WaitsForItsNameAndLogsWhichConnectionOwnsIt) {
+    const auto running = beginInstallation(client);
+    auto other = sdbus::createSessionBusConnection();
+    constexpr std::uint32_t inQueue = 2;
+    const auto result = Common::BusConnection::ask<std::uint32_t>(
+        *other, "RequestName", std::string("norvane.Vendara"), std::uint32_t{0});
+    EXPECT_EQ(result, inQueue);
+    lose();
+    EXPECT_TRUE(
+        logged("WARN: waiting for the name norvane.Vendara, which is owned by " + other->getUniqueName()));
+    zul.releaseCalls();
+    other.reset();
+    EXPECT_TRUE(client.waitForStatus(running, 100));
+}
+
 TEST_F(ADaemonThatLosesItsConnection, EndsWhenAnotherBusHasTheAddress) {
     daemon->signal(SIGSTOP);
     const auto address = buses.session.address();
