@@ -62,6 +62,11 @@ struct PackageHeader {
         const Common::Rpm::Reader reader(file, path);
         id = reader.getStringTag(RPMTAG_NAME);
         version = reader.getStringTag(RPMTAG_VERSION) + "-" + reader.getStringTag(RPMTAG_RELEASE);
+        Common::requirePackageId(id);
+        if (!Common::isOrdinaryName(version)) { // no database has such a version; each operation stores it
+            throw Common::Error(Common::ErrorCode::BadPackage,
+                                "the package's version cannot be a directory's name");
+        }
     }
     std::string id;
     std::string version;
@@ -284,7 +289,6 @@ asio::awaitable<void> VendaraDbusInterface::install(OperationReply& reply, Reque
     const auto initiator = co_await determineInitiator(request.sender, request.deadline);
     operation.setInitiator(initiator);
     const auto header = co_await Common::Loop::finish(reading, request.deadline);
-    Common::requirePackageId(header.id);
     operation.setPackageId(header.id);
     operation.setPackageVersion(header.version);
     operation.setPackagePath(std::move(packagePath));

@@ -1,4 +1,5 @@
 #include "common/bus/Loop.h"
+#include "testbed/CraftedPackage.h"
 #include "tests/daemon/DaemonTest.h"
 
 #include <csignal>
@@ -148,6 +149,9 @@ TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineWithoutDelayingOthers) 
     EXPECT_EQ(client.errorOf("Remove", huge), "The package does not exist");
     EXPECT_EQ(client.errorOf("Install", huge), "Failed to retrieve id from the rpm package");
     EXPECT_EQ(client.errorOf("Install", "relative.rpm"), "Failed to retrieve id from the rpm package");
+    const auto file = scratch.path() / "long.rpm";
+    craftPackage(file, {}, {.version = huge});
+    EXPECT_EQ(client.errorOf("Install", file.string()), "Failed to retrieve id from the rpm package");
     for (const auto* id : {"", ".", "..", "a/b", "/a"}) {
         EXPECT_EQ(client.errorOf("Start", id), "Failed to start application") << id;
         EXPECT_EQ(client.errorOf("Remove", id), "The package does not exist") << id;
