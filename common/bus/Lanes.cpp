@@ -7,6 +7,7 @@ namespace Common {
 void Lanes::add(const std::string& key, Job job) {
     auto& lane = lanes_[key];
     lane.push_back(std::move(job));
+    ++count_;
     if (lane.size() == 1) {
         loop_.spawn("couldn't run a lane of jobs", run(key));
     }
@@ -26,6 +27,7 @@ asio::awaitable<void> Lanes::run(std::string key) {
             logFailure(LogLevel::Error, "couldn't finish a job", error);
         }
         lane.pop_front();
+        --count_;
     }
     lanes_.erase(key);
 }

@@ -24,12 +24,15 @@ public:
 
     /// The number of jobs of the key that have not ended.
     [[nodiscard]] std::size_t count(const std::string& key) const;
+    /// The same for all keys.
+    [[nodiscard]] std::size_t count() const { return count_; }
 
 private:
     asio::awaitable<void> run(std::string key);
 
     Loop& loop_;
     std::unordered_map<std::string, std::deque<Job>> lanes_; // the first job of each is running
+    std::size_t count_ = 0;
 };
 
 } // namespace Common

@@ -161,6 +161,20 @@ TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineWithoutDelayingOthers) 
     EXPECT_EQ(client.errorOf("Start", "a"), "");
 }
 
+TEST_F(AnAttacker, CannotHaveMoreRequestsWaitingWithMoreConnections) {
+    runtime.hold("InvokeIntent");
+    std::vector<std::unique_ptr<sdbus::IConnection>> connections(2);
+    for (auto& connection : connections) {
+        connection = sdbus::createSessionBusConnection();
+        const auto service = sdbus::createProxy(*connection, "norvane.Vendara", "/norvane/Vendara");
+        for (int count = 0; count < 20'000; ++count) {
+            service->callMethod("Start").onInterface("norvane.Vendara").withArguments("a").dontExpectReply();
+        }
+    }
+    EXPECT_TRUE(
+        waitUntil([&] { return client.errorOf("GetAllProperties") == "Too many requests are waiting"; }));
+}
+
 // With the sender added by the bus, the message exceeds the limit of the bus library, which then closes the
 // connection.
 TEST_F(AnAttacker, CannotEndTheServiceWithTheLongestMessageOfTheBus) {
