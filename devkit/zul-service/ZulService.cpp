@@ -47,6 +47,7 @@ ZulService::ZulService(Common::BusConnection& bus, PackageManager manager,
     , packages_(manager.list())
     , object_(sdbus::createObject(bus.bus(), Names::objectPath))
     , manager_(std::move(manager)) {
+    rememberIds(packages_);
     registerInterface();
     announceRecovered();
 }
@@ -79,7 +80,7 @@ void ZulService::registerInterface() {
         .implementedAs([this](Reply&& reply, const std::string& id) {
             answerWhenDone(std::move(reply), [this, id]() -> Work {
                 manager_.remove(id);
-                return [this, id] { announce(Names::packageRemoved, id); };
+                return [] {}; // announceRemoved() announces it
             });
         });
     object_->registerMethod(Names::getPackageList)
@@ -110,7 +111,14 @@ ZulService::Work ZulService::install(const std::string& path) {
     if (installed.isPrepared) {
         return [this, id = installed.id] { completeWhenUnused(id); };
     }
-    return [this, id = installed.id] { announce(Names::packageInstalled, manager_.describe(id)); };
+    // The installation has removed a damaged package of that name, perhaps with a prepared upgrade.
+    const bool isReplaced = known_.contains(installed.id);
+    return [this, isReplaced, id = installed.id] {
+        if (isReplaced) {
+            announce(Names::packageRemoved, id);
+        }
+        announce(Names::packageInstalled, manager_.describe(id));
+    };
 }
 
 // The list was made at the end of the last operation. A package that was deleted since then is left out: its
@@ -141,6 +149,7 @@ void ZulService::answerWhenDone(Reply reply, Request request) {
                 reply->returnResults();
             }
         });
+        announceRemoved();
         after();
     });
 }
@@ -152,6 +161,7 @@ void ZulService::completeWhenUnused(const std::string& id) {
     const auto again = [this, id] { haveDone([this, id] { completeWhenUnused(id); }); };
     const auto failure = failureOf([&] {
         if (!manager_.isUpgradePrepared(id)) {
+            announceRemoved();
             return;
         }
         if (const auto user = manager_.findUser(id)) {
@@ -167,13 +177,36 @@ void ZulService::completeWhenUnused(const std::string& id) {
     if (failure) {
         Common::logError() << "couldn't complete the upgrade of " << id;
         updateList();
+        announceRemoved();
         postAfter(bus_, retryDelay_, again);
     }
 }
 
 void ZulService::updateList() {
-    Common::guarded("couldn't list the packages",
-                    [this] { bus_.post([this, list = manager_.list()] { packages_ = list; }); });
+    Common::guarded("couldn't list the packages", [this] {
+        const auto list = manager_.list();
+        rememberIds(list);
+        bus_.post([this, list] { packages_ = list; });
+    });
+}
+
+void ZulService::rememberIds(const PackageManager::PackageList& list) {
+    for (const auto& package : list) {
+        if (manager_.isOnDisk(package.at(Keys::id))) {
+            known_.insert(package.at(Keys::id));
+        }
+    }
+}
+
+// Not only after requests: the database also removes damaged packages, whose upgrade clients may wait for.
+void ZulService::announceRemoved() {
+    std::erase_if(known_, [this](const std::string& id) {
+        const bool isRemoved = !manager_.isOnDisk(id);
+        if (isRemoved) {
+            announce(Names::packageRemoved, id);
+        }
+        return isRemoved;
+    });
 }
 
 /// @param argument  a package's record, or the identifier of one that was removed

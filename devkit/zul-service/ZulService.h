@@ -9,6 +9,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 
 namespace Devkit {
@@ -44,6 +45,8 @@ private:
     void haveDone(Work work);
     void completeWhenUnused(const std::string& id);
     void updateList();
+    void rememberIds(const PackageManager::PackageList& list);
+    void announceRemoved();
     template<typename Argument>
     void announce(const std::string& signal, const Argument& argument);
 
@@ -51,7 +54,8 @@ private:
     std::chrono::milliseconds retryDelay_;
     PackageManager::PackageList packages_; // main thread's
     std::unique_ptr<sdbus::IObject> object_;
-    PackageManager manager_; // worker's, except isOnDisk() and stop()
+    PackageManager manager_;      // worker's, except isOnDisk() and stop()
+    std::set<std::string> known_; // identifiers of installed packages; worker's
     asio::thread_pool worker_{1};
 };
 

@@ -71,6 +71,8 @@ protected:
         command_ = command;
         client_->registerSignalHandler(Zul::interface, Zul::packageUpgraded,
                                        [this](sdbus::Signal&) { upgraded_ = true; });
+        client_->registerSignalHandler(Zul::interface, Zul::packageRemoved,
+                                       [this](sdbus::Signal&) { ++removals_; });
         client_->finishRegistration();
     }
 
@@ -96,6 +98,7 @@ protected:
 
     std::vector<std::string> command_;
     std::atomic<bool> upgraded_ = false;
+    std::atomic<int> removals_ = 0;
     std::unique_ptr<sdbus::IProxy> client_ =
         sdbus::createProxy(sdbus::createSystemBusConnection(), Zul::service, Zul::objectPath);
 };
@@ -236,15 +239,27 @@ TEST_F(ThePackageManager, AnnouncesTheUpgradeThatItsRestartCompletes) {
     EXPECT_EQ(current(), "2.0-1");
 }
 
-TEST_F(ThePackageManager, ListsNoPackageThatWasDeletedFromTheDisk) {
+TEST_F(ThePackageManager, ListsNoPackageThatWasDeletedFromTheDiskAndAnnouncesItsRemoval) {
     start();
     const auto file = package({.version = "1.0"});
+    const auto link = directory_ / "db/app/com.example.app/current";
     ASSERT_EQ(install(file), "");
     EXPECT_EQ(list().size(), 1U);
-    fs::remove(directory_ / "db/app/com.example.app/current");
+    fs::remove(link);
     EXPECT_EQ(list().size(), 0U);
     EXPECT_EQ(install(file), "");
     EXPECT_EQ(list().size(), 1U);
+    EXPECT_TRUE(waitUntil([this] { return removals_ == 1; })) << service_->output();
+    Process application({"sleep", "1000"}, {.directory = link});
+    const auto version = fs::canonical(link);
+    ASSERT_TRUE(waitUntil([&] { return Devkit::findProcessUsing(version) == application.pid(); }));
+    ASSERT_EQ(install(package({.version = "2.0"})), "");
+    fs::remove(link);
+    application.signal(SIGKILL);
+    EXPECT_TRUE(waitUntil([this] { return removals_ == 2; })) << service_->output();
+    ASSERT_EQ(install(file), "");
+    EXPECT_EQ(errorOf(*client_, Zul::interface, Zul::remove, std::string("com.example.app")), "");
+    EXPECT_TRUE(waitUntil([this] { return removals_ == 3; })) << service_->output();
 }
 
 TEST_F(ThePackageManager, ListsPackagesWhileItInstallsAndReportsAFullDisk) {
