@@ -2,6 +2,7 @@
 
 #include "common/BusText.h"
 #include "common/LogLine.h"
+#include "common/PrintableText.h"
 #include "common/bus/BusConnection.h"
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -51,24 +52,28 @@ int serve(Connect connect, const std::string& name, Make make) {
     }
 }
 
-/// An error reply. A text that is not a valid D-Bus string is replaced.
-[[nodiscard]] inline sdbus::Error busError(const std::string& name, const std::string& text) {
+/// Logs a failure and returns its error reply. A text that is not a valid D-Bus string is replaced. A text
+/// longer than any about one path is cut: it has a client's argument.
+[[nodiscard]] inline sdbus::Error loggedError(const std::string& name, std::string text) {
+    constexpr std::size_t longest = 8192;
+    if (text.size() > longest) {
+        text = Common::printable(text.substr(0, longest)) + "...";
+    }
+    Common::logWarning() << text;
     return {name, Common::isBusText(text) ? text : "The error message is not valid UTF-8"};
 }
 
-/// Runs the body of a method handler. An exception is logged and becomes an sdbus::Error, the only type that
-/// may pass through the bus library.
+/// Runs the body of a method handler. An exception becomes a loggedError(), the only type that may pass
+/// through the bus library.
 /// @param errorName  for an exception without a bus error name
 template<typename Body>
 auto withBusErrors(const std::string& errorName, Body body) {
     try {
         return body();
     } catch (const sdbus::Error& error) {
-        Common::logWarning() << error.getMessage();
-        throw busError(error.getName(), error.getMessage());
+        throw loggedError(error.getName(), error.getMessage());
     } catch (const std::exception& error) {
-        Common::logWarning() << error;
-        throw busError(errorName, error.what());
+        throw loggedError(errorName, error.what());
     }
 }
 

@@ -19,22 +19,17 @@ using Common::ErrorCode;
 
 namespace {
 
-sdbus::Error logged(ErrorCode code, const std::exception& error) {
-    Common::logWarning() << error;
-    return busError(Common::errorNameOf(code), error.what());
-}
-
 // Does the work; returns what kept it from being done.
 std::optional<sdbus::Error> failureOf(const std::function<void()>& work) {
     try {
         work();
         return {};
     } catch (const Common::Error& error) {
-        return logged(error.code(), error);
+        return loggedError(Common::errorNameOf(error.code()), error.what());
     } catch (const std::system_error& error) {
-        return logged(ErrorCode::Filesystem, error);
+        return loggedError(Common::errorNameOf(ErrorCode::Filesystem), error.what());
     } catch (const std::exception& error) {
-        return logged(ErrorCode::Internal, error);
+        return loggedError(Common::errorNameOf(ErrorCode::Internal), error.what());
     }
 }
 
@@ -69,8 +64,8 @@ void ZulService::registerInterface() {
         .withInputParamNames("path", "options")
         .implementedAs([this](Reply&& reply, const std::string& path,
                               const std::map<std::string, sdbus::Variant>& options) {
-            for (const auto& [option, value] : options) {
-                Common::logWarning() << "no such install option: " << option;
+            if (!options.empty()) {
+                Common::logWarning() << "there are no install options";
             }
             answerWhenDone(std::move(reply), [this, path] { return install(path); });
         });

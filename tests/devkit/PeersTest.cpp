@@ -25,6 +25,7 @@ namespace {
 using Packages = std::vector<std::map<std::string, std::string>>;
 using Map = std::map<std::string, sdbus::Variant>;
 constexpr std::chrono::seconds limit(30);
+const std::string longText(1U << 20U, 'x');
 
 template<typename... Arguments>
 std::string errorOf(sdbus::IProxy& proxy, const std::string& interface, const std::string& method,
@@ -336,6 +337,11 @@ TEST_F(TheRuntimeManager, ReportsTheEndOfAnApplicationThatIgnoresSigtermAndRefus
         EXPECT_TRUE(waitUntil([&] { return ends == round; })) << service_->output();
     }
     EXPECT_NE(terminateApplication(), "");
+    const auto before = service_->output().size();
+    EXPECT_EQ(errorOf(*intents_, RuntimeManager::intentsInterface, RuntimeManager::invokeIntent, longText,
+                      Map(), Map()),
+              RuntimeManager::service + ".Error.NotSupported");
+    EXPECT_LT(service_->output().size() - before, 10'000);
     // Every wrong entry gets an error reply, and nothing outside of the system root is started.
     for (const auto* exec : {"app %\u00e9", "app \"a", "./\ufffe", "/../../bin/true"}) {
         writeEntry("odd", exec);
