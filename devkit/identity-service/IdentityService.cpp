@@ -3,6 +3,8 @@
 #include "common/Names.h"
 #include "devkit/support/Service.h"
 
+#include <systemd/sd-bus.h>
+
 #include <map>
 #include <pwd.h>
 
@@ -51,6 +53,11 @@ IdentityService::~IdentityService() {
 }
 
 void IdentityService::identifyByBusName(Identity result, const std::string& busName) {
+    withBusErrors(failed, [&] {
+        if (sd_bus_service_name_is_valid(busName.c_str()) <= 0) {
+            throw sdbus::Error(failed, "not a bus name");
+        }
+    });
     const auto pending = std::make_shared<Identity>(std::move(result));
     const auto answer = [this, pending](sdbus::MethodReply& reply, const sdbus::Error* error) {
         try {

@@ -2,6 +2,7 @@
 
 #include "common/LogLine.h"
 #include "common/Names.h"
+#include "common/PackageId.h"
 #include "common/Spawn.h"
 #include "devkit/runtime-manager/DesktopEntry.h"
 #include "devkit/support/Service.h"
@@ -17,13 +18,6 @@ namespace Names = Common::Names::RuntimeManager;
 namespace {
 
 const std::string errorPrefix = Names::service + ".Error.";
-
-void requireApplicationId(const std::string& id) {
-    if (id.empty() || id.front() == '.' || id.find('/') != std::string::npos) {
-        throw sdbus::Error(errorPrefix + "InvalidArgument",
-                           "not an application identifier: " + Common::quoted(id));
-    }
-}
 
 // Whether the child has ended and is not reaped yet.
 bool hasEnded(pid_t process) {
@@ -83,7 +77,7 @@ void RuntimeManager::invokeIntent(const std::string& intent,
         throw sdbus::Error(errorPrefix + "InvalidArgument", "no preferred handler is given");
     }
     const auto id = handler->second.get<std::string>();
-    requireApplicationId(id);
+    Common::requirePackageId(id);
     auto found = applications_.find(id);
     if (found != applications_.end() && hasEnded(found->second.process)) {
         // A client may see its end before the loop has reported it here, and request the next start.
@@ -116,6 +110,7 @@ void RuntimeManager::start(const std::string& id) {
 }
 
 void RuntimeManager::terminate(const std::string& id) {
+    Common::requirePackageId(id);
     const auto found = applications_.find(id);
     if (found == applications_.end()) {
         throw sdbus::Error(errorPrefix + "NotRunning", "application isn't running: " + Common::quoted(id));

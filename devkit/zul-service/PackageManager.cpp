@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 
 namespace Devkit {
 
@@ -53,9 +54,8 @@ PackageManager::PackageManager(Core::ZUL::Database database, Settings settings)
 }
 
 PackageManager::Installed PackageManager::install(const std::filesystem::path& packageFile) {
-    if (!packageFile.is_absolute()) {
-        throw Common::Error(ErrorCode::FileNotFound,
-                            "the package file's path is not absolute: " + Common::quoted(packageFile));
+    if (packageFile.native().size() >= PATH_MAX || !packageFile.is_absolute()) {
+        throw Common::Error(ErrorCode::FileNotFound, "the package file's path is not absolute, or too long");
     }
     const auto package = Package::fromFile(
         packageFile, settings_.authorities,

@@ -127,9 +127,8 @@ protected:
         return errorOf(*intents_, RuntimeManager::intentsInterface, RuntimeManager::invokeIntent,
                        RuntimeManager::startIntent, hintsFor(id), Map());
     }
-    std::string terminateApplication() {
-        return errorOf(*control_, RuntimeManager::controlInterface, RuntimeManager::terminate,
-                       std::string("app"));
+    std::string terminateApplication(const std::string& id = "app") {
+        return errorOf(*control_, RuntimeManager::controlInterface, RuntimeManager::terminate, id);
     }
 
     std::unique_ptr<sdbus::IProxy> control_ = sdbus::createProxy(
@@ -283,6 +282,20 @@ TEST_F(ThePackageManager, ListsPackagesWhileItInstallsAndReportsAFullDisk) {
     EXPECT_EQ(error, Common::errorNameOf(ErrorCode::Filesystem)) << service_->output();
 }
 
+using TheIdentityService = Peers;
+TEST_F(TheIdentityService, ForwardsNoTextThatIsNotABusName) {
+    start({PROGRAMS "identity-service"}, "--session", Identification::service);
+    const auto service = sdbus::createProxy(sdbus::createSessionBusConnection(), Identification::service,
+                                            Identification::objectPath);
+    const auto identify = [&](const std::string& name) {
+        return errorOf(*service, Identification::interface, Identification::identifyByBusName, name);
+    };
+    // With this name in it, the error reply of the bus would exceed the limit of the bus library.
+    EXPECT_EQ(identify(std::string((1U << 27U) - 170, 'x')), Identification::service + ".Error.Failed");
+    EXPECT_EQ(identify(Identification::service), "") << service_->output();
+    EXPECT_THAT(service_->output(), testing::HasSubstr("not a bus name"));
+}
+
 TEST_F(TheRuntimeManager, StartsAnApplicationWhoseEndIsStillQueued) {
     start("#!/bin/sh\ntrap : TERM\necho \"pid $$\"\nwhile :; do read line <>fifo; done\n", "app", "60000");
     const auto lastProcess = [this] {
@@ -336,7 +349,11 @@ TEST_F(TheRuntimeManager, ReportsTheEndOfAnApplicationThatIgnoresSigtermAndRefus
         EXPECT_EQ(terminateApplication(), "");
         EXPECT_TRUE(waitUntil([&] { return ends == round; })) << service_->output();
     }
-    EXPECT_NE(terminateApplication(), "");
+    EXPECT_EQ(terminateApplication(), RuntimeManager::service + ".Error.NotRunning");
+    for (const auto& id : {longText, std::string("a/b"), std::string()}) {
+        EXPECT_EQ(terminateApplication(id), RuntimeManager::service + ".Error.Failed");
+        EXPECT_EQ(startApplication(id), RuntimeManager::service + ".Error.Failed");
+    }
     const auto before = service_->output().size();
     EXPECT_EQ(errorOf(*intents_, RuntimeManager::intentsInterface, RuntimeManager::invokeIntent, longText,
                       Map(), Map()),
