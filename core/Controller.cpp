@@ -2,7 +2,6 @@
 
 #include "common/Guard.h"
 #include "common/Names.h"
-#include "core/zul/DatabaseLocation.h"
 
 #include <algorithm>
 #include <ranges>
@@ -266,8 +265,8 @@ asio::awaitable<void> Controller::checkAwaiting() {
     }
     for (seconds pause{1}; isCheckDue_ && !awaiting_.empty();) {
         isCheckDue_ = false;
-        const auto ids = notPrepared();
         try {
+            const auto ids = notPrepared();
             const auto packages =
                 co_await zul_.getPackageList(Common::TimePoint::clock::now() + Common::defaultTimeout);
             for (const auto& id : ids) {
@@ -290,12 +289,15 @@ asio::awaitable<void> Controller::checkAwaiting() {
 }
 
 // Reads the disk first, then the list: an upgrade completed in between is then in the list.
-std::vector<std::string> Controller::notPrepared() const {
+std::vector<std::string> Controller::notPrepared() {
+    const auto& database = launchControl_.database();
+    if (!database) {
+        throw Common::Error(Common::ErrorCode::Filesystem, "the package database's location is unknown");
+    }
     std::vector<std::string> ids;
     for (const auto& awaiting : awaiting_) {
         try {
-            if (inDoubt_.contains(awaiting.id()) &&
-                !ZUL::DatabaseLocation().hasPreparedNextVersion(awaiting.packageId())) {
+            if (inDoubt_.contains(awaiting.id()) && !database->hasPreparedNextVersion(awaiting.packageId())) {
                 ids.push_back(awaiting.id());
             }
         } catch (const std::exception& error) {

@@ -2,7 +2,6 @@
 
 #include "common/LogLine.h"
 #include "common/Names.h"
-#include "core/zul/DatabaseLocation.h"
 
 #include <algorithm>
 
@@ -42,8 +41,9 @@ asio::awaitable<void> LaunchControl::startApplication(std::string packageId, Com
 }
 
 asio::awaitable<void> LaunchControl::restartApplication(std::string packageId, Common::TimePoint deadline) {
-    auto& waiting =
-        ZUL::DatabaseLocation().hasPreparedNextVersion(packageId) ? afterUpgrade_ : afterTermination_;
+    const auto& known = database();
+    const auto location = known ? *known : ZUL::DatabaseLocation();
+    auto& waiting = location.hasPreparedNextVersion(packageId) ? afterUpgrade_ : afterTermination_;
     waiting.push_back(packageId);
     if (waiting.size() > maximumRestarts) {
         Common::logWarning() << "dropped the oldest of too many restarts: " << waiting.front();
@@ -69,6 +69,13 @@ void LaunchControl::terminated(sdbus::Message& signal) {
 }
 
 void LaunchControl::packageUpgraded(const std::string& packageId) { startAgain(afterUpgrade_, packageId); }
+
+const std::optional<ZUL::DatabaseLocation>& LaunchControl::database() {
+    if (auto location = ZUL::DatabaseLocation::ifReadable()) {
+        database_ = std::move(location);
+    }
+    return database_;
+}
 
 void LaunchControl::startAgain(Restarts& waiting, const std::string& packageId) {
     const auto position = std::find(waiting.begin(), waiting.end(), packageId);

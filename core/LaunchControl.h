@@ -2,8 +2,10 @@
 
 #include "common/bus/RemoteObject.h"
 #include "common/bus/SignalSource.h"
+#include "core/zul/DatabaseLocation.h"
 
 #include <deque>
+#include <optional>
 #include <string>
 
 namespace Core {
@@ -32,6 +34,10 @@ public:
     /// Starts the application if its restart waits for this upgrade.
     void packageUpgraded(const std::string& packageId);
 
+    /// The package database's location. If its configuration cannot be read this time, the location that was
+    /// read last; nothing if there is none.
+    [[nodiscard]] const std::optional<ZUL::DatabaseLocation>& database();
+
     static constexpr std::size_t maximumRestarts = 10000;
 
 private:
@@ -42,6 +48,7 @@ private:
     asio::awaitable<void> start(std::string packageId);
 
     Common::Loop& loop_;
+    std::optional<ZUL::DatabaseLocation> database_;
     Restarts afterTermination_;
     Restarts afterUpgrade_;
     Common::SignalSource signals_;

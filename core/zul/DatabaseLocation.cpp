@@ -7,7 +7,6 @@
 #include <boost/property_tree/ptree.hpp>
 
 #include <sstream>
-#include <stdexcept>
 
 namespace Core::ZUL {
 
@@ -28,6 +27,10 @@ fs::path rootDirectoryOf(const Tree& tree) {
     return tree.get<std::string>("database.root_directory", "/opt/app");
 }
 
+DatabaseLocation locationOf(const Tree& tree) {
+    return {rootDirectoryOf(tree), tree.get<std::string>("database.temp_directory", "/opt/zul/tmp")};
+}
+
 } // namespace
 
 // Links in the database have absolute targets, so its paths must be absolute.
@@ -37,20 +40,23 @@ fs::path wholePath(const fs::path& path) {
     return error ? path : result;
 }
 
-DatabaseLocation::DatabaseLocation(const fs::path& configuration) {
+DatabaseLocation::DatabaseLocation(const fs::path& configuration)
+    : DatabaseLocation(ifReadable(configuration).value_or(locationOf({}))) {}
+
+std::optional<DatabaseLocation> DatabaseLocation::ifReadable(const fs::path& configuration) {
     constexpr std::size_t sizeLimit = 1024UL * 1024;
-    Tree tree;
+    std::optional<DatabaseLocation> location;
     try {
         const auto text = Common::readRegularFile(configuration, sizeLimit);
-        if (!text) {
-            throw std::runtime_error("not there");
+        location = locationOf({});
+        if (text) {
+            return locationOf(parsed(*text));
         }
-        tree = parsed(*text);
     } catch (const std::exception&) {
-        Common::logError() << "couldn't parse config file: " << configuration.native();
+        // The line below says it.
     }
-    rootDirectory_ = wholePath(rootDirectoryOf(tree));
-    tempDirectory_ = wholePath(tree.get<std::string>("database.temp_directory", "/opt/zul/tmp"));
+    Common::logError() << "couldn't parse config file: " << configuration.native();
+    return location;
 }
 
 std::optional<fs::path> DatabaseLocation::rootDirectoryIn(const std::string& text) try {

@@ -16,6 +16,10 @@ public:
     /// @param configuration  INI file, section "database", keys "root_directory" and "temp_directory"
     explicit DatabaseLocation(const std::filesystem::path& configuration = configurationFile);
 
+    /// The same, but returns nothing if the file exists and cannot be read: the directories are then unknown.
+    [[nodiscard]] static std::optional<DatabaseLocation>
+    ifReadable(const std::filesystem::path& configuration = configurationFile);
+
     /// The root directory in the text of a configuration, or the default; nothing for a text that cannot be
     /// parsed.
     [[nodiscard]] static std::optional<std::filesystem::path> rootDirectoryIn(const std::string& text);

@@ -408,6 +408,29 @@ TEST_F(ARestartOfThePackageManager, IsQueriedForUpgradesUntilItRepliesAndWhenItR
     EXPECT_TRUE(client.waitForStatus(upgrade, 100));
 }
 
+TEST_F(ARestartOfThePackageManager, EndsNoUpgradeWhileTheConfigurationCannotBeRead) {
+    setInstalled({"com.example.app"});
+    const auto upgrade = client.install(packageFile());
+    ASSERT_TRUE(client.waitForStatus(upgrade, 90));
+    std::filesystem::create_directories(scratch.path() / "apps/com.example.app/next");
+    const auto configuration = etc / "zul/zul.conf";
+    std::filesystem::rename(configuration, etc / "kept");
+    std::filesystem::create_directory(configuration);
+    zul.restart();
+    EXPECT_TRUE(logged("WARN: couldn't check the awaiting upgrades"));
+    std::filesystem::remove(configuration);
+    std::filesystem::rename(etc / "kept", configuration);
+    EXPECT_EQ(client.errorOf("Restart", "com.example.app"), "");
+    std::filesystem::remove(configuration);
+    std::filesystem::create_directory(configuration);
+    EXPECT_EQ(client.errorOf("Restart", "com.example.app"), "") << "uses what it read before";
+    EXPECT_THAT(client.statusesOf(upgrade), ElementsAre(0, 10, 90));
+    zul.emit("PackageUpgraded", PackageManager::package("com.example.app"));
+    zul.emit("PackageUpgraded", PackageManager::package("com.example.app"));
+    EXPECT_TRUE(client.waitForStatus(upgrade, 100));
+    EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 2));
+}
+
 } // namespace
 
 } // namespace Testbed

@@ -44,6 +44,7 @@ TEST_F(ADatabasesConfiguration, ThatCannotBeUsedIsAnErrorLineAndTheDefaults) {
         const Testbed::LogCapture log;
         EXPECT_EQ(Database(path).rootDirectory(), "/opt/app") << path;
         EXPECT_EQ(log.lines().size(), 1) << path;
+        EXPECT_EQ(Database::ifReadable(path).has_value(), path != scratch_.path()) << "absent is readable";
     }
 }
 
