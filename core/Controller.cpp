@@ -251,8 +251,8 @@ void Controller::packageUpgraded(const Common::PackageProperties& package, bool 
 }
 
 // After a restart the package manager may have completed or discarded an upgrade without a signal. Queries
-// the package list until it succeeds, and again if in the meantime the package manager has restarted or an
-// upgrade is no longer prepared.
+// the package list until it succeeds, and again if in the meantime the package manager has restarted, an
+// upgrade is no longer prepared or the disk could not be read.
 asio::awaitable<void> Controller::checkAwaiting() {
     using std::chrono::seconds;
     isCheckDue_ = true;
@@ -266,13 +266,13 @@ asio::awaitable<void> Controller::checkAwaiting() {
     for (seconds pause{1}; isCheckDue_ && !awaiting_.empty();) {
         isCheckDue_ = false;
         try {
-            const auto ids = notPrepared();
+            const auto ids = notPrepared(/*isUnknownIncluded=*/false);
             const auto packages =
                 co_await zul_.getPackageList(Common::TimePoint::clock::now() + Common::defaultTimeout);
             for (const auto& id : ids) {
                 checkAwaiting(id, *packages);
             }
-            if (notPrepared().empty()) {
+            if (notPrepared(/*isUnknownIncluded=*/true).empty()) {
                 continue;
             }
             // It recovers after it took its name, or completes an upgrade now: its list may be an older one.
@@ -289,19 +289,22 @@ asio::awaitable<void> Controller::checkAwaiting() {
 }
 
 // Reads the disk first, then the list: an upgrade completed in between is then in the list.
-std::vector<std::string> Controller::notPrepared() {
+std::vector<std::string> Controller::notPrepared(bool isUnknownIncluded) {
     const auto& database = launchControl_.database();
     if (!database) {
         throw Common::Error(Common::ErrorCode::Filesystem, "the package database's location is unknown");
     }
     std::vector<std::string> ids;
     for (const auto& awaiting : awaiting_) {
+        bool isIncluded = inDoubt_.contains(awaiting.id());
         try {
-            if (inDoubt_.contains(awaiting.id()) && !database->hasPreparedNextVersion(awaiting.packageId())) {
-                ids.push_back(awaiting.id());
-            }
+            isIncluded = isIncluded && !database->hasPreparedNextVersion(awaiting.packageId());
         } catch (const std::exception& error) {
             Common::logWarning() << error;
+            isIncluded = isUnknownIncluded;
+        }
+        if (isIncluded) {
+            ids.push_back(awaiting.id());
         }
     }
     return ids;

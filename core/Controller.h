@@ -82,7 +82,7 @@ private:
     void uncount(const Operation& operation);
     void packageUpgraded(const Common::PackageProperties& package, bool isAnew);
     asio::awaitable<void> checkAwaiting();
-    [[nodiscard]] std::vector<std::string> notPrepared();
+    [[nodiscard]] std::vector<std::string> notPrepared(bool isUnknownIncluded);
     void checkAwaiting(const std::string& id, const std::vector<Common::PackageProperties>& packages);
 
     Common::Loop& loop_;

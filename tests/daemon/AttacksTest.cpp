@@ -408,6 +408,21 @@ TEST_F(ARestartOfThePackageManager, IsQueriedForUpgradesUntilItRepliesAndWhenItR
     EXPECT_TRUE(client.waitForStatus(upgrade, 100));
 }
 
+TEST_F(ARestartOfThePackageManager, IsCheckedAgainAfterTheDiskCouldNotBeRead) {
+    setInstalled({"com.example.app"});
+    const auto upgrade = client.install(packageFile());
+    ASSERT_TRUE(client.waitForStatus(upgrade, 90));
+    const auto prepared = scratch.path() / "apps/com.example.app/next";
+    std::filesystem::create_directories(prepared.parent_path());
+    std::filesystem::create_symlink("next", prepared); // ELOOP, instead of EIO
+    const auto asked = zul.calls("GetPackageList").size();
+    zul.restart();
+    EXPECT_TRUE(zul.waitForCalls("GetPackageList", asked + 2));
+    std::filesystem::remove(prepared);
+    EXPECT_TRUE(client.waitForStatus(upgrade, 100));
+    EXPECT_THAT(client.statusesOf(upgrade), ElementsAre(0, 10, 90, 100));
+}
+
 TEST_F(ARestartOfThePackageManager, EndsNoUpgradeWhileTheConfigurationCannotBeRead) {
     setInstalled({"com.example.app"});
     const auto upgrade = client.install(packageFile());
