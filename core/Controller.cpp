@@ -33,7 +33,7 @@ Controller::Controller(Common::BusConnection& session)
         [this](const Common::PackageProperties& package) { packageUpgraded(package, /*isAnew=*/false); });
     zul_.addPackageInstalledHandler(
         [this](const Common::PackageProperties& package) { packageUpgraded(package, /*isAnew=*/true); });
-    zul_.setAppearedHandler([this] { loop_.spawn("couldn't check the awaiting upgrades", checkAwaiting()); });
+    zul_.setAppearedHandler([this] { loop_.spawn("couldn't check the awaiting upgrades", checkUpgrades()); });
 }
 
 bool Controller::isFull(const Common::CallerIdentity& initiator) const {
@@ -246,6 +246,7 @@ void Controller::packageUpgraded(const Common::PackageProperties& package, bool 
         }
     }
     if (hasEnded || !isAnew) {
+        inDoubt_.erase(id->second);
         launchControl_.packageUpgraded(id->second);
     }
 }
@@ -253,24 +254,26 @@ void Controller::packageUpgraded(const Common::PackageProperties& package, bool 
 // After a restart the package manager may have completed or discarded an upgrade without a signal. Queries
 // the package list until it succeeds, and again if in the meantime the package manager has restarted, an
 // upgrade is no longer prepared or the disk could not be read.
-asio::awaitable<void> Controller::checkAwaiting() {
+asio::awaitable<void> Controller::checkUpgrades() {
     using std::chrono::seconds;
     isCheckDue_ = true;
     // The package manager signals the end of an upgrade that it accepted since then.
     for (const auto& awaiting : awaiting_) {
         inDoubt_.insert(awaiting.id());
     }
+    inDoubt_.insert(launchControl_.restartsAfterUpgrade().begin(),
+                    launchControl_.restartsAfterUpgrade().end());
     if (std::exchange(isChecking_, true)) {
         co_return;
     }
-    for (seconds pause{1}; isCheckDue_ && !awaiting_.empty();) {
+    for (seconds pause{1}; isCheckDue_ && !packagesInDoubt().empty();) {
         isCheckDue_ = false;
         try {
             const auto ids = notPrepared(/*isUnknownIncluded=*/false);
             const auto packages =
                 co_await zul_.getPackageList(Common::TimePoint::clock::now() + Common::defaultTimeout);
             for (const auto& id : ids) {
-                checkAwaiting(id, *packages);
+                settle(id, *packages);
             }
             if (notPrepared(/*isUnknownIncluded=*/true).empty()) {
                 continue;
@@ -288,47 +291,62 @@ asio::awaitable<void> Controller::checkAwaiting() {
     inDoubt_.clear();
 }
 
+std::set<std::string> Controller::packagesInDoubt() const {
+    std::set<std::string> packages;
+    for (const auto& awaiting : awaiting_) {
+        if (inDoubt_.contains(awaiting.id())) {
+            packages.insert(awaiting.packageId());
+        }
+    }
+    for (const auto& packageId : launchControl_.restartsAfterUpgrade()) {
+        if (inDoubt_.contains(packageId)) {
+            packages.insert(packageId);
+        }
+    }
+    return packages;
+}
+
 // Reads the disk first, then the list: an upgrade completed in between is then in the list.
-std::vector<std::string> Controller::notPrepared(bool isUnknownIncluded) {
+std::set<std::string> Controller::notPrepared(bool isUnknownIncluded) {
     const auto& database = launchControl_.database();
     if (!database) {
         throw Common::Error(Common::ErrorCode::Filesystem, "the package database's location is unknown");
     }
-    std::vector<std::string> ids;
-    for (const auto& awaiting : awaiting_) {
-        bool isIncluded = inDoubt_.contains(awaiting.id());
+    auto packages = packagesInDoubt();
+    std::erase_if(packages, [&](const std::string& packageId) {
         try {
-            isIncluded = isIncluded && !database->hasPreparedNextVersion(awaiting.packageId());
+            return database->hasPreparedNextVersion(packageId);
         } catch (const std::exception& error) {
             Common::logWarning() << error;
-            isIncluded = isUnknownIncluded;
+            return !isUnknownIncluded;
         }
-        if (isIncluded) {
-            ids.push_back(awaiting.id());
-        }
-    }
-    return ids;
+    });
+    return packages;
 }
 
-void Controller::checkAwaiting(const std::string& id,
-                               const std::vector<Common::PackageProperties>& packages) {
-    const auto awaiting = std::find_if(awaiting_.begin(), awaiting_.end(),
-                                       [&](const Operation& operation) { return operation.id() == id; });
-    if (awaiting == awaiting_.end()) {
-        return;
-    }
+void Controller::settle(const std::string& packageId,
+                        const std::vector<Common::PackageProperties>& packages) {
     const auto package = std::find_if(packages.begin(), packages.end(), [&](const auto& properties) {
-        return valueOf(properties, Keys::id) == awaiting->packageId();
+        return valueOf(properties, Keys::id) == packageId;
     });
-    const auto packageId = awaiting->packageId();
-    if (package == packages.end()) {
-        endAwaiting(awaiting, Common::ErrorCode::PackageNotExist);
-    } else if (valueOf(*package, Keys::version) != awaiting->packageVersion()) {
-        endAwaiting(awaiting, Common::ErrorCode::Internal);
-    } else {
-        endAwaiting(awaiting, Common::ErrorCode::None);
+    bool isInDoubt = inDoubt_.erase(packageId) > 0;
+    for (auto next = awaiting_.begin(); next != awaiting_.end();) {
+        const auto awaiting = next++;
+        if (awaiting->packageId() != packageId || inDoubt_.erase(awaiting->id()) == 0) {
+            continue;
+        }
+        isInDoubt = true;
+        if (package == packages.end()) {
+            endAwaiting(awaiting, Common::ErrorCode::PackageNotExist);
+        } else if (valueOf(*package, Keys::version) != awaiting->packageVersion()) {
+            endAwaiting(awaiting, Common::ErrorCode::Internal);
+        } else {
+            endAwaiting(awaiting, Common::ErrorCode::None);
+        }
     }
-    launchControl_.packageUpgraded(packageId); // a waiting restart has to start the application
+    if (isInDoubt) {
+        launchControl_.endRestarts(packageId);
+    }
 }
 
 } // namespace Core

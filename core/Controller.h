@@ -81,9 +81,10 @@ private:
     void endAwaiting(std::list<Operation>::iterator awaiting, Common::ErrorCode code);
     void uncount(const Operation& operation);
     void packageUpgraded(const Common::PackageProperties& package, bool isAnew);
-    asio::awaitable<void> checkAwaiting();
-    [[nodiscard]] std::vector<std::string> notPrepared(bool isUnknownIncluded);
-    void checkAwaiting(const std::string& id, const std::vector<Common::PackageProperties>& packages);
+    asio::awaitable<void> checkUpgrades();
+    [[nodiscard]] std::set<std::string> packagesInDoubt() const;
+    [[nodiscard]] std::set<std::string> notPrepared(bool isUnknownIncluded);
+    void settle(const std::string& packageId, const std::vector<Common::PackageProperties>& packages);
 
     Common::Loop& loop_;
     std::list<Operation> queue_;
@@ -94,9 +95,11 @@ private:
     bool isWorking_ = false;
     bool isFinishing_ = false;
     bool isChecking_ = false;
-    bool isCheckDue_ = false; // the awaiting upgrades have to be checked again
+    bool isCheckDue_ = false; // the upgrades in doubt have to be checked again
     std::list<Operation> awaiting_;
-    std::set<std::string> inDoubt_; // ids of those that a package manager accepted which has restarted
+    // The ids of awaiting operations, and the packages of restarts that wait for an upgrade, whose upgrade
+    // was prepared by a package manager that has restarted since.
+    std::set<std::string> inDoubt_;
     std::unordered_map<std::string, Operation> ended_;    // by id, not reported
     std::unordered_map<std::string, std::size_t> counts_; // by application, of all operations above
     std::unordered_map<std::string, std::deque<Operation>> completed_;

@@ -70,6 +70,12 @@ void LaunchControl::terminated(sdbus::Message& signal) {
 
 void LaunchControl::packageUpgraded(const std::string& packageId) { startAgain(afterUpgrade_, packageId); }
 
+void LaunchControl::endRestarts(const std::string& packageId) {
+    for (auto count = std::erase(afterUpgrade_, packageId); count > 0; --count) {
+        loop_.spawn("couldn't start an application again", start(packageId));
+    }
+}
+
 const std::optional<ZUL::DatabaseLocation>& LaunchControl::database() {
     if (auto location = ZUL::DatabaseLocation::ifReadable()) {
         database_ = std::move(location);

@@ -34,6 +34,11 @@ public:
     /// Starts the application if its restart waits for this upgrade.
     void packageUpgraded(const std::string& packageId);
 
+    /// The packages whose restarts wait for an upgrade, in the order of the requests.
+    [[nodiscard]] const std::deque<std::string>& restartsAfterUpgrade() const { return afterUpgrade_; }
+    /// Starts the application once for each restart that waits for its upgrade: the upgrade has ended.
+    void endRestarts(const std::string& packageId);
+
     /// The package database's location. If its configuration cannot be read this time, the location that was
     /// read last; nothing if there is none.
     [[nodiscard]] const std::optional<ZUL::DatabaseLocation>& database();

@@ -408,6 +408,16 @@ TEST_F(ARestartOfThePackageManager, IsQueriedForUpgradesUntilItRepliesAndWhenItR
     EXPECT_TRUE(client.waitForStatus(upgrade, 100));
 }
 
+TEST_F(ARestartOfThePackageManager, EndsRestartsWhoseUpgradeWasNotSignalled) {
+    setInstalled({"com.example.app"});
+    const auto prepared = scratch.path() / "apps/com.example.app/next";
+    std::filesystem::create_directories(prepared);
+    EXPECT_EQ(client.errorOf("Restart", "com.example.app"), "");
+    std::filesystem::remove(prepared);
+    zul.restart();
+    EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
+}
+
 TEST_F(ARestartOfThePackageManager, IsCheckedAgainAfterTheDiskCouldNotBeRead) {
     setInstalled({"com.example.app"});
     const auto upgrade = client.install(packageFile());
