@@ -33,6 +33,9 @@ Controller::Controller(Common::BusConnection& session)
         [this](const Common::PackageProperties& package) { packageUpgraded(package, /*isAnew=*/false); });
     zul_.addPackageInstalledHandler(
         [this](const Common::PackageProperties& package) { packageUpgraded(package, /*isAnew=*/true); });
+    zul_.addPackageRemovedHandler([this](const std::string& packageId) {
+        loop_.spawn("couldn't check the awaiting upgrades", checkUpgrades(packageId));
+    });
     zul_.setAppearedHandler([this] { loop_.spawn("couldn't check the awaiting upgrades", checkUpgrades()); });
 }
 
@@ -251,18 +254,28 @@ void Controller::packageUpgraded(const Common::PackageProperties& package, bool 
     }
 }
 
-// After a restart the package manager may have completed or discarded an upgrade without a signal. Queries
-// the package list until it succeeds, and again if in the meantime the package manager has restarted, an
-// upgrade is no longer prepared or the disk could not be read.
-asio::awaitable<void> Controller::checkUpgrades() {
-    using std::chrono::seconds;
-    isCheckDue_ = true;
-    // The package manager signals the end of an upgrade that it accepted since then.
+// Of one package, or of all. The package manager signals the end of an upgrade that it accepts later.
+void Controller::doubt(const std::optional<std::string>& packageId) {
     for (const auto& awaiting : awaiting_) {
-        inDoubt_.insert(awaiting.id());
+        if (!packageId || awaiting.packageId() == *packageId) {
+            inDoubt_.insert(awaiting.id());
+            isCheckDue_ = true;
+        }
     }
-    inDoubt_.insert(launchControl_.restartsAfterUpgrade().begin(),
-                    launchControl_.restartsAfterUpgrade().end());
+    for (const auto& restarted : launchControl_.restartsAfterUpgrade()) {
+        if (!packageId || restarted == *packageId) {
+            inDoubt_.insert(restarted);
+            isCheckDue_ = true;
+        }
+    }
+}
+
+// After a restart the package manager may have completed or discarded an upgrade without a signal. A removed
+// package may be installed again already. Queries the package list until it succeeds, and again if in the
+// meantime there are new doubts, an upgrade is no longer prepared or the disk could not be read.
+asio::awaitable<void> Controller::checkUpgrades(std::optional<std::string> packageId) {
+    using std::chrono::seconds;
+    doubt(packageId);
     if (std::exchange(isChecking_, true)) {
         co_return;
     }
@@ -345,7 +358,7 @@ void Controller::settle(const std::string& packageId,
         }
     }
     if (isInDoubt) {
-        launchControl_.endRestarts(packageId);
+        launchControl_.endRestarts(packageId, package != packages.end());
     }
 }
 

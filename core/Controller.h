@@ -81,7 +81,8 @@ private:
     void endAwaiting(std::list<Operation>::iterator awaiting, Common::ErrorCode code);
     void uncount(const Operation& operation);
     void packageUpgraded(const Common::PackageProperties& package, bool isAnew);
-    asio::awaitable<void> checkUpgrades();
+    void doubt(const std::optional<std::string>& packageId);
+    asio::awaitable<void> checkUpgrades(std::optional<std::string> packageId = {});
     [[nodiscard]] std::set<std::string> packagesInDoubt() const;
     [[nodiscard]] std::set<std::string> notPrepared(bool isUnknownIncluded);
     void settle(const std::string& packageId, const std::vector<Common::PackageProperties>& packages);
@@ -97,8 +98,8 @@ private:
     bool isChecking_ = false;
     bool isCheckDue_ = false; // the upgrades in doubt have to be checked again
     std::list<Operation> awaiting_;
-    // The ids of awaiting operations, and the packages of restarts that wait for an upgrade, whose upgrade
-    // was prepared by a package manager that has restarted since.
+    // The ids of awaiting operations, and the packages of restarts that wait for an upgrade, whose package
+    // was removed or whose package manager has restarted since.
     std::set<std::string> inDoubt_;
     std::unordered_map<std::string, Operation> ended_;    // by id, not reported
     std::unordered_map<std::string, std::size_t> counts_; // by application, of all operations above

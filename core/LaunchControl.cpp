@@ -70,8 +70,8 @@ void LaunchControl::terminated(sdbus::Message& signal) {
 
 void LaunchControl::packageUpgraded(const std::string& packageId) { startAgain(afterUpgrade_, packageId); }
 
-void LaunchControl::endRestarts(const std::string& packageId) {
-    for (auto count = std::erase(afterUpgrade_, packageId); count > 0; --count) {
+void LaunchControl::endRestarts(const std::string& packageId, bool isInstalled) {
+    for (auto count = std::erase(afterUpgrade_, packageId); isInstalled && count > 0; --count) {
         loop_.spawn("couldn't start an application again", start(packageId));
     }
 }

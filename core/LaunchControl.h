@@ -36,8 +36,8 @@ public:
 
     /// The packages whose restarts wait for an upgrade, in the order of the requests.
     [[nodiscard]] const std::deque<std::string>& restartsAfterUpgrade() const { return afterUpgrade_; }
-    /// Starts the application once for each restart that waits for its upgrade: the upgrade has ended.
-    void endRestarts(const std::string& packageId);
+    /// Ends all restarts that wait for this upgrade: starts the application for each, if it is installed.
+    void endRestarts(const std::string& packageId, bool isInstalled);
 
     /// The package database's location. If its configuration cannot be read this time, the location that was
     /// read last; nothing if there is none.

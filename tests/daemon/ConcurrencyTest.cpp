@@ -8,6 +8,7 @@
 #include <thread>
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 namespace Testbed {
 
@@ -46,6 +47,7 @@ TEST_F(TheDaemon, EndsTheUpgradeThatBecameAnInstallationAndNoOther) {
     zul.setPackages({});
     EXPECT_TRUE(zul.answer("Remove"));
     ASSERT_TRUE(zul.waitForCalls("Install", 1));
+    zul.emit("PackageRemoved", std::string("com.example.app"));
     setInstalled({"com.example.app"});
     EXPECT_TRUE(zul.answer("Install")); // a first installation; the reply precedes the signal
     ASSERT_TRUE(zul.waitForCalls("Install", 2));
@@ -54,10 +56,30 @@ TEST_F(TheDaemon, EndsTheUpgradeThatBecameAnInstallationAndNoOther) {
     std::filesystem::create_directories(scratch.path() / "apps/com.example.app/next");
     EXPECT_TRUE(zul.answer("Install")); // prepared: the application runs
     EXPECT_TRUE(waitUntil([&] { return client.statusesOf(second).size() >= 3; }));
+    zul.emit("PackageRemoved", std::string("com.example.app")); // late
     EXPECT_EQ(client.errorOf("Start", "a"), "");
     EXPECT_THAT(client.statusesOf(second), ElementsAre(0, 10, 90));
     zul.emit("PackageUpgraded", PackageManager::package("com.example.app", "2.0-1"));
     EXPECT_TRUE(client.waitForStatus(second, 100));
+}
+
+TEST_F(TheDaemon, EndsUpgradesAndRestartsOfARemovedPackage) {
+    setInstalled({"com.example.app"});
+    const auto upgrade = client.install(packageFile());
+    ASSERT_TRUE(client.waitForStatus(upgrade, 90));
+    const auto prepared = scratch.path() / "apps/com.example.app/next";
+    std::filesystem::create_directories(prepared);
+    EXPECT_EQ(client.errorOf("Restart", "com.example.app"), "");
+    std::filesystem::remove(prepared);
+    zul.setPackages({});
+    zul.emit("PackageRemoved", std::string("com.example.app"));
+    EXPECT_TRUE(client.waitForStatus(upgrade, 101));
+    EXPECT_EQ(client.received().back(), Client::ended(upgrade, Common::ErrorCode::PackageNotExist));
+    EXPECT_THAT(client.operations(), IsEmpty());
+    zul.emit("PackageUpgraded", PackageManager::package("com.example.app"));
+    EXPECT_TRUE(waitUntil([&] { return client.packageSignals().size() == 2; }));
+    EXPECT_EQ(client.errorOf("Start", "a"), "");
+    EXPECT_THAT(runtime.calls("InvokeIntent"), ElementsAre("Start a"));
 }
 
 TEST_F(TheDaemon, FinishesAnUpgradeThatIsSignalledBeforeTheCallReturns) {
