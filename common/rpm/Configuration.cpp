@@ -66,6 +66,7 @@ std::vector<std::string> matches(const std::string& pattern) {
 Stamps stampsOfFiles() {
     Stamps stamps;
     std::istringstream patterns(configurationFiles());
+    patterns.exceptions(std::ios::badbit); // a failed allocation is not the end
     for (std::string pattern; std::getline(patterns, pattern, ':');) {
         const std::filesystem::path path(pattern);
         for (const auto& directory : matches(path.parent_path() / "")) {

@@ -18,6 +18,7 @@ using Tree = boost::property_tree::ptree;
 
 Tree parsed(const std::string& text) {
     std::istringstream stream(text);
+    stream.exceptions(std::ios::badbit); // a failed allocation is not a syntax error
     Tree tree;
     boost::property_tree::read_ini(stream, tree);
     return tree;

@@ -23,6 +23,7 @@ constexpr std::size_t sizeLimit = 1024UL * 1024UL;
 
 PackageData parse(const std::string& text) {
     std::istringstream stream(text);
+    stream.exceptions(std::ios::badbit); // a failed allocation is not a syntax error
     pt::ptree tree;
     pt::read_ini(stream, tree);
     PackageData data;

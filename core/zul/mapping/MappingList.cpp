@@ -3,7 +3,7 @@
 #include "common/LogLine.h"
 
 #include <algorithm>
-#include <sstream>
+#include <string_view>
 #include <unordered_set>
 
 namespace Core::ZUL {
@@ -36,9 +36,10 @@ std::optional<MappingList> readMappingList(const std::filesystem::path& versionD
         return std::nullopt;
     }
     MappingList list;
-    std::istringstream lines(*text);
-    for (std::string line; std::getline(lines, line);) {
-        list.push_back(line);
+    for (std::string_view rest(*text); !rest.empty();) {
+        const auto line = rest.substr(0, rest.find('\n'));
+        list.emplace_back(line);
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
     }
     return list;
 }
