@@ -36,7 +36,11 @@ std::string_view prefixOf(LogLevel level) {
 } // namespace
 
 LogLine::~LogLine() {
-    line_ += '\n';
+    try {
+        line_ += '\n';
+    } catch (const std::bad_alloc&) {
+        line_.back() = '\n';
+    }
     const bool usable = std::cerr.good();
     // The stream is unbuffered: one write() of it is one write(2).
     std::cerr.write(line_.data(), static_cast<std::streamsize>(line_.size()));
@@ -45,11 +49,13 @@ LogLine::~LogLine() {
     }
 }
 
-LogLine& LogLine::operator<<(std::string_view text) {
+LogLine& LogLine::operator<<(std::string_view text) noexcept try {
     if (line_.empty()) {
         line_ += prefixOf(level_);
     }
     line_ += printable(text);
+    return *this;
+} catch (...) {
     return *this;
 }
 

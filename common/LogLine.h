@@ -22,7 +22,8 @@ public:
     LogLine(const LogLine&) = delete;
     LogLine& operator=(const LogLine&) = delete;
 
-    LogLine& operator<<(std::string_view text);
+    /// Without memory for the text the line is shorter: logging must not end what is logged.
+    LogLine& operator<<(std::string_view text) noexcept;
     /// Appends the exception's text; if what() is null, the error stream gets the failed state.
     LogLine& operator<<(const std::exception& error);
 

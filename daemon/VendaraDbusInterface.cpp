@@ -31,7 +31,7 @@ sdbus::Error refusal(const std::string& text) { return {Own::error, text}; }
 
 // Converts every exception of a request to the interface's error. A refusal already has its text; for other
 // exceptions the cause is logged and the caller gets the given text.
-sdbus::Error refusalFor(const std::exception_ptr& failure, const std::string& text) noexcept {
+sdbus::Error refusalFor(const std::exception_ptr& failure, const std::string& text) {
     try {
         std::rethrow_exception(failure);
     } catch (const sdbus::Error& error) {
