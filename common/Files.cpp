@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <memory>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <system_error>
@@ -23,27 +25,56 @@ UniqueFd openDirectory(const std::filesystem::path& directory) {
     return fd;
 }
 
-/// Gives the owner access to a directory and its subdirectories. No link is followed: each directory is
-/// opened relative to its parent's descriptor and changed through its own.
-void makeAccessible(const UniqueFd& parent, const std::filesystem::path& name) {
-    const UniqueFd directory(openat(parent ? parent.get() : AT_FDCWD, name.c_str(),
-                                    O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!directory) {
-        return;
+/// The names in a directory. The iterators of std::filesystem end the process when memory runs out.
+class DirectoryReader {
+public:
+    /// @param flags  more flags of open(2)
+    DirectoryReader(int parent, const char* name, int flags = 0) {
+        UniqueFd fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags));
+        stream_.reset(fd ? fdopendir(fd.get()) : nullptr);
+        if (stream_) {
+            static_cast<void>(fd.release()); // the stream owns it
+        }
     }
-    const auto self = "/proc/self/fd/" + std::to_string(directory.get());
-    std::error_code denied; // the removal reports the same error
-    std::filesystem::permissions(self, std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
-                                 denied);
-    // Reads all entries first: an open iterator would need a second descriptor per level.
-    std::vector<std::filesystem::path> inner;
-    for (std::filesystem::directory_iterator entry(self, denied), end; !denied && entry != end;
-         entry.increment(denied)) {
-        inner.push_back(entry->path().filename());
+
+    explicit operator bool() const { return stream_ != nullptr; }
+    [[nodiscard]] int descriptor() const { return dirfd(stream_.get()); }
+
+    /// @return null at the end, with errno 0, and after a failure
+    [[nodiscard]] const char* next() {
+        errno = 0;
+        while (const dirent* entry = readdir(stream_.get())) {
+            const std::string_view name = entry->d_name;
+            if (name != "." && name != "..") {
+                return entry->d_name;
+            }
+        }
+        return nullptr;
     }
-    for (const auto& entry : inner) {
-        makeAccessible(directory, entry);
+
+private:
+    struct Closer {
+        void operator()(DIR* stream) const { closedir(stream); }
+    };
+    std::unique_ptr<DIR, Closer> stream_;
+};
+
+/// Removes a directory with everything in it. No link is followed.
+/// @param isForced  whether the owner is first given access to each directory
+/// @return whether it is gone; otherwise errno has the reason
+bool removeDirectory(int parent, const char* name, bool isForced) noexcept {
+    if (isForced) {
+        fchmodat(parent, name, S_IRWXU, AT_SYMLINK_NOFOLLOW); // the removal reports the same error
     }
+    DirectoryReader reader(parent, name, O_NOFOLLOW);
+    while (const char* entry = reader ? reader.next() : nullptr) {
+        const bool isGone = unlinkat(reader.descriptor(), entry, 0) == 0 ||
+                            (errno == EISDIR && removeDirectory(reader.descriptor(), entry, isForced));
+        if (!isGone && errno != ENOENT) {
+            return false;
+        }
+    }
+    return reader && errno == 0 && unlinkat(parent, name, AT_REMOVEDIR) == 0;
 }
 
 } // namespace
@@ -101,12 +132,12 @@ std::optional<std::filesystem::path> linkTarget(const std::filesystem::path& pat
 
 std::vector<std::filesystem::path> entriesOf(const std::filesystem::path& directory) {
     std::vector<std::filesystem::path> entries;
-    try {
-        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-            entries.push_back(entry.path());
-        }
-    } catch (const std::filesystem::filesystem_error& error) {
-        throw Error(ErrorCode::Filesystem, error.what());
+    DirectoryReader reader(AT_FDCWD, directory.c_str());
+    while (const char* name = reader ? reader.next() : nullptr) {
+        entries.push_back(directory / name);
+    }
+    if (!reader || errno != 0) {
+        throw filesystemError("couldn't read directory " + directory.native());
     }
     return entries;
 }
@@ -195,14 +226,11 @@ std::string readExistingFile(const std::filesystem::path& file, std::size_t limi
 void removeTree(const std::filesystem::path& path) {
     // With a slash at the end a link would be followed.
     const auto plain = path.has_filename() ? path : path.parent_path();
-    std::error_code error;
-    std::filesystem::remove_all(plain, error);
-    if (error == std::errc::permission_denied) {
-        makeAccessible({}, plain);
-        std::filesystem::remove_all(plain, error);
-    }
-    if (error && error != std::errc::not_a_directory) { // which a directory above it is not
-        throw Error(ErrorCode::Filesystem, "couldn't remove " + plain.native() + ": " + error.message());
+    const bool isGone = removeDirectory(AT_FDCWD, plain.c_str(), false) ||
+                        (errno == EACCES && removeDirectory(AT_FDCWD, plain.c_str(), true)) ||
+                        (errno == ENOTDIR && unlink(plain.c_str()) == 0);
+    if (!isGone && errno != ENOENT && errno != ENOTDIR) { // which a directory above it is not
+        throw filesystemError("couldn't remove " + plain.native());
     }
 }
 

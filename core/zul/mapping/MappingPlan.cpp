@@ -25,31 +25,32 @@ bool hasDirectory(int version, const std::string& source) {
     return false;
 }
 
-void planRule(const MappingRule& rule, const std::filesystem::path& versionDirectory, bool isNew,
-              std::vector<MappingPlan::Entry>& entries) {
-    const auto source = versionDirectory / rule.source;
-    const auto target = std::filesystem::path(rule.target).lexically_normal();
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(source)) {
-        std::error_code unknown;
-        bool isDirectory = entry.is_directory(unknown);
-        if (unknown) {
-            const auto status = Common::statusOf(entry.path());
-            isDirectory = status && S_ISDIR(status->st_mode);
-        }
-        if (isDirectory) {
+/// @param source  the directory, relative to the version directory
+void planDirectory(const std::filesystem::path& versionDirectory, const std::filesystem::path& source,
+                   const std::filesystem::path& target, bool isNew,
+                   std::vector<MappingPlan::Entry>& entries) {
+    for (const auto& path : Common::entriesOf(versionDirectory / source)) {
+        const auto name = path.filename();
+        const auto file = source / name;
+        auto status = Common::statusOf(path, AT_SYMLINK_NOFOLLOW);
+        if (status && S_ISDIR(status->st_mode)) {
+            planDirectory(versionDirectory, file, target / name, isNew, entries);
             continue;
         }
-        // Taken from the text, not normalized: it is the path that was visited.
-        const std::filesystem::path relative = entry.path().native().substr(source.native().size() + 1);
-        if (!canBeMapped(relative)) {
-            if (isNew) {
-                throw Error(ErrorCode::BadPackage, "file name can't be mapped: " + entry.path().native());
-            }
+        if (status && S_ISLNK(status->st_mode)) {
+            status = Common::statusOf(path);
+        }
+        if (status && S_ISDIR(status->st_mode)) {
+            continue;
+        }
+        if (canBeMapped(file)) {
+            entries.push_back({file, target / name});
+        } else if (isNew) {
+            throw Error(ErrorCode::BadPackage, "file name can't be mapped: " + path.native());
+        } else {
             // It was installed by a release that accepted such names.
-            Common::logWarning() << "file name can't be mapped: " << Common::quoted(entry.path());
-            continue;
+            Common::logWarning() << "file name can't be mapped: " << Common::quoted(path);
         }
-        entries.push_back({rule.source / relative, target / relative});
     }
 }
 
@@ -77,15 +78,13 @@ MappingPlan planMappings(const PackageIdentity& package, const std::filesystem::
         throw Common::filesystemError("couldn't open version directory " + versionDirectory.native());
     }
     MappingPlan plan;
-    try {
-        for (const auto& rule : mappingRules(package)) {
-            if (hasDirectory(version.get(), rule.source)) {
-                planRule(rule, versionDirectory, isNew, plan.entries);
-                plan.kind = std::max(plan.kind, rule.kind);
-            }
+    for (const auto& rule : mappingRules(package)) {
+        if (hasDirectory(version.get(), rule.source)) {
+            // Without its slash: libstdc++ crashes when it extends a path that ends with one without memory.
+            const auto target = std::filesystem::path(rule.target).lexically_normal().parent_path();
+            planDirectory(versionDirectory, rule.source, target, isNew, plan.entries);
+            plan.kind = std::max(plan.kind, rule.kind);
         }
-    } catch (const std::filesystem::filesystem_error& error) {
-        throw Error(ErrorCode::Filesystem, error.what());
     }
     return plan;
 }
