@@ -135,6 +135,7 @@ fs::path Database::moveToVersionedDirectory(const PackageIdentity& package, cons
 
 void Database::install(const PackageIdentity& package, const PackageData& entries,
                        const fs::path& extracted) try {
+    const auto message = "package " + package.id() + " installed: " + package.version();
     const auto plan = stage(package, entries, extracted);
     const auto version = moveToVersionedDirectory(package, extracted);
     const PackageDirectory directory(version.parent_path());
@@ -150,8 +151,7 @@ void Database::install(const PackageIdentity& package, const PackageData& entrie
         cleanupCorruptedPackage(directory.path());
         throw;
     }
-    recordEvent(packageInstalled, package.id(), package.version(),
-                "package " + package.id() + " installed: " + package.version());
+    recordEvent(packageInstalled, package.id(), package.version(), message);
 } catch (...) {
     throwAsError();
 }
@@ -250,6 +250,7 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
     const auto withoutList = takeOverLists(directory, "couldn't remove package symlinks: " + package.id());
     const auto plan = planMappings(package, directory.next());
     const auto newName = PackageDirectory::versionNameOf(directory.next());
+    const auto message = "package " + package.id() + " upgraded to " + newName;
     if (const auto installed = directory.versionOf(directory.current()); !installed.empty()) {
         // A hard link takes no space; a new symbolic link with a long target does.
         Common::removeTree(directory.fallback());
@@ -268,8 +269,7 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
         putBack(directory);
         throw;
     }
-    recordEvent(packageUpgraded, package.id(), newName,
-                "package " + package.id() + " upgraded to " + newName);
+    recordEvent(packageUpgraded, package.id(), newName, message);
     try {
         directory.sweep("couldn't cleanup previous version of the package: ", [&](const fs::path& entry) {
             if (withoutList.contains(entry)) {
@@ -285,9 +285,10 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
 
 /// After a failed completion: installs the old version and prepares the new one again. If that fails, the new
 /// version stays installed, because a package without "current" would be lost.
-void Database::putBack(const PackageDirectory& directory) noexcept {
+void Database::putBack(const PackageDirectory& directory) {
     const auto current = directory.current();
     const auto fallback = directory.fallback();
+    const auto next = directory.next();
     const auto exchange = [&] {
         if (renameat2(AT_FDCWD, fallback.c_str(), AT_FDCWD, current.c_str(), RENAME_EXCHANGE) != 0) {
             throw Common::filesystemError("couldn't put back " + current.native());
@@ -303,13 +304,13 @@ void Database::putBack(const PackageDirectory& directory) noexcept {
         }
         // "current" exists at every moment.
         exchange();
-        if (rename(fallback.c_str(), directory.next().c_str()) != 0) {
-            const auto failure = Common::filesystemError("couldn't put back " + directory.next().native());
+        if (rename(fallback.c_str(), next.c_str()) != 0) {
+            const auto failure = Common::filesystemError("couldn't put back " + next.native());
             exchange();
             throw failure;
         }
         Common::flushDirectory(directory.path());
-        keepMappingListOf(directory.next(), current);
+        keepMappingListOf(next, current);
     };
     // The next refresh repairs a failure: the list includes the mappings that could not be removed.
     Common::guarded("couldn't put back the previous version", putLinksBack);
@@ -322,6 +323,8 @@ void Database::putBack(const PackageDirectory& directory) noexcept {
 
 void Database::remove(const std::string& packageId) try {
     const PackageDirectory directory(packageDirectory(packageId));
+    const auto id = directory.path().filename().native();
+    const auto event = "package " + id + " removed";
     std::string version;
     Common::guarded("couldn't read the version of a package that is removed",
                     [&] { version = PackageDirectory::versionNameOf(directory.current()); });
@@ -339,8 +342,7 @@ void Database::remove(const std::string& packageId) try {
         Common::logError() << error;
         throw Error(ErrorCode::Filesystem, "couldn't remove package directory: " + directory.path().native());
     }
-    const auto id = directory.path().filename().native();
-    recordEvent(packageRemoved, id, version, "package " + id + " removed");
+    recordEvent(packageRemoved, id, version, event);
 } catch (...) {
     throwAsError();
 }
