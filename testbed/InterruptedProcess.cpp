@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -15,7 +16,9 @@
 #include <iostream>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <new>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
@@ -25,6 +28,30 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
+
+// Those of sanitizers are not replaced.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#define REPLACES_OPERATOR_NEW
+#endif
+
+namespace {
+
+// How many allocations there are until one fails; shared with the parent process.
+std::atomic<long>* allocationsLeft = nullptr;
+
+} // namespace
+
+#ifdef REPLACES_OPERATOR_NEW
+void* operator new(std::size_t size) {
+    void* memory = allocationsLeft != nullptr && --*allocationsLeft == 0 ? nullptr : std::malloc(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
+#endif
 
 namespace Testbed {
 
@@ -258,7 +285,11 @@ End runInterrupted(unsigned callsBefore, const std::function<void()>& action) {
 
 void forEachFault(unsigned stride, const std::function<bool(const Fault&, unsigned callsBefore)>& attempt) {
     constexpr std::array faults{Fault{"EIO", EIO, false, false}, Fault{"ENOSPC", ENOSPC, false, true},
-                                Fault{"full disk", ENOSPC, true, true}, Fault{"EROFS", EROFS, true, true}};
+                                Fault{"full disk", ENOSPC, true, true}, Fault{"EROFS", EROFS, true, true},
+#ifdef REPLACES_OPERATOR_NEW
+                                Fault{"no memory", ENOMEM, false, false}
+#endif
+    };
     const unsigned step = getenv("VENDARA_ALL_FAULTS") != nullptr ? 1 : stride;
     const char* given = getenv("VENDARA_FAULT_SEED");
     auto point = given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : 11U;
@@ -274,8 +305,30 @@ void forEachFault(unsigned stride, const std::function<bool(const Fault&, unsign
     std::cout << "failed at " << count << " calls" << std::endl;
 }
 
+namespace {
+
+std::pair<End, bool> runWithoutMemory(unsigned allocationsBefore, const std::function<void()>& action) {
+    static auto* const left = new (mmap(nullptr, sizeof(std::atomic<long>), PROT_READ | PROT_WRITE,
+                                        MAP_SHARED | MAP_ANONYMOUS, -1, 0)) std::atomic<long>;
+    *left = allocationsBefore + 1L;
+    const auto end = runInChild([&] {
+        allocationsLeft = left;
+        try {
+            action();
+        } catch (const std::bad_alloc&) { // in the action itself
+            _exit(1);
+        }
+    });
+    return {end, *left <= 0};
+}
+
+} // namespace
+
 std::pair<End, bool> runWithFault(unsigned callsBefore, const Fault& fault,
                                   const std::function<void()>& action) {
+    if (fault.error == ENOMEM) {
+        return runWithoutMemory(callsBefore, action);
+    }
     Answers answers{.onChange = SECCOMP_RET_TRACE};
     if (!fault.onlyChanges) {
         answers.onFlush = answers.onRead = SECCOMP_RET_TRACE;

@@ -25,10 +25,10 @@ std::vector<std::string> recordCalls(const std::function<void()>& action);
 /// The same as runInterrupted() without an interruption.
 End runInChild(const std::function<void()>& action);
 
-/// How calls to the kernel about files fail.
+/// How calls to the kernel about files fail, or calls of operator new.
 struct Fault {
     const char* name;
-    int error;
+    int error;         ///< ENOMEM: an allocation fails
     bool isPersistent; ///< all later calls fail too
     bool onlyChanges;  ///< only calls that change a file system fail; otherwise also those that read
 };
@@ -39,7 +39,7 @@ struct Fault {
 /// @param attempt  returns whether there was such a call
 void forEachFault(unsigned stride, const std::function<bool(const Fault&, unsigned callsBefore)>& attempt);
 
-/// Runs an action in a child process in which calls to the kernel about files fail.
+/// Runs an action in a child process in which such calls fail.
 /// @param callsBefore  how many calls of the kind that fails are let through
 /// @return how it ended, and whether there was a call to fail
 std::pair<End, bool> runWithFault(unsigned callsBefore, const Fault& fault,

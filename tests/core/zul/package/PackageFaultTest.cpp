@@ -1,4 +1,5 @@
 #include "testbed/InterruptedProcess.h"
+#include "tests/core/zul/DatabaseTest.h"
 #include "tests/core/zul/package/SignedPackage.h"
 
 #include <algorithm>
@@ -13,7 +14,7 @@ protected:
     /// else than Common::Error for that.
     void unpackWithoutVerdict(const fs::path& file) const {
         // For failed reads whose reason the interface of a library does not give: libpkgverify's twice,
-        // librpm's when the same place can be read again.
+        // librpm's when the same place can be read again. Without memory the text says so, whatever the code.
         const auto librariesOwn = {
             "couldn't open file for reading cmses", "package is signed with a non-legal key",
             "couldn't read payload of rpm package: ", "couldn't read content from rpm package"};
@@ -21,7 +22,8 @@ protected:
             Package::fromFile(file, authorities).extract(file, destination, [](auto&&...) { return 0; });
         } catch (const Common::Error& error) {
             const std::string text = error.what();
-            const bool isFault = error.code() == ErrorCode::Filesystem || error.code() == ErrorCode::Internal;
+            const bool isFault = error.code() == ErrorCode::Filesystem ||
+                                 error.code() == ErrorCode::Internal || text.ends_with("std::bad_alloc");
             if (!isFault && std::none_of(librariesOwn.begin(), librariesOwn.end(),
                                          [&](const char* message) { return text.starts_with(message); })) {
                 throw std::runtime_error("a verdict: " + text);
@@ -50,6 +52,30 @@ TEST_F(Packages, AreRefusedWithAnErrorOrUnpackedWholeWhenACallFails) {
             return wasMet;
         });
     }
+}
+
+TEST_F(Packages, AreInstalledWholeOrNotAtAllWhenACallFails) {
+    const auto file = signedPackage({.files = {{manifestPath, manifest}, {"/usr/bin/tool", "x", "0755"}}});
+    const auto package = Package::fromFile(file, authorities);
+    unpackWithoutVerdict(file);
+    forEachFault(41, [&](const Fault& fault, unsigned point) {
+        DatabaseOnDisk disk;
+        const auto [end, wasMet] = runWithFault(
+            point, fault, [&] { disk.database.installFile(package, file, [](auto&&...) { return 0; }); });
+        EXPECT_EQ(runInChild([&] {
+                      disk.database.recoverDatabase();
+                      for (const auto& [directory, data] : disk.database.packages()) {
+                          disk.database.refreshMappings(directory.filename());
+                      }
+                  }),
+                  End::Finished);
+        const bool isInstalled = disk.database.isInstalled(package.id());
+        EXPECT_TRUE(isInstalled || end == End::Failed);
+        EXPECT_EQ(disk.mappings().size(), isInstalled ? 2U : 0U);
+        EXPECT_EQ(isInstalled ? DatabaseOnDisk::entriesIn(disk.root / package.id() / "current").size() : 4U,
+                  4U);
+        return wasMet;
+    });
 }
 
 TEST_F(Packages, AreNotReportedDamagedWhenACallFails) {
