@@ -258,6 +258,9 @@ void makePublicDirectories(const std::filesystem::path& path) {
     if (!isMade && errno != EEXIST) {
         throw filesystemError("couldn't create directory " + path.native());
     }
+    if (isMade) {
+        flushDirectory(path.has_parent_path() ? path.parent_path() : ".");
+    }
 }
 
 void flushDirectory(const std::filesystem::path& directory) {

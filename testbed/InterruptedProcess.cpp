@@ -251,6 +251,8 @@ std::string nameOfCall(pid_t child) {
     case SYS_unlink:
         return "remove " + textAt(child, arguments[0]);
 #endif
+    case SYS_mkdirat:
+        return "make " + textAt(child, arguments[1]);
     case SYS_symlinkat:
         return "link " + textAt(child, arguments[2]);
     case SYS_renameat2:

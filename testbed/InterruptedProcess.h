@@ -18,8 +18,8 @@ End runInterrupted(unsigned callsBefore, const std::function<void()>& action);
 
 /// Runs an action in a child process to its end.
 /// @return in their order the calls that change a file system, "change", those that put a name in place or
-///         take one away with the path, as "link PATH" and "remove PATH", and those that wait for the disk:
-///         "fsync", "syncfs"
+///         take one away with the path, as "make PATH", "link PATH" and "remove PATH", and those that wait
+///         for the disk: "fsync", "syncfs"
 std::vector<std::string> recordCalls(const std::function<void()>& action);
 
 /// The same as runInterrupted() without an interruption.
