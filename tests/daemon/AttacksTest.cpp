@@ -162,6 +162,9 @@ TEST_F(AnAttacker, WithHugeArgumentsIsRefusedInAShortLineWithoutDelayingOthers) 
 }
 
 TEST_F(AnAttacker, CannotHaveMoreRequestsWaitingWithMoreConnections) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the time limit of the requests ends before a sanitized daemon has received all";
+#endif
     runtime.hold("InvokeIntent");
     std::vector<std::unique_ptr<sdbus::IConnection>> connections(2);
     for (auto& connection : connections) {
