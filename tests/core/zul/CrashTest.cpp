@@ -1,4 +1,5 @@
 #include "common/Files.h"
+#include "core/zul/mapping/MappingList.h"
 #include "testbed/InterruptedProcess.h"
 #include "tests/core/zul/DatabaseTest.h"
 
@@ -303,6 +304,28 @@ TEST(LookingAtPackagesAndRecovery, LoseNothingWhenACallFails) {
             }
         });
     }
+}
+
+TEST(RecordsAndMappingLists, AreReadWholeOrNotAtAllWhenACallFails) {
+    const ScratchDirectory version;
+    const std::string text(300, 'x');
+    const Core::ZUL::MappingList list{"/usr/bin/a", "/usr/bin/" + text};
+    Core::ZUL::writeMappingList(version.path(), list, Common::Durability::Later);
+    Core::ZUL::writeRecord({id, "1"}, {{"certificate.id", text}, {"certificate.subgroup", "apps"}},
+                           version.path());
+    forEachFault(1, [&](const Fault& fault, unsigned point) {
+        const auto read = [&] {
+            try {
+                static_cast<void>(Core::ZUL::readRecord(version.path() / Core::ZUL::recordName));
+            } catch (const Error& error) {
+                EXPECT_NE(error.code(), ErrorCode::CorruptedInstalledPackage);
+            }
+            if (Core::ZUL::readMappingList(version.path()) != list || testing::Test::HasFailure()) {
+                throw std::logic_error("not whole");
+            }
+        };
+        return runWithFault(point, fault, read).second;
+    });
 }
 
 TEST(TemporaryDirectories, EndWithoutAnExceptionWhenACallFails) {
