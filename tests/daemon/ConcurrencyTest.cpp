@@ -53,7 +53,7 @@ TEST_F(TheDaemon, EndsTheUpgradeThatBecameAnInstallationAndNoOther) {
     ASSERT_TRUE(zul.waitForCalls("Install", 2));
     zul.emit("PackageInstalled", PackageManager::package("com.example.app"));
     EXPECT_TRUE(client.waitForStatus(first, 100));
-    std::filesystem::create_directories(scratch.path() / "apps/com.example.app/next");
+    std::filesystem::create_directories(next());
     EXPECT_TRUE(zul.answer("Install")); // prepared: the application runs
     EXPECT_TRUE(waitUntil([&] { return client.statusesOf(second).size() >= 3; }));
     zul.emit("PackageRemoved", std::string("com.example.app")); // late
@@ -64,13 +64,9 @@ TEST_F(TheDaemon, EndsTheUpgradeThatBecameAnInstallationAndNoOther) {
 }
 
 TEST_F(TheDaemon, EndsUpgradesAndRestartsOfARemovedPackage) {
-    setInstalled({"com.example.app"});
-    const auto upgrade = client.install(packageFile());
-    ASSERT_TRUE(client.waitForStatus(upgrade, 90));
-    const auto prepared = scratch.path() / "apps/com.example.app/next";
-    std::filesystem::create_directories(prepared);
+    const auto upgrade = prepareUpgrade(client);
     EXPECT_EQ(client.errorOf("Restart", "com.example.app"), "");
-    std::filesystem::remove(prepared);
+    std::filesystem::remove(next());
     zul.setPackages({});
     zul.emit("PackageRemoved", std::string("com.example.app"));
     EXPECT_TRUE(client.waitForStatus(upgrade, 101));
@@ -113,7 +109,7 @@ TEST_F(TheDaemon, FinishesAnUpgradeThatIsSignalledBeforeTheCallReturns) {
 TEST_F(TheDaemon, ContinuesWhenOtherServicesHang) {
     const auto first = beginInstallation(client);
     const auto second = client.install(packageFile());
-    std::filesystem::create_directories(scratch.path() / "apps/a/next");
+    std::filesystem::create_directories(next("a"));
     runtime.hold("InvokeIntent");
     EXPECT_EQ(client.errorOf("Restart", "a"), "");
     zul.emit("PackageUpgraded", PackageManager::package("a"));

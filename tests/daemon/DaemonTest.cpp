@@ -68,6 +68,14 @@ Client::Operation DaemonTest::beginInstallation(Client& client) {
     return operation;
 }
 
+Client::Operation DaemonTest::prepareUpgrade(Client& client, const std::string& name) {
+    setInstalled({name});
+    auto operation = client.install(packageFile(name));
+    EXPECT_TRUE(client.waitForStatus(operation, 90));
+    std::filesystem::create_directories(next(name));
+    return operation;
+}
+
 void DaemonTest::setInstalled(const std::vector<std::string>& ids) {
     std::vector<Common::PackageProperties> packages(ids.size());
     std::transform(ids.begin(), ids.end(), packages.begin(),

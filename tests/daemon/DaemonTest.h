@@ -31,6 +31,12 @@ protected:
     /// Requests an installation of that package, which the package manager holds back until it is told to
     /// answer. Returns when it has been called for the first time.
     Client::Operation beginInstallation(Client& client);
+    /// Requests an upgrade of an installed package and prepares it in the database. Returns at status 90.
+    Client::Operation prepareUpgrade(Client& client, const std::string& name = "com.example.app");
+    /// The prepared version of a package in the database.
+    [[nodiscard]] std::filesystem::path next(const std::string& name = "com.example.app") const {
+        return scratch.path() / "apps" / name / "next";
+    }
 
     /// A shell command in a mount namespace; a user who is not root gets a user namespace around it.
     static std::vector<std::string> inNamespace(const std::string& command);

@@ -159,7 +159,7 @@ TEST_F(ARequest, OfAnInitiatorThatLeftIsReportedOnceToItsApplication) {
 TEST_F(ARequest, StartsAndRestartsApplications) {
     EXPECT_EQ(client->errorOf("Start", "a"), "");
     EXPECT_EQ(client->errorOf("Restart", "b"), "");
-    std::filesystem::create_directories(scratch.path() / "apps/c/next");
+    std::filesystem::create_directories(next("c"));
     EXPECT_EQ(client->errorOf("Restart", "c"), "");
     EXPECT_THAT(runtime.calls("Terminate"), ElementsAre("b", "c"));
     for (const auto* id : {"c", "x", "b", "b"}) {

@@ -146,16 +146,4 @@ TEST_F(TheService, RefusesAPackageThatItHasTooLittleMemoryFor) {
     }
 }
 
-TEST_F(TheService, AlwaysEndsWithTheSessionBus) {
-    for (int round = 0; round < 10; ++round) {
-        Testbed::PrivateBus session;
-        setenv("DBUS_SESSION_BUS_ADDRESS", session.address().c_str(), 1);
-        Testbed::Process daemon({VENDARA_DAEMON});
-        ASSERT_TRUE(Testbed::waitForService()) << daemon.output();
-        session.stop();
-        EXPECT_EQ(daemon.wait(), 1);
-        EXPECT_THAT(daemon.output(), MatchesRegex(twoLines));
-    }
-}
-
 } // namespace
