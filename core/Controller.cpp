@@ -277,16 +277,22 @@ asio::awaitable<void> Controller::checkUpgrades(std::optional<std::string> packa
     using std::chrono::seconds;
     doubt(packageId);
     if (std::exchange(isChecking_, true)) {
+        if (doubted_) {
+            doubted_->set();
+        }
         co_return;
     }
     for (seconds pause{1}; isCheckDue_ && !packagesInDoubt().empty();) {
         isCheckDue_ = false;
         try {
-            const auto ids = notPrepared(/*isUnknownIncluded=*/false);
+            const auto before = notPrepared(/*isUnknownIncluded=*/false);
             const auto packages =
                 co_await zul_.getPackageList(Common::TimePoint::clock::now() + Common::defaultTimeout);
-            for (const auto& id : ids) {
-                settle(id, *packages);
+            // Another upgrade of the package may have been prepared since then.
+            for (const auto& id : notPrepared(/*isUnknownIncluded=*/false)) {
+                if (before.contains(id)) {
+                    settle(id, *packages);
+                }
             }
             if (notPrepared(/*isUnknownIncluded=*/true).empty()) {
                 continue;
@@ -295,9 +301,9 @@ asio::awaitable<void> Controller::checkUpgrades(std::optional<std::string> packa
         } catch (const std::exception& error) {
             Common::logFailure(Common::LogLevel::Warning, "couldn't check the awaiting upgrades", error);
         }
-        Common::Event never(loop_.context());
-        co_await never.wait(Common::TimePoint::clock::now() +
-                            std::exchange(pause, std::min(pause * 2, seconds(30))));
+        const auto doubted = doubted_ = std::make_shared<Common::Event>(loop_.context());
+        const bool isAnew = co_await doubted->wait(Common::TimePoint::clock::now() + pause);
+        pause = isAnew ? seconds(1) : std::min(pause * 2, seconds(30));
         isCheckDue_ = true;
     }
     isChecking_ = false;

@@ -96,7 +96,8 @@ private:
     bool isWorking_ = false;
     bool isFinishing_ = false;
     bool isChecking_ = false;
-    bool isCheckDue_ = false; // the upgrades in doubt have to be checked again
+    bool isCheckDue_ = false;                // the upgrades in doubt have to be checked again
+    std::shared_ptr<Common::Event> doubted_; // ends the pause before that
     std::list<Operation> awaiting_;
     // The ids of awaiting operations, and the packages of restarts that wait for an upgrade, whose package
     // was removed or whose package manager has restarted since.

@@ -63,6 +63,27 @@ TEST_F(TheDaemon, EndsTheUpgradeThatBecameAnInstallationAndNoOther) {
     EXPECT_TRUE(client.waitForStatus(second, 100));
 }
 
+TEST_F(TheDaemon, EndsNoUpgradeThatWasPreparedDuringTheCheckOfAnEarlierOne) {
+    prepareUpgrade(client);
+    std::filesystem::remove(next());
+    zul.hold("Install");
+    const auto second = client.install(packageFile());
+    ASSERT_TRUE(zul.waitForCalls("Install", 2));
+    const auto lists = zul.calls("GetPackageList").size();
+    zul.hold("GetPackageList");
+    zul.emit("PackageRemoved", std::string("com.example.app"));
+    ASSERT_TRUE(zul.waitForCalls("GetPackageList", lists + 1));
+    std::filesystem::create_directory(next());
+    EXPECT_TRUE(zul.answer("Install"));
+    EXPECT_TRUE(client.waitForStatus(second, 90));
+    EXPECT_EQ(client.errorOf("Restart", "com.example.app"), "");
+    zul.setPackages({});
+    zul.releaseCalls();
+    EXPECT_THAT(client.operations(), testing::SizeIs(2));
+    zul.emit("PackageUpgraded", PackageManager::package("com.example.app"));
+    EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
+}
+
 TEST_F(TheDaemon, EndsUpgradesAndRestartsOfARemovedPackage) {
     const auto upgrade = prepareUpgrade(client);
     EXPECT_EQ(client.errorOf("Restart", "com.example.app"), "");
