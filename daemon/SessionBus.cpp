@@ -5,6 +5,7 @@
 #include "common/bus/BusConnection.h"
 
 #include <poll.h>
+#include <utility>
 
 namespace Daemon {
 
@@ -52,9 +53,10 @@ std::string idOf(sdbus::IConnection& connection) {
 void waitForName(sdbus::IConnection& connection) {
     constexpr std::uint32_t noFlags = 0;
     constexpr std::uint32_t inQueue = 2;
-    int limit = 2000; // milliseconds; usually it is the owner sooner
+    constexpr int usualLimit = 2000; // milliseconds
     const auto& name = Common::Names::Vendara::service;
     bool isOwner = false;
+    std::string loggedOwner;
     const auto slot = connection.addMatch(
         "type='signal',sender='" + MessageBus::service + "',member='NameAcquired',arg0='" + name + "'",
         [&](sdbus::Message& signal) { isOwner = isOwner || signal.getSender() == MessageBus::service; });
@@ -62,10 +64,12 @@ void waitForName(sdbus::IConnection& connection) {
     while (!isOwner) {
         if (!connection.processPendingRequest()) {
             pollfd socket{connection.getEventLoopPollData().fd, POLLIN, 0};
-            if (poll(&socket, 1, limit) == 0) {
-                Common::logWarning() << "waiting for the name " << name << ", which is owned by "
-                                     << BusConnection::ask<std::string>(connection, "GetNameOwner", name);
-                limit = -1;
+            if (poll(&socket, 1, usualLimit) == 0) {
+                const auto owner = BusConnection::ask<std::string>(connection, "GetNameOwner", name);
+                if (owner != std::exchange(loggedOwner, owner)) {
+                    Common::logWarning()
+                        << "waiting for the name " << name << ", which is owned by " << owner;
+                }
             }
         }
     }
