@@ -220,7 +220,8 @@ void VendaraDbusInterface::accept(sdbus::Result<Results...>&& result, Texts text
             throw Common::Error(Common::ErrorCode::Internal, "couldn't retrieve currently processed message");
         }
         Request request{message->getSender(), TimePoint::clock::now() + requestLimit};
-        if (requests_.count(request.sender) >= maximumRequests || requests_.count() >= maximumRequestsOfAll ||
+        const auto waiting = requests_.count(request.sender);
+        if (waiting >= maximumRequests || (waiting > 0 && requests_.count() >= maximumRequestsOfAll) ||
             areDescriptorsShort()) {
             throw refusal("Too many requests are waiting");
         }

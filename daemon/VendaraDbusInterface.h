@@ -39,7 +39,8 @@ public:
 
     /// Less than the 25 s that clients' bus libraries wait for a reply.
     static constexpr std::chrono::seconds requestLimit{24};
-    /// Maximum number of waiting requests of one connection, and of all.
+    /// Maximum number of waiting requests of one connection, and of all; beyond the latter a connection may
+    /// have one.
     static constexpr std::size_t maximumRequests = 20000;
     static constexpr std::size_t maximumRequestsOfAll = 2 * maximumRequests;
 
