@@ -259,7 +259,12 @@ void makePublicDirectories(const std::filesystem::path& path) {
         throw filesystemError("couldn't create directory " + path.native());
     }
     if (isMade) {
-        flushDirectory(path.has_parent_path() ? path.parent_path() : ".");
+        try {
+            flushDirectory(path.has_parent_path() ? path.parent_path() : ".");
+        } catch (...) {
+            rmdir(path.c_str()); // the next attempt flushes again
+            throw;
+        }
     }
 }
 

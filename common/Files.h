@@ -101,8 +101,8 @@ void removeTree(const std::filesystem::path& path);
 /// @return false with errno set when it cannot be created; EEXIST when the path exists
 [[nodiscard]] bool makePublicDirectory(int parent, const std::filesystem::path& path) noexcept;
 
-/// The same for a directory and its missing parents, which are on disk on return. An existing directory keeps
-/// its mode.
+/// The same for a directory and its missing parents; those that it makes are on disk on return. An existing
+/// directory keeps its mode. The path does not end with a slash.
 void makePublicDirectories(const std::filesystem::path& path);
 
 /// Waits until a directory's own entries are on disk (fsync(2)).

@@ -148,7 +148,8 @@ private:
     void requireHigher(const PackageIdentity& package, const PackageDirectory& directory);
     bool removeMappingsOf(const PackageDirectory& directory, const std::string& message) const;
     void removeAll(const PackageDirectory& directory, bool isUnmapped) const;
-    void putBack(const PackageDirectory& directory);
+    struct CompletionLinks;
+    void putBack(const PackageDirectory& directory, const CompletionLinks& links) noexcept;
     void removeTempDirectory() const;
     static void recoverPackage(const PackageDirectory& directory, std::vector<std::string>& completed);
 

@@ -34,11 +34,13 @@ DatabaseLocation locationOf(const Tree& tree) {
 
 } // namespace
 
-// Links in the database have absolute targets, so its paths must be absolute.
+// Links in the database have absolute targets, so its paths must be absolute. Without memory libstdc++
+// crashes when it extends a path that ends with a slash.
 fs::path wholePath(const fs::path& path) {
     std::error_code error;
     auto result = fs::absolute(path, error);
-    return error ? path : result;
+    const auto& whole = error ? path : result;
+    return whole.has_filename() ? whole : whole.parent_path();
 }
 
 DatabaseLocation::DatabaseLocation(const fs::path& configuration)
@@ -48,13 +50,14 @@ std::optional<DatabaseLocation> DatabaseLocation::ifReadable(const fs::path& con
     constexpr std::size_t sizeLimit = 1024UL * 1024;
     std::optional<DatabaseLocation> location;
     try {
-        const auto text = Common::readRegularFile(configuration, sizeLimit);
-        location = locationOf({});
-        if (text) {
+        if (const auto text = Common::readRegularFile(configuration, sizeLimit)) {
             return locationOf(parsed(*text));
         }
+        location = locationOf({});
+    } catch (const boost::property_tree::ptree_error&) {
+        location = locationOf({});
     } catch (const std::exception&) {
-        // The line below says it.
+        // It could not be read.
     }
     Common::logError() << "couldn't parse config file: " << configuration.native();
     return location;

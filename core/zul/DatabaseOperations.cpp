@@ -233,6 +233,13 @@ bool Database::installFile(const Package& package, const fs::path& file, const A
     throwAsError();
 }
 
+/// Made before the first of them is renamed: after that nothing may fail for lack of memory.
+struct Database::CompletionLinks {
+    fs::path current;
+    fs::path fallback;
+    fs::path next;
+};
+
 void Database::completeUpgrade(const PackageIdentity& package) try {
     const PackageDirectory directory(packageDirectory(package.id()));
     directory.requireNotSymlink();
@@ -251,22 +258,23 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
     const auto plan = planMappings(package, directory.next());
     const auto newName = PackageDirectory::versionNameOf(directory.next());
     const auto message = "package " + package.id() + " upgraded to " + newName;
-    if (const auto installed = directory.versionOf(directory.current()); !installed.empty()) {
+    const CompletionLinks links{directory.current(), directory.fallback(), directory.next()};
+    if (const auto installed = directory.versionOf(links.current); !installed.empty()) {
         // A hard link takes no space; a new symbolic link with a long target does.
-        Common::removeTree(directory.fallback());
-        if (link(directory.current().c_str(), directory.fallback().c_str()) != 0) {
-            Common::replaceLink(directory.fallback(), installed);
+        Common::removeTree(links.fallback);
+        if (link(links.current.c_str(), links.fallback.c_str()) != 0) {
+            Common::replaceLink(links.fallback, installed);
         }
     }
-    if (rename(directory.next().c_str(), directory.current().c_str()) != 0) {
+    if (rename(links.next.c_str(), links.current.c_str()) != 0) {
         throw Error(ErrorCode::Filesystem,
                     "couldn't rename next directory to current for " + package.id() + " package");
     }
     try {
         Common::flushDirectory(directory.path());
-        mappings_->createMappings(plan, directory.current());
+        mappings_->createMappings(plan, links.current);
     } catch (...) {
-        putBack(directory);
+        putBack(directory, links);
         throw;
     }
     recordEvent(packageUpgraded, package.id(), newName, message);
@@ -285,10 +293,9 @@ void Database::completeUpgrade(const PackageIdentity& package) try {
 
 /// After a failed completion: installs the old version and prepares the new one again. If that fails, the new
 /// version stays installed, because a package without "current" would be lost.
-void Database::putBack(const PackageDirectory& directory) {
-    const auto current = directory.current();
-    const auto fallback = directory.fallback();
-    const auto next = directory.next();
+void Database::putBack(const PackageDirectory& directory, const CompletionLinks& links) noexcept {
+    const auto& current = links.current;
+    const auto& fallback = links.fallback;
     const auto exchange = [&] {
         if (renameat2(AT_FDCWD, fallback.c_str(), AT_FDCWD, current.c_str(), RENAME_EXCHANGE) != 0) {
             throw Common::filesystemError("couldn't put back " + current.native());
@@ -304,13 +311,13 @@ void Database::putBack(const PackageDirectory& directory) {
         }
         // "current" exists at every moment.
         exchange();
-        if (rename(fallback.c_str(), next.c_str()) != 0) {
-            const auto failure = Common::filesystemError("couldn't put back " + next.native());
+        if (rename(fallback.c_str(), links.next.c_str()) != 0) {
+            const auto failure = Common::filesystemError("couldn't put back " + links.next.native());
             exchange();
             throw failure;
         }
         Common::flushDirectory(directory.path());
-        keepMappingListOf(next, current);
+        keepMappingListOf(links.next, current);
     };
     // The next refresh repairs a failure: the list includes the mappings that could not be removed.
     Common::guarded("couldn't put back the previous version", putLinksBack);

@@ -80,7 +80,7 @@ MappingPlan planMappings(const PackageIdentity& package, const std::filesystem::
     MappingPlan plan;
     for (const auto& rule : mappingRules(package)) {
         if (hasDirectory(version.get(), rule.source)) {
-            // Without its slash: libstdc++ crashes when it extends a path that ends with one without memory.
+            // Without its slash: without memory libstdc++ crashes when it extends a path that ends with one.
             const auto target = std::filesystem::path(rule.target).lexically_normal().parent_path();
             planDirectory(versionDirectory, rule.source, target, isNew, plan.entries);
             plan.kind = std::max(plan.kind, rule.kind);

@@ -91,6 +91,8 @@ std::optional<PackageIdentity> withManifest(const PackageIdentity& package, cons
         try {
             const auto manifest = AppManifest::ManifestEntry::fromBytes(*bytes);
             return std::pair(manifest.appOrgname(), manifest.appName());
+        } catch (const std::bad_alloc&) {
+            throw;
         } catch (const std::exception& error) {
             throw Error(ErrorCode::BadPackage,
                         std::string("couldn't parse the package's manifest: ") + error.what());

@@ -404,10 +404,9 @@ TEST(AnInstallation, FlushesTheParentOfEachDirectoryItMakes) {
     const auto extracted = disk.extract({{"unmapped", "x"}});
     const auto calls =
         recordCalls([&] { database.install(PackageIdentity(id, "1"), disk.entries, extracted); });
-    std::size_t place = 0;
-    for (const auto* made : {"^make .*/further$", "^make .*/below$", "^make .*/com.example.app$"}) {
+    for (std::size_t place = 0;
+         const auto* made : {"^make .*/further$", "^make .*/below$", "^make .*/com.example.app$"}) {
         place = find(calls, made, place);
-        ASSERT_LT(place + 2, calls.size());
         EXPECT_EQ(calls.at(place + 2), "fsync") << "after the mode";
     }
 }

@@ -14,7 +14,7 @@ protected:
     /// else than Common::Error for that.
     void unpackWithoutVerdict(const fs::path& file) const {
         // For failed reads whose reason the interface of a library does not give: libpkgverify's twice,
-        // librpm's when the same place can be read again. Without memory the text says so, whatever the code.
+        // librpm's when the same place can be read again.
         const auto librariesOwn = {
             "couldn't open file for reading cmses", "package is signed with a non-legal key",
             "couldn't read payload of rpm package: ", "couldn't read content from rpm package"};
@@ -22,8 +22,7 @@ protected:
             Package::fromFile(file, authorities).extract(file, destination, [](auto&&...) { return 0; });
         } catch (const Common::Error& error) {
             const std::string text = error.what();
-            const bool isFault = error.code() == ErrorCode::Filesystem ||
-                                 error.code() == ErrorCode::Internal || text.ends_with("std::bad_alloc");
+            const bool isFault = error.code() == ErrorCode::Filesystem || error.code() == ErrorCode::Internal;
             if (!isFault && std::none_of(librariesOwn.begin(), librariesOwn.end(),
                                          [&](const char* message) { return text.starts_with(message); })) {
                 throw std::runtime_error("a verdict: " + text);
