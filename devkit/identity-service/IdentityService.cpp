@@ -53,6 +53,7 @@ IdentityService::~IdentityService() {
 }
 
 void IdentityService::identifyByBusName(Identity result, const std::string& busName) {
+    // The bus repeats the name in its error, which a long text makes longer than the bus library accepts.
     withBusErrors(failed, [&] {
         if (sd_bus_service_name_is_valid(busName.c_str()) <= 0) {
             throw sdbus::Error(failed, "not a bus name");
