@@ -143,8 +143,8 @@ private:
     }
 
     [[nodiscard]] bool hasGoodArguments() {
-        const bool readsDatabase = command_ == check || command_ == files || command_ == owner ||
-                                   command_ == size || command_ == verify;
+        const bool readsDatabase =
+            app_.get_subcommands().front()->get_option_no_throw("--configuration") != nullptr;
         if (readsDatabase && request_.image.empty()) {
             if (const auto problem = problemOfEnvironment(); !problem.empty()) {
                 printFailure(request_.format, {}, problem);
