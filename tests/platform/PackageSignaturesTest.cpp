@@ -289,7 +289,7 @@ TEST_F(SignedPackages, AreVerifiedAsTheFileThatWasOpened) {
 }
 
 TEST_F(SignedPackages, AreStillReadByRpmsTools) {
-    for (const auto* payload : {"w9.gzdio", "w6.xzdio", "w3.zstdio", "w9.bzdio"}) {
+    for (const auto* payload : {"w9.gzdio", "w6.xzdio", "w6.lzdio", "w3.zstdio", "w9.bzdio"}) {
         const auto plain =
             buildPackage(scratch.path() / payload,
                          {.files = {{"/usr/bin/tool", std::string(100'000, 'x')}}, .payload = payload});

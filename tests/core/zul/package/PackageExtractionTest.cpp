@@ -89,7 +89,7 @@ TEST_P(Payloads, AreUnpackedAsTheUsualToolsDo) {
 }
 
 INSTANTIATE_TEST_SUITE_P(OfEveryCompressor, Payloads,
-                         testing::Values("w3.gzdio", "w1.xzdio", "w3.zstdio", "w1.bzdio"));
+                         testing::Values("w3.gzdio", "w1.xzdio", "w1.lzdio", "w3.zstdio", "w1.bzdio"));
 
 TEST(APackagePath, InvertsTheMappingRules) {
     const PackagePath paths({"com.example.app", "1", "org.example", "tool"});
