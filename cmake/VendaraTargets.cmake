@@ -21,6 +21,8 @@ endif()
 add_library(vendara-options INTERFACE)
 target_compile_options(vendara-options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast
     -Wconversion -Wsign-conversion
+    # g++ 12 warns without cause of texts joined with "+".
+    $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>>:-Wno-restrict>
     $<$<BOOL:${VENDARA_WERROR}>:-Werror>)
 target_include_directories(vendara-options INTERFACE ${PROJECT_SOURCE_DIR})
 if(VENDARA_SANITIZE)
