@@ -198,13 +198,23 @@ void Database::placeNext(const PackageIdentity& package, const PackageData& entr
     // The lists are added now: completion and recovery then need no disk space for them.
     static_cast<void>(stage(package, entries, extracted, directory.listHolders()));
     const auto version = moveToVersionedDirectory(package, extracted);
+    const auto former = directory.versionOf(directory.next());
     try {
         Common::replaceLink(directory.next(), version);
     } catch (const Error& error) {
         Common::logError() << error;
         throw Error(ErrorCode::Filesystem, "couldn't create next directory: " + directory.next().native());
     }
-    Common::flushDirectory(directory.path());
+    try {
+        Common::flushDirectory(directory.path());
+    } catch (...) {
+        // Recovery would complete an upgrade that was reported as failed.
+        Common::guarded("couldn't put back the prepared upgrade", [&] {
+            former.empty() ? Common::removeTree(directory.next())
+                           : Common::replaceLink(directory.next(), former);
+        });
+        throw;
+    }
 }
 
 bool Database::installFile(const Package& package, const fs::path& file, const AttributeWriter& attributes,

@@ -203,6 +203,9 @@ void loseNothing(const Operation& operation, bool isCopying,
         DatabaseOnDisk disk;
         EXPECT_EQ(runInChild([&] { prepare(disk); }), End::Finished);
         const auto [end, wasMet] = runWithFault(point, fault, [&] { runStrictly(operation, disk, package); });
+        if (end == End::Failed && !fault.isPersistent && operation.run == prepareUpgrade) {
+            EXPECT_NE(Common::linkTarget(disk.root / id / "next").value_or("").filename(), package.version());
+        }
         const bool isDone = end == End::Finished && operation.run != refuseInstall;
         checkAfterRestart(disk, isDone ? operation.after.substr(operation.after.size() - 1) : operation.after,
                           isCopying);
