@@ -36,6 +36,10 @@ Controller::Controller(Common::BusConnection& session)
     zul_.addPackageRemovedHandler([this](const std::string& packageId) {
         loop_.spawn("couldn't check the awaiting upgrades", checkUpgrades(packageId));
     });
+    // The package manager may be recovering: it then completes the upgrade without a signal.
+    launchControl_.setRestartHandler([this](const std::string& packageId) {
+        loop_.spawn("couldn't check the awaiting upgrades", checkUpgrades(packageId));
+    });
     zul_.setAppearedHandler([this] { loop_.spawn("couldn't check the awaiting upgrades", checkUpgrades()); });
 }
 
@@ -271,10 +275,8 @@ void Controller::doubt(const std::optional<std::string>& packageId) {
 }
 
 // After a restart the package manager may have completed or discarded an upgrade without a signal. A removed
-// package may be installed again already. Queries the package list until it succeeds, and again if in the
-// meantime there are new doubts, an upgrade is no longer prepared or the disk could not be read.
+// package may be installed again already.
 asio::awaitable<void> Controller::checkUpgrades(std::optional<std::string> packageId) {
-    using std::chrono::seconds;
     doubt(packageId);
     if (std::exchange(isChecking_, true)) {
         if (doubted_) {
@@ -282,6 +284,20 @@ asio::awaitable<void> Controller::checkUpgrades(std::optional<std::string> packa
         }
         co_return;
     }
+    try {
+        co_await settleDoubts();
+    } catch (...) {
+        isChecking_ = false; // the next doubt starts the check again
+        throw;
+    }
+    isChecking_ = false;
+    inDoubt_.clear();
+}
+
+// Queries the package list until it succeeds, and again if in the meantime there are new doubts, an upgrade
+// is no longer prepared or the disk could not be read.
+asio::awaitable<void> Controller::settleDoubts() {
+    using std::chrono::seconds;
     for (seconds pause{1}; isCheckDue_ && !packagesInDoubt().empty();) {
         isCheckDue_ = false;
         try {
@@ -294,7 +310,7 @@ asio::awaitable<void> Controller::checkUpgrades(std::optional<std::string> packa
                     settle(id, *packages);
                 }
             }
-            if (notPrepared(/*isUnknownIncluded=*/true).empty()) {
+            if (isCheckDue_ || notPrepared(/*isUnknownIncluded=*/true).empty()) {
                 continue;
             }
             // It recovers after it took its name, or completes an upgrade now: its list may be an older one.
@@ -306,8 +322,6 @@ asio::awaitable<void> Controller::checkUpgrades(std::optional<std::string> packa
         pause = isAnew ? seconds(1) : std::min(pause * 2, seconds(30));
         isCheckDue_ = true;
     }
-    isChecking_ = false;
-    inDoubt_.clear();
 }
 
 std::set<std::string> Controller::packagesInDoubt() const {

@@ -83,6 +83,7 @@ private:
     void packageUpgraded(const Common::PackageProperties& package, bool isAnew);
     void doubt(const std::optional<std::string>& packageId);
     asio::awaitable<void> checkUpgrades(std::optional<std::string> packageId = {});
+    asio::awaitable<void> settleDoubts();
     [[nodiscard]] std::set<std::string> packagesInDoubt() const;
     [[nodiscard]] std::set<std::string> notPrepared(bool isUnknownIncluded);
     void settle(const std::string& packageId, const std::vector<Common::PackageProperties>& packages);

@@ -49,6 +49,9 @@ asio::awaitable<void> LaunchControl::restartApplication(std::string packageId, C
         Common::logWarning() << "dropped the oldest of too many restarts: " << waiting.front();
         waiting.pop_front();
     }
+    if (&waiting == &afterUpgrade_) {
+        handler_(packageId);
+    }
     try {
         co_await control_.call<>(Peer::terminate, Common::remainingUntil(deadline), packageId);
     } catch (const sdbus::Error& error) {

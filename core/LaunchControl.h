@@ -5,6 +5,7 @@
 #include "core/zul/DatabaseLocation.h"
 
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -31,6 +32,9 @@ public:
     /// anything else is done, when the package database cannot be searched.
     [[nodiscard]] asio::awaitable<void> restartApplication(std::string packageId, Common::TimePoint deadline);
 
+    /// The handler is called with the package when a restart begins to wait for an upgrade.
+    void setRestartHandler(std::function<void(const std::string&)> handler) { handler_ = std::move(handler); }
+
     /// Starts the application if its restart waits for this upgrade.
     void packageUpgraded(const std::string& packageId);
 
@@ -56,6 +60,7 @@ private:
     std::optional<ZUL::DatabaseLocation> database_;
     Restarts afterTermination_;
     Restarts afterUpgrade_;
+    std::function<void(const std::string&)> handler_;
     Common::SignalSource signals_;
     Common::RemoteObject intents_;
     Common::RemoteObject control_;

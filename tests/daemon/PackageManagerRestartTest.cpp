@@ -99,6 +99,12 @@ TEST_F(ARestartOfThePackageManager, EndsRestartsWhoseUpgradeWasNotSignalled) {
     std::filesystem::remove(next());
     zul.restart();
     EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
+    std::filesystem::create_directories(next());
+    zul.hold("GetPackageList"); // it recovers
+    EXPECT_EQ(client.errorOf("Restart", "com.example.app"), "");
+    std::filesystem::remove(next());
+    zul.releaseCalls();
+    EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 2));
 }
 
 TEST_F(ARestartOfThePackageManager, IsCheckedAgainAfterTheDiskCouldNotBeRead) {
