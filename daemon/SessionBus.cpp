@@ -66,7 +66,7 @@ void waitForName(sdbus::IConnection& connection) {
             pollfd socket{connection.getEventLoopPollData().fd, POLLIN, 0};
             if (poll(&socket, 1, usualLimit) == 0) {
                 const auto owner = BusConnection::ask<std::string>(connection, "GetNameOwner", name);
-                if (owner != std::exchange(loggedOwner, owner)) {
+                if (owner != connection.getUniqueName() && owner != std::exchange(loggedOwner, owner)) {
                     Common::logWarning()
                         << "waiting for the name " << name << ", which is owned by " << owner;
                 }
