@@ -212,6 +212,7 @@ void Database::placeNext(const PackageIdentity& package, const PackageData& entr
         Common::guarded("couldn't put back the prepared upgrade", [&] {
             former.empty() ? Common::removeTree(directory.next())
                            : Common::replaceLink(directory.next(), former);
+            Common::flushDirectory(directory.path());
         });
         throw;
     }
