@@ -36,9 +36,13 @@ Controller::Controller(Common::BusConnection& session)
     zul_.addPackageRemovedHandler([this](const std::string& packageId) {
         loop_.spawn("couldn't check the awaiting upgrades", checkUpgrades(packageId));
     });
-    // The package manager may be recovering: it then completes the upgrade without a signal.
     launchControl_.setRestartHandler([this](const std::string& packageId) {
-        loop_.spawn("couldn't check the awaiting upgrades", checkUpgrades(packageId));
+        // While it recovers, it completes upgrades without a signal.
+        if (!zul_.hasListedPackages()) {
+            inDoubt_.insert(packageId);
+            isCheckDue_ = true;
+            loop_.spawn("couldn't check the awaiting upgrades", checkDoubts());
+        }
     });
     zul_.setAppearedHandler([this] { loop_.spawn("couldn't check the awaiting upgrades", checkUpgrades()); });
 }
@@ -278,6 +282,10 @@ void Controller::doubt(const std::optional<std::string>& packageId) {
 // package may be installed again already.
 asio::awaitable<void> Controller::checkUpgrades(std::optional<std::string> packageId) {
     doubt(packageId);
+    co_await checkDoubts();
+}
+
+asio::awaitable<void> Controller::checkDoubts() {
     if (std::exchange(isChecking_, true)) {
         if (doubted_) {
             doubted_->set();
@@ -310,12 +318,15 @@ asio::awaitable<void> Controller::settleDoubts() {
                     settle(id, *packages);
                 }
             }
-            if (isCheckDue_ || notPrepared(/*isUnknownIncluded=*/true).empty()) {
+            if (notPrepared(/*isUnknownIncluded=*/true).empty()) {
                 continue;
             }
             // It recovers after it took its name, or completes an upgrade now: its list may be an older one.
         } catch (const std::exception& error) {
             Common::logFailure(Common::LogLevel::Warning, "couldn't check the awaiting upgrades", error);
+        }
+        if (isCheckDue_) { // new doubts
+            pause = seconds(1);
         }
         const auto doubted = doubted_ = std::make_shared<Common::Event>(loop_.context());
         const bool isAnew = co_await doubted->wait(Common::TimePoint::clock::now() + pause);

@@ -83,6 +83,7 @@ private:
     void packageUpgraded(const Common::PackageProperties& package, bool isAnew);
     void doubt(const std::optional<std::string>& packageId);
     asio::awaitable<void> checkUpgrades(std::optional<std::string> packageId = {});
+    asio::awaitable<void> checkDoubts();
     asio::awaitable<void> settleDoubts();
     [[nodiscard]] std::set<std::string> packagesInDoubt() const;
     [[nodiscard]] std::set<std::string> notPrepared(bool isUnknownIncluded);
@@ -101,7 +102,7 @@ private:
     std::shared_ptr<Common::Event> doubted_; // ends the pause before that
     std::list<Operation> awaiting_;
     // The ids of awaiting operations, and the packages of restarts that wait for an upgrade, whose package
-    // was removed or whose package manager has restarted since.
+    // was removed or whose package manager has restarted since, or had not listed its packages by then.
     std::set<std::string> inDoubt_;
     std::unordered_map<std::string, Operation> ended_;    // by id, not reported
     std::unordered_map<std::string, std::size_t> counts_; // by application, of all operations above

@@ -130,6 +130,7 @@ asio::awaitable<void> ZulProxy::listPackages(std::shared_ptr<ListCall> call) {
     try {
         auto [packages] = co_await service_.call<Packages>(Peer::getPackageList, Common::defaultTimeout);
         call->packages = std::make_shared<const Packages>(std::move(packages));
+        hasListedPackages_ = true;
     } catch (const sdbus::Error& error) {
         call->failure = std::make_exception_ptr(converted(error));
     } catch (...) {
@@ -159,6 +160,7 @@ std::unique_ptr<Common::SignalSource> ZulProxy::subscribe() {
 }
 
 void ZulProxy::appear() {
+    hasListedPackages_ = false;
     if (appeared_) {
         appeared_();
     }

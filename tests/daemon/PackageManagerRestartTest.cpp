@@ -100,11 +100,13 @@ TEST_F(ARestartOfThePackageManager, EndsRestartsWhoseUpgradeWasNotSignalled) {
     zul.restart();
     EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 1));
     std::filesystem::create_directories(next());
+    zul.restart();
+    EXPECT_EQ(client.errorOf("Start", "a"), "");
     zul.hold("GetPackageList"); // it recovers
     EXPECT_EQ(client.errorOf("Restart", "com.example.app"), "");
     std::filesystem::remove(next());
     zul.releaseCalls();
-    EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 2));
+    EXPECT_TRUE(runtime.waitForCalls("InvokeIntent", 3));
 }
 
 TEST_F(ARestartOfThePackageManager, IsCheckedAgainAfterTheDiskCouldNotBeRead) {
