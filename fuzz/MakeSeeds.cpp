@@ -47,7 +47,7 @@ void makeSeeds(const std::filesystem::path& directory) {
 }
 
 void makePackageSeeds(const std::filesystem::path& directory) {
-    for (const std::string payload : {"w9.gzdio", "w1.xzdio", "w3.zstdio", "w1.bzdio"}) {
+    for (const std::string payload : {"w9.gzdio", "w1.xzdio", "w1.lzdio", "w3.zstdio", "w1.bzdio"}) {
         static_cast<void>(Testbed::buildPackage(
             directory / "fuzz-package-file",
             {.release = payload.substr(3),
