@@ -37,8 +37,8 @@ Controller::Controller(Common::BusConnection& session)
         loop_.spawn("couldn't check the awaiting upgrades", checkUpgrades(packageId));
     });
     launchControl_.setRestartHandler([this](const std::string& packageId) {
-        // While it recovers, it completes upgrades without a signal.
-        if (!zul_.hasListedPackages()) {
+        // While the package manager recovers, it completes upgrades without a signal.
+        if (zul_.mayBeRecovering()) {
             inDoubt_.insert(packageId);
             isCheckDue_ = true;
             loop_.spawn("couldn't check the awaiting upgrades", checkDoubts());

@@ -102,7 +102,7 @@ private:
     std::shared_ptr<Common::Event> doubted_; // ends the pause before that
     std::list<Operation> awaiting_;
     // The ids of awaiting operations, and the packages of restarts that wait for an upgrade, whose package
-    // was removed or whose package manager has restarted since, or had not listed its packages by then.
+    // was removed or whose package manager has restarted since, or may have been recovering.
     std::set<std::string> inDoubt_;
     std::unordered_map<std::string, Operation> ended_;    // by id, not reported
     std::unordered_map<std::string, std::size_t> counts_; // by application, of all operations above

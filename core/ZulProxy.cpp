@@ -127,10 +127,11 @@ asio::awaitable<void> ZulProxy::callOperation(std::string method, Arguments... a
 
 asio::awaitable<void> ZulProxy::listPackages(std::shared_ptr<ListCall> call) {
     using Packages = std::vector<Common::PackageProperties>;
+    const auto asked = signals_ ? signals_->owner() : std::string();
     try {
         auto [packages] = co_await service_.call<Packages>(Peer::getPackageList, Common::defaultTimeout);
         call->packages = std::make_shared<const Packages>(std::move(packages));
-        hasListedPackages_ = true;
+        recovered_ = asked;
     } catch (const sdbus::Error& error) {
         call->failure = std::make_exception_ptr(converted(error));
     } catch (...) {
@@ -160,7 +161,7 @@ std::unique_ptr<Common::SignalSource> ZulProxy::subscribe() {
 }
 
 void ZulProxy::appear() {
-    hasListedPackages_ = false;
+    recovered_.clear();
     if (appeared_) {
         appeared_();
     }

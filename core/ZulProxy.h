@@ -37,8 +37,10 @@ public:
     /// The handler is called when the service has started again or may have started again.
     void setAppearedHandler(std::function<void()> handler) { appeared_ = std::move(handler); }
 
-    /// Whether the service has returned its packages since it appeared: then it has recovered.
-    [[nodiscard]] bool hasListedPackages() const { return hasListedPackages_; }
+    /// Whether the service runs and has not returned its packages yet.
+    [[nodiscard]] bool mayBeRecovering() const {
+        return signals_ && signals_->hasOwner() && signals_->owner() != recovered_;
+    }
 
     /// Installs a package file, or prepares an upgrade from it; takes up to 900 s.
     /// Throws, as remove() and getPackageList(), Common::Error with the code of the service's error name and
@@ -68,7 +70,7 @@ private:
     std::vector<PackageHandler> upgraded_;
     std::vector<PackageIdHandler> removed_;
     std::function<void()> appeared_;
-    bool hasListedPackages_ = false;
+    std::string recovered_; // owner of the service's name that has returned its packages
     std::size_t listCalls_ = 0;
     std::shared_ptr<ListCall> nextList_; // sent when a pending one has ended
     Common::BusConnection connection_;
